@@ -1,0 +1,27 @@
+# Warnings, sanitizers, ccache and source positions: one place for every target of ours.
+
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+endif()
+
+# Log lines name source files relative to the repository, wherever it was built.
+add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
+
+# Debian's compiler does this by default, but not when it links a sanitizer.
+add_link_options(-Wl,--as-needed)
+
+if(RFID_SANITIZE)
+  add_compile_options(-fsanitize=${RFID_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${RFID_SANITIZE})
+  if(RFID_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+
+# Every target of ours but the generated code links this.
+add_library(rfid_warnings INTERFACE)
+target_compile_options(rfid_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+if(RFID_WERROR)
+  target_compile_options(rfid_warnings INTERFACE -Werror)
+endif()

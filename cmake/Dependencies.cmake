@@ -1,0 +1,8 @@
+find_package(Threads REQUIRED)
+find_package(fmt CONFIG REQUIRED)
+find_package(spdlog CONFIG REQUIRED)
+find_package(jsoncpp CONFIG REQUIRED)
+find_package(Protobuf REQUIRED)
+find_package(gRPC CONFIG REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(NL REQUIRED IMPORTED_TARGET libnl-3.0>=3.7 libnl-genl-3.0>=3.7)

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "framework/rpc.h"
+#include "ipc/diagnostics.pb.h"
+
+/// One entry of the catalogue of diagnostics signals.
+template <typename T>
+struct CSignalDefinition {
+  ipc::ESignalIdentifier id;
+  const char* name;
+  T defaultValue;
+  const char* unit;
+};
+
+/// The catalogue's entries that this daemon publishes.
+namespace SignalCatalogue {
+extern const CSignalDefinition<std::string> RfidState;
+extern const CSignalDefinition<std::string> RfidLastUid;
+extern const CSignalDefinition<std::string> RfidLastTechnology;
+extern const CSignalDefinition<std::string> UserInteraction;
+}  // namespace SignalCatalogue
+
+/// Where published values go. Deliver is called on the publisher's thread, one value at a time; false says
+/// that the peer cannot be reached now and the value has to come again.
+class IDiagnosticsTransport {
+ public:
+  virtual ~IDiagnosticsTransport() = default;
+  virtual bool Deliver(const ipc::MSignal& signal) = 0;
+
+  /// Asked about once a second on the same thread while nothing is to be delivered: false says that the peer has gone
+  /// since the last delivery, so that everything has to come again.
+  virtual bool IsReachable() { return true; }
+
+  /// Makes a Deliver in progress, and any later one, return soon. From another thread.
+  virtual void Cancel() {}
+};
+
+/// Sends the values of all signals to the diagnostics peer, from a thread of its own.
+///
+/// Values go out in the order in which they were sent. While the peer cannot be reached they are coalesced to
+/// the latest of each signal, and the latest of every signal is sent again when it comes back.
+class CDiagnosticsCommClient {
+ public:
+  /// Begins to deliver through the host's "Diagnostics" peer; without such a peer in the configuration file
+  /// values are kept and a line says so.
+  static void Initialize(AppCommunicationHost<GrpcBackend>& host);
+  static void Initialize(std::shared_ptr<IDiagnosticsTransport> transport);
+
+  /// Stops delivering and joins the thread; values still waiting get one short chance. Signals may go on
+  /// sending.
+  static void Terminate();
+};
+
+/// A published value. Sending never blocks and never throws, from any thread, before Initialize and after
+/// Terminate too.
+template <typename T>
+class CDiagnosticsSignal;
+
+template <>
+class CDiagnosticsSignal<std::string> {
+ public:
+  /// The definition is kept by address and must outlive the signal. The default is not sent by itself.
+  explicit CDiagnosticsSignal(const CSignalDefinition<std::string>* definition);
+
+  void Send() noexcept;  ///< sends the current value (the default at first) again
+  void Send(const std::string& value) noexcept;
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> mImpl;
+};

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "framework/interfaces.h"
+
+namespace Rpc {
+
+/// Takes the RPC framework's own log output. Called from any thread.
+class ILogger {
+ public:
+  virtual ~ILogger() = default;
+  virtual void Critical(const std::string& message) = 0;
+  virtual void Error(const std::string& message) = 0;
+  virtual void Warning(const std::string& message) = 0;
+  virtual void Info(const std::string& message) = 0;
+  virtual void Debug(const std::string& message) = 0;
+  virtual void Trace(const std::string& message) = 0;
+};
+
+/// A call to a peer failed: not reachable, timed out, refused. what() names the peer, the operation and the
+/// reason.
+class CommunicationException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// The RPC configuration file cannot be used. what() names the file, the key and the reason.
+class ConfigurationException : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+}  // namespace Rpc
+
+/// Handle on a service added to the host. The host keeps the service alive itself: this may be dropped at
+/// once.
+class IServer {
+ public:
+  virtual ~IServer() = default;
+};
+
+/// Handle on a client of a peer's service. The interface it gives out lives on by itself.
+template <typename Interface>
+class IClient {
+ public:
+  virtual ~IClient() = default;
+  /// How long a call waits for an absent peer to come into reach, and how long for its answer, in seconds.
+  /// A peer that is known to be absent fails a call at once.
+  virtual void SetConnectTimeout(int seconds) = 0;
+  virtual void SetCallTimeout(int seconds) = 0;
+  virtual std::shared_ptr<Interface> GetInterface() = 0;
+};
+
+/// The RPC host on gRPC: serves this daemon's services on one address and reaches its peers.
+///
+/// Life: construct, AddService for every service, StartServices, then RunServer and HandleClientNotifications
+/// each on a thread of its own, Stop from any other thread, join the two, destroy. The registered name of a
+/// service is the authority (the HTTP/2 ":authority") that a client asks for, so two services of one
+/// interface may be offered under two names.
+class GrpcBackend {
+ public:
+  /// Reads and validates the configuration file as a whole and takes no other resource.
+  /// Throws Rpc::ConfigurationException. Sets the place of the configuration sections (HubConfig).
+  explicit GrpcBackend(const std::string& configPath);
+  virtual ~GrpcBackend();
+  GrpcBackend(const GrpcBackend&) = delete;
+  GrpcBackend& operator=(const GrpcBackend&) = delete;
+
+  /// Where the framework's log output goes. The logger is kept for the life of the process.
+  static void SetLogger(std::shared_ptr<Rpc::ILogger> logger);
+
+  /// Takes the address and begins to accept requests. Throws Rpc::ConfigurationException when the address
+  /// cannot be had: in use by a living instance, not permitted, not loopback.
+  void StartServices();
+
+  /// Blocks until Stop, then until the last request has been answered (a second at most).
+  void RunServer();
+
+  /// Delivers notifications to subscribers; blocks until Stop.
+  void HandleClientNotifications();
+
+  /// Ends everything: new requests are refused, waiting ones are answered UNAVAILABLE, streams end. Returns
+  /// within a second, also when a request's handler never returns. Callable once or more, from any thread.
+  void Stop();
+
+ protected:
+  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<IGenericControl> service);
+  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<IRfid> service);
+  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<ILogConfig> service);
+  void Create(const std::string& name, std::shared_ptr<IClient<IFeedback>>& client);
+
+ private:
+  friend class CDiagnosticsCommClient;
+  class Impl;
+  std::unique_ptr<Impl> mImpl;
+};
+
+/// The application's view of the RPC host.
+template <typename Backend>
+class AppCommunicationHost : public Backend {
+ public:
+  using Backend::Backend;
+
+  /// Adds a service under a name and installs its Send* members. Before StartServices only.
+  template <typename Interface>
+  std::shared_ptr<IServer> AddService(const std::string& name, std::shared_ptr<Interface> service) {
+    return this->Add(name, std::move(service));
+  }
+
+  /// A client of the peer with this name. The peer need not be there, nor stay there.
+  /// Throws Rpc::ConfigurationException when the configuration file does not say where the peer listens.
+  template <typename Interface>
+  std::shared_ptr<IClient<Interface>> CreateClient(const std::string& name) {
+    std::shared_ptr<IClient<Interface>> client;
+    this->Create(name, client);
+    return client;
+  }
+};

@@ -1,0 +1,245 @@
+#include "framework/diagnostics.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "framework/thread.h"
+#include "rpcclients.h"
+#include "rpchost.h"
+#include "rpclogging.h"
+#include "utf8.h"
+
+namespace {
+
+constexpr std::chrono::seconds kRetryPeriod{1};
+constexpr std::size_t kQueueBound = 256;
+// How long Terminate waits for values on their way, and then for the transport to give in.
+constexpr std::chrono::milliseconds kFlushGrace{300};
+constexpr std::chrono::milliseconds kCancelGrace{150};
+
+/// Everything that signals and the delivering thread share: what was sent last on every signal, and what is
+/// on its way.
+class Publisher {
+ public:
+  // Never destroyed: signals may go on sending while the process exits.
+  static Publisher& Instance() {
+    static auto* const publisher = new Publisher;
+    return *publisher;
+  }
+
+  void Send(ipc::MSignal signal) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mLatest[signal.id()] = {mNextNumber++, signal};
+    if (mSession && mSession->present) {
+      mSession->queue.push_back(std::move(signal));
+      if (mSession->queue.size() > kQueueBound) {
+        QueueLatest(*mSession);  // a peer that cannot keep up gets what counts
+      }
+      mSession->wake.notify_all();
+    }
+  }
+
+  void Start(std::shared_ptr<IDiagnosticsTransport> transport) {
+    const std::lock_guard<std::mutex> life(mLifeMutex);
+    End();
+    auto session = std::make_shared<Session>();
+    session->transport = std::move(transport);
+    {
+      const std::lock_guard<std::mutex> lock(mMutex);
+      QueueLatest(*session);
+      mSession = session;
+    }
+    mThread = std::thread([this, session] { Deliver(*session); });
+  }
+
+  void Stop() {
+    const std::lock_guard<std::mutex> life(mLifeMutex);
+    End();
+  }
+
+ private:
+  struct Session {
+    std::shared_ptr<IDiagnosticsTransport> transport;
+    std::condition_variable wake;
+    std::condition_variable endedWake;
+    std::deque<ipc::MSignal> queue;
+    bool present = true;  // the peer is not known to be absent: values go through the queue
+    bool stopping = false;
+    bool cutOff = false;
+    bool ended = false;
+  };
+
+  void QueueLatest(Session& session) const {
+    std::vector<const Latest*> latest;
+    for (const auto& [id, entry] : mLatest) {
+      latest.push_back(&entry);
+    }
+    std::sort(latest.begin(), latest.end(), [](auto* a, auto* b) { return a->number < b->number; });
+    session.queue.clear();
+    for (const Latest* entry : latest) {
+      session.queue.push_back(entry->signal);
+    }
+  }
+
+  void End() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    const std::shared_ptr<Session> session = std::move(mSession);
+    mSession.reset();
+    if (!session) {
+      return;
+    }
+    session->stopping = true;
+    session->wake.notify_all();
+    const auto hasEnded = [&] { return session->ended; };
+    bool ended = session->endedWake.wait_for(lock, kFlushGrace, hasEnded);
+    if (!ended) {
+      session->cutOff = true;
+      lock.unlock();
+      session->transport->Cancel();
+      lock.lock();
+      ended = session->endedWake.wait_for(lock, kCancelGrace, hasEnded);
+    }
+    lock.unlock();
+    if (ended) {
+      mThread.join();
+    } else {
+      RpcLogging::Error("Diagnostics: the delivery of a value does not end; its thread is left behind");
+      mThread.detach();
+    }
+  }
+
+  // The delivering thread.
+  void Deliver(Session& session) {
+    SetThreadName("diagnostics");
+    std::unique_lock<std::mutex> lock(mMutex);
+    while (!session.cutOff) {
+      if (!session.present) {
+        if (session.wake.wait_for(lock, kRetryPeriod, [&] { return session.stopping; })) {
+          break;
+        }
+        session.present = true;
+        QueueLatest(session);
+      }
+      bool reached = true;
+      if (!session.queue.empty()) {
+        const ipc::MSignal signal = std::move(session.queue.front());
+        session.queue.pop_front();
+        lock.unlock();
+        reached = TryDeliver(*session.transport, signal);
+        lock.lock();
+      } else if (session.stopping) {
+        break;
+      } else if (!session.wake.wait_for(lock, kRetryPeriod,
+                                        [&] { return session.stopping || !session.queue.empty(); })) {
+        lock.unlock();
+        reached = session.transport->IsReachable();
+        lock.lock();
+      }
+      if (!reached) {
+        session.present = false;
+        session.queue.clear();
+      }
+    }
+    session.ended = true;
+    session.endedWake.notify_all();
+  }
+
+  static bool TryDeliver(IDiagnosticsTransport& transport, const ipc::MSignal& signal) {
+    try {
+      return transport.Deliver(signal);
+    } catch (const std::exception& e) {
+      RpcLogging::Error("Diagnostics: the signal '" + signal.name() + "' cannot be delivered: " + e.what());
+      return false;
+    }
+  }
+
+  struct Latest {
+    std::uint64_t number = 0;
+    ipc::MSignal signal;
+  };
+
+  std::mutex mLifeMutex;  // Start and Stop, one at a time; guards mThread
+  std::thread mThread;
+  std::mutex mMutex;  // guards the rest, sessions included
+  std::map<int, Latest> mLatest;
+  std::uint64_t mNextNumber = 0;
+  std::shared_ptr<Session> mSession;
+};
+
+}  // namespace
+
+void CDiagnosticsCommClient::Initialize(AppCommunicationHost<GrpcBackend>& host) {
+  static const char* const peer = "Diagnostics";
+  GrpcBackend& backend = host;
+  std::string address;
+  try {
+    address = backend.mImpl->PeerAddress(peer);
+  } catch (const Rpc::ConfigurationException& e) {
+    RpcLogging::Warning(std::string("Diagnostics values are not published: ") + e.what());
+    return;
+  }
+  Initialize(CreateDiagnosticsTransport(peer, address));
+}
+
+void CDiagnosticsCommClient::Initialize(std::shared_ptr<IDiagnosticsTransport> transport) {
+  Publisher::Instance().Start(std::move(transport));
+}
+
+void CDiagnosticsCommClient::Terminate() {
+  Publisher::Instance().Stop();
+}
+
+class CDiagnosticsSignal<std::string>::Impl {
+ public:
+  explicit Impl(const CSignalDefinition<std::string>* definition)
+      : mDefinition(definition), mValue(definition->defaultValue) {}
+
+  // The lock is held until the value is with the publisher, so that values go out in the order they were
+  // taken in.
+  void Send(const std::string* value) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (value != nullptr) {
+      mValue = *value;
+    }
+    ipc::MSignal signal;
+    signal.set_id(mDefinition->id);
+    signal.set_name(mDefinition->name);
+    signal.set_value(ValidUtf8(mValue));
+    signal.set_unit(mDefinition->unit);
+    Publisher::Instance().Send(std::move(signal));
+  }
+
+  void SendNoThrow(const std::string* value) noexcept {
+    try {
+      Send(value);
+    } catch (const std::exception& e) {
+      RpcLogging::Error(e.what());
+    }
+  }
+
+ private:
+  const CSignalDefinition<std::string>* const mDefinition;
+  std::mutex mMutex;
+  std::string mValue;
+};
+
+CDiagnosticsSignal<std::string>::CDiagnosticsSignal(const CSignalDefinition<std::string>* definition)
+    : mImpl(std::make_shared<Impl>(definition)) {}
+
+void CDiagnosticsSignal<std::string>::Send() noexcept {
+  mImpl->SendNoThrow(nullptr);
+}
+
+void CDiagnosticsSignal<std::string>::Send(const std::string& value) noexcept {
+  mImpl->SendNoThrow(&value);
+}

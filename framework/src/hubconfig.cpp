@@ -1,0 +1,255 @@
+#include "framework/hubconfig.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <system_error>
+
+#include "framework/log.h"
+#include "strictjson.h"
+
+namespace {
+
+constexpr std::size_t cLargestFile = 1024 * 1024;
+
+std::mutex gStoreMutex;
+std::string gStore;
+
+/// What tells one state of a file from another; a file that is not there (or not to be had) is a state, too.
+/// The change time counts as well, so that a file made readable, or overwritten by a copy that keeps the old
+/// time, is seen.
+struct FileState {
+  int error = 0;  ///< errno when there is no file to look at; the rest is empty then
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  time_t modified = 0;
+  long modifiedNs = 0;
+  time_t changed = 0;
+  long changedNs = 0;
+
+  bool operator==(const FileState&) const = default;
+};
+
+FileState ToFileState(const struct stat& data) {
+  return {0,
+          data.st_dev,
+          data.st_ino,
+          data.st_size,
+          data.st_mtim.tv_sec,
+          data.st_mtim.tv_nsec,
+          data.st_ctim.tv_sec,
+          data.st_ctim.tv_nsec};
+}
+
+FileState StatFile(const std::string& path) {
+  struct stat data {};
+  FileState state;
+  if (stat(path.c_str(), &data) != 0) {
+    state.error = errno;
+    return state;
+  }
+  return ToFileState(data);
+}
+
+std::string ErrorText(int error) {
+  return std::generic_category().message(error);
+}
+
+/// An open file, closed at the end.
+class ReadableFile {
+ public:
+  /// Does not wait for the writer of a pipe that stands where the file should be.
+  explicit ReadableFile(const std::string& path)
+      : mDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  ~ReadableFile() {
+    if (IsOpen()) {
+      close(mDescriptor);
+    }
+  }
+  ReadableFile(const ReadableFile&) = delete;
+  ReadableFile& operator=(const ReadableFile&) = delete;
+
+  bool IsOpen() const { return mDescriptor >= 0; }
+
+  struct stat Stat() const {
+    struct stat data {};
+    if (fstat(mDescriptor, &data) != 0) {
+      throw std::runtime_error("cannot be looked at: " + ErrorText(errno));
+    }
+    return data;
+  }
+
+  std::string ReadAll() const {
+    std::string content;
+    char buffer[4096];
+    for (;;) {
+      const ssize_t count = read(mDescriptor, buffer, sizeof buffer);
+      if (count == 0) {
+        return content;
+      }
+      if (count > 0) {
+        content.append(buffer, static_cast<std::size_t>(count));
+      } else if (errno != EINTR) {
+        throw std::runtime_error("cannot be read: " + ErrorText(errno));
+      }
+      if (content.size() > cLargestFile) {
+        throw std::runtime_error(fmt::format("is larger than {} bytes", cLargestFile));
+      }
+    }
+  }
+
+ private:
+  int mDescriptor;
+};
+
+const char* TypeName(const Json::Value& value) {
+  switch (value.type()) {
+    case Json::nullValue:
+      return "null";
+    case Json::intValue:
+    case Json::uintValue:
+    case Json::realValue:
+      return "a number";
+    case Json::stringValue:
+      return "a string";
+    case Json::booleanValue:
+      return "a boolean";
+    case Json::arrayValue:
+      return "an array";
+    case Json::objectValue:
+      return "an object";
+  }
+  return "unknown";
+}
+
+}  // namespace
+
+class HubConfig::Impl {
+ public:
+  Impl(std::string section, std::string file, ChangeCallback onChange)
+      : mSection(std::move(section)), mFile(std::move(file)), mOnChange(std::move(onChange)) {}
+
+  bool IsUpdated() const { return mLoaded != StatFile(mFile); }
+
+  void Reload() {
+    try {
+      Take(Read());
+    } catch (const std::exception& e) {
+      Log::Error("Configuration section {}: {} {}. The values loaded before stay.", mSection, mFile,
+                 e.what());
+    }
+  }
+
+  const Json::Value* Find(const std::string& key) const {
+    return mValues.find(key.data(), key.data() + key.size());
+  }
+
+  bool GetBool(const std::string& key, bool defaultValue) {
+    const Json::Value* value = Find(key);
+    if (value == nullptr) {
+      return defaultValue;
+    }
+    if (!value->isBool()) {
+      if (mReportedKeys.insert(key).second) {
+        Log::Error("Configuration section {}: \"{}\" in {} is {} instead of a boolean, {} is used.", mSection,
+                   key, mFile, TypeName(*value), defaultValue);
+      }
+      return defaultValue;
+    }
+    return value->asBool();
+  }
+
+ private:
+  /// The section as the file has it. Notes the file's state before reading, so that a change in the meantime
+  /// is seen at the next look; throws with what is wrong with the file.
+  Json::Value Read() {
+    mLoaded = StatFile(mFile);
+    const ReadableFile file(mFile);
+    if (!file.IsOpen()) {
+      const int error = errno;
+      if (error == ENOENT) {
+        Log::Info("Configuration section {}: there is no {}, defaults are used.", mSection, mFile);
+        return Json::Value(Json::objectValue);
+      }
+      throw std::runtime_error("cannot be opened: " + ErrorText(error));
+    }
+    const struct stat data = file.Stat();
+    mLoaded = ToFileState(data);
+    if (!S_ISREG(data.st_mode)) {
+      throw std::runtime_error("is not a regular file");
+    }
+    const std::string content = file.ReadAll();
+    try {
+      return ParseStrictJson(content);
+    } catch (const std::exception& e) {
+      throw std::runtime_error(std::string("cannot be used: ") + e.what());
+    }
+  }
+
+  void Take(Json::Value values) {
+    mValues.swap(values);
+    mReportedKeys.clear();
+    if (!mOnChange) {
+      return;
+    }
+    try {
+      mOnChange(mSection, mValues);
+    } catch (const std::exception& e) {
+      Log::Error("Configuration section {}: taking the new values failed: {}", mSection, e.what());
+    }
+  }
+
+  const std::string mSection;
+  const std::string mFile;
+  const ChangeCallback mOnChange;
+  std::optional<FileState> mLoaded;  ///< of the last attempt; none before the first
+  Json::Value mValues{Json::objectValue};
+  std::set<std::string> mReportedKeys;  ///< keys of the wrong type that were reported since the last load
+};
+
+HubConfig::HubConfig(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
+HubConfig::~HubConfig() = default;
+
+std::shared_ptr<HubConfig> HubConfig::Create(const std::string& section, const std::string& path,
+                                             ChangeCallback onChange) {
+  std::string file;
+  {
+    const std::lock_guard lock(gStoreMutex);
+    file = gStore;
+  }
+  for (const std::string& part : {path, section + ".json"}) {
+    const auto start = part.find_first_not_of('/');
+    if (start != std::string::npos) {
+      file += "/" + part.substr(start);
+    }
+  }
+  return std::shared_ptr<HubConfig>(
+      new HubConfig(std::make_unique<Impl>(section, std::move(file), std::move(onChange))));
+}
+
+void HubConfig::SetStore(const std::string& folder) {
+  const std::lock_guard lock(gStoreMutex);
+  gStore = folder;
+}
+
+bool HubConfig::IsUpdated() const {
+  return mImpl->IsUpdated();
+}
+void HubConfig::Reload() {
+  mImpl->Reload();
+}
+
+bool HubConfig::GetBool(const std::string& key, bool defaultValue) const {
+  return mImpl->GetBool(key, defaultValue);
+}
+
+Json::Value HubConfig::GetValue(const std::string& key, const Json::Value& defaultValue) const {
+  const Json::Value* value = mImpl->Find(key);
+  return value != nullptr ? *value : defaultValue;
+}

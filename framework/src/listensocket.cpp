@@ -1,0 +1,109 @@
+#include "listensocket.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "framework/rpc.h"
+
+namespace {
+
+[[noreturn]] void Fail(const std::string& address, const std::string& reason) {
+  throw Rpc::ConfigurationException("Cannot listen on unix:" + address + ": " + reason);
+}
+
+std::string ErrorText(int code) {
+  return std::generic_category().message(code);
+}
+
+void MakeFolder(const std::string& address, const std::filesystem::path& folder) {
+  std::error_code error;
+  std::filesystem::create_directories(folder.parent_path(), error);
+  // The socket's own folder is for the daemon and its group; one that exists already is left as it is.
+  if (mkdir(folder.c_str(), 0750) != 0 && errno != EEXIST) {
+    Fail(address, "the folder " + folder.string() + " cannot be made: " + ErrorText(errno));
+  }
+}
+
+}  // namespace
+
+ListenSocket::ListenSocket(std::string path) : mPath(std::move(path)), mLockPath(mPath + ".lock") {
+  MakeFolder(mPath, std::filesystem::path(mPath).parent_path());
+  TakeLock();
+  try {
+    struct stat status {};
+    if (lstat(mPath.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
+      Fail(mPath, "there is something else of that name");
+    }
+    MakeTemporaryFolder();
+  } catch (...) {
+    unlink(mLockPath.c_str());
+    close(mLock);
+    throw;
+  }
+}
+
+ListenSocket::~ListenSocket() {
+  RemoveTemporaryFolder();
+  if (mPublished) {
+    unlink(mPath.c_str());
+  }
+  // While the lock is held nobody else can own the file of this name, so it is ours that goes.
+  unlink(mLockPath.c_str());
+  close(mLock);
+}
+
+void ListenSocket::TakeLock() {
+  for (;;) {
+    mLock = open(mLockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (mLock < 0) {
+      Fail(mPath, "the lock file " + mLockPath + " cannot be opened: " + ErrorText(errno));
+    }
+    if (flock(mLock, LOCK_EX | LOCK_NB) != 0) {
+      const int code = errno;
+      close(mLock);
+      Fail(mPath, code == EWOULDBLOCK
+                      ? "address in use by a running instance"
+                      : "the lock file " + mLockPath + " cannot be locked: " + ErrorText(code));
+    }
+    // The owner before us may have removed the file between our opening and our locking it.
+    struct stat locked {};
+    struct stat named {};
+    if (fstat(mLock, &locked) == 0 && stat(mLockPath.c_str(), &named) == 0 && locked.st_dev == named.st_dev &&
+        locked.st_ino == named.st_ino) {
+      return;
+    }
+    close(mLock);
+  }
+}
+
+void ListenSocket::MakeTemporaryFolder() {
+  std::string folder = (std::filesystem::path(mPath).parent_path() / ".XXXXXX").string();
+  if (mkdtemp(folder.data()) == nullptr) {
+    Fail(mPath, "no folder can be made beside it: " + ErrorText(errno));
+  }
+  mTemporaryFolder = folder;
+}
+
+void ListenSocket::RemoveTemporaryFolder() {
+  if (!mTemporaryFolder.empty()) {
+    unlink(TemporaryPath().c_str());
+    rmdir(mTemporaryFolder.c_str());
+    mTemporaryFolder.clear();
+  }
+}
+
+void ListenSocket::Publish() {
+  if (chmod(TemporaryPath().c_str(), 0660) != 0 || rename(TemporaryPath().c_str(), mPath.c_str()) != 0) {
+    Fail(mPath, "the socket cannot be put in place: " + ErrorText(errno));
+  }
+  mPublished = true;
+  RemoveTemporaryFolder();
+}

@@ -1,0 +1,158 @@
+#include "notificationhub.h"
+
+#include <algorithm>
+#include <utility>
+
+Subscription::Next Subscription::Take() {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  Next next;
+  if (mQueue.empty()) {
+    next.end = mEnd;
+  } else {
+    next.message = std::move(mQueue.front());
+    mQueue.pop_front();
+  }
+  return next;
+}
+
+void Subscription::End(EEnd end) {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  if (mEnd == EEnd::No) {
+    mEnd = end;
+    if (end != EEnd::Stopping) {
+      mQueue.clear();
+    }
+  }
+}
+
+void Subscription::Push(const Notification& message, std::size_t bound) {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  if (mEnd != EEnd::No) {
+    return;
+  }
+  if (mQueue.size() < bound) {
+    mQueue.push_back(message);
+  } else {
+    mEnd = EEnd::TooSlow;
+    mQueue.clear();
+  }
+}
+
+std::size_t NotificationHub::AddTopic() {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  mTopics.emplace_back();
+  return mTopics.size() - 1;
+}
+
+void NotificationHub::Send(std::size_t topic, Notification message, bool keep) {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  if (mStopping) {
+    return;
+  }
+  Topic& to = mTopics[topic];
+  if (keep) {
+    to.last = message;
+  }
+  const std::uint64_t number = mNextNumber++;
+  if (to.subscribers.empty()) {
+    return;  // nobody it is for: later subscribers get `last`
+  }
+  if (to.pending.size() >= mBounds.pending) {
+    // Nobody distributes. Who should have got the oldest is ended, and told so when this one is distributed.
+    for (const auto& subscriber : to.subscribers) {
+      if (subscriber->mFirst <= to.pending.front().number) {
+        subscriber->End(Subscription::EEnd::TooSlow);
+      }
+    }
+    to.pending.pop_front();
+  }
+  to.pending.push_back({number, std::move(message)});
+  mWake.notify_all();
+}
+
+std::shared_ptr<Subscription> NotificationHub::Subscribe(std::size_t topic, std::function<void()> wake) {
+  std::shared_ptr<Subscription> subscription(new Subscription(std::move(wake)));
+  const std::lock_guard<std::mutex> lock(mMutex);
+  if (mStopping) {
+    subscription->End(Subscription::EEnd::Stopping);
+  } else if (mSubscribers >= mBounds.subscribers) {
+    subscription->End(Subscription::EEnd::TooMany);
+  } else {
+    Topic& to = mTopics[topic];
+    subscription->mFirst = mNextNumber;
+    if (to.last) {
+      subscription->Push(to.last, mBounds.queued);
+    }
+    to.subscribers.push_back(subscription);
+    ++mSubscribers;
+  }
+  return subscription;
+}
+
+void NotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<Subscription>& subscription) {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  auto& subscribers = mTopics[topic].subscribers;
+  const auto found = std::find(subscribers.begin(), subscribers.end(), subscription);
+  if (found != subscribers.end()) {
+    subscribers.erase(found);
+    --mSubscribers;
+  }
+}
+
+void NotificationHub::Run() {
+  std::unique_lock<std::mutex> lock(mMutex);
+  while (!mStopping) {
+    mWake.wait(lock, [this] { return mStopping || HasPending(); });
+    lock.unlock();
+    Distribute();
+    lock.lock();
+  }
+}
+
+bool NotificationHub::HasPending() const {
+  return std::any_of(mTopics.begin(), mTopics.end(),
+                     [](const Topic& topic) { return !topic.pending.empty(); });
+}
+
+void NotificationHub::Distribute() {
+  const std::lock_guard<std::mutex> distribution(mDistribution);
+  std::unique_lock<std::mutex> lock(mMutex);
+  for (std::size_t topic = 0; topic < mTopics.size(); ++topic) {
+    while (!mTopics[topic].pending.empty()) {
+      const Pending pending = std::move(mTopics[topic].pending.front());
+      mTopics[topic].pending.pop_front();
+      std::vector<std::shared_ptr<Subscription>> receivers;
+      for (const auto& subscriber : mTopics[topic].subscribers) {
+        if (subscriber->mFirst <= pending.number) {
+          receivers.push_back(subscriber);
+        }
+      }
+      lock.unlock();
+      for (const auto& receiver : receivers) {
+        receiver->Push(pending.message, mBounds.queued);
+        receiver->mWake();
+      }
+      lock.lock();
+    }
+  }
+}
+
+void NotificationHub::Stop() {
+  {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mStopping = true;
+  }
+  mWake.notify_all();
+  Distribute();
+  std::vector<std::shared_ptr<Subscription>> all;
+  {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    for (const Topic& topic : mTopics) {
+      all.insert(all.end(), topic.subscribers.begin(), topic.subscribers.end());
+    }
+  }
+  for (const auto& subscription : all) {
+    subscription->End(Subscription::EEnd::Stopping);
+    subscription->mWake();
+  }
+}

@@ -1,0 +1,93 @@
+#include "requestpool.h"
+
+#include <utility>
+
+#include "framework/thread.h"
+
+RequestPool::RequestPool(std::string name, std::size_t threads, std::size_t queueBound)
+    : mName(std::move(name)), mThreadCount(threads), mQueueBound(queueBound) {}
+
+RequestPool::~RequestPool() {
+  Abandon();
+  Join(std::chrono::steady_clock::now());
+}
+
+void RequestPool::Start() {
+  const std::lock_guard<std::mutex> threads(mThreadsMutex);
+  while (mThreads.size() < mThreadCount) {
+    {
+      const std::lock_guard<std::mutex> lock(mState->mutex);
+      ++mState->alive;
+    }
+    mThreads.emplace_back(&RequestPool::Work, mState, mName);
+  }
+}
+
+RequestPool::ESubmit RequestPool::Submit(std::shared_ptr<IRequest> request) {
+  const std::lock_guard<std::mutex> lock(mState->mutex);
+  if (mState->stopping) {
+    return ESubmit::Stopping;
+  }
+  if (mState->waiting.size() >= mQueueBound) {
+    return ESubmit::Full;
+  }
+  mState->waiting.push_back(std::move(request));
+  mState->wake.notify_one();
+  return ESubmit::Taken;
+}
+
+void RequestPool::Abandon() {
+  std::vector<std::shared_ptr<IRequest>> requests;
+  {
+    const std::lock_guard<std::mutex> lock(mState->mutex);
+    if (mState->stopping) {
+      return;
+    }
+    mState->stopping = true;
+    requests.assign(mState->waiting.begin(), mState->waiting.end());
+    requests.insert(requests.end(), mState->running.begin(), mState->running.end());
+    mState->waiting.clear();
+  }
+  mState->wake.notify_all();
+  for (const auto& request : requests) {
+    request->Abandon();
+  }
+}
+
+bool RequestPool::Join(std::chrono::steady_clock::time_point deadline) {
+  const std::lock_guard<std::mutex> threads(mThreadsMutex);
+  std::unique_lock<std::mutex> lock(mState->mutex);
+  const bool ended = mState->ended.wait_until(lock, deadline, [this] { return mState->alive == 0; });
+  lock.unlock();
+  for (std::thread& thread : mThreads) {
+    // With one thread stuck the others, idle and about to end, may be let go as well.
+    ended ? thread.join() : thread.detach();
+  }
+  mThreads.clear();
+  return ended;
+}
+
+void RequestPool::Work(const std::shared_ptr<State>& state, const std::string& name) {
+  SetThreadName(name.c_str());
+  std::unique_lock<std::mutex> lock(state->mutex);
+  for (;;) {
+    state->wake.wait(lock, [&] { return state->stopping || !state->waiting.empty(); });
+    if (state->waiting.empty()) {
+      break;
+    }
+    state->running.push_front(std::move(state->waiting.front()));
+    const auto running = state->running.begin();
+    state->waiting.pop_front();
+    lock.unlock();
+    (*running)->Run();
+    std::shared_ptr<IRequest> done;  // released without the lock: it may own the service
+    lock.lock();
+    done = std::move(*running);
+    state->running.erase(running);
+    lock.unlock();
+    done.reset();
+    lock.lock();
+  }
+  --state->alive;
+  state->ended.notify_all();
+}

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// A request that waits for, or is on, a thread of a RequestPool.
+class IRequest {
+ public:
+  virtual ~IRequest() = default;
+
+  /// Carries the request out and answers it; may block. On a thread of the pool. Must not throw.
+  virtual void Run() = 0;
+
+  /// Answers that the daemon is stopping, unless it is answered already. Any thread, also while Run blocks.
+  virtual void Abandon() = 0;
+};
+
+/// A bounded number of threads for the requests to one service, with a bounded queue before them.
+///
+/// Knows no transport. All operations from any thread.
+class RequestPool {
+ public:
+  enum class ESubmit { Taken, Full, Stopping };
+
+  RequestPool(std::string name, std::size_t threads, std::size_t queueBound);
+  ~RequestPool();  ///< abandons what is left and lets go of threads that do not end
+  RequestPool(const RequestPool&) = delete;
+  RequestPool& operator=(const RequestPool&) = delete;
+
+  /// Starts the threads, once.
+  void Start();
+
+  ESubmit Submit(std::shared_ptr<IRequest> request);
+
+  /// Abandons every request, waiting or running; takes no more. Does not block.
+  void Abandon();
+
+  /// After Abandon: joins the threads until the deadline. False when one is still in a request: it is
+  /// detached and ends by itself if the request ever returns; it shares nothing with this object then.
+  bool Join(std::chrono::steady_clock::time_point deadline);
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::condition_variable ended;
+    std::deque<std::shared_ptr<IRequest>> waiting;
+    std::list<std::shared_ptr<IRequest>> running;
+    std::size_t alive = 0;
+    bool stopping = false;
+  };
+  static void Work(const std::shared_ptr<State>& state, const std::string& name);
+
+  const std::string mName;
+  const std::size_t mThreadCount;
+  const std::size_t mQueueBound;
+  // Shared with the threads, so that one that comes back late from a request finds everything it touches.
+  const std::shared_ptr<State> mState = std::make_shared<State>();
+  std::mutex mThreadsMutex;
+  std::vector<std::thread> mThreads;
+};

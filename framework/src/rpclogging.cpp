@@ -1,0 +1,123 @@
+#include "rpclogging.h"
+
+#include <google/protobuf/stubs/logging.h>
+#include <grpc/support/log.h>
+
+#include <exception>
+#include <mutex>
+
+namespace RpcLogging {
+namespace {
+
+struct Holder {
+  std::mutex mutex;
+  std::shared_ptr<Rpc::ILogger> logger;
+};
+
+// Never destroyed: threads of gRPC may still log while the process exits.
+Holder& TheHolder() {
+  static auto* const holder = new Holder;
+  return *holder;
+}
+
+thread_local std::string* tCapture = nullptr;
+
+using Operation = void (Rpc::ILogger::*)(const std::string&);
+
+void Write(Operation operation, const std::string& message) noexcept {
+  try {
+    Holder& holder = TheHolder();
+    std::shared_ptr<Rpc::ILogger> logger;
+    {
+      const std::lock_guard<std::mutex> lock(holder.mutex);
+      logger = holder.logger;
+    }
+    if (logger) {
+      ((*logger).*operation)(message);
+    }
+  } catch (const std::exception&) {
+    // A line that cannot be written has nowhere to be reported.
+  }
+}
+
+void OnGrpcLog(gpr_log_func_args* args) {
+  if (args->severity == GPR_LOG_SEVERITY_ERROR) {
+    if (tCapture != nullptr) {
+      *tCapture = args->message;
+    }
+    Write(&Rpc::ILogger::Error, args->message);
+  } else if (args->severity == GPR_LOG_SEVERITY_INFO) {
+    // What gRPC tells for information is about single connections: detail for us.
+    Write(&Rpc::ILogger::Debug, args->message);
+  } else {
+    Write(&Rpc::ILogger::Trace, args->message);
+  }
+}
+
+void OnProtobufLog(google::protobuf::LogLevel level, const char*, int, const std::string& message) {
+  switch (level) {
+    case google::protobuf::LOGLEVEL_INFO:
+      Write(&Rpc::ILogger::Debug, message);
+      break;
+    case google::protobuf::LOGLEVEL_WARNING:
+      Write(&Rpc::ILogger::Warning, message);
+      break;
+    case google::protobuf::LOGLEVEL_ERROR:
+      Write(&Rpc::ILogger::Error, message);
+      break;
+    case google::protobuf::LOGLEVEL_FATAL:
+      Write(&Rpc::ILogger::Critical, message);
+      break;
+  }
+}
+
+}  // namespace
+
+void SetLogger(std::shared_ptr<Rpc::ILogger> logger) {
+  CaptureLibraries();
+  Holder& holder = TheHolder();
+  const std::lock_guard<std::mutex> lock(holder.mutex);
+  holder.logger.swap(logger);
+}
+
+void CaptureLibraries() {
+  static const bool captured = [] {
+    gpr_set_log_function(&OnGrpcLog);
+    google::protobuf::SetLogHandler(&OnProtobufLog);
+    return true;
+  }();
+  static_cast<void>(captured);
+}
+
+void Error(const std::string& message) noexcept {
+  Write(&Rpc::ILogger::Error, message);
+}
+void Warning(const std::string& message) noexcept {
+  Write(&Rpc::ILogger::Warning, message);
+}
+void Info(const std::string& message) noexcept {
+  Write(&Rpc::ILogger::Info, message);
+}
+void Debug(const std::string& message) noexcept {
+  Write(&Rpc::ILogger::Debug, message);
+}
+
+ErrorCapture::ErrorCapture() {
+  tCapture = &mLast;
+}
+
+ErrorCapture::~ErrorCapture() {
+  tCapture = nullptr;
+}
+
+std::string ErrorCapture::Reason() const {
+  static const std::string key = "os_error:\"";
+  const std::size_t start = mLast.find(key);
+  if (start == std::string::npos) {
+    return mLast.empty() ? "unknown reason" : mLast;
+  }
+  const std::size_t text = start + key.size();
+  return mLast.substr(text, mLast.find('"', text) - text);
+}
+
+}  // namespace RpcLogging

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "framework/rpc.h"
+
+/// The RPC framework's own log lines, on their way to the logger given to GrpcBackend::SetLogger. Any thread.
+/// Without a logger they are dropped; nothing goes to standard error.
+namespace RpcLogging {
+
+void SetLogger(std::shared_ptr<Rpc::ILogger> logger);
+
+/// Takes over the log output of gRPC and protobuf. Once per process; later calls do nothing.
+void CaptureLibraries();
+
+void Error(const std::string& message) noexcept;
+void Warning(const std::string& message) noexcept;
+void Info(const std::string& message) noexcept;
+void Debug(const std::string& message) noexcept;
+
+/// Remembers the errors that gRPC logs on this thread while it lives: gRPC's own calls only say that they
+/// failed.
+class ErrorCapture {
+ public:
+  ErrorCapture();
+  ~ErrorCapture();
+  ErrorCapture(const ErrorCapture&) = delete;
+  ErrorCapture& operator=(const ErrorCapture&) = delete;
+
+  /// The system's reason in what was logged last, "unknown reason" when there is none.
+  std::string Reason() const;
+
+ private:
+  std::string mLast;
+};
+
+}  // namespace RpcLogging

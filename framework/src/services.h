@@ -1,0 +1,37 @@
+#pragma once
+
+#include <grpcpp/impl/service_type.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "framework/interfaces.h"
+#include "notificationhub.h"
+#include "requestpool.h"
+
+/// What the wire needs to offer one service object: the gRPC service, the threads for its requests and its
+/// topic.
+struct ServiceRuntime {
+  ServiceRuntime(std::string registeredName, std::shared_ptr<NotificationHub> notificationHub);
+
+  const std::string name;
+  const std::shared_ptr<NotificationHub> hub;
+  const std::size_t topic;
+  RequestPool pool;
+};
+
+/// One registered service.
+struct ServiceEntry {
+  std::unique_ptr<ServiceRuntime> runtime;
+  std::unique_ptr<grpc::Service> service;  // uses the runtime
+};
+
+/// Make the gRPC side of a service object and install the object's Send* members. These stay valid for the
+/// life of the object, also when the host is gone.
+ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
+                         std::shared_ptr<IGenericControl> service);
+ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
+                         std::shared_ptr<IRfid> service);
+ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
+                         std::shared_ptr<ILogConfig> service);

@@ -1,0 +1,11 @@
+#include "framework/thread.h"
+
+#include <pthread.h>
+
+#include <string>
+
+void SetThreadName(const char* name) {
+  constexpr std::size_t cLongest = 15;  // a longer name would be refused as a whole
+  const std::string text(name);
+  pthread_setname_np(pthread_self(), text.substr(0, cLongest).c_str());
+}

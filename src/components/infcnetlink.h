@@ -1,0 +1,32 @@
+#pragma once
+
+#include <functional>
+
+#include "src/components/rfiderror.h"
+#include "src/components/token.h"
+
+/// The NFC controller: the daemon's way to the reader.
+///
+/// Threads: the operations are called on one thread at a time and may block for as long as the reader's chip
+/// takes (seconds, 30 at worst). Both callbacks come on the controller's own thread, never after
+/// DeinitializeController has returned. Errors: every operation throws CRfidError.
+class INfcNetlink {
+ public:
+  using TargetCallback = std::function<void(const CToken&)>;
+  using ErrorCallback = std::function<void(const CRfidError&)>;
+
+  virtual ~INfcNetlink() = default;
+
+  /// Opens the controller. Every tag read goes to `onTarget`; whatever ends the reading of tags while polling
+  /// is wanted goes to `onError`. On an open controller the earlier opening is ended first.
+  virtual void InitializeController(TargetCallback onTarget, ErrorCallback onError) = 0;
+
+  /// Powers the reader and polls until StopPolling; polling goes on after each tag.
+  virtual void StartPolling() = 0;
+
+  /// No polling and no power when it returns, whatever tag arrives meanwhile.
+  virtual void StopPolling() = 0;
+
+  /// Closes the controller; does nothing on a closed one.
+  virtual void DeinitializeController() = 0;
+};

@@ -1,0 +1,72 @@
+#include "src/components/rfidconfig.h"
+
+#include <utility>
+
+#include "framework/log.h"
+
+namespace {
+
+constexpr const char* ClassName = "CRfidConfig";
+constexpr const char* UidKey = "RfidTokenUid";
+
+}  // namespace
+
+CRfidConfig::CRfidConfig(std::shared_ptr<HubConfig> settings, std::shared_ptr<HubConfig> standaloneList)
+    : mSettings(std::move(settings)), mStandaloneList(std::move(standaloneList)) {
+  LOG_TRACE("{}::{}", ClassName, "CRfidConfig");
+}
+
+void CRfidConfig::ReloadSettings() {
+  if (mSettings->IsUpdated()) {
+    LOG_DEBUG("Settings have been updated, reloading.");
+    mSettings->Reload();
+  }
+}
+
+bool CRfidConfig::GetOcppStatus() {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  ReloadSettings();
+  const bool active = mSettings->GetBool("SeccOcppActive", false);
+  LOG_DEBUG("OCPP Status: {}", active ? "Active" : "Inactive");
+  return active;
+}
+
+bool CRfidConfig::GetAuthorizationEnabled() {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  ReloadSettings();
+  const bool enabled = !mSettings->GetBool("SessionManagerChargeWithoutAuth", false);
+  LOG_DEBUG("Authorization enabled: {}", enabled);
+  return enabled;
+}
+
+ipc::ERfidAuthState CRfidConfig::AuthenticateToken(const std::string& uid) {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  if (mStandaloneList->IsUpdated()) {
+    LOG_DEBUG("Standalone list has been updated");
+    mStandaloneList->Reload();
+  }
+  LOG_DEBUG("Checking standalone list for: {}", uid);
+  auto list = mStandaloneList->GetValue("Tokens", Json::Value());
+  if (!list.isNull() && !list.isArray()) {
+    // Nobody is let in by a broken list.
+    LOG_ERROR("Standalone list: \"Tokens\" must be an array. Taking it as empty.");
+    list = Json::Value();
+  }
+  for (const auto& element : list) {
+    if (!element.isObject() || !element.isMember(UidKey)) {
+      LOG_WARNING("Token has no member RfidTokenUid. Skipping...");
+      continue;
+    }
+    const auto& permitted = element[UidKey];
+    if (!permitted.isConvertibleTo(Json::stringValue)) {
+      LOG_WARNING("RfidTokenUid is not a text. Skipping...");
+      continue;
+    }
+    if (permitted.asString() == uid) {
+      LOG_INFO("Found Match!");
+      return ipc::ERfidUidInStandAloneList;
+    }
+  }
+  LOG_INFO("UID not in list.");
+  return ipc::ERfidUidNotInList;
+}

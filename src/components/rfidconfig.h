@@ -1,0 +1,31 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "framework/hubconfig.h"
+#include "ipc/rfid.pb.h"
+
+/// What the station's configuration says about authorisation. A changed section is loaded at the next
+/// question.
+///
+/// Threads: the machine's thread only. Errors of the configuration client pass through.
+class CRfidConfig {
+ public:
+  CRfidConfig(std::shared_ptr<HubConfig> settings, std::shared_ptr<HubConfig> standaloneList);
+
+  /// Whether OCPP is active on the station, so that UIDs are authorised externally.
+  bool GetOcppStatus();
+
+  /// False when charging is allowed without authorisation.
+  bool GetAuthorizationEnabled();
+
+  /// Looks the UID up in the standalone list, byte for byte: ERfidUidInStandAloneList or ERfidUidNotInList.
+  ipc::ERfidAuthState AuthenticateToken(const std::string& uid);
+
+ private:
+  void ReloadSettings();
+
+  std::shared_ptr<HubConfig> mSettings;
+  std::shared_ptr<HubConfig> mStandaloneList;
+};

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "framework/diagnostics.h"
+#include "framework/interfaces.h"
+#include "src/components/rfidconfig.h"
+#include "src/components/rfidhsmactionhandlerbase.h"
+#include "src/components/rfidreader.h"
+#include "statemachines/hsmalive.h"
+
+/// Carries out what the RFID machine decides: drives the reader, authorises tokens, asks for feedback,
+/// publishes the diagnostics signals and posts the outcome back to the machine.
+///
+/// Threads: the Int* actions run on the machine's thread. OnTokenFound runs on the NFC monitor's thread for
+/// tags read and on the machine's thread for simulated swipes; it blocks for as long as the feedback call
+/// takes (seconds at worst). The worker thread carries the alive messages. Errors: nothing escapes an action
+/// or OnTokenFound; failures are logged and, where the reader is concerned, kept and posted as events.
+class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase> {
+ public:
+  CRfidHsmActionHandler(std::shared_ptr<CRfidReader> reader, std::shared_ptr<CRfidConfig> config,
+                        std::shared_ptr<IFeedback> feedback);
+  ~CRfidHsmActionHandler() override;
+
+  void IntInitialize() override;
+  void IntDeinitialize() override;
+  void IntStartPolling() override;
+  void IntStopPolling() override;
+  void IntProcessError() override;
+  void IntAttemptRecovery() override;
+  void IntEnableLearningTask(const std::shared_ptr<ExtOnEnableLearning>& event) override;
+  void IntAuthenticateToken(const std::shared_ptr<IntOnAuthTokenFound>& event) override;
+  void IntInjectToken(const std::shared_ptr<ExtOnInjectToken>& event) override;
+
+  /// The reader front's token callback: one new sighting.
+  void OnTokenFound(const CToken& token, bool valid);
+
+ private:
+  using Signal = CDiagnosticsSignal<std::string>;
+
+  void Drive(const char* failure, const char* stateText, const std::function<void()>& operation);
+  void InitializeReader();
+  void OnReaderFailed(const CRfidError& cause);
+  void KeepErrorAndPost(const CRfidError& error);
+  std::optional<CRfidError> GetLastError() const;
+  void ProcessToken(const CToken& token, bool valid);
+  void TriggerFeedback(ipc::ERfidAuthState state);
+  void TriggerFeedbackEventCall(ipc::EFbEventType type);
+  void UpdateDiagSignal(const std::shared_ptr<Signal>& signal, const std::string& value);
+
+  std::shared_ptr<Signal> mRfidStateSignal;
+  std::shared_ptr<Signal> mLastUidSignal;
+  std::shared_ptr<Signal> mLastTechnologySignal;
+  std::shared_ptr<Signal> mUserInteractionSignal;
+  std::shared_ptr<CRfidReader> mRfidReader;
+  std::shared_ptr<CRfidConfig> mRfidConfig;
+  std::optional<CRfidError> mLastError;  // guarded by mErrorMutex: the reader's own thread stores errors too
+  std::shared_ptr<IFeedback> mFeedback;
+  std::atomic<bool> mLearningEnabled{false};
+
+  mutable std::mutex mErrorMutex;
+};

@@ -1,0 +1,104 @@
+#include "src/components/rfidreader.h"
+
+#include <utility>
+
+#include "framework/log.h"
+
+namespace {
+
+constexpr const char* ClassName = "CRfidReader";
+constexpr size_t LeastDigits = 8;
+constexpr size_t MostDigits = 16;
+constexpr std::chrono::nanoseconds RecentTagTimeout = std::chrono::seconds(2);
+
+bool IsValidUid(const std::string& uid) {
+  bool valid = true;
+  if (uid.size() < LeastDigits || uid.size() > MostDigits) {
+    LOG_WARNING("UID must be between 4 and 8 bytes.");
+    valid = false;
+  }
+  if (uid.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+    LOG_WARNING("UID must be a valid HEX number.");
+    valid = false;
+  }
+  return valid;
+}
+
+}  // namespace
+
+CRfidReader::CRfidReader(std::shared_ptr<INfcNetlink> nfcNetlink) : mNfcNetlink(std::move(nfcNetlink)) {
+  LOG_TRACE("{}::{}", ClassName, "CRfidReader");
+}
+
+void CRfidReader::Initialize(TokenCallback onToken, INfcNetlink::ErrorCallback onError) {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  {
+    const std::lock_guard sighting(mSightingMutex);
+    mTokenCallback = std::move(onToken);
+  }
+  mNfcNetlink->InitializeController([this](const CToken& token) { ValidateTokenAndNotify(token); },
+                                    std::move(onError));
+}
+
+void CRfidReader::Deinitialize() {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_DEBUG("Deinitializing RFID reader.");
+  mNfcNetlink->DeinitializeController();
+}
+
+void CRfidReader::StartPolling() {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_DEBUG("Starting polling.");
+  mNfcNetlink->StartPolling();
+}
+
+void CRfidReader::StopPolling() {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_DEBUG("Stopping polling.");
+  {
+    const std::lock_guard lock(mRecentTagsMutex);
+    mRecentTags.clear();
+    ++mPollings;
+  }
+  mNfcNetlink->StopPolling();
+}
+
+void CRfidReader::UpdateRecentTags(TimePoint now) {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  const std::lock_guard lock(mRecentTagsMutex);
+  if (mRecentTags.empty()) {
+    return;
+  }
+  LOG_DEBUG("Cleansing previously swiped tags when their last time seen exceeds the timeout.");
+  std::erase_if(mRecentTags, [now](const auto& entry) { return now - entry.second > RecentTagTimeout; });
+}
+
+void CRfidReader::ValidateTokenAndNotify(const CToken& token) {
+  ValidateTokenAndNotify(token, std::chrono::steady_clock::now());
+}
+
+void CRfidReader::ValidateTokenAndNotify(const CToken& token, TimePoint now) {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  const std::lock_guard sighting(mSightingMutex);
+  const bool valid = IsValidUid(token.uid);
+  LOG_INFO("Token validation result {}: {}", token.uid, valid ? "Valid" : "Not valid");
+  UpdateRecentTags(now);
+  bool isNew = false;
+  unsigned polling = 0;
+  {
+    const std::lock_guard lock(mRecentTagsMutex);
+    isNew = !mRecentTags.contains(token.uid);
+    polling = mPollings;
+  }
+  if (isNew) {
+    if (mTokenCallback) {
+      mTokenCallback(token, valid);
+    } else {
+      LOG_WARNING("Nobody to report the tag to yet, dropping it.");
+    }
+  }
+  const std::lock_guard lock(mRecentTagsMutex);
+  if (polling == mPollings) {  // a sighting that StopPolling overtook is forgotten with the others
+    mRecentTags[token.uid] = now;
+  }
+}

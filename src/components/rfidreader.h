@@ -1,0 +1,55 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "src/components/infcnetlink.h"
+
+/// The front of the reader: checks every UID, reports a card once for as long as it stays, and passes the
+/// life cycle on to the NFC controller.
+///
+/// Threads: Initialize, Deinitialize, StartPolling and StopPolling on the machine's thread.
+/// ValidateTokenAndNotify on the controller's thread for tags read and on the machine's thread for simulated
+/// swipes; sightings are handled one at a time. The recent-tag table has a lock of its own that is not held
+/// while the callback runs, so StopPolling never waits for a sighting. Errors: the controller's CRfidError
+/// and the callback's exceptions pass through.
+class CRfidReader {
+ public:
+  using TokenCallback = std::function<void(const CToken&, bool valid)>;
+
+  explicit CRfidReader(std::shared_ptr<INfcNetlink> nfcNetlink);
+
+  /// `onToken` gets every new sighting, valid or not; `onError` whatever ends the reading of tags while it is
+  /// wanted.
+  void Initialize(TokenCallback onToken, INfcNetlink::ErrorCallback onError);
+  void Deinitialize();
+  void StartPolling();
+
+  /// Forgets the recent tags and stops polling.
+  void StopPolling();
+
+  /// Forgets the tags that were last seen more than two seconds before `now`.
+  void UpdateRecentTags(std::chrono::steady_clock::time_point now);
+
+  /// One sighting. A UID is reported when it was not seen within the last two seconds.
+  void ValidateTokenAndNotify(const CToken& token);
+  /// The same, seen at `now`.
+  void ValidateTokenAndNotify(const CToken& token, std::chrono::steady_clock::time_point now);
+
+ private:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  void RemoveStale(TimePoint now);
+
+  std::shared_ptr<INfcNetlink> mNfcNetlink;
+  TokenCallback mTokenCallback;                  // guarded by mSightingMutex
+  std::map<std::string, TimePoint> mRecentTags;  // guarded by mRecentTagsMutex
+
+  unsigned mPollings = 0;  // guarded by mRecentTagsMutex: how often polling was stopped
+  std::mutex mSightingMutex;
+  std::mutex mRecentTagsMutex;
+};

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <functional>
+#include <thread>
+
+/// Catches SIGINT while it lives and hands it on outside signal context: the handler only writes to a pipe, a
+/// thread
+/// ("rfid-signal") reads it and calls the hook with the signal's number.
+///
+/// The creating thread, and every thread that it starts meanwhile, has SIGINT blocked, so that it lands on
+/// another one: a handler on a thread whose netlink command waits for the reader would interrupt the command
+/// and leave kernel and reader in disagreement. One relay at a time. Created and destroyed on one thread;
+/// afterwards SIGINT has its default action again.
+class CInterruptRelay {
+ public:
+  /// Throws std::system_error when the pipe cannot be made. The hook must outlive the relay.
+  explicit CInterruptRelay(const std::function<void(int)>& hook);
+  ~CInterruptRelay();
+  CInterruptRelay(const CInterruptRelay&) = delete;
+  CInterruptRelay& operator=(const CInterruptRelay&) = delete;
+
+ private:
+  std::thread mThread;
+};

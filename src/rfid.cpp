@@ -1,0 +1,137 @@
+#include "src/rfid.h"
+
+#include <csignal>
+#include <functional>
+
+#include "framework/hubconfig.h"
+#include "framework/log.h"
+#include "framework/thread.h"
+#include "src/components/nfcnetlink.h"
+#include "src/components/rfidhsm.h"
+#include "src/interruptrelay.h"
+#include "statemachines/utils/statemachinesutility.h"
+
+namespace {
+
+constexpr int PeerTimeoutSeconds = 5;
+
+/// What a SIGINT does; set by the application that runs and never cleared again.
+std::function<void(int)> signalHook;
+
+}  // namespace
+
+CRfid::CRfid(const std::string& root) {
+  mAppCommunicationHost = std::make_shared<AppCommunicationHost<GrpcBackend>>(root + "etc/plex.json");
+  mProcessControlService = std::make_shared<CProcessControlService>();
+  mRfidService = std::make_shared<CRfidService>();
+  const auto settings = HubConfig::Create("settings", "/", {});
+  const auto standaloneList = HubConfig::Create("rfid_standalone", "/", {});
+  mRfidConfig = std::make_shared<CRfidConfig>(settings, standaloneList);
+  mRfidReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>());
+  const auto feedbackClient = mAppCommunicationHost->CreateClient<IFeedback>("Feedback");
+  feedbackClient->SetConnectTimeout(PeerTimeoutSeconds);
+  feedbackClient->SetCallTimeout(PeerTimeoutSeconds);
+  mActionHandler =
+      std::make_shared<CRfidHsmActionHandler>(mRfidReader, mRfidConfig, feedbackClient->GetInterface());
+  mStateMachine = std::make_shared<CRfidHsm>(mActionHandler);
+  ConnectInterfaces();
+  AddServices();
+}
+
+CRfid::~CRfid() {
+  CloseReader();
+}
+
+void CRfid::ConnectInterfaces() {
+  ConnectIProcessControl(mActionHandler, mProcessControlService, mStateMachine);
+  ConnectIStatemachine();
+  ConnectIRfid();
+}
+
+void CRfid::ConnectIStatemachine() const {
+  mActionHandler->ExtRfidToken = [this](const ipc::MRfidToken& token) {
+    LOG_TRACE("RfidToken");
+    LOG_INFO("RfidToken notif: '{}':'{}'", token.uid(), ERfidAuthStateToString(token.auth_state()));
+    mRfidService->RfidToken(token);
+  };
+  mActionHandler->ExtRfidLearningToken = [this](const std::string& uid) {
+    LOG_TRACE("RfidLearningToken");
+    LOG_INFO("Sending RfidLearningToken notif: {}", uid);
+    mRfidService->RfidLearningToken(uid);
+  };
+}
+
+void CRfid::ConnectIRfid() const {
+  mRfidService->IRfidEnableLearning = [this](bool enable) {
+    LOG_TRACE("IRfidEnableLearning");
+    return PostAndWait<ExtOnEnableLearning>(mStateMachine, enable);
+  };
+  mRfidService->IRfidInjectToken = [this](const std::string& uid) {
+    LOG_TRACE("IRfidInjectToken");
+    LOG_WARNING("Simulating token swipe with uid {}", uid);
+    return PostAndWait<ExtOnInjectToken>(mStateMachine, uid);
+  };
+}
+
+void CRfid::AddServices() {
+  mAppCommunicationHost->AddService<IGenericControl>("RfidGenCtrl", mProcessControlService);
+  mAppCommunicationHost->AddService<IRfid>("Rfid", mRfidService);
+  mAppCommunicationHost->AddService<ILogConfig>("RfidLog", Log::CreateLogConfigService());
+  mDiagnosticsClient = std::make_shared<CDiagnosticsCommClient>();
+  CDiagnosticsCommClient::Initialize(*mAppCommunicationHost);
+}
+
+void CRfid::Run() {
+  StartCommunication();
+  RunStateMachine();
+  StopCommunication();
+}
+
+void CRfid::StartCommunication() {
+  mAppCommunicationHost->StartServices();
+  mServerThread = std::thread([host = mAppCommunicationHost] {
+    SetThreadName("rpc-server");
+    host->RunServer();
+  });
+  mNotificationThread = std::thread([host = mAppCommunicationHost] {
+    SetThreadName("rpc-notify");
+    host->HandleClientNotifications();
+  });
+}
+
+void CRfid::RunStateMachine() const {
+  signalHook = [this](int signal) {
+    if (signal == SIGINT) {
+      mStateMachine->PostEvent(std::make_shared<IntTerminate>());
+    }
+  };
+  LOG_INFO("Starting state machine");
+  {
+    const CInterruptRelay relay(signalHook);
+    mStateMachine->Run();
+  }
+  LOG_INFO("State machine stopped");
+}
+
+void CRfid::StopCommunication() {
+  mProcessControlService.reset();
+  CDiagnosticsCommClient::Terminate();
+  mAppCommunicationHost->Stop();
+  mServerThread.join();
+  mNotificationThread.join();
+}
+
+/// A machine that was stopped while it read cards leaves the reader open. It is closed before the first
+/// component goes: the reader's own thread uses them.
+void CRfid::CloseReader() const {
+  try {
+    mRfidReader->StopPolling();
+  } catch (const CRfidError& e) {
+    LOG_DEBUG("Reader was not polling at the end: {}", e.what());
+  }
+  try {
+    mRfidReader->Deinitialize();
+  } catch (const CRfidError& e) {
+    LOG_ERROR("Could not close the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
+  }
+}

@@ -1,0 +1,27 @@
+#include "src/terminatehandler.h"
+
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <typeinfo>
+
+#include "framework/log.h"
+
+void HandleTerminate() {
+  if (const auto exception = std::current_exception()) {
+    try {
+      std::rethrow_exception(exception);
+    } catch (const std::exception& e) {
+      const char* mangled = typeid(e).name();
+      if (*mangled == '*') {
+        ++mangled;
+      }
+      const auto name = Log::Demangle(mangled);
+      Log::Critical("Uncaught exception of type '{}' with message: '{}'", name ? name.get() : "", e.what());
+    } catch (...) {
+      Log::Critical("Uncaught exception of unknown type.");
+    }
+  }
+  Log::Critical("Aborting process.");
+  std::abort();
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "statemachines/hsmevent.h"
+
+/// What everyone outside the engine sees of a machine. Owned through shared pointers to the concrete machine.
+struct IHsmInterface {
+  /// Queues the event behind those already waiting. Any thread, also from a reaction, before and after Run.
+  /// Never blocks on the dispatch. Once Run has returned, the event's completion is a broken promise.
+  virtual void PostEvent(const std::shared_ptr<IHsmEvent>& event) = 0;
+
+  /// Lends the calling thread to the machine until Stop: every reaction runs on it, one event at a time.
+  virtual void Run() = 0;
+
+  /// Lets the reaction in progress finish, then ends Run. Any thread, also from a reaction.
+  virtual void Stop() = 0;
+
+  virtual bool IsRunning() const = 0;
+};
+
+/// Base of every actions interface: the door through which actions and reactions post events to their
+/// machine.
+class CHsmActionHandlerBase {
+ public:
+  /// Posts a fresh event and returns at once; nobody waits for its completion.
+  /// Throws std::logic_error when no machine was made for this handler yet.
+  template <typename Event, typename... Payload>
+  void SendEvent(Payload&&... payload) {
+    if (mHsm == nullptr) {
+      throw std::logic_error("CHsmActionHandlerBase: IHsmInterface not set");
+    }
+    mHsm->PostEvent(std::make_shared<Event>(std::forward<Payload>(payload)...));
+  }
+
+  IHsmInterface* mHsm = nullptr;  ///< not owned; set by the machine's constructor
+};

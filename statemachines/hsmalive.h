@@ -1,0 +1,47 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "framework/worker.h"
+
+/// Alive supervision between an actions interface `Base` and a concrete handler: while its timer runs, the
+/// alive message goes out at once and then every 4 seconds.
+///
+/// Threads: start and stop on the machine's thread, the messages on the handler's worker thread, which the
+/// concrete handler starts. ExtSendAlive is bound before the machine runs and not changed afterwards.
+template <typename Base>
+class CHsmAlive : public virtual Base, public virtual CWorker {
+ public:
+  static constexpr std::chrono::nanoseconds AlivePeriod = std::chrono::seconds(4);
+
+  std::function<void()> ExtSendAlive;  ///< sends the message; hides the interface's own member of this name
+
+  virtual ~CHsmAlive() = default;
+
+  /// Asked before each message; false leaves it out.
+  virtual bool IsAlive() { return true; }
+
+  void IntStartAliveTimer() override {
+    mAliveCall = this->AddCall(
+        [this] {
+          if (IsAlive()) {
+            ExtSendAlive();
+          }
+        },
+        std::chrono::steady_clock::now(), AlivePeriod);
+  }
+
+  /// Blocks until a message that is on its way has been sent: none goes out afterwards.
+  void IntStopAliveTimer() override {
+    if (mAliveCall) {
+      mAliveCall->Cancel();
+      mAliveCall.reset();
+    }
+    this->Sync();
+  }
+
+ private:
+  std::shared_ptr<CWorkerCall> mAliveCall;
+};

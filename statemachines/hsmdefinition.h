@@ -1,0 +1,66 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <typeindex>
+#include <typeinfo>
+#include <vector>
+
+#include "statemachines/hsmevent.h"
+
+/// A machine written down as data: its states and their reactions, in the order in which they are tested.
+/// One constant definition exists per machine; state objects and diagrams read it.
+
+/// One thing that a reaction, an entry or an exit does. `event` is the event being dispatched (null on the
+/// initial transition).
+template <typename Machine>
+struct CHsmAction {
+  std::string_view name;
+  void (*run)(Machine& machine, const std::shared_ptr<IHsmEvent>& event);
+};
+
+/// What a state does about one kind of event.
+template <typename Machine>
+struct CHsmReaction {
+  static constexpr unsigned Internal = 0;  ///< no target: the state stays
+
+  std::type_index event;
+  const std::string* eventName;
+  unsigned target;                           ///< id of the leaf to go to, or Internal
+  std::vector<CHsmAction<Machine>> actions;  ///< of an internal reaction
+
+  bool Matches(const IHsmEvent& other) const { return event == std::type_index(typeid(other)); }
+};
+
+/// A leaf state: where the machine can be.
+template <typename Machine>
+struct CHsmLeaf {
+  const typename Machine::State* state;
+  std::string name;
+  std::vector<CHsmAction<Machine>> entry;
+  std::vector<CHsmAction<Machine>> exit;
+  std::vector<CHsmReaction<Machine>> reactions;
+};
+
+/// The composite state that holds all leaves, whose reactions every leaf inherits.
+template <typename Machine>
+struct CHsmDefinition {
+  std::string name;
+  unsigned initial;
+  std::vector<CHsmReaction<Machine>> reactions;
+  std::vector<CHsmLeaf<Machine>> leaves;  ///< in the order of their ids, the first has id 1
+
+  const CHsmLeaf<Machine>& Leaf(unsigned id) const { return leaves.at(id - 1); }
+};
+
+/// Reads as a table row: On<ExtEnableReq>::GoTo(Enabling), On<IntAlive>::Do({...}).
+template <typename Machine, typename Event>
+struct CHsmOn {
+  static CHsmReaction<Machine> GoTo(unsigned target) {
+    return {std::type_index(typeid(Event)), &Event::Name(), target, {}};
+  }
+  static CHsmReaction<Machine> Do(CHsmAction<Machine> action) {
+    return {std::type_index(typeid(Event)), &Event::Name(), CHsmReaction<Machine>::Internal, {action}};
+  }
+};

@@ -1,0 +1,511 @@
+#include "src/components/nfcnetlink.h"
+
+#include <dirent.h>
+#include <gmock/gmock.h>
+#include <linux/nfc.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+
+#include "framework/logcapture.h"
+#include "inprocess.h"
+
+using namespace std::chrono_literals;
+using namespace virtualnfc;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+namespace {
+
+/// Those of this process, once the simulated kernel, which lives in it too, has noticed the closes.
+size_t OpenDescriptors(const VirtualNfc& kernel) {
+  kernel.WaitFor([](const Status& status) { return status.openSockets == 0; });
+  size_t count = 0;
+  DIR* folder = opendir("/proc/self/fd");
+  while (readdir(folder) != nullptr) {
+    ++count;
+  }
+  closedir(folder);
+  return count;
+}
+
+/// A controller on a simulated kernel, and what it reported.
+class NfcNetlink : public ::testing::Test {
+ protected:
+  explicit NfcNetlink(VirtualNfcSettings settings = {})
+      : mKernel(std::make_unique<InProcessVirtualNfc>(std::move(settings))) {}
+
+  void Open() {
+    mController->InitializeController(
+        [this](const CToken& token) {
+          if (mInCallback) {
+            mInCallback();
+          }
+          Add(token.protocol + " " + token.uid);
+        },
+        [this](const CRfidError& error) {
+          Add(fmt::format("error {}: {}", error.GetErrorCode(), error.what()));
+        });
+  }
+  void Start() {
+    Open();
+    mController->StartPolling();
+  }
+  void Add(const std::string& what) {
+    const std::lock_guard lock(mMutex);
+    mReported.push_back(what);
+    mArrived.notify_all();
+  }
+  std::vector<std::string> WaitFor(size_t count) {
+    std::unique_lock lock(mMutex);
+    mArrived.wait_for(lock, 20s, [&] { return mReported.size() >= count; });
+    return mReported;
+  }
+  bool WaitForPolling() {
+    return mKernel->WaitFor([](const Status& status) { return status.Device().polling; });
+  }
+  bool WaitForCommand(uint8_t command, uint32_t count = 1) {
+    return mKernel->WaitFor([=](const Status& status) { return status.Commands(command) >= count; });
+  }
+  /// A tag that is taken away as soon as it was reported.
+  std::string Tap(const Tag& tag) {
+    const auto before = WaitFor(0).size();
+    mKernel->PresentTag(tag);
+    const auto reported = WaitFor(before + 1);
+    mKernel->RemoveTags();
+    return reported.size() > before ? reported[before] : "nothing reported";
+  }
+  /// The operation's failure as text, "" when it succeeds.
+  template <typename Operation>
+  std::string ErrorOf(Operation operation) {
+    try {
+      operation();
+    } catch (const CRfidError& e) {
+      return fmt::format("{} {}{}", e.what(), e.GetErrorCode(), e.IsRecoverable() ? " recoverable" : "");
+    }
+    return "";
+  }
+  std::string ErrorOfOpen() {
+    return ErrorOf([this] { Open(); });
+  }
+  std::string ErrorOfStart() {
+    return ErrorOf([this] { mController->StartPolling(); });
+  }
+  std::string ErrorOfStop() {
+    return ErrorOf([this] { mController->StopPolling(); });
+  }
+
+  LogCapture mLog;
+  std::unique_ptr<InProcessVirtualNfc> mKernel;
+  std::function<void()> mInCallback;
+  std::mutex mMutex;
+  std::condition_variable mArrived;
+  std::vector<std::string> mReported;
+  std::unique_ptr<CNfcNetlink> mController = std::make_unique<CNfcNetlink>(300ms);
+};
+
+const Tag Card = MakeTag(TagKind::Mifare, "04A12B5C");
+
+}  // namespace
+
+// ---- Opening and closing
+// ----------------------------------------------------------------------------------------
+
+TEST_F(NfcNetlink, LivesThroughItsLifeCycleAndLeavesNothingOpen) {
+  const auto descriptors = OpenDescriptors(*mKernel);
+  for (int round = 0; round < 2; ++round) {
+    Start();
+    EXPECT_TRUE(mKernel->GetStatus().Device().polling);
+    EXPECT_EQ(mKernel->GetStatus().Device().mask, 0xFCU);
+    mController->StopPolling();
+    EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+    mController->DeinitializeController();
+    mController->DeinitializeController();
+    EXPECT_EQ(CountInterposedSockets(), 0);
+    EXPECT_EQ(OpenDescriptors(*mKernel), descriptors);
+  }
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error), IsEmpty());
+  for (const auto* line :
+       {") Found NFC Device nfc0", ") Setting nfc0 power mode to: on", ") Polling started.",
+        ") Setting nfc0 power mode to: off", ") Polling stopped.", ") NFC controller deinitialized"}) {
+    EXPECT_THAT(mLog.Texts(Log::ELogLevel::Info), Contains(EndsWith(line)));
+  }
+  for (const auto* line :
+       {") NFC Netlink MCast ID: 3", ") NFC GENL initialization complete, starting event monitor.",
+        ") Notifying that the event socket is ready", ") Done waiting for event socket",
+        ") Starting Polling.", ") Stopping polling.", ") NFC event monitor stopped.",
+        ") Event monitor stopped."}) {
+    EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(line)));
+  }
+  for (const auto* line : {") CNfcNetlink::InitializeController", ") CNfcNetlink::SendAndReceiveMsg",
+                           ") CNfcNetlink::ResolveMulticastId", ") CNfcNetlink::GetNfcDevice",
+                           ") CNfcNetlink::MonitorEvents", ") CNfcNetlink::StopMonitoringEvents",
+                           ") Freeing NFC command socket", ") Clearing nfc0 device info"}) {
+    EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace), Contains(EndsWith(line)));
+  }
+  EXPECT_EQ(mLog.Texts(Log::ELogLevel::Info).front().rfind("(src/components/nfcnetlink.cpp:", 0), 0U);
+}
+
+TEST_F(NfcNetlink, SaysWhatCannotBeOpenedAndLeavesNothingBehind) {
+  struct Case {
+    const char* rule;
+    const char* error;
+  };
+  for (const auto& c : {
+           Case{"GETFAMILY nth=1 errno=ENOENT", "Could not resolve nfc netlink family. 12"},
+           Case{"GETFAMILY nth=3 errno=EPERM", "Could not resolve nfc multicast id. 1 recoverable"},
+           Case{"GETFAMILY nth=3 drop", "Could not resolve nfc multicast id. 1 recoverable"},
+           Case{"GET_DEVICE errno=EPERM", "Could find trf7970a reader. 1 recoverable"},
+           Case{"GET_DEVICE drop", "Could find trf7970a reader. 1 recoverable"},
+           Case{"GET_DEVICE no-done", "Could find trf7970a reader. 1 recoverable"},
+           Case{"GET_DEVICE sender=4711", "Could find trf7970a reader. 1 recoverable"},
+           Case{"GET_DEVICE seq=4711", "Could find trf7970a reader. 1 recoverable"},
+       }) {
+    SCOPED_TRACE(c.rule);
+    mKernel->ClearRules();
+    mKernel->AddRule(c.rule);
+    EXPECT_EQ(ErrorOfOpen(), c.error);
+    EXPECT_EQ(CountInterposedSockets(), 0);
+    EXPECT_NE(ErrorOfStart(), "");
+    EXPECT_NE(ErrorOfStop(), "");
+    mController->DeinitializeController();
+  }
+  mKernel->ClearRules();
+  EXPECT_EQ(ErrorOfOpen(), "");
+}
+
+TEST_F(NfcNetlink, TakesOnlyTheReaderThatIsTheKernelsDeviceZero) {
+  mKernel->Plug();
+  EXPECT_EQ(ErrorOfOpen(), "Could find trf7970a reader. 31 recoverable");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error),
+              ElementsAre(EndsWith(") Error: Unexpected device at index: 1")));
+  mKernel->Unplug(0);
+  mKernel->Unplug(1);
+  mLog.Clear();
+  EXPECT_EQ(ErrorOfOpen(), "Could find trf7970a reader. 31 recoverable");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error), ElementsAre(HasSubstr("no NFC device")));
+}
+
+class NfcNetlinkWithoutFamily : public NfcNetlink {
+ protected:
+  NfcNetlinkWithoutFamily() : NfcNetlink({.kernel = {.hasFamily = false}}) {}
+};
+
+class NfcNetlinkWithoutGroup : public NfcNetlink {
+ protected:
+  NfcNetlinkWithoutGroup() : NfcNetlink({.kernel = {.groupName = "else"}}) {}
+};
+
+TEST_F(NfcNetlinkWithoutFamily, IsRefusedByAKernelWithoutNfc) {
+  EXPECT_EQ(ErrorOfOpen(), "Could not resolve nfc netlink family. 12");
+}
+
+TEST_F(NfcNetlinkWithoutGroup, IsRefusedByAKernelWithoutEvents) {
+  EXPECT_EQ(ErrorOfOpen(), "Could not resolve nfc multicast id. 12");
+}
+
+TEST_F(NfcNetlink, OperationsOnAClosedControllerFailInsteadOfWaiting) {
+  EXPECT_EQ(ErrorOfStart(), "Netlink sockets not initialized. Initialize controller first. 3 recoverable");
+  EXPECT_EQ(ErrorOfStop(), "No device to power on/off. Initialize controller to find device. 31 recoverable");
+  Start();
+  mController->StopPolling();
+  mController->DeinitializeController();
+  EXPECT_EQ(ErrorOfStart(), "Netlink sockets not initialized. Initialize controller first. 3 recoverable");
+  EXPECT_EQ(ErrorOfStop(), "No device to power on/off. Initialize controller to find device. 31 recoverable");
+}
+
+TEST_F(NfcNetlink, AnOpenControllerIsOpenedAnew) {
+  Start();
+  Open();
+  EXPECT_TRUE(WaitForCommand(NFC_CMD_STOP_POLL));
+  mController->StartPolling();
+  EXPECT_EQ(CountInterposedSockets(), 2);
+  EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+  mKernel->AddRule("STOP_POLL nth=1 errno=EIO");  // best effort
+  EXPECT_EQ(ErrorOfOpen(), "");
+}
+
+TEST_F(NfcNetlink, AProcessThatEndsWhilePollingLeavesTheReaderOff) {
+  Start();
+  mController.reset();
+  EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+  EXPECT_EQ(CountInterposedSockets(), 0);
+}
+
+TEST_F(NfcNetlink, ClosesWhateverTheMonitorIsDoing) {
+  const auto descriptors = OpenDescriptors(*mKernel);
+  for (int i = 0; i < 200; ++i) {  // right after the start, in every phase of the monitor's set-up
+    Open();
+    mController->DeinitializeController();
+  }
+  // in the target callback
+  std::promise<void> inCallback;
+  std::promise<void> mayGoOn;
+  mInCallback = [&] {
+    inCallback.set_value();
+    mayGoOn.get_future().wait();
+  };
+  Start();
+  mKernel->PresentTag(Card);
+  inCallback.get_future().wait();
+  mController->StopPolling();
+  auto closed = std::async(std::launch::async, [this] { mController->DeinitializeController(); });
+  mayGoOn.set_value();
+  closed.get();
+  EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+  mInCallback = {};
+  mKernel->RemoveTags();
+  // after it has ended by itself
+  Start();
+  mKernel->OverrunEvents();
+  EXPECT_THAT(WaitFor(2), Contains(HasSubstr("The event monitor ended")));
+  mController->StopPolling();
+  mController->DeinitializeController();
+  // when the kernel does not answer the request that wakes it
+  mKernel->AddRule("UNSPEC drop");
+  Start();
+  mController->StopPolling();
+  mController->DeinitializeController();
+  EXPECT_EQ(CountInterposedSockets(), 0);
+  EXPECT_EQ(OpenDescriptors(*mKernel), descriptors);
+}
+
+// ---- Polling
+// ----------------------------------------------------------------------------------------------------
+
+class NfcNetlinkPolling : public NfcNetlink, public ::testing::WithParamInterface<bool> {
+ protected:
+  NfcNetlinkPolling() : NfcNetlink({.kernel = {.assumeAlready = GetParam()}}) {}
+};
+
+TEST_P(NfcNetlinkPolling, StartingTwiceAndStoppingTwiceSucceed) {
+  Start();
+  EXPECT_EQ(ErrorOfStart(), "");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Reader is already polling.")));
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Reader is already powered on.")));
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug),
+              Contains(EndsWith(") Error handler got: Operation already in progress")));
+  EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+  EXPECT_TRUE(WaitForPolling());
+  EXPECT_EQ(ErrorOfStop(), "");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Info), Not(Contains(HasSubstr("Reader is not currently polling"))));
+  EXPECT_EQ(ErrorOfStop(), "");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Info),
+              Contains(EndsWith(") Reader is not currently polling. Continuing.")));
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Reader is already powered off.")));
+  EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+}
+
+TEST_P(NfcNetlinkPolling, RecoversOnAnOpenPollingController) {
+  Start();
+  EXPECT_EQ(ErrorOfOpen(), "");
+  EXPECT_EQ(ErrorOfStop(), "");
+  mController->DeinitializeController();
+  EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+  Start();
+  EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernel, NfcNetlinkPolling, ::testing::Bool(),
+                         [](const auto& mode) { return mode.param ? "AnsweringAlready" : "AsMeasured"; });
+
+TEST_F(NfcNetlink, EveryRefusalByTheKernelHasItsErrorAndItsCode) {
+  struct Case {
+    const char* rule;
+    const char* start;
+    const char* stop;
+  };
+  for (const auto& c : {
+           Case{"DEV_UP errno=ETIMEDOUT", "Could not to power on reader for polling 110", ""},
+           Case{"DEV_UP drop", "Could not to power on reader for polling 1 recoverable", ""},
+           Case{"START_POLL errno=EBUSY", "Error in SendAndReceiveMsgs within StartPolling 16", ""},
+           Case{"START_POLL errno=EINVAL", "Error in SendAndReceiveMsgs within StartPolling 22", ""},
+           Case{"START_POLL truncate=20", "Error in SendAndReceiveMsgs within StartPolling 1 recoverable",
+                ""},
+           Case{"STOP_POLL errno=EBUSY", "", "Error in SendAndReceiveMsgs in StopPolling. 16"},
+           Case{"STOP_POLL errno=ENODEV", "", "Error in SendAndReceiveMsgs in StopPolling. 19"},
+           Case{"DEV_DOWN errno=EIO", "", "Failed to power off reader after polling. 5"},
+       }) {
+    SCOPED_TRACE(c.rule);
+    Open();
+    mKernel->AddRule(c.rule);
+    EXPECT_EQ(ErrorOfStart(), c.start);
+    EXPECT_EQ(ErrorOfStop(), c.stop);
+    mKernel->ClearRules();
+    mController->DeinitializeController();
+    mKernel->WaitFor([](const Status& status) { return !status.Device().polling; });
+  }
+}
+
+TEST_F(NfcNetlink, BusyIsASuccessOnlyWhileThePollingIsItsOwn) {
+  Start();
+  // A tag that the reader's chip does not understand kills the poll; the kernel goes on saying that it polls.
+  EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+  EXPECT_TRUE(WaitForPolling());
+  mKernel->AddRule("START_POLL errno=EBUSY");
+  EXPECT_EQ(ErrorOfStart(), "");  // ours, as far as we know
+  mKernel->PresentTag(Card);
+  EXPECT_THAT(WaitFor(3), Contains("error 16: Error in SendAndReceiveMsgs within StartPolling"));
+  mKernel->ClearRules();
+  EXPECT_EQ(ErrorOfStop(), "");
+}
+
+// ---- Tags
+// -------------------------------------------------------------------------------------------------------
+
+TEST_F(NfcNetlink, ReadsEveryTechnology) {
+  Start();
+  EXPECT_EQ(Tap(MakeTag(TagKind::Mifare, "04A12B5C")), "MIFARE 04A12B5C");
+  EXPECT_EQ(Tap(MakeTag(TagKind::Mifare, "04A12B5C112233")), "MIFARE 04A12B5C112233");
+  EXPECT_EQ(Tap(MakeTag(TagKind::Iso14443A, "0102030405060708090A")), "ISO14443-A 0102030405060708090A");
+  EXPECT_EQ(Tap(MakeTag(TagKind::NfcDep, "01020304")), "ISO-DEP 01020304");
+  EXPECT_EQ(Tap(MakeTag(TagKind::Iso15693, "E007060504030201")), "ISO15693 E007060504030201");
+  EXPECT_EQ(Tap(MakeTag(TagKind::Felica, "0102030405060708")), "FELICA ");
+  EXPECT_EQ(Tap(MakeTag(TagKind::Iso14443B, "01020304")), "ISO14443-B ");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Warning),
+              ElementsAre(EndsWith(") Tag found with protocol 8, but no UID found. Continuing polling."),
+                          EndsWith(") Tag found with protocol 64, but no UID found. Continuing polling.")));
+  mLog.Clear();
+  EXPECT_EQ(
+      Tap(MakeRawTag(0x14, {{NFC_ATTR_PROTOCOLS, {0x14, 0, 0, 0}}, {NFC_ATTR_TARGET_NFCID1, {1, 2, 3, 4}}})),
+      "Unsupported protocol 01020304");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Warning), ElementsAre(EndsWith(") Unsupported tag protocol: 20")));
+  EXPECT_EQ(Tap(MakeRawTag(0x04, {{NFC_ATTR_TARGET_NFCID1, {1, 2, 3, 4}}})), "Unsupported protocol ");
+}
+
+TEST_F(NfcNetlink, OfSeveralTagsTheLastIsDelivered) {
+  Start();
+  mKernel->PresentTags({Card, MakeTag(TagKind::Mifare, "11223344")});
+  EXPECT_EQ(WaitFor(1).front(), "MIFARE 11223344");
+}
+
+TEST_F(NfcNetlink, OtherEventsChangeNothing) {
+  Start();
+  const auto polls = mKernel->GetStatus().Commands(NFC_CMD_START_POLL);
+  mKernel->Plug();
+  mKernel->SendRawEvent(Bytes(sizeof(nlmsghdr), 0));
+  EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Processing netlink event...")));
+  EXPECT_TRUE(WaitForCommand(NFC_CMD_START_POLL, polls + 1));
+}
+
+TEST_F(NfcNetlink, ATagThatComesWhilePollingIsStoppedDoesNotSwitchTheReaderOnAgain) {
+  for (int round = 0; round < 20; ++round) {
+    Start();
+    mKernel->PresentTag(Card);
+    if (round % 2 == 0) {
+      WaitFor(static_cast<size_t>(round) + 1);
+    }
+    mController->StopPolling();
+    EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+    mController->DeinitializeController();
+    EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+    EXPECT_FALSE(mKernel->GetStatus().Device().polling);
+    mKernel->RemoveTags();
+    const std::lock_guard lock(mMutex);
+    mReported.resize(static_cast<size_t>(round) + 1);
+  }
+}
+
+// ---- Never silently deaf
+// ----------------------------------------------------------------------------------------
+
+TEST_F(NfcNetlink, WhateverEndsTheReadingOfTagsIsReported) {
+  struct Case {
+    const char* rule;
+    std::vector<std::string> reported;
+  };
+  for (const auto& c : std::vector<Case>{
+           {"START_POLL nth=1 errno=EPROTO",
+            {"MIFARE 04A12B5C", "error 71: Error in SendAndReceiveMsgs within StartPolling"}},
+           {"DEV_UP nth=1 errno=ENODEV",
+            {"MIFARE 04A12B5C", "error 19: Could not to power on reader for polling"}},
+           {"START_POLL nth=1 drop",
+            {"MIFARE 04A12B5C", "error 1: Error in SendAndReceiveMsgs within StartPolling"}},
+           {"GET_TARGET errno=ENODEV", {"error 19: The tag found could not be queried"}},
+           {"GET_TARGET drop", {"error 1: The tag found could not be queried"}},
+           {"GET_TARGET no-done", {"error 1: The tag found could not be queried"}},
+       }) {
+    SCOPED_TRACE(c.rule);
+    mReported.clear();
+    Start();
+    mKernel->AddRule(c.rule);
+    mKernel->PresentTag(Card);
+    EXPECT_EQ(WaitFor(c.reported.size()), c.reported);
+    mKernel->RemoveTags();
+    mKernel->ClearRules();
+    Open();  // the cure
+    mController->StartPolling();
+    mReported.clear();
+    EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+    EXPECT_EQ(ErrorOfStop(), "");
+    mController->DeinitializeController();
+  }
+}
+
+TEST_F(NfcNetlink, EventsThatAreLostAreReported) {
+  Start();
+  mKernel->OverrunEvents();
+  EXPECT_THAT(WaitFor(1), ElementsAre("error 5: The event monitor ended"));
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error),
+              Contains(EndsWith(") nl_recvmsgs got an error: Out of memory.")));
+  EXPECT_EQ(ErrorOfStart(), "Netlink sockets not initialized. Initialize controller first. 3 recoverable");
+}
+
+TEST_F(NfcNetlink, AnEventThatPromisesAContinuationDoesNotHoldTheMonitor) {
+  Start();
+  nlmsghdr header{};
+  header.nlmsg_len = NLMSG_HDRLEN + GENL_HDRLEN;
+  header.nlmsg_type = 20;
+  header.nlmsg_flags = NLM_F_MULTI;
+  Bytes bytes(header.nlmsg_len);
+  std::memcpy(bytes.data(), &header, sizeof(header));
+  mKernel->SendRawEvent(bytes);
+  EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+}
+
+TEST_F(NfcNetlink, ACallbackThatThrowsDoesNotEndTheReading) {
+  mInCallback = [] { throw std::runtime_error("callback"); };
+  Start();
+  mKernel->PresentTag(Card);
+  EXPECT_TRUE(WaitForCommand(NFC_CMD_START_POLL, 3));
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error),
+              Contains(EndsWith(") The target callback failed: callback")));
+}
+
+class NfcNetlinkFast : public NfcNetlink {
+ protected:
+  NfcNetlinkFast() : NfcNetlink({.kernel = {}, .detectionDelay = 0ms}) {}
+};
+
+TEST_F(NfcNetlinkFast, TenThousandCardsAndAThousandOpeningsLeaveNothingBehind) {
+  Log::SetLogLevel(Log::ELogLevel::Error);
+  const auto descriptors = OpenDescriptors(*mKernel);
+  size_t cards = 0;
+  for (int round = 0; round < 1000; ++round) {
+    Start();
+    for (int i = 0; i < 10; ++i) {
+      mKernel->PresentTag(MakeTag(TagKind::Mifare, fmt::format("{:08X}", ++cards)));
+      const std::string wanted = fmt::format("MIFARE {:08X}", cards);
+      std::unique_lock lock(mMutex);
+      ASSERT_TRUE(mArrived.wait_for(lock, 20s, [&] {
+        return !mReported.empty() && mReported.back() == wanted;
+      })) << wanted;
+    }
+    mKernel->RemoveTags();
+    mController->StopPolling();
+    mController->DeinitializeController();
+    const std::lock_guard lock(mMutex);
+    mReported.clear();
+  }
+  EXPECT_EQ(OpenDescriptors(*mKernel), descriptors);
+  EXPECT_EQ(CountInterposedSockets(), 0);
+}

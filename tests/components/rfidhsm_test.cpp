@@ -1,0 +1,332 @@
+#include "src/components/rfidhsm.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "framework/logcapture.h"
+
+using ::testing::ElementsAreArray;
+using ::testing::TestWithParam;
+
+namespace {
+
+/// Writes every action and callback into the log, between the machine's own trace lines.
+class RecordingHandler : public CRfidHsmActionHandlerBase {
+ public:
+  RecordingHandler() {
+    ExtDisabledRsp = [this] { Record("ExtDisabledRsp"); };
+    ExtEnabledRsp = [this] { Record("ExtEnabledRsp"); };
+    ExtErrorRsp = [this] { Record("ExtErrorRsp"); };
+    ExtFatalErrorRsp = [this] { Record("ExtFatalErrorRsp"); };
+    ExtUninitializedRsp = [this] { Record("ExtUninitializedRsp"); };
+    ExtSendAlive = [this] { Record("ExtSendAlive"); };
+    ExtRfidToken = [this](const ipc::MRfidToken& token) { Record("ExtRfidToken " + token.uid()); };
+    ExtRfidLearningToken = [this](const std::string& uid) { Record("ExtRfidLearningToken " + uid); };
+  }
+  void IntAttemptRecovery() override { Record("IntAttemptRecovery"); }
+  void IntAuthenticateToken(const std::shared_ptr<IntOnAuthTokenFound>& event) override {
+    Record("IntAuthenticateToken " + event->GetPayload());
+  }
+  void IntDeinitialize() override { Record("IntDeinitialize"); }
+  void IntEnableLearningTask(const std::shared_ptr<ExtOnEnableLearning>& event) override {
+    Record(fmt::format("IntEnableLearningTask {}", event->GetPayload()));
+  }
+  void IntInitialize() override { Record("IntInitialize"); }
+  void IntStopAliveTimer() override { Record("IntStopAliveTimer"); }
+  void IntProcessError() override { Record("IntProcessError"); }
+  void IntInjectToken(const std::shared_ptr<ExtOnInjectToken>& event) override {
+    Record("IntInjectToken " + event->GetPayload());
+  }
+  void IntStartAliveTimer() override { Record("IntStartAliveTimer"); }
+  void IntStartPolling() override { Record("IntStartPolling"); }
+  void IntStopPolling() override { Record("IntStopPolling"); }
+
+  std::map<std::string, std::function<void()>> mOn;  ///< what an action does besides
+
+ private:
+  void Record(const std::string& action) {
+    Log::Trace("{}", action);
+    if (const auto on = mOn.find(action); on != mOn.end()) {
+      on->second();
+    }
+  }
+};
+
+/// Ends the run at the moment in which it is dispatched, with no other effect.
+struct EndOfTest : IHsmEvent {
+  explicit EndOfTest(IHsmInterface& machine) : mMachine(machine) {}
+  const std::string& GetName() const override {
+    mMachine.Stop();
+    return mName;
+  }
+  IHsmInterface& mMachine;
+  std::string mName = "EndOfTest";
+};
+
+std::shared_ptr<IHsmEvent> MakeEvent(const std::string& name) {
+  static const std::map<std::string, std::function<std::shared_ptr<IHsmEvent>()>> makers{
+      {"ExtDisableReq", [] { return std::make_shared<ExtDisableReq>(); }},
+      {"ExtEnableReq", [] { return std::make_shared<ExtEnableReq>(); }},
+      {"ExtError", [] { return std::make_shared<ExtError>(); }},
+      {"ExtOnEnableLearning", [] { return std::make_shared<ExtOnEnableLearning>(true); }},
+      {"ExtOnInjectToken", [] { return std::make_shared<ExtOnInjectToken>("04A1B2C3"); }},
+      {"IntAlive", [] { return std::make_shared<IntAlive>(); }},
+      {"IntDisablingDone", [] { return std::make_shared<IntDisablingDone>(); }},
+      {"IntEnablingDone", [] { return std::make_shared<IntEnablingDone>(); }},
+      {"IntError", [] { return std::make_shared<IntError>(); }},
+      {"IntFatalError", [] { return std::make_shared<IntFatalError>(); }},
+      {"IntInitializingDone", [] { return std::make_shared<IntInitializingDone>(); }},
+      {"IntOnAuthDone",
+       [] {
+         ipc::MRfidToken token;
+         token.set_uid("DONE");
+         return std::make_shared<IntOnAuthDone>(token);
+       }},
+      {"IntOnAuthTokenFound", [] { return std::make_shared<IntOnAuthTokenFound>("FOUND"); }},
+      {"IntOnLearningTokenFound", [] { return std::make_shared<IntOnLearningTokenFound>("LEARN"); }},
+      {"IntRecover", [] { return std::make_shared<IntRecover>(); }},
+      {"IntRecoveringDone", [] { return std::make_shared<IntRecoveringDone>(); }},
+      {"IntTerminate", [] { return std::make_shared<IntTerminate>(); }},
+      {"IntTerminatingDone", [] { return std::make_shared<IntTerminatingDone>(); }},
+  };
+  return makers.at(name)();
+}
+
+using Names = std::vector<std::string>;
+
+/// How to get into each state from the start.
+const std::map<std::string, Names> Paths{
+    {"Disabled", {"ExtDisableReq", "IntInitializingDone"}},
+    {"Disabling",
+     {"ExtDisableReq", "IntInitializingDone", "ExtEnableReq", "IntEnablingDone", "ExtDisableReq"}},
+    {"Enabled", {"ExtDisableReq", "IntInitializingDone", "ExtEnableReq", "IntEnablingDone"}},
+    {"Enabling", {"ExtDisableReq", "IntInitializingDone", "ExtEnableReq"}},
+    {"Error", {"IntError"}},
+    {"FatalError", {"IntFatalError"}},
+    {"Initializing", {"ExtDisableReq"}},
+    {"Recovering", {"IntError", "IntRecover"}},
+    {"Terminating", {"IntTerminate"}},
+    {"Uninitialized", {}},
+};
+
+struct Expected {
+  std::string target;  ///< empty: the state stays
+  Names actions;       ///< without those of entry and exit
+};
+
+/// What each state does about each event, written down from the behaviour that the station expects. What is
+/// not here is unhandled everywhere but for the five events of `Everywhere`.
+const std::map<std::string, std::map<std::string, Expected>> Reactions{
+    {"Uninitialized", {{"ExtDisableReq", {"Initializing", {}}}}},
+    {"Initializing", {{"IntInitializingDone", {"Disabled", {}}}}},
+    {"Disabled", {{"ExtEnableReq", {"Enabling", {}}}, {"ExtDisableReq", {"", {"ExtDisabledRsp"}}}}},
+    {"Enabling", {{"IntEnablingDone", {"Enabled", {}}}}},
+    {"Enabled",
+     {{"ExtDisableReq", {"Disabling", {}}},
+      {"IntOnAuthTokenFound", {"", {"IntAuthenticateToken FOUND"}}},
+      {"IntOnAuthDone", {"", {"ExtRfidToken DONE"}}},
+      {"IntOnLearningTokenFound", {"", {"ExtRfidLearningToken LEARN"}}},
+      {"ExtOnEnableLearning", {"", {"IntEnableLearningTask true"}}},
+      {"ExtOnInjectToken", {"", {"IntInjectToken 04A1B2C3"}}},
+      {"ExtEnableReq", {"", {"ExtEnabledRsp"}}}}},
+    {"Disabling", {{"IntDisablingDone", {"Disabled", {}}}}},
+    {"Error", {{"IntRecover", {"Recovering", {}}}}},
+    {"Recovering", {{"IntRecoveringDone", {"Disabled", {}}}}},
+    {"FatalError",
+     {{"IntError", {"", {"ExtFatalErrorRsp"}}},
+      {"ExtDisableReq", {"", {"ExtFatalErrorRsp"}}},
+      {"ExtEnableReq", {"", {"ExtFatalErrorRsp"}}}}},
+    {"Terminating", {{"IntTerminatingDone", {"_Final_Statemachine", {}}}}},
+};
+
+const std::map<std::string, Expected> Everywhere{
+    {"IntError", {"Error", {}}}, {"IntFatalError", {"FatalError", {}}}, {"IntTerminate", {"Terminating", {}}},
+    {"ExtError", {"", {}}},      {"IntAlive", {"", {"ExtSendAlive"}}},
+};
+
+const std::map<std::string, Names> Entries{
+    {"Disabled", {"ExtDisabledRsp"}},
+    {"Disabling", {"IntStopPolling", "IntDeinitialize"}},
+    {"Enabled", {"IntStartPolling", "ExtEnabledRsp", "IntStartAliveTimer"}},
+    {"Enabling", {"IntInitialize"}},
+    {"Error", {"IntProcessError", "ExtErrorRsp"}},
+    {"FatalError", {"ExtFatalErrorRsp"}},
+    {"Recovering", {"IntAttemptRecovery"}},
+};
+
+/// What an entry or a reaction leaves in the queue.
+const std::map<std::string, std::string> Posts{
+    {"Disabling", "IntDisablingDone"},       {"Enabling", "IntEnablingDone"},       {"Error", "IntRecover"},
+    {"Initializing", "IntInitializingDone"}, {"Terminating", "IntTerminatingDone"},
+};
+
+class RfidHsm : public ::testing::Test {
+ protected:
+  std::future<bool> Post(const std::shared_ptr<IHsmEvent>& event) {
+    auto handled = event->mHandled.get_future();
+    mMachine->PostEvent(event);
+    return handled;
+  }
+  std::future<bool> Post(const std::string& name) { return Post(MakeEvent(name)); }
+  void PostAll(const Names& names) {
+    for (const auto& name : names) {
+      Post(name);
+    }
+  }
+  void PostEndOfTest() { Post(std::make_shared<EndOfTest>(*mMachine)); }
+
+  /// The trace from the last dispatch of this event on, up to the end of the test.
+  Names TraceFrom(const std::string& firstLine) const {
+    const auto lines = mLog.Texts(Log::ELogLevel::Trace);
+    const auto first = std::find(lines.rbegin(), lines.rend(), firstLine);
+    auto end = std::find_if(lines.begin(), lines.end(),
+                            [](const auto& line) { return line.find("EndOfTest") != std::string::npos; });
+    return first == lines.rend() ? Names{} : Names(std::prev(first.base()), end);
+  }
+
+  LogCapture mLog;
+  std::shared_ptr<RecordingHandler> mHandler = std::make_shared<RecordingHandler>();
+  std::shared_ptr<CRfidHsm> mMachine = std::make_shared<CRfidHsm>(mHandler);
+};
+
+class RfidHsmPair : public RfidHsm,
+                    public ::testing::WithParamInterface<std::tuple<std::string, std::string>> {};
+
+std::vector<std::string> States() {
+  std::vector<std::string> names;
+  for (const auto& [state, path] : Paths) {
+    names.push_back(state);
+  }
+  return names;
+}
+
+std::vector<std::string> Events() {
+  return {CRfidHsmTag::EventNames.begin(), CRfidHsmTag::EventNames.end()};
+}
+
+}  // namespace
+
+TEST_P(RfidHsmPair, ReactsAsTheTableSays) {
+  const auto& [state, event] = GetParam();
+  const Expected* expected = nullptr;
+  std::string owner = state;
+  if (Reactions.contains(state) && Reactions.at(state).contains(event)) {
+    expected = &Reactions.at(state).at(event);
+  } else if (Everywhere.contains(event)) {
+    expected = &Everywhere.at(event);
+    owner = "Statemachine";
+  }
+
+  Names trace{fmt::format("State {}: event recv {}", state, event)};
+  if (expected == nullptr) {
+    trace.push_back(fmt::format("State Statemachine: event unhn {}", event));
+  } else {
+    trace.push_back(fmt::format("State {}: event hndl {}", owner, event));
+    trace.insert(trace.end(), expected->actions.begin(), expected->actions.end());
+    if (!expected->target.empty()) {
+      trace.push_back(fmt::format("State {}: exit", state));
+      if (state == "Enabled") {
+        trace.push_back("IntStopAliveTimer");
+      }
+      trace.push_back(fmt::format("State {}: entry", expected->target));
+      if (Entries.contains(expected->target)) {
+        const auto& entry = Entries.at(expected->target);
+        trace.insert(trace.end(), entry.begin(), entry.end());
+      }
+    }
+  }
+
+  PostAll(Paths.at(state));
+  auto handled = Post(event);
+  PostEndOfTest();
+  mMachine->Run();
+  EXPECT_EQ(handled.get(), expected != nullptr);
+  EXPECT_THAT(TraceFrom(trace.front()), ElementsAreArray(trace));
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, RfidHsmPair,
+                         ::testing::Combine(::testing::ValuesIn(States()), ::testing::ValuesIn(Events())),
+                         [](const auto& pair) {
+                           return std::get<0>(pair.param) + "_" + std::get<1>(pair.param);
+                         });
+
+TEST_F(RfidHsm, TheFinalStateDispatchesNothingMore) {
+  PostAll({"IntTerminate", "IntTerminatingDone"});
+  for (const auto& event : Events()) {
+    Post(event);
+  }
+  mMachine->Run();
+  const auto lines = mLog.Texts(Log::ELogLevel::Trace);
+  EXPECT_EQ(lines.back(), "State _Final_Statemachine: entry");
+  EXPECT_FALSE(mMachine->IsRunning());
+}
+
+TEST_F(RfidHsm, PassingStatesAndErrorsPostWhatMovesThemOn) {
+  for (const auto& [state, posted] : Posts) {
+    SCOPED_TRACE(state);
+    mMachine = std::make_shared<CRfidHsm>(mHandler);
+    mLog.Clear();
+    PostAll(Paths.at(state));
+    Post("IntAlive");
+    bool ended = false;
+    mHandler->mOn["ExtSendAlive"] = [&] {
+      if (!ended) {
+        ended = true;
+        PostEndOfTest();  // behind the entry's post
+      }
+    };
+    mMachine->Run();
+    EXPECT_FALSE(TraceFrom(fmt::format("State {}: event recv {}", state, posted)).empty());
+  }
+}
+
+TEST_F(RfidHsm, EnablingAndAnErrorWriteTheirTraces) {
+  PostAll({"ExtDisableReq", "IntInitializingDone"});
+  mHandler->mOn["ExtDisabledRsp"] = [this] { Post("ExtEnableReq"); };
+  mHandler->mOn["IntStartAliveTimer"] = [this] { Post("IntError"); };
+  mHandler->mOn["ExtErrorRsp"] = [this] { PostEndOfTest(); };
+  mMachine->Run();
+  EXPECT_THAT(TraceFrom("State Disabled: event recv ExtEnableReq"),
+              ElementsAreArray(
+                  {"State Disabled: event recv ExtEnableReq", "State Disabled: event hndl ExtEnableReq",
+                   "State Disabled: exit", "State Enabling: entry", "IntInitialize",
+                   "State Enabling: event recv IntEnablingDone", "State Enabling: event hndl IntEnablingDone",
+                   "State Enabling: exit", "State Enabled: entry", "IntStartPolling", "ExtEnabledRsp",
+                   "IntStartAliveTimer", "State Enabled: event recv IntError",
+                   "State Statemachine: event hndl IntError", "State Enabled: exit", "IntStopAliveTimer",
+                   "State Error: entry", "IntProcessError", "ExtErrorRsp"}));
+}
+
+TEST_F(RfidHsm, AFatalErrorFoundWhileProcessingAnErrorComesBeforeTheRecovery) {
+  mHandler->mOn["IntProcessError"] = [this] { Post("IntFatalError"); };
+  std::set<std::string> seen;
+  mHandler->mOn["IntAttemptRecovery"] = [&] { seen.insert("recovery"); };
+  mHandler->mOn["ExtFatalErrorRsp"] = [&] {
+    seen.insert("fatal");
+    PostEndOfTest();
+  };
+  Post("IntError");
+  mMachine->Run();
+  EXPECT_EQ(seen, std::set<std::string>{"fatal"});
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace),
+              ::testing::Contains("State Statemachine: event unhn IntRecover"));
+}
+
+TEST_F(RfidHsm, UnboundCallbacksAreSkipped) {
+  mHandler->ExtRfidToken = nullptr;
+  mHandler->ExtSendAlive = nullptr;
+  PostAll(Paths.at("Enabled"));
+  auto token = Post("IntOnAuthDone");
+  auto alive = Post("IntAlive");
+  PostEndOfTest();
+  mMachine->Run();
+  EXPECT_TRUE(token.get());
+  EXPECT_TRUE(alive.get());
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "framework/hubconfig.h"
+
+/// A configuration store in a folder of its own, changed the way a station changes it: by an atomic rename.
+class TemporaryStore {
+ public:
+  TemporaryStore() {
+    std::string name = std::filesystem::temp_directory_path() / "rfid-store-XXXXXX";
+    mFolder = mkdtemp(name.data());
+    HubConfig::SetStore(mFolder);
+  }
+  ~TemporaryStore() { std::filesystem::remove_all(mFolder); }
+  TemporaryStore(const TemporaryStore&) = delete;
+  TemporaryStore& operator=(const TemporaryStore&) = delete;
+
+  void Write(const std::string& section, const std::string& json) const {
+    std::ofstream(mFolder / "new") << json;
+    std::filesystem::rename(mFolder / "new", mFolder / (section + ".json"));
+  }
+
+ private:
+  std::filesystem::path mFolder;
+};

@@ -1,0 +1,187 @@
+#include "framework/diagnostics.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <vector>
+
+#include "rpctesting.h"
+
+namespace {
+
+using namespace rpctesting;
+using testing::ElementsAre;
+
+/// A diagnostics peer that can be away or hang.
+class Peer final : public IDiagnosticsTransport {
+ public:
+  bool Deliver(const ipc::MSignal& signal) override {
+    if (mHangs) {
+      mGate.Pass();
+    }
+    if (!mPresent) {
+      mRefused.Put(signal.value());
+      return false;
+    }
+    mReceived.Put(std::to_string(signal.id()) + "=" + signal.value());
+    return true;
+  }
+  bool IsReachable() override { return mPresent; }
+  void Cancel() override {
+    if (mObeysCancel) {
+      mGate.Open();
+    }
+  }
+
+  std::vector<std::string> Receive(int count) {
+    std::vector<std::string> values;
+    for (int i = 0; i < count; ++i) {
+      values.push_back(mReceived.Take().value_or("nothing"));
+    }
+    return values;
+  }
+
+  std::atomic<bool> mPresent{true};
+  std::atomic<bool> mHangs{false};
+  std::atomic<bool> mObeysCancel{true};
+  Gate mGate;
+  Mailbox<std::string> mReceived;
+  Mailbox<std::string> mRefused;
+};
+
+// What was sent last on a signal lives as long as the process, so every test has signals of its own.
+class DiagnosticsTest : public testing::Test {
+ protected:
+  DiagnosticsTest() {
+    static int sNext = 1000;
+    mFirst.id = static_cast<ipc::ESignalIdentifier>(sNext++);
+    mSecond.id = static_cast<ipc::ESignalIdentifier>(sNext++);
+  }
+  ~DiagnosticsTest() override { CDiagnosticsCommClient::Terminate(); }
+
+  std::string First(const std::string& value) const { return std::to_string(mFirst.id) + "=" + value; }
+  std::string Second(const std::string& value) const { return std::to_string(mSecond.id) + "=" + value; }
+
+  // Past the values of earlier tests.
+  void Start() {
+    mPeer->mReceived.Put("");
+    CDiagnosticsSignal<std::string> marker(&mFirst);
+    marker.Send("start");
+    CDiagnosticsCommClient::Initialize(mPeer);
+    ASSERT_TRUE(Eventually([&] { return mPeer->mReceived.Take() == First("start"); }));
+  }
+
+  CSignalDefinition<std::string> mFirst{ipc::ESignalNone, "first", "default", ""};
+  CSignalDefinition<std::string> mSecond{ipc::ESignalNone, "second", "", ""};
+  const std::shared_ptr<Peer> mPeer = std::make_shared<Peer>();
+};
+
+TEST_F(DiagnosticsTest, WhatWasSentBeforeInitializeArrivesAsTheLatestOfEachSignalInOrder) {
+  CDiagnosticsSignal<std::string> first(&mFirst);
+  CDiagnosticsSignal<std::string> second(&mSecond);
+  second.Send("a");
+  first.Send();
+  second.Send("b");
+  CDiagnosticsCommClient::Initialize(mPeer);
+  std::string value;
+  ASSERT_TRUE(Eventually([&] { return (value = mPeer->Receive(1)[0]) == First("default"); }));
+  EXPECT_THAT(mPeer->Receive(1), ElementsAre(Second("b")));
+}
+
+TEST_F(DiagnosticsTest, WhileThePeerIsThereEveryValueArrivesInOrder) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  CDiagnosticsSignal<std::string> first(&mFirst);
+  CDiagnosticsSignal<std::string> second(&mSecond);
+  first.Send("1");
+  second.Send("2");
+  first.Send("3");
+  first.Send();
+  EXPECT_THAT(mPeer->Receive(4), ElementsAre(First("1"), Second("2"), First("3"), First("3")));
+}
+
+TEST_F(DiagnosticsTest, APeerThatWasAwayGetsTheLatestOfEverySignalWhenItIsBack) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  CDiagnosticsSignal<std::string> first(&mFirst);
+  CDiagnosticsSignal<std::string> second(&mSecond);
+  second.Send("unchanged");
+  ASSERT_THAT(mPeer->Receive(1), ElementsAre(Second("unchanged")));
+  mPeer->mPresent = false;
+  first.Send("1");
+  first.Send("2");
+  first.Send("3");
+  ASSERT_TRUE(mPeer->mRefused.Take().has_value());
+  mPeer->mPresent = true;
+  ASSERT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == Second("unchanged"); }));
+  EXPECT_THAT(mPeer->Receive(1), ElementsAre(First("3")));
+}
+
+TEST_F(DiagnosticsTest, APeerThatWentWhileNothingWasSentGetsEverythingAgain) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  mPeer->mPresent = false;
+  ASSERT_TRUE(mPeer->mRefused.Take().has_value());
+  mPeer->mPresent = true;
+  EXPECT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == First("start"); }));
+}
+
+TEST_F(DiagnosticsTest, TerminateIsBoundedWhateverTheTransportDoes) {
+  for (const bool obeys : {true, false}) {
+    const auto peer = std::make_shared<Peer>();
+    peer->mHangs = true;
+    peer->mObeysCancel = obeys;
+    CDiagnosticsSignal<std::string> first(&mFirst);
+    first.Send("x");
+    CDiagnosticsCommClient::Initialize(peer);
+    ASSERT_TRUE(peer->mGate.AwaitWaiting(1));
+    const auto start = Clock::now();
+    CDiagnosticsCommClient::Terminate();
+    EXPECT_LT(Clock::now() - start, seconds(1));
+    first.Send("y");
+    peer->mGate.Open();
+    EXPECT_TRUE(Eventually([&] { return peer.use_count() == 1; }));
+  }
+}
+
+TEST_F(DiagnosticsTest, BytesThatAreNoUtf8AreReplaced) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  CDiagnosticsSignal<std::string> first(&mFirst);
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z", "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z"},
+      {"\xFF\xC3", "??"},
+      {"\xC0\xAF", "??"},            // over-long
+      {"\xE0\x80\xAF", "???"},       // over-long
+      {"\xED\xA0\x80", "???"},       // a surrogate
+      {"\xF4\x90\x80\x80", "????"},  // beyond the last code point
+      {"\xE2\x82", "??"},            // cut off
+      {"\xE2(\xA1", "?(?"},
+  };
+  for (const auto& [sent, expected] : cases) {
+    first.Send(sent);
+    EXPECT_THAT(mPeer->Receive(1), ElementsAre(First(expected)));
+  }
+}
+
+TEST_F(DiagnosticsTest, SignalsMaySendFromSeveralThreadsWhileTheClientComesAndGoes) {
+  std::atomic<bool> done{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&] {
+      CDiagnosticsSignal<std::string> first(&mFirst);
+      while (!done) {
+        first.Send("x");
+      }
+    });
+  }
+  for (int i = 0; i < 5; ++i) {
+    const auto peer = std::make_shared<Peer>();
+    CDiagnosticsCommClient::Initialize(peer);
+    EXPECT_TRUE(peer->mReceived.Take().has_value());
+    CDiagnosticsCommClient::Terminate();
+    EXPECT_EQ(peer.use_count(), 1);
+  }
+  done = true;
+  for (auto& thread : threads) {
+    thread.join();
+  }
+}
+
+}  // namespace

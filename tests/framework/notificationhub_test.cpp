@@ -1,0 +1,170 @@
+#include "notificationhub.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <vector>
+
+#include "ipc/rfid.pb.h"
+#include "rpctesting.h"
+
+namespace {
+
+using namespace rpctesting;
+
+Notification Numbered(int number) {
+  auto message = std::make_shared<ipc::MRfidNotification>();
+  message->mutable_token()->set_uid(std::to_string(number));
+  return message;
+}
+
+int NumberOf(const Notification& message) {
+  return std::stoi(static_cast<const ipc::MRfidNotification&>(*message).token().uid());
+}
+
+/// Takes its notifications as they come, on whatever thread.
+class Reader {
+ public:
+  Reader(NotificationHub& hub, std::size_t topic)
+      : mSubscription(hub.Subscribe(topic, [wakes = mWakes] { wakes->Put(0); })) {}
+
+  /// All numbers until the end or, with a count, until there are as many.
+  std::vector<int> Read(std::size_t count = SIZE_MAX) {
+    std::vector<int> numbers;
+    while (numbers.size() < count) {
+      const Subscription::Next next = mSubscription->Take();
+      if (next.message) {
+        numbers.push_back(NumberOf(next.message));
+      } else if (mEnd = next.end; mEnd != Subscription::EEnd::No || !mWakes->Take()) {
+        break;
+      }
+    }
+    return numbers;
+  }
+  Subscription::EEnd End() const { return mEnd; }
+
+ private:
+  const std::shared_ptr<Mailbox<int>> mWakes =
+      std::make_shared<Mailbox<int>>();  // the hub may outlive the reader
+  Subscription::EEnd mEnd = Subscription::EEnd::No;
+
+ public:
+  const std::shared_ptr<Subscription> mSubscription;
+};
+
+class NotificationHubTest : public testing::Test {
+ protected:
+  void Run() {
+    mThread = std::thread([this] { mHub.Run(); });
+  }
+  void Stop() {
+    mHub.Stop();
+    if (mThread.joinable()) {
+      mThread.join();
+    }
+  }
+  ~NotificationHubTest() override { Stop(); }
+
+  NotificationHub mHub{{8, 4, 3}};
+  const std::size_t mTopic = mHub.AddTopic();
+  const std::size_t mOther = mHub.AddTopic();
+  std::thread mThread;
+};
+
+TEST_F(NotificationHubTest, ReplaysTheLastKeptNotificationOnlyAndKeepsTopicsApart) {
+  mHub.Send(mTopic, Numbered(1), true);
+  mHub.Send(mTopic, Numbered(2), true);
+  mHub.Send(mTopic, Numbered(3), false);
+  Reader reader(mHub, mTopic);
+  Reader other(mHub, mOther);
+  mHub.Send(mTopic, Numbered(4), false);
+  Run();
+  EXPECT_EQ(reader.Read(2), (std::vector<int>{2, 4}));
+  Stop();
+  EXPECT_TRUE(other.Read().empty());
+}
+
+TEST_F(NotificationHubTest, WhatWasSentBeforeStopArrivesBeforeTheEnd) {
+  Reader reader(mHub, mTopic);
+  mHub.Send(mTopic, Numbered(1), false);
+  mHub.Send(mTopic, Numbered(2), false);
+  mHub.Stop();
+  mHub.Send(mTopic, Numbered(3), false);
+  EXPECT_EQ(reader.Read(), (std::vector<int>{1, 2}));
+  EXPECT_EQ(reader.End(), Subscription::EEnd::Stopping);
+  Reader late(mHub, mTopic);
+  late.Read();
+  EXPECT_EQ(late.End(), Subscription::EEnd::Stopping);
+}
+
+TEST_F(NotificationHubTest, ASubscriberThatDoesNotReadIsEndedWhileAnotherGetsAll) {
+  Run();
+  Reader slow(mHub, mTopic);
+  Reader quick(mHub, mTopic);
+  for (int i = 0; i < 100; ++i) {
+    mHub.Send(mTopic, Numbered(i), false);
+    ASSERT_EQ(quick.Read(1), std::vector<int>{i});
+  }
+  EXPECT_TRUE(slow.Read().empty());
+  EXPECT_EQ(slow.End(), Subscription::EEnd::TooSlow);
+}
+
+TEST_F(NotificationHubTest, WhenNobodyDistributesSendingGoesOnAndLosersAreToldSo) {
+  Reader early(mHub, mTopic);
+  mHub.Send(mTopic, Numbered(0), false);
+  Reader late(mHub, mTopic);
+  for (int i = 1; i <= 8; ++i) {
+    mHub.Send(mTopic, Numbered(i), false);
+  }
+  mHub.Unsubscribe(mTopic, late.mSubscription);
+  Run();
+  EXPECT_TRUE(early.Read().empty());
+  EXPECT_EQ(early.End(), Subscription::EEnd::TooSlow);
+}
+
+TEST_F(NotificationHubTest, PlacesAreLimitedAndFreedByLeaving) {
+  std::vector<std::unique_ptr<Reader>> readers;
+  for (int i = 0; i < 3; ++i) {
+    readers.push_back(std::make_unique<Reader>(mHub, i == 0 ? mOther : mTopic));
+  }
+  Reader refused(mHub, mTopic);
+  refused.Read();
+  EXPECT_EQ(refused.End(), Subscription::EEnd::TooMany);
+  mHub.Unsubscribe(mOther, readers[0]->mSubscription);
+  mHub.Unsubscribe(mOther, readers[0]->mSubscription);
+  Reader next(mHub, mTopic);
+  Run();
+  mHub.Send(mTopic, Numbered(1), false);
+  EXPECT_EQ(next.Read(1), std::vector<int>{1});
+}
+
+TEST(NotificationHub, SubscribersThatComeWhileStatesAreSentMissNothingAndSeeNothingTwice) {
+  NotificationHub hub({100000, 100000, 100});
+  const std::size_t topic = hub.AddTopic();
+  std::thread distributor([&] { hub.Run(); });
+  std::atomic<bool> done{false};
+  std::thread sender([&] {
+    for (int i = 0; i < 5000; ++i) {
+      hub.Send(topic, Numbered(i), true);
+    }
+    done = true;
+  });
+  std::vector<std::unique_ptr<Reader>> readers;
+  while (!done && readers.size() < 50) {
+    readers.push_back(std::make_unique<Reader>(hub, topic));
+  }
+  sender.join();
+  readers.push_back(std::make_unique<Reader>(hub, topic));
+  hub.Stop();
+  distributor.join();
+  for (const auto& reader : readers) {
+    const std::vector<int> numbers = reader->Read();
+    ASSERT_FALSE(numbers.empty());
+    EXPECT_EQ(numbers.back(), 4999);
+    for (std::size_t i = 1; i < numbers.size(); ++i) {
+      ASSERT_EQ(numbers[i], numbers[i - 1] + 1);
+    }
+  }
+}
+
+}  // namespace

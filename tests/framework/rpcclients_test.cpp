@@ -1,0 +1,215 @@
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstring>
+
+#include "framework/diagnostics.h"
+#include "ipc/diagnostics.grpc.pb.h"
+#include "ipc/feedback.grpc.pb.h"
+#include "rpcclients.h"
+#include "rpctesting.h"
+
+namespace rpctesting {
+
+int FreePort() {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), size), 0);
+  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
+  close(fd);
+  return ntohs(address.sin_port);
+}
+
+}  // namespace rpctesting
+
+namespace {
+
+using namespace rpctesting;
+using testing::AllOf;
+using testing::HasSubstr;
+
+struct FeedbackService final : ipc::Feedback::Service {
+  grpc::Status TriggerFeedbackEvent(grpc::ServerContext*, const ipc::MFbEventType* event,
+                                    ipc::MResult* result) override {
+    mEvents.Put(event->type());
+    mGate.Pass();
+    result->set_result(ipc::EResultIllegal);
+    return grpc::Status::OK;
+  }
+  Mailbox<ipc::EFbEventType> mEvents;
+  Gate mGate;
+};
+
+struct DiagnosticsService final : ipc::Diagnostics::Service {
+  grpc::Status UpdateSignal(grpc::ServerContext*, const ipc::MSignal* signal, ipc::MResult*) override {
+    mValues.Put(signal->value());
+    return signal->value() == "refused" ? grpc::Status(grpc::StatusCode::INVALID_ARGUMENT, "")
+                                        : grpc::Status::OK;
+  }
+  Mailbox<std::string> mValues;
+};
+
+/// A peer that offers one service under a name.
+struct PeerServer {
+  PeerServer(const std::string& address, const std::string& name, grpc::Service& service) {
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort(address, grpc::InsecureServerCredentials());
+    builder.RegisterService(name, &service);
+    mServer = builder.BuildAndStart();
+    EXPECT_TRUE(mServer);
+  }
+  ~PeerServer() { mServer->Shutdown(std::chrono::system_clock::now()); }
+  std::unique_ptr<grpc::Server> mServer;
+};
+
+class FeedbackClientTest : public testing::Test {
+ protected:
+  FeedbackClientTest() {
+    auto client = mHost.CreateClient<IFeedback>("Feedback");
+    client->SetConnectTimeout(1);
+    client->SetCallTimeout(1);
+    mFeedback = client->GetInterface();  // outlives its client
+  }
+
+  std::string ErrorOfCall() {
+    try {
+      mFeedback->TriggerFeedbackEvent({});
+    } catch (const Rpc::CommunicationException& e) {
+      return e.what();
+    }
+    return "";
+  }
+
+  const Root mRoot;
+  const std::string mAddress = "unix:" + mRoot.At("feedback.sock");
+  AppCommunicationHost<GrpcBackend> mHost{mRoot.Listen()};
+  std::shared_ptr<IFeedback> mFeedback;
+  FeedbackService mService;
+};
+
+TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItWhenItComes) {
+  const auto start = Clock::now();
+  EXPECT_THAT(ErrorOfCall(),
+              AllOf(HasSubstr("Feedback.TriggerFeedbackEvent: UNAVAILABLE: "), HasSubstr(mAddress)));
+  EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE"));
+  EXPECT_LT(Clock::now() - start, milliseconds(900));
+
+  mService.mGate.Open();
+  for (int i = 0; i < 2; ++i) {  // comes, goes, comes again
+    {
+      const PeerServer peer(mAddress, "Feedback", mService);
+      EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+    }
+    EXPECT_TRUE(Eventually([&] { return !ErrorOfCall().empty(); }));
+  }
+}
+
+TEST_F(FeedbackClientTest, PassesEventAndAnswerOnFromTwoThreadsAtOnce) {
+  const PeerServer peer(mAddress, "Feedback", mService);
+  mService.mGate.Open();
+  const auto call = [&] {
+    for (int i = 0; i < 50; ++i) {
+      ipc::MFbEventType event;
+      event.set_type(ipc::EFbTokenScanned);
+      EXPECT_EQ(mFeedback->TriggerFeedbackEvent(event).result(), ipc::EResultIllegal);
+      EXPECT_EQ(mService.mEvents.Take(), ipc::EFbTokenScanned);
+    }
+  };
+  std::thread other(call);
+  call();
+  other.join();
+}
+
+TEST_F(FeedbackClientTest, APeerThatDoesNotAnswerOrDiesInTheCallEndsTheCall) {
+  auto peer = std::make_unique<PeerServer>(mAddress, "Feedback", mService);
+  const auto start = Clock::now();
+  EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"));
+  EXPECT_LT(Clock::now() - start, seconds(3));
+
+  std::thread killer([&] {
+    EXPECT_TRUE(mService.mGate.AwaitWaiting(2));
+    mService.mGate.Open();
+    peer.reset();
+  });
+  ErrorOfCall();
+  killer.join();
+  EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE"));
+}
+
+TEST_F(FeedbackClientTest, APeerThatAcceptsAndSaysNothingEndsTheCallWithinTheConnectTimeout) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, mRoot.At("feedback.sock").c_str(), sizeof(address.sun_path) - 1);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(listen(fd, 5), 0);
+  const auto start = Clock::now();
+  EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED: no connection within 1 s"));
+  EXPECT_LT(Clock::now() - start, seconds(3));
+  close(fd);
+}
+
+TEST_F(FeedbackClientTest, APeerThatTheConfigurationDoesNotNameIsAConfigurationError) {
+  try {
+    mHost.CreateClient<IFeedback>("Light");
+    ADD_FAILURE() << "no error";
+  } catch (const Rpc::ConfigurationException& e) {
+    EXPECT_EQ(e.what(), mRoot.ConfigPath() + ": peers.Light: missing");
+  }
+}
+
+TEST(DiagnosticsTransport, ARestartedPeerGetsEverythingAgainAndARefusedValueIsNotRepeated) {
+  const Root root;
+  const std::string address = "unix:" + root.At("diagnostics.sock");
+  const CSignalDefinition<std::string> definition{ipc::ESignalRfidState, "state", "", ""};
+  CDiagnosticsSignal<std::string> signal(&definition);
+  signal.Send("kept");
+  AppCommunicationHost<GrpcBackend> host(root.Configure(
+      R"({"listen": "unix:rfid.sock", "peers": {"Diagnostics": "unix:diagnostics.sock"}, "configuration": "hub"})"));
+  CDiagnosticsCommClient::Initialize(host);
+  for (int i = 0; i < 2; ++i) {
+    DiagnosticsService service;
+    const PeerServer peer(address, "Diagnostics", service);
+    EXPECT_TRUE(Eventually([&] { return service.mValues.Take() == "kept"; }));
+  }
+  DiagnosticsService service;
+  const PeerServer peer(address, "Diagnostics", service);
+  EXPECT_TRUE(Eventually([&] { return service.mValues.Take() == "kept"; }));
+  signal.Send("refused");
+  signal.Send("next");
+  EXPECT_EQ(service.mValues.Take(), "refused");
+  EXPECT_EQ(service.mValues.Take(), "next");
+  CDiagnosticsCommClient::Terminate();
+}
+
+TEST(DiagnosticsTransport, APeerThatDoesNotAnswerIsLeftAtOnceOnTermination) {
+  const Root root;
+  const std::string address = "unix:" + root.At("diagnostics.sock");
+  struct Silent final : ipc::Diagnostics::Service {
+    grpc::Status UpdateSignal(grpc::ServerContext*, const ipc::MSignal*, ipc::MResult*) override {
+      mGate.Pass();
+      return grpc::Status::OK;
+    }
+    Gate mGate;
+  } service;
+  const PeerServer peer(address, "Diagnostics", service);
+  const CSignalDefinition<std::string> definition{ipc::ESignalRfidState, "state", "", ""};
+  CDiagnosticsSignal<std::string> signal(&definition);
+  signal.Send("value");
+  const auto transport = CreateDiagnosticsTransport("Diagnostics", address);
+  CDiagnosticsCommClient::Initialize(transport);
+  EXPECT_TRUE(service.mGate.AwaitWaiting(1));
+  const auto start = Clock::now();
+  CDiagnosticsCommClient::Terminate();
+  EXPECT_LT(Clock::now() - start, seconds(1));
+  EXPECT_EQ(transport.use_count(), 1);
+  service.mGate.Open();
+}
+
+}  // namespace

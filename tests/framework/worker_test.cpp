@@ -1,0 +1,213 @@
+#include "framework/worker.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "framework/logcapture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto cDeadline = 20s;  // far above what anything here takes
+
+/// A call that says when it has begun and stays until it is let go.
+class BlockingCall {
+ public:
+  void operator()() {
+    if (!std::exchange(mCalled, true)) {
+      mBegun.set_value();
+      mMayEnd.get_future().wait();
+      mEnded = true;
+    }
+  }
+  bool WaitUntilBegun() { return mBegun.get_future().wait_for(cDeadline) == std::future_status::ready; }
+  void LetGo() { mMayEnd.set_value(); }
+  bool HasEnded() const { return mEnded; }
+
+ private:
+  bool mCalled = false;
+  std::promise<void> mBegun;
+  std::promise<void> mMayEnd;
+  std::atomic<bool> mEnded{false};
+};
+
+}  // namespace
+
+TEST(Worker, PeriodsDoNotDrift) {
+  CWorker worker;
+  const auto period = 40ms;
+  const auto first = Clock::now();
+  std::vector<Clock::duration> phases;
+  std::promise<void> enough;
+  const auto call = worker.AddCall(
+      [&] {
+        if (phases.size() < 11) {
+          phases.push_back((Clock::now() - first) % period);
+          std::this_thread::sleep_for(period / 4);  // a call that takes its time
+          if (phases.size() == 11) {
+            enough.set_value();
+          }
+        }
+      },
+      first, period);
+  worker.Start();
+  ASSERT_EQ(enough.get_future().wait_for(cDeadline), std::future_status::ready);
+  worker.Stop();
+  std::nth_element(phases.begin(), phases.begin() + 5, phases.end());
+  EXPECT_LT(phases[5], period / 4) << "most calls have to come at their time, not later by the calls before";
+}
+
+TEST(Worker, MissedPeriodsAreSkipped) {
+  CWorker worker;
+  const auto period = 10ms;
+  const auto first = Clock::now() - 1000 * period;
+  std::vector<Clock::time_point> times;
+  std::promise<void> enough;
+  worker.AddCall(
+      [&] {
+        times.push_back(Clock::now());
+        if (times.size() == 3) {
+          enough.set_value();
+        }
+      },
+      first, period);
+  worker.Start();
+  ASSERT_EQ(enough.get_future().wait_for(cDeadline), std::future_status::ready);
+  worker.Stop();
+  for (std::size_t i = 1; i < times.size(); ++i) {
+    EXPECT_NE((times[i] - first) / period, (times[i - 1] - first) / period) << "two calls in one period";
+  }
+}
+
+TEST(Worker, ACallThatThrowsDoesNotEndTheWorker) {
+  const LogCapture capture;
+  CWorker worker;
+  int calls = 0;
+  std::promise<void> fourth;
+  worker.AddCall(
+      [&] {
+        switch (++calls) {
+          case 1:
+            throw std::runtime_error("no light");
+          case 2:
+            throw 2;
+          case 4:
+            fourth.set_value();
+            break;
+          default:
+            break;
+        }
+      },
+      Clock::now(), 1ms);
+  worker.Start();
+  EXPECT_EQ(fourth.get_future().wait_for(cDeadline), std::future_status::ready);
+  worker.Stop();
+  EXPECT_THAT(capture.Texts(Log::ELogLevel::Error),
+              testing::ElementsAre("A scheduled call failed: no light",
+                                   "A scheduled call failed with an unknown exception."));
+}
+
+TEST(Worker, SyncWaitsForTheCallInProgressAlthoughItWasCancelled) {
+  CWorker worker;
+  worker.Start();
+  BlockingCall blocking;
+  std::atomic<int> later{0};
+  const auto call = worker.AddCall([&] { blocking(); }, Clock::now(), 1h);
+  ASSERT_TRUE(blocking.WaitUntilBegun());
+  worker.AddCall([&] { ++later; }, Clock::now(), 1h);  // due, and cannot begin yet
+  call->Cancel();
+
+  auto synced = std::async(std::launch::async, [&] {
+    worker.Sync();
+    return blocking.HasEnded() && later == 1;
+  });
+  EXPECT_EQ(synced.wait_for(20ms), std::future_status::timeout);
+  blocking.LetGo();
+  ASSERT_EQ(synced.wait_for(cDeadline), std::future_status::ready);
+  EXPECT_TRUE(synced.get());
+}
+
+TEST(Worker, NoCallBeginsAfterCancel) {
+  CWorker worker;
+  worker.Start();
+  for (int round = 0; round < 50; ++round) {
+    auto alive = std::make_shared<std::atomic<bool>>(true);
+    const std::weak_ptr<void> kept = alive;
+    std::atomic<bool> late{false};
+    const auto call = worker.AddCall([alive, &late] { late = late || !*alive; }, Clock::now(), 50us);
+    if (round % 2 == 0) {
+      std::this_thread::yield();
+    }
+    call->Cancel();
+    worker.Sync();
+    *alive = false;
+    worker.Sync();
+    EXPECT_FALSE(late);
+    alive.reset();
+    EXPECT_TRUE(kept.expired()) << "a cancelled call must not keep what its function owns";
+    call->Cancel();
+  }
+}
+
+TEST(Worker, ACallMayCancelItselfAddOthersAndSync) {
+  CWorker worker;
+  std::shared_ptr<CWorkerCall> call;
+  int calls = 0;
+  std::promise<int> added;
+  call = worker.AddCall(
+      [&] {
+        ++calls;
+        call->Cancel();
+        worker.Sync();
+        worker.AddCall(
+            [&, once = true]() mutable {
+              if (std::exchange(once, false)) {
+                added.set_value(calls);
+              }
+            },
+            Clock::now() + 5ms, 1h);
+      },
+      Clock::now(), 1ms);
+  worker.Start();
+  worker.Start();  // does nothing
+  auto result = added.get_future();
+  ASSERT_EQ(result.wait_for(cDeadline), std::future_status::ready);
+  EXPECT_EQ(result.get(), 1);
+}
+
+TEST(Worker, StopEndsSyncsAndForgetsNothingThatMattersToHandles) {
+  auto worker = std::make_unique<CWorker>();
+  worker->Sync();  // not running: at once
+  BlockingCall blocking;
+  auto owned = std::make_shared<int>(1);
+  const std::weak_ptr<int> kept = owned;
+  const auto call = worker->AddCall([&blocking, owned] { blocking(); }, Clock::now(), 1ms);
+  owned.reset();
+  worker->Start();
+  ASSERT_TRUE(blocking.WaitUntilBegun());
+
+  auto synced = std::async(std::launch::async, [&] { worker->Sync(); });
+  auto stopped = std::async(std::launch::async, [&] { worker->Stop(); });
+  EXPECT_EQ(stopped.wait_for(20ms), std::future_status::timeout) << "the call in progress is waited for";
+  blocking.LetGo();
+  EXPECT_EQ(stopped.wait_for(cDeadline), std::future_status::ready);
+  EXPECT_EQ(synced.wait_for(cDeadline), std::future_status::ready);
+
+  worker.reset();
+  EXPECT_TRUE(kept.expired());
+  call->Cancel();  // the handle outlives the worker
+}
+
+TEST(Worker, RefusesASchedulerLoop) {
+  CWorker worker;
+  EXPECT_THROW(worker.AddCall([] {}, Clock::now(), 0ns), std::invalid_argument);
+  EXPECT_THROW(worker.AddCall({}, Clock::now(), 1s), std::invalid_argument);
+}

@@ -1,0 +1,144 @@
+#pragma once
+
+// A program that talks to the kernel's NFC family, with real libnl for the sockets and nothing hidden: every message of
+// an answer can be looked at.
+
+#include <linux/genetlink.h>
+#include <linux/nfc.h>
+#include <netlink/genl/ctrl.h>
+#include <netlink/genl/family.h>
+#include <netlink/genl/genl.h>
+#include <netlink/netlink.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "genlmessage.h"
+
+namespace nfctest {
+
+using virtualnfc::Bytes;
+
+constexpr std::uint16_t kFamily = 20;
+constexpr std::uint32_t kGroup = 3;
+
+struct NlSocketDeleter {
+  void operator()(nl_sock* socket) const { nl_socket_free(socket); }
+};
+struct NlMessageDeleter {
+  void operator()(nl_msg* message) const { nlmsg_free(message); }
+};
+
+/// One message of an answer, or an event.
+struct Message {
+  nlmsghdr header{};
+  Bytes payload;
+
+  std::uint8_t Command() const { return payload.empty() ? std::uint8_t{0} : payload[0]; }
+  bool IsError() const { return header.nlmsg_type == NLMSG_ERROR; }
+  /// The errno of an error message or of the end of a dump, positive.
+  int Error() const {
+    int code = 0;
+    std::memcpy(&code, payload.data(), sizeof(code));
+    return -code;
+  }
+  /// Everything behind the two headers.
+  Bytes Attributes() const { return Bytes(payload.begin() + 4, payload.end()); }
+};
+
+class NfcClient {
+ public:
+  NfcClient() : mSocket(nl_socket_alloc()) {
+    const int result = genl_connect(mSocket.get());
+    if (result != 0) throw std::runtime_error(std::string("genl_connect: ") + nl_geterror(result));
+    nl_socket_disable_seq_check(mSocket.get());
+  }
+
+  nl_sock* Get() const { return mSocket.get(); }
+  int Fd() const { return nl_socket_get_fd(mSocket.get()); }
+  std::uint32_t Port() const { return nl_socket_get_local_port(mSocket.get()); }
+  void Close() { mSocket.reset(); }
+  void JoinEvents() const {
+    if (nl_socket_add_membership(mSocket.get(), kGroup) != 0) throw std::runtime_error("cannot join the events");
+  }
+
+  /// A request with u32 attributes. @returns its length, or a negative libnl code
+  int Send(std::uint8_t command, const std::vector<std::pair<int, std::uint32_t>>& attributes = {},
+           int flags = NLM_F_REQUEST | NLM_F_ACK, int family = kFamily) const {
+    const std::unique_ptr<nl_msg, NlMessageDeleter> message(nlmsg_alloc());
+    genlmsg_put(message.get(), NL_AUTO_PORT, 77, family, 0, flags, command, 1);
+    for (const auto& [type, value] : attributes) nla_put_u32(message.get(), type, value);
+    nlmsg_hdr(message.get())->nlmsg_pid = Port();
+    return nl_send(mSocket.get(), message.get());
+  }
+
+  /// What lies in the receive queue, without waiting: an answer is there when the sending returns.
+  std::vector<Message> Received() const {
+    std::vector<Message> messages;
+    for (Bytes datagram = ReceiveDatagram(); !datagram.empty(); datagram = ReceiveDatagram()) {
+      for (const Bytes& one : virtualnfc::SplitMessages(datagram)) {
+        Message message;
+        std::memcpy(&message.header, one.data(), sizeof(message.header));
+        message.payload.assign(one.begin() + NLMSG_HDRLEN, one.end());
+        messages.push_back(std::move(message));
+      }
+    }
+    return messages;
+  }
+
+  /// One datagram as it is; empty when there is none.
+  Bytes ReceiveDatagram() const {
+    Bytes datagram(65536);
+    const ssize_t length = ::recv(Fd(), datagram.data(), datagram.size(), MSG_DONTWAIT);
+    datagram.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return datagram;
+  }
+
+  /// Waits until something can be received; false after ten seconds.
+  bool WaitReadable() const {
+    pollfd waiting{Fd(), POLLIN, 0};
+    return ::poll(&waiting, 1, 10000) == 1;
+  }
+
+  /// The errno a command for a device is answered with; none when nothing came.
+  std::optional<int> Command(std::uint8_t command, std::uint32_t device = 0) const {
+    std::vector<std::pair<int, std::uint32_t>> attributes{{NFC_ATTR_DEVICE_INDEX, device}};
+    if (command == NFC_CMD_START_POLL) attributes.emplace_back(NFC_ATTR_PROTOCOLS, 0xFC);
+    Send(command, attributes);
+    return LastError();
+  }
+
+  std::optional<int> LastError() const {
+    std::optional<int> error;
+    for (const Message& message : Received()) {
+      if (message.IsError()) error = message.Error();
+    }
+    return error;
+  }
+
+  /// A dump's messages, the end included.
+  std::vector<Message> Dump(std::uint8_t command, std::optional<std::uint32_t> device = std::nullopt) const {
+    std::vector<std::pair<int, std::uint32_t>> attributes;
+    if (device) attributes.emplace_back(NFC_ATTR_DEVICE_INDEX, *device);
+    Send(command, attributes, NLM_F_REQUEST | NLM_F_ACK | NLM_F_DUMP);
+    return Received();
+  }
+
+  /// Powers the device up and polls for everything.
+  bool Poll() const {
+    const auto up = Command(NFC_CMD_DEV_UP);
+    return (up == 0 || up == EALREADY) && Command(NFC_CMD_START_POLL) == 0;
+  }
+
+ private:
+  std::unique_ptr<nl_sock, NlSocketDeleter> mSocket;
+};
+
+}  // namespace nfctest

@@ -1,0 +1,387 @@
+// Netlink sockets as a program meets them: ports, buffers, waiting, signals, closing.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "inprocess.h"
+#include "nfcclient.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using nfctest::Message;
+using nfctest::NfcClient;
+using testing::Each;
+using testing::IsEmpty;
+using testing::SizeIs;
+using virtualnfc::Bytes;
+using virtualnfc::InProcessVirtualNfc;
+using virtualnfc::MakeTag;
+using virtualnfc::Status;
+using virtualnfc::TagKind;
+using virtualnfc::UniqueFd;
+using virtualnfc::VirtualNfcSettings;
+
+VirtualNfcSettings WithPromptRelease() {
+  VirtualNfcSettings settings;
+  settings.ownerReleaseDelay = 0ms;
+  return settings;
+}
+
+std::ptrdiff_t CountDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
+UniqueFd PlainSocket() { return UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC)); }
+
+int Bind(int fd, std::uint32_t port) {
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_pid = port;
+  return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ? 0 : errno;
+}
+
+std::uint32_t PortOf(int fd) {
+  sockaddr_nl address{};
+  socklen_t length = sizeof(address);
+  EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  EXPECT_EQ(length, sizeof(address));
+  EXPECT_EQ(address.nl_family, AF_NETLINK);
+  return address.nl_pid;
+}
+
+TEST(VirtualNfcSockets, AreRefusedWhenThereIsNoServer) {
+  const UniqueFd fd = PlainSocket();
+  EXPECT_FALSE(fd);
+  EXPECT_EQ(errno, EPROTONOSUPPORT);
+}
+
+TEST(VirtualNfcSockets, LeaveNothingOpenBehindThem) {
+  const std::ptrdiff_t before = CountDescriptors();
+  for (int round = 0; round < 3; ++round) {
+    const InProcessVirtualNfc kernel;
+    {
+      const NfcClient first;
+      const NfcClient second;
+      EXPECT_NE(first.Port(), second.Port());
+      EXPECT_EQ(kernel.GetStatus().openSockets, 2U);
+    }
+    EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return status.openSockets == 0; }));
+    EXPECT_EQ(virtualnfc::CountInterposedSockets(), 0);
+  }
+  EXPECT_EQ(CountDescriptors(), before);
+}
+
+TEST(VirtualNfcSockets, HaveAPortOfTheirOwn) {
+  const InProcessVirtualNfc kernel;
+  const UniqueFd first = PlainSocket();
+  UniqueFd second = PlainSocket();
+  const UniqueFd third = PlainSocket();
+  EXPECT_EQ(PortOf(first.Get()), 0U);
+  EXPECT_EQ(Bind(first.Get(), 0), 0);
+  EXPECT_EQ(PortOf(first.Get()), static_cast<std::uint32_t>(::getpid()));
+  EXPECT_EQ(Bind(second.Get(), PortOf(first.Get())), EADDRINUSE);
+  EXPECT_EQ(Bind(second.Get(), 0), 0);
+  EXPECT_GE(PortOf(second.Get()), 0x80000000U);
+  EXPECT_EQ(Bind(second.Get(), 4711), EINVAL);
+  // A port is free as soon as its socket is closed.
+  const std::uint32_t port = PortOf(second.Get());
+  second.Reset();
+  EXPECT_EQ(Bind(third.Get(), port), 0);
+}
+
+TEST(VirtualNfcSockets, ThatWereReplacedBehindOurBackAreLetGo) {
+  const InProcessVirtualNfc kernel;
+  const UniqueFd socket = PlainSocket();
+  const UniqueFd other(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::dup3(other.Get(), socket.Get(), O_CLOEXEC), socket.Get());
+  EXPECT_EQ(::send(socket.Get(), "", 0, 0), -1);
+  EXPECT_EQ(errno, ENOTSOCK);
+  EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return status.openSockets == 0; }));
+}
+
+TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {
+  const InProcessVirtualNfc kernel;
+  const NfcClient client;
+  EXPECT_EQ(nl_socket_add_membership(client.Get(), 77), -NLE_OBJ_NOTFOUND);
+  sockaddr_nl elsewhere{};
+  elsewhere.nl_family = AF_NETLINK;
+  elsewhere.nl_pid = 1;
+  EXPECT_EQ(::sendto(client.Fd(), "x", 1, 0, reinterpret_cast<sockaddr*>(&elsewhere), sizeof(elsewhere)), -1);
+  EXPECT_EQ(errno, ECONNREFUSED);
+  // What is shorter than a header is passed over in silence.
+  EXPECT_EQ(::send(client.Fd(), "x", 1, 0), 1);
+  EXPECT_THAT(client.Received(), IsEmpty());
+}
+
+TEST(VirtualNfcSockets, WaitForAnAnswerAsLongAsTheyAreTold) {
+  const InProcessVirtualNfc kernel;
+  const NfcClient client;
+  const timeval limit{0, 50000};
+  ASSERT_EQ(::setsockopt(client.Fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
+  const auto before = std::chrono::steady_clock::now();
+  char byte = 0;
+  EXPECT_EQ(::recv(client.Fd(), &byte, 1, 0), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, 45ms);
+}
+
+TEST(VirtualNfcSockets, TellTheLengthOfADatagramThatWasPeekedAt) {
+  const InProcessVirtualNfc kernel;
+  const NfcClient client;
+  client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}});
+  char little[4];
+  EXPECT_EQ(::recv(client.Fd(), little, sizeof(little), MSG_PEEK | MSG_TRUNC), 36);
+  EXPECT_EQ(::recv(client.Fd(), little, sizeof(little), MSG_PEEK), 4);
+  sockaddr_nl from{};
+  socklen_t length = sizeof(from);
+  from.nl_pid = 1;
+  EXPECT_EQ(::recvfrom(client.Fd(), little, sizeof(little), MSG_TRUNC, reinterpret_cast<sockaddr*>(&from), &length),
+            36);
+  EXPECT_EQ(from.nl_pid, 0U);
+  EXPECT_EQ(length, sizeof(from));
+  EXPECT_EQ(::recv(client.Fd(), little, sizeof(little), MSG_DONTWAIT), -1);
+}
+
+// --- a receive buffer that is full ---
+
+TEST(VirtualNfcEvents, ThatDoNotFitAreLostAndTheReaderIsToldOnce) {
+  InProcessVirtualNfc kernel;
+  const NfcClient listener;
+  listener.JoinEvents();
+  Bytes event(64, 0);
+  event[0] = 64;
+  event[4] = nfctest::kFamily;
+  const auto send = [&](std::uint8_t number) {
+    event[20] = number;
+    kernel.SendRawEvent(event);
+  };
+  for (int i = 0; i < 5000; ++i) send(1);
+  send(2);
+  EXPECT_EQ(nl_recvmsgs_default(listener.Get()), -NLE_NOMEM);
+  const std::vector<Message> older = listener.Received();
+  EXPECT_GT(older.size(), 10U);
+  EXPECT_LT(older.size(), 5000U);
+  for (const Message& message : older) ASSERT_EQ(message.payload[4], 1);
+  send(3);
+  const std::vector<Message> later = listener.Received();
+  ASSERT_THAT(later, SizeIs(1));
+  EXPECT_EQ(later[0].payload[4], 3);
+}
+
+TEST(VirtualNfcEvents, ThatWereLostWakeAWaitingReader) {
+  InProcessVirtualNfc kernel;
+  const NfcClient listener;
+  listener.JoinEvents();
+  auto reader = std::async(std::launch::async, [&] {
+    char byte = 0;
+    return ::recv(listener.Fd(), &byte, 1, 0) < 0 ? errno : 0;
+  });
+  kernel.OverrunEvents();
+  EXPECT_EQ(reader.get(), ENOBUFS);
+  EXPECT_THAT(listener.ReceiveDatagram(), IsEmpty());
+}
+
+TEST(VirtualNfcEvents, EndForAReaderWhoseKernelGoes) {
+  auto kernel = std::make_unique<InProcessVirtualNfc>();
+  const NfcClient listener;
+  listener.JoinEvents();
+  auto reader = std::async(std::launch::async, [&] {
+    char byte = 0;
+    return ::recv(listener.Fd(), &byte, 1, 0) < 0 ? errno : 0;
+  });
+  kernel.reset();
+  EXPECT_EQ(reader.get(), ENOBUFS);
+  EXPECT_EQ(listener.Send(NFC_CMD_UNSPEC), -NLE_FAILURE);
+}
+
+// --- the owner of a poll goes ---
+
+TEST(VirtualNfcOwner, ThatClosesEndsItsPollALittleLater) {
+  VirtualNfcSettings settings;
+  settings.ownerReleaseDelay = 200ms;
+  const InProcessVirtualNfc kernel(settings);
+  NfcClient owner;
+  const NfcClient other;
+  ASSERT_TRUE(owner.Poll());
+  owner.Close();
+  EXPECT_EQ(other.Command(NFC_CMD_START_POLL), EBUSY);
+  ASSERT_TRUE(kernel.WaitFor([](const Status& status) { return !status.Device().polling; }));
+  EXPECT_EQ(other.Command(NFC_CMD_STOP_POLL), EINVAL);
+  EXPECT_EQ(other.Command(NFC_CMD_START_POLL), 0);
+}
+
+TEST(VirtualNfcOwner, ThatLivesOnInAChildKeepsItsPoll) {
+  const InProcessVirtualNfc kernel(WithPromptRelease());
+  NfcClient owner;
+  const NfcClient other;
+  ASSERT_TRUE(owner.Poll());
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    // Ends when the parent closes its end.
+    ::close(ends[1]);
+    char byte = 0;
+    (void)!::read(ends[0], &byte, 1);
+    ::_exit(0);
+  }
+  ASSERT_GT(child, 0);
+  const UniqueFd end(ends[1]);
+  ::close(ends[0]);
+  owner.Close();
+  EXPECT_EQ(other.Command(NFC_CMD_START_POLL), EBUSY);
+  EXPECT_EQ(other.Command(NFC_CMD_STOP_POLL), EBUSY);
+  const_cast<UniqueFd&>(end).Reset();
+  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return !status.Device().polling; }));
+}
+
+// --- a command that waits for its chip ---
+
+class VirtualNfcWaiting : public testing::Test {
+ protected:
+  VirtualNfcWaiting() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGUSR1, &action, &mBefore);
+    mListener.JoinEvents();
+  }
+  ~VirtualNfcWaiting() override {
+    EndWait();
+    ::sigaction(SIGUSR1, &mBefore, nullptr);
+  }
+
+  /// Begins a command on a thread of its own; it waits for its chip when this returns.
+  void BeginWait(std::uint8_t command) {
+    mThread = std::thread([this, command] { mError = mWaiter.Command(command); });
+    ASSERT_TRUE(mKernel.WaitFor([](const Status& status) { return status.commandWaits; }));
+  }
+
+  /// A signal reaches the waiting thread. @returns what the command was answered then
+  std::optional<int> EndWait() {
+    if (mThread.joinable()) {
+      ::pthread_kill(mThread.native_handle(), SIGUSR1);
+      mThread.join();
+    }
+    return mError;
+  }
+
+  static constexpr int kRestartSys = 512;
+
+  InProcessVirtualNfc mKernel{WithPromptRelease()};
+  const NfcClient mWaiter;
+  const NfcClient mOther;
+  const NfcClient mListener;
+
+ private:
+  struct sigaction mBefore {};
+  std::optional<int> mError;
+  std::thread mThread;
+};
+
+TEST_F(VirtualNfcWaiting, BlocksAllOtherCommandsButNoEvent) {
+  ASSERT_EQ(mOther.Command(NFC_CMD_DEV_UP), 0);
+  mKernel.AddRule("START_POLL delay=60000 times=1");
+  BeginWait(NFC_CMD_START_POLL);
+  auto blocked = std::async(std::launch::async, [this] { return mOther.Command(NFC_CMD_UNSPEC); });
+  ASSERT_TRUE(mKernel.WaitFor([](const Status& status) { return status.queued == 1; }));
+  mKernel.Plug(1);
+  EXPECT_TRUE(mListener.WaitReadable());
+  EXPECT_EQ(mListener.Received().at(0).Command(), NFC_EVENT_DEVICE_ADDED);
+  EXPECT_EQ(mKernel.GetStatus().Commands(NFC_CMD_UNSPEC), 0U);
+  EndWait();
+  EXPECT_EQ(blocked.get(), EOPNOTSUPP);
+}
+
+TEST_F(VirtualNfcWaiting, EndsWithTheAnswerWhenTheTimeIsOver) {
+  mKernel.AddRule("DEV_UP delay=50");
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_UP), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, 50ms);
+}
+
+TEST_F(VirtualNfcWaiting, ToStartAPollLeavesTheChipInDisagreementWhenASignalEndsIt) {
+  ASSERT_EQ(mWaiter.Command(NFC_CMD_DEV_UP), 0);
+  mKernel.AddRule("START_POLL delay=60000 times=1");
+  BeginWait(NFC_CMD_START_POLL);
+  EXPECT_EQ(EndWait(), kRestartSys);
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_START_POLL), EBUSY);
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_STOP_POLL), EINVAL);
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_DOWN), 0);
+  EXPECT_TRUE(mWaiter.Poll());
+}
+
+TEST_F(VirtualNfcWaiting, ToPowerUpCanSimplyBeRepeatedAfterASignal) {
+  mKernel.AddRule("DEV_UP delay=60000 times=1");
+  BeginWait(NFC_CMD_DEV_UP);
+  EXPECT_EQ(EndWait(), kRestartSys);
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_UP), 0);
+}
+
+TEST_F(VirtualNfcWaiting, ToStopAPollSucceedsAtOnceAfterASignal) {
+  ASSERT_TRUE(mWaiter.Poll());
+  mKernel.AddRule("STOP_POLL delay=60000 times=1");
+  BeginWait(NFC_CMD_STOP_POLL);
+  EXPECT_EQ(EndWait(), 0);
+  EXPECT_FALSE(mKernel.GetStatus().Device().polling);
+}
+
+TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceGoesMeanwhile) {
+  ASSERT_EQ(mWaiter.Command(NFC_CMD_DEV_UP), 0);
+  mKernel.AddRule("START_POLL delay=300");
+  auto waiting = std::async(std::launch::async, [this] { return mWaiter.Command(NFC_CMD_START_POLL); });
+  ASSERT_TRUE(mKernel.WaitFor([](const Status& status) { return status.commandWaits; }));
+  mKernel.Unplug();
+  EXPECT_TRUE(mListener.WaitReadable());
+  EXPECT_EQ(waiting.get(), ETIMEDOUT);
+}
+
+TEST_F(VirtualNfcWaiting, FailsWhenTheKernelGoes) {
+  auto kernel = std::make_unique<InProcessVirtualNfc>();
+  kernel->AddRule("DEV_UP delay=60000");
+  const NfcClient client;
+  auto waiting =
+      std::async(std::launch::async, [&] { return client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}}); });
+  ASSERT_TRUE(kernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+  kernel.reset();
+  EXPECT_EQ(waiting.get(), -NLE_FAILURE);
+}
+
+TEST(VirtualNfcThreads, MayUseManySocketsAtOnce) {
+  InProcessVirtualNfc kernel(WithPromptRelease());
+  std::vector<std::future<int>> programs;
+  for (int i = 0; i < 4; ++i) {
+    programs.push_back(std::async(std::launch::async, [] {
+      int resolved = 0;
+      for (int round = 0; round < 40; ++round) {
+        const NfcClient client;
+        client.JoinEvents();
+        resolved += genl_ctrl_resolve(client.Get(), "nfc") == nfctest::kFamily ? 1 : 0;
+        client.Poll();
+        client.Received();
+      }
+      return resolved;
+    }));
+  }
+  for (int i = 0; i < 40; ++i) {
+    kernel.PresentTag(MakeTag(TagKind::Mifare, "04A12B5C"));
+    kernel.RemoveTags();
+    kernel.OverrunEvents();
+  }
+  for (auto& program : programs) EXPECT_EQ(program.get(), 40);
+  EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return status.openSockets == 0; }));
+}
+
+}  // namespace

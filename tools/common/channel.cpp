@@ -1,0 +1,25 @@
+#include "common/channel.h"
+
+#include <filesystem>
+
+RpcConfig LoadRpcConfig(const std::string& root) {
+  return RpcConfig::Load((std::filesystem::path(root) / "etc" / "plex.json").string());
+}
+
+std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address, const std::string& name) {
+  grpc::ChannelArguments arguments;
+  // The daemon finds the service by the authority that is asked for.
+  arguments.SetString(GRPC_ARG_DEFAULT_AUTHORITY, name);
+  arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
+  arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 1000);
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
+}
+
+std::string ReasonOf(const grpc::Status& status) {
+  // "failed to connect to all addresses; last error: UNKNOWN: unix:/run/x.sock: No such file or directory"
+  const std::string& text = status.error_message();
+  const auto isConnecting = text.find("; last error: ") != std::string::npos;
+  const auto reason = text.rfind(": ");
+  return isConnecting ? text.substr(reason + 2) : text;
+}

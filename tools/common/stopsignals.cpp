@@ -1,0 +1,24 @@
+#include "common/stopsignals.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+StopSignals::StopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  mDescriptor = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (mDescriptor < 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot wait for signals");
+  }
+}
+
+StopSignals::~StopSignals() {
+  close(mDescriptor);
+}

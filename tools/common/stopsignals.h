@@ -1,0 +1,17 @@
+#pragma once
+
+/// SIGINT and SIGTERM as something to wait for. To be made before the process has other threads: they inherit
+/// that the two signals are blocked, so that the signals come here.
+class StopSignals {
+ public:
+  StopSignals();
+  ~StopSignals();
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+
+  /// Becomes readable when a signal has come.
+  int Descriptor() const { return mDescriptor; }
+
+ private:
+  int mDescriptor;
+};

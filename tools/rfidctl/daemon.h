@@ -1,0 +1,26 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+/// How the program ends; documented in its help.
+enum class EExit { Ok = 0, Failed = 1, Usage = 2, Unreachable = 3, Incomplete = 4 };
+
+/// The daemon cannot be reached, or does not answer as it should.
+class Unreachable : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Where the daemon is, and how its answers are shown.
+struct Daemon {
+  std::string address;
+  bool json = false;
+};
+
+/// The names under which the daemon registers its services.
+constexpr const char* cControlService = "RfidGenCtrl";
+constexpr const char* cRfidService = "Rfid";
+constexpr const char* cLogService = "RfidLog";
+
+constexpr const char* cTool = "rfidctl";

@@ -1,0 +1,118 @@
+// rfidctl: controls the RFID daemon and shows what it notifies.
+
+#include "common/channel.h"
+#include "common/commandline.h"
+#include "common/output.h"
+#include "framework/rpc.h"
+#include "rfidctl/requests.h"
+#include "rfidctl/watch.h"
+
+namespace {
+
+constexpr const char* cFooter =
+    "Exit status:\n"
+    "  0  done; watch: also when Ctrl-C, SIGTERM or --timeout ended it and there was no --count,\n"
+    "     and when nobody reads its output any more\n"
+    "  1  the daemon refused the request: it does not fit its present state; or the output cannot be "
+    "written\n"
+    "  2  the command line cannot be understood\n"
+    "  3  the daemon cannot be reached\n"
+    "  4  watch ended before --count";
+
+struct Options {
+  std::string root = "/";
+  std::string address;
+  bool json = false;
+  bool on = false;
+  std::string uid;
+  std::string level;
+  double timeout = 0;
+  std::vector<std::string> kinds;
+  WatchOptions watch;
+};
+
+void AddCommands(CLI::App& app, Options& options) {
+  app.add_subcommand("state", "Print the daemon's state");
+  app.add_subcommand("enable", "Start reading cards");
+  app.add_subcommand("disable", "Stop reading cards; the first one completes the daemon's start-up");
+
+  AddSwitch(*app.add_subcommand("learning", "Notify cards as learning tokens instead of authorising them"),
+            options.on);
+
+  app.add_subcommand("inject", "Simulate a card at the reader; this can start a charge")
+      ->add_option("UID", options.uid, "Hexadecimal, 8 to 16 digits; the daemon judges it")
+      ->required();
+
+  auto* watch = app.add_subcommand("watch", "Print states, signs of life and cards as they are notified");
+  watch->add_option("--count", options.watch.count, "End after so many lines")->check(CLI::PositiveNumber);
+  watch->add_option("--timeout", options.timeout, "End after so many seconds")->check(CLI::PositiveNumber);
+  watch->add_option("--only", options.kinds, "Show and count these kinds only")
+      ->delimiter(',')
+      ->check(CLI::IsMember({"state", "alive", "token", "learning-token"}));
+
+  app.add_subcommand("log-level", "Print the daemon's log level, or change it")
+      ->add_option("LEVEL", options.level)
+      ->check(CLI::IsMember(LogLevelNames()));
+}
+
+EExit Run(const CLI::App& app, Options& options) {
+  const Daemon daemon{options.address.empty() ? LoadRpcConfig(options.root).listen : options.address,
+                      options.json};
+  const auto wanted = [&](const char* command) { return app.got_subcommand(command); };
+  if (wanted("state")) {
+    return PrintState(daemon);
+  }
+  if (wanted("enable")) {
+    return Enable(daemon);
+  }
+  if (wanted("disable")) {
+    return Disable(daemon);
+  }
+  if (wanted("learning")) {
+    return SetLearning(daemon, options.on);
+  }
+  if (wanted("inject")) {
+    return InjectToken(daemon, options.uid);
+  }
+  if (wanted("log-level")) {
+    return options.level.empty() ? PrintLogLevel(daemon) : SetLogLevel(daemon, options.level);
+  }
+  options.watch.kinds.insert(options.kinds.begin(), options.kinds.end());
+  if (options.timeout > 0) {
+    options.watch.timeout = std::chrono::duration<double>(options.timeout);
+  }
+  return Watch(daemon, options.watch);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app("Controls the RFID daemon and shows what it notifies.", cTool);
+  SetUpTool(app);
+  app.require_subcommand(1);
+  app.footer(cFooter);
+  auto* root = app.add_option("--root", options.root,
+                              "Root folder of the station; etc/plex.json below it names the daemon's address")
+                   ->capture_default_str();
+  app.add_option("--address", options.address, "The daemon's address: unix:PATH or HOST:PORT")
+      ->excludes(root);
+  app.add_flag("--json", options.json, "Output for programs: one JSON object a line");
+  AddCommands(app, options);
+
+  if (const auto status = ParseCommandLine(app, argc, argv)) {
+    return *status;
+  }
+  try {
+    return static_cast<int>(Run(app, options));
+  } catch (const Rpc::ConfigurationException& e) {
+    PrintError(cTool, std::string("cannot tell where the daemon is: ") + e.what());
+    return static_cast<int>(EExit::Unreachable);
+  } catch (const Unreachable& e) {
+    PrintError(cTool, e.what());
+    return static_cast<int>(EExit::Unreachable);
+  } catch (const std::exception& e) {
+    PrintError(cTool, e.what());
+    return static_cast<int>(EExit::Failed);
+  }
+}

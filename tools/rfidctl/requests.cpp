@@ -1,0 +1,132 @@
+#include "rfidctl/requests.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "common/channel.h"
+#include "common/output.h"
+#include "ipc/generic_control.grpc.pb.h"
+#include "ipc/log_config.grpc.pb.h"
+#include "ipc/rfid.grpc.pb.h"
+#include "rfidctl/text.h"
+
+namespace {
+
+// A command to the reader may keep the daemon's machine busy for half a minute.
+constexpr auto cAnswerTime = std::chrono::seconds(60);
+constexpr auto cStateTime = std::chrono::seconds(5);
+
+[[noreturn]] void Fail(const Daemon& daemon, const grpc::Status& status) {
+  if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
+    throw Unreachable("the daemon at " + daemon.address + " does not answer");
+  }
+  throw Unreachable("cannot reach the daemon at " + daemon.address + ": " + ReasonOf(status));
+}
+
+/// Makes one request of `Service` to the service registered under `name`.
+template <typename Service, typename Request, typename Response>
+Response Ask(const Daemon& daemon, const char* name,
+             grpc::Status (Service::Stub::*operation)(grpc::ClientContext*, const Request&, Response*),
+             const Request& request) {
+  const auto stub = Service::NewStub(OpenChannel(daemon.address, name));
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + cAnswerTime);
+  Response response;
+  const grpc::Status status = ((*stub).*operation)(&context, request, &response);
+  if (!status.ok()) {
+    Fail(daemon, status);
+  }
+  return response;
+}
+
+void Print(const Daemon& daemon, const char* key, const std::string& value) {
+  LineOutput output;
+  if (daemon.json) {
+    Json::Value line;
+    line[key] = value;
+    output.Write(ToJsonLine(line));
+  } else {
+    output.Write(value);
+  }
+}
+
+EExit Conclude(const Daemon& daemon, const ipc::MResult& result, const std::string& refusal) {
+  const bool ok = result.result() == ipc::EResultOk;
+  if (daemon.json) {
+    Print(daemon, "result", ok ? "Ok" : "Illegal");
+  }
+  if (!ok) {
+    PrintError(cTool, "the daemon refuses: " + refusal);
+  }
+  return ok ? EExit::Ok : EExit::Failed;
+}
+
+}  // namespace
+
+EExit PrintState(const Daemon& daemon) {
+  const auto stub = ipc::GenericControl::NewStub(OpenChannel(daemon.address, cControlService));
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + cStateTime);
+  const auto stream = stub->Subscribe(&context, ipc::MEmpty());
+  ipc::MGenericControlNotification notification;
+  while (stream->Read(&notification)) {
+    if (notification.has_state()) {
+      context.TryCancel();
+      stream->Finish();
+      Print(daemon, "state", StateText(notification.state().state()));
+      return EExit::Ok;
+    }
+  }
+  Fail(daemon, stream->Finish());
+}
+
+EExit Enable(const Daemon& daemon) {
+  return Conclude(
+      daemon,
+      Ask<ipc::GenericControl>(daemon, cControlService, &ipc::GenericControl::Stub::Enable, ipc::MEmpty()),
+      "it cannot be enabled in its present state");
+}
+
+EExit Disable(const Daemon& daemon) {
+  return Conclude(
+      daemon,
+      Ask<ipc::GenericControl>(daemon, cControlService, &ipc::GenericControl::Stub::Disable, ipc::MEmpty()),
+      "it cannot be disabled in its present state");
+}
+
+EExit SetLearning(const Daemon& daemon, bool on) {
+  ipc::MEnableLearning request;
+  request.set_enable(on);
+  return Conclude(daemon, Ask<ipc::Rfid>(daemon, cRfidService, &ipc::Rfid::Stub::EnableLearning, request),
+                  "learning needs the daemon to be enabled");
+}
+
+EExit InjectToken(const Daemon& daemon, const std::string& uid) {
+  ipc::MInjectToken request;
+  request.set_uid(uid);
+  return Conclude(daemon, Ask<ipc::Rfid>(daemon, cRfidService, &ipc::Rfid::Stub::InjectToken, request),
+                  "injecting a token needs the daemon to be enabled");
+}
+
+EExit PrintLogLevel(const Daemon& daemon) {
+  const auto level =
+      Ask<ipc::LogConfig>(daemon, cLogService, &ipc::LogConfig::Stub::GetLogLevel, ipc::MEmpty());
+  const auto number = static_cast<std::size_t>(level.level());
+  const auto names = LogLevelNames();
+  Print(daemon, "level", number < names.size() ? names[number] : std::to_string(level.level()));
+  return EExit::Ok;
+}
+
+EExit SetLogLevel(const Daemon& daemon, const std::string& level) {
+  const auto names = LogLevelNames();
+  ipc::MLogLevel request;
+  request.set_level(
+      static_cast<ipc::ELogLevel>(std::find(names.begin(), names.end(), level) - names.begin()));
+  return Conclude(daemon,
+                  Ask<ipc::LogConfig>(daemon, cLogService, &ipc::LogConfig::Stub::SetLogLevel, request),
+                  "it has no such log level");
+}
+
+std::vector<std::string> LogLevelNames() {
+  return {"trace", "debug", "info", "warning", "error", "critical"};
+}

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "ipc/common.pb.h"
+
+/// Reads one service's notifications on a thread of its own and subscribes again whenever the stream ends.
+///
+/// The callbacks are called on that thread; `onNotification` may block, which holds up the stream.
+template <typename Service, typename Notification>
+class Subscriber {
+ public:
+  Subscriber(std::shared_ptr<grpc::Channel> channel, std::function<void(const Notification&)> onNotification,
+             std::function<void(const grpc::Status&)> onEnd)
+      : mStub(Service::NewStub(std::move(channel))),
+        mOnNotification(std::move(onNotification)),
+        mOnEnd(std::move(onEnd)),
+        mThread([this] { Run(); }) {}
+
+  ~Subscriber() {
+    {
+      const std::lock_guard lock(mMutex);
+      mStopping = true;
+      if (mContext) {
+        mContext->TryCancel();
+      }
+      mChanged.notify_all();
+    }
+    mThread.join();
+  }
+
+  /// Blocks until the service has confirmed the first subscription, or has failed it, or the time is over.
+  void WaitUntilSubscribed(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mMutex);
+    mChanged.wait_for(lock, timeout, [this] { return mSubscribed; });
+  }
+
+  Subscriber(const Subscriber&) = delete;
+  Subscriber& operator=(const Subscriber&) = delete;
+
+ private:
+  static constexpr auto cPause =
+      std::chrono::milliseconds(200);  ///< so that a refusal is not repeated in a loop
+
+  void Run() {
+    std::unique_lock lock(mMutex);
+    for (bool again = false; !mStopping; again = true) {
+      mContext = std::make_unique<grpc::ClientContext>();
+      mContext->set_wait_for_ready(again);
+      lock.unlock();
+      const grpc::Status status = Read();
+      mOnEnd(status);
+      lock.lock();
+      mChanged.wait_for(lock, cPause, [this] { return mStopping; });
+    }
+  }
+
+  grpc::Status Read() {
+    const auto stream = mStub->Subscribe(mContext.get(), ipc::MEmpty());
+    stream->WaitForInitialMetadata();
+    {
+      const std::lock_guard lock(mMutex);
+      mSubscribed = true;
+      mChanged.notify_all();
+    }
+    Notification notification;
+    while (stream->Read(&notification)) {
+      mOnNotification(notification);
+    }
+    return stream->Finish();
+  }
+
+  const std::unique_ptr<typename Service::Stub> mStub;
+  const std::function<void(const Notification&)> mOnNotification;
+  const std::function<void(const grpc::Status&)> mOnEnd;
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  bool mStopping = false;
+  bool mSubscribed = false;
+  std::unique_ptr<grpc::ClientContext> mContext;  ///< set on the thread only, with the mutex held
+  std::thread mThread;
+};

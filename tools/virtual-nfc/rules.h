@@ -1,0 +1,113 @@
+#pragma once
+
+// Rules: what the simulated kernel shall do otherwise than the real one, while it runs.
+//
+// A rule in words is "COMMAND [condition...] action...":
+//   COMMAND     a command of the nfc family by name (START_POLL) or number, GETFAMILY (the look-up of a
+//   family), an
+//               event by name (TARGETS_FOUND), or "any" for every command of the nfc family
+//   conditions  nth=N      only the Nth matching one (counted from 1 since the rule was added)
+//               times=N    at most N times
+//               port=N     only from the socket with this netlink port
+//               device=N   only for the device with this number
+//   actions     errno=E    answer this error (EBUSY or 16) instead of carrying the command out
+//               delay=MS   the command waits that long for its chip, and so do all other commands
+//               unplug     the device goes while the command is under way; the first one when it names none
+//               drop       no answer
+//               truncate=N the first message of the answer ends after N bytes
+//               garble     the attributes of the first message are damaged
+//               duplicate  every message of the answer comes twice
+//               reverse    the messages of the answer come in reverse order
+//               no-done    a dump does not end
+//               seq=N      the answer carries this sequence number
+//               sender=N   the answer comes from this port, as if another process had sent it
+// Events know no errno, delay, unplug and no-done.
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "genlmessage.h"
+
+namespace virtualnfc {
+
+/// What is sent for one request or event: messages that may share datagrams, and who seems to send them.
+struct Answer {
+  std::vector<Bytes> messages;
+  std::uint32_t sender = 0;
+};
+
+/// Which commands or events a rule is asked about.
+struct Occurrence {
+  enum class Family { Nfc, Controller };
+  Family family = Family::Nfc;
+  std::uint8_t command = 0;
+  bool isEvent = false;
+  std::uint32_t port = 0;
+  std::optional<std::uint32_t> device;
+};
+
+enum class ChangeKind { Drop, Truncate, Garble, Duplicate, Reverse, NoDone, Sequence, Sender };
+
+struct Change {
+  ChangeKind kind;
+  std::uint32_t value = 0;
+};
+
+struct Rule {
+  Occurrence::Family family = Occurrence::Family::Nfc;
+  /// Empty: every command of the family, no event.
+  std::optional<std::uint8_t> command;
+  std::optional<std::uint32_t> nth;
+  std::optional<std::uint32_t> times;
+  std::optional<std::uint32_t> port;
+  std::optional<std::uint32_t> device;
+
+  std::optional<int> error;
+  std::chrono::milliseconds delay{0};
+  bool unplug = false;
+  std::vector<Change> changes;
+};
+
+/// @throws std::invalid_argument naming the word that is wrong
+Rule ParseRule(std::string_view text);
+
+/// What a rule does to an answer that is about to be sent.
+void ApplyChanges(const std::vector<Change>& changes, Answer& answer);
+
+struct RuleStatus {
+  std::uint32_t id = 0;
+  std::string text;
+  std::uint32_t seen = 0;
+  std::uint32_t fired = 0;
+};
+
+/// The rules in force. Not thread-safe; its owner locks.
+class RuleSet {
+ public:
+  /// @returns the rule's id
+  /// @throws std::invalid_argument
+  std::uint32_t Add(std::string_view text);
+  void Clear() { mRules.clear(); }
+  std::vector<RuleStatus> List() const;
+
+  /// The first rule in order of addition that fires for this occurrence; every rule that matches counts it.
+  std::optional<Rule> Match(const Occurrence& occurrence);
+
+ private:
+  struct Entry {
+    Rule rule;
+    RuleStatus status;
+  };
+
+  std::vector<Entry> mRules;
+  std::uint32_t mNextId = 1;
+};
+
+/// "START_POLL", or the number of a command that has no name here.
+std::string CommandName(std::uint8_t command);
+
+}  // namespace virtualnfc

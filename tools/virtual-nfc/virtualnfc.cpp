@@ -1,0 +1,581 @@
+#include "virtualnfc.h"
+
+#include <fmt/format.h>
+#include <linux/nfc.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <stdexcept>
+#include <utility>
+
+namespace virtualnfc {
+
+namespace {
+
+constexpr std::size_t kHistoryLength = 1000;
+/// Where the kernel looks for a free port when the process id is taken: downwards from here, as unsigned
+/// numbers.
+constexpr std::uint32_t kHighestSparePort = 0xFFFFF000;
+
+std::string OwnAddress() {
+  static std::atomic<unsigned> counter{0};
+  return fmt::format("@virtual-nfc-{}-{}", ::getpid(), ++counter);
+}
+
+}  // namespace
+
+DeviceStatus Status::Device() const {
+  const auto found = std::find_if(devices.begin(), devices.end(),
+                                  [](const DeviceStatus& device) { return !device.removed; });
+  return found == devices.end() ? DeviceStatus{} : *found;
+}
+
+VirtualNfc::VirtualNfc(VirtualNfcSettings settings, std::string address)
+    : mSettings(std::move(settings)),
+      mListener(address.empty() ? OwnAddress() : std::move(address), SOCK_SEQPACKET),
+      mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      mKernel(mSettings.kernel) {
+  if (!mWake) {
+    throw std::runtime_error("cannot make an event descriptor");
+  }
+  for (std::uint32_t i = 0; i < mSettings.devices; ++i) {
+    mKernel.AddDevice(i);
+  }
+  mThread = std::thread([this] {
+    ::pthread_setname_np(::pthread_self(), "virtual-nfc");
+    Run();
+  });
+}
+
+VirtualNfc::~VirtualNfc() {
+  {
+    const std::lock_guard lock(mMutex);
+    mStop = true;
+    Wake();
+  }
+  mThread.join();
+  for (const auto& [id, socket] : mConnections) {
+    // Nobody shall wait for events that cannot come any more.
+    socket->MarkOverrun();
+  }
+}
+
+// --- what tests and tools ask for ---
+
+std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
+  const std::lock_guard lock(mMutex);
+  const std::uint32_t number = index ? *index : LowestFreeNumber();
+  if (mKernel.FindDevice(number) != nullptr) {
+    throw std::invalid_argument(fmt::format("there is a device {} already", number));
+  }
+  SendEvent(mKernel.DeviceAddedEvent(mKernel.AddDevice(number)));
+  Changed();
+  return number;
+}
+
+bool VirtualNfc::Unplug(std::uint32_t index) {
+  const std::lock_guard lock(mMutex);
+  if (!IsDeviceThere(index)) {
+    return false;
+  }
+  RemoveDevice(index);
+  Changed();
+  return true;
+}
+
+void VirtualNfc::PresentTags(std::vector<Tag> tags) {
+  const std::lock_guard lock(mMutex);
+  mField = std::move(tags);
+  ++mFieldVersion;
+  for (const auto& device : mKernel.Devices()) {
+    ScheduleDetection(device->Index());
+  }
+  Changed();
+}
+
+void VirtualNfc::PresentTag(Tag tag) {
+  std::vector<Tag> tags;
+  tags.push_back(std::move(tag));
+  PresentTags(std::move(tags));
+}
+
+void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
+  PresentTag(std::move(tag));
+  const std::lock_guard lock(mMutex);
+  mTimers.After(hold, [this, version = mFieldVersion] {
+    if (mFieldVersion == version) {
+      mField.clear();
+    }
+  });
+  Changed();
+}
+
+std::uint32_t VirtualNfc::AddRule(std::string_view text) {
+  const std::lock_guard lock(mMutex);
+  return mRules.Add(text);
+}
+
+std::vector<RuleStatus> VirtualNfc::ListRules() const {
+  const std::lock_guard lock(mMutex);
+  return mRules.List();
+}
+
+void VirtualNfc::ClearRules() {
+  const std::lock_guard lock(mMutex);
+  mRules.Clear();
+}
+
+bool VirtualNfc::MakeChipDisagree(std::uint32_t index) {
+  const std::lock_guard lock(mMutex);
+  if (!IsDeviceThere(index)) {
+    return false;
+  }
+  mKernel.FindDevice(index)->Disagree();
+  Changed();
+  return true;
+}
+
+bool VirtualNfc::SetTargetActive(bool active, std::uint32_t index) {
+  const std::lock_guard lock(mMutex);
+  if (!IsDeviceThere(index)) {
+    return false;
+  }
+  mKernel.FindDevice(index)->SetTargetActive(active);
+  Changed();
+  return true;
+}
+
+void VirtualNfc::OverrunEvents() {
+  const std::lock_guard lock(mMutex);
+  for (const auto& [id, socket] : mConnections) {
+    if (socket->groups.contains(mSettings.kernel.groupId)) {
+      socket->MarkOverrun();
+    }
+  }
+}
+
+void VirtualNfc::SendRawEvent(const Bytes& message) {
+  const std::lock_guard lock(mMutex);
+  Multicast(0, message);
+}
+
+Status VirtualNfc::GetStatus() const {
+  const std::lock_guard lock(mMutex);
+  return MakeStatus();
+}
+
+std::vector<CommandRecord> VirtualNfc::History() const {
+  const std::lock_guard lock(mMutex);
+  return {mHistory.begin(), mHistory.end()};
+}
+
+bool VirtualNfc::WaitFor(const std::function<bool(const Status&)>& predicate,
+                         std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mMutex);
+  return mChanged.wait_for(lock, timeout, [&] { return predicate(MakeStatus()); });
+}
+
+Status VirtualNfc::MakeStatus() const {
+  Status status;
+  for (const auto& device : mKernel.Devices()) {
+    status.devices.push_back({device->Index(), device->Name(), device->IsPowered(), device->IsPolling(),
+                              device->IsPollDead(), device->IsRemoved(), device->OwnerPort(), device->Mask(),
+                              device->TargetsCounted()});
+  }
+  for (const Tag& tag : mField) {
+    status.tags.push_back(tag.label);
+  }
+  for (const auto& [id, socket] : mConnections) {
+    status.openSockets += socket->IsOpen() ? 1 : 0;
+    status.listeners += socket->groups.contains(mSettings.kernel.groupId) ? 1 : 0;
+  }
+  status.commands = mCommands;
+  status.events = mEvents;
+  status.commandWaits = mWaiting.has_value();
+  status.queued = mWork.size();
+  return status;
+}
+
+void VirtualNfc::Wake() {
+  const std::uint64_t one = 1;
+  // A counter that is full wakes as well.
+  (void)!::write(mWake.Get(), &one, sizeof(one));
+}
+
+void VirtualNfc::Changed() {
+  Wake();
+  mChanged.notify_all();
+}
+
+// --- devices ---
+
+bool VirtualNfc::IsDeviceThere(std::uint32_t index) {
+  const NfcDevice* device = mKernel.FindDevice(index);
+  return device != nullptr && !device->IsRemoved();
+}
+
+std::optional<std::uint32_t> VirtualNfc::DeviceOf(const Occurrence& occurrence) {
+  for (const auto& device : mKernel.Devices()) {
+    if (!device->IsRemoved() && occurrence.device.value_or(device->Index()) == device->Index()) {
+      return device->Index();
+    }
+  }
+  return std::nullopt;
+}
+
+std::uint32_t VirtualNfc::LowestFreeNumber() const {
+  std::uint32_t number = 0;
+  const auto isTaken = [&] {
+    return std::find(mTakenNumbers.begin(), mTakenNumbers.end(), number) != mTakenNumbers.end() ||
+           std::any_of(mKernel.Devices().begin(), mKernel.Devices().end(),
+                       [&](const auto& device) { return device->Index() == number; });
+  };
+  while (isTaken()) {
+    ++number;
+  }
+  return number;
+}
+
+void VirtualNfc::RemoveDevice(std::uint32_t index) {
+  NfcDevice* device = mKernel.FindDevice(index);
+  const bool staysListed = device->IsPowered();
+  device->Remove();
+  SendEvent(mKernel.DeviceRemovedEvent(index));
+  const auto forget = [this, index] {
+    mKernel.EraseDevice(index);
+    mTakenNumbers.push_back(index);
+    mTimers.After(mSettings.numberRelease, [this, index] { std::erase(mTakenNumbers, index); });
+  };
+  if (staysListed) {
+    mTimers.After(mSettings.removedListing, forget);
+  } else {
+    forget();
+  }
+}
+
+void VirtualNfc::ScheduleDetection(std::uint32_t index) {
+  const NfcDevice* polling = mKernel.FindDevice(index);
+  if (mField.empty() || !polling->IsPolling()) {
+    return;
+  }
+  mTimers.After(mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
+    NfcDevice* device = mKernel.FindDevice(index);
+    if (device != nullptr && device->PollId() == poll &&
+        device->Detect(mField) == NfcDevice::Detection::Found) {
+      SendEvent(mKernel.TargetsFoundEvent(index));
+    }
+  });
+}
+
+void VirtualNfc::SendEvent(Bytes message) {
+  const Request event = ParseRequest(message);
+  Occurrence occurrence;
+  occurrence.command = event.genl.cmd;
+  occurrence.isEvent = true;
+  occurrence.device = GetU32(event.attributes, NFC_ATTR_DEVICE_INDEX);
+  ++mEvents[occurrence.command];
+
+  Answer answer{{std::move(message)}, 0};
+  if (const auto rule = mRules.Match(occurrence)) {
+    ApplyChanges(rule->changes, answer);
+  }
+  for (const Bytes& one : answer.messages) {
+    Multicast(answer.sender, one);
+  }
+}
+
+void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
+  const std::uint32_t group = mSettings.kernel.groupId;
+  const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
+  for (const auto& [id, socket] : mConnections) {
+    if (socket->groups.contains(group)) {
+      socket->Deliver(sender, mask, message);
+    }
+  }
+}
+
+// --- commands ---
+
+void VirtualNfc::WorkOff() {
+  while (!mWaiting && !mWork.empty()) {
+    Work work = std::move(mWork.front());
+    mWork.pop_front();
+    Begin(std::move(work));
+  }
+}
+
+void VirtualNfc::Begin(Work work) {
+  const auto connection = mConnections.find(work.connection);
+  if (connection == mConnections.end()) {
+    return;
+  }
+  Request request = ParseRequest(work.message);
+  const auto occurrence = mKernel.Classify(request, connection->second->port);
+  Rule rule;
+  std::optional<std::uint32_t> device;
+  if (occurrence) {
+    rule = mRules.Match(*occurrence).value_or(Rule{});
+    if (occurrence->family == Occurrence::Family::Nfc) {
+      ++mCommands[occurrence->command];
+      device = DeviceOf(*occurrence);
+    }
+  }
+  if (rule.unplug && device && NfcKernel::NeedsChip(request)) {
+    RemoveDevice(*device);
+  }
+  mWaiting = Waiting{std::move(work), std::move(request), std::move(rule), device, mNextWaiting++};
+  if (mWaiting->rule.delay.count() == 0) {
+    FinishWaiting(false);
+    return;
+  }
+  mTimers.After(mWaiting->rule.delay, [this, id = mWaiting->id] {
+    if (mWaiting && mWaiting->id == id) {
+      FinishWaiting(false);
+    }
+  });
+}
+
+void VirtualNfc::FinishWaiting(bool interrupted) {
+  const Waiting waiting = std::move(*mWaiting);
+  mWaiting.reset();
+  const auto connection = mConnections.find(waiting.work.connection);
+  const std::uint32_t port = connection == mConnections.end() ? 0 : connection->second->port;
+  const Request& request = waiting.request;
+  const int vanished = mKernel.ErrorOfVanishedChip(request, waiting.device.has_value());
+
+  NfcKernel::Result result = interrupted          ? mKernel.Interrupt(request, port)
+                             : waiting.rule.error ? mKernel.Refuse(request, port, *waiting.rule.error)
+                             : vanished != 0      ? mKernel.Refuse(request, port, vanished)
+                                                  : mKernel.Handle(request, port);
+  const auto occurrence = mKernel.Classify(request, port);
+  if (occurrence && occurrence->family == Occurrence::Family::Nfc) {
+    mHistory.push_back({occurrence->command, port, result.error});
+    if (mHistory.size() > kHistoryLength) {
+      mHistory.pop_front();
+    }
+    if (waiting.rule.unplug && waiting.device && IsDeviceThere(*waiting.device)) {
+      RemoveDevice(*waiting.device);
+    }
+  }
+  if (result.startedPoll) {
+    ScheduleDetection(*result.startedPoll);
+  }
+  if (connection == mConnections.end()) {
+    return;
+  }
+  ApplyChanges(waiting.rule.changes, result.answer);
+  for (const Bytes& datagram : PackDatagrams(result.answer.messages)) {
+    connection->second->Deliver(result.answer.sender, 0, datagram);
+  }
+  if (waiting.work.isLast) {
+    connection->second->Reply(0);
+  }
+}
+
+// --- sockets ---
+
+bool VirtualNfc::IsPortTaken(std::uint32_t port) const {
+  return std::any_of(mConnections.begin(), mConnections.end(),
+                     [port](const auto& entry) { return entry.second->port == port; });
+}
+
+int VirtualNfc::Bind(NetlinkPort& socket, std::uint32_t wanted, std::uint32_t groups) {
+  if (socket.port == 0) {
+    std::uint32_t port = wanted;
+    if (wanted == 0) {
+      port = static_cast<std::uint32_t>(socket.ProcessId());
+      for (std::uint32_t spare = kHighestSparePort; IsPortTaken(port); --spare) {
+        port = spare;
+      }
+    } else if (IsPortTaken(wanted)) {
+      return EADDRINUSE;
+    }
+    socket.port = port;
+  } else if (wanted != 0 && wanted != socket.port) {
+    return EINVAL;
+  }
+  for (std::uint32_t bit = 0; bit < 32; ++bit) {
+    if ((groups & (std::uint32_t{1} << bit)) != 0) {
+      if (const int error = Join(socket, bit + 1); error != 0) {
+        return error;
+      }
+    }
+  }
+  return 0;
+}
+
+int VirtualNfc::Join(NetlinkPort& socket, std::uint32_t group) {
+  const bool isKnown =
+      group == kControllerGroupId || (mSettings.kernel.hasFamily && group == mSettings.kernel.groupId);
+  if (!isKnown) {
+    return ENOENT;
+  }
+  socket.groups.insert(group);
+  return 0;
+}
+
+void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
+  NetlinkPort& socket = *mConnections.at(id);
+  wire::OperationHeader header{};
+  if (record.size() < sizeof(header)) {
+    CloseConnection(id);
+    return;
+  }
+  std::copy_n(record.begin(), sizeof(header), reinterpret_cast<std::uint8_t*>(&header));
+  const bool opens = header.operation == wire::Operation::Open;
+  if (opens == socket.IsOpen()) {
+    CloseConnection(id);
+    return;
+  }
+  switch (header.operation) {
+    case wire::Operation::Open:
+      if (socket.Open() != 0) {
+        CloseConnection(id);
+      }
+      return;
+    case wire::Operation::Bind:
+      socket.Reply(Bind(socket, header.first, header.second));
+      return;
+    case wire::Operation::Join:
+      socket.Reply(Join(socket, header.first));
+      return;
+    case wire::Operation::Leave:
+      socket.groups.erase(header.first);
+      socket.Reply(0);
+      return;
+    case wire::Operation::ReceiveBuffer:
+      socket.SetReceiveBuffer(header.first);
+      socket.Reply(0);
+      return;
+    case wire::Operation::Interrupt:
+      if (mWaiting && mWaiting->work.connection == id && NfcKernel::IsInterruptible(mWaiting->request)) {
+        FinishWaiting(true);
+      }
+      return;
+    case wire::Operation::Send: {
+      if (const int error = Bind(socket, 0, 0); error != 0) {
+        socket.Reply(error);
+        return;
+      }
+      std::vector<Bytes> messages = SplitMessages(ByteView(record).subspan(sizeof(header)));
+      for (std::size_t i = 0; i < messages.size(); ++i) {
+        mWork.push_back({id, std::move(messages[i]), i + 1 == messages.size()});
+      }
+      if (messages.empty()) {
+        socket.Reply(0);
+      }
+      return;
+    }
+  }
+  CloseConnection(id);
+}
+
+void VirtualNfc::CloseConnection(std::uint64_t id) {
+  const auto connection = mConnections.find(id);
+  const std::uint32_t port = connection->second->port;
+  if (mWaiting && mWaiting->work.connection == id && NfcKernel::IsInterruptible(mWaiting->request)) {
+    // The process was killed while its command waited: for the kernel that is a signal as any other.
+    FinishWaiting(true);
+  }
+  mConnections.erase(connection);
+  const auto release = [this, port] {
+    for (const auto& device : mKernel.Devices()) {
+      device->PortClosed(port);
+    }
+  };
+  if (port == 0) {
+    return;
+  }
+  if (mSettings.ownerReleaseDelay.count() == 0) {
+    release();
+  } else {
+    mTimers.After(mSettings.ownerReleaseDelay, release);
+  }
+}
+
+void VirtualNfc::AcceptConnections() {
+  while (UniqueFd control = mListener.Accept()) {
+    mConnections.emplace(mNextConnection++, std::make_unique<NetlinkPort>(std::move(control)));
+  }
+}
+
+void VirtualNfc::CloseEndedConnections() {
+  std::vector<pollfd> fds;
+  std::vector<std::uint64_t> ids;
+  for (const auto& [id, socket] : mConnections) {
+    fds.push_back({socket->ControlFd(), POLLIN, 0});
+    ids.push_back(id);
+  }
+  if (fds.empty() || ::poll(fds.data(), fds.size(), 0) <= 0) {
+    return;
+  }
+  for (std::size_t i = 0; i < fds.size(); ++i) {
+    char byte = 0;
+    if ((fds[i].revents & POLLHUP) != 0 &&
+        ::recv(fds[i].fd, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) <= 0) {
+      CloseConnection(ids[i]);
+    }
+  }
+}
+
+void VirtualNfc::ReadConnections(const std::vector<std::uint64_t>& readable) {
+  std::vector<std::pair<std::uint64_t, Bytes>> records;
+  for (const std::uint64_t id : readable) {
+    Bytes record(sizeof(wire::OperationHeader) + wire::kMaxMessage);
+    const ssize_t length =
+        ::recv(mConnections.at(id)->ControlFd(), record.data(), record.size(), MSG_DONTWAIT);
+    if (length < 0 && errno == EAGAIN) {
+      continue;
+    }
+    // An empty record is none of ours, or the end.
+    record.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    records.emplace_back(id, std::move(record));
+  }
+  // A program that closes a socket and then uses another shall find the first one closed.
+  CloseEndedConnections();
+  for (const auto& [id, record] : records) {
+    if (mConnections.contains(id)) {
+      HandleRecord(id, record);
+    }
+  }
+}
+
+void VirtualNfc::Run() {
+  std::unique_lock lock(mMutex);
+  while (!mStop) {
+    std::vector<pollfd> fds{{mWake.Get(), POLLIN, 0}, {mListener.Fd(), POLLIN, 0}};
+    std::vector<std::uint64_t> ids;
+    for (const auto& [id, socket] : mConnections) {
+      fds.push_back({socket->ControlFd(), POLLIN, 0});
+      ids.push_back(id);
+    }
+    int timeout = -1;
+    if (const auto next = mTimers.Next()) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Timers::Clock::now());
+      timeout = static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+    }
+    lock.unlock();
+    ::poll(fds.data(), fds.size(), timeout);
+    lock.lock();
+
+    std::uint64_t ignored = 0;
+    (void)!::read(mWake.Get(), &ignored, sizeof(ignored));
+    mTimers.RunDue();
+    AcceptConnections();
+    std::vector<std::uint64_t> readable;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      if (fds[i + 2].revents != 0) {
+        readable.push_back(ids[i]);
+      }
+    }
+    ReadConnections(readable);
+    WorkOff();
+    mChanged.notify_all();
+  }
+}
+
+}  // namespace virtualnfc

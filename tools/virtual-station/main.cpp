@@ -1,0 +1,191 @@
+// virtual-station: the station around the RFID daemon, for trying it out and for tests.
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+
+#include "common/channel.h"
+#include "common/commandline.h"
+#include "common/output.h"
+#include "common/stopsignals.h"
+#include "virtual-station/sectionfile.h"
+#include "virtual-station/virtualstation.h"
+
+namespace {
+
+constexpr const char* cTool = "virtual-station";
+constexpr int cFailureStatus = 1;
+
+struct Options {
+  std::string root = "/";
+  bool json = false;
+  std::string feedbackAnswer = "ok";
+  std::string uid;
+  bool on = false;
+};
+
+std::string TextOf(const VirtualStation::Call& call) {
+  if (const auto* event = std::get_if<ipc::MFbEventType>(&call)) {
+    const std::string& name = ipc::EFbEventType_Name(event->type());
+    return fmt::format("feedback {} ({})", name.empty() ? "unknown" : name, static_cast<int>(event->type()));
+  }
+  const auto& signal = std::get<ipc::MSignal>(call);
+  return fmt::format("signal {} {} = {}{}{}", static_cast<int>(signal.id()), Printable(signal.name()),
+                     Printable(signal.value()), signal.unit().empty() ? "" : " ", Printable(signal.unit()));
+}
+
+std::string JsonOf(const VirtualStation::Call& call) {
+  Json::Value line;
+  line["time"] = TimeForPrograms();
+  if (const auto* event = std::get_if<ipc::MFbEventType>(&call)) {
+    line["kind"] = "feedback";
+    line["event"] = ipc::EFbEventType_Name(event->type());
+    line["value"] = static_cast<int>(event->type());
+  } else {
+    const auto& signal = std::get<ipc::MSignal>(call);
+    line["kind"] = "signal";
+    line["id"] = static_cast<int>(signal.id());
+    line["name"] = signal.name();
+    line["value"] = signal.value();
+    line["unit"] = signal.unit();
+  }
+  return ToJsonLine(line);
+}
+
+int Serve(const Options& options) {
+  const StopSignals signals;
+  const RpcConfig config = LoadRpcConfig(options.root);
+  LineOutput output;
+  const auto answer = options.feedbackAnswer == "ok"        ? VirtualStation::EAnswer::Ok
+                      : options.feedbackAnswer == "illegal" ? VirtualStation::EAnswer::Illegal
+                                                            : VirtualStation::EAnswer::Hang;
+  const auto print = [&](const VirtualStation::Call& call) {
+    try {
+      output.Write(options.json ? JsonOf(call) : TextOf(call));
+    } catch (const std::exception& e) {
+      PrintError(cTool, e.what());
+    }
+  };
+  const VirtualStation station(config.peers, print, answer);
+  for (const auto& [name, address] : config.peers) {
+    PrintError(cTool, name == "Feedback" || name == "Diagnostics" ? "serving " + name + " at " + address
+                                                                  : "not serving " + name);
+  }
+  // Until a signal comes, or nobody reads the output any more.
+  pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+  while (poll(waiting, 2, -1) < 0 && errno == EINTR) {
+  }
+  return 0;
+}
+
+std::filesystem::path Store(const Options& options) {
+  return LoadRpcConfig(options.root).configuration;
+}
+
+int AddCard(const Options& options) {
+  if (!CardList(Store(options)).Add(options.uid)) {
+    PrintError(cTool, options.uid + " is in the list already");
+  }
+  return 0;
+}
+
+int RemoveCard(const Options& options) {
+  if (!CardList(Store(options)).Remove(options.uid)) {
+    PrintError(cTool, options.uid + " is not in the list");
+    return cFailureStatus;
+  }
+  return 0;
+}
+
+int ListCards(const Options& options) {
+  LineOutput output;
+  const auto uids = CardList(Store(options)).Uids();
+  if (options.json) {
+    Json::Value list(Json::arrayValue);
+    for (const std::string& uid : uids) {
+      list.append(uid);
+    }
+    output.Write(ToJsonLine(list));
+    return 0;
+  }
+  for (const std::string& uid : uids) {
+    if (!output.Write(Printable(uid))) {
+      break;
+    }
+  }
+  return 0;
+}
+
+std::string CheckUid(const std::string& text) {
+  const bool isHex = text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+  return isHex && text.size() >= 8 && text.size() <= 20 && text.size() % 2 == 0
+             ? ""
+             : "a UID has 4 to 10 bytes, two hexadecimal digits each";
+}
+
+int Run(const CLI::App& app, const Options& options) {
+  if (app.got_subcommand("serve")) {
+    return Serve(options);
+  }
+  if (app.got_subcommand("ocpp")) {
+    StationSettings(Store(options)).SetOcppActive(options.on);
+    return 0;
+  }
+  if (app.got_subcommand("free-charging")) {
+    StationSettings(Store(options)).SetFreeCharging(options.on);
+    return 0;
+  }
+  const CLI::App& card = *app.get_subcommand("card");
+  return card.got_subcommand("add")      ? AddCard(options)
+         : card.got_subcommand("remove") ? RemoveCard(options)
+                                         : ListCards(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app(
+      "The station around the RFID daemon: its feedback and diagnostics services and its configuration.",
+      cTool);
+  SetUpTool(app);
+  app.require_subcommand(1);
+  app.add_option("--root", options.root, "Root folder of the station; etc/plex.json below it says the rest")
+      ->capture_default_str();
+  app.add_flag("--json", options.json, "Output for programs: one JSON document a line");
+  app.footer("Exit status: 0 done, 1 failed, 2 the command line cannot be understood.");
+
+  auto* serve =
+      app.add_subcommand("serve", "Serve Feedback and Diagnostics and print every call, until Ctrl-C");
+  serve->add_option("--feedback-answer", options.feedbackAnswer, "How feedback calls are answered")
+      ->check(CLI::IsMember({"ok", "illegal", "hang"}))
+      ->capture_default_str();
+
+  auto* card = app.add_subcommand("card", "Show and change the local list of permitted cards");
+  card->require_subcommand(1);
+  for (const auto& [name, description] :
+       {std::pair{"add", "Permit a card"}, std::pair{"remove", "Permit a card no longer"}}) {
+    card->add_subcommand(name, description)
+        ->add_option("UID", options.uid, "Hexadecimal, for example 04A12B5C")
+        ->required()
+        ->check(CheckUid);
+  }
+  card->add_subcommand("list", "Print the UIDs, one a line");
+  AddSwitch(
+      *app.add_subcommand("ocpp", "Cards are authorised by the backend (on) or by the local list (off)"),
+      options.on);
+  AddSwitch(*app.add_subcommand("free-charging", "Charging without authorisation"), options.on);
+
+  if (const auto status = ParseCommandLine(app, argc, argv)) {
+    return *status;
+  }
+  try {
+    return Run(app, options);
+  } catch (const std::exception& e) {
+    PrintError(cTool, e.what());
+    return cFailureStatus;
+  }
+}

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+/// A section of the station's configuration, changed as the station's other programs change it: the new
+/// document takes the old one's place in one step, so that no reader meets half of it. What is not changed
+/// stays as it was.
+///
+/// Errors are std::runtime_error, naming the file.
+class SectionFile {
+ public:
+  /// `<folder>/<section>.json`; need not exist.
+  SectionFile(const std::filesystem::path& folder, const std::string& section);
+
+  /// The document as it is now, an empty object when there is no file.
+  Json::Value Load() const;
+
+  /// Loads, lets `edit` change the document and stores it if `edit` returns true. Two editors wait for each
+  /// other.
+  void Edit(const std::function<bool(Json::Value&)>& edit) const;
+
+ private:
+  void Store(const Json::Value& document) const;
+
+  std::filesystem::path mFile;
+};
+
+/// The section with the switches of the whole station.
+class StationSettings {
+ public:
+  explicit StationSettings(const std::filesystem::path& folder) : mFile(folder, "settings") {}
+
+  void SetOcppActive(bool active) const { Set("SeccOcppActive", active); }
+  void SetFreeCharging(bool free) const { Set("SessionManagerChargeWithoutAuth", free); }
+
+ private:
+  void Set(const char* key, bool value) const;
+  SectionFile mFile;
+};
+
+/// The section with the local list of permitted cards. UIDs are stored in upper case, as the daemon compares
+/// them.
+class CardList {
+ public:
+  explicit CardList(const std::filesystem::path& folder) : mFile(folder, "rfid_standalone") {}
+
+  bool Add(const std::string& uid) const;     ///< false when it is in the list already
+  bool Remove(const std::string& uid) const;  ///< false when it is not in the list
+  std::vector<std::string> Uids() const;
+
+ private:
+  SectionFile mFile;
+};

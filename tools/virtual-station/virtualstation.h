@@ -1,0 +1,56 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "ipc/diagnostics.pb.h"
+#include "ipc/feedback.pb.h"
+
+/// The services of other daemons that the RFID daemon calls, Feedback and Diagnostics: takes every call and
+/// keeps it.
+///
+/// Threads: every function may be called from any thread; calls arrive on the RPC library's threads.
+class VirtualStation {
+ public:
+  enum class EAnswer {
+    Ok,
+    Illegal,
+    Hang,  ///< the answer never comes; the call ends with the caller's patience or with the station
+  };
+  using Call = std::variant<ipc::MFbEventType, ipc::MSignal>;
+  using Observer = std::function<void(const Call&)>;
+
+  /// Serves "Feedback" and "Diagnostics" at the addresses that `peers` (name to address, as in RpcConfig)
+  /// gives for them; a service that it does not name is not served. A unix socket's folder is made where it
+  /// is missing, the socket of a station that is gone is replaced. Throws std::runtime_error when an address
+  /// cannot be had. `observer` is called for every call, one at a time, before it is answered; it must not
+  /// call the station.
+  explicit VirtualStation(const std::map<std::string, std::string>& peers, Observer observer = {},
+                          EAnswer feedbackAnswer = EAnswer::Ok);
+  ~VirtualStation();  ///< ends calls that are still waiting
+  VirtualStation(const VirtualStation&) = delete;
+  VirtualStation& operator=(const VirtualStation&) = delete;
+
+  /// How feedback calls are answered from now on.
+  void SetFeedbackAnswer(EAnswer answer);
+
+  /// Every call so far, in the order of arrival.
+  std::vector<Call> Calls() const;
+  /// The feedback events, and the values of one signal, among them.
+  std::vector<ipc::EFbEventType> FeedbackEvents() const;
+  std::vector<std::string> SignalValues(ipc::ESignalIdentifier id) const;
+
+  /// Blocks until the predicate holds for the calls so far; false when it does not within the time. The
+  /// predicate is called at every new call and must not call the station.
+  bool WaitFor(const std::function<bool(const std::vector<Call>&)>& predicate,
+               std::chrono::milliseconds timeout) const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> mImpl;
+};
