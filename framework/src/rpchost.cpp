@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <stdexcept>
 #include <utility>
 
 #include "framework/hubconfig.h"
+#include "framework/thread.h"
 #include "rpcclients.h"
 #include "rpclogging.h"
 
@@ -16,10 +18,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMaxRequestSize = 64 * 1024;
-// Together they keep Stop within its second: how long streams may take to send their last messages, and how
-// long a request's handler may take to come back.
+// These keep Stop within its second. All are counted from its beginning: how long streams may take to send
+// their last messages, how long a request's handler may take to come back, and how long connections may take
+// to close.
 constexpr std::chrono::milliseconds kShutdownGrace{300};
 constexpr std::chrono::milliseconds kHandlerGrace{500};
+constexpr std::chrono::milliseconds kCloseGrace{800};
 
 const std::string kUnixScheme = "unix:";
 
@@ -106,21 +110,30 @@ void GrpcBackend::Impl::Stop() {
     return;
   }
   mStopRequested = true;
-  const auto deadline = Clock::now() + kHandlerGrace;
+  const auto start = Clock::now();
   // Every client gets its status before the server is told to go: what is waiting now, and what still
   // arrives.
   mHub->Stop();
   for (const ServiceEntry& entry : mServices) {
     entry.runtime->pool.Abandon();
   }
-  if (mServer) {
-    mServer->Shutdown(std::chrono::system_clock::now() + kShutdownGrace);
-  }
+  // gRPC's own closing has a grace but no bound: on a busy machine its pollers may sleep up to a second. Stop
+  // does not wait for that; the destructor does.
+  auto closed = std::async(std::launch::async, [this] {
+    SetThreadName("rpc-close");
+    if (mServer) {
+      mServer->Shutdown(std::chrono::system_clock::now() + kShutdownGrace);
+    }
+  });
   for (const ServiceEntry& entry : mServices) {
-    if (!entry.runtime->pool.Join(deadline)) {
+    if (!entry.runtime->pool.Join(start + kHandlerGrace)) {
       RpcLogging::Error("A request to " + entry.runtime->name + " does not return; it is left behind");
     }
   }
+  if (closed.wait_until(start + kCloseGrace) != std::future_status::ready) {
+    RpcLogging::Warning("The server's connections take long to close");
+  }
+  mClosed = std::move(closed);
   mSocket.reset();
   {
     const std::lock_guard<std::mutex> lock(mStoppedMutex);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -51,4 +52,6 @@ class GrpcBackend::Impl {
   std::mutex mStoppedMutex;
   std::condition_variable mStoppedWake;
   bool mStopped = false;
+  std::future<void>
+      mClosed;  // the server's closing, begun by Stop; waited for on destruction, so the last member
 };

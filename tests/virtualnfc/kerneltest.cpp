@@ -73,7 +73,9 @@ struct Scenario {
   std::uint32_t device = 0;
 };
 
-void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
+void PrintTo(const Scenario& scenario, std::ostream* out) {
+  *out << scenario.name;
+}
 
 class VirtualNfcCommands : public testing::TestWithParam<Scenario> {};
 
@@ -100,7 +102,8 @@ constexpr std::uint8_t kStop = NFC_CMD_STOP_POLL;
 INSTANTIATE_TEST_SUITE_P(
     Facts, VirtualNfcCommands,
     testing::Values(
-        Scenario{"PowerIsEverybodys", {{'a', kUp, 0}, {'b', kUp, EALREADY}, {'b', kDown, 0}, {'a', kDown, EALREADY}}},
+        Scenario{"PowerIsEverybodys",
+                 {{'a', kUp, 0}, {'b', kUp, EALREADY}, {'b', kDown, 0}, {'a', kDown, EALREADY}}},
         Scenario{"PollingNeedsPower", {{'a', kStart, ENODEV}, {'a', kStop, EINVAL}}},
         Scenario{"APollHasAnOwner",
                  {{'a', kUp, 0},
@@ -118,7 +121,9 @@ INSTANTIATE_TEST_SUITE_P(
                   {'a', kDown, 0}}},
         Scenario{"TheDeviceIsNotThere",
                  {{'a', kUp, ENODEV}, {'a', kDown, ENODEV}, {'a', kStart, ENODEV}, {'a', kStop, ENODEV}},
-                 false, true, 7},
+                 false,
+                 true,
+                 7},
         Scenario{"WhatMightBeAssumed",
                  {{'a', kUp, 0},
                   {'a', kStop, EALREADY},
@@ -133,7 +138,8 @@ INSTANTIATE_TEST_SUITE_P(
                   {'a', kStart, EPERM},
                   {'a', kStop, EPERM},
                   {'a', NFC_CMD_GET_DEVICE, 0}},
-                 false, false},
+                 false,
+                 false},
         Scenario{"UnknownCommandsAndEventNumbers",
                  {{'a', NFC_CMD_UNSPEC, EOPNOTSUPP},
                   {'a', NFC_EVENT_TARGETS_FOUND, EOPNOTSUPP},
@@ -146,7 +152,9 @@ struct LibnlCode {
   int code;
 };
 
-void PrintTo(const LibnlCode& code, std::ostream* out) { *out << code.error; }
+void PrintTo(const LibnlCode& code, std::ostream* out) {
+  *out << code.error;
+}
 
 class VirtualNfcErrors : public testing::TestWithParam<LibnlCode> {};
 
@@ -161,9 +169,11 @@ TEST_P(VirtualNfcErrors, ReachTheProgramAsLibnlsCode) {
 INSTANTIATE_TEST_SUITE_P(Facts, VirtualNfcErrors,
                          testing::Values(LibnlCode{"EBUSY", NLE_BUSY}, LibnlCode{"EINVAL", NLE_INVAL},
                                          LibnlCode{"ENODEV", NLE_NODEV}, LibnlCode{"EPERM", NLE_PERM},
-                                         LibnlCode{"EOPNOTSUPP", NLE_OPNOTSUPP}, LibnlCode{"ENOENT", NLE_OBJ_NOTFOUND},
+                                         LibnlCode{"EOPNOTSUPP", NLE_OPNOTSUPP},
+                                         LibnlCode{"ENOENT", NLE_OBJ_NOTFOUND},
                                          LibnlCode{"ENOBUFS", NLE_NOMEM}, LibnlCode{"EALREADY", NLE_FAILURE},
-                                         LibnlCode{"ETIMEDOUT", NLE_FAILURE}, LibnlCode{"ERFKILL", NLE_FAILURE}),
+                                         LibnlCode{"ETIMEDOUT", NLE_FAILURE},
+                                         LibnlCode{"ERFKILL", NLE_FAILURE}),
                          [](const auto& one) { return std::string(one.param.error); });
 
 // --- the form of the answers ---

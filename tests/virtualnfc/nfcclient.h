@@ -1,7 +1,7 @@
 #pragma once
 
-// A program that talks to the kernel's NFC family, with real libnl for the sockets and nothing hidden: every message of
-// an answer can be looked at.
+// A program that talks to the kernel's NFC family, with real libnl for the sockets and nothing hidden: every
+// message of an answer can be looked at.
 
 #include <linux/genetlink.h>
 #include <linux/nfc.h>
@@ -66,7 +66,8 @@ class NfcClient {
   std::uint32_t Port() const { return nl_socket_get_local_port(mSocket.get()); }
   void Close() { mSocket.reset(); }
   void JoinEvents() const {
-    if (nl_socket_add_membership(mSocket.get(), kGroup) != 0) throw std::runtime_error("cannot join the events");
+    if (nl_socket_add_membership(mSocket.get(), kGroup) != 0)
+      throw std::runtime_error("cannot join the events");
   }
 
   /// A request with u32 attributes. @returns its length, or a negative libnl code

@@ -1,5 +1,5 @@
-// A program of its own that talks to the kernel's NFC family and knows nothing of a simulated one. It powers device
-// 0 up, polls, and prints the number of each event until its input ends.
+// A program of its own that talks to the kernel's NFC family and knows nothing of a simulated one. It powers
+// device 0 up, polls, and prints the number of each event until its input ends.
 
 #include <linux/nfc.h>
 #include <netlink/genl/ctrl.h>

@@ -31,7 +31,9 @@ struct AnswerRule {
   std::function<void(const std::vector<Message>&)> check;
 };
 
-void PrintTo(const AnswerRule& rule, std::ostream* out) { *out << rule.rule; }
+void PrintTo(const AnswerRule& rule, std::ostream* out) {
+  *out << rule.rule;
+}
 
 class VirtualNfcAnswerRules : public testing::TestWithParam<AnswerRule> {};
 
@@ -96,7 +98,8 @@ TEST(VirtualNfcRules, LetAnAnswerComeFromAnotherProcess) {
   sockaddr_nl from{};
   socklen_t length = sizeof(from);
   char answer[64];
-  EXPECT_EQ(::recvfrom(client.Fd(), answer, sizeof(answer), 0, reinterpret_cast<sockaddr*>(&from), &length), 36);
+  EXPECT_EQ(::recvfrom(client.Fd(), answer, sizeof(answer), 0, reinterpret_cast<sockaddr*>(&from), &length),
+            36);
   EXPECT_EQ(from.nl_pid, 4711U);
 }
 
@@ -172,12 +175,14 @@ TEST_P(VirtualNfcWrongWords, AreRefusedWithAReasonAndChangeNothing) {
 INSTANTIATE_TEST_SUITE_P(
     Lines, VirtualNfcWrongWords,
     testing::Values("", "   ", "dance", "tap", "tap mifare", "tap mifare 04A1", "tap mifare 04A12B5G",
-                    "tap stone 04A12B5C", "tap mifare 04A12B5C soon", "tap mifare 04A12B5C 100 200", "remove all",
-                    "plug 0", "plug x", "unplug 7", "unplug -1", "status xml", "rule", "rule drop", "rule add",
-                    "rule add START_POLL", "rule add START_POLL nth=2", "rule add START_POLL errno=0",
-                    "rule add START_POLL errno=EWHAT", "rule add START_POLL errno=99999", "rule add START_POL drop",
-                    "rule add 300 drop", "rule add START_POLL explode", "rule add START_POLL delay=",
-                    "rule add START_POLL delay=5s", "rule add START_POLL delay=-5", "rule add START_POLL truncate",
+                    "tap stone 04A12B5C", "tap mifare 04A12B5C soon", "tap mifare 04A12B5C 100 200",
+                    "remove all", "plug 0", "plug x", "unplug 7", "unplug -1", "status xml", "rule",
+                    "rule drop", "rule add", "rule add START_POLL", "rule add START_POLL nth=2",
+                    "rule add START_POLL errno=0", "rule add START_POLL errno=EWHAT",
+                    "rule add START_POLL errno=99999", "rule add START_POL drop", "rule add 300 drop",
+                    "rule add START_POLL explode",
+                    "rule add START_POLL delay=", "rule add START_POLL delay=5s",
+                    "rule add START_POLL delay=-5", "rule add START_POLL truncate",
                     "rule add TARGETS_FOUND errno=5", "rule add TARGETS_FOUND delay=5", "rule list all"));
 
 TEST(VirtualNfcWords, SteerTheServer) {

@@ -39,10 +39,13 @@ VirtualNfcSettings WithPromptRelease() {
 }
 
 std::ptrdiff_t CountDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                       std::filesystem::directory_iterator());
 }
 
-UniqueFd PlainSocket() { return UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC)); }
+UniqueFd PlainSocket() {
+  return UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
+}
 
 int Bind(int fd, std::uint32_t port) {
   sockaddr_nl address{};
@@ -146,8 +149,9 @@ TEST(VirtualNfcSockets, TellTheLengthOfADatagramThatWasPeekedAt) {
   sockaddr_nl from{};
   socklen_t length = sizeof(from);
   from.nl_pid = 1;
-  EXPECT_EQ(::recvfrom(client.Fd(), little, sizeof(little), MSG_TRUNC, reinterpret_cast<sockaddr*>(&from), &length),
-            36);
+  EXPECT_EQ(
+      ::recvfrom(client.Fd(), little, sizeof(little), MSG_TRUNC, reinterpret_cast<sockaddr*>(&from), &length),
+      36);
   EXPECT_EQ(from.nl_pid, 0U);
   EXPECT_EQ(length, sizeof(from));
   EXPECT_EQ(::recv(client.Fd(), little, sizeof(little), MSG_DONTWAIT), -1);
@@ -352,8 +356,9 @@ TEST_F(VirtualNfcWaiting, FailsWhenTheKernelGoes) {
   auto kernel = std::make_unique<InProcessVirtualNfc>();
   kernel->AddRule("DEV_UP delay=60000");
   const NfcClient client;
-  auto waiting =
-      std::async(std::launch::async, [&] { return client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}}); });
+  auto waiting = std::async(std::launch::async, [&] {
+    return client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}});
+  });
   ASSERT_TRUE(kernel->WaitFor([](const Status& status) { return status.commandWaits; }));
   kernel.reset();
   EXPECT_EQ(waiting.get(), -NLE_FAILURE);
@@ -367,8 +372,8 @@ TEST(VirtualNfcThreads, MayUseManySocketsAtOnce) {
       int resolved = 0;
       for (int round = 0; round < 40; ++round) {
         const NfcClient client;
-        client.JoinEvents();
         resolved += genl_ctrl_resolve(client.Get(), "nfc") == nfctest::kFamily ? 1 : 0;
+        client.JoinEvents();
         client.Poll();
         client.Received();
       }

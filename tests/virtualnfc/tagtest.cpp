@@ -116,7 +116,8 @@ TEST_F(VirtualNfcTags, OfAnUnknownKindKillThePollUntilItIsStopped) {
 
 TEST_F(VirtualNfcTags, OfATechnologyThatIsNotPolledAreNotSeen) {
   EXPECT_EQ(mClient.Command(NFC_CMD_STOP_POLL), 0);
-  mClient.Send(NFC_CMD_START_POLL, {{NFC_ATTR_DEVICE_INDEX, 0}, {NFC_ATTR_PROTOCOLS, NFC_PROTO_ISO15693_MASK}});
+  mClient.Send(NFC_CMD_START_POLL,
+               {{NFC_ATTR_DEVICE_INDEX, 0}, {NFC_ATTR_PROTOCOLS, NFC_PROTO_ISO15693_MASK}});
   EXPECT_EQ(mClient.LastError(), 0);
   mKernel.PresentTags({MakeTag(TagKind::Mifare, "04A12B5C"), MakeTag(TagKind::Iso15693, "E007060504030201")});
   NextEvent();
@@ -153,7 +154,9 @@ struct KindCase {
   std::vector<int> attributes;
 };
 
-void PrintTo(const KindCase& one, std::ostream* out) { *out << one.name; }
+void PrintTo(const KindCase& one, std::ostream* out) {
+  *out << one.name;
+}
 
 class VirtualNfcTagKinds : public testing::TestWithParam<KindCase> {};
 
@@ -175,26 +178,34 @@ TEST_P(VirtualNfcTagKinds, AreReportedWithTheirOwnAttributes) {
 INSTANTIATE_TEST_SUITE_P(
     Facts, VirtualNfcTagKinds,
     testing::Values(
-        KindCase{"MifareWithSevenBytes", TagKind::Mifare, "04:01:02:03:04:05:06",
-                 {8, 0, 3, 0, 0x04, 0, 0, 0, 6, 0, 5, 0, 0x44, 0, 0, 0, 5, 0, 6, 0, 0, 0, 0, 0,
-                  11, 0, 7, 0, 4, 1, 2, 3, 4, 5, 6, 0}},
-        KindCase{"MifareWithoutNumber", TagKind::Mifare, "",
-                 {8, 0, 3, 0, 0x04, 0, 0, 0, 6, 0, 5, 0, 4, 0, 0, 0, 5, 0, 6, 0, 0, 0, 0, 0}},
-        KindCase{"Iso14443A", TagKind::Iso14443A, "0a0b0c0d",
-                 {8, 0, 3, 0, 0x10, 0, 0, 0, 6, 0, 5, 0, 4, 0, 0, 0, 5, 0, 6, 0, 0x20, 0, 0, 0,
-                  8, 0, 7, 0, 10, 11, 12, 13}},
-        KindCase{"NfcDep", TagKind::NfcDep, "0a0b0c0d",
-                 {8, 0, 3, 0, 0x20, 0, 0, 0, 6, 0, 5, 0, 4, 0, 0, 0, 5, 0, 6, 0, 0x40, 0, 0, 0,
-                  8, 0, 7, 0, 10, 11, 12, 13}},
-        KindCase{"Iso14443B", TagKind::Iso14443B, "0102030405060708090A0B",
-                 {8, 0, 3, 0, 0x40, 0, 0, 0, 6, 0, 5, 0, 0, 0, 0, 0, 5, 0, 6, 0, 0, 0, 0, 0,
-                  15, 0, 8, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0}},
-        KindCase{"Felica", TagKind::Felica, "01020304050607080910111213141516",
-                 {8, 0, 3, 0, 0x08, 0, 0, 0, 6, 0, 5, 0, 0, 0, 0, 0, 5, 0, 6, 0, 0, 0, 0, 0,
-                  20, 0, 9, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 16, 17, 18, 19, 20, 21, 22}},
-        KindCase{"Iso15693", TagKind::Iso15693, "E007060504030201",
-                 {8, 0, 3, 0, 0x80, 0, 0, 0, 6, 0, 5, 0, 0, 0, 0, 0, 5, 0, 6, 0, 0, 0, 0, 0,
-                  5, 0, 26, 0, 0, 0, 0, 0, 12, 0, 27, 0, 1, 2, 3, 4, 5, 6, 7, 0xE0}}),
+        KindCase{"MifareWithSevenBytes",
+                 TagKind::Mifare,
+                 "04:01:02:03:04:05:06",
+                 {8, 0, 3, 0, 0x04, 0, 0,  0, 6, 0, 5, 0, 0x44, 0, 0, 0, 5, 0,
+                  6, 0, 0, 0, 0,    0, 11, 0, 7, 0, 4, 1, 2,    3, 4, 5, 6, 0}},
+        KindCase{"MifareWithoutNumber", TagKind::Mifare, "", {8, 0, 3, 0, 0x04, 0, 0, 0, 6, 0, 5, 0,
+                                                              4, 0, 0, 0, 5,    0, 6, 0, 0, 0, 0, 0}},
+        KindCase{"Iso14443A", TagKind::Iso14443A, "0a0b0c0d", {8, 0, 3, 0, 0x10, 0, 0,  0,  6,  0,    5,
+                                                               0, 4, 0, 0, 0,    5, 0,  6,  0,  0x20, 0,
+                                                               0, 0, 8, 0, 7,    0, 10, 11, 12, 13}},
+        KindCase{
+            "NfcDep", TagKind::NfcDep, "0a0b0c0d", {8, 0, 3, 0, 0x20, 0, 0, 0, 6, 0, 5, 0, 4,  0,  0,  0,
+                                                    5, 0, 6, 0, 0x40, 0, 0, 0, 8, 0, 7, 0, 10, 11, 12, 13}},
+        KindCase{"Iso14443B",
+                 TagKind::Iso14443B,
+                 "0102030405060708090A0B",
+                 {8, 0, 3, 0, 0x40, 0, 0, 0, 6, 0, 5, 0, 0, 0, 0, 0, 5, 0,  6,  0,
+                  0, 0, 0, 0, 15,   0, 8, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0}},
+        KindCase{"Felica",
+                 TagKind::Felica,
+                 "01020304050607080910111213141516",
+                 {8, 0, 3,  0, 0x08, 0, 0, 0, 6, 0, 5, 0, 0, 0, 0, 0,  5,  0,  6,  0,  0,  0,
+                  0, 0, 20, 0, 9,    0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 16, 17, 18, 19, 20, 21, 22}},
+        KindCase{"Iso15693",
+                 TagKind::Iso15693,
+                 "E007060504030201",
+                 {8, 0, 3, 0, 0x80, 0, 0, 0, 6, 0, 5,  0, 0,  0, 0, 0, 5, 0, 6, 0, 0, 0,
+                  0, 0, 5, 0, 26,   0, 0, 0, 0, 0, 12, 0, 27, 0, 1, 2, 3, 4, 5, 6, 7, 0xE0}}),
     [](const auto& one) { return one.param.name; });
 
 TEST(VirtualNfcTag, WithANumberThatItsKindCannotHaveIsRefused) {

@@ -115,13 +115,15 @@ class VirtualNfcTool : public testing::Test {
 TEST_F(VirtualNfcTool, ServesAProgramThatKnowsNothingOfIt) {
   Program server = Tool({"serve"});
   ASSERT_THAT(server.Line(), HasSubstr("ready"));
-  EXPECT_EQ(Tool({"env"}).Line(), "LD_PRELOAD=" VIRTUAL_NFC_PRELOAD " VIRTUAL_NFC_SOCKET=" + mSocket.string());
+  EXPECT_EQ(Tool({"env"}).Line(),
+            "LD_PRELOAD=" VIRTUAL_NFC_PRELOAD " VIRTUAL_NFC_SOCKET=" + mSocket.string());
 
   Program probe = Probe(mSocket);
   EXPECT_EQ(probe.Line(), "family 20");
   EXPECT_EQ(probe.Line(), "up 0");
   EXPECT_EQ(probe.Line(), "start 0");
-  EXPECT_THAT(Tool({"status"}).Line(), MatchesRegex("device   nfc0, power on, polling for 0xfc by port [0-9]+.*"));
+  EXPECT_THAT(Tool({"status"}).Line(),
+              MatchesRegex("device   nfc0, power on, polling for 0xfc by port [0-9]+.*"));
   EXPECT_EQ(Tool({"tap", "04A12B5C"}).Wait(), 0);
   EXPECT_EQ(probe.Line(), "event 9");
   EXPECT_EQ(Tool({"unplug"}).Wait(), 0);
@@ -183,7 +185,8 @@ TEST_F(VirtualNfcTool, LeavesAChipInDisagreementWhenTheProgramIsKilledInAStart) 
   ASSERT_TRUE(kernel.WaitFor([](const Status& status) { return status.commandWaits; }));
   probe.Signal(SIGKILL);
   probe.Wait();
-  ASSERT_TRUE(kernel.WaitFor([](const Status& status) { return !status.commandWaits && status.openSockets == 0; }));
+  ASSERT_TRUE(
+      kernel.WaitFor([](const Status& status) { return !status.commandWaits && status.openSockets == 0; }));
   const NfcClient client;
   EXPECT_EQ(client.Command(NFC_CMD_START_POLL), EBUSY);
   EXPECT_EQ(client.Command(NFC_CMD_STOP_POLL), EINVAL);

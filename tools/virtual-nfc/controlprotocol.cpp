@@ -102,7 +102,8 @@ std::string StatusAsText(const Status& status) {
     text += fmt::format(", {} tag(s) found\n", device.targetsFound);
   }
   if (status.devices.empty()) text += "device   none\n";
-  text += fmt::format("tags     {}\n", status.tags.empty() ? "none" : fmt::format("{}", fmt::join(status.tags, ", ")));
+  text += fmt::format("tags     {}\n",
+                      status.tags.empty() ? "none" : fmt::format("{}", fmt::join(status.tags, ", ")));
   text += fmt::format("sockets  {} open, {} listening to events{}\n", status.openSockets, status.listeners,
                       status.commandWaits ? ", a command waits for the chip" : "");
   return text;
@@ -183,6 +184,8 @@ std::string HandleControlLine(VirtualNfc& server, std::string_view line) {
   }
 }
 
-std::string ControlAddress(std::string_view address) { return std::string(address) + ".control"; }
+std::string ControlAddress(std::string_view address) {
+  return std::string(address) + ".control";
+}
 
 }  // namespace virtualnfc

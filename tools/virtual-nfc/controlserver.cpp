@@ -52,8 +52,9 @@ bool ControlServer::Serve(Connection& connection) {
   if (length > 0 && end == std::string::npos && !isTooLong) {
     return true;
   }
-  const std::string reply = isTooLong ? "error: the line is too long\n"
-                                      : HandleControlLine(mServer, std::string_view(connection.line).substr(0, end));
+  const std::string reply =
+      isTooLong ? "error: the line is too long\n"
+                : HandleControlLine(mServer, std::string_view(connection.line).substr(0, end));
   (void)::send(connection.fd.Get(), reply.data(), reply.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   return false;
 }

@@ -11,8 +11,8 @@
 
 namespace virtualnfc {
 
-/// Takes control lines for a server from other processes: one line for each connection. Works from construction to
-/// destruction on a thread of its own; the server must outlive it.
+/// Takes control lines for a server from other processes: one line for each connection. Works from
+/// construction to destruction on a thread of its own; the server must outlive it.
 class ControlServer {
  public:
   /// @throws std::runtime_error when it cannot listen

@@ -12,8 +12,9 @@ constexpr std::uint16_t kFlagCapped = 0x100;
 
 template <typename Struct>
 void AppendStruct(Bytes& bytes, const Struct& value) {
-  const auto* begin = reinterpret_cast<const std::uint8_t*>(&value);
-  bytes.insert(bytes.end(), begin, begin + sizeof(value));
+  const std::size_t end = bytes.size();
+  bytes.resize(end + sizeof(value));
+  std::memcpy(bytes.data() + end, &value, sizeof(value));
 }
 
 /// What fits into the buffer of one part of a dump.

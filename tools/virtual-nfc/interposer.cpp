@@ -173,7 +173,8 @@ class NetlinkSocket {
     {
       // A signal between the sending and the waiting must end the waiting too.
       const SignalsHeld signals;
-      isAnswered = Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, signals.Before());
+      isAnswered =
+          Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, signals.Before());
     }
     if (isAnswered) {
       mPort = reply.port;

@@ -68,12 +68,15 @@ int PrintEnvironment(const std::string& address) {
   for (const char* place : {"virtual-nfc-preload.so", "../lib/virtual-nfc/virtual-nfc-preload.so"}) {
     const std::filesystem::path preload = folder / place;
     if (std::filesystem::exists(preload)) {
-      const std::string where = address.front() == '@' ? address : std::filesystem::absolute(address).string();
-      fmt::print("LD_PRELOAD={} VIRTUAL_NFC_SOCKET={}\n", std::filesystem::canonical(preload).string(), where);
+      const std::string where =
+          address.front() == '@' ? address : std::filesystem::absolute(address).string();
+      fmt::print("LD_PRELOAD={} VIRTUAL_NFC_SOCKET={}\n", std::filesystem::canonical(preload).string(),
+                 where);
       return kDone;
     }
   }
-  fmt::print(stderr, "virtual-nfc: virtual-nfc-preload.so is neither in {} nor in ../lib/virtual-nfc from there\n",
+  fmt::print(stderr,
+             "virtual-nfc: virtual-nfc-preload.so is neither in {} nor in ../lib/virtual-nfc from there\n",
              folder.string());
   return kRefused;
 }
@@ -82,14 +85,16 @@ int PrintEnvironment(const std::string& address) {
 
 int main(int argc, char** argv) {
   CLI::App app(
-      "A kernel with an NFC reader, simulated: for programs that talk to the kernel's NFC family on machines without "
+      "A kernel with an NFC reader, simulated: for programs that talk to the kernel's NFC family on machines "
+      "without "
       "one.\nStart a server with 'serve', start the program with what 'env' prints, then tap tags.",
       "virtual-nfc");
   app.set_version_flag("--version", "virtual-nfc " VIRTUAL_NFC_VERSION);
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(
-      "Exit status: 0 done, 1 the server refused, 2 wrong usage, 3 no server there (serve: cannot listen there).");
+      "Exit status: 0 done, 1 the server refused, 2 wrong usage, 3 no server there (serve: cannot listen "
+      "there).");
 
   std::string address;
   app.add_option("--socket", address, "the server's socket, a path or @name")
@@ -145,14 +150,17 @@ int main(int argc, char** argv) {
   CLI::App* rule = app.add_subcommand("rule", "make the kernel misbehave");
   rule->require_subcommand(1);
   std::vector<std::string> spec;
-  CLI::App* add = rule->add_subcommand("add", "COMMAND [CONDITION...] ACTION..., as in: START_POLL nth=2 errno=EBUSY");
+  CLI::App* add =
+      rule->add_subcommand("add", "COMMAND [CONDITION...] ACTION..., as in: START_POLL nth=2 errno=EBUSY");
   add->footer(
-      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any, a number, and the\n"
+      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any, a number, "
+      "and the\n"
       "events TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
       "Conditions: nth=N times=N port=N device=N\n"
       "Actions: errno=E delay=MS unplug drop truncate=N garble duplicate reverse no-done seq=N sender=N");
   add->add_option("RULE", spec)->required();
-  add->callback([&] { action = [&] { return Ask(address, fmt::format("rule add {}", fmt::join(spec, " "))); }; });
+  add->callback(
+      [&] { action = [&] { return Ask(address, fmt::format("rule add {}", fmt::join(spec, " "))); }; });
   rule->add_subcommand("list", "show the rules and how often they fired")->callback([&] {
     action = [&] { return Ask(address, "rule list"); };
   });

@@ -1,0 +1,94 @@
+#include <csignal>
+
+#include "daemontest.h"
+
+using namespace virtualnfc;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+namespace {
+
+class Cards : public DaemonTest {
+ protected:
+  void SetUp() override {
+    WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");
+    StartDaemon();
+    EnableDaemon();
+  }
+};
+
+}  // namespace
+
+TEST_F(Cards, ACardInTheListIsAcceptedOnceForAsLongAsItStays) {
+  mKernel->PresentTag(MakeTag(TagKind::Mifare, "04A12B5C"));
+  ASSERT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidInStandAloneList"));
+  EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.Device().targetsFound >= 10; }));
+  mKernel->RemoveTags();
+  EXPECT_EQ(mSupervisor->Inject("11223344"), "Ok");  // comes after all that the card brought
+  ASSERT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
+  EXPECT_EQ(mSupervisor->Notified().size(), 2U);
+  EXPECT_THAT(mStation->FeedbackEvents(), ElementsAre(ipc::EFbTokenScanned, ipc::EFbAuthAccepted,
+                                                      ipc::EFbTokenScanned, ipc::EFbAuthRejected));
+  EXPECT_TRUE(
+      mStation->WaitFor([](const auto& calls) { return calls.size() >= 12; }, std::chrono::seconds(10)));
+  EXPECT_THAT(mStation->SignalValues(ipc::ESignalRfidState), ElementsAre("Ready", "Polling"));
+  EXPECT_THAT(mStation->SignalValues(ipc::ESignalRfidLastUid), ElementsAre("04A12B5C", "11223344"));
+  EXPECT_THAT(mStation->SignalValues(ipc::ESignalRfidLastTechnology), ElementsAre("MIFARE", "InjectedToken"));
+}
+
+TEST_F(Cards, EveryKindOfCardHasItsOutcome) {
+  Tap(MakeTag(TagKind::Iso15693, "E007060504030201"));
+  EXPECT_TRUE(mSupervisor->WaitFor("token E007060504030201 ERfidUidNotInList"));
+  Tap(MakeTag(TagKind::Mifare, "04A12B5C112233"));
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C112233 ERfidUidNotInList"));
+  Tap(MakeTag(TagKind::Felica, "0102030405060708"));
+  EXPECT_TRUE(mSupervisor->WaitFor("token  ERfidUidInvalid"));
+  EXPECT_EQ(mSupervisor->Inject("XYZ"), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("token XYZ ERfidUidInvalid"));
+  EXPECT_EQ(mSupervisor->Inject("04a1b2c3"), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A1B2C3 ERfidUidNotInList"));
+  EXPECT_THAT(Log(), HasSubstr("Simulating token swipe with uid 04a1b2c3"));
+  EXPECT_THAT(Log(), HasSubstr("RfidToken notif: 'XYZ':'ERfidUidInvalid'"));
+}
+
+TEST_F(Cards, LearningModeDivertsCardsUntilItIsSwitchedOff) {
+  EXPECT_EQ(mSupervisor->Learning(true), "Ok");
+  Tap("04A12B5C");
+  EXPECT_TRUE(mSupervisor->WaitFor("learning 04A12B5C"));
+  EXPECT_EQ(mSupervisor->Learning(false), "Ok");
+  Tap("11223344");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
+  EXPECT_EQ(mSupervisor->Notified().size(), 2U);
+}
+
+TEST_F(Cards, TheConfigurationIsFollowedWhileTheDaemonRuns) {
+  WriteFile("hub/settings.json", R"({"SeccOcppActive": true})");
+  Tap("04A12B5C");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidAuthDeferred"));
+  WriteFile("hub/settings.json", R"({"SessionManagerChargeWithoutAuth": true})");
+  Tap("11223344");
+  EXPECT_TRUE(WaitForLog("RFID Token 11223344 detected while auth disabled, not notifying."));
+  WriteFile("hub/settings.json", "{}");
+  WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "55667788"}]})");
+  Tap("55667788");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 55667788 ERfidUidInStandAloneList"));
+  EXPECT_EQ(mSupervisor->Notified().size(), 2U);
+}
+
+TEST_F(Cards, ForgedUidsDoNotForgeLogLines) {
+  EXPECT_EQ(mSupervisor->Inject("04A12B5C\n2026 critical forged\x1b[2J"), "Ok");
+  EXPECT_TRUE(WaitForLog("04A12B5C\\x0a2026 critical forged\\x1b[2J"));
+  EXPECT_THAT(Log(), Not(HasSubstr("\n2026 critical forged")));
+}
+
+TEST_F(Cards, RequestsForCardsAreIllegalWhileDisabled) {
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_EQ(mSupervisor->Learning(true), "Illegal");
+  EXPECT_EQ(mSupervisor->Inject("04A12B5C"), "Illegal");
+  EXPECT_EQ(mSupervisor->Enable(), "Ok");
+  Tap("04A12B5C");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidInStandAloneList"));
+}

@@ -1,0 +1,133 @@
+#include <linux/nfc.h>
+
+#include <csignal>
+#include <future>
+#include <vector>
+
+#include "daemontest.h"
+
+using namespace virtualnfc;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+class Interruption : public DaemonTest {
+ protected:
+  void ExpectOrderlyEnd() {
+    EXPECT_EQ(mDaemon->Wait().value_or("still running"), "exit 0");
+    EXPECT_THAT(Log(), HasSubstr("State machine stopped"));
+    EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+  }
+};
+
+}  // namespace
+
+TEST_F(Interruption, EndsTheDaemonInEveryRestingState) {
+  struct Case {
+    const char* state;
+    std::function<void()> reach;
+  };
+  for (const auto& c : std::vector<Case>{
+           {"Uninitialized", [] {}},
+           {"Disabled", [this] { EXPECT_EQ(mSupervisor->Disable(), "Ok"); }},
+           {"Enabled", [this] { EnableDaemon(); }},
+           {"FatalError",
+            [this] {
+              mKernel->AddRule("DEV_UP errno=EIO");
+              EXPECT_EQ(mSupervisor->Disable(), "Ok");
+              EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+              EXPECT_EQ(mSupervisor->Enable(), "Ok");
+              EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+            }},
+       }) {
+    SCOPED_TRACE(c.state);
+    StartDaemon();
+    c.reach();
+    mDaemon->Signal(SIGINT);
+    ExpectOrderlyEnd();
+    mKernel->ClearRules();
+  }
+}
+
+TEST_F(Interruption, LetsANetlinkCommandThatWaitsForTheReaderFinish) {
+  // In each passing state a command is held up; the signal must neither be lost nor interrupt the command.
+  struct Case {
+    const char* state;
+    const char* rule;
+    bool disable;
+  };
+  for (const auto& c : {Case{"Enabling", "GET_DEVICE delay=700", false},
+                        Case{"Enabled, powering up", "DEV_UP delay=700", false},
+                        Case{"Enabled, starting", "START_POLL delay=700", false},
+                        Case{"Disabling", "STOP_POLL delay=700", true},
+                        Case{"Disabling, powering down", "DEV_DOWN delay=700", true}}) {
+    SCOPED_TRACE(c.state);
+    StartDaemon();
+    if (c.disable) {
+      EnableDaemon();
+    } else {
+      EXPECT_EQ(mSupervisor->Disable(), "Ok");
+      EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+    }
+    mKernel->AddRule(c.rule);
+    EXPECT_EQ(c.disable ? mSupervisor->Disable() : mSupervisor->Enable(), "Ok");
+    EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+    mDaemon->Signal(SIGINT);
+    mDaemon->Signal(SIGINT);  // a second one changes nothing
+    ExpectOrderlyEnd();
+    EXPECT_THAT(Log(), Not(HasSubstr("512")));
+    for (const auto& record : mKernel->History()) {
+      EXPECT_NE(record.error, 512);
+    }
+    mKernel->ClearRules();
+  }
+}
+
+TEST_F(Interruption, EndsTheDaemonWhileItRecovers) {
+  StartDaemon();
+  EnableDaemon();
+  mKernel->AddRule("START_POLL nth=1 errno=EPROTO");
+  mKernel->AddRule("GET_DEVICE delay=700");
+  Tap("04A12B5C");
+  EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+  mDaemon->Signal(SIGINT);
+  ExpectOrderlyEnd();
+}
+
+TEST_F(Interruption, IsNotCaughtAnyMoreOnceTheMachineHasStopped) {
+  StartDaemon();
+  EnableDaemon();
+  mKernel->AddRule("STOP_POLL delay=20000");  // the reader is closed after the machine
+  mDaemon->Signal(SIGINT);
+  EXPECT_TRUE(WaitForLog("State machine stopped"));
+  EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+  mDaemon->Signal(SIGINT);
+  EXPECT_EQ(mDaemon->Wait().value_or("still running"), "signal 2");
+}
+
+TEST_F(Interruption, EveryRequestThatIsOnItsWayGetsAStatus) {
+  StartDaemon();
+  std::vector<std::future<std::string>> requests;
+  for (int i = 0; i < 20; ++i) {
+    requests.push_back(std::async(std::launch::async, [this] {
+      std::string answer;
+      do {
+        answer = mSupervisor->Enable();
+      } while (answer == "Illegal");  // until the daemon goes
+      return answer;
+    }));
+  }
+  mDaemon->Signal(SIGINT);
+  ExpectOrderlyEnd();
+  mDaemon.reset();
+  // Those that came after the end wait for a daemon; it answers them.
+  mDaemon = Spawn({"-r", mRoot.string() + "/"});
+  EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(Path("run/rfid.sock")); }));
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  for (auto& request : requests) {
+    const auto answer = request.get();
+    EXPECT_TRUE(answer == "Ok" || answer.starts_with("status 14") || answer.starts_with("status 8"))
+        << answer;
+  }
+}

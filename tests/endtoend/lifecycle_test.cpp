@@ -1,0 +1,103 @@
+#include <linux/nfc.h>
+
+#include "daemontest.h"
+
+using namespace virtualnfc;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+class Lifecycle : public DaemonTest {};
+
+}  // namespace
+
+TEST_F(Lifecycle, TheSupervisorDrivesTheDaemonAndIsToldEveryState) {
+  StartDaemon();
+  EXPECT_EQ(mSupervisor->Enable(), "Illegal");
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled", 2));
+  EXPECT_EQ(mSupervisor->Enable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Enabled"));
+  EXPECT_TRUE(mSupervisor->WaitFor("alive", 2));
+  EXPECT_EQ(mSupervisor->Enable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Enabled", 2));
+  EXPECT_EQ(mKernel->GetStatus().Commands(NFC_CMD_START_POLL), 1U);
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled", 3));
+  EXPECT_THAT(mSupervisor->Notified(), ElementsAre("Disabled", "Disabled", "Enabled", "Enabled", "Disabled"));
+  EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+  EXPECT_EQ(Interrupt(), "exit 0");
+}
+
+TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecoveredButNotEnabled) {
+  StartDaemon();
+  EnableDaemon();
+  mKernel->AddRule("START_POLL nth=1 errno=EPROTO");
+  Tap("04A12B5C");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  // The card that was read last may still get its answer; what matters is that the supervisor knows.
+  auto states = mSupervisor->Notified();
+  std::erase(states, "token 04A12B5C ERfidUidNotInList");
+  EXPECT_THAT(states, ElementsAre("Error", "Disabled"));
+  EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+  EXPECT_THAT(Log(), HasSubstr("Recovery successful."));
+  EXPECT_EQ(mSupervisor->Enable(), "Ok");
+  Tap("11223344");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
+}
+
+TEST_F(Lifecycle, AReaderThatIsGoneIsAFatalErrorWhichOnlyARestartEnds) {
+  StartDaemon();
+  EnableDaemon();
+  mKernel->Unplug();
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+  EXPECT_THAT(Log(),
+              HasSubstr("Processing RFID error: Error in SendAndReceiveMsgs in StopPolling. with rc: 19:"));
+  EXPECT_THAT(Log(), HasSubstr("Recovery not possible."));
+  EXPECT_EQ(mSupervisor->Enable(), "Ok");
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("FatalError", 3));
+  EXPECT_THAT(mSupervisor->Notified(), ElementsAre("Error", "FatalError", "FatalError", "FatalError"));
+  EXPECT_EQ(Interrupt(), "exit 0");
+}
+
+TEST_F(Lifecycle, WithoutAReaderEnablingFailsAndSucceedsOnceItIsThere) {
+  mKernel->Unplug();
+  StartDaemon();
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_EQ(mSupervisor->Enable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));  // the one attempt to recover finds none either
+  EXPECT_THAT(Log(), HasSubstr("Could find trf7970a reader."));
+  EXPECT_EQ(Interrupt(), "exit 0");
+  mKernel->Plug(0);
+  StartDaemon();
+  EnableDaemon();
+  Tap("04A12B5C");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+}
+
+TEST_F(Lifecycle, AThousandCyclesLeaveNothingBehind) {
+  StartDaemon({"-q"});
+  EnableDaemon();
+  size_t descriptors = 0;
+  size_t threads = 0;
+  for (int cycle = 0; cycle < 1000; ++cycle) {
+    ASSERT_EQ(mSupervisor->Disable(), "Ok");
+    ASSERT_TRUE(mSupervisor->WaitFor("Disabled"));
+    ASSERT_EQ(mSupervisor->Enable(), "Ok");
+    ASSERT_TRUE(mSupervisor->WaitFor("Enabled"));
+    mSupervisor->Clear();
+    if (cycle == 10) {
+      descriptors = mDaemon->OpenDescriptors();
+      threads = mDaemon->Threads();
+    }
+  }
+  EXPECT_LE(mDaemon->OpenDescriptors(), descriptors);
+  EXPECT_LE(mDaemon->Threads(), threads + 2);  // the RPC library keeps a spare thread or two after traffic
+  EXPECT_EQ(Interrupt(), "exit 0");
+}

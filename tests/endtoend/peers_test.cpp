@@ -1,0 +1,60 @@
+#include <fmt/format.h>
+
+#include "daemontest.h"
+
+using ::testing::HasSubstr;
+
+namespace {
+
+class Peers : public DaemonTest {};
+
+}  // namespace
+
+TEST_F(Peers, NoneIsNeededAndOneThatComesLaterIsFound) {
+  StartDaemon();
+  mStation.reset();
+  EnableDaemon();
+  Tap("04A12B5C");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+  EXPECT_THAT(Log(), HasSubstr("Failed to trigger feedback event 'EFbTokenScanned'. Error: 'Feedback."));
+  StartStation();
+  // Every signal's latest value comes to the peer that is back.
+  EXPECT_TRUE(mStation->WaitFor(
+      [](const auto& calls) {
+        for (const auto& call : calls) {
+          if (const auto* signal = std::get_if<ipc::MSignal>(&call);
+              signal != nullptr && signal->value() == "04A12B5C") {
+            return true;
+          }
+        }
+        return false;
+      },
+      std::chrono::seconds(30)));
+  EXPECT_TRUE(Eventually([this] {
+    static int card = 0x11111111;
+    const auto uid = fmt::format("{:08X}", ++card);
+    Tap(uid);
+    EXPECT_TRUE(mSupervisor->WaitFor("token " + uid + " ERfidUidNotInList"));
+    return !mStation->FeedbackEvents().empty();
+  }));
+}
+
+TEST_F(Peers, OneThatNeverAnswersOrDiesMidCallDelaysATokenButDoesNotCostIt) {
+  StartDaemon();
+  EnableDaemon();
+  mStation->SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
+  Tap("04A12B5C");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+  EXPECT_THAT(Log(), HasSubstr("DEADLINE_EXCEEDED"));
+  Tap("11223344");
+  EXPECT_TRUE(mStation->WaitFor(
+      [](const auto& calls) { return std::get_if<ipc::MFbEventType>(&calls.back()) != nullptr; },
+      std::chrono::seconds(30)));
+  mStation.reset();  // dies while the call waits
+  EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
+  StartStation();
+  mStation->SetFeedbackAnswer(VirtualStation::EAnswer::Illegal);
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_EQ(Interrupt(), "exit 0");
+}
