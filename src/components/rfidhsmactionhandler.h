@@ -21,7 +21,9 @@
 /// tags read and on the machine's thread for simulated swipes; it blocks for as long as the feedback call
 /// takes (seconds at worst). The worker thread carries the alive messages. Errors: nothing escapes an action
 /// or OnTokenFound; failures are logged and, where the reader is concerned, kept and posted as events.
-class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase> {
+class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
+                              public virtual CRfidHsmActionHandlerBase,
+                              public virtual CWorker {
  public:
   CRfidHsmActionHandler(std::shared_ptr<CRfidReader> reader, std::shared_ptr<CRfidConfig> config,
                         std::shared_ptr<IFeedback> feedback);
