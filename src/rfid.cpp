@@ -40,6 +40,13 @@ CRfid::CRfid(const std::string& root) {
 
 CRfid::~CRfid() {
   CloseReader();
+  // Handler, service and machine hold each other through these; the machine has stopped and needs them no
+  // more.
+  for (auto* hook :
+       {&mActionHandler->ExtUninitializedRsp, &mActionHandler->ExtDisabledRsp, &mActionHandler->ExtEnabledRsp,
+        &mActionHandler->ExtErrorRsp, &mActionHandler->ExtFatalErrorRsp, &mActionHandler->ExtSendAlive}) {
+    *hook = nullptr;
+  }
 }
 
 void CRfid::ConnectInterfaces() {

@@ -61,6 +61,14 @@ const std::string& GrpcBackend::Impl::PeerAddress(const std::string& name) const
 }
 
 void GrpcBackend::Impl::StartServices() {
+  try {
+    Listen();
+  } catch (const Rpc::ConfigurationException& e) {
+    throw Rpc::ConfigurationException(mConfigPath + ": listen: " + e.what());
+  }
+}
+
+void GrpcBackend::Impl::Listen() {
   const std::lock_guard<std::mutex> life(mLifeMutex);
   if (mStopRequested || mServer) {
     throw std::logic_error("StartServices: called twice or after Stop");

@@ -38,6 +38,7 @@ class GrpcBackend::Impl {
   void Stop();
 
  private:
+  void Listen();
   void CheckAddition(const std::string& name, bool hasService) const;
 
   const std::string mConfigPath;

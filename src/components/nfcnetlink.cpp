@@ -77,6 +77,14 @@ int CheckAnswer(nl_msg* msg, void* arg) {
   return NL_OK;
 }
 
+/// libnl leaves an empty datagram in the socket and would find it there again and again.
+void DropEmptyDatagram(nl_sock* socket) {
+  char byte = 0;
+  if (recv(nl_socket_get_fd(socket), &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0) {
+    recv(nl_socket_get_fd(socket), &byte, sizeof(byte), MSG_DONTWAIT);
+  }
+}
+
 /// Events carry no sequence numbers of ours.
 int AcceptSequence(nl_msg*, void*) {
   return NL_OK;
@@ -223,8 +231,8 @@ void CNfcNetlink::CloseEarlierController() {
 /// start could find it still on.
 void CNfcNetlink::StopEarlierPolling() {
   try {
-    SendStopPoll();
-    LOG_DEBUG("Stopped the earlier polling.");
+    const bool wasPolling = SendStopPoll();
+    LOG_DEBUG("Earlier polling: {}.", wasPolling ? "stopped" : "there was none");
   } catch (const CRfidError& e) {
     LOG_DEBUG("Could not stop the earlier polling: {} rc: {}.", e.what(), e.GetErrorCode());
   }
@@ -295,16 +303,18 @@ void CNfcNetlink::StopPolling() {
   if (!mCommandSocket) {
     throw CRfidError("Netlink sockets not initialized. Initialize controller first.", NLE_BAD_SOCK);
   }
-  SendStopPoll();
+  if (!SendStopPoll()) {
+    LOG_INFO("Reader is not currently polling. Continuing.");
+  }
   if (const int result = SetDevicePower(false); result != 0) {
     throw CRfidError("Failed to power off reader after polling.", result);
   }
   LOG_INFO("Polling stopped.");
 }
 
-/// Ends the kernel's polling. The kernel says that it does not poll anyway by EALREADY or, as it really does,
-/// by EINVAL.
-void CNfcNetlink::SendStopPoll() {
+/// Ends the kernel's polling; false when it did not poll, which the kernel says by EALREADY or, as it really
+/// does, by EINVAL.
+bool CNfcNetlink::SendStopPoll() {
   const NlMessage message(nlmsg_alloc());
   if (!message) {
     throw CRfidError("Could not allocate netlink socket", NLE_NOMEM);
@@ -314,12 +324,12 @@ void CNfcNetlink::SendStopPoll() {
   }
   nla_put_u32(message.get(), NFC_ATTR_DEVICE_INDEX, mDeviceInfo->index);
   const int result = SendAndReceiveMsg(mCommandSocket.get(), message.get(), nullptr, nullptr);
-  if (result == EALREADY || result == EINVAL) {
-    LOG_INFO("Reader is not currently polling. Continuing.");
-  } else if (result != 0) {
+  const bool wasPolling = result == 0;
+  if (!wasPolling && result != EALREADY && result != EINVAL) {
     throw CRfidError("Error in SendAndReceiveMsgs in StopPolling.", result);
   }
   mPolling = false;
+  return wasPolling;
 }
 
 void CNfcNetlink::DeinitializeController() {
@@ -373,12 +383,20 @@ int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_
   if (validHandler != nullptr) {
     nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, validHandler, handlerArgument);
   }
+  // Each receive has its time limit; this one is for messages that keep coming and are no answer.
+  const auto end = std::chrono::steady_clock::now() + mAnswerTimeout;
   while (exchange.error == 0 && exchange.done == 0) {
-    const int result = std::abs(nl_recvmsgs(socket, callbacks.get()));
-    if (result != 0) {
+    int result = nl_recvmsgs_report(socket, callbacks.get());
+    if (result == 0) {
+      DropEmptyDatagram(socket);
+    }
+    if (result >= 0 && exchange.error == 0 && exchange.done == 0 && std::chrono::steady_clock::now() > end) {
+      result = -NLE_AGAIN;
+    }
+    if (result < 0) {
       LOG_ERROR("Error receiving netlink message. Return code: {}.", nl_geterror(result));
       // No answer within the time: opening the controller anew may help, so the code says recoverable.
-      return result == NLE_AGAIN ? NLE_FAILURE : result;
+      return result == -NLE_AGAIN ? NLE_FAILURE : -result;
     }
   }
   return std::abs(exchange.error);
@@ -589,8 +607,12 @@ void CNfcNetlink::ReceiveEvents() {
       break;
     }
     if (result != 0 && FD_ISSET(fd, &readable)) {
-      const int received = nl_recvmsgs(mEventSocket.get(), mEventCallbacks.get());
-      if (received != 0 && received != -NLE_AGAIN) {
+      const int received = nl_recvmsgs_report(mEventSocket.get(), mEventCallbacks.get());
+      if (received == 0) {
+        DropEmptyDatagram(mEventSocket.get());
+        LOG_ERROR("Skipping a netlink event that is cut off.");
+        RestartPolling();  // it may have been a tag, and polling be over
+      } else if (received < 0 && received != -NLE_AGAIN) {
         LOG_ERROR("nl_recvmsgs got an error: {}.", nl_geterror(received));
         failure = std::abs(received);
       }
@@ -614,6 +636,9 @@ int CNfcNetlink::ProcessEvent(nl_msg* msg) {
   if (!command || !IsFromKernel(msg)) {
     LOG_ERROR("Skipping a netlink event that is malformed or not from the kernel: port {}, {} bytes.",
               nlmsg_get_src(msg)->nl_pid, nlmsg_hdr(msg)->nlmsg_len);
+    if (IsFromKernel(msg)) {
+      RestartPolling();  // as for one that is cut off
+    }
     return NL_SKIP;
   }
   if (*command != NFC_EVENT_TARGETS_FOUND) {
@@ -660,7 +685,9 @@ int CNfcNetlink::TargetsFound(nlmsghdr* event) {
     return ENODEV;
   }
   const std::lock_guard exchange(mExchangeMutex);
-  mPolling = false;  // a find ends the kernel's polling
+  if (mDeviceInfo && *device == mDeviceInfo->index) {
+    mPolling = false;  // a find ends the kernel's polling
+  }
   const NlMessage message(nlmsg_alloc());
   if (!message) {
     return ENOMEM;
@@ -681,10 +708,11 @@ int CNfcNetlink::GetTargets(nl_msg* msg) {
     LOG_ERROR("Skipping a target without protocols.");
     return NL_OK;
   }
+  auto protocol = ProtocolToString(target->protocols);
   if (target->uid.empty()) {
     LOG_WARNING("Tag found with protocol {}, but no UID found. Continuing polling.", target->protocols);
   }
-  mLastTarget = CToken{.uid = FormatUid(target->uid), .protocol = ProtocolToString(target->protocols)};
+  mLastTarget = CToken{.uid = FormatUid(target->uid), .protocol = std::move(protocol)};
   return NL_OK;
 }
 

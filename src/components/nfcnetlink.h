@@ -23,8 +23,9 @@
 ///
 /// Threads: see INfcNetlink. The monitor thread ("nfc-monitor") runs from InitializeController to
 /// DeinitializeController; it queries the tags of each find, calls the target callback and restarts polling.
-/// Locks: mExchangeMutex may be held for as long as the chip takes; mMutex only for moments. Neither is held
-/// while a callback runs.
+/// Locks: mExchangeMutex may be held for as long as the chip takes; mMutex only for moments, but while the
+/// monitor is being woken, which waits behind a command that waits for its chip. Neither is held while a
+/// callback runs.
 class CNfcNetlink : public INfcNetlink {
  public:
   /// `answerTimeout` bounds the wait for an answer that never comes. The kernel's answer is there when the
@@ -53,7 +54,7 @@ class CNfcNetlink : public INfcNetlink {
   void OpenController();
   void CloseEarlierController();
   void Poll(EPollReason reason);
-  void SendStopPoll();
+  bool SendStopPoll();
   void StopEarlierPolling();
   bool PutHeader(nl_msg* message, int flags, uint8_t command) const;
 

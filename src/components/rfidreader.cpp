@@ -74,12 +74,18 @@ void CRfidReader::UpdateRecentTags(TimePoint now) {
 }
 
 void CRfidReader::ValidateTokenAndNotify(const CToken& token) {
-  ValidateTokenAndNotify(token, std::chrono::steady_clock::now());
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  const std::lock_guard sighting(mSightingMutex);  // before the clock is read: the wait for it can be seconds
+  HandleSighting(token, std::chrono::steady_clock::now());
 }
 
 void CRfidReader::ValidateTokenAndNotify(const CToken& token, TimePoint now) {
   LOG_TRACE("{}::{}", ClassName, __func__);
   const std::lock_guard sighting(mSightingMutex);
+  HandleSighting(token, now);
+}
+
+void CRfidReader::HandleSighting(const CToken& token, TimePoint now) {
   const bool valid = IsValidUid(token.uid);
   LOG_INFO("Token validation result {}: {}", token.uid, valid ? "Valid" : "Not valid");
   UpdateRecentTags(now);

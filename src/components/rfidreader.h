@@ -43,7 +43,7 @@ class CRfidReader {
  private:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  void RemoveStale(TimePoint now);
+  void HandleSighting(const CToken& token, TimePoint now);
 
   std::shared_ptr<INfcNetlink> mNfcNetlink;
   TokenCallback mTokenCallback;                  // guarded by mSightingMutex

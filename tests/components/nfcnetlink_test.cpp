@@ -158,21 +158,34 @@ TEST_F(NfcNetlink, SaysWhatCannotBeOpenedAndLeavesNothingBehind) {
   struct Case {
     const char* rule;
     const char* error;
+    std::vector<const char*> logged;
   };
-  for (const auto& c : {
-           Case{"GETFAMILY nth=1 errno=ENOENT", "Could not resolve nfc netlink family. 12"},
-           Case{"GETFAMILY nth=3 errno=EPERM", "Could not resolve nfc multicast id. 1 recoverable"},
-           Case{"GETFAMILY nth=3 drop", "Could not resolve nfc multicast id. 1 recoverable"},
-           Case{"GET_DEVICE errno=EPERM", "Could find trf7970a reader. 1 recoverable"},
-           Case{"GET_DEVICE drop", "Could find trf7970a reader. 1 recoverable"},
-           Case{"GET_DEVICE no-done", "Could find trf7970a reader. 1 recoverable"},
-           Case{"GET_DEVICE sender=4711", "Could find trf7970a reader. 1 recoverable"},
-           Case{"GET_DEVICE seq=4711", "Could find trf7970a reader. 1 recoverable"},
+  constexpr const char* NoAnswer = ") Error receiving netlink message. Return code: Try again.";
+  constexpr const char* NoGroup = ") Error in SendAndReceiveMessages within ResolveMulticastId.";
+  constexpr const char* NoDevice = ") Error: Failed to send and receive NFC_CMD_GET_DEVICE.";
+  constexpr const char* Refused = ") Error handler got: Operation not permitted";
+  constexpr const char* WithoutGroup = "Could not resolve nfc multicast id. 1 recoverable";
+  constexpr const char* WithoutReader = "Could find trf7970a reader. 1 recoverable";
+  for (const auto& c : std::vector<Case>{
+           {"GETFAMILY nth=1 errno=ENOENT", "Could not resolve nfc netlink family. 12", {}},
+           {"GETFAMILY nth=3 errno=EPERM", WithoutGroup, {Refused, NoGroup}},
+           {"GETFAMILY nth=3 drop", WithoutGroup, {NoAnswer, NoGroup}},
+           {"GET_DEVICE errno=EPERM", WithoutReader, {Refused, NoDevice}},
+           {"GET_DEVICE drop", WithoutReader, {NoAnswer, NoDevice}},
+           {"GET_DEVICE no-done", WithoutReader, {NoAnswer, NoDevice}},
+           {"GET_DEVICE sender=4711", WithoutReader, {NoAnswer, NoDevice}},
+           {"GET_DEVICE seq=4711", WithoutReader, {NoAnswer, NoDevice}},
        }) {
     SCOPED_TRACE(c.rule);
     mKernel->ClearRules();
     mKernel->AddRule(c.rule);
+    mLog.Clear();
     EXPECT_EQ(ErrorOfOpen(), c.error);
+    const auto logged = mLog.Texts(Log::ELogLevel::Error);
+    ASSERT_EQ(logged.size(), c.logged.size());
+    for (size_t i = 0; i < logged.size(); ++i) {
+      EXPECT_THAT(logged[i], EndsWith(c.logged[i]));
+    }
     EXPECT_EQ(CountInterposedSockets(), 0);
     EXPECT_NE(ErrorOfStart(), "");
     EXPECT_NE(ErrorOfStop(), "");
@@ -390,14 +403,18 @@ TEST_F(NfcNetlink, OfSeveralTagsTheLastIsDelivered) {
 TEST_F(NfcNetlink, OtherEventsChangeNothing) {
   Start();
   const auto polls = mKernel->GetStatus().Commands(NFC_CMD_START_POLL);
-  mKernel->Plug();
+  mKernel->Plug();  // another reader comes, and another process finds a tag with it
+  mKernel->SendRawEvent(
+      MessageBuilder(20, 0, 0, 0).Genl(NFC_EVENT_TARGETS_FOUND, 1).U32(NFC_ATTR_DEVICE_INDEX, 1).Finish());
+  EXPECT_EQ(WaitFor(1).size(), 1U);
+  EXPECT_EQ(ErrorOfStart(), "");  // ours still polls
   mKernel->SendRawEvent(Bytes(sizeof(nlmsghdr), 0));
   EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Processing netlink event...")));
   EXPECT_TRUE(WaitForCommand(NFC_CMD_START_POLL, polls + 1));
 }
 
-TEST_F(NfcNetlink, ATagThatComesWhilePollingIsStoppedDoesNotSwitchTheReaderOnAgain) {
+TEST_P(NfcNetlinkPolling, ATagThatComesWhilePollingIsStoppedDoesNotSwitchTheReaderOnAgain) {
   for (int round = 0; round < 20; ++round) {
     Start();
     mKernel->PresentTag(Card);
@@ -418,7 +435,7 @@ TEST_F(NfcNetlink, ATagThatComesWhilePollingIsStoppedDoesNotSwitchTheReaderOnAga
 // ---- Never silently deaf
 // ----------------------------------------------------------------------------------------
 
-TEST_F(NfcNetlink, WhateverEndsTheReadingOfTagsIsReported) {
+TEST_P(NfcNetlinkPolling, WhateverEndsTheReadingOfTagsIsReported) {
   struct Case {
     const char* rule;
     std::vector<std::string> reported;

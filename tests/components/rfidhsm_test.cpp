@@ -304,6 +304,14 @@ TEST_F(RfidHsm, EnablingAndAnErrorWriteTheirTraces) {
                    "State Error: entry", "IntProcessError", "ExtErrorRsp"}));
 }
 
+TEST_F(RfidHsm, AnErrorFromOutsideIsHandledAsOneOfItsOwn) {
+  PostAll(Paths.at("Disabled"));
+  Post("ExtError");
+  mHandler->mOn["ExtErrorRsp"] = [this] { PostEndOfTest(); };
+  mMachine->Run();
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace), ::testing::Contains("State Disabled: event recv IntError"));
+}
+
 TEST_F(RfidHsm, AFatalErrorFoundWhileProcessingAnErrorComesBeforeTheRecovery) {
   mHandler->mOn["IntProcessError"] = [this] { Post("IntFatalError"); };
   std::set<std::string> seen;

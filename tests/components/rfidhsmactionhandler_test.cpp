@@ -15,6 +15,7 @@ using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 
 namespace {
@@ -77,7 +78,8 @@ class RecordingDiagnostics : public IDiagnosticsTransport {
   /// Forgets what earlier tests sent: the latest values of all signals come again to a new peer.
   void SkipTo(const std::string& value) {
     std::unique_lock lock(mMutex);
-    mArrived.wait_for(lock, std::chrono::seconds(20), [&] { return !mValues.empty() && mValues.back() == value; });
+    mArrived.wait_for(lock, std::chrono::seconds(20),
+                      [&] { return !mValues.empty() && mValues.back() == value; });
     mValues.clear();
   }
   /// Waits for the next `count` values and forgets them.
@@ -144,7 +146,9 @@ class ActionHandlerLifecycle : public ActionHandler, public ::testing::WithParam
 
 TEST_P(ActionHandlerLifecycle, PublishesItsStateOrKeepsTheErrorAndPostsIt) {
   const auto& c = GetParam();
+  mLog.Clear();
   (mHandler.*c.action)();
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace).front(), HasSubstr(") CRfidHsmActionHandler::Int"));
   EXPECT_THAT(mMachine.Take(), IsEmpty());
   EXPECT_THAT(mDiagnostics->Take(1), ElementsAre(std::string("Rfid state=") + c.state));
 
@@ -260,6 +264,24 @@ TEST_F(ActionHandler, AValidCardIsPublishedFedBackAndPosted) {
   EXPECT_THAT(mFeedback->mEvents, ElementsAre(2));
   EXPECT_THAT(mMachine.Take(), ElementsAre("IntOnAuthTokenFound 04A1B2C3"));
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Learning status is: false")));
+  Authenticate("04A1B2C3");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug),
+              Contains(EndsWith(") Triggering Feedback with 'ERfidUidNotInList' (2)")));
+  for (const auto* operation :
+       {"UpdateDiagSignal", "TriggerFeedbackEventCall", "IntAuthenticateToken", "TriggerFeedback"}) {
+    EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace),
+                Contains(MatchesRegex(std::string("\\(src/components/rfidhsmactionhandler.cpp:[0-9]+\\) "
+                                                  "CRfidHsmActionHandler::") +
+                                      operation)));
+  }
+  for (const auto* line : {"reader.cpp:[0-9]+\\) CRfidReader::ValidateTokenAndNotify",
+                           "reader.cpp:[0-9]+\\) CRfidReader::UpdateRecentTags",
+                           "config.cpp:[0-9]+\\) CRfidConfig::GetAuthorizationEnabled",
+                           "config.cpp:[0-9]+\\) CRfidConfig::GetOcppStatus",
+                           "config.cpp:[0-9]+\\) CRfidConfig::AuthenticateToken"}) {
+    EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace),
+                Contains(MatchesRegex(std::string("\\(src/components/rfid") + line)));
+  }
 }
 
 TEST_F(ActionHandler, AnInvalidCardIsPublishedAndNotifiedWithoutFeedbackAlsoInLearningMode) {

@@ -49,14 +49,25 @@ TEST_F(Cards, EveryKindOfCardHasItsOutcome) {
   EXPECT_TRUE(mSupervisor->WaitFor("token XYZ ERfidUidInvalid"));
   EXPECT_EQ(mSupervisor->Inject("04a1b2c3"), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("token 04A1B2C3 ERfidUidNotInList"));
-  EXPECT_THAT(Log(), HasSubstr("Simulating token swipe with uid 04a1b2c3"));
-  EXPECT_THAT(Log(), HasSubstr("RfidToken notif: 'XYZ':'ERfidUidInvalid'"));
+  const auto log = Log();
+  for (const auto* line :
+       {"info     \\(src/rfid.cpp:[0-9]+\\) Starting state machine\n",
+        "trace    \\(src/rfid.cpp:[0-9]+\\) IRfidInjectToken\n",
+        "warning  \\(src/rfid.cpp:[0-9]+\\) Simulating token swipe with uid 04a1b2c3\n",
+        "trace    \\(src/rfid.cpp:[0-9]+\\) RfidToken\n",
+        "info     \\(src/rfid.cpp:[0-9]+\\) RfidToken notif: 'XYZ':'ERfidUidInvalid'\n",
+        "trace    \\(statemachines/utils/statemachinesutility.h:[0-9]+\\) IEnableCall\n",
+        "trace    \\(statemachines/utils/statemachinesutility.h:[0-9]+\\) IDisableCall\n"}) {
+    EXPECT_THAT(log, ::testing::ContainsRegex(line));
+  }
 }
 
 TEST_F(Cards, LearningModeDivertsCardsUntilItIsSwitchedOff) {
   EXPECT_EQ(mSupervisor->Learning(true), "Ok");
   Tap("04A12B5C");
   EXPECT_TRUE(mSupervisor->WaitFor("learning 04A12B5C"));
+  EXPECT_THAT(Log(), ::testing::ContainsRegex(
+                         "info     .src/rfid.cpp:[0-9]+. Sending RfidLearningToken notif: 04A12B5C\n"));
   EXPECT_EQ(mSupervisor->Learning(false), "Ok");
   Tap("11223344");
   EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));

@@ -85,7 +85,8 @@ TEST_F(CommandLine, ASecondInstanceIsRefusedAndTheFirstLivesOn) {
   StartDaemon();
   const auto log = Log();
   EXPECT_EQ(Run({"-r", mRoot.string() + "/"}), "signal 6");
-  EXPECT_THAT(Log(), AllOf(HasSubstr("rfid.sock"), HasSubstr("in use")));
+  EXPECT_THAT(Log(), AllOf(HasSubstr(Path("etc/plex.json") + ": listen: "), HasSubstr("rfid.sock"),
+                           HasSubstr("in use")));
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_EQ(Interrupt(), "exit 0");
 }

@@ -95,6 +95,19 @@ TEST_F(Interruption, EndsTheDaemonWhileItRecovers) {
   ExpectOrderlyEnd();
 }
 
+TEST_F(Interruption, TakesItsDefaultActionDuringTheAssembly) {
+  bool seen = false;
+  for (int attempt = 0; attempt < 200 && !seen; ++attempt) {
+    mDaemon = Spawn({"-vv", "-r", mRoot.string() + "/"});
+    EXPECT_TRUE(WaitForLog("CNfcNetlink::CNfcNetlink"));
+    mDaemon->Signal(SIGINT);
+    const auto end = mDaemon->Wait().value_or("still running");
+    seen = Log().find("Starting state machine") == std::string::npos;
+    EXPECT_TRUE(!seen || end == "signal 2") << end;
+  }
+  EXPECT_TRUE(seen) << "the daemon was always faster";
+}
+
 TEST_F(Interruption, IsNotCaughtAnyMoreOnceTheMachineHasStopped) {
   StartDaemon();
   EnableDaemon();
