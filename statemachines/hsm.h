@@ -83,7 +83,7 @@ struct CHsmDefinitionOf;
 /// Threads: see IHsmInterface. The lock is never held while a reaction runs. The engine catches no exception:
 /// actions handle their own failures and report them as events.
 template <typename Handler>
-class CHsm : public IHsmInterface {
+class CHsm final : public IHsmInterface {
  public:
   using State = TopState<CHsm>;
 

@@ -15,6 +15,11 @@ Subscription::Next Subscription::Take() {
   return next;
 }
 
+Subscription::EEnd Subscription::GetEnd() {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  return mEnd;
+}
+
 void Subscription::End(EEnd end) {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mEnd == EEnd::No) {

@@ -32,6 +32,8 @@ class Subscription {
   /// The next notification, in order.
   Next Take();
 
+  EEnd GetEnd();
+
   /// Ends it; the first end counts. Does not call the subscriber's wake function.
   void End(EEnd end);
 

@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr std::size_t kMaxFileSize = 1024 * 1024;
+constexpr std::size_t kMaxFileSize = std::size_t{1024} * 1024;
 constexpr std::size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 // A listen socket is made under a name of this length in its folder first (see ListenSocket).
 constexpr std::size_t kTemporaryName = sizeof("/.XXXXXX/s") - 1;
@@ -44,13 +44,16 @@ const char* TypeName(const Json::Value& value) {
   return "of an unknown type";
 }
 
-// Text from the file for an error line of one line.
 std::string Quoted(const std::string& text) {
-  std::string quoted = "'";
-  for (const char c : text) {
-    quoted += static_cast<unsigned char>(c) < 0x20 || c == 0x7F ? '?' : c;
+  return "'" + text + "'";
+}
+
+// An error line of one line, whatever names and values the file has.
+std::string OneLine(std::string text) {
+  for (char& c : text) {
+    c = static_cast<unsigned char>(c) < 0x20 || c == 0x7F ? '?' : c;
   }
-  return quoted + "'";
+  return text;
 }
 
 bool IsLoopback(const std::string& host) {
@@ -97,7 +100,7 @@ class Loader {
 
  private:
   [[noreturn]] void Fail(const std::string& where, const std::string& reason) const {
-    throw Rpc::ConfigurationException(mPath + ": " + where + ": " + reason);
+    throw Rpc::ConfigurationException(OneLine(mPath + ": " + where + ": " + reason));
   }
 
   Json::Value Parse() const {
@@ -125,7 +128,7 @@ class Loader {
     try {
       return ParseStrictJson(text);
     } catch (const std::exception& e) {
-      throw Rpc::ConfigurationException(mPath + ": " + e.what());
+      throw Rpc::ConfigurationException(OneLine(mPath + ": " + e.what()));
     }
   }
 
@@ -193,7 +196,7 @@ class Loader {
   }
 
   std::string ListenAddress(const std::string& text, bool allowRemote) const {
-    const std::string address = Address(text, "listen");
+    std::string address = Address(text, "listen");
     if (address.compare(0, 5, "unix:") == 0) {
       const std::filesystem::path path = address.substr(5);
       if (path.parent_path().native().size() + kTemporaryName > kMaxSocketPath) {

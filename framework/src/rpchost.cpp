@@ -18,6 +18,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMaxRequestSize = 64 * 1024;
+// What exceeds this waits at the client. A request takes memory from its arrival on (some 60 KiB), also one
+// that is refused, so the pools' bounds alone would not bound what a flood costs.
+constexpr int kMaxStreamsPerConnection = 128;
 // These keep Stop within its second. All are counted from its beginning: how long streams may take to send
 // their last messages, how long a request's handler may take to come back, and how long connections may take
 // to close.
@@ -88,6 +91,7 @@ void GrpcBackend::Impl::Listen() {
   }
   grpc::ServerBuilder builder;
   builder.SetMaxReceiveMessageSize(kMaxRequestSize);
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, kMaxStreamsPerConnection);
   // Without this a second instance would share the port instead of being refused.
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
   builder.AddListeningPort(address, grpc::InsecureServerCredentials());

@@ -2,10 +2,12 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -115,12 +117,17 @@ grpc::ServerUnaryReactor* ServeRequest(ServiceRuntime& runtime, const char* oper
   return reactor;
 }
 
+/// How long a subscriber that fell behind may take to read what is on its way to it, and learn its status.
+/// One that does not read at all would keep its place for ever.
+constexpr std::chrono::seconds kPatienceWithSubscribers{10};
+
 /// The stream of one subscriber. Keeps itself alive until gRPC is done with it.
 template <typename Message>
 class NotificationStream final : public grpc::ServerWriteReactor<Message> {
  public:
-  static grpc::ServerWriteReactor<Message>* Open(const ServiceRuntime& runtime) {
-    auto stream = std::make_shared<NotificationStream>(runtime);
+  static grpc::ServerWriteReactor<Message>* Open(const ServiceRuntime& runtime,
+                                                 grpc::CallbackServerContext* context) {
+    auto stream = std::make_shared<NotificationStream>(runtime, context);
     stream->mSelf = stream;
     const std::weak_ptr<NotificationStream> weak = stream;
     auto subscription = runtime.hub->Subscribe(runtime.topic, [weak] {
@@ -137,8 +144,8 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
     return stream.get();
   }
 
-  explicit NotificationStream(const ServiceRuntime& runtime)
-      : mName(runtime.name), mHub(runtime.hub), mTopic(runtime.topic) {}
+  NotificationStream(const ServiceRuntime& runtime, grpc::CallbackServerContext* context)
+      : mName(runtime.name), mHub(runtime.hub), mTopic(runtime.topic), mContext(context) {}
 
   void OnWriteDone(bool ok) override {
     {
@@ -173,7 +180,11 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
   // waits in the subscription, which is bounded.
   void Advance() {
     const std::lock_guard<std::mutex> lock(mMutex);
-    if (!mSubscription || mWriting || mFinished) {
+    if (!mSubscription || mFinished) {
+      return;
+    }
+    if (mWriting) {
+      LoseIfItDoesNotRead();
       return;
     }
     Subscription::Next next = mSubscription->Take();
@@ -187,10 +198,28 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
     }
   }
 
+  // Comes with every notification. While a write goes on, gRPC's context is there.
+  void LoseIfItDoesNotRead() {
+    if (mSubscription->GetEnd() != Subscription::EEnd::TooSlow) {
+      return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (!mBehindSince) {
+      mBehindSince = now;
+      RpcLogging::Warning("A subscriber of " + mName + " fell behind and was disconnected");
+    } else if (!mIsLost && now - *mBehindSince > kPatienceWithSubscribers) {
+      mIsLost = true;
+      RpcLogging::Warning("A subscriber of " + mName + " does not read at all and was cut off");
+      mContext->TryCancel();
+    }
+  }
+
   grpc::Status EndStatus(Subscription::EEnd end) const {
     switch (end) {
       case Subscription::EEnd::TooSlow:
-        RpcLogging::Warning("A subscriber of " + mName + " fell behind and was disconnected");
+        if (!mBehindSince) {
+          RpcLogging::Warning("A subscriber of " + mName + " fell behind and was disconnected");
+        }
         return {grpc::StatusCode::RESOURCE_EXHAUSTED,
                 "the subscriber fell behind and has missed notifications"};
       case Subscription::EEnd::TooMany:
@@ -208,10 +237,13 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
   const std::string mName;
   const std::shared_ptr<NotificationHub> mHub;
   const std::size_t mTopic;
+  grpc::CallbackServerContext* const mContext;
   std::mutex mMutex;  // guards the rest
   std::shared_ptr<NotificationStream> mSelf;
   std::shared_ptr<Subscription> mSubscription;
   Notification mCurrent;
   bool mWriting = false;
   bool mFinished = false;
+  bool mIsLost = false;
+  std::optional<std::chrono::steady_clock::time_point> mBehindSince;
 };

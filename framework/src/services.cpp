@@ -34,9 +34,9 @@ class GenericControlService final : public ipc::GenericControl::CallbackService 
         [service = mService](const ipc::MEmpty&) { return service->Disable(); });
   }
 
-  grpc::ServerWriteReactor<ipc::MGenericControlNotification>* Subscribe(grpc::CallbackServerContext*,
+  grpc::ServerWriteReactor<ipc::MGenericControlNotification>* Subscribe(grpc::CallbackServerContext* context,
                                                                         const ipc::MEmpty*) override {
-    return NotificationStream<ipc::MGenericControlNotification>::Open(mRuntime);
+    return NotificationStream<ipc::MGenericControlNotification>::Open(mRuntime, context);
   }
 
  private:
@@ -64,9 +64,9 @@ class RfidService final : public ipc::Rfid::CallbackService {
         [service = mService](const ipc::MInjectToken& r) { return service->InjectToken(r.uid()); });
   }
 
-  grpc::ServerWriteReactor<ipc::MRfidNotification>* Subscribe(grpc::CallbackServerContext*,
+  grpc::ServerWriteReactor<ipc::MRfidNotification>* Subscribe(grpc::CallbackServerContext* context,
                                                               const ipc::MEmpty*) override {
-    return NotificationStream<ipc::MRfidNotification>::Open(mRuntime);
+    return NotificationStream<ipc::MRfidNotification>::Open(mRuntime, context);
   }
 
  private:

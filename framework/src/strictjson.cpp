@@ -3,6 +3,7 @@
 #include <json/reader.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -25,9 +26,68 @@ std::string FirstError(const std::string& errors) {
   return position + ": " + reason;
 }
 
+/// Length of the number at the start of `text` as JSON writes it; 0 when there is none.
+std::size_t NumberLength(std::string_view text) {
+  std::size_t at = 0;
+  const auto take = [&](std::string_view oneOf) {
+    const bool found = at < text.size() && oneOf.find(text[at]) != std::string_view::npos;
+    at += found ? 1 : 0;
+    return found;
+  };
+  const auto takeDigits = [&] {
+    const std::size_t before = at;
+    while (take("0123456789")) {
+    }
+    return at > before;
+  };
+  take("-");
+  if (!take("0") && !takeDigits()) {
+    return 0;
+  }
+  if (take(".") && !takeDigits()) {
+    return 0;
+  }
+  if (take("eE")) {
+    take("+-");
+    return takeDigits() ? at : 0;
+  }
+  return at;
+}
+
+[[noreturn]] void FailAt(std::string_view text, std::size_t at, const char* reason) {
+  const auto before = text.substr(0, at);
+  const auto line = std::count(before.begin(), before.end(), '\n') + 1;
+  const auto column = at - (before.rfind('\n') + 1) + 1;
+  throw std::runtime_error("line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
+                           reason);
+}
+
+/// The parser takes numbers that JSON does not have ("-", "007" for 7). Throws for the first of them; `text`
+/// is what the parser accepted.
+void CheckNumbers(std::string_view text) {
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '"') {
+      while (++at < text.size() && text[at] != '"') {
+        at += text[at] == '\\' ? 1 : 0;
+      }
+    } else if (text[at] == '-' || (text[at] >= '0' && text[at] <= '9')) {
+      const auto rest = text.substr(at);
+      const auto length = std::min(rest.find_first_not_of("+-.0123456789eE"), rest.size());
+      if (NumberLength(rest) != length) {
+        FailAt(text, at, "Malformed number");
+      }
+      at += length - 1;
+    }
+  }
+}
+
 }  // namespace
 
 Json::Value ParseStrictJson(std::string_view text) {
+  // The parser takes a NUL for the end and would not look at what follows.
+  if (const auto nul = text.find('\0'); nul != std::string_view::npos) {
+    FailAt(text, nul, "NUL character");
+  }
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   builder["stackLimit"] = 64;  // the parser recurses, and a thread's stack may be small
@@ -38,6 +98,7 @@ Json::Value ParseStrictJson(std::string_view text) {
   if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors)) {
     throw std::runtime_error(FirstError(errors));
   }
+  CheckNumbers(text);
   if (!document.isObject()) {
     throw std::runtime_error("line 1, column 1: The document is not an object");
   }

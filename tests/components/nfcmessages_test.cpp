@@ -4,6 +4,7 @@
 #include <linux/genetlink.h>
 #include <linux/nfc.h>
 
+#include <algorithm>
 #include <cstring>
 
 using ::testing::ElementsAre;
@@ -13,9 +14,9 @@ namespace {
 
 /// A netlink message with a generic-netlink header and these bytes as attributes.
 std::vector<uint8_t> Message(uint8_t command, const std::vector<uint8_t>& attributes) {
-  std::vector<uint8_t> bytes(NLMSG_HDRLEN + GENL_HDRLEN);
+  std::vector<uint8_t> bytes(NLMSG_HDRLEN + GENL_HDRLEN + attributes.size());
   bytes[NLMSG_HDRLEN] = command;
-  bytes.insert(bytes.end(), attributes.begin(), attributes.end());
+  std::copy(attributes.begin(), attributes.end(), bytes.begin() + NLMSG_HDRLEN + GENL_HDRLEN);
   nlmsghdr header{};
   header.nlmsg_len = static_cast<uint32_t>(bytes.size());
   header.nlmsg_type = 20;

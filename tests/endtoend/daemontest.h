@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "process.h"
-#include "supervisor.h"
+#include "tools/harness/process.h"
+#include "tools/harness/supervisor.h"
 #include "tools/virtual-station/virtualstation.h"
 #include "virtualnfc.h"
 

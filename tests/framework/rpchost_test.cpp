@@ -199,7 +199,7 @@ TEST_F(RpcHostTest, ASubscriberThatDoesNotReadIsDisconnectedWhileAnotherGetsAll)
   quick->WaitForInitialMetadata();
 
   // Far more than fits into the transport's buffers and the subscriber's queue.
-  constexpr int kCount = 1000;
+  constexpr int kCount = 500;
   const std::string padding(4096, 'A');
   ipc::MRfidNotification notification;
   for (int i = 0; i < kCount; ++i) {

@@ -21,7 +21,6 @@ namespace {
 using namespace std::chrono_literals;
 using nfctest::Message;
 using nfctest::NfcClient;
-using testing::Each;
 using testing::IsEmpty;
 using testing::SizeIs;
 using virtualnfc::Bytes;
@@ -367,6 +366,7 @@ TEST_F(VirtualNfcWaiting, FailsWhenTheKernelGoes) {
 TEST(VirtualNfcThreads, MayUseManySocketsAtOnce) {
   InProcessVirtualNfc kernel(WithPromptRelease());
   std::vector<std::future<int>> programs;
+  programs.reserve(4);
   for (int i = 0; i < 4; ++i) {
     programs.push_back(std::async(std::launch::async, [] {
       int resolved = 0;

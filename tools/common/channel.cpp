@@ -19,7 +19,10 @@ std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address, const std
 std::string ReasonOf(const grpc::Status& status) {
   // "failed to connect to all addresses; last error: UNKNOWN: unix:/run/x.sock: No such file or directory"
   const std::string& text = status.error_message();
-  const auto isConnecting = text.find("; last error: ") != std::string::npos;
+  // "DNS resolution failed for nowhere:7: C-ares status is not ARES_SUCCESS qtype=A ...: Domain name not
+  // found"
+  const auto isConnecting =
+      text.find("; last error: ") != std::string::npos || text.rfind("DNS resolution failed", 0) == 0;
   const auto reason = text.rfind(": ");
   return isConnecting ? text.substr(reason + 2) : text;
 }

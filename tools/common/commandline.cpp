@@ -1,6 +1,33 @@
 #include "common/commandline.h"
 
+#include <fcntl.h>
+
+namespace {
+
+/// A tool that is started without its standard streams must not take a socket for one of them later. What is
+/// put in their places can be neither read nor written, so that output fails as it should.
+void OccupyStandardStreams() {
+  for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) < 0) {
+      open("/dev/null", descriptor == 0 ? O_WRONLY : O_RDONLY);  // takes the lowest free one, which it is
+    }
+  }
+}
+
+/// The library says that a command is missing also when there is a word that is none.
+std::string Reason(const CLI::App& app, const CLI::ParseError& error) {
+  const auto unknown = app.remaining(true);
+  if (error.get_name() != "RequiredError" || unknown.empty()) {
+    return error.what();
+  }
+  const std::string& word = unknown.front();
+  return (word.substr(0, 1) == "-" ? "there is no option " : "there is no command ") + word;
+}
+
+}  // namespace
+
 void SetUpTool(CLI::App& app) {
+  OccupyStandardStreams();
   app.set_version_flag("--version", app.get_name() + " " RFID_VERSION, "Print the version and exit");
   app.fallthrough();
 }
@@ -12,7 +39,7 @@ std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv) {
   } catch (const CLI::Success& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    std::cerr << app.get_name() << ": " << e.what() << " (see --help)\n";
+    std::cerr << app.get_name() << ": " << Reason(app, e) << " (see --help)\n";
     return cUsageStatus;
   }
 }

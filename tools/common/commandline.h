@@ -6,7 +6,8 @@
 
 constexpr int cUsageStatus = 2;  ///< exit status for a command line that cannot be understood
 
-/// Adds what every tool has: --version, and options of the whole tool accepted after a subcommand, too.
+/// To be called first. Adds what every tool has: --version, and options of the whole tool accepted after a
+/// subcommand, too.
 void SetUpTool(CLI::App& app);
 
 /// Reads the command line. A value is the exit status with which the tool ends at once: help or version were

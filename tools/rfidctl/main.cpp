@@ -1,5 +1,8 @@
 // rfidctl: controls the RFID daemon and shows what it notifies.
 
+#include <algorithm>
+#include <cstdlib>
+
 #include "common/channel.h"
 #include "common/commandline.h"
 #include "common/output.h"
@@ -31,6 +34,39 @@ struct Options {
   WatchOptions watch;
 };
 
+/// The checks of command line arguments: empty when the text can be used, what is wrong otherwise.
+
+std::string CheckCount(const std::string& text) {
+  const bool isNumber = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+  return isNumber && text.size() <= 9 && text.find_first_not_of('0') != std::string::npos
+             ? ""
+             : text + " is no number from 1 to 999999999";
+}
+
+std::string CheckSeconds(const std::string& text) {
+  constexpr double cYear = 366.0 * 24 * 60 * 60;
+  char* end = nullptr;
+  const double seconds = std::strtod(text.c_str(), &end);
+  return *end == '\0' && seconds > 0 && seconds <= cYear ? ""
+                                                         : text + " is no number of seconds up to a year";
+}
+
+/// The daemon judges the UID, but what is no text cannot be sent to it.
+std::string CheckText(const std::string& text) {
+  const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+  return std::all_of(text.begin(), text.end(), isAscii) ? "" : "a UID has hexadecimal digits only";
+}
+
+std::string CheckAddress(const std::string& text) {
+  const auto colon = text.rfind(':');
+  const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
+  const bool isUnix = text.rfind("unix:", 0) == 0 && text.size() > 5;
+  const bool isTcp = colon != 0 && !port.empty() && port.size() <= 5 &&
+                     port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) >= 1 &&
+                     std::stoi(port) <= 65535;
+  return isUnix || isTcp ? "" : "'" + text + "' is neither unix:PATH nor HOST:PORT";
+}
+
 void AddCommands(CLI::App& app, Options& options) {
   app.add_subcommand("state", "Print the daemon's state");
   app.add_subcommand("enable", "Start reading cards");
@@ -41,11 +77,12 @@ void AddCommands(CLI::App& app, Options& options) {
 
   app.add_subcommand("inject", "Simulate a card at the reader; this can start a charge")
       ->add_option("UID", options.uid, "Hexadecimal, 8 to 16 digits; the daemon judges it")
-      ->required();
+      ->required()
+      ->check(CheckText);
 
   auto* watch = app.add_subcommand("watch", "Print states, signs of life and cards as they are notified");
-  watch->add_option("--count", options.watch.count, "End after so many lines")->check(CLI::PositiveNumber);
-  watch->add_option("--timeout", options.timeout, "End after so many seconds")->check(CLI::PositiveNumber);
+  watch->add_option("--count", options.watch.count, "End after so many lines")->check(CheckCount);
+  watch->add_option("--timeout", options.timeout, "End after so many seconds")->check(CheckSeconds);
   watch->add_option("--only", options.kinds, "Show and count these kinds only")
       ->delimiter(',')
       ->check(CLI::IsMember({"state", "alive", "token", "learning-token"}));
@@ -96,7 +133,8 @@ int main(int argc, char** argv) {
                               "Root folder of the station; etc/plex.json below it names the daemon's address")
                    ->capture_default_str();
   app.add_option("--address", options.address, "The daemon's address: unix:PATH or HOST:PORT")
-      ->excludes(root);
+      ->excludes(root)
+      ->check(CheckAddress);
   app.add_flag("--json", options.json, "Output for programs: one JSON object a line");
   AddCommands(app, options);
 

@@ -13,15 +13,17 @@
 
 /// Reads one service's notifications on a thread of its own and subscribes again whenever the stream ends.
 ///
-/// The callbacks are called on that thread; `onNotification` may block, which holds up the stream.
+/// The callbacks are called on that thread; `onNotification` may block, which holds up the stream. `onStart`
+/// is called when the service has confirmed a subscription: nothing is missed from then on.
 template <typename Service, typename Notification>
 class Subscriber {
  public:
   Subscriber(std::shared_ptr<grpc::Channel> channel, std::function<void(const Notification&)> onNotification,
-             std::function<void(const grpc::Status&)> onEnd)
+             std::function<void(const grpc::Status&)> onEnd, std::function<void()> onStart = {})
       : mStub(Service::NewStub(std::move(channel))),
         mOnNotification(std::move(onNotification)),
         mOnEnd(std::move(onEnd)),
+        mOnStart(std::move(onStart)),
         mThread([this] { Run(); }) {}
 
   ~Subscriber() {
@@ -70,6 +72,9 @@ class Subscriber {
       mSubscribed = true;
       mChanged.notify_all();
     }
+    if (mOnStart) {
+      mOnStart();
+    }
     Notification notification;
     while (stream->Read(&notification)) {
       mOnNotification(notification);
@@ -80,6 +85,7 @@ class Subscriber {
   const std::unique_ptr<typename Service::Stub> mStub;
   const std::function<void(const Notification&)> mOnNotification;
   const std::function<void(const grpc::Status&)> mOnEnd;
+  const std::function<void()> mOnStart;
   std::mutex mMutex;
   std::condition_variable mChanged;
   bool mStopping = false;

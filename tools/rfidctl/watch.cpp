@@ -169,6 +169,9 @@ class Watcher {
     while (mReading && !IsComplete()) {
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
       if (mOptions.timeout && left.count() <= 0) {
+        if (!mReached) {
+          throw Unreachable("the daemon at " + mDaemon.address + " does not answer");
+        }
         break;
       }
       pollfd waiting[] = {

@@ -85,13 +85,13 @@ void ControlServer::Run() {
   }
 }
 
-std::string AskServer(const std::string& address, const std::string& line) {
+std::string AskServer(const std::string& address, const std::string& line, std::chrono::seconds patience) {
   const UniqueFd fd = ConnectUnix(ControlAddress(address), SOCK_STREAM);
   if (!fd) {
     return {};
   }
-  const timeval patience{static_cast<time_t>(kPatience.count()), 0};
-  ::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  const timeval limit{static_cast<time_t>(patience.count()), 0};
+  ::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
   const std::string whole = line + "\n";
   if (::send(fd.Get(), whole.data(), whole.size(), MSG_NOSIGNAL) < 0) {
     return {};

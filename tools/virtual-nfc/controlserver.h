@@ -38,8 +38,9 @@ class ControlServer {
   std::thread mThread;
 };
 
-/// Asks the server at this address. Waits a few seconds at most.
+/// Asks the server at this address, and waits that long at most.
 /// @returns its reply; empty, with errno, when it cannot be reached or does not reply
-std::string AskServer(const std::string& address, const std::string& line);
+std::string AskServer(const std::string& address, const std::string& line,
+                      std::chrono::seconds patience = std::chrono::seconds(5));
 
 }  // namespace virtualnfc

@@ -1,13 +1,8 @@
 #include "interposer.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,14 +14,13 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
+#include "netlinksocket.h"
+#include "realcalls.h"
 #include "uniquefd.h"
-#include "unixsocket.h"
 #include "wire.h"
 
 // The C library of GNU declares some of these calls as throwing nothing; others do not.
@@ -39,255 +33,6 @@
 namespace virtualnfc {
 
 namespace {
-
-/// The calls of the C library behind ours.
-struct RealCalls {
-  template <typename Function>
-  static void Find(Function*& target, const char* name) {
-    target = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-    if (target == nullptr) {
-      std::fprintf(stderr, "virtual-nfc: the C library has no %s\n", name);
-      std::abort();
-    }
-  }
-
-  RealCalls() {
-    Find(socket, "socket");
-    Find(bind, "bind");
-    Find(getsockname, "getsockname");
-    Find(getpeername, "getpeername");
-    Find(setsockopt, "setsockopt");
-    Find(getsockopt, "getsockopt");
-    Find(sendmsg, "sendmsg");
-    Find(sendto, "sendto");
-    Find(send, "send");
-    Find(recvmsg, "recvmsg");
-    Find(recvfrom, "recvfrom");
-    Find(recv, "recv");
-    Find(close, "close");
-  }
-
-  int (*socket)(int, int, int);
-  int (*bind)(int, const sockaddr*, socklen_t);
-  int (*getsockname)(int, sockaddr*, socklen_t*);
-  int (*getpeername)(int, sockaddr*, socklen_t*);
-  int (*setsockopt)(int, int, int, const void*, socklen_t);
-  int (*getsockopt)(int, int, int, void*, socklen_t*);
-  ssize_t (*sendmsg)(int, const msghdr*, int);
-  ssize_t (*sendto)(int, const void*, size_t, int, const sockaddr*, socklen_t);
-  ssize_t (*send)(int, const void*, size_t, int);
-  ssize_t (*recvmsg)(int, msghdr*, int);
-  ssize_t (*recvfrom)(int, void*, size_t, int, sockaddr*, socklen_t*);
-  ssize_t (*recv)(int, void*, size_t, int);
-  int (*close)(int);
-};
-
-const RealCalls& Real() {
-  static const RealCalls calls;
-  return calls;
-}
-
-sockaddr_nl MakeAddress(std::uint32_t port, std::uint32_t groups) {
-  sockaddr_nl address{};
-  address.nl_family = AF_NETLINK;
-  address.nl_pid = port;
-  address.nl_groups = groups;
-  return address;
-}
-
-/// Copies as much as there is room for, and says how much there is.
-void CopyAddress(const sockaddr_nl& address, void* to, socklen_t& length) {
-  std::memcpy(to, &address, std::min<std::size_t>(length, sizeof(address)));
-  length = sizeof(address);
-}
-
-/// No signal reaches the thread while this lives.
-class SignalsHeld {
- public:
-  SignalsHeld() {
-    sigset_t all;
-    sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &mBefore);
-  }
-  ~SignalsHeld() { ::pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-  SignalsHeld(const SignalsHeld&) = delete;
-  SignalsHeld& operator=(const SignalsHeld&) = delete;
-
-  const sigset_t& Before() const { return mBefore; }
-
- private:
-  sigset_t mBefore{};
-};
-
-/// One netlink socket: what the program's descriptor stands for.
-class NetlinkSocket {
- public:
-  /// @returns null with errno set when the server cannot be reached
-  static std::shared_ptr<NetlinkSocket> Connect(const std::string& address, UniqueFd& data) {
-    UniqueFd control = ConnectUnix(address, SOCK_SEQPACKET);
-    if (!control) {
-      return nullptr;
-    }
-    const wire::OperationHeader open{wire::Operation::Open, 0, 0};
-    int fds[2] = {-1, -1};
-    wire::Reply reply{};
-    if (Real().send(control.Get(), &open, sizeof(open), MSG_NOSIGNAL) < 0 ||
-        !ReceiveOpened(control.Get(), reply, fds)) {
-      return nullptr;
-    }
-    data.Reset(fds[0]);
-    const UniqueFd memory(fds[1]);
-    void* page =
-        ::mmap(nullptr, sizeof(wire::SharedPage), PROT_READ | PROT_WRITE, MAP_SHARED, memory.Get(), 0);
-    struct stat info {};
-    if (page == MAP_FAILED || ::fstat(data.Get(), &info) != 0) {
-      return nullptr;
-    }
-    return std::shared_ptr<NetlinkSocket>(
-        new NetlinkSocket(std::move(control), static_cast<wire::SharedPage*>(page), info));
-  }
-
-  ~NetlinkSocket() { ::munmap(mPage, sizeof(wire::SharedPage)); }
-  NetlinkSocket(const NetlinkSocket&) = delete;
-  NetlinkSocket& operator=(const NetlinkSocket&) = delete;
-
-  /// Whether the descriptor is still the one that was made for this socket; a program may have closed it by
-  /// other means and got the number for something else.
-  bool IsAt(int fd) const {
-    struct stat info {};
-    return ::fstat(fd, &info) == 0 && info.st_ino == mInode && info.st_dev == mDevice;
-  }
-
-  /// Asks the server and waits for its reply. @returns 0, or -1 with errno
-  int Ask(wire::Operation operation, std::uint32_t first, std::uint32_t second, const iovec* parts = nullptr,
-          std::size_t count = 0) {
-    const std::lock_guard lock(mMutex);
-    wire::OperationHeader header{operation, first, second};
-    std::vector<iovec> all{{&header, sizeof(header)}};
-    all.insert(all.end(), parts, parts + count);
-    msghdr message{};
-    message.msg_iov = all.data();
-    message.msg_iovlen = all.size();
-    wire::Reply reply{};
-    bool isAnswered = false;
-    {
-      // A signal between the sending and the waiting must end the waiting too.
-      const SignalsHeld signals;
-      isAnswered =
-          Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, signals.Before());
-    }
-    if (isAnswered) {
-      mPort = reply.port;
-    }
-    errno = isAnswered ? reply.error : ECONNREFUSED;
-    return errno == 0 ? 0 : -1;
-  }
-
-  std::uint32_t Port() const { return mPort; }
-
-  void SetMembership(std::uint32_t group, bool isMember) {
-    const std::lock_guard lock(mMutex);
-    isMember ? (void)mGroups.insert(group) : (void)mGroups.erase(group);
-  }
-
-  std::uint32_t GroupMask() const {
-    const std::lock_guard lock(mMutex);
-    std::uint32_t mask = 0;
-    for (const std::uint32_t group : mGroups) {
-      mask |= group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
-    }
-    return mask;
-  }
-
-  ssize_t Receive(int fd, msghdr& message, int flags) {
-    for (;;) {
-      if (const std::uint32_t overruns = mPage->overruns.load();
-          mSeenOverruns.exchange(overruns) != overruns) {
-        errno = ENOBUFS;
-        return -1;
-      }
-      wire::DatagramHeader header{};
-      std::vector<iovec> parts{{&header, sizeof(header)}};
-      parts.insert(parts.end(), message.msg_iov, message.msg_iov + message.msg_iovlen);
-      msghdr whole{};
-      whole.msg_iov = parts.data();
-      whole.msg_iovlen = parts.size();
-      const ssize_t length = Real().recvmsg(fd, &whole, flags);
-      if (length < 0) {
-        return -1;
-      }
-      if (length < static_cast<ssize_t>(sizeof(header))) {
-        // Only there to wake us up.
-        if ((flags & MSG_PEEK) != 0) {
-          (void)Real().recv(fd, nullptr, 0, MSG_DONTWAIT);
-        }
-        continue;
-      }
-      if (message.msg_name != nullptr) {
-        CopyAddress(MakeAddress(header.sender, header.groups), message.msg_name, message.msg_namelen);
-      }
-      message.msg_controllen = 0;
-      message.msg_flags = whole.msg_flags;
-      return length - static_cast<ssize_t>(sizeof(header));
-    }
-  }
-
- private:
-  NetlinkSocket(UniqueFd control, wire::SharedPage* page, const struct stat& info)
-      : mControl(std::move(control)), mPage(page), mInode(info.st_ino), mDevice(info.st_dev) {}
-
-  static bool ReceiveOpened(int control, wire::Reply& reply, int (&fds)[2]) {
-    iovec part{&reply, sizeof(reply)};
-    alignas(cmsghdr) char room[CMSG_SPACE(sizeof(fds))] = {};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = room;
-    message.msg_controllen = sizeof(room);
-    ssize_t length = 0;
-    do {
-      length = Real().recvmsg(control, &message, MSG_CMSG_CLOEXEC);
-    } while (length < 0 && errno == EINTR);
-    const cmsghdr* header = CMSG_FIRSTHDR(&message);
-    if (length != sizeof(reply) || reply.error != 0 || header == nullptr || header->cmsg_type != SCM_RIGHTS ||
-        header->cmsg_len != CMSG_LEN(sizeof(fds))) {
-      errno = length == sizeof(reply) && reply.error != 0 ? reply.error : ECONNRESET;
-      return false;
-    }
-    std::memcpy(fds, CMSG_DATA(header), sizeof(fds));
-    return true;
-  }
-
-  /// Waits as a command waits in the kernel: without a limit, and told of each signal.
-  bool AwaitReply(wire::Reply& reply, const sigset_t& signals) {
-    for (;;) {
-      pollfd waiting{mControl.Get(), POLLIN, 0};
-      if (::ppoll(&waiting, 1, nullptr, &signals) < 0) {
-        if (errno != EINTR) {
-          return false;
-        }
-        const wire::OperationHeader interrupt{wire::Operation::Interrupt, 0, 0};
-        (void)Real().send(mControl.Get(), &interrupt, sizeof(interrupt), MSG_NOSIGNAL);
-        continue;
-      }
-      const ssize_t length = Real().recv(mControl.Get(), &reply, sizeof(reply), MSG_DONTWAIT);
-      if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
-        continue;
-      }
-      return length == sizeof(reply);
-    }
-  }
-
-  const UniqueFd mControl;
-  wire::SharedPage* const mPage;
-  const ino_t mInode;
-  const dev_t mDevice;
-  std::atomic<std::uint32_t> mSeenOverruns{0};
-  std::atomic<std::uint32_t> mPort{0};
-  /// One exchange at a time.
-  mutable std::mutex mMutex;
-  std::set<std::uint32_t> mGroups;
-};
 
 /// Which descriptors are netlink sockets of ours. Looking at one that is not costs one load and takes no
 /// lock.
@@ -461,7 +206,6 @@ int CountInterposedSockets() {
 
 }  // namespace virtualnfc
 
-using virtualnfc::NetlinkSocket;
 using virtualnfc::Real;
 using virtualnfc::Table;
 namespace wire = virtualnfc::wire;
@@ -508,7 +252,8 @@ int getsockname(int fd, sockaddr* address, socklen_t* length) VIRTUAL_NFC_NOEXCE
   if (!ours) {
     return Real().getsockname(fd, address, length);
   }
-  virtualnfc::CopyAddress(virtualnfc::MakeAddress(ours->Port(), ours->GroupMask()), address, *length);
+  virtualnfc::CopyNetlinkAddress(virtualnfc::MakeNetlinkAddress(ours->Port(), ours->GroupMask()), address,
+                                 *length);
   return 0;
 }
 
@@ -517,7 +262,7 @@ int getpeername(int fd, sockaddr* address, socklen_t* length) VIRTUAL_NFC_NOEXCE
   if (!ours) {
     return Real().getpeername(fd, address, length);
   }
-  virtualnfc::CopyAddress(virtualnfc::MakeAddress(0, 0), address, *length);
+  virtualnfc::CopyNetlinkAddress(virtualnfc::MakeNetlinkAddress(0, 0), address, *length);
   return 0;
 }
 
@@ -552,15 +297,13 @@ int getsockopt(int fd, int level, int option, void* value, socklen_t* length) VI
     return -1;
   }
   if (ours && level == SOL_SOCKET) {
-    switch (option) {
-      case SO_DOMAIN:
-        return virtualnfc::AnswerNumber(AF_NETLINK, value, length);
-      case SO_PROTOCOL:
-        return virtualnfc::AnswerNumber(NETLINK_GENERIC, value, length);
-      case SO_TYPE:
-        return virtualnfc::AnswerNumber(SOCK_RAW, value, length);
-      default:
-        break;
+    // The rest is true of the data socket as well.
+    constexpr std::pair<int, int> kOwn[] = {
+        {SO_DOMAIN, AF_NETLINK}, {SO_PROTOCOL, NETLINK_GENERIC}, {SO_TYPE, SOCK_RAW}};
+    for (const auto& [name, number] : kOwn) {
+      if (option == name) {
+        return virtualnfc::AnswerNumber(number, value, length);
+      }
     }
   }
   return Real().getsockopt(fd, level, option, value, length);

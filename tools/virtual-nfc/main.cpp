@@ -81,13 +81,10 @@ int PrintEnvironment(const std::string& address) {
   return kRefused;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunCommand(int argc, char** argv) {
   CLI::App app(
       "A kernel with an NFC reader, simulated: for programs that talk to the kernel's NFC family on machines "
-      "without "
-      "one.\nStart a server with 'serve', start the program with what 'env' prints, then tap tags.",
+      "without one.\nStart a server with 'serve', start the program with what 'env' prints, then tap tags.",
       "virtual-nfc");
   app.set_version_flag("--version", "virtual-nfc " VIRTUAL_NFC_VERSION);
   app.require_subcommand(1);
@@ -177,8 +174,16 @@ int main(int argc, char** argv) {
     return action();
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kUsage;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return RunCommand(argc, argv);
   } catch (const std::exception& error) {
-    fmt::print(stderr, "virtual-nfc: {}\n", error.what());
+    std::fprintf(stderr, "virtual-nfc: %s\n", error.what());
     return kRefused;
   }
 }

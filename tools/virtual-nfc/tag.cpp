@@ -11,20 +11,20 @@ namespace virtualnfc {
 namespace {
 
 struct KindInfo {
-  TagKind kind;
   const char* name;
+  TagKind kind;
   Radio radio;
   std::uint32_t protocols;
   std::uint8_t selRes;
 };
 
 constexpr KindInfo kKinds[] = {
-    {TagKind::Mifare, "mifare", Radio::A, NFC_PROTO_MIFARE_MASK, 0x00},
-    {TagKind::Felica, "felica", Radio::F, NFC_PROTO_FELICA_MASK, 0x00},
-    {TagKind::Iso14443A, "iso14443a", Radio::A, NFC_PROTO_ISO14443_MASK, 0x20},
-    {TagKind::NfcDep, "nfc-dep", Radio::A, NFC_PROTO_NFC_DEP_MASK, 0x40},
-    {TagKind::Iso14443B, "iso14443b", Radio::B, NFC_PROTO_ISO14443_B_MASK, 0x00},
-    {TagKind::Iso15693, "iso15693", Radio::V, NFC_PROTO_ISO15693_MASK, 0x00},
+    {"mifare", TagKind::Mifare, Radio::A, NFC_PROTO_MIFARE_MASK, 0x00},
+    {"felica", TagKind::Felica, Radio::F, NFC_PROTO_FELICA_MASK, 0x00},
+    {"iso14443a", TagKind::Iso14443A, Radio::A, NFC_PROTO_ISO14443_MASK, 0x20},
+    {"nfc-dep", TagKind::NfcDep, Radio::A, NFC_PROTO_NFC_DEP_MASK, 0x40},
+    {"iso14443b", TagKind::Iso14443B, Radio::B, NFC_PROTO_ISO14443_B_MASK, 0x00},
+    {"iso15693", TagKind::Iso15693, Radio::V, NFC_PROTO_ISO15693_MASK, 0x00},
 };
 
 const KindInfo& InfoOf(TagKind kind) {

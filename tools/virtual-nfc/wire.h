@@ -54,6 +54,6 @@ struct SharedPage {
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 
 /// The largest netlink message a program may send.
-inline constexpr std::size_t kMaxMessage = 64 * 1024;
+inline constexpr std::size_t kMaxMessage = 65536;
 
 }  // namespace virtualnfc::wire

@@ -5,12 +5,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <map>
+#include <thread>
 
 #include "common/channel.h"
 #include "common/commandline.h"
 #include "common/output.h"
 #include "common/stopsignals.h"
+#include "virtual-station/bench.h"
+#include "virtual-station/benchserver.h"
 #include "virtual-station/sectionfile.h"
 #include "virtual-station/virtualstation.h"
 
@@ -25,6 +29,9 @@ struct Options {
   std::string feedbackAnswer = "ok";
   std::string uid;
   bool on = false;
+  std::string nfcSocket;
+  std::string logFile;
+  int port = 8080;
 };
 
 std::string TextOf(const VirtualStation::Call& call) {
@@ -55,6 +62,13 @@ std::string JsonOf(const VirtualStation::Call& call) {
   return ToJsonLine(line);
 }
 
+/// Until a signal comes, or nobody reads the output any more.
+void WaitForEnd(const StopSignals& signals) {
+  pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+  while (poll(waiting, 2, -1) < 0 && errno == EINTR) {
+  }
+}
+
 int Serve(const Options& options) {
   const StopSignals signals;
   const RpcConfig config = LoadRpcConfig(options.root);
@@ -74,9 +88,35 @@ int Serve(const Options& options) {
     PrintError(cTool, name == "Feedback" || name == "Diagnostics" ? "serving " + name + " at " + address
                                                                   : "not serving " + name);
   }
-  // Until a signal comes, or nobody reads the output any more.
-  pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-  while (poll(waiting, 2, -1) < 0 && errno == EINTR) {
+  WaitForEnd(signals);
+  return 0;
+}
+
+int ServeBench(const Options& options) {
+  const StopSignals signals;
+  LineOutput output;
+  Bench bench({LoadRpcConfig(options.root), options.nfcSocket, options.logFile});
+  if (!bench.PeersProblem().empty()) {
+    PrintError(cTool, bench.PeersProblem());
+  }
+  const auto carry = [&bench](const Json::Value& request) {
+    const Bench::Answer answer = bench.Do(request);
+    return std::pair(answer.done, answer.text);
+  };
+  BenchServer server(bench.Model(), carry, options.port);
+  std::thread serving([&server] { server.Run(); });
+  struct Ender {
+    Bench& bench;
+    BenchServer& server;
+    std::thread& serving;
+    ~Ender() {
+      bench.Stop();
+      server.Stop();
+      serving.join();
+    }
+  } const ender{bench, server, serving};
+  if (output.Write(server.Url())) {
+    WaitForEnd(signals);
   }
   return 0;
 }
@@ -130,6 +170,9 @@ int Run(const CLI::App& app, const Options& options) {
   if (app.got_subcommand("serve")) {
     return Serve(options);
   }
+  if (app.got_subcommand("bench")) {
+    return ServeBench(options);
+  }
   if (app.got_subcommand("ocpp")) {
     StationSettings(Store(options)).SetOcppActive(options.on);
     return 0;
@@ -163,6 +206,18 @@ int main(int argc, char** argv) {
   serve->add_option("--feedback-answer", options.feedbackAnswer, "How feedback calls are answered")
       ->check(CLI::IsMember({"ok", "illegal", "hang"}))
       ->capture_default_str();
+
+  auto* bench = app.add_subcommand(
+      "bench",
+      "Serve a page on this machine that shows the station and drives it, until Ctrl-C; prints its URL");
+  bench->add_option("--nfc", options.nfcSocket, "The socket of virtual-nfc, to put cards to its reader")
+      ->envname("VIRTUAL_NFC_SOCKET")
+      ->type_name("SOCKET");
+  bench->add_option("--port", options.port, "The port; 0 takes any that is free")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  bench->add_option("--log", options.logFile, "A file with the daemon's log, to show its end")
+      ->type_name("FILE");
 
   auto* card = app.add_subcommand("card", "Show and change the local list of permitted cards");
   card->require_subcommand(1);

@@ -164,6 +164,11 @@ void StationSettings::Set(const char* key, bool value) const {
   });
 }
 
+bool StationSettings::Get(const char* key) const {
+  const Json::Value document = mFile.Load();
+  return document[key].isBool() && document[key].asBool();
+}
+
 bool CardList::Add(const std::string& uid) const {
   const std::string wanted = ToUpper(uid);
   bool added = false;

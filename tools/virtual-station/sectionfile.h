@@ -37,9 +37,12 @@ class StationSettings {
 
   void SetOcppActive(bool active) const { Set("SeccOcppActive", active); }
   void SetFreeCharging(bool free) const { Set("SessionManagerChargeWithoutAuth", free); }
+  bool IsOcppActive() const { return Get("SeccOcppActive"); }
+  bool IsFreeCharging() const { return Get("SessionManagerChargeWithoutAuth"); }
 
  private:
   void Set(const char* key, bool value) const;
+  bool Get(const char* key) const;  ///< false, as the daemon takes it, when it is missing or no truth value
   SectionFile mFile;
 };
 

@@ -30,8 +30,8 @@ class IDiagnosticsTransport {
   virtual ~IDiagnosticsTransport() = default;
   virtual bool Deliver(const ipc::MSignal& signal) = 0;
 
-  /// Asked about once a second on the same thread while nothing is to be delivered: false says that the peer has gone
-  /// since the last delivery, so that everything has to come again.
+  /// Asked about once a second on the same thread while nothing is to be delivered: false says that the peer
+  /// has gone since the last delivery, so that everything has to come again.
   virtual bool IsReachable() { return true; }
 
   /// Makes a Deliver in progress, and any later one, return soon. From another thread.

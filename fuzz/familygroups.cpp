@@ -1,0 +1,17 @@
+// The description of the family: the group's id is that of the first entry that has this name and an id.
+#include "fuzz/netlinkmessage.h"
+#include "src/components/nfcmessages.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const NetlinkMessage message(data, size);
+  std::optional<uint32_t> expected;
+  const auto groups = Find(message.Payload(), CTRL_ATTR_MCAST_GROUPS).value_or(Bytes());
+  for (const auto& [type, entry] : ReadAttributes(groups)) {
+    const auto id = FindNumber(entry, CTRL_ATTR_MCAST_GRP_ID);
+    if (!expected && id && FindText(entry, CTRL_ATTR_MCAST_GRP_NAME) == "events") {
+      expected = id;
+    }
+  }
+  FUZZ_CHECK(DecodeMulticastGroup(message.Header(), "events") == expected);
+  return 0;
+}

@@ -1,0 +1,13 @@
+// What the event monitor reads from a message: the command and the device that the event is about.
+#include <linux/nfc.h>
+
+#include "fuzz/netlinkmessage.h"
+#include "src/components/nfcmessages.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const NetlinkMessage message(data, size);
+  const auto command = DecodeCommand(message.Header());
+  FUZZ_CHECK(command.has_value() == message.HasHeaders() && (!command || *command == message.Command()));
+  FUZZ_CHECK(DecodeDeviceIndex(message.Header()) == FindNumber(message.Payload(), NFC_ATTR_DEVICE_INDEX));
+  return 0;
+}

@@ -1,0 +1,125 @@
+#include <csignal>
+
+#include "daemontest.h"
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+/// rfidctl as a person at a shell meets it.
+class Rfidctl : public DaemonTest {
+ protected:
+  std::unique_ptr<Process> Start(const Words& command) const {
+    return std::make_unique<Process>(command, std::map<std::string, std::string>{}, Path("out"), Path("err"));
+  }
+  std::unique_ptr<Process> StartCtl(const Words& arguments) const {
+    Words command{RFIDCTL_PATH, "--root", mRoot};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return Start(command);
+  }
+  std::string Out() const { return ReadFile(Path("out")); }
+  std::string Err() const { return ReadFile(Path("err")); }
+
+  /// Runs it; anything on standard error is one line with this in it.
+  void Expect(const Words& arguments, const std::string& end, const std::string& out,
+              const std::string& err) {
+    SCOPED_TRACE(::testing::PrintToString(arguments));
+    EXPECT_EQ(StartCtl(arguments)->Wait().value_or("still running"), end);
+    EXPECT_EQ(Out(), out);
+    ExpectError(err);
+  }
+  void ExpectError(const std::string& text) const {
+    const auto line = Err();
+    EXPECT_THAT(line, HasSubstr(text.empty() ? "" : "rfidctl: "));
+    EXPECT_THAT(line, HasSubstr(text));
+    EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), text.empty() ? 0 : 1) << line;
+  }
+};
+
+}  // namespace
+
+TEST_F(Rfidctl, WhatTheDaemonDoesAndWhatItRefusesIsSeenFromTheStatus) {
+  StartDaemon();
+  Expect({"state"}, "exit 0", "Uninitialized\n", "");
+  Expect({"enable"}, "exit 1", "", "refuses");
+  Expect({"inject", "04A12B5C"}, "exit 1", "", "needs the daemon to be enabled");
+  Expect({"--json", "learning", "on"}, "exit 1", "{\"result\":\"Illegal\"}\n", "refuses");
+  Expect({"disable"}, "exit 0", "", "");
+  Expect({"enable", "--json"}, "exit 0", "{\"result\":\"Ok\"}\n", "");
+  EXPECT_TRUE(mSupervisor->WaitFor("Enabled"));
+  Expect({"inject", "04a12b5c"}, "exit 0", "", "");
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+  Expect({"learning", "on"}, "exit 0", "", "");
+  Expect({"inject", "11223344"}, "exit 0", "", "");
+  EXPECT_TRUE(mSupervisor->WaitFor("learning 11223344"));
+  Expect({"log-level"}, "exit 0", "trace\n", "");
+  Expect({"watch", "--only", "token", "--count", "1", "--timeout", "0.1"}, "exit 4", "", "0 of 1");
+  EXPECT_EQ(Start({"/bin/sh", "-c", "\"$0\" --root \"$1\" state >/dev/full", RFIDCTL_PATH, mRoot})->Wait(),
+            "exit 1");
+  ExpectError("No space left");
+}
+
+TEST_F(Rfidctl, AWordThatItDoesNotKnowIsNamed) {
+  for (const auto& [arguments, named] : std::vector<std::pair<Words, std::string>>{
+           {{}, "required"},
+           {{"stat"}, "stat"},
+           {{"--nonsense", "state"}, "--nonsense"},
+           {{"log-level", "loud"}, "loud"},
+           {{"watch", "--timeout", "nan"}, "--timeout"},
+           {{"watch", "--only", "cards"}, "cards"},
+           {{"inject", "\xFF"}, "UID"},
+           {{"--address", "here", "state"}, "--address"},
+       }) {
+    Expect(arguments, "exit 2", "", named);
+  }
+}
+
+TEST_F(Rfidctl, ADaemonThatCannotBeReachedIsSaidWithTheReason) {
+  for (const Words& command : {Words{"state"}, Words{"inject", "04A12B5C"}, Words{"watch"}}) {
+    Expect(command, "exit 3", "", "No such file or directory");
+  }
+  StartDaemon();
+  std::filesystem::permissions(Path("run/rfid.sock"), std::filesystem::perms::none);
+  // Whom permissions do not apply to gives that up for this.
+  const auto* const asAnybody =
+      "[ \"$(id -u)\" != 0 ] || set -- setpriv --bounding-set=-dac_override,-dac_read_search \"$@\"; exec "
+      "\"$@\"";
+  EXPECT_EQ(Start({"/bin/sh", "-c", asAnybody, "sh", RFIDCTL_PATH, "--root", mRoot, "state"})->Wait(),
+            "exit 3");
+  ExpectError("Permission denied");
+  std::filesystem::permissions(Path("run/rfid.sock"), std::filesystem::perms::owner_all);
+  mDaemon->Signal(SIGSTOP);
+  Expect({"watch", "--timeout", "1"}, "exit 3", "", "does not answer");
+  mDaemon->Signal(SIGCONT);
+  std::filesystem::remove(Path("etc/plex.json"));
+  Expect({"state"}, "exit 3", "", "plex.json");
+}
+
+TEST_F(Rfidctl, WatchingGoesOnWhenTheDaemonIsRestartedAndEndsWithCtrlCAtAnyTime) {
+  StartDaemon();
+  const auto watch = StartCtl({"--json", "watch"});
+  EXPECT_TRUE(Eventually([this] { return !Out().empty(); }));
+  EXPECT_THAT(Out(), AllOf(HasSubstr(R"("kind":"state")"), HasSubstr(R"("state":"Uninitialized")")));
+  mDaemon->Signal(SIGKILL);
+  EXPECT_TRUE(Eventually([this] { return Err().find("is gone") != std::string::npos; }));
+  StartDaemon();
+  EXPECT_TRUE(Eventually([this] { return Err().find("is back") != std::string::npos; }));
+  EnableDaemon();
+  EXPECT_TRUE(Eventually([this] { return Out().find(R"("state":"Enabled")") != std::string::npos; }));
+  EXPECT_EQ(Interrupt(), "exit 0");
+  EXPECT_TRUE(Eventually([this] { return Err().find("gone", Err().find("back")) != std::string::npos; }));
+  watch->Signal(SIGINT);
+  EXPECT_EQ(watch->Wait(std::chrono::seconds(10)), "exit 0");
+}
+
+TEST_F(Rfidctl, WatchingEndsWhenNobodyReadsAnyMore) {
+  StartDaemon();
+  const auto pipe = Start(
+      {"/bin/bash", "-c", "set -o pipefail; \"$0\" --root \"$1\" watch | head -1", RFIDCTL_PATH, mRoot});
+  EXPECT_EQ(pipe->Wait(std::chrono::seconds(10)), "exit 0");
+  EXPECT_THAT(Out(), HasSubstr("state          Uninitialized\n"));  // no terminal: no colour
+  ExpectError("");
+}

@@ -1,0 +1,318 @@
+#include <dirent.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <linux/nfc.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <thread>
+
+#include "station.h"
+
+using namespace std::chrono_literals;
+using namespace virtualnfc;
+using State = Station::State;
+
+namespace {
+
+size_t CountEntries(const char* folder) {
+  size_t count = 0;
+  DIR* entries = opendir(folder);
+  while (readdir(entries) != nullptr) {
+    ++count;
+  }
+  closedir(entries);
+  return count;
+}
+
+/// Sees to it that what lives after it leaves no descriptor and no thread behind.
+class Leftovers {
+ public:
+  ~Leftovers() {
+    EXPECT_EQ(CountInterposedSockets(), 0);
+    // A thread that was joined is listed for a moment longer.
+    const auto end = std::chrono::steady_clock::now() + Station::Bound;
+    while (CountEntries("/proc/self/fd") > mDescriptors || CountEntries("/proc/self/task") > mThreads) {
+      if (std::chrono::steady_clock::now() > end) {
+        ADD_FAILURE() << "descriptors or threads are left over";
+        return;
+      }
+      std::this_thread::yield();
+    }
+  }
+
+ private:
+  /// A sanitizer starts a thread of its own with the first of ours.
+  const bool mStarted = [] {
+    std::thread([] {}).join();
+    return true;
+  }();
+  const size_t mDescriptors = CountEntries("/proc/self/fd");
+  const size_t mThreads = CountEntries("/proc/self/task");
+};
+
+/// What a fault hits.
+struct Exchange {
+  const char* name;
+  const char* rule;    ///< the command or event, and which of its occurrences
+  uint8_t number = 0;  ///< of that command or event, where a card brings it about
+};
+
+/// One daemon, one fault, what it came to, and whether it may come to that.
+class Cell {
+ public:
+  /// `excuse` is the word for an outcome in which the daemon cannot know that it reads no card, or that the
+  /// reader is not off; none when it must know.
+  explicit Cell(std::string excuse) : mExcuse(std::move(excuse)) {}
+
+  void Enable() {
+    EXPECT_EQ(mStation.Enable(), State::Enabled);
+    mTold = mStation.CountTold();
+  }
+  /// A card, until it has brought this command or event about.
+  void TapUntil(uint8_t number) {
+    const auto had = [number](const Status& status) {
+      return status.Commands(number) + status.Events(number);
+    };
+    const auto before = had(mStation.mKernel.GetStatus());
+    mCard = mStation.Tap();
+    EXPECT_TRUE(mStation.mKernel.WaitFor([&](const Status& status) { return had(status) > before; }));
+  }
+  void LoseEvents() {
+    mStation.mKernel.OverrunEvents();
+    AwaitTold();
+  }
+  void AwaitTold() const { EXPECT_TRUE(mStation.WaitForMoreTold(mTold)); }
+
+  std::string Judge() {
+    auto state = mStation.Settle();
+    mStation.Repair();
+    if (state == State::Enabled && !GoesOnReading(state, mExcuse.empty() ? Station::Bound : 300ms)) {
+      EXPECT_NE(mExcuse, "") << "quietly deaf";
+      EXPECT_EQ(mStation.Disable(), State::Disabled);
+      CheckEnabling();
+      return mExcuse;
+    }
+    EXPECT_FALSE(mStation.HasInvented());
+    const bool told = mStation.WasTold(State::Error, mTold);
+    if (state == State::FatalError) {
+      return "fatal";
+    }
+    if (state == State::Enabled) {
+      EXPECT_FALSE(told);
+      return mCard.empty() || mStation.WasNotified(mCard) ? "works on" : "card lost";
+    }
+    EXPECT_EQ(state, State::Disabled);
+    const auto reader = mStation.mKernel.GetStatus().Device();
+    const bool isOn = reader.powered || reader.polling;
+    EXPECT_FALSE(isOn && mExcuse.empty()) << "told Disabled, and the reader is on";
+    CheckEnabling();
+    return isOn ? mExcuse : told ? "recovered" : "works on";
+  }
+
+  Station mStation;
+
+ private:
+  /// Whether it reads two cards, or ends in another state than Enabled.
+  bool GoesOnReading(State& state, std::chrono::milliseconds patience) {
+    for (int cards = 0; cards < 2 && state == State::Enabled; ++cards) {
+      if (!mStation.ReadsCardOrTells(patience)) {
+        return false;
+      }
+      state = mStation.Settle();
+    }
+    return true;
+  }
+  void CheckEnabling() {
+    auto state = mStation.Enable();
+    EXPECT_TRUE(GoesOnReading(state, Station::Bound));
+    EXPECT_EQ(state, State::Enabled);
+  }
+
+  std::string mExcuse;
+  std::string mCard;
+  size_t mTold = mStation.CountTold();
+};
+
+struct Phase {
+  const char* name;
+  bool isEnabled;
+  void (*begin)(Cell& cell, const Exchange& exchange);
+  std::vector<Exchange> exchanges;
+};
+
+const Phase Phases[] = {
+    {"Enabling",
+     false,
+     [](Cell& cell, const Exchange&) { cell.mStation.Enable(); },
+     {{"find family nfc", "GETFAMILY nth=1"},
+      {"find family nlctrl", "GETFAMILY nth=2"},
+      {"find group events", "GETFAMILY nth=3"},
+      {"every GETFAMILY", "GETFAMILY"},
+      {"GET_DEVICE", "GET_DEVICE nth=1"},
+      {"every GET_DEVICE", "GET_DEVICE"},
+      {"DEV_UP", "DEV_UP"},
+      {"START_POLL", "START_POLL"}}},
+    {"Reading a card",
+     true,
+     [](Cell& cell, const Exchange& exchange) { cell.TapUntil(exchange.number); },
+     {{"TARGETS_FOUND", "TARGETS_FOUND nth=1", NFC_EVENT_TARGETS_FOUND},
+      {"GET_TARGET", "GET_TARGET nth=1", NFC_CMD_GET_TARGET},
+      {"DEV_UP (polling is started again)", "DEV_UP nth=1", NFC_CMD_DEV_UP},
+      {"START_POLL", "START_POLL nth=1", NFC_CMD_START_POLL}}},
+    {"Disabling",
+     true,
+     [](Cell& cell, const Exchange&) { cell.mStation.Disable(); },
+     {{"STOP_POLL", "STOP_POLL nth=1"},
+      {"every STOP_POLL", "STOP_POLL"},
+      {"DEV_DOWN", "DEV_DOWN nth=1"},
+      {"every DEV_DOWN", "DEV_DOWN"},
+      {"UNSPEC", "UNSPEC"}}},
+    {"Recovering",
+     true,
+     [](Cell& cell, const Exchange&) { cell.LoseEvents(); },
+     {{"STOP_POLL (on the old socket)", "STOP_POLL nth=1"},
+      {"find family nfc", "GETFAMILY nth=1"},
+      {"find family nlctrl", "GETFAMILY nth=2"},
+      {"find group events", "GETFAMILY nth=3"},
+      {"GET_DEVICE", "GET_DEVICE nth=1"},
+      {"STOP_POLL", "STOP_POLL nth=2"},
+      {"DEV_DOWN", "DEV_DOWN nth=1"},
+      {"UNSPEC", "UNSPEC"}}},
+};
+
+constexpr const char* Faults[] = {
+    "errno=EPERM",    "errno=EIO",   "errno=EBUSY", "errno=ENODEV", "errno=EINVAL", "errno=ETIMEDOUT",
+    "errno=EALREADY", "errno=512",   "delay=100",   "drop",         "truncate=0",   "truncate=8",
+    "truncate=16",    "truncate=19", "truncate=35", "garble",       "duplicate",    "reverse",
+    "no-done",        "seq=4711",    "sender=4711", "unplug",
+};
+
+/// What becomes of one fault in one exchange; "-" when it cannot happen there.
+std::string Try(const Phase& phase, const Exchange& exchange, std::string_view fault) {
+  const auto is = [rule = std::string_view(exchange.rule)](const char* command) {
+    return rule.starts_with(command);
+  };
+  const bool isEvent = is("TARGETS_FOUND");
+  const bool isDump = is("GET_");
+  const bool isLookUp = is("GETFAMILY");
+  if ((isEvent && (fault.starts_with("errno") || fault == "delay=100" || fault == "seq=4711")) ||
+      (fault == "no-done" && !isDump) || (fault == "reverse" && !isDump && !isLookUp) ||
+      (fault == "unplug" && (isEvent || isLookUp))) {
+    return "-";
+  }
+  const char* excuse = "";
+  if (isEvent && (fault == "drop" || fault == "sender=4711")) {
+    excuse = "unheard";
+  } else if ((is("START_POLL") || is("DEV_DOWN")) && fault == "errno=EALREADY") {
+    excuse = "believed";
+  }
+
+  SCOPED_TRACE(fmt::format("{}: {}, {}", phase.name, exchange.name, fault));
+  const Leftovers leftovers;
+  Cell cell(excuse);
+  if (phase.isEnabled) {
+    cell.Enable();
+  }
+  cell.mStation.mKernel.AddRule(fmt::format("{} {}", exchange.rule, fault));
+  phase.begin(cell, exchange);
+  if (exchange.number != 0 && (fault == "unplug" || (isEvent && fault == "duplicate"))) {
+    cell.AwaitTold();  // before the reader is plugged in again, and before another card
+  }
+  return cell.Judge();
+}
+
+/// Checks this part of the documented tables, or writes it where the environment says.
+void Document(const std::string& part) {
+  if (const char* report = std::getenv("RFID_FAULTS_REPORT")) {
+    std::ofstream(report, std::ios::app) << part;
+    return;
+  }
+  std::stringstream documented;
+  documented << std::ifstream(FAULT_TABLES).rdbuf();
+  EXPECT_NE(documented.str().find(part), std::string::npos) << "documented otherwise:\n" << part;
+}
+
+class FaultMatrix : public ::testing::TestWithParam<Phase> {};
+
+}  // namespace
+
+TEST_P(FaultMatrix, LeavesTheDaemonReadingCardsOrTheSupervisorTold) {
+  const auto& phase = GetParam();
+  auto table = fmt::format("\n## {}\n\n| fault |", phase.name);
+  std::string line = "|---|";
+  for (const auto& exchange : phase.exchanges) {
+    table += fmt::format(" {} |", exchange.name);
+    line += "---|";
+  }
+  table += "\n" + line + "\n";
+  for (const auto* fault : Faults) {
+    std::string row = fmt::format("| {} |", fault);
+    for (const auto& exchange : phase.exchanges) {
+      row += fmt::format(" {} |", Try(phase, exchange, fault));
+    }
+    std::printf("%s\n", row.c_str());
+    table += row + "\n";
+  }
+  Document(table);
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, FaultMatrix, ::testing::ValuesIn(Phases), [](const auto& one) {
+  std::string name = one.param.name;
+  std::erase(name, ' ');
+  return name;
+});
+
+TEST(Faults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
+  struct Event {
+    const char* name;
+    const char* excuse;
+    void (*disturb)(Cell& cell);
+  };
+  std::string table = "\n## Polling, no card is there\n\n| fault | |\n|---|---|\n";
+  for (const auto& event : {
+           Event{"events lost (ENOBUFS)", "", [](Cell& cell) { cell.LoseEvents(); }},
+           Event{"an event that names no device", "",
+                 [](Cell& cell) {
+                   cell.mStation.mKernel.SendRawEvent(
+                       MessageBuilder(20, 0, 0, 0).Genl(NFC_EVENT_TARGETS_FOUND, 1).Finish());
+                   cell.AwaitTold();
+                 }},
+           Event{"unplug, plug in again", "unheard", [](Cell& cell) { cell.mStation.mKernel.Unplug(); }},
+           Event{"unplug, disable", "",
+                 [](Cell& cell) {
+                   cell.mStation.mKernel.Unplug();
+                   cell.mStation.Disable();
+                 }},
+           Event{"the chip stops polling", "unheard",
+                 [](Cell& cell) { cell.mStation.mKernel.MakeChipDisagree(); }},
+       }) {
+    SCOPED_TRACE(event.name);
+    const Leftovers leftovers;
+    Cell cell(event.excuse);
+    cell.Enable();
+    event.disturb(cell);
+    table += fmt::format("| {} | {} |\n", event.name, cell.Judge());
+  }
+  Document(table);
+}
+
+TEST(Faults, AKernelThatAnswersNothingAnyMoreDoesNotKeepTheDaemonFromEnding) {
+  for (const auto* command : {"any", "GETFAMILY", "UNSPEC", "START_POLL", "STOP_POLL", "DEV_DOWN"}) {
+    for (const bool enabled : {false, true}) {
+      SCOPED_TRACE(fmt::format("{} {}", command, enabled));
+      const Leftovers leftovers;
+      Station station;
+      if (enabled) {
+        EXPECT_EQ(station.Enable(), State::Enabled);
+        station.Tap();
+      }
+      station.mKernel.AddRule(fmt::format("{} drop", command));
+      if (!enabled) {
+        station.Enable();
+      }
+    }
+  }
+}

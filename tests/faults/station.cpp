@@ -1,0 +1,191 @@
+#include "station.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "src/components/nfcnetlink.h"
+
+using namespace std::chrono_literals;
+using namespace virtualnfc;
+
+namespace {
+
+/// A card that lies longer than one detection and shorter than two is found once.
+constexpr auto Detection = 20ms;
+constexpr auto Hold = 30ms;
+
+VirtualNfcSettings Settings() {
+  VirtualNfcSettings settings;
+  settings.detectionDelay = Detection;
+  settings.ownerReleaseDelay = 60s;  // within some milliseconds, as the kernel does it, is a matter of luck
+  settings.removedListing = 5ms;
+  settings.numberRelease = 0ms;
+  return settings;
+}
+
+class SilentFeedback : public IFeedback {
+ public:
+  ipc::MResult TriggerFeedbackEvent(const ipc::MFbEventType&) override { return {}; }
+};
+
+[[noreturn]] void Stuck(const char* where) {
+  std::fprintf(stderr, "The daemon hangs: %s\n", where);
+  std::abort();
+}
+
+template <typename List, typename Value>
+bool Holds(const List& list, const Value& value, size_t since = 0) {
+  return std::find(list.begin() + static_cast<std::ptrdiff_t>(since), list.end(), value) != list.end();
+}
+
+}  // namespace
+
+Station::Station() : mKernel(Settings()) {
+  mReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>(AnswerTimeout));
+  mHandler = std::make_shared<CRfidHsmActionHandler>(
+      mReader,
+      std::make_shared<CRfidConfig>(HubConfig::Create("settings", "/", {}),
+                                    HubConfig::Create("rfid_standalone", "/", {})),
+      std::make_shared<SilentFeedback>());
+  mMachine = std::make_shared<CRfidHsm>(mHandler);
+  mHandler->ExtUninitializedRsp = [this] { Tell(State::Uninitialized); };
+  mHandler->ExtDisabledRsp = [this] { Tell(State::Disabled); };
+  mHandler->ExtEnabledRsp = [this] { Tell(State::Enabled); };
+  mHandler->ExtErrorRsp = [this] { Tell(State::Error); };
+  mHandler->ExtFatalErrorRsp = [this] { Tell(State::FatalError); };
+  mHandler->ExtSendAlive = [] {};
+  mHandler->ExtRfidToken = [this](const ipc::MRfidToken& token) {
+    const std::lock_guard lock(mMutex);
+    mNotified.push_back(token.uid());
+    mChanged.notify_all();
+  };
+  mRun = std::async(std::launch::async, [this] { mMachine->Run(); });
+  Disable();
+}
+
+Station::~Station() {
+  mMachine->PostEvent(std::make_shared<IntTerminate>());
+  if (mRun.wait_for(Bound) != std::future_status::ready) {
+    Stuck("the machine does not end");
+  }
+  // As the application does at its end.
+  for (const auto operation : {&CRfidReader::StopPolling, &CRfidReader::Deinitialize}) {
+    try {
+      ((*mReader).*operation)();
+    } catch (const CRfidError&) {
+    }
+  }
+}
+
+template <typename Event, typename... Payload>
+bool Station::Post(Payload... payload) {
+  const auto event = std::make_shared<Event>(payload...);
+  auto handled = event->mHandled.get_future();
+  mMachine->PostEvent(event);
+  if (handled.wait_for(Bound) != std::future_status::ready) {
+    Stuck("the machine does not dispatch");
+  }
+  return handled.get();
+}
+
+Station::State Station::Enable() {
+  Post<ExtEnableReq>();
+  return Settle();
+}
+
+Station::State Station::Disable() {
+  Post<ExtDisableReq>();
+  return Settle();
+}
+
+Station::State Station::Settle() {
+  for (;;) {
+    State last{};
+    {
+      std::unique_lock lock(mMutex);
+      if (!mChanged.wait_for(lock, Bound,
+                             [this] { return !mTold.empty() && mTold.back() != State::Error; })) {
+        Stuck("Error is no state to rest in");
+      }
+      mSettled = mTold.size();
+      last = mTold.back();
+    }
+    // Each of these comes behind everything that the dispatch of the one before it has posted. Between two
+    // states that are told there is at most one that is not.
+    bool enabled = false;
+    for (int i = 0; i < 3; ++i) {
+      enabled = Post<ExtOnEnableLearning>(false);
+    }
+    if (CountTold() == mSettled) {
+      if (enabled != (last == State::Enabled)) {
+        Stuck("the state told last is not the state");
+      }
+      return last;
+    }
+  }
+}
+
+void Station::Tell(State state) {
+  const std::lock_guard lock(mMutex);
+  mTold.push_back(state);
+  mChanged.notify_all();
+}
+
+Tag Station::NextCard() {
+  mPresented.push_back(fmt::format("04{:06X}", mPresented.size() + 1));
+  return MakeTag(TagKind::Mifare, mPresented.back());
+}
+
+std::string Station::Tap() {
+  mKernel.PresentTagFor(NextCard(), Hold);
+  return mPresented.back();
+}
+
+bool Station::ReadsCardOrTells(std::chrono::milliseconds timeout) {
+  mKernel.PresentTag(NextCard());
+  std::unique_lock lock(mMutex);
+  const bool heard = mChanged.wait_for(
+      lock, timeout, [this] { return mTold.size() > mSettled || Holds(mNotified, mPresented.back()); });
+  lock.unlock();
+  mKernel.RemoveTags();
+  return heard;
+}
+
+void Station::Repair() {
+  mKernel.ClearRules();
+  const auto isGone = [](const DeviceStatus& device) { return device.removed; };
+  const auto devices = mKernel.GetStatus().devices;
+  if (std::all_of(devices.begin(), devices.end(), isGone)) {
+    mKernel.WaitFor([](const Status& status) { return status.devices.empty(); });
+    mKernel.Plug(0);
+  }
+}
+
+size_t Station::CountTold() const {
+  const std::lock_guard lock(mMutex);
+  return mTold.size();
+}
+
+bool Station::WaitForMoreTold(size_t than) const {
+  std::unique_lock lock(mMutex);
+  return mChanged.wait_for(lock, Bound, [&] { return mTold.size() > than; });
+}
+
+bool Station::WasTold(State state, size_t since) const {
+  const std::lock_guard lock(mMutex);
+  return Holds(mTold, state, since);
+}
+
+bool Station::WasNotified(const std::string& uid) const {
+  const std::lock_guard lock(mMutex);
+  return Holds(mNotified, uid);
+}
+
+bool Station::HasInvented() const {
+  const std::lock_guard lock(mMutex);
+  return std::any_of(mNotified.begin(), mNotified.end(),
+                     [this](const auto& uid) { return !uid.empty() && !Holds(mPresented, uid); });
+}

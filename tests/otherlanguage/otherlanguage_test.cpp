@@ -1,0 +1,60 @@
+#include "daemontest.h"
+
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+namespace {
+
+/// A Python client, generated from the files as they are installed.
+class OtherLanguage : public DaemonTest {
+ protected:
+  OtherLanguage() {
+    const auto installed = Path("installed");
+    const auto generated = Path("generated");
+    const auto protos = installed + "/share/rfidd/proto";
+    std::filesystem::create_directory(generated);
+    Run({CMAKE_PROGRAM, "--install", BUILD_FOLDER, "--component", "protocols", "--prefix", installed});
+    std::vector<std::string> protoc{PROTOC_PROGRAM,
+                                    "--python_out=" + generated,
+                                    "--grpc_out=" + generated,
+                                    "--plugin=protoc-gen-grpc=" PYTHON_PLUGIN,
+                                    "-I",
+                                    protos};
+    for (const auto& file : std::filesystem::recursive_directory_iterator(protos)) {
+      if (file.is_regular_file()) {
+        protoc.push_back(file.path());
+      }
+    }
+    Run(protoc);
+  }
+
+  std::string Run(const std::vector<std::string>& command) const {
+    Process process(command, {{"PYTHONPATH", Path("generated")}}, Path("client.out"), Path("client.err"));
+    EXPECT_EQ(process.Wait(std::chrono::seconds(90)).value_or("still running"), "exit 0")
+        << ReadFile(Path("client.err"));
+    return ReadFile(Path("client.out"));
+  }
+
+  std::string Address(const std::string& socket) const { return "unix:" + Path("run/" + socket); }
+};
+
+}  // namespace
+
+TEST_F(OtherLanguage, EveryMethodCanBeCalled) {
+  StartDaemon();
+  EXPECT_THAT(Run({PYTHON_PROGRAM, EVERY_METHOD, Address("rfid.sock"), Address("feedback.sock"),
+                   Address("diagnostics.sock")}),
+              HasSubstr("every method was called"));
+  EXPECT_THAT(mStation->SignalValues(ipc::ESignalRfidLastUid), Contains("test"));
+  EXPECT_EQ(Interrupt(), "exit 0");
+}
+
+TEST_F(OtherLanguage, TheExampleOfTheManualWorksAsItIsPrinted) {
+  const auto manual = ReadFile(MANUAL);
+  const auto begin = manual.find("```python\n") + 10;
+  WriteFile("example.py", manual.substr(begin, manual.find("```", begin) - begin));
+  StartDaemon();
+  const auto output = Run({PYTHON_PROGRAM, Path("example.py"), Address("rfid.sock")});
+  EXPECT_THAT(output, HasSubstr("EStateEnabled"));
+  EXPECT_THAT(output, HasSubstr("04A12B5C ERfidUidNotInList"));
+}

@@ -1,0 +1,189 @@
+#include <gmock/gmock.h>
+#include <httplib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "tools/virtual-station/benchmodel.h"
+#include "tools/virtual-station/benchserver.h"
+#include "tools/virtual-station/logtail.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+const BenchModel::TimePoint cNow{};
+
+std::vector<std::string> Outcomes(const BenchModel& model) {
+  BenchModel::Cursor cursor;
+  const Json::Value snapshot = model.WaitForNews(cursor, {}).snapshot;
+  std::vector<std::string> outcomes;
+  for (const auto& card : snapshot["cards"]) {
+    outcomes.push_back(card["uid"].asString() + " " + card["outcome"].asString());
+  }
+  return outcomes;
+}
+
+void Report(BenchModel& model, const std::string& uid, ipc::ERfidAuthState state) {
+  ipc::MRfidToken token;
+  token.set_uid(uid);
+  token.set_auth_state(state);
+  model.OnToken(token);
+}
+
+bool IsThere(const BenchModel& model) {
+  BenchModel::Cursor cursor;
+  return model.WaitForNews(cursor, {}).snapshot["there"].asBool();
+}
+
+/// A server whose requests are kept.
+class Server : public ::testing::Test {
+ protected:
+  ~Server() override {
+    mModel.Close();
+    mServer.Stop();
+    mThread.join();
+  }
+
+  int Do(const httplib::Headers& headers, const std::string& body = R"({"do": "enable"})") {
+    httplib::Client client(mUrl);
+    const auto result = client.Post("/do", headers, body, "application/json");
+    return result ? result->status : 0;
+  }
+
+  BenchModel mModel;
+  std::vector<Json::Value> mRequests;
+  BenchServer mServer{mModel,
+                      [this](const Json::Value& request) {
+                        mRequests.push_back(request);
+                        return std::pair(true, std::string("done"));
+                      },
+                      0};
+  const std::string mUrl = mServer.Url().substr(0, mServer.Url().size() - 1);
+  const std::string mHost = mUrl.substr(7);
+  std::thread mThread{[this] { mServer.Run(); }};
+};
+
+}  // namespace
+
+TEST(BenchModel, EveryCardThatWaitsGetsItsOwnOutcome) {
+  BenchModel model;
+  model.OnCardPresented("04a12b5c", "mifare", cNow);
+  model.OnCardPresented("0102030405060708", "felica", cNow);
+  model.OnCardPresented("11223344", "mifare", cNow);
+  model.Withdraw(model.OnCardPresented("55667788", "mifare", cNow));
+  Report(model, "", ipc::ERfidUidInvalid);  // a FeliCa card has no UID for the daemon
+  Report(model, "04A12B5C", ipc::ERfidUidInStandAloneList);
+  Report(model, "99AABBCC", static_cast<ipc::ERfidAuthState>(77));  // of somebody else, by a newer daemon
+  model.GiveUpWaiting(cNow + std::chrono::seconds(5));
+  EXPECT_THAT(Outcomes(model), ElementsAre("04a12b5c accepted", "0102030405060708 invalid",
+                                           "11223344 waiting", "99AABBCC state 77"));
+  model.GiveUpWaiting(cNow + std::chrono::seconds(6));
+  model.OnCardPresented("11223344", "mifare", cNow);
+  model.OnLearningToken("11223344");
+  EXPECT_THAT(Outcomes(model), ElementsAre("04a12b5c accepted", "0102030405060708 invalid",
+                                           "11223344 unanswered", "99AABBCC state 77", "11223344 learned"));
+}
+
+TEST(BenchModel, ACardThatIsOnlyScannedIsAnsweredWhileChargingIsFree) {
+  BenchModel model;
+  Json::Value settings;
+  settings["free"] = true;
+  model.SetSettings(settings);
+  model.OnCardPresented("11223344", "mifare", cNow);
+  model.OnFeedback(ipc::EFbTokenScanned);
+  EXPECT_THAT(Outcomes(model), ElementsAre("11223344 free"));
+}
+
+TEST(BenchModel, TheDaemonIsThereWhileNothingOfItCanBeMissed) {
+  BenchModel model;
+  model.OnStreamOpen(BenchModel::EStream::States);
+  model.OnState("Enabled");
+  EXPECT_FALSE(IsThere(model));
+  model.OnStreamOpen(BenchModel::EStream::Cards);
+  EXPECT_TRUE(IsThere(model));
+  model.OnCardPresented("11223344", "mifare", cNow);
+  model.SetLearning(true);
+  model.OnStreamEnd(BenchModel::EStream::Cards, "Socket closed");
+  EXPECT_FALSE(IsThere(model));
+  EXPECT_FALSE(model.IsLearning());
+  EXPECT_THAT(Outcomes(model), ElementsAre("11223344 unanswered"));
+}
+
+TEST(BenchModel, AReaderGetsWhatIsNewToItAndAnEndWhenThereIsNoMore) {
+  BenchModel model;
+  BenchModel::Cursor cursor;
+  model.OnLogLines(std::vector<std::string>(1000, "old"));
+  EXPECT_EQ(model.WaitForNews(cursor, {}).lines.size(), 300U);
+  model.OnLogLines({"new"});
+  const auto news = model.WaitForNews(cursor, std::chrono::minutes(1));
+  EXPECT_THAT(news.lines, ElementsAre("new"));
+  EXPECT_FALSE(news.changed);
+  std::thread closer([&] { model.Close(); });
+  EXPECT_TRUE(model.WaitForNews(cursor, std::chrono::minutes(1)).closed);
+  closer.join();
+}
+
+TEST_F(Server, TakesRequestsFromItsOwnPageAndFromNoOther) {
+  const struct {
+    const char* what;
+    httplib::Headers headers;
+    int status;
+  } cases[] = {
+      {"its own page", {{"Origin", mUrl}, {"X-Bench", "1"}}, 200},
+      {"a script", {{"X-Bench", "1"}}, 200},
+      {"a form of another page", {{"Origin", "http://elsewhere.example"}}, 403},
+      {"another page", {{"Origin", "http://elsewhere.example"}, {"X-Bench", "1"}}, 403},
+      {"another port", {{"Origin", "http://127.0.0.1:1"}, {"X-Bench", "1"}}, 403},
+      {"another scheme", {{"Origin", "https://" + mHost}, {"X-Bench", "1"}}, 403},
+      {"a sandboxed page", {{"Origin", "null"}, {"X-Bench", "1"}}, 403},
+      {"no header", {{"Origin", mUrl}}, 403},
+      {"another name for this address", {{"Host", "elsewhere.example"}, {"X-Bench", "1"}}, 403},
+      {"that name with the port", {{"Host", "elsewhere.example:" + mHost.substr(10)}, {"X-Bench", "1"}}, 403},
+  };
+  std::size_t taken = 0;
+  for (const auto& one : cases) {
+    EXPECT_EQ(Do(one.headers), one.status) << one.what;
+    taken += one.status == 200 ? 1 : 0;
+  }
+  EXPECT_EQ(mRequests.size(), taken);
+  for (const char* path : {"/", "/page.js", "/events"}) {
+    const auto result = httplib::Client(mUrl).Get(path, {{"Host", "elsewhere.example"}});
+    ASSERT_TRUE(result) << path;
+    EXPECT_EQ(result->status, 403) << path;
+  }
+}
+
+TEST_F(Server, RefusesWhatIsNoRequest) {
+  const httplib::Headers header{{"X-Bench", "1"}};
+  EXPECT_EQ(Do(header, "{\"do\": "), 400);
+  EXPECT_EQ(Do(header, "[]"), 400);
+  EXPECT_EQ(Do(header, std::string(3000, '[')), 400);
+  EXPECT_EQ(Do(header, std::string(5000, ' ')), 413);
+  EXPECT_TRUE(mRequests.empty());
+}
+
+TEST_F(Server, RefusesAPortThatIsInUse) {
+  const int port = std::stoi(mHost.substr(10));
+  EXPECT_THROW(BenchServer(mModel, {}, port), std::runtime_error);
+}
+
+TEST(LogTail, FollowsAFileThatGrowsIsTruncatedAndReplaced) {
+  std::string name = std::filesystem::temp_directory_path() / "logtail-XXXXXX";
+  const std::filesystem::path folder = mkdtemp(name.data());
+  const auto file = folder / "log";
+  LogTail tail(file);
+  EXPECT_TRUE(tail.Read().empty());
+  std::ofstream(file) << "one\ntw";
+  EXPECT_THAT(tail.Read(), ElementsAre("one"));
+  std::ofstream(file, std::ios::app) << "o\n\x1b[31mred\x1b[0m\x1b]0;title\x07\n";
+  EXPECT_THAT(tail.Read(), ElementsAre("two", "red\\x1b]0;title\\x07"));
+  std::ofstream(file) << "new\n";
+  EXPECT_THAT(tail.Read(), ElementsAre("new"));
+  std::ofstream(folder / "other") << "replaced\n" << std::string(100000, 'x') << "\nlast\n";
+  std::filesystem::rename(folder / "other", file);
+  EXPECT_THAT(tail.Read(), ElementsAre("last"));
+  std::filesystem::remove_all(folder);
+}

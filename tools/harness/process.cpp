@@ -1,0 +1,119 @@
+#include "tools/harness/process.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+size_t CountEntries(const std::string& folder) {
+  std::error_code ignored;
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder, ignored),
+                                           std::filesystem::directory_iterator()));
+}
+
+}  // namespace
+
+void PauseBeforeAskingAgain() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
+Process::Process(const std::vector<std::string>& command,
+                 const std::map<std::string, std::string>& environment, const std::string& outputFile,
+                 const std::string& errorFile) {
+  std::vector<std::string> variables;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    const std::string text = *variable;
+    if (!environment.contains(text.substr(0, text.find('=')))) {
+      variables.push_back(text);
+    }
+  }
+  for (const auto& [name, value] : environment) {
+    variables.push_back(name + "=" + value);
+  }
+  const auto pointers = [](const std::vector<std::string>& texts) {
+    std::vector<char*> result;
+    for (const auto& text : texts) {
+      result.push_back(const_cast<char*>(text.c_str()));
+    }
+    result.push_back(nullptr);
+    return result;
+  };
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0644);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0644);
+  // Signals that this process has blocked are none of the child's business.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  const int error = posix_spawn(&mPid, command.front().c_str(), &actions, &attributes,
+                                pointers(command).data(), pointers(variables).data());
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), command.front());
+  }
+}
+
+Process::~Process() {
+  if (!mEnd) {
+    Signal(SIGKILL);
+    Wait();
+  }
+}
+
+void Process::Signal(int signal) const {
+  kill(mPid, signal);
+}
+
+std::optional<std::string> Process::Wait(std::chrono::seconds limit) {
+  Eventually(
+      [this] {
+        int status = 0;
+        if (!mEnd && waitpid(mPid, &status, WNOHANG) == mPid) {
+          mEnd = WIFEXITED(status) ? fmt::format("exit {}", WEXITSTATUS(status))
+                                   : fmt::format("signal {}", WTERMSIG(status));
+        }
+        return mEnd.has_value();
+      },
+      limit);
+  return mEnd;
+}
+
+size_t Process::OpenDescriptors() const {
+  return CountEntries(fmt::format("/proc/{}/fd", mPid));
+}
+size_t Process::Threads() const {
+  return CountEntries(fmt::format("/proc/{}/task", mPid));
+}
+size_t Process::Memory(const std::string& name) const {
+  std::ifstream status(fmt::format("/proc/{}/status", mPid));
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(name + ":")) {
+      return std::stoul(line.substr(name.size() + 1));
+    }
+  }
+  return 0;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path).rdbuf();
+  return content.str();
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// A child process whose output goes to files. One thread.
+class Process {
+ public:
+  /// Starts it. `environment` is added to this process's own.
+  Process(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment,
+          const std::string& outputFile, const std::string& errorFile);
+  ~Process();  ///< kills it when it is still running
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t GetPid() const { return mPid; }
+  void Signal(int signal) const;
+
+  /// How it ended: "exit 0", "signal 6"; nothing when it still runs after the time.
+  std::optional<std::string> Wait(std::chrono::seconds limit = std::chrono::seconds(30));
+
+  size_t OpenDescriptors() const;
+  size_t Threads() const;
+  /// What the system knows of it under this name, in KiB: "VmRSS" is the memory resident now, "VmHWM" the
+  /// most it ever was. 0 when it has ended.
+  size_t Memory(const std::string& name) const;
+
+ private:
+  pid_t mPid = -1;
+  std::optional<std::string> mEnd;
+};
+
+/// The whole file; empty when there is none.
+std::string ReadFile(const std::string& path);
+
+void PauseBeforeAskingAgain();
+
+/// Asks until it is true or the time is over: for what happens outside this process and cannot be waited for.
+template <typename Condition>
+bool Eventually(Condition condition, std::chrono::seconds limit = std::chrono::seconds(30)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
+    PauseBeforeAskingAgain();
+  }
+  return true;
+}

@@ -1,0 +1,129 @@
+#include "tools/harness/supervisor.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "framework/interfaces.h"
+#include "tools/common/channel.h"
+
+namespace {
+
+constexpr std::chrono::seconds Patience(30);
+
+std::string StateName(ipc::EState state) {
+  return ipc::EState_Name(state).substr(std::string("EState").size());
+}
+
+template <typename Call>
+std::string Ask(Call call) {
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + Patience);
+  context.set_wait_for_ready(true);
+  ipc::MResult result;
+  const grpc::Status status = call(context, result);
+  if (!status.ok()) {
+    return "status " + std::to_string(status.error_code()) + ": " + status.error_message();
+  }
+  return result.result() == ipc::EResultOk ? "Ok" : "Illegal";
+}
+
+}  // namespace
+
+Supervisor::Supervisor(const std::string& address)
+    : mControl(ipc::GenericControl::NewStub(OpenChannel(address, "RfidGenCtrl"))),
+      mRfid(ipc::Rfid::NewStub(OpenChannel(address, "Rfid"))),
+      mLogConfig(ipc::LogConfig::NewStub(OpenChannel(address, "RfidLog"))) {
+  mStateContext.set_wait_for_ready(true);
+  mTokenContext.set_wait_for_ready(true);
+  mStateThread = std::thread(&Supervisor::ListenToStates, this);
+  mTokenThread = std::thread(&Supervisor::ListenToTokens, this);
+}
+
+Supervisor::~Supervisor() {
+  mStateContext.TryCancel();
+  mTokenContext.TryCancel();
+  mStateThread.join();
+  mTokenThread.join();
+}
+
+std::string Supervisor::Enable() {
+  return Ask([this](auto& context, auto& result) { return mControl->Enable(&context, {}, &result); });
+}
+
+std::string Supervisor::Disable() {
+  return Ask([this](auto& context, auto& result) { return mControl->Disable(&context, {}, &result); });
+}
+
+std::string Supervisor::Learning(bool enable) {
+  ipc::MEnableLearning request;
+  request.set_enable(enable);
+  return Ask([&](auto& context, auto& result) { return mRfid->EnableLearning(&context, request, &result); });
+}
+
+std::string Supervisor::Inject(const std::string& uid) {
+  ipc::MInjectToken request;
+  request.set_uid(uid);
+  return Ask([&](auto& context, auto& result) { return mRfid->InjectToken(&context, request, &result); });
+}
+
+std::string Supervisor::SetLogLevel(ipc::ELogLevel level) {
+  ipc::MLogLevel request;
+  request.set_level(level);
+  return Ask(
+      [&](auto& context, auto& result) { return mLogConfig->SetLogLevel(&context, request, &result); });
+}
+
+std::vector<std::string> Supervisor::Notified(bool withAlive) const {
+  const std::lock_guard lock(mMutex);
+  auto notified = mNotified;
+  if (!withAlive) {
+    std::erase(notified, "alive");
+  }
+  return notified;
+}
+
+std::vector<std::string> Supervisor::Take() {
+  const std::lock_guard lock(mMutex);
+  return std::exchange(mNotified, {});
+}
+
+void Supervisor::Clear() {
+  const std::lock_guard lock(mMutex);
+  mNotified.clear();
+}
+
+bool Supervisor::WaitFor(const std::string& notification, size_t count) const {
+  std::unique_lock lock(mMutex);
+  return mArrived.wait_for(lock, Patience, [&] {
+    return static_cast<size_t>(std::count(mNotified.begin(), mNotified.end(), notification)) >= count;
+  });
+}
+
+void Supervisor::Add(const std::string& what) {
+  const std::lock_guard lock(mMutex);
+  mNotified.push_back(what);
+  mArrived.notify_all();
+}
+
+void Supervisor::ListenToStates() {
+  const auto reader = mControl->Subscribe(&mStateContext, {});
+  ipc::MGenericControlNotification notification;
+  while (reader->Read(&notification)) {
+    Add(notification.has_alive() ? "alive" : StateName(notification.state().state()));
+  }
+  Add("states ended with status " + std::to_string(reader->Finish().error_code()));
+}
+
+void Supervisor::ListenToTokens() {
+  const auto reader = mRfid->Subscribe(&mTokenContext, {});
+  reader->WaitForInitialMetadata();
+  Add("listening");
+  ipc::MRfidNotification notification;
+  while (reader->Read(&notification)) {
+    Add(notification.has_token() ? "token " + notification.token().uid() + " " +
+                                       ERfidAuthStateToString(notification.token().auth_state())
+                                 : "learning " + notification.learning_token().uid());
+  }
+  reader->Finish();
+  Add("tokens ended");
+}

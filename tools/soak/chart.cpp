@@ -1,0 +1,41 @@
+#include "chart.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t Columns = 72;
+constexpr size_t Rows = 6;
+
+}  // namespace
+
+std::string MakeChart(const std::string& title, const std::vector<size_t>& values, const std::string& marks) {
+  if (values.empty()) {
+    return title + ": nothing measured\n";
+  }
+  // Several values share a column: the largest counts, so that no peak is lost.
+  const size_t width = std::min(Columns, values.size());
+  std::vector<size_t> columns(width, 0);
+  std::string marked(width, '-');
+  for (size_t i = 0; i < values.size(); ++i) {
+    const size_t column = i * width / values.size();
+    columns[column] = std::max(columns[column], values[i]);
+    if (marks[i] != '-') {
+      marked[column] = marks[i];
+    }
+  }
+  const auto [least, most] = std::minmax_element(columns.begin(), columns.end());
+  const size_t span = std::max<size_t>(*most - *least, 1);
+  std::string chart = title + "\n";
+  for (size_t row = Rows; row > 0; --row) {
+    const bool isLabelled = row == Rows || row == 1;
+    chart += isLabelled ? fmt::format("{:>8} |", row == 1 ? *least : *most) : std::string(9, ' ') + "|";
+    for (const size_t value : columns) {
+      chart += 1 + (value - *least) * (Rows - 1) / span >= row ? '#' : ' ';
+    }
+    chart += "\n";
+  }
+  return chart + std::string(9, ' ') + "+" + marked + "\n";
+}

@@ -1,0 +1,88 @@
+// soak: the daemon in a busy station for a long time; does every swipe have its outcome, and does nothing
+// grow?
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <random>
+
+#include "common/commandline.h"
+#include "common/output.h"
+#include "common/stopsignals.h"
+#include "soak.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int cFailureStatus = 1;
+constexpr int cMeasurements = 144;
+constexpr std::chrono::seconds cProgressOnTerminal(10);
+constexpr std::chrono::seconds cProgressElsewhere(60);
+
+bool HasCome(const StopSignals& signals) {
+  pollfd waiting{signals.Descriptor(), POLLIN, 0};
+  return poll(&waiting, 1, 0) > 0;
+}
+
+std::string MinutesAndSeconds(Clock::duration time) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time).count();
+  return fmt::format("{:02}:{:02}", seconds / 60, seconds % 60);
+}
+
+int Run(double minutes, unsigned seed) {
+  const StopSignals signals;
+  LineOutput output;
+  const auto duration =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::ratio<60>>(minutes));
+  output.Write(fmt::format("seed {}, {}", seed, MinutesAndSeconds(duration)));
+  const Clock::duration progressPeriod =
+      isatty(STDOUT_FILENO) != 0 ? cProgressOnTerminal : cProgressElsewhere;
+  const auto start = Clock::now();
+  auto nextProgress = start + progressPeriod;
+  auto nextMeasurement = start;
+  Soak soak(seed);
+  soak.Begin();
+  while (Clock::now() < start + duration && !HasCome(signals) && soak.Book().HasNoProblem()) {
+    soak.Act();
+    if (Clock::now() >= nextMeasurement) {
+      soak.Measure();
+      nextMeasurement += duration / cMeasurements;
+    }
+    if (Clock::now() >= nextProgress) {
+      output.Write(MinutesAndSeconds(Clock::now() - start) + "  " + soak.Book().Line());
+      nextProgress += progressPeriod;
+    }
+  }
+  soak.End();
+  output.Write(fmt::format("\n{} of {} with seed {}\n\n{}\n{}", MinutesAndSeconds(Clock::now() - start),
+                           MinutesAndSeconds(duration), seed, soak.Charts(), soak.Book().Report()));
+  if (soak.Book().AddsUp()) {
+    return 0;
+  }
+  PrintError("soak", "the daemon's logs are in " + soak.KeepLogs());
+  return cFailureStatus;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  double minutes = 30;
+  unsigned seed = std::random_device()();
+  CLI::App app("Runs the daemon in a busy station at random and keeps book of every swipe.", "soak");
+  SetUpTool(app);
+  app.add_option("--minutes", minutes, "How long")->capture_default_str()->check(CLI::Range(0.01, 100000.0));
+  app.add_option("--seed", seed, "What happens; another seed, other things. Default: a random one");
+  app.footer("Exit status: 0 everything adds up, 1 it does not, 2 the command line cannot be understood.");
+  if (const auto status = ParseCommandLine(app, argc, argv)) {
+    return *status;
+  }
+  try {
+    return Run(minutes, seed);
+  } catch (const std::exception& e) {
+    PrintError("soak", e.what());
+    return cFailureStatus;
+  }
+}

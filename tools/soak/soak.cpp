@@ -1,0 +1,497 @@
+#include "soak.h"
+
+#include <fmt/format.h>
+#include <linux/nfc.h>
+
+#include <algorithm>
+#include <csignal>
+#include <iterator>
+#include <numeric>
+#include <stdexcept>
+
+#include "chart.h"
+
+using namespace virtualnfc;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr std::chrono::seconds Patience(40);
+constexpr std::chrono::seconds RecentTagTimeout(2);
+constexpr std::chrono::milliseconds SurelyNotLost(1500);
+constexpr size_t CardsInMind = 5;
+const std::string FenceUid = "FENCE";
+
+size_t CountOf(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
+}
+
+bool IsOfCard(const std::string& told) {
+  return (told.starts_with("token ") && !told.starts_with("token " + FenceUid)) ||
+         told.starts_with("learning ");
+}
+
+}  // namespace
+
+Soak::Soak(unsigned seed) : mRandom(seed) {
+  for (const char* uid : {"04A12B5C", "04A12B5C112233", "DEADBEEF"}) {
+    mKnown.push_back({uid, true, MakeTag(TagKind::Mifare, uid)});
+  }
+  mKnown.push_back({"E007060504030201", true, MakeTag(TagKind::Iso15693, "E007060504030201")});
+}
+
+// ---- What happens
+
+void Soak::Act() {
+  struct Kind {
+    unsigned weight;
+    const char* name;
+    void (Soak::*act)();
+  };
+  static constexpr Kind Kinds[] = {
+      {400, "a card is tapped", &Soak::Tap},
+      {60, "a card is held", &Soak::Hold},
+      {200, "a card is injected", &Soak::Inject},
+      {40, "a card while disabled", &Soak::SwipeWhileDisabled},
+      {40, "a card while disabling", &Soak::SwipeWhileDisabling},
+      {30, "a card while something fails", &Soak::SwipeWhileSomethingFails},
+      {5, "events are lost", &Soak::LoseEvents},
+      {2, "the reader is unplugged", &Soak::Unplug},
+      {6, "the peers restart", &Soak::RestartPeers},
+      {3, "feedback hangs", &Soak::FeedbackHangs},
+      {60, "reconfiguration", &Soak::Reconfigure},
+      {5, "broken configuration", &Soak::BreakConfiguration},
+      {20, "learning is switched", &Soak::ToggleLearning},
+      {1, "the daemon restarts", &Soak::Restart},
+  };
+  Collect();
+  mTold.clear();
+  unsigned chosen = Below(std::accumulate(std::begin(Kinds), std::end(Kinds), 0U,
+                                          [](unsigned sum, const Kind& kind) { return sum + kind.weight; }));
+  const auto* kind = std::begin(Kinds);
+  for (; chosen >= kind->weight; ++kind) {
+    chosen -= kind->weight;
+  }
+  mAction = kind->name;
+  (this->*kind->act)();
+  const auto left = std::find_if(mTold.begin(), mTold.end(), IsOfCard);
+  Require(left == mTold.end(),
+          "nothing is notified that no card explains: " + (left == mTold.end() ? "" : *left));
+}
+
+void Soak::Inject() {
+  auto card = RandomCard();
+  if (!card.valid) {
+    card.uid = fmt::format("NO-UID-{}", ++mCards);
+  }
+  mLedger.EnterSent();
+  const auto before = Clock::now();
+  Require(mStation.Control().Inject(card.uid) == "Ok", "an injected card is taken while enabled");
+  // The request is answered before it is carried out, so the first fence may overtake the card, the second
+  // may not.
+  Require(Settle() && Settle(), "an injected card is no error");
+  const auto seen = mSeen.find(card.uid);
+  const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= RecentTagTimeout;
+  EnterOutcome(ExpectedNotification(card), maySuppress ? EOutcome::Suppressed : EOutcome::Unexplained);
+  mSeen[card.uid] = {before, Clock::now()};
+}
+
+void Soak::SwipeWhileDisabled() {
+  const auto card = RandomCard();
+  Disable();
+  mLedger.EnterSent();
+  if (Below(2) == 0) {
+    const bool isRefused = mStation.Control().Inject(card.uid) == "Illegal";
+    mLedger.Enter(isRefused ? EOutcome::Refused : EOutcome::Unexplained);
+  } else {
+    const auto found = mStation.Kernel().GetStatus().Events(NFC_EVENT_TARGETS_FOUND);
+    mStation.Kernel().PresentTag(card.tag);
+    mStation.Kernel().WaitFor([](const Status&) { return false; }, std::chrono::milliseconds(Below(200)));
+    mStation.Kernel().RemoveTags();
+    Require(mStation.Kernel().GetStatus().Events(NFC_EVENT_TARGETS_FOUND) == found, "off means off");
+    mLedger.Enter(EOutcome::LostDisabled);
+  }
+  Enable();
+  Require(Settle(), "the reader works when it was enabled again");
+}
+
+void Soak::SwipeWhileDisabling() {
+  const auto card = NewCard();
+  mLedger.EnterSent();
+  mStation.Kernel().PresentTag(card.tag);
+  if (Below(2) == 0) {
+    mStation.Kernel().WaitFor([](const Status& status) { return !status.Device().polling; }, 1s);
+  }
+  Disable();
+  mStation.Kernel().RemoveTags();
+  Enable();
+  Require(Settle(), "the reader works when it was enabled again");
+  EnterOutcome(ExpectedNotification(card), EOutcome::LostDisabled);
+}
+
+void Soak::SwipeWhileSomethingFails() {
+  struct Rule {
+    const char* text;
+    bool isError;  ///< the reader cannot go on reading, and the supervisor is told
+  };
+  static constexpr Rule Rules[] = {
+      {"START_POLL nth=1 errno=EPROTO", true}, {"START_POLL nth=1 errno=EBUSY", true},
+      {"START_POLL nth=1 drop", true},         {"START_POLL nth=1 delay=400", false},
+      {"GET_TARGET nth=1 errno=EIO", true},    {"GET_TARGET nth=1 drop", true},
+      {"GET_TARGET nth=1 duplicate", false},   {"GET_TARGET nth=1 seq=77", true},
+      {"GET_TARGET nth=1 sender=4711", true},  {"GET_TARGET nth=1 no-done", true},
+      {"GET_TARGET nth=1 unplug", true},       {"DEV_UP nth=1 errno=EIO", true},
+  };
+  const auto& rule = Rules[Below(std::size(Rules))];
+  mAction = rule.text;
+  mStation.Kernel().AddRule(rule.text);
+  Swipe(RandomCard(), 0ms, rule.isError);
+  mStation.Kernel().ClearRules();
+}
+
+void Soak::LoseEvents() {
+  mStation.Kernel().OverrunEvents();
+  Require(AwaitTold("Error"), "lost events are reported as an error");
+  Require(AwaitTold("Disabled"), "the daemon recovers from lost events");
+  mSeen.clear();
+  Enable();
+}
+
+void Soak::Unplug() {
+  const auto card = RandomCard();
+  mStation.Kernel().Unplug();
+  mLedger.EnterSent();
+  mStation.Kernel().PresentTag(card.tag);
+  mStation.Control().Disable();
+  const bool isTold = Require(AwaitTold("FatalError"), "a reader that is gone is a fatal error");
+  mStation.Kernel().RemoveTags();
+  mLedger.Enter(isTold ? EOutcome::LostUnplugged : EOutcome::Unexplained);
+  Restart();
+}
+
+void Soak::RestartPeers() {
+  mStation.StopPeers();
+  Swipe(RandomCard(), 0ms, false);
+  mStation.StartPeers();
+}
+
+void Soak::FeedbackHangs() {
+  mStation.Peers().SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
+  Swipe(RandomCard(), 0ms, false);
+  mStation.Peers().SetFeedbackAnswer(VirtualStation::EAnswer::Ok);
+}
+
+void Soak::Reconfigure() {
+  mOcpp = Below(3) == 0;
+  mFree = Below(5) == 0;
+  mIsBroken = false;
+  mStation.Configure(
+      "settings",
+      fmt::format(R"({{"SeccOcppActive": {}, "SessionManagerChargeWithoutAuth": {}}})", mOcpp, mFree));
+  mPermitted.clear();
+  std::string tokens;
+  for (const auto& card : mKnown) {
+    if (Below(2) == 0) {
+      mPermitted.insert(card.uid);
+      tokens += fmt::format(R"({}{{"RfidTokenUid": "{}"}})", tokens.empty() ? "" : ", ", card.uid);
+    }
+  }
+  mStation.Configure("rfid_standalone", fmt::format(R"({{"Tokens": [{}]}})", tokens));
+}
+
+void Soak::BreakConfiguration() {
+  if (mLearning) {
+    return;  // settings are not looked at
+  }
+  Swipe(NewCard(), 0ms, false);  // has the daemon load what is good and stays
+  mStation.Configure("settings", R"({"SeccOcppActive": tru)");
+  mIsBroken = true;
+}
+
+void Soak::ToggleLearning() {
+  mLearning = !mLearning;
+  Require(mStation.Control().Learning(mLearning) == "Ok", "learning is switched while enabled");
+}
+
+/// A new process, after whatever became of the old one, with a reader.
+void Soak::Restart() {
+  if (mStation.HasDaemon()) {
+    StopDaemon(Below(4) == 0 ? SIGKILL : SIGINT);
+  }
+  const bool hasReader = Eventually(
+      [this] {
+        try {
+          const auto isThere = [this] {
+            const auto devices = mStation.Kernel().GetStatus().devices;
+            return std::any_of(devices.begin(), devices.end(), [](const DeviceStatus& device) {
+              return device.index == 0 && !device.removed;
+            });
+          };
+          return isThere() || mStation.Kernel().Plug(0) == 0;
+        } catch (const std::invalid_argument&) {
+          return false;  // a reader that has gone keeps its number for some time
+        }
+      },
+      Patience);
+  Require(hasReader, "a reader can be plugged in");
+  mLearning = false;
+  if (mIsBroken) {
+    mOcpp = mFree = false;  // nothing good was ever loaded
+  }
+  ++mRestarts;
+  if (Require(mStation.StartDaemon(), "the daemon starts")) {
+    // One that was killed has left the reader on.
+    const auto before = Told("Disabled");
+    Require(mStation.Control().Disable() == "Ok" && AwaitTold("Disabled", before + 1),
+            "the daemon is disabled at first");
+    Enable();
+  }
+}
+
+void Soak::End() {
+  mAction = "end";
+  if (mStation.HasDaemon()) {
+    StopDaemon(SIGINT);
+  }
+}
+
+// ---- How it is done
+
+void Soak::Enable() {
+  Collect();
+  const auto before = Told("Enabled");
+  Require(mStation.Control().Enable() == "Ok" && AwaitTold("Enabled", before + 1), "the daemon is enabled");
+}
+
+void Soak::Disable() {
+  Collect();
+  const auto before = Told("Disabled");
+  Require(mStation.Control().Disable() == "Ok" && AwaitTold("Disabled", before + 1),
+          "the daemon is disabled");
+  Require(!Reader().polling && !Reader().powered, "off means off");
+  mSeen.clear();
+}
+
+void Soak::StopDaemon(int signal) {
+  mStation.SignalDaemon(signal);
+  Require(AwaitTold("tokens ended"), "the daemon's end ends its notifications");
+  const auto end = mStation.EndDaemon();
+  Require(end == (signal == SIGINT ? "exit 0" : "signal 9"), "the daemon ends as it should, not with " + end);
+  const auto log = mStation.Log();
+  mLedger.EnterLogged(CountOf(log, "RfidToken notif: '") + CountOf(log, "Sending RfidLearningToken notif: ") -
+                      CountOf(log, "RfidToken notif: '" + FenceUid));
+  mSeen.clear();
+}
+
+void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, bool isError) {
+  auto& kernel = mStation.Kernel();
+  const auto found = kernel.GetStatus().Events(NFC_EVENT_TARGETS_FOUND);
+  mLedger.EnterSent();
+  const auto before = Clock::now();
+  kernel.PresentTag(card.tag);
+  Require(
+      kernel.WaitFor([&](const Status& s) { return s.Events(NFC_EVENT_TARGETS_FOUND) > found; }, Patience),
+      "the reader finds a card while enabled");
+  const auto unseen = KeepCard(hold);
+  kernel.RemoveTags();
+  if (isError) {
+    Require(AwaitTold("Error"), "the supervisor is told when cards cannot be read any more");
+    RecoverWith(card);
+    return;
+  }
+  Require(Settle(), "there is no error without a cause");
+  // Between what certainly is a repetition and what certainly is none, both are right.
+  const auto seen = mSeen.find(card.uid);
+  const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= RecentTagTimeout;
+  const bool mustSuppress = seen != mSeen.end() && Clock::now() - seen->second.first < RecentTagTimeout;
+  Require(!mustSuppress || std::none_of(mTold.begin(), mTold.end(), IsOfCard), "a repetition is suppressed");
+  EnterOutcome(ExpectedNotification(card), maySuppress ? EOutcome::Suppressed : EOutcome::Unexplained,
+               unseen > SurelyNotLost);
+  mSeen[card.uid] = {hold == 0ms ? before : before + hold, Clock::now()};
+}
+
+Soak::Clock::duration Soak::KeepCard(std::chrono::milliseconds hold) {
+  const auto end = Clock::now() + hold;
+  Clock::duration unseen{};
+  for (auto last = Clock::now(); last < end;) {
+    const auto found = mStation.Kernel().GetStatus().Events(NFC_EVENT_TARGETS_FOUND);
+    mStation.Kernel().WaitFor([&](const Status& s) { return s.Events(NFC_EVENT_TARGETS_FOUND) > found; },
+                              std::chrono::ceil<std::chrono::milliseconds>(end - last));
+    const auto now = Clock::now();
+    unseen = std::max(unseen, now - last);
+    last = now;
+  }
+  return unseen;
+}
+
+bool Soak::Settle() {
+  // The monitor polls again once a card's token is on its way.
+  const bool isIdle = Eventually(
+      [this] {
+        Collect();
+        const auto status = mStation.Kernel().GetStatus();
+        return IsToldOfError() || (status.Device().polling && !status.commandWaits);
+      },
+      Patience);
+  Require(isIdle, "the reader polls again after a card");
+  return !IsToldOfError() && Fence() && !IsToldOfError();
+}
+
+bool Soak::Fence() {
+  // No UID: it is notified whatever the configuration is, after everything that came before it.
+  const auto fence = fmt::format("{}{}", FenceUid, ++mFences);
+  if (mStation.Control().Inject(fence) != "Ok") {
+    return false;
+  }
+  return Eventually(
+      [&] {
+        Collect();
+        return IsToldOfError() || Told("token " + fence + " ERfidUidInvalid") > 0;
+      },
+      Patience);
+}
+
+void Soak::RecoverWith(const Card& card) {
+  const auto expected = ExpectedNotification(card);  // a restart forgets the learning mode
+  const bool hasEnded = Eventually(
+      [this] {
+        Collect();
+        return Told("Disabled") + Told("FatalError") > 0;
+      },
+      Patience);
+  Require(hasEnded, "an error ends in Disabled or FatalError");
+  mStation.Kernel().ClearRules();
+  mSeen.clear();
+  if (Told("FatalError") > 0) {
+    Restart();
+  } else {
+    Enable();
+    std::erase(mTold, "Error");
+    Require(Settle(), "the reader works after a recovery");
+  }
+  EnterOutcome(expected, EOutcome::LostError);
+}
+
+void Soak::EnterOutcome(const std::string& expected, EOutcome otherwise, bool mayRepeat) {
+  const auto count = expected.empty() ? 0 : Told(expected);
+  std::erase(mTold, expected);
+  for (size_t i = 0; i < count; ++i) {
+    mLedger.EnterNotification();
+    mLedger.Enter(EOutcome::Notified);
+    if (i > 0) {
+      mLedger.EnterSent();  // the reader had lost the card for so long that it came anew
+      Require(mayRepeat, "a card is notified once for as long as it stays: " + expected);
+    }
+  }
+  if (count == 0) {
+    const bool isWithheld = expected.empty() && otherwise == EOutcome::Unexplained;
+    mLedger.Enter(isWithheld ? EOutcome::Withheld : otherwise);
+    Require(isWithheld || otherwise != EOutcome::Unexplained, "a card is notified: " + expected);
+  }
+}
+
+std::string Soak::ExpectedNotification(const Card& card) const {
+  if (!card.valid) {
+    return "token " + card.uid + " ERfidUidInvalid";
+  }
+  if (mLearning) {
+    return "learning " + card.uid;
+  }
+  if (mFree) {
+    return "";
+  }
+  return "token " + card.uid +
+         (mOcpp                           ? " ERfidAuthDeferred"
+          : mPermitted.contains(card.uid) ? " ERfidUidInStandAloneList"
+                                          : " ERfidUidNotInList");
+}
+
+void Soak::Collect() {
+  for (auto& told : mStation.Control().Take()) {
+    if (told != "alive") {
+      mTold.push_back(std::move(told));
+    }
+  }
+}
+
+size_t Soak::Told(const std::string& what) const {
+  return static_cast<size_t>(std::count(mTold.begin(), mTold.end(), what));
+}
+
+bool Soak::AwaitTold(const std::string& what, size_t count) {
+  return Eventually(
+      [&] {
+        Collect();
+        return Told(what) >= count;
+      },
+      Patience);
+}
+
+bool Soak::Require(bool condition, const std::string& what) {
+  if (!condition) {
+    mLedger.AddProblem(fmt::format("{}: it does not hold that {}", mAction, what));
+  }
+  return condition;
+}
+
+Soak::Card Soak::NewCard() {
+  const auto uid = fmt::format("{:08X}", 0x10000000U + ++mCards);
+  return {uid, true, MakeTag(TagKind::Mifare, uid)};
+}
+
+/// One that is known, new, of another kind, without a UID that counts, or one that was there lately.
+Soak::Card Soak::RandomCard() {
+  Card card;
+  const unsigned kind = Below(20);
+  if (kind < 5 && !mLatest.empty()) {
+    return mLatest[Below(static_cast<unsigned>(mLatest.size()))];
+  }
+  if (kind < 11) {
+    card = mKnown[Below(static_cast<unsigned>(mKnown.size()))];
+  } else if (kind < 15) {
+    card = NewCard();
+  } else if (kind < 17) {
+    const auto uid = fmt::format("04{:012X}", ++mCards);
+    card = {uid, true, MakeTag(TagKind::Mifare, uid)};
+  } else if (kind == 17) {
+    card = {"", false, MakeTag(TagKind::Felica, "0102030405060708")};
+  } else if (kind == 18) {
+    const auto uid = fmt::format("{:020X}", ++mCards);
+    card = {uid, false, MakeTag(TagKind::Mifare, uid)};
+  } else {
+    card = {"", false,
+            MakeRawTag(NFC_PROTO_MIFARE_MASK, {{NFC_ATTR_TARGET_NFCID1, Bytes(11 + Below(20), 0x42)}})};
+  }
+  mLatest.push_back(card);
+  if (mLatest.size() > CardsInMind) {
+    mLatest.erase(mLatest.begin());
+  }
+  return card;
+}
+
+void Soak::Measure() {
+  if (mStation.HasDaemon() && mStation.Daemon().Memory("VmRSS") > 0) {
+    mMemory.values.push_back(mStation.Daemon().Memory("VmRSS"));
+    mDescriptors.values.push_back(mStation.Daemon().OpenDescriptors());
+    mThreads.values.push_back(mStation.Daemon().Threads());
+    mMarks += mRestarts > mRestartsMarked ? 'R' : '-';
+    mRestartsMarked = mRestarts;
+  }
+}
+
+std::string Soak::Charts() const {
+  std::string charts;
+  for (const auto* series : {&mMemory, &mDescriptors, &mThreads}) {
+    charts += MakeChart(series->title, series->values, mMarks) + "\n";
+  }
+  return charts + fmt::format("R: a daemon started; {} in all\n", mRestarts);
+}
+
+std::string Soak::KeepLogs() {
+  mStation.KeepFolder();
+  return mStation.Folder();
+}

@@ -1,0 +1,337 @@
+#include "virtual-station/bench.h"
+
+#include <json/reader.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+#include "common/channel.h"
+#include "rfidctl/daemon.h"
+#include "rfidctl/text.h"
+#include "virtual-nfc/controlserver.h"
+#include "virtual-nfc/tag.h"
+
+namespace {
+
+// A command to the reader may keep the daemon's machine busy for half a minute.
+constexpr auto cAnswerTime = std::chrono::seconds(60);
+constexpr auto cReaderTime = std::chrono::seconds(1);  ///< virtual-nfc answers at once; Stop waits for it
+constexpr auto cLogPeriod = std::chrono::milliseconds(250);
+constexpr int cLookPeriods = 4;
+constexpr const char* cHoldMilliseconds = "700";
+constexpr std::size_t cLongestUid = 64;
+
+bool IsHex(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
+bool IsPrintableAscii(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+Json::Value Parse(const std::string& text) {
+  Json::CharReaderBuilder builder;
+  Json::Value value;
+  std::istringstream stream(text);
+  return Json::parseFromStream(builder, stream, &value, nullptr) ? value : Json::Value();
+}
+
+std::string TextOf(const Json::Value& request, const char* key) {
+  return request[key].isString() ? request[key].asString() : "";
+}
+
+}  // namespace
+
+Bench::Bench(BenchSettings settings)
+    : mSettings(std::move(settings)),
+      mSwitches(mSettings.rpc.configuration),
+      mCards(mSettings.rpc.configuration),
+      mLog(mSettings.logFile),
+      mControlChannel(OpenChannel(mSettings.rpc.listen, cControlService)),
+      mRfidChannel(OpenChannel(mSettings.rpc.listen, cRfidService)) {
+  mModel.SetLearning(false);
+  LookAtSettings();
+  ServePeers();
+  Subscribe();
+  mWatcher = std::thread([this] { WatchFiles(); });
+}
+
+Bench::~Bench() {
+  Stop();
+  mWatcher.join();
+}
+
+void Bench::Stop() {
+  const std::lock_guard lock(mMutex);
+  mStopping = true;
+  mWake.notify_all();
+  for (grpc::ClientContext* call : mCalls) {
+    call->TryCancel();
+  }
+  mModel.Close();
+}
+
+void Bench::ServePeers() {
+  try {
+    mStation =
+        std::make_unique<VirtualStation>(mSettings.rpc.peers, [this](const VirtualStation::Call& call) {
+          if (const auto* event = std::get_if<ipc::MFbEventType>(&call)) {
+            mModel.OnFeedback(event->type());
+          } else {
+            mModel.OnSignal(std::get<ipc::MSignal>(call));
+          }
+        });
+  } catch (const std::runtime_error& e) {
+    mPeersProblem =
+        std::string("the lamp and the signals stay dark, another program serves them: ") + e.what();
+    mModel.SetNotice("No feedback here: " + mPeersProblem + ".");
+  }
+}
+
+void Bench::Subscribe() {
+  const auto opened = [this](BenchModel::EStream stream) {
+    return [this, stream] { mModel.OnStreamOpen(stream); };
+  };
+  const auto ended = [this](BenchModel::EStream stream) {
+    return [this, stream](const grpc::Status& status) { mModel.OnStreamEnd(stream, ReasonOf(status)); };
+  };
+  // Cards first, so that the outcome of what a state leads to is not missed.
+  mTokens = std::make_unique<Subscriber<ipc::Rfid, ipc::MRfidNotification>>(
+      mRfidChannel,
+      [this](const ipc::MRfidNotification& notification) {
+        if (notification.has_token()) {
+          mModel.OnToken(notification.token());
+        } else if (notification.has_learning_token()) {
+          mModel.OnLearningToken(notification.learning_token().uid());
+        }
+      },
+      ended(BenchModel::EStream::Cards), opened(BenchModel::EStream::Cards));
+  mStates = std::make_unique<Subscriber<ipc::GenericControl, ipc::MGenericControlNotification>>(
+      mControlChannel,
+      [this](const ipc::MGenericControlNotification& notification) {
+        if (notification.has_state()) {
+          mModel.OnState(StateText(notification.state().state()));
+        } else if (notification.has_alive()) {
+          mModel.OnAlive();
+        }
+      },
+      ended(BenchModel::EStream::States), opened(BenchModel::EStream::States));
+}
+
+// ---- What is looked up
+// -------------------------------------------------------------------------------------
+
+void Bench::WatchFiles() {
+  int period = 0;
+  std::unique_lock lock(mMutex);
+  while (!mStopping) {
+    const bool look = std::exchange(mLookSoon, false) || period == 0;
+    lock.unlock();
+    if (const auto lines = mLog.Read(); !lines.empty()) {
+      mModel.OnLogLines(lines);
+    }
+    if (look) {
+      Look();
+    }
+    period = (period + 1) % cLookPeriods;
+    lock.lock();
+    mWake.wait_for(lock, cLogPeriod, [this] { return mStopping || mLookSoon; });
+  }
+}
+
+void Bench::Look() {
+  LookAtReader();
+  LookAtSettings();
+  mModel.GiveUpWaiting(std::chrono::steady_clock::now());
+}
+
+void Bench::LookAtReader() {
+  Json::Value reader;
+  reader["simulated"] = !mSettings.nfcSocket.empty();
+  if (!mSettings.nfcSocket.empty()) {
+    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status json", cReaderTime);
+    reader["there"] = reply.rfind("ok\n", 0) == 0;
+    if (reader["there"].asBool()) {
+      const Json::Value status = Parse(reply.substr(3));
+      const Json::Value& devices = status["devices"];
+      const auto device = std::find_if(devices.begin(), devices.end(),
+                                       [](const Json::Value& one) { return !one["removed"].asBool(); });
+      reader["plugged"] = device != devices.end();
+      if (device != devices.end()) {
+        for (const char* key : {"name", "powered", "polling"}) {
+          reader[key] = (*device)[key];
+        }
+      }
+      reader["tags"] = status["tags"];
+    }
+  }
+  mModel.SetReader(reader);
+}
+
+void Bench::LookAtSettings() {
+  Json::Value settings;
+  try {
+    settings["ocpp"] = mSwitches.IsOcppActive();
+    settings["free"] = mSwitches.IsFreeCharging();
+    settings["permitted"] = Json::Value(Json::arrayValue);
+    for (const std::string& uid : mCards.Uids()) {
+      settings["permitted"].append(uid);
+    }
+  } catch (const std::exception& e) {
+    settings["problem"] = e.what();
+  }
+  mModel.SetSettings(settings);
+}
+
+// ---- What is done
+// ------------------------------------------------------------------------------------------
+
+Bench::Answer Bench::Do(const Json::Value& request) {
+  try {
+    if (!request.isObject() || !request["do"].isString()) {
+      return {false, "the request says not what to do"};
+    }
+    Answer answer = Carry(request);
+    const std::lock_guard lock(mMutex);
+    mLookSoon = true;
+    mWake.notify_all();
+    return answer;
+  } catch (const std::exception& e) {
+    return {false, e.what()};
+  }
+}
+
+Bench::Answer Bench::Carry(const Json::Value& request) {
+  const std::string what = TextOf(request, "do");
+  const std::string uid = TextOf(request, "uid");
+  const bool isSwitch = request["on"].isBool();
+  const bool on = isSwitch && request["on"].asBool();
+  if (what == "enable") {
+    const auto control = ipc::GenericControl::NewStub(mControlChannel);
+    return Ask([&](auto& context, auto& result) { return control->Enable(&context, {}, &result); },
+               "The daemon was asked to read cards.", "it cannot be enabled in its present state");
+  }
+  if (what == "disable") {
+    const auto control = ipc::GenericControl::NewStub(mControlChannel);
+    return Ask([&](auto& context, auto& result) { return control->Disable(&context, {}, &result); },
+               "The daemon was asked to stop reading cards.", "it cannot be disabled in its present state");
+  }
+  if (what == "plug" || what == "unplug") {
+    return AskReader(what, what == "plug" ? "The reader is plugged in." : "The reader is pulled out.");
+  }
+  if (what == "fault") {
+    return AskReader("rule add START_POLL nth=1 errno=EPROTO",
+                     "The reader fails when it next starts to poll.");
+  }
+  if (what == "tap") {
+    return Tap(TextOf(request, "kind"), uid);
+  }
+  if (what == "inject") {
+    return Inject(uid);
+  }
+  if (what == "learning" && isSwitch) {
+    return SetLearning(on);
+  }
+  if (what == "ocpp" && isSwitch) {
+    mSwitches.SetOcppActive(on);
+    return {true, on ? "The backend authorises cards." : "The local list authorises cards."};
+  }
+  if (what == "free" && isSwitch) {
+    mSwitches.SetFreeCharging(on);
+    return {true, on ? "Charging is free." : "Charging needs a card."};
+  }
+  if (what == "permit" && isSwitch && IsHex(uid)) {
+    if (on) {
+      mCards.Add(uid);
+    } else {
+      mCards.Remove(uid);
+    }
+    return {true, uid + (on ? " is in the local list." : " is no longer in the local list.")};
+  }
+  return {false, "the bench does not understand this request"};
+}
+
+Bench::Answer Bench::Ask(const std::function<grpc::Status(grpc::ClientContext&, ipc::MResult&)>& call,
+                         const std::string& done, const std::string& refusal) {
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + cAnswerTime);
+  {
+    const std::lock_guard lock(mMutex);
+    if (mStopping) {
+      return {false, "the bench ends"};
+    }
+    mCalls.insert(&context);
+  }
+  ipc::MResult result;
+  const grpc::Status status = call(context, result);
+  {
+    const std::lock_guard lock(mMutex);
+    mCalls.erase(&context);
+  }
+  if (!status.ok()) {
+    return {false, "The daemon cannot be reached: " + ReasonOf(status) + "."};
+  }
+  return result.result() == ipc::EResultOk ? Answer{true, done}
+                                           : Answer{false, "The daemon refuses: " + refusal + "."};
+}
+
+Bench::Answer Bench::SetLearning(bool on) {
+  ipc::MEnableLearning request;
+  request.set_enable(on);
+  const auto rfid = ipc::Rfid::NewStub(mRfidChannel);
+  Answer answer =
+      Ask([&](auto& context, auto& result) { return rfid->EnableLearning(&context, request, &result); },
+          on ? "Cards are learned from now on." : "Cards are authorised from now on.",
+          "learning needs it to be enabled");
+  if (answer.done) {
+    mModel.SetLearning(on);
+  }
+  return answer;
+}
+
+Bench::Answer Bench::Inject(const std::string& uid) {
+  if (uid.empty() || uid.size() > cLongestUid || !IsPrintableAscii(uid)) {
+    return {false, "A UID to inject has 1 to 64 printable characters."};
+  }
+  ipc::MInjectToken request;
+  request.set_uid(uid);
+  const auto rfid = ipc::Rfid::NewStub(mRfidChannel);
+  const std::uint64_t card = mModel.OnCardPresented(uid, "", std::chrono::steady_clock::now());
+  Answer answer =
+      Ask([&](auto& context, auto& result) { return rfid->InjectToken(&context, request, &result); },
+          uid + " was injected.", "injecting a card needs it to be enabled");
+  if (!answer.done) {
+    mModel.Withdraw(card);
+  }
+  return answer;
+}
+
+Bench::Answer Bench::Tap(const std::string& kind, const std::string& uid) {
+  const auto& kinds = virtualnfc::TagKindNames();
+  if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end() || !IsHex(uid)) {
+    return {false, "A card has one of virtual-nfc's kinds and a hexadecimal UID."};
+  }
+  const std::uint64_t card = mModel.OnCardPresented(uid, kind, std::chrono::steady_clock::now());
+  Answer answer = AskReader("tap " + kind + " " + uid + " " + cHoldMilliseconds, uid + " is at the reader.");
+  if (!answer.done) {
+    mModel.Withdraw(card);
+  }
+  return answer;
+}
+
+Bench::Answer Bench::AskReader(const std::string& line, const std::string& done) {
+  if (mSettings.nfcSocket.empty()) {
+    return {false, "There is no simulated reader: the bench was started without --nfc. Injecting works."};
+  }
+  const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, line, cReaderTime);
+  if (reply.empty()) {
+    return {false, "virtual-nfc cannot be reached at " + mSettings.nfcSocket + ": " +
+                       std::generic_category().message(errno) + "."};
+  }
+  const std::size_t end = std::min(reply.find('\n'), reply.size());
+  const std::string first = reply.substr(0, end);
+  return first == "ok" ? Answer{true, done} : Answer{false, "virtual-nfc: " + first + "."};
+}

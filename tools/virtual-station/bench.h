@@ -1,0 +1,97 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+#include <json/value.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "framework/rpcconfig.h"
+#include "ipc/generic_control.grpc.pb.h"
+#include "ipc/rfid.grpc.pb.h"
+#include "rfidctl/subscriber.h"
+#include "virtual-station/benchmodel.h"
+#include "virtual-station/logtail.h"
+#include "virtual-station/sectionfile.h"
+#include "virtual-station/virtualstation.h"
+
+/// What a bench works with.
+struct BenchSettings {
+  RpcConfig rpc;          ///< where the daemon, its peers and the sections are
+  std::string nfcSocket;  ///< virtual-nfc's; empty: no simulated reader
+  std::string logFile;    ///< the daemon's; empty: none is shown
+};
+
+/// The station on a bench: plays the daemon's supervisor, its peers, the configuration editor and the person
+/// with the cards, through the same doors as the command line tools.
+///
+/// Threads: every function may be called from any thread. What is seen goes to Model().
+class Bench {
+ public:
+  /// Begins to watch; the daemon and the simulated reader need not be there. Without the addresses of
+  /// Feedback and Diagnostics (another program serves them) the bench goes on, and the model's notice says
+  /// so.
+  explicit Bench(BenchSettings settings);
+  ~Bench();
+  Bench(const Bench&) = delete;
+  Bench& operator=(const Bench&) = delete;
+
+  BenchModel& Model() { return mModel; }
+
+  /// Why Feedback and Diagnostics are not served; empty when they are.
+  const std::string& PeersProblem() const { return mPeersProblem; }
+
+  struct Answer {
+    bool done;
+    std::string text;  ///< for people: what is the case now, or why it was not done
+  };
+  /// Carries out a request of the page: {"do": "enable" | "disable" | "plug" | "unplug" | "fault"}, {"do":
+  /// "learning" | "ocpp" | "free", "on": B}, {"do": "tap", "kind": K, "uid": U}, {"do": "inject", "uid": U},
+  /// {"do": "permit", "uid": U, "on": B}. Blocks until it is done, a minute at most, or until Stop. Throws
+  /// nothing for whatever the request may hold.
+  Answer Do(const Json::Value& request);
+
+  /// Requests in progress end soon, the model's readers at once.
+  void Stop();
+
+ private:
+  Answer Carry(const Json::Value& request);
+  Answer SetLearning(bool on);
+  Answer Tap(const std::string& kind, const std::string& uid);
+  Answer Inject(const std::string& uid);
+  Answer AskReader(const std::string& line, const std::string& done);
+  Answer Ask(const std::function<grpc::Status(grpc::ClientContext&, ipc::MResult&)>& call,
+             const std::string& done, const std::string& refusal);
+  void ServePeers();
+  void Subscribe();
+  void Look();
+  void LookAtReader();
+  void LookAtSettings();
+  void WatchFiles();
+
+  const BenchSettings mSettings;
+  BenchModel mModel;
+  const StationSettings mSwitches;
+  const CardList mCards;
+  LogTail mLog;
+  std::shared_ptr<grpc::Channel> mControlChannel;
+  std::shared_ptr<grpc::Channel> mRfidChannel;
+
+  std::mutex mMutex;  ///< of the following
+  std::condition_variable mWake;
+  bool mStopping = false;
+  bool mLookSoon = true;
+  std::set<grpc::ClientContext*> mCalls;
+
+  std::string mPeersProblem;  ///< set by the constructor only
+  std::unique_ptr<VirtualStation> mStation;
+  std::unique_ptr<Subscriber<ipc::Rfid, ipc::MRfidNotification>> mTokens;
+  std::unique_ptr<Subscriber<ipc::GenericControl, ipc::MGenericControlNotification>> mStates;
+  std::thread mWatcher;
+};

@@ -1,0 +1,269 @@
+#include "virtual-station/benchmodel.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "common/output.h"
+
+namespace {
+
+constexpr std::size_t cMostCards = 40;
+constexpr std::size_t cMostEvents = 20;
+constexpr std::size_t cMostLines = 300;
+constexpr auto cPatience = std::chrono::seconds(5);
+
+constexpr const char* cWaiting = "waiting";
+constexpr const char* cUnanswered = "unanswered";
+
+std::string TimeOfDay() {
+  return TimeForPeople().substr(11);
+}
+
+template <typename Value>
+void KeepLatest(std::deque<Value>& values, std::size_t most) {
+  while (values.size() > most) {
+    values.pop_front();
+  }
+}
+
+Json::Value ToArray(const std::deque<Json::Value>& values) {
+  Json::Value array(Json::arrayValue);
+  for (const auto& value : values) {
+    array.append(value);
+  }
+  return array;
+}
+
+// proto3 enumerations are open: the wire may carry any number.
+std::string OutcomeOf(ipc::ERfidAuthState state) {
+  static const std::map<int, std::string> cOutcomes{{ipc::ERfidUidInStandAloneList, "accepted"},
+                                                    {ipc::ERfidAuthDeferred, "deferred"},
+                                                    {ipc::ERfidUidNotInList, "rejected"},
+                                                    {ipc::ERfidUidInvalid, "invalid"}};
+  const auto outcome = cOutcomes.find(state);
+  return outcome == cOutcomes.end() ? "state " + std::to_string(static_cast<int>(state)) : outcome->second;
+}
+
+std::string NameOf(ipc::EFbEventType event) {
+  static const std::map<int, std::string> cNames{{ipc::EFbAuthAccepted, "accepted"},
+                                                 {ipc::EFbAuthRejected, "rejected"},
+                                                 {ipc::EFbTokenScanned, "scanned"}};
+  const auto name = cNames.find(event);
+  return name == cNames.end() ? "event " + std::to_string(static_cast<int>(event)) : name->second;
+}
+
+std::string ToUpper(std::string text) {
+  for (char& c : text) {
+    c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  }
+  return text;
+}
+
+}  // namespace
+
+void BenchModel::OnStreamOpen(EStream stream) {
+  const std::lock_guard lock(mMutex);
+  mOpen[stream] = true;
+  Changed();
+}
+
+void BenchModel::OnStreamEnd(EStream stream, const std::string& reason) {
+  const std::lock_guard lock(mMutex);
+  mOpen[stream] = false;
+  mReason = reason;
+  if (stream == EStream::States && !mState.empty()) {
+    NoteTransition("");
+  }
+  // A daemon that comes back has forgotten both.
+  mParts["learning"] = false;
+  for (Card& card : mCards) {
+    card.outcome = card.outcome == cWaiting ? cUnanswered : card.outcome;
+  }
+  Changed();
+}
+
+void BenchModel::OnState(const std::string& state) {
+  const std::lock_guard lock(mMutex);
+  if (state != mState) {
+    NoteTransition(state);
+    Changed();
+  }
+}
+
+void BenchModel::NoteTransition(const std::string& to) {
+  Json::Value transition;
+  transition["number"] = static_cast<Json::UInt64>(++mNumber);
+  transition["time"] = TimeOfDay();
+  transition["from"] = std::exchange(mState, to);
+  transition["to"] = to;
+  mTransitions.push_back(std::move(transition));
+  KeepLatest(mTransitions, cMostEvents);
+}
+
+void BenchModel::OnAlive() {
+  const std::lock_guard lock(mMutex);
+  ++mAlive;
+  mAliveTime = TimeOfDay();
+  Changed();
+}
+
+void BenchModel::OnToken(const ipc::MRfidToken& token) {
+  const std::lock_guard lock(mMutex);
+  Conclude(token.uid(), OutcomeOf(token.auth_state()));
+}
+
+void BenchModel::OnLearningToken(const std::string& uid) {
+  const std::lock_guard lock(mMutex);
+  Conclude(uid, "learned");
+}
+
+void BenchModel::Conclude(const std::string& uid, const std::string& outcome) {
+  // A FeliCa tag has no UID that the daemon knows of; its outcome comes with an empty one.
+  const auto card = std::find_if(mCards.begin(), mCards.end(), [&](const Card& candidate) {
+    return candidate.outcome == cWaiting &&
+           (ToUpper(candidate.uid) == uid || (uid.empty() && candidate.kind == "felica"));
+  });
+  if (card != mCards.end()) {
+    card->outcome = outcome;
+  } else {
+    mCards.push_back({++mNumber, TimeOfDay(), uid, "", "seen", outcome, {}});
+    KeepLatest(mCards, cMostCards);
+  }
+  Changed();
+}
+
+void BenchModel::OnFeedback(ipc::EFbEventType event) {
+  const std::lock_guard lock(mMutex);
+  Json::Value entry;
+  entry["number"] = static_cast<Json::UInt64>(++mNumber);
+  entry["time"] = TimeOfDay();
+  entry["event"] = NameOf(event);
+  mFeedback.push_back(std::move(entry));
+  KeepLatest(mFeedback, cMostEvents);
+  // While charging is free the daemon reports a card as scanned and says no more about it.
+  if (event == ipc::EFbTokenScanned && mParts["settings"]["free"].asBool() && !mParts["learning"].asBool()) {
+    const auto card = std::find_if(mCards.begin(), mCards.end(),
+                                   [](const Card& candidate) { return candidate.outcome == cWaiting; });
+    if (card != mCards.end()) {
+      card->outcome = "free";
+    }
+  }
+  Changed();
+}
+
+void BenchModel::OnSignal(const ipc::MSignal& signal) {
+  const std::lock_guard lock(mMutex);
+  Json::Value& entry = mSignals[signal.id()];
+  entry["id"] = static_cast<int>(signal.id());
+  entry["name"] = signal.name();
+  entry["value"] = signal.value();
+  entry["unit"] = signal.unit();
+  entry["time"] = TimeOfDay();
+  Changed();
+}
+
+std::uint64_t BenchModel::OnCardPresented(const std::string& uid, const std::string& kind, TimePoint now) {
+  const std::lock_guard lock(mMutex);
+  mCards.push_back({++mNumber, TimeOfDay(), uid, kind, kind.empty() ? "injected" : "tapped", cWaiting, now});
+  KeepLatest(mCards, cMostCards);
+  Changed();
+  return mNumber;
+}
+
+void BenchModel::Withdraw(std::uint64_t card) {
+  const std::lock_guard lock(mMutex);
+  std::erase_if(mCards, [card](const Card& candidate) {
+    return candidate.number == card && candidate.outcome == cWaiting;
+  });
+  Changed();
+}
+
+void BenchModel::GiveUpWaiting(TimePoint now) {
+  const std::lock_guard lock(mMutex);
+  for (Card& card : mCards) {
+    if (card.outcome == cWaiting && now - card.since > cPatience) {
+      card.outcome = cUnanswered;
+      Changed();
+    }
+  }
+}
+
+void BenchModel::OnLogLines(const std::vector<std::string>& lines) {
+  const std::lock_guard lock(mMutex);
+  mLines.insert(mLines.end(), lines.begin(), lines.end());
+  mLineCount += lines.size();
+  KeepLatest(mLines, cMostLines);
+  mNews.notify_all();
+}
+
+void BenchModel::Set(const char* part, const Json::Value& value) {
+  const std::lock_guard lock(mMutex);
+  if (mParts[part] != value) {
+    mParts[part] = value;
+    Changed();
+  }
+}
+
+bool BenchModel::IsLearning() const {
+  const std::lock_guard lock(mMutex);
+  return mParts["learning"].asBool();
+}
+
+void BenchModel::Changed() {
+  ++mRevision;
+  mNews.notify_all();
+}
+
+Json::Value BenchModel::Snapshot() const {
+  const auto isOpen = [this](EStream stream) {
+    const auto found = mOpen.find(stream);
+    return found != mOpen.end() && found->second;
+  };
+  Json::Value snapshot = mParts;
+  const bool there = isOpen(EStream::States) && isOpen(EStream::Cards) && !mState.empty();
+  snapshot["there"] = there;
+  snapshot["reason"] = there ? "" : mReason;
+  snapshot["state"] = mState;
+  snapshot["transitions"] = ToArray(mTransitions);
+  snapshot["feedback"] = ToArray(mFeedback);
+  snapshot["alive"]["count"] = static_cast<Json::UInt64>(mAlive);
+  snapshot["alive"]["time"] = mAliveTime;
+  snapshot["signals"] = Json::Value(Json::arrayValue);
+  for (const auto& [id, signal] : mSignals) {
+    snapshot["signals"].append(signal);
+  }
+  snapshot["cards"] = Json::Value(Json::arrayValue);
+  for (const Card& card : mCards) {
+    Json::Value entry;
+    entry["number"] = static_cast<Json::UInt64>(card.number);
+    entry["time"] = card.time;
+    entry["uid"] = card.uid;
+    entry["kind"] = card.kind;
+    entry["how"] = card.how;
+    entry["outcome"] = card.outcome;
+    snapshot["cards"].append(std::move(entry));
+  }
+  return snapshot;
+}
+
+BenchModel::News BenchModel::WaitForNews(Cursor& cursor, std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mMutex);
+  mNews.wait_for(lock, timeout,
+                 [&] { return mClosed || cursor.revision != mRevision || cursor.line != mLineCount; });
+  News news;
+  news.closed = mClosed;
+  news.changed = cursor.revision != mRevision;
+  if (news.changed) {
+    news.snapshot = Snapshot();
+  }
+  const auto unread = std::min<std::uint64_t>(mLineCount - cursor.line, mLines.size());
+  news.lines.assign(mLines.end() - static_cast<std::ptrdiff_t>(unread), mLines.end());
+  cursor = {mRevision, mLineCount};
+  return news;
+}
+
+void BenchModel::Close() {
+  const std::lock_guard lock(mMutex);
+  mClosed = true;
+  mNews.notify_all();
+}

@@ -1,0 +1,174 @@
+#include "virtual-station/benchserver.h"
+
+#include <httplib.h>
+#include <json/reader.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "common/output.h"
+
+namespace {
+
+constexpr const char* cAddress = "127.0.0.1";
+constexpr const char* cHeader = "X-Bench";
+constexpr int cMostStreams = 12;
+constexpr std::size_t cThreads = 24;
+constexpr std::size_t cLongestRequest = 4096;
+constexpr auto cHeartbeat = std::chrono::seconds(2);
+
+/// Only this server's own files run on its page, and nobody shows it inside a page of theirs.
+const httplib::Headers cHeaders{
+    {"Content-Security-Policy",
+     "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"Cross-Origin-Resource-Policy", "same-origin"},
+    {"Referrer-Policy", "no-referrer"},
+    {"Cache-Control", "no-store"}};
+
+std::string EventText(const char* name, const Json::Value& data) {
+  return std::string("event: ") + name + "\ndata: " + ToJsonLine(data) + "\n\n";
+}
+
+std::string TextOf(const BenchModel::News& news) {
+  std::string text;
+  if (news.changed) {
+    text += EventText("snapshot", news.snapshot);
+  }
+  if (!news.lines.empty()) {
+    Json::Value lines(Json::arrayValue);
+    for (const std::string& line : news.lines) {
+      lines.append(line);
+    }
+    text += EventText("log", lines);
+  }
+  return text.empty() ? ": still here\n\n" : text;
+}
+
+bool ParseObject(const std::string& text, Json::Value& value) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  std::istringstream stream(text);
+  try {
+    return Json::parseFromStream(builder, stream, &value, nullptr) && value.isObject();
+  } catch (const Json::Exception&) {  // nested too deeply
+    return false;
+  }
+}
+
+}  // namespace
+
+BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
+    : mModel(model), mCarrier(std::move(carrier)), mPort(port), mServer(std::make_unique<httplib::Server>()) {
+  httplib::Server& server = *mServer;
+  server.new_task_queue = [] { return new httplib::ThreadPool(cThreads); };
+  // A port in use is an error here; the library would share it.
+  server.set_socket_options([](socket_t socket) {
+    const int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
+  server.set_keep_alive_max_count(1);  // a connection that waits for its next request would hold a thread
+  server.set_keep_alive_timeout(1);
+  server.set_read_timeout(std::chrono::seconds(2));
+  server.set_write_timeout(std::chrono::seconds(2));
+  server.set_payload_max_length(cLongestRequest);
+  server.set_default_headers(cHeaders);
+  server.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+    std::string reason;
+    if (IsPermitted(request, reason)) {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+    response.status = 403;
+    response.set_content(reason + "\n", "text/plain");
+    return httplib::Server::HandlerResponse::Handled;
+  });
+  server.set_exception_handler([](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+    response.status = 500;
+    response.set_content("the bench failed\n", "text/plain");
+  });
+  for (const PageFile& file : PageFiles()) {
+    server.Get(std::string(file.path), [&file](const httplib::Request&, httplib::Response& response) {
+      response.set_content(file.content.data(), file.content.size(), std::string(file.type));
+    });
+  }
+  server.Get("/events",
+             [this](const httplib::Request&, httplib::Response& response) { ServeEvents(response); });
+  server.Post("/do", [this](const httplib::Request& request, httplib::Response& response) {
+    ServeRequest(request, response);
+  });
+  const bool bound =
+      port == 0 ? (mPort = server.bind_to_any_port(cAddress)) > 0 : server.bind_to_port(cAddress, port);
+  if (!bound) {
+    throw std::runtime_error("cannot listen on " + std::string(cAddress) + ":" + std::to_string(port) +
+                             "; is the port in use? --port 0 takes any that is free");
+  }
+}
+
+BenchServer::~BenchServer() = default;
+
+std::string BenchServer::Url() const {
+  return "http://" + std::string(cAddress) + ":" + std::to_string(mPort) + "/";
+}
+
+void BenchServer::Run() {
+  mServer->listen_after_bind();
+  mEnded = true;
+}
+
+void BenchServer::Stop() {
+  // The library takes no notice of a stop before it runs.
+  while (!mEnded && !mServer->is_running()) {
+    std::this_thread::yield();
+  }
+  mServer->stop();
+}
+
+bool BenchServer::IsPermitted(const httplib::Request& request, std::string& reason) const {
+  const std::string port = mPort == 80 ? "" : ":" + std::to_string(mPort);
+  const auto isHere = [&port](const std::string& host) {
+    return host == cAddress + port || host == "localhost" + port;
+  };
+  const std::string origin = request.get_header_value("Origin");
+  const std::string cScheme = "http://";
+  if (!isHere(request.get_header_value("Host")) || request.get_header_value_count("Host") != 1) {
+    reason = "this is the bench, not the host that was asked for";
+  } else if (request.has_header("Origin") &&
+             (origin.rfind(cScheme, 0) != 0 || !isHere(origin.substr(cScheme.size())))) {
+    reason = "requests from other pages are refused";
+  } else if (request.method != "GET" && request.method != "HEAD" && !request.has_header(cHeader)) {
+    reason = std::string("the request lacks the header ") + cHeader;
+  }
+  return reason.empty();
+}
+
+void BenchServer::ServeEvents(httplib::Response& response) {
+  // Each holds a thread for as long as its page is open.
+  const std::shared_ptr<void> place(nullptr, [streams = mStreams](void*) { --*streams; });
+  if (++*mStreams > cMostStreams) {
+    response.status = 503;
+    response.set_content("too many pages are open\n", "text/plain");
+    return;
+  }
+  const auto cursor = std::make_shared<BenchModel::Cursor>();
+  response.set_chunked_content_provider(
+      "text/event-stream", [this, place, cursor](std::size_t, httplib::DataSink& sink) {
+        const BenchModel::News news = mModel.WaitForNews(*cursor, cHeartbeat);
+        const std::string text = TextOf(news);
+        return !news.closed && sink.write(text.data(), text.size());
+      });
+}
+
+void BenchServer::ServeRequest(const httplib::Request& request, httplib::Response& response) const {
+  Json::Value wanted;
+  if (!ParseObject(request.body, wanted)) {
+    response.status = 400;
+    response.set_content("the request is no JSON object\n", "text/plain");
+    return;
+  }
+  const auto [done, text] = mCarrier(wanted);
+  Json::Value answer;
+  answer["done"] = done;
+  answer["text"] = text;
+  response.set_content(ToJsonLine(answer), "application/json");
+}

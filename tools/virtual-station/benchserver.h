@@ -1,0 +1,61 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "virtual-station/benchmodel.h"
+
+namespace httplib {
+class Server;
+struct Request;
+struct Response;
+}  // namespace httplib
+
+/// One file of the page, compiled in.
+struct PageFile {
+  std::string_view path;  ///< as it is asked for: "/page.js"
+  std::string_view type;
+  std::string_view content;
+};
+std::span<const PageFile> PageFiles();
+
+/// Serves the bench's page on the loopback address: the files, `/events` (server-sent events: "snapshot" and
+/// "log"), and `/do` for requests. What can be done here can start a charge, so that every request has to
+/// name this server as its host, one from a web page has to come from this server's own page, and `/do` needs
+/// a header that a page of somebody else cannot send.
+class BenchServer {
+ public:
+  /// Carries out one request of the page: whether it was done, and a text for people.
+  using Carrier = std::function<std::pair<bool, std::string>(const Json::Value& request)>;
+
+  /// Takes the port; 0: any that is free. Throws std::runtime_error when it cannot be had.
+  BenchServer(BenchModel& model, Carrier carrier, int port);
+  ~BenchServer();
+  BenchServer(const BenchServer&) = delete;
+  BenchServer& operator=(const BenchServer&) = delete;
+
+  std::string Url() const;
+
+  /// Blocks until Stop.
+  void Run();
+  /// Callable from any thread, before Run, too. The model must have been closed: its readers are waited for.
+  void Stop();
+
+ private:
+  bool IsPermitted(const httplib::Request& request, std::string& reason) const;
+  void ServeEvents(httplib::Response& response);
+  void ServeRequest(const httplib::Request& request, httplib::Response& response) const;
+
+  BenchModel& mModel;
+  const Carrier mCarrier;
+  int mPort;
+  const std::shared_ptr<std::atomic<int>> mStreams = std::make_shared<std::atomic<int>>(0);
+  std::unique_ptr<httplib::Server> mServer;
+  std::atomic<bool> mEnded = false;
+};

@@ -1,0 +1,28 @@
+# Writes the page's files into a C++ source. Called with FOLDER, OUTPUT and FILES (names, separated by commas).
+set(types_html "text/html; charset=utf-8")
+set(types_css "text/css; charset=utf-8")
+set(types_js "text/javascript; charset=utf-8")
+set(types_svg "image/svg+xml")
+
+string(REPLACE "," ";" names "${FILES}")
+set(entries "")
+foreach(name IN LISTS names)
+  file(READ "${FOLDER}/${name}" content)
+  string(REGEX MATCH "[a-z]+$" ending "${name}")
+  set(path "/${name}")
+  if(name STREQUAL "index.html")
+    set(path "/")
+  endif()
+  string(APPEND entries "    {\"${path}\", \"${types_${ending}}\",\n     R\"~page~(${content})~page~\"},\n")
+endforeach()
+file(WRITE "${OUTPUT}" "#include \"virtual-station/benchserver.h\"
+
+namespace {
+constexpr PageFile cFiles[] = {
+${entries}};
+}  // namespace
+
+std::span<const PageFile> PageFiles() {
+  return cFiles;
+}
+")
