@@ -1,10 +1,10 @@
 #include "src/interruptrelay.h"
 
-#include <fcntl.h>
+#include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
-#include <unistd.h>
 
-#include <array>
+#include <atomic>
 #include <cerrno>
 #include <system_error>
 
@@ -12,32 +12,25 @@
 
 namespace {
 
-constexpr int NoSignal = 0;  // ends the thread
-
-/// Read end, write end. Made once and never closed: a handler may still be running when a relay goes.
-std::array<int, 2> OpenPipe() {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    throw std::system_error(errno, std::generic_category(), "pipe for signals");
-  }
-  fcntl(ends[1], F_SETFL, O_NONBLOCK);  // a full pipe holds signals enough
-  return ends;
+/// Counts the signals that the thread has not seen yet. Made once and never destroyed: a handler may still be
+/// running when a relay goes.
+sem_t& Signals() {
+  static sem_t* const made = [] {
+    static sem_t semaphore;
+    if (sem_init(&semaphore, 0, 0) != 0) {
+      throw std::system_error(errno, std::generic_category(), "semaphore for signals");
+    }
+    return &semaphore;
+  }();
+  return *made;
 }
 
-std::array<int, 2>& Pipe() {
-  static std::array<int, 2> ends = OpenPipe();
-  return ends;
-}
+sem_t* pendingSignals = nullptr;  // set before the handler is installed
+std::atomic<bool> ending{false};
 
-int writeEnd = -1;  // set before the handler is installed
-
-void Write(int signal) {
-  [[maybe_unused]] const auto written = write(writeEnd, &signal, sizeof(signal));
-}
-
-void HandleSignal(int signal) {
+void HandleSignal(int) {
   const int error = errno;
-  Write(signal);
+  sem_post(pendingSignals);  // all that is safe here
   errno = error;
 }
 
@@ -56,28 +49,38 @@ void Mask(int how) {
   pthread_sigmask(how, &signals, nullptr);
 }
 
-void Relay(int readEnd, const std::function<void(int)>& hook) {
+void Relay(const std::function<void(int)>& hook) {
   SetThreadName("rfid-signal");
   for (;;) {
-    int signal = NoSignal;
-    const auto got = read(readEnd, &signal, sizeof(signal));
-    if (got < 0 && errno == EINTR) {
-      continue;
+    if (sem_wait(pendingSignals) != 0) {
+      continue;  // interrupted
     }
-    if (got != sizeof(signal) || signal == NoSignal) {
+    if (ending) {
       return;
     }
     if (hook) {
-      hook(signal);
+      hook(SIGINT);
     }
   }
 }
 
 }  // namespace
 
+CInterruptBlock::CInterruptBlock() {
+  Mask(SIG_BLOCK);
+}
+
+CInterruptBlock::~CInterruptBlock() {
+  Mask(SIG_UNBLOCK);
+}
+
 CInterruptRelay::CInterruptRelay(const std::function<void(int)>& hook) {
-  writeEnd = Pipe()[1];
-  mThread = std::thread(Relay, Pipe()[0], std::cref(hook));
+  pendingSignals = &Signals();
+  while (sem_trywait(pendingSignals) == 0) {
+    // one that an earlier relay did not come to
+  }
+  ending = false;
+  mThread = std::thread(Relay, std::cref(hook));
   SetAction(HandleSignal);
   Mask(SIG_BLOCK);
 }
@@ -85,6 +88,7 @@ CInterruptRelay::CInterruptRelay(const std::function<void(int)>& hook) {
 CInterruptRelay::~CInterruptRelay() {
   SetAction(SIG_DFL);
   Mask(SIG_UNBLOCK);
-  Write(NoSignal);
+  ending = true;
+  sem_post(pendingSignals);
   mThread.join();
 }

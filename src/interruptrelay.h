@@ -3,9 +3,18 @@
 #include <functional>
 #include <thread>
 
-/// Catches SIGINT while it lives and hands it on outside signal context: the handler only writes to a pipe, a
-/// thread
-/// ("rfid-signal") reads it and calls the hook with the signal's number.
+/// Keeps SIGINT off the creating thread, and off every thread that is started meanwhile for as long as that
+/// thread lives. One that comes meanwhile takes its default action when this goes.
+class CInterruptBlock {
+ public:
+  CInterruptBlock();
+  ~CInterruptBlock();
+  CInterruptBlock(const CInterruptBlock&) = delete;
+  CInterruptBlock& operator=(const CInterruptBlock&) = delete;
+};
+
+/// Catches SIGINT while it lives and hands it on outside signal context: the handler only counts, a thread
+/// ("rfid-signal") waits for that and calls the hook with the signal's number.
 ///
 /// The creating thread, and every thread that it starts meanwhile, has SIGINT blocked, so that it lands on
 /// another one: a handler on a thread whose netlink command waits for the reader would interrupt the command
@@ -13,7 +22,7 @@
 /// afterwards SIGINT has its default action again.
 class CInterruptRelay {
  public:
-  /// Throws std::system_error when the pipe cannot be made. The hook must outlive the relay.
+  /// Throws std::system_error when it cannot be set up. The hook must outlive the relay.
   explicit CInterruptRelay(const std::function<void(int)>& hook);
   ~CInterruptRelay();
   CInterruptRelay(const CInterruptRelay&) = delete;

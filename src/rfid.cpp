@@ -28,6 +28,7 @@ CRfid::CRfid(const std::string& root) {
   const auto standaloneList = HubConfig::Create("rfid_standalone", "/", {});
   mRfidConfig = std::make_shared<CRfidConfig>(settings, standaloneList);
   mRfidReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>());
+  const CInterruptBlock block;  // from here on threads are started that have no use for signals
   const auto feedbackClient = mAppCommunicationHost->CreateClient<IFeedback>("Feedback");
   feedbackClient->SetConnectTimeout(PeerTimeoutSeconds);
   feedbackClient->SetCallTimeout(PeerTimeoutSeconds);
@@ -95,6 +96,7 @@ void CRfid::Run() {
 }
 
 void CRfid::StartCommunication() {
+  const CInterruptBlock block;
   mAppCommunicationHost->StartServices();
   mServerThread = std::thread([host = mAppCommunicationHost] {
     SetThreadName("rpc-server");

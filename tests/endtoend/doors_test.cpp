@@ -21,6 +21,13 @@ using ::testing::Le;
 
 namespace {
 
+// A sanitizer has memory of its own, and is slow.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool IsSanitized = true;
+#else
+constexpr bool IsSanitized = false;
+#endif
+
 constexpr uid_t OtherUser = 65534;
 constexpr size_t LargestLine = 4500;  // the cut text, and the time and the source position before it
 
@@ -184,7 +191,10 @@ TEST_F(Doors, WhatIsTooLargeOrNoTextIsRefusedAndWhatIsOddReachesTheLogCutAndEsca
 }
 
 TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
-  constexpr size_t Requests = 10000;
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "how much load there is in how much time says nothing under the thread sanitizer";
+#endif
+  constexpr size_t Requests = IsSanitized ? 1000 : 10000;
   StartDaemon({});
   EnableDaemon();
   const auto stub = Stub();
@@ -207,7 +217,9 @@ TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
   printf("flood: %zu taken, %zu refused; memory %zu KiB, before %zu KiB; threads %zu, before %zu\n",
          answers[grpc::StatusCode::OK], answers[grpc::StatusCode::RESOURCE_EXHAUSTED],
          mDaemon->Memory("VmHWM"), memory, mostThreads, threads);
-  EXPECT_LE(mDaemon->Memory("VmHWM"), memory + 16 * 1024);
+  if (!IsSanitized) {
+    EXPECT_LE(mDaemon->Memory("VmHWM"), memory + 16 * 1024);
+  }
   EXPECT_LE(std::max(mostThreads, mDaemon->Threads()), threads + 8);
   EXPECT_TRUE(mSupervisor->WaitFor("Enabled"));
   Tap("11223344");
@@ -216,6 +228,9 @@ TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
 }
 
 TEST_F(Doors, ASubscriberThatNeverReadsIsEndedAndTheOthersGoOn) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "how much load there is in how much time says nothing under the thread sanitizer";
+#endif
   StartDaemon({});
   EnableDaemon();
   Subscriber idle(Stub());

@@ -56,7 +56,7 @@ TEST_F(Rfidctl, WhatTheDaemonDoesAndWhatItRefusesIsSeenFromTheStatus) {
   Expect({"inject", "11223344"}, "exit 0", "", "");
   EXPECT_TRUE(mSupervisor->WaitFor("learning 11223344"));
   Expect({"log-level"}, "exit 0", "trace\n", "");
-  Expect({"watch", "--only", "token", "--count", "1", "--timeout", "0.1"}, "exit 4", "", "0 of 1");
+  Expect({"watch", "--only", "token", "--count", "1", "--timeout", "3"}, "exit 4", "", "0 of 1");
   EXPECT_EQ(Start({"/bin/sh", "-c", "\"$0\" --root \"$1\" state >/dev/full", RFIDCTL_PATH, mRoot})->Wait(),
             "exit 1");
   ExpectError("No space left");
