@@ -143,6 +143,10 @@ struct Phase {
   std::vector<Exchange> exchanges;
 };
 
+void PrintTo(const Phase& phase, std::ostream* out) {
+  *out << phase.name;
+}
+
 const Phase Phases[] = {
     {"Enabling",
      false,

@@ -58,4 +58,8 @@ TEST(StatemachinesUtility, RequestsBecomeEventsAndResponsesBecomeNotifications) 
                                   EndsWith(") ExtEnabledRsp"), EndsWith(") ExtErrorRsp"),
                                   EndsWith(") ExtFatalErrorRsp"), EndsWith(") ExtSendAlive")));
   EXPECT_THAT(traces.front(), MatchesRegex("\\(statemachines/utils/statemachinesutility.*:[0-9]+\\) .*"));
+
+  // As the application does at its end: they hold each other.
+  service->IEnableCall = nullptr;
+  service->IDisableCall = nullptr;
 }
