@@ -18,7 +18,7 @@ class CHsmAlive : public virtual Base, public virtual CWorker {
 
   std::function<void()> ExtSendAlive;  ///< sends the message; hides the interface's own member of this name
 
-  virtual ~CHsmAlive() = default;
+  ~CHsmAlive() override = default;
 
   /// Asked before each message; false leaves it out.
   virtual bool IsAlive() { return true; }
