@@ -9,6 +9,7 @@
 #include <array>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 namespace {
 
@@ -17,13 +18,27 @@ constexpr int Iso15693UidSize = 8;
 template <int MaxType>
 using Attributes = std::array<nlattr*, MaxType + 1>;
 
+/// Sorts attributes by their types. None when one is there twice: which of two UIDs is the card's is not to
+/// be guessed.
 template <int MaxType>
-std::optional<Attributes<MaxType>> Parse(nlmsghdr* message) {
+std::optional<Attributes<MaxType>> Sort(nlattr* first, int length) {
   Attributes<MaxType> attributes{};
-  if (genlmsg_parse(message, 0, attributes.data(), MaxType, nullptr) < 0) {
-    return std::nullopt;
+  for (auto* attribute = first; nla_ok(attribute, length) != 0; attribute = nla_next(attribute, &length)) {
+    const auto type = static_cast<size_t>(nla_type(attribute));
+    if (type < attributes.size() && std::exchange(attributes[type], attribute) != nullptr) {
+      return std::nullopt;
+    }
   }
   return attributes;
+}
+
+template <int MaxType>
+std::optional<Attributes<MaxType>> Parse(nlmsghdr* message) {
+  if (genlmsg_valid_hdr(message, 0) == 0) {
+    return std::nullopt;
+  }
+  auto* header = static_cast<genlmsghdr*>(nlmsg_data(message));
+  return Sort<MaxType>(genlmsg_attrdata(header, 0), genlmsg_attrlen(header, 0));
 }
 
 std::optional<uint32_t> ReadU32(const nlattr* attribute) {
@@ -73,12 +88,12 @@ std::optional<uint32_t> DecodeMulticastGroup(nlmsghdr* message, std::string_view
   int remaining = nla_len(groups);
   for (auto* entry = static_cast<nlattr*>(nla_data(groups)); nla_ok(entry, remaining) != 0;
        entry = nla_next(entry, &remaining)) {
-    Attributes<CTRL_ATTR_MCAST_GRP_MAX> fields{};
-    if (nla_parse_nested(fields.data(), CTRL_ATTR_MCAST_GRP_MAX, entry, nullptr) < 0) {
+    const auto fields = Sort<CTRL_ATTR_MCAST_GRP_MAX>(static_cast<nlattr*>(nla_data(entry)), nla_len(entry));
+    if (!fields) {
       continue;
     }
-    const auto name = ReadString(fields[CTRL_ATTR_MCAST_GRP_NAME]);
-    const auto id = ReadU32(fields[CTRL_ATTR_MCAST_GRP_ID]);
+    const auto name = ReadString((*fields)[CTRL_ATTR_MCAST_GRP_NAME]);
+    const auto id = ReadU32((*fields)[CTRL_ATTR_MCAST_GRP_ID]);
     if (name && id && *name == group) {
       return id;
     }

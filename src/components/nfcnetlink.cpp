@@ -395,8 +395,9 @@ int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_
     }
     if (result < 0) {
       LOG_ERROR("Error receiving netlink message. Return code: {}.", nl_geterror(result));
-      // No answer within the time: opening the controller anew may help, so the code says recoverable.
-      return result == -NLE_AGAIN ? NLE_FAILURE : -result;
+      // No answer within the time, or a list that changed while it was read: opening the controller anew may
+      // help, so the code says recoverable.
+      return result == -NLE_AGAIN || result == -NLE_DUMP_INTR ? NLE_FAILURE : -result;
     }
   }
   return std::abs(exchange.error);

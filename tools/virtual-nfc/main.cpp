@@ -154,7 +154,8 @@ int RunCommand(int argc, char** argv) {
       "and the\n"
       "events TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
       "Conditions: nth=N times=N port=N device=N\n"
-      "Actions: errno=E delay=MS unplug drop truncate=N garble duplicate reverse no-done seq=N sender=N");
+      "Actions: errno=E delay=MS unplug drop truncate=N garble[=long|short|missing|twice|nested] duplicate\n"
+      "reverse no-done interrupted seq=N sender=N close");
   add->add_option("RULE", spec)->required();
   add->callback(
       [&] { action = [&] { return Ask(address, fmt::format("rule add {}", fmt::join(spec, " "))); }; });

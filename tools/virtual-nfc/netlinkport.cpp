@@ -102,8 +102,19 @@ void NetlinkPort::MarkOverrun() {
     return;
   }
   mPage->overruns.fetch_add(1);
+  WakeReader();
+}
+
+void NetlinkPort::Close() {
+  if (mData) {
+    mPage->closed = 1;
+    WakeReader();
+  }
+}
+
+/// Data that is there wakes it as well.
+void NetlinkPort::WakeReader() const {
   if (IsDrained()) {
-    // Nothing is there to wake a reader up.
     (void)::send(mData.Get(), "", 0, kSendFlags);
   }
 }

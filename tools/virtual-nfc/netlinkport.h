@@ -35,6 +35,8 @@ class NetlinkPort {
   void Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   /// The program's next receive call fails with ENOBUFS.
   void MarkOverrun();
+  /// Whatever the program does with the socket from now on fails. The connection can go then.
+  void Close();
   void SetReceiveBuffer(std::uint32_t bytes) const;
 
   /// 0 until bound.
@@ -43,6 +45,7 @@ class NetlinkPort {
 
  private:
   bool IsDrained() const;
+  void WakeReader() const;
 
   const UniqueFd mControl;
   pid_t mProcessId = 0;

@@ -112,6 +112,10 @@ bool NetlinkSocket::IsAt(int fd) const {
 int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t first, std::uint32_t second,
                        const iovec* parts, std::size_t count) {
   const std::lock_guard lock(mExchange);
+  if (mPage->closed != 0) {
+    errno = EBADF;
+    return -1;
+  }
   wire::OperationHeader header{operation, first, second};
   std::vector<iovec> all{{&header, sizeof(header)}};
   all.insert(all.end(), parts, parts + count);
@@ -160,6 +164,10 @@ ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
   for (;;) {
     if (const std::uint32_t overruns = mPage->overruns.load(); mSeenOverruns.exchange(overruns) != overruns) {
       errno = ENOBUFS;
+      return -1;
+    }
+    if (mPage->closed != 0) {
+      errno = EBADF;
       return -1;
     }
     wire::DatagramHeader header{};

@@ -51,6 +51,27 @@ constexpr CommandInfo kErrors[] = {
     {"ECONNREFUSED", ECONNREFUSED},
 };
 
+/// The actions that need no number.
+struct PlainChange {
+  const char* word;
+  ChangeKind kind;
+};
+
+constexpr PlainChange kPlainChanges[] = {
+    {"drop", ChangeKind::Drop},
+    {"garble", ChangeKind::Garble},
+    {"garble=long", ChangeKind::LongAttributes},
+    {"garble=short", ChangeKind::ShortAttributes},
+    {"garble=missing", ChangeKind::MissingAttribute},
+    {"garble=twice", ChangeKind::RepeatedAttributes},
+    {"garble=nested", ChangeKind::NestedAttributes},
+    {"duplicate", ChangeKind::Duplicate},
+    {"reverse", ChangeKind::Reverse},
+    {"no-done", ChangeKind::NoDone},
+    {"interrupted", ChangeKind::Interrupted},
+    {"close", ChangeKind::Close},
+};
+
 constexpr int kMaxErrno = 4095;
 constexpr std::uint32_t kMaxDelayMs = 10 * 60 * 1000;
 
@@ -104,26 +125,14 @@ bool ParseWord(std::string_view word, Rule& rule) {
   const std::size_t equals = word.find('=');
   const std::string_view key = word.substr(0, equals);
   const std::string_view value = equals == std::string_view::npos ? "" : word.substr(equals + 1);
-  const bool hasValue = equals != std::string_view::npos;
-
-  if (!hasValue) {
-    if (key == "unplug") return rule.unplug = true;
-    struct Plain {
-      const char* name;
-      ChangeKind kind;
-    };
-    constexpr Plain kPlain[] = {{"drop", ChangeKind::Drop},
-                                {"garble", ChangeKind::Garble},
-                                {"duplicate", ChangeKind::Duplicate},
-                                {"reverse", ChangeKind::Reverse},
-                                {"no-done", ChangeKind::NoDone}};
-    for (const Plain& plain : kPlain) {
-      if (key == plain.name) {
-        rule.changes.push_back({plain.kind});
-        return true;
-      }
+  if (word == "unplug") {
+    return rule.unplug = true;
+  }
+  for (const PlainChange& plain : kPlainChanges) {
+    if (word == plain.word) {
+      rule.changes.push_back({plain.kind});
+      return true;
     }
-    return false;
   }
   if (key == "nth") {
     rule.nth = ParseNumber(word, value);
@@ -154,18 +163,77 @@ bool HasChange(const Rule& rule, ChangeKind kind) {
                      [kind](const Change& change) { return change.kind == kind; });
 }
 
-/// Inverts every byte after the headers: lengths, types and values of all attributes become nonsense.
-void Garble(Bytes& message) {
-  const std::size_t start = std::min<std::size_t>(NLMSG_HDRLEN + GENL_HDRLEN, message.size());
-  std::transform(message.begin() + static_cast<std::ptrdiff_t>(start), message.end(),
-                 message.begin() + static_cast<std::ptrdiff_t>(start),
+/// Inverts every byte from there on.
+void Invert(Bytes& bytes, std::size_t from) {
+  const auto start = bytes.begin() + static_cast<std::ptrdiff_t>(std::min(from, bytes.size()));
+  std::transform(start, bytes.end(), start,
                  [](std::uint8_t byte) { return static_cast<std::uint8_t>(~byte); });
 }
 
-std::uint16_t TypeOf(const Bytes& message) {
+nlmsghdr HeaderOf(const Bytes& message) {
   nlmsghdr header{};
   std::memcpy(&header, message.data(), std::min(sizeof(header), message.size()));
-  return header.nlmsg_type;
+  return header;
+}
+
+/// Answers and events of a family have attributes; acknowledgements and ends of dumps have none.
+bool HasAttributes(const Bytes& message) {
+  return message.size() >= NLMSG_HDRLEN + GENL_HDRLEN && HeaderOf(message).nlmsg_type >= NLMSG_MIN_TYPE;
+}
+
+void SetHeader(Bytes& message, nlmsghdr header) {
+  header.nlmsg_len = static_cast<std::uint32_t>(message.size());
+  std::memcpy(message.data(), &header, sizeof(header));
+}
+
+/// One attribute as it stands in a message, its header and padding included, the length it states not yet
+/// believed.
+void AppendAttribute(Bytes& to, std::uint16_t type, std::size_t statedLength, ByteView value) {
+  const nlattr header{static_cast<std::uint16_t>(statedLength), type};
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
+  to.insert(to.end(), bytes, bytes + sizeof(header));
+  to.insert(to.end(), value.begin(), value.end());
+  to.resize(NLA_ALIGN(to.size()), 0);
+}
+
+void DamageAttributes(Bytes& message, ChangeKind kind) {
+  const nlmsghdr header = HeaderOf(message);
+  const auto begin = message.begin() + NLMSG_HDRLEN + GENL_HDRLEN;
+  const Bytes attributes(begin, message.end());
+  Bytes damaged(message.begin(), begin);
+  bool isFirst = true;
+  for (const auto& [type, value] : ParseAttributes(attributes)) {
+    const std::size_t length = NLA_HDRLEN + value.size();
+    if (kind == ChangeKind::NestedAttributes) {
+      AppendAttribute(damaged, type, NLA_HDRLEN + attributes.size(), attributes);
+      break;
+    }
+    if (kind == ChangeKind::LongAttributes) {
+      AppendAttribute(damaged, type, length + message.size(), value);
+    } else if (kind == ChangeKind::ShortAttributes) {
+      AppendAttribute(damaged, type, NLA_HDRLEN + 1,
+                      ByteView(value).first(std::min<std::size_t>(value.size(), 1)));
+    } else if (kind == ChangeKind::RepeatedAttributes) {
+      Bytes other = value;
+      Invert(other, 0);
+      AppendAttribute(damaged, type, length, value);
+      AppendAttribute(damaged, type, length, other);
+    } else if (!isFirst) {
+      AppendAttribute(damaged, type, length, value);
+    }
+    isFirst = false;
+  }
+  message = std::move(damaged);
+  SetHeader(message, header);
+}
+
+/// As the kernel marks every message of such a dump.
+void MarkInterrupted(Bytes& message) {
+  nlmsghdr header = HeaderOf(message);
+  if ((header.nlmsg_flags & NLM_F_MULTI) != 0) {
+    header.nlmsg_flags |= NLM_F_DUMP_INTR;
+    SetHeader(message, header);
+  }
 }
 
 void SetSequence(Bytes& message, std::uint32_t sequence) {
@@ -229,7 +297,16 @@ void ApplyChanges(const std::vector<Change>& changes, Answer& answer) {
         }
         break;
       case ChangeKind::Garble:
-        if (!answer.messages.empty()) Garble(answer.messages.front());
+        if (!answer.messages.empty()) Invert(answer.messages.front(), NLMSG_HDRLEN + GENL_HDRLEN);
+        break;
+      case ChangeKind::LongAttributes:
+      case ChangeKind::ShortAttributes:
+      case ChangeKind::MissingAttribute:
+      case ChangeKind::RepeatedAttributes:
+      case ChangeKind::NestedAttributes:
+        if (!answer.messages.empty() && HasAttributes(answer.messages.front())) {
+          DamageAttributes(answer.messages.front(), change.kind);
+        }
         break;
       case ChangeKind::Duplicate:
         Duplicate(answer.messages);
@@ -238,13 +315,21 @@ void ApplyChanges(const std::vector<Change>& changes, Answer& answer) {
         std::reverse(answer.messages.begin(), answer.messages.end());
         break;
       case ChangeKind::NoDone:
-        std::erase_if(answer.messages, [](const Bytes& message) { return TypeOf(message) == NLMSG_DONE; });
+        std::erase_if(answer.messages,
+                      [](const Bytes& message) { return HeaderOf(message).nlmsg_type == NLMSG_DONE; });
+        break;
+      case ChangeKind::Interrupted:
+        for (Bytes& message : answer.messages) MarkInterrupted(message);
         break;
       case ChangeKind::Sequence:
         for (Bytes& message : answer.messages) SetSequence(message, change.value);
         break;
       case ChangeKind::Sender:
         answer.sender = change.value;
+        break;
+      case ChangeKind::Close:
+        answer.messages.clear();
+        answer.closes = true;
         break;
     }
   }

@@ -4,8 +4,7 @@
 //
 // A rule in words is "COMMAND [condition...] action...":
 //   COMMAND     a command of the nfc family by name (START_POLL) or number, GETFAMILY (the look-up of a
-//   family), an
-//               event by name (TARGETS_FOUND), or "any" for every command of the nfc family
+//               family), an event by name (TARGETS_FOUND), or "any" for every command of the nfc family
 //   conditions  nth=N      only the Nth matching one (counted from 1 since the rule was added)
 //               times=N    at most N times
 //               port=N     only from the socket with this netlink port
@@ -15,13 +14,18 @@
 //               unplug     the device goes while the command is under way; the first one when it names none
 //               drop       no answer
 //               truncate=N the first message of the answer ends after N bytes
-//               garble     the attributes of the first message are damaged
+//               garble     the first message has nonsense instead of attributes
+//               garble=how its attributes, each of them, are wrong: "long" says more bytes than there are,
+//                          "short" has one byte, "missing" has no first one, "twice" has each again with
+//                          another value, "nested" has all of them within the first
 //               duplicate  every message of the answer comes twice
 //               reverse    the messages of the answer come in reverse order
 //               no-done    a dump does not end
+//               interrupted  what a dump lists has changed in the middle of it
 //               seq=N      the answer carries this sequence number
 //               sender=N   the answer comes from this port, as if another process had sent it
-// Events know no errno, delay, unplug and no-done.
+//               close      no answer, and the socket is closed: whatever it is used for fails (EBADF)
+// Events know no errno, delay, unplug and no-done. They close the sockets of all listeners.
 
 #include <chrono>
 #include <cstdint>
@@ -38,6 +42,8 @@ namespace virtualnfc {
 struct Answer {
   std::vector<Bytes> messages;
   std::uint32_t sender = 0;
+  /// The socket that should get it is closed instead.
+  bool closes = false;
 };
 
 /// Which commands or events a rule is asked about.
@@ -50,7 +56,23 @@ struct Occurrence {
   std::optional<std::uint32_t> device;
 };
 
-enum class ChangeKind { Drop, Truncate, Garble, Duplicate, Reverse, NoDone, Sequence, Sender };
+enum class ChangeKind {
+  Drop,
+  Truncate,
+  Garble,
+  LongAttributes,
+  ShortAttributes,
+  MissingAttribute,
+  RepeatedAttributes,
+  NestedAttributes,
+  Duplicate,
+  Reverse,
+  NoDone,
+  Interrupted,
+  Sequence,
+  Sender,
+  Close,
+};
 
 struct Change {
   ChangeKind kind;

@@ -286,6 +286,17 @@ void VirtualNfc::SendEvent(Bytes message) {
   for (const Bytes& one : answer.messages) {
     Multicast(answer.sender, one);
   }
+  if (answer.closes) {
+    std::vector<std::uint64_t> listeners;
+    for (const auto& [id, socket] : mConnections) {
+      if (socket->groups.contains(mSettings.kernel.groupId)) {
+        listeners.push_back(id);
+      }
+    }
+    for (const std::uint64_t id : listeners) {
+      BreakConnection(id);
+    }
+  }
 }
 
 void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
@@ -342,8 +353,8 @@ void VirtualNfc::Begin(Work work) {
 void VirtualNfc::FinishWaiting(bool interrupted) {
   const Waiting waiting = std::move(*mWaiting);
   mWaiting.reset();
-  const auto connection = mConnections.find(waiting.work.connection);
-  const std::uint32_t port = connection == mConnections.end() ? 0 : connection->second->port;
+  const auto asker = mConnections.find(waiting.work.connection);
+  const std::uint32_t port = asker == mConnections.end() ? 0 : asker->second->port;
   const Request& request = waiting.request;
   const int vanished = mKernel.ErrorOfVanishedChip(request, waiting.device.has_value());
 
@@ -364,6 +375,8 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   if (result.startedPoll) {
     ScheduleDetection(*result.startedPoll);
   }
+  // An event that this brought about may have closed it.
+  const auto connection = mConnections.find(waiting.work.connection);
   if (connection == mConnections.end()) {
     return;
   }
@@ -373,6 +386,9 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   }
   if (waiting.work.isLast) {
     connection->second->Reply(0);
+  }
+  if (result.answer.closes) {
+    BreakConnection(waiting.work.connection);
   }
 }
 
@@ -497,6 +513,12 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
   }
 }
 
+/// Closes the program's socket under it.
+void VirtualNfc::BreakConnection(std::uint64_t id) {
+  mConnections.at(id)->Close();
+  CloseConnection(id);
+}
+
 void VirtualNfc::AcceptConnections() {
   while (UniqueFd control = mListener.Accept()) {
     mConnections.emplace(mNextConnection++, std::make_unique<NetlinkPort>(std::move(control)));
@@ -568,7 +590,7 @@ void VirtualNfc::Run() {
     AcceptConnections();
     std::vector<std::uint64_t> readable;
     for (std::size_t i = 0; i < ids.size(); ++i) {
-      if (fds[i + 2].revents != 0) {
+      if (fds[i + 2].revents != 0 && mConnections.contains(ids[i])) {
         readable.push_back(ids[i]);
       }
     }

@@ -163,6 +163,7 @@ class VirtualNfc {
   void ReadConnections(const std::vector<std::uint64_t>& readable);
   void CloseEndedConnections();
   void CloseConnection(std::uint64_t id);
+  void BreakConnection(std::uint64_t id);
   void HandleRecord(std::uint64_t id, const Bytes& record);
   int Bind(NetlinkPort& socket, std::uint32_t wanted, std::uint32_t groups);
   int Join(NetlinkPort& socket, std::uint32_t group);

@@ -50,6 +50,8 @@ struct DatagramHeader {
 struct SharedPage {
   /// Counts the losses; each is reported once by the next receive call.
   std::atomic<std::uint32_t> overruns;
+  /// Not 0: the socket is closed, whatever is asked of it fails.
+  std::atomic<std::uint32_t> closed;
 };
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 
