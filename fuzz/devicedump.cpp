@@ -8,7 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const NetlinkMessage message(data, size);
   const auto device = DecodeDevice(message.Header());
 
-  const auto payload = message.Payload();
+  const auto payload = Unambiguous(message.Payload(), NFC_ATTR_MAX);
   const auto index = FindNumber(payload, NFC_ATTR_DEVICE_INDEX);
   const auto name = FindText(payload, NFC_ATTR_DEVICE_NAME);
   const auto protocols = FindNumber(payload, NFC_ATTR_PROTOCOLS);

@@ -8,6 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const NetlinkMessage message(data, size);
   const auto command = DecodeCommand(message.Header());
   FUZZ_CHECK(command.has_value() == message.HasHeaders() && (!command || *command == message.Command()));
-  FUZZ_CHECK(DecodeDeviceIndex(message.Header()) == FindNumber(message.Payload(), NFC_ATTR_DEVICE_INDEX));
+  const auto payload = Unambiguous(message.Payload(), NFC_ATTR_MAX);
+  FUZZ_CHECK(DecodeDeviceIndex(message.Header()) == FindNumber(payload, NFC_ATTR_DEVICE_INDEX));
   return 0;
 }

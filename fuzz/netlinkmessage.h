@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -65,6 +66,17 @@ inline std::vector<std::pair<unsigned, Bytes>> ReadAttributes(const Bytes& bytes
     at += (length + 3) / 4 * 4;
   }
   return attributes;
+}
+
+/// The same bytes, or none when an attribute up to that type is there twice.
+inline Bytes Unambiguous(const Bytes& bytes, unsigned highestType) {
+  std::set<unsigned> types;
+  for (const auto& [type, value] : ReadAttributes(bytes)) {
+    if (type != 0 && type <= highestType && !types.insert(type).second) {
+      return {};
+    }
+  }
+  return bytes;
 }
 
 /// The value of an attribute, of repeated ones the last; nothing when there is none with so many bytes.

@@ -8,7 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const NetlinkMessage message(data, size);
   const auto target = DecodeTarget(message.Header());
 
-  const auto payload = message.Payload();
+  const auto payload = Unambiguous(message.Payload(), NFC_ATTR_MAX);
   const auto protocols = FindNumber(payload, NFC_ATTR_PROTOCOLS);
   FUZZ_CHECK(target.has_value() == protocols.has_value());
   if (!target) {

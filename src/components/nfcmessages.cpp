@@ -25,7 +25,7 @@ std::optional<Attributes<MaxType>> Sort(nlattr* first, int length) {
   Attributes<MaxType> attributes{};
   for (auto* attribute = first; nla_ok(attribute, length) != 0; attribute = nla_next(attribute, &length)) {
     const auto type = static_cast<size_t>(nla_type(attribute));
-    if (type < attributes.size() && std::exchange(attributes[type], attribute) != nullptr) {
+    if (type != 0 && type < attributes.size() && std::exchange(attributes[type], attribute) != nullptr) {
       return std::nullopt;
     }
   }

@@ -54,6 +54,7 @@ class CNfcNetlink : public INfcNetlink {
   void OpenController();
   void CloseEarlierController();
   void Poll(EPollReason reason);
+  int SendStartPoll();
   bool SendStopPoll();
   void StopEarlierPolling();
   bool PutHeader(nl_msg* message, int flags, uint8_t command) const;

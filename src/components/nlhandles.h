@@ -4,6 +4,7 @@
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
+#include <sys/socket.h>
 
 #include <memory>
 
@@ -19,3 +20,15 @@ struct NlRelease {
 using NlMessage = std::unique_ptr<nl_msg, NlRelease<nlmsg_free>>;
 using NlCallbacks = std::unique_ptr<nl_cb, NlRelease<nl_cb_put>>;
 using NlSocket = std::unique_ptr<nl_sock, NlRelease<nl_socket_free>>;
+
+inline bool IsFromKernel(nl_msg* msg) {
+  return nlmsg_get_src(msg)->nl_pid == 0;
+}
+
+/// libnl leaves an empty datagram in the socket and would find it there again and again.
+inline void DropEmptyDatagram(nl_sock* socket) {
+  char byte = 0;
+  if (recv(nl_socket_get_fd(socket), &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0) {
+    recv(nl_socket_get_fd(socket), &byte, sizeof(byte), MSG_DONTWAIT);
+  }
+}

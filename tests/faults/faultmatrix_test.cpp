@@ -224,8 +224,8 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
   }
   cell.mStation.mKernel.AddRule(fmt::format("{} {}", exchange.rule, fault));
   phase.begin(cell, exchange);
-  if (exchange.number != 0 && (fault == "unplug" || (isEvent && fault == "duplicate"))) {
-    cell.AwaitTold();  // before the reader is plugged in again, and before another card
+  if (exchange.number != 0 && fault == "unplug") {
+    cell.AwaitTold();  // before the reader is plugged in again
   }
   return cell.Judge();
 }

@@ -1,0 +1,90 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "inprocess.h"
+#include "jitter.h"
+#include "src/components/nfcnetlink.h"
+
+using namespace std::chrono_literals;
+using namespace virtualnfc;
+
+namespace {
+
+VirtualNfcSettings QuickReader() {
+  VirtualNfcSettings settings;
+  settings.detectionDelay = 1ms;
+  return settings;
+}
+
+/// Puts a card to the reader and takes it away, again and again.
+class RestlessDriver {
+ public:
+  explicit RestlessDriver(VirtualNfc& kernel)
+      : mThread([this, &kernel] {
+          Jitter jitter(1);
+          while (!mDone) {
+            kernel.PresentTag(MakeTag(TagKind::Mifare, "04A12B5C"));
+            jitter.Pass();
+            std::this_thread::sleep_for(std::chrono::milliseconds(jitter.Below(4)));
+            kernel.RemoveTags();
+            jitter.Pass();
+          }
+        }) {}
+  ~RestlessDriver() {
+    mDone = true;
+    mThread.join();
+  }
+
+ private:
+  std::atomic<bool> mDone{false};
+  std::thread mThread;
+};
+
+}  // namespace
+
+TEST(NfcNetlinkSchedules, OffMeansOffAndOnReadsCardsWheneverTheMonitorIsStartedAndStopped) {
+  InProcessVirtualNfc kernel(QuickReader());
+  std::mutex mutex;
+  std::condition_variable read;
+  unsigned cards = 0;   // guarded by mutex, as the next
+  std::string failure;  // what the monitor reported
+  CNfcNetlink controller;
+  const RestlessDriver driver(kernel);
+  Jitter jitter(2);
+  for (int round = 0; round < 200 && !HasFailure(); ++round) {
+    controller.InitializeController(
+        [&](const CToken&) {
+          const std::lock_guard lock(mutex);
+          ++cards;
+          read.notify_one();
+        },
+        [&](const CRfidError& error) {
+          const std::lock_guard lock(mutex);
+          failure = error.what();
+          read.notify_one();
+        });
+    jitter.Pass();
+    for (auto openings = jitter.Below(3); openings > 0; --openings) {
+      controller.StartPolling();
+      jitter.Pass();
+      if (jitter.Below(2) == 0) {
+        std::unique_lock lock(mutex);
+        const bool reads =
+            read.wait_for(lock, 20s, [&, before = cards] { return cards > before || !failure.empty(); });
+        EXPECT_TRUE(reads) << "deaf";
+      }
+      controller.StopPolling();
+      jitter.Pass();
+      const auto reader = kernel.GetStatus().Device();
+      EXPECT_FALSE(reader.polling || reader.powered) << "not off";
+    }
+    if (jitter.Below(2) == 0) {  // else the next opening ends this one
+      controller.DeinitializeController();
+    }
+    EXPECT_EQ(failure, "");
+  }
+}

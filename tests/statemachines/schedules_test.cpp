@@ -1,0 +1,200 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "doormachine.h"
+#include "jitter.h"
+#include "statemachines/hsmalive.h"
+#include "statemachines/utils/statemachinesutility.h"
+
+/// Stress with random timing.
+namespace {
+
+using std::chrono::microseconds;
+
+/// What became of one thread's posts.
+struct Outcome {
+  int taken = 0;
+  int refused = 0;
+  int broken = 0;
+};
+
+/// Asks for the door in random ways until it has asked often enough.
+Outcome Visit(const std::shared_ptr<IHsmInterface>& machine, unsigned stream, int times) {
+  Jitter jitter(stream);
+  Outcome outcome;
+  for (int i = 0; i < times; ++i) {
+    try {
+      ipc::MResult result;
+      switch (jitter.Below(4)) {
+        case 0:
+          result = PostAndWait<Open>(machine);
+          break;
+        case 1:
+          result = PostAndWait<Close>(machine);
+          break;
+        case 2:
+          result = PostAndWait<Ring>(machine);  // nobody's reaction
+          break;
+        default:
+          result = PostAndWait<Knock>(machine);
+          break;
+      }
+      ++(result.result() == ipc::EResultOk ? outcome.taken : outcome.refused);
+    } catch (const std::future_error& e) {
+      EXPECT_EQ(e.code(), std::future_errc::broken_promise);
+      ++outcome.broken;
+    }
+    jitter.Pass();
+  }
+  return outcome;
+}
+
+struct AliveActions {
+  virtual void IntStartAliveTimer() = 0;
+  virtual void IntStopAliveTimer() = 0;
+};
+
+class AliveHandler : public CHsmAlive<AliveActions> {
+ public:
+  AliveHandler() {
+    ExtSendAlive = [this] {
+      mEarly += mStopped ? 1 : 0;
+      mJitter.Pass();
+      mEarly += mStopped ? 1 : 0;
+      ++mSent;
+    };
+    CWorker::Start();
+  }
+  ~AliveHandler() override {
+    IntStopAliveTimer();
+    CWorker::Stop();
+  }
+
+  std::atomic<bool> mStopped{true};
+  std::atomic<int> mEarly{0};  ///< messages that were on their way although the timer was stopped
+  std::atomic<int> mSent{0};
+
+ private:
+  Jitter mJitter{99};  // worker thread only
+};
+
+}  // namespace
+
+TEST(Schedules, EveryPostIsAnsweredWheneverTheMachineStartsAndStops) {
+  constexpr unsigned Rounds = 150;
+  constexpr unsigned Posters = 3;
+  constexpr int PostsEach = 20;
+  for (unsigned round = 0; round < Rounds; ++round) {
+    const auto handler = std::make_shared<DoorHandler>();
+    auto machine = std::make_shared<DoorMachine>(handler);
+    int answered = 0;  // the machine's thread only
+    handler->OnAction = [&](const std::string& action) {
+      answered += action == "answer" ? 1 : 0;
+      if (action == "knocked") {
+        handler->SendEvent<Say>("answer");  // a reaction posts, too
+      }
+    };
+    std::vector<std::future<Outcome>> posters;
+    for (unsigned poster = 0; poster < Posters; ++poster) {
+      posters.push_back(std::async(std::launch::async, Visit, machine, round * 10 + poster, PostsEach));
+    }
+    std::thread stopper([&] {
+      Jitter jitter(round * 10 + Posters);
+      for (unsigned pauses = jitter.Below(40); pauses > 0; --pauses) {
+        jitter.Pass();
+      }
+      machine->Stop();
+      jitter.Pass();
+      machine->Stop();
+    });
+    Jitter jitter(round * 10 + Posters + 1);
+    jitter.Pass();
+    machine->Run();
+    EXPECT_FALSE(machine->IsRunning());
+    Outcome sum;
+    for (auto& poster : posters) {
+      const auto outcome = poster.get();  // ends: nobody waits for a machine that has stopped
+      sum.taken += outcome.taken;
+      sum.refused += outcome.refused;
+      sum.broken += outcome.broken;
+    }
+    stopper.join();
+    EXPECT_EQ(sum.taken + sum.refused + sum.broken, static_cast<int>(Posters) * PostsEach);
+    EXPECT_LE(answered, sum.taken);
+    if (HasFailure()) {
+      return;
+    }
+  }
+}
+
+TEST(Schedules, NoAliveMessageIsOnItsWayOnceTheTimerIsStopped) {
+  AliveHandler handler;
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    Jitter jitter(1);
+    while (!done) {
+      handler.Sync();
+      jitter.Pass();
+    }
+  });
+  Jitter jitter(2);
+  for (int round = 0; round < 1000; ++round) {
+    handler.mStopped = false;
+    handler.IntStartAliveTimer();
+    jitter.Pass();
+    handler.IntStopAliveTimer();
+    handler.mStopped = true;
+    jitter.Pass();
+  }
+  done = true;
+  other.join();
+  EXPECT_EQ(handler.mEarly, 0);
+  EXPECT_GT(handler.mSent, 0);
+}
+
+TEST(Schedules, NoPeriodicCallRunsAfterCancelAndSyncWhateverElseIsScheduled) {
+  CWorker worker;
+  std::atomic<int> late{0};
+  std::atomic<int> made{0};
+  std::vector<std::thread> users;
+  for (unsigned user = 0; user < 3; ++user) {
+    users.emplace_back([&, user] {
+      Jitter jitter(user);
+      for (int round = 0; round < 200; ++round) {
+        const auto cancelled = std::make_shared<std::atomic<bool>>(false);
+        const auto call = worker.AddCall(
+            [&, cancelled] {
+              late += *cancelled ? 1 : 0;
+              ++made;
+            },
+            std::chrono::steady_clock::now() + microseconds(jitter.Below(100)),
+            microseconds(20 + jitter.Below(100)));
+        jitter.Pass();
+        call->Cancel();
+        worker.Sync();
+        *cancelled = true;
+      }
+    });
+  }
+  Jitter jitter(3);
+  for (int round = 0; round < 20; ++round) {
+    worker.Start();
+    for (unsigned pauses = jitter.Below(20); pauses > 0; --pauses) {
+      jitter.Pass();
+    }
+    worker.Stop();  // who waits in Sync is let go
+  }
+  worker.Start();
+  for (auto& user : users) {
+    user.join();
+  }
+  EXPECT_EQ(late, 0);
+  EXPECT_GT(made, 0);
+}
