@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <functional>
+#include <utility>
 
 #include "framework/hubconfig.h"
 #include "framework/log.h"
@@ -52,8 +53,22 @@ CRfid::~CRfid() {
 
 void CRfid::ConnectInterfaces() {
   ConnectIProcessControl(mActionHandler, mProcessControlService, mStateMachine);
+  ConnectInterruption();
   ConnectIStatemachine();
   ConnectIRfid();
+}
+
+/// An error that waits behind the interrupt leads out of "Terminating" again: the interrupt is then repeated,
+/// on the machine's thread.
+void CRfid::ConnectInterruption() const {
+  for (auto* hook : {&mActionHandler->ExtErrorRsp, &mActionHandler->ExtFatalErrorRsp}) {
+    *hook = [this, tellSupervisor = std::move(*hook)] {
+      tellSupervisor();
+      if (mInterrupted) {
+        signalHook(SIGINT);
+      }
+    };
+  }
 }
 
 void CRfid::ConnectIStatemachine() const {
@@ -108,9 +123,10 @@ void CRfid::StartCommunication() {
   });
 }
 
-void CRfid::RunStateMachine() const {
+void CRfid::RunStateMachine() {
   signalHook = [this](int signal) {
     if (signal == SIGINT) {
+      mInterrupted = true;
       mStateMachine->PostEvent(std::make_shared<IntTerminate>());
     }
   };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -30,11 +31,12 @@ class CRfid {
 
  private:
   void ConnectInterfaces();
+  void ConnectInterruption() const;
   void ConnectIStatemachine() const;
   void ConnectIRfid() const;
   void AddServices();
   void StartCommunication();
-  void RunStateMachine() const;
+  void RunStateMachine();
   void StopCommunication();
   void CloseReader() const;
 
@@ -48,4 +50,5 @@ class CRfid {
   std::shared_ptr<CRfidReader> mRfidReader;
   std::thread mServerThread;
   std::thread mNotificationThread;
+  std::atomic<bool> mInterrupted{false};
 };
