@@ -1,4 +1,4 @@
-# Warnings, sanitizers, ccache and source positions: one place for every target of ours.
+# Warnings, sanitizers, coverage, ccache and source positions: one place for every target of ours.
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
@@ -17,6 +17,12 @@ if(RFID_SANITIZE)
   if(RFID_SANITIZE MATCHES "undefined")
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()
+endif()
+
+# Everything is counted, the tests too: the state machines' templates are instantiated there. Threads count at once.
+if(RFID_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
 endif()
 
 # Every target of ours but the generated code links this.

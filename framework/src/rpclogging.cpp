@@ -98,9 +98,6 @@ void Warning(const std::string& message) noexcept {
 void Info(const std::string& message) noexcept {
   Write(&Rpc::ILogger::Info, message);
 }
-void Debug(const std::string& message) noexcept {
-  Write(&Rpc::ILogger::Debug, message);
-}
 
 ErrorCapture::ErrorCapture() {
   tCapture = &mLast;

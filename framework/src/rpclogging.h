@@ -17,7 +17,6 @@ void CaptureLibraries();
 void Error(const std::string& message) noexcept;
 void Warning(const std::string& message) noexcept;
 void Info(const std::string& message) noexcept;
-void Debug(const std::string& message) noexcept;
 
 /// Remembers the errors that gRPC logs on this thread while it lives: gRPC's own calls only say that they
 /// failed.

@@ -3,7 +3,11 @@
 #include <dirent.h>
 #include <gmock/gmock.h>
 #include <linux/nfc.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <functional>
@@ -11,11 +15,13 @@
 #include <memory>
 #include <mutex>
 
+#include "framework/handover.h"
 #include "framework/logcapture.h"
 #include "inprocess.h"
 
 using namespace std::chrono_literals;
 using namespace virtualnfc;
+using handover::Gate;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
@@ -117,7 +123,6 @@ const Tag Card = MakeTag(TagKind::Mifare, "04A12B5C");
 }  // namespace
 
 // ---- Opening and closing
-// ----------------------------------------------------------------------------------------
 
 TEST_F(NfcNetlink, LivesThroughItsLifeCycleAndLeavesNothingOpen) {
   const auto descriptors = OpenDescriptors(*mKernel);
@@ -193,6 +198,14 @@ TEST_F(NfcNetlink, SaysWhatCannotBeOpenedAndLeavesNothingBehind) {
   }
   mKernel->ClearRules();
   EXPECT_EQ(ErrorOfOpen(), "");
+  mController->DeinitializeController();
+  mKernel.reset();
+  EXPECT_EQ(ErrorOfOpen(), "Could not connect to generic netlink. 26");
+}
+
+TEST_F(NfcNetlink, AnExchangeIsOverAtItsTimeAlthoughMessagesKeepComing) {
+  mController = std::make_unique<CNfcNetlink>(0ms);  // which is no limit for the socket's own waiting
+  EXPECT_EQ(ErrorOfOpen(), "Could not resolve nfc multicast id. 1 recoverable");
 }
 
 TEST_F(NfcNetlink, TakesOnlyTheReaderThatIsTheKernelsDeviceZero) {
@@ -212,6 +225,11 @@ class NfcNetlinkWithoutFamily : public NfcNetlink {
   NfcNetlinkWithoutFamily() : NfcNetlink({.kernel = {.hasFamily = false}}) {}
 };
 
+class NfcNetlinkWithoutListeners : public NfcNetlink {
+ protected:
+  NfcNetlinkWithoutListeners() : NfcNetlink({.kernel = {.admitsListeners = false}}) {}
+};
+
 class NfcNetlinkWithoutGroup : public NfcNetlink {
  protected:
   NfcNetlinkWithoutGroup() : NfcNetlink({.kernel = {.groupName = "else"}}) {}
@@ -223,6 +241,44 @@ TEST_F(NfcNetlinkWithoutFamily, IsRefusedByAKernelWithoutNfc) {
 
 TEST_F(NfcNetlinkWithoutGroup, IsRefusedByAKernelWithoutEvents) {
   EXPECT_EQ(ErrorOfOpen(), "Could not resolve nfc multicast id. 12");
+}
+
+TEST_F(NfcNetlinkWithoutListeners, AMonitorThatMayNotListenIsNoticedWhenPollingIsStarted) {
+  Open();
+  EXPECT_EQ(ErrorOfStart(), "Netlink sockets not initialized. Initialize controller first. 3 recoverable");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error),
+              ElementsAre(HasSubstr(") Error: Could not add membership to mcast nfc events: ")));
+  mController->DeinitializeController();
+  EXPECT_EQ(CountInterposedSockets(), 0);
+}
+
+TEST_F(NfcNetlink, AMonitorWhoseSocketCannotBeWaitedForIsNoticedWhenPollingIsStarted) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = limit.rlim_max;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<UniqueFd> taken(FD_SETSIZE);
+  std::generate(taken.begin(), taken.end(), [] { return UniqueFd(dup(STDERR_FILENO)); });
+  Open();
+  EXPECT_EQ(ErrorOfStart(), "Netlink sockets not initialized. Initialize controller first. 3 recoverable");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error),
+              ElementsAre(HasSubstr(") Error: Too many open descriptors to wait for events: ")));
+}
+
+TEST_F(NfcNetlink, AMonitorThatCannotBeWokenKeepsTheControllerFromClosingUntilItEnds) {
+  Gate gate;
+  mInCallback = [&] { gate.Pass(); };
+  Start();
+  mKernel->PresentTag(Card);
+  ASSERT_TRUE(gate.AwaitWaiting(1));
+  mKernel->AddRule("DEVICE_ADDED close");
+  mKernel->Plug();
+  const auto close = [this] { mController->DeinitializeController(); };
+  EXPECT_EQ(ErrorOf(close), "Failed to stop event monitor 3 recoverable");
+  EXPECT_EQ(ErrorOfOpen(), "Failed to stop event monitor 3 recoverable");
+  gate.Open();
+  EXPECT_TRUE(handover::Eventually([&] { return ErrorOf(close).empty(); }));
+  EXPECT_EQ(CountInterposedSockets(), 0);
 }
 
 TEST_F(NfcNetlink, OperationsOnAClosedControllerFailInsteadOfWaiting) {
@@ -260,18 +316,14 @@ TEST_F(NfcNetlink, ClosesWhateverTheMonitorIsDoing) {
     mController->DeinitializeController();
   }
   // in the target callback
-  std::promise<void> inCallback;
-  std::promise<void> mayGoOn;
-  mInCallback = [&] {
-    inCallback.set_value();
-    mayGoOn.get_future().wait();
-  };
+  Gate gate;
+  mInCallback = [&] { gate.Pass(); };
   Start();
   mKernel->PresentTag(Card);
-  inCallback.get_future().wait();
+  ASSERT_TRUE(gate.AwaitWaiting(1));
   mController->StopPolling();
   auto closed = std::async(std::launch::async, [this] { mController->DeinitializeController(); });
-  mayGoOn.set_value();
+  gate.Open();
   closed.get();
   EXPECT_FALSE(mKernel->GetStatus().Device().powered);
   mInCallback = {};
@@ -292,7 +344,6 @@ TEST_F(NfcNetlink, ClosesWhateverTheMonitorIsDoing) {
 }
 
 // ---- Polling
-// ----------------------------------------------------------------------------------------------------
 
 class NfcNetlinkPolling : public NfcNetlink, public ::testing::WithParamInterface<bool> {
  protected:
@@ -372,9 +423,9 @@ TEST_F(NfcNetlink, BusyIsASuccessOnlyWhileThePollingIsItsOwn) {
 }
 
 // ---- Tags
-// -------------------------------------------------------------------------------------------------------
 
 TEST_F(NfcNetlink, ReadsEveryTechnology) {
+  mInCallback = [this] { mKernel->RemoveTags(); };  // before polling goes on: each is seen once
   Start();
   EXPECT_EQ(Tap(MakeTag(TagKind::Mifare, "04A12B5C")), "MIFARE 04A12B5C");
   EXPECT_EQ(Tap(MakeTag(TagKind::Mifare, "04A12B5C112233")), "MIFARE 04A12B5C112233");
@@ -403,6 +454,8 @@ TEST_F(NfcNetlink, OfSeveralTagsTheLastIsDelivered) {
 TEST_F(NfcNetlink, OtherEventsChangeNothing) {
   Start();
   const auto polls = mKernel->GetStatus().Commands(NFC_CMD_START_POLL);
+  mKernel->SendRawEvent(MessageBuilder(20, 0, 0, 0).Finish());  // it may have been a tag, and polling be over
+  EXPECT_TRUE(WaitForCommand(NFC_CMD_START_POLL, polls + 1));
   mKernel->Plug();  // another reader comes, and another process finds a tag with it
   mKernel->SendRawEvent(
       MessageBuilder(20, 0, 0, 0).Genl(NFC_EVENT_TARGETS_FOUND, 1).U32(NFC_ATTR_DEVICE_INDEX, 1).Finish());
@@ -411,7 +464,7 @@ TEST_F(NfcNetlink, OtherEventsChangeNothing) {
   mKernel->SendRawEvent(Bytes(sizeof(nlmsghdr), 0));
   EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Processing netlink event...")));
-  EXPECT_TRUE(WaitForCommand(NFC_CMD_START_POLL, polls + 1));
+  EXPECT_TRUE(WaitForPolling());
 }
 
 TEST_P(NfcNetlinkPolling, ATagThatComesWhilePollingIsStoppedDoesNotSwitchTheReaderOnAgain) {
@@ -433,7 +486,6 @@ TEST_P(NfcNetlinkPolling, ATagThatComesWhilePollingIsStoppedDoesNotSwitchTheRead
 }
 
 // ---- Never silently deaf
-// ----------------------------------------------------------------------------------------
 
 TEST_P(NfcNetlinkPolling, WhateverEndsTheReadingOfTagsIsReported) {
   struct Case {
@@ -456,7 +508,9 @@ TEST_P(NfcNetlinkPolling, WhateverEndsTheReadingOfTagsIsReported) {
     Start();
     mKernel->AddRule(c.rule);
     mKernel->PresentTag(Card);
-    EXPECT_EQ(WaitFor(c.reported.size()), c.reported);
+    auto reported = WaitFor(c.reported.size());
+    reported.resize(c.reported.size());  // where only the answer was lost, the tag may have been found again
+    EXPECT_EQ(reported, c.reported);
     mKernel->RemoveTags();
     mKernel->ClearRules();
     Open();  // the cure

@@ -2,11 +2,8 @@
 
 #include <gmock/gmock.h>
 
-#include <condition_variable>
-#include <deque>
-#include <mutex>
-
 #include "fakenfcnetlink.h"
+#include "framework/handover.h"
 #include "framework/logcapture.h"
 #include "temporarystore.h"
 
@@ -23,7 +20,12 @@ namespace {
 /// Stands in for the machine: keeps what is posted.
 class FakeMachine : public IHsmInterface {
  public:
-  void PostEvent(const std::shared_ptr<IHsmEvent>& event) override { mEvents.push_back(event); }
+  void PostEvent(const std::shared_ptr<IHsmEvent>& event) override {
+    if (mFails) {
+      throw std::runtime_error("no memory");
+    }
+    mEvents.push_back(event);
+  }
   void Run() override {}
   void Stop() override {}
   bool IsRunning() const override { return true; }
@@ -46,6 +48,8 @@ class FakeMachine : public IHsmInterface {
     mEvents.clear();
     return names;
   }
+
+  bool mFails = false;
 
  private:
   std::vector<std::shared_ptr<IHsmEvent>> mEvents;
@@ -70,29 +74,25 @@ class FakeFeedback : public IFeedback {
 class RecordingDiagnostics : public IDiagnosticsTransport {
  public:
   bool Deliver(const ipc::MSignal& signal) override {
-    const std::lock_guard lock(mMutex);
-    mValues.push_back(signal.name() + "=" + signal.value());
-    mArrived.notify_all();
+    mValues.Put(signal.name() + "=" + signal.value());
     return true;
   }
   /// Forgets what earlier tests sent: the latest values of all signals come again to a new peer.
   void SkipTo(const std::string& value) {
-    std::unique_lock lock(mMutex);
-    mArrived.wait_for(lock, std::chrono::seconds(20),
-                      [&] { return !mValues.empty() && mValues.back() == value; });
-    mValues.clear();
+    while (mValues.Take().value_or(value) != value) {
+    }
   }
-  /// Waits for the next `count` values and forgets them.
+  /// Waits for the next `count` values.
   std::vector<std::string> Take(size_t count) {
-    std::unique_lock lock(mMutex);
-    mArrived.wait_for(lock, std::chrono::seconds(20), [&] { return mValues.size() >= count; });
-    return std::exchange(mValues, {});
+    std::vector<std::string> values;
+    while (values.size() < count) {
+      values.push_back(mValues.Take().value_or("nothing"));
+    }
+    return values;
   }
 
  private:
-  std::mutex mMutex;
-  std::condition_variable mArrived;
-  std::vector<std::string> mValues;
+  handover::Mailbox<std::string> mValues;
 };
 
 class ActionHandler : public ::testing::Test {
@@ -282,6 +282,16 @@ TEST_F(ActionHandler, AValidCardIsPublishedFedBackAndPosted) {
     EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace),
                 Contains(MatchesRegex(std::string("\\(src/components/rfid") + line)));
   }
+}
+
+TEST_F(ActionHandler, AFailureOnTheWayToTheMachineCostsNothingButTheToken) {
+  Enable();
+  mMachine.mFails = true;
+  Read("04A1B2C3");
+  Authenticate("04A1B2C3");
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error),
+              ElementsAre(EndsWith(") Failed to process token 04A1B2C3. Error: no memory."),
+                          EndsWith(") Failed to authenticate token 04A1B2C3. Error: no memory.")));
 }
 
 TEST_F(ActionHandler, AnInvalidCardIsPublishedAndNotifiedWithoutFeedbackAlsoInLearningMode) {

@@ -29,7 +29,7 @@ expectKnown() {
   local word=${*: -1} beginning="${*:1:$#-1}"
   propose "$beginning ${word:0:2}"
   [[ " ${COMPREPLY[*]} " == *" $word "* ]] || { echo "not completed: $*"; failed=1; }
-  sed 's/\\-/-/g; s/\\f.//g' "$pages/$1.1" | grep -qFwe "$word" || { echo "not in the manual: $*"; failed=1; }
+  grep -qFwe "$word" < <(sed 's/\\-/-/g; s/\\f.//g' "$pages/$1.1") || { echo "not in the manual: $*"; failed=1; }
 }
 
 for file in rfidctl virtual-nfc virtual-station; do
@@ -38,7 +38,7 @@ for file in rfidctl virtual-nfc virtual-station; do
 done
 compopt() { :; }  # is for a completion that readline asked for
 
-expect 'rfidctl ' state enable disable learning inject watch log-level
+expect 'rfidctl ' state enable disable learning inject watch log-level signals
 expect 'rfidctl --root /tmp l' learning log-level
 expect 'rfidctl learning ' on off
 expect 'rfidctl learning on '

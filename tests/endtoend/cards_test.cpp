@@ -29,13 +29,13 @@ TEST_F(Cards, ACardInTheListIsAcceptedOnceForAsLongAsItStays) {
   EXPECT_EQ(mSupervisor->Inject("11223344"), "Ok");  // comes after all that the card brought
   ASSERT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
   EXPECT_EQ(mSupervisor->Notified().size(), 2U);
-  EXPECT_THAT(mStation->FeedbackEvents(), ElementsAre(ipc::EFbTokenScanned, ipc::EFbAuthAccepted,
-                                                      ipc::EFbTokenScanned, ipc::EFbAuthRejected));
+  EXPECT_THAT(mPeers->FeedbackEvents(), ElementsAre(ipc::EFbTokenScanned, ipc::EFbAuthAccepted,
+                                                    ipc::EFbTokenScanned, ipc::EFbAuthRejected));
   EXPECT_TRUE(
-      mStation->WaitFor([](const auto& calls) { return calls.size() >= 12; }, std::chrono::seconds(10)));
-  EXPECT_THAT(mStation->SignalValues(ipc::ESignalRfidState), ElementsAre("Ready", "Polling"));
-  EXPECT_THAT(mStation->SignalValues(ipc::ESignalRfidLastUid), ElementsAre("04A12B5C", "11223344"));
-  EXPECT_THAT(mStation->SignalValues(ipc::ESignalRfidLastTechnology), ElementsAre("MIFARE", "InjectedToken"));
+      mPeers->WaitFor([](const auto& calls) { return calls.size() >= 12; }, std::chrono::seconds(10)));
+  EXPECT_THAT(mPeers->SignalValues(ipc::ESignalRfidState), ElementsAre("Ready", "Polling"));
+  EXPECT_THAT(mPeers->SignalValues(ipc::ESignalRfidLastUid), ElementsAre("04A12B5C", "11223344"));
+  EXPECT_THAT(mPeers->SignalValues(ipc::ESignalRfidLastTechnology), ElementsAre("MIFARE", "InjectedToken"));
 }
 
 TEST_F(Cards, EveryKindOfCardHasItsOutcome) {

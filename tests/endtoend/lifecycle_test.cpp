@@ -29,7 +29,6 @@ TEST_F(Lifecycle, TheSupervisorDrivesTheDaemonAndIsToldEveryState) {
   EXPECT_TRUE(mSupervisor->WaitFor("Disabled", 3));
   EXPECT_THAT(mSupervisor->Notified(), ElementsAre("Disabled", "Disabled", "Enabled", "Enabled", "Disabled"));
   EXPECT_FALSE(mKernel->GetStatus().Device().powered);
-  EXPECT_EQ(Interrupt(), "exit 0");
 }
 
 TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecoveredButNotEnabled) {
@@ -62,7 +61,6 @@ TEST_F(Lifecycle, AReaderThatIsGoneIsAFatalErrorWhichOnlyARestartEnds) {
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("FatalError", 3));
   EXPECT_THAT(mSupervisor->Notified(), ElementsAre("Error", "FatalError", "FatalError", "FatalError"));
-  EXPECT_EQ(Interrupt(), "exit 0");
 }
 
 TEST_F(Lifecycle, WithoutAReaderEnablingFailsAndSucceedsOnceItIsThere) {
@@ -86,6 +84,7 @@ TEST_F(Lifecycle, AThousandCyclesLeaveNothingBehind) {
   EnableDaemon();
   size_t descriptors = 0;
   size_t threads = 0;
+  size_t memory = 0;
   for (int cycle = 0; cycle < 1000; ++cycle) {
     ASSERT_EQ(mSupervisor->Disable(), "Ok");
     ASSERT_TRUE(mSupervisor->WaitFor("Disabled"));
@@ -95,9 +94,12 @@ TEST_F(Lifecycle, AThousandCyclesLeaveNothingBehind) {
     if (cycle == 10) {
       descriptors = mDaemon->OpenDescriptors();
       threads = mDaemon->Threads();
+      memory = mDaemon->Memory("VmRSS");
     }
   }
   EXPECT_LE(mDaemon->OpenDescriptors(), descriptors);
+  if (!IsSanitized) {
+    EXPECT_LE(mDaemon->Memory("VmRSS"), memory + 1024);
+  }
   EXPECT_LE(mDaemon->Threads(), threads + 2);  // the RPC library keeps a spare thread or two after traffic
-  EXPECT_EQ(Interrupt(), "exit 0");
 }

@@ -56,6 +56,16 @@ TEST_F(Rfidctl, WhatTheDaemonDoesAndWhatItRefusesIsSeenFromTheStatus) {
   Expect({"inject", "11223344"}, "exit 0", "", "");
   EXPECT_TRUE(mSupervisor->WaitFor("learning 11223344"));
   Expect({"log-level"}, "exit 0", "trace\n", "");
+  const auto isListed = [&](const Words& command, const std::string& line) {
+    return StartCtl(command)->Wait() == "exit 0" && Out().find(line + "\n") != std::string::npos;
+  };
+  EXPECT_TRUE(Eventually([&] { return isListed({"signals"}, "101 Rfid last scanned UID = 11223344"); }))
+      << Out();
+  EXPECT_TRUE(isListed({"signals", "--json"},
+                       R"({"id":101,"name":"Rfid last scanned UID","unit":"","value":"11223344"})"))
+      << Out();
+  EXPECT_EQ(Start({RFIDCTL_PATH, "--address", "unix:" + Path("run/rfid.sock"), "signals"})->Wait(), "exit 1");
+  ExpectError("only takes signals");
   Expect({"watch", "--only", "token", "--count", "1", "--timeout", "3"}, "exit 4", "", "0 of 1");
   EXPECT_EQ(Start({"/bin/sh", "-c", "\"$0\" --root \"$1\" state >/dev/full", RFIDCTL_PATH, mRoot})->Wait(),
             "exit 1");
@@ -78,7 +88,8 @@ TEST_F(Rfidctl, AWordThatItDoesNotKnowIsNamed) {
 }
 
 TEST_F(Rfidctl, ADaemonThatCannotBeReachedIsSaidWithTheReason) {
-  for (const Words& command : {Words{"state"}, Words{"inject", "04A12B5C"}, Words{"watch"}}) {
+  for (const Words& command :
+       {Words{"state"}, Words{"inject", "04A12B5C"}, Words{"watch"}, Words{"signals"}}) {
     Expect(command, "exit 3", "", "No such file or directory");
   }
   StartDaemon();

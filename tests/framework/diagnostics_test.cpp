@@ -21,6 +21,9 @@ class Peer final : public IDiagnosticsTransport {
     }
     if (!mPresent) {
       mRefused.Put(signal.value());
+      if (mThrows) {
+        throw std::runtime_error("no peer");
+      }
       return false;
     }
     mReceived.Put(std::to_string(signal.id()) + "=" + signal.value());
@@ -42,6 +45,7 @@ class Peer final : public IDiagnosticsTransport {
   }
 
   std::atomic<bool> mPresent{true};
+  std::atomic<bool> mThrows{false};
   std::atomic<bool> mHangs{false};
   std::atomic<bool> mObeysCancel{true};
   Gate mGate;
@@ -105,14 +109,33 @@ TEST_F(DiagnosticsTest, APeerThatWasAwayGetsTheLatestOfEverySignalWhenItIsBack) 
   CDiagnosticsSignal<std::string> second(&mSecond);
   second.Send("unchanged");
   ASSERT_THAT(mPeer->Receive(1), ElementsAre(Second("unchanged")));
-  mPeer->mPresent = false;
-  first.Send("1");
-  first.Send("2");
-  first.Send("3");
-  ASSERT_TRUE(mPeer->mRefused.Take().has_value());
-  mPeer->mPresent = true;
-  ASSERT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == Second("unchanged"); }));
-  EXPECT_THAT(mPeer->Receive(1), ElementsAre(First("3")));
+  for (const bool throws : {false, true}) {
+    mPeer->mThrows = throws;
+    mPeer->mPresent = false;
+    first.Send("1");
+    first.Send("2");
+    first.Send("3");
+    ASSERT_TRUE(mPeer->mRefused.Take().has_value());
+    mPeer->mPresent = true;
+    ASSERT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == Second("unchanged"); }));
+    EXPECT_THAT(mPeer->Receive(1), ElementsAre(First("3")));
+  }
+}
+
+TEST_F(DiagnosticsTest, APeerThatCannotKeepUpGetsWhatCounts) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  CDiagnosticsSignal<std::string> first(&mFirst);
+  mPeer->mHangs = true;
+  first.Send("0");
+  ASSERT_TRUE(mPeer->mGate.AwaitWaiting(1));
+  for (int i = 1; i <= 1000; ++i) {
+    first.Send(std::to_string(i));
+  }
+  mPeer->mGate.Open();
+  int values = 0;
+  while (mPeer->Receive(1)[0] != First("1000")) {
+    ASSERT_LT(++values, 500);
+  }
 }
 
 TEST_F(DiagnosticsTest, APeerThatWentWhileNothingWasSentGetsEverythingAgain) {

@@ -137,7 +137,7 @@ TEST_F(HubConfigTest, AFileMadeReadableIsTriedAgain) {
 
 TEST_F(HubConfigTest, AWrongTypeGivesTheDefaultAndIsReportedOncePerLoad) {
   const auto section = HubConfig::Create("settings", "/", {});
-  for (const std::string value : {"\"true\"", "1", "null", "[]"}) {
+  for (const std::string value : {"\"true\"", "1", "null", "[]", "{}"}) {
     Replace("{\"On\": " + value + ", \"Tokens\": 5}");
     section->Reload();
     mLog.Clear();

@@ -149,13 +149,13 @@ TEST(Log, TheLevelChangesWhileOthersLog) {
       Log::Trace("noise");
     }
   });
-  level.set_level(ipc::ELogError);
-  EXPECT_EQ(service->SetLogLevel(level).result(), ipc::EResultOk);
-  EXPECT_EQ(Log::GetLogLevel(), Level::Error);
-  EXPECT_EQ(service->GetLogLevel().level(), ipc::ELogError);
-  level.set_level(ipc::ELogDebug);
-  EXPECT_EQ(service->SetLogLevel(level).result(), ipc::EResultOk);
-  EXPECT_EQ(service->SetLogLevel(level).result(), ipc::EResultOk);
+  for (const auto next :
+       {ipc::ELogCritical, ipc::ELogError, ipc::ELogWarning, ipc::ELogInfo, ipc::ELogDebug, ipc::ELogDebug}) {
+    level.set_level(next);
+    EXPECT_EQ(service->SetLogLevel(level).result(), ipc::EResultOk);
+    EXPECT_EQ(static_cast<int>(Log::GetLogLevel()), static_cast<int>(next));
+    EXPECT_EQ(service->GetLogLevel().level(), next);
+  }
   for (const int outside : {-1, 6}) {
     level.set_level(static_cast<ipc::ELogLevel>(outside));
     EXPECT_EQ(service->SetLogLevel(level).result(), ipc::EResultIllegal);
@@ -163,8 +163,9 @@ TEST(Log, TheLevelChangesWhileOthersLog) {
   }
   done = true;
   other.join();
-  EXPECT_THAT(capture.Texts(Level::Info), ElementsAre("Log level changed from trace to error.",
-                                                      "Log level changed from error to debug."));
+  EXPECT_THAT(capture.Texts(Level::Info), ElementsAre("Log level changed from trace to critical.",
+                                                      "Log level changed from warning to info.",
+                                                      "Log level changed from info to debug."));
 }
 
 TEST(Log, TheMostVerboseLevelHasNoLowerOne) {

@@ -4,7 +4,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <cstring>
+#include <set>
 
 #include "framework/diagnostics.h"
 #include "ipc/diagnostics.grpc.pb.h"
@@ -40,8 +42,9 @@ struct FeedbackService final : ipc::Feedback::Service {
     mEvents.Put(event->type());
     mGate.Pass();
     result->set_result(ipc::EResultIllegal);
-    return grpc::Status::OK;
+    return grpc::Status(mStatus, "");
   }
+  std::atomic<grpc::StatusCode> mStatus{grpc::StatusCode::OK};
   Mailbox<ipc::EFbEventType> mEvents;
   Gate mGate;
 };
@@ -126,6 +129,18 @@ TEST_F(FeedbackClientTest, PassesEventAndAnswerOnFromTwoThreadsAtOnce) {
   other.join();
 }
 
+TEST_F(FeedbackClientTest, EveryStatusOfAPeerHasANameOfItsOwn) {
+  const PeerServer peer(mAddress, "Feedback", mService);
+  mService.mGate.Open();
+  std::set<std::string> errors;
+  for (int code = grpc::StatusCode::CANCELLED; code <= grpc::StatusCode::UNAUTHENTICATED; ++code) {
+    mService.mStatus = static_cast<grpc::StatusCode>(code);
+    errors.insert(ErrorOfCall());
+  }
+  EXPECT_EQ(errors.size(), 16U);
+  EXPECT_THAT(errors, testing::Each(testing::Not(HasSubstr("unknown status"))));
+}
+
 TEST_F(FeedbackClientTest, APeerThatDoesNotAnswerOrDiesInTheCallEndsTheCall) {
   auto peer = std::make_unique<PeerServer>(mAddress, "Feedback", mService);
   const auto start = Clock::now();
@@ -162,6 +177,7 @@ TEST_F(FeedbackClientTest, APeerThatTheConfigurationDoesNotNameIsAConfigurationE
   } catch (const Rpc::ConfigurationException& e) {
     EXPECT_EQ(e.what(), mRoot.ConfigPath() + ": peers.Light: missing");
   }
+  CDiagnosticsCommClient::Initialize(mHost);  // without this peer values are not published, which is no error
 }
 
 TEST(DiagnosticsTransport, ARestartedPeerGetsEverythingAgainAndARefusedValueIsNotRepeated) {
@@ -209,6 +225,7 @@ TEST(DiagnosticsTransport, APeerThatDoesNotAnswerIsLeftAtOnceOnTermination) {
   CDiagnosticsCommClient::Terminate();
   EXPECT_LT(Clock::now() - start, seconds(1));
   EXPECT_EQ(transport.use_count(), 1);
+  EXPECT_FALSE(transport->Deliver({})) << "it is over";
   service.mGate.Open();
 }
 

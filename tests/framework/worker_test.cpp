@@ -9,35 +9,16 @@
 #include <thread>
 #include <vector>
 
+#include "framework/handover.h"
 #include "framework/logcapture.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
+using handover::Clock;
+using handover::Gate;
 
 constexpr auto cDeadline = 20s;  // far above what anything here takes
-
-/// A call that says when it has begun and stays until it is let go.
-class BlockingCall {
- public:
-  void operator()() {
-    if (!std::exchange(mCalled, true)) {
-      mBegun.set_value();
-      mMayEnd.get_future().wait();
-      mEnded = true;
-    }
-  }
-  bool WaitUntilBegun() { return mBegun.get_future().wait_for(cDeadline) == std::future_status::ready; }
-  void LetGo() { mMayEnd.set_value(); }
-  bool HasEnded() const { return mEnded; }
-
- private:
-  bool mCalled = false;
-  std::promise<void> mBegun;
-  std::promise<void> mMayEnd;
-  std::atomic<bool> mEnded{false};
-};
 
 }  // namespace
 
@@ -118,19 +99,25 @@ TEST(Worker, ACallThatThrowsDoesNotEndTheWorker) {
 TEST(Worker, SyncWaitsForTheCallInProgressAlthoughItWasCancelled) {
   CWorker worker;
   worker.Start();
-  BlockingCall blocking;
+  Gate gate;
+  std::atomic<bool> ended{false};
   std::atomic<int> later{0};
-  const auto call = worker.AddCall([&] { blocking(); }, Clock::now(), 1h);
-  ASSERT_TRUE(blocking.WaitUntilBegun());
+  const auto call = worker.AddCall(
+      [&] {
+        gate.Pass();
+        ended = true;
+      },
+      Clock::now(), 1h);
+  ASSERT_TRUE(gate.AwaitWaiting(1));
   worker.AddCall([&] { ++later; }, Clock::now(), 1h);  // due, and cannot begin yet
   call->Cancel();
 
   auto synced = std::async(std::launch::async, [&] {
     worker.Sync();
-    return blocking.HasEnded() && later == 1;
+    return ended && later == 1;
   });
   EXPECT_EQ(synced.wait_for(20ms), std::future_status::timeout);
-  blocking.LetGo();
+  gate.Open();
   ASSERT_EQ(synced.wait_for(cDeadline), std::future_status::ready);
   EXPECT_TRUE(synced.get());
 }
@@ -186,18 +173,18 @@ TEST(Worker, ACallMayCancelItselfAddOthersAndSync) {
 TEST(Worker, StopEndsSyncsAndForgetsNothingThatMattersToHandles) {
   auto worker = std::make_unique<CWorker>();
   worker->Sync();  // not running: at once
-  BlockingCall blocking;
+  Gate gate;
   auto owned = std::make_shared<int>(1);
   const std::weak_ptr<int> kept = owned;
-  const auto call = worker->AddCall([&blocking, owned] { blocking(); }, Clock::now(), 1ms);
+  const auto call = worker->AddCall([&gate, owned] { gate.Pass(); }, Clock::now(), 1ms);
   owned.reset();
   worker->Start();
-  ASSERT_TRUE(blocking.WaitUntilBegun());
+  ASSERT_TRUE(gate.AwaitWaiting(1));
 
   auto synced = std::async(std::launch::async, [&] { worker->Sync(); });
   auto stopped = std::async(std::launch::async, [&] { worker->Stop(); });
   EXPECT_EQ(stopped.wait_for(20ms), std::future_status::timeout) << "the call in progress is waited for";
-  blocking.LetGo();
+  gate.Open();
   EXPECT_EQ(stopped.wait_for(cDeadline), std::future_status::ready);
   EXPECT_EQ(synced.wait_for(cDeadline), std::future_status::ready);
 

@@ -45,7 +45,7 @@ TEST_F(OtherLanguage, EveryMethodCanBeCalled) {
   EXPECT_THAT(Run({PYTHON_PROGRAM, EVERY_METHOD, Address("rfid.sock"), Address("feedback.sock"),
                    Address("diagnostics.sock")}),
               HasSubstr("every method was called"));
-  EXPECT_THAT(mStation->SignalValues(ipc::ESignalRfidLastUid), Contains("test"));
+  EXPECT_THAT(mPeers->SignalValues(ipc::ESignalNone), Contains("1.5"));
   EXPECT_EQ(Interrupt(), "exit 0");
 }
 

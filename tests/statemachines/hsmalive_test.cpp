@@ -4,12 +4,15 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <future>
-#include <mutex>
 #include <thread>
 
+#include "framework/handover.h"
+
 namespace {
+
+using handover::Clock;
+using handover::Gate;
+using handover::Mailbox;
 
 struct AliveActions {
   virtual void IntStartAliveTimer() = 0;
@@ -19,11 +22,7 @@ struct AliveActions {
 class Handler : public CHsmAlive<AliveActions> {
  public:
   Handler() {
-    ExtSendAlive = [this] {
-      const std::lock_guard lock(mMutex);
-      mTimes.push_back(std::chrono::steady_clock::now());
-      mSent.notify_all();
-    };
+    ExtSendAlive = [this] { mTimes.Put(Clock::now()); };
     CWorker::Start();
   }
   ~Handler() override {
@@ -35,20 +34,9 @@ class Handler : public CHsmAlive<AliveActions> {
     return mAlive;
   }
 
-  bool WaitForMessages(size_t count, std::chrono::seconds limit) {
-    std::unique_lock lock(mMutex);
-    return mSent.wait_for(lock, limit, [&] { return mTimes.size() >= count; });
-  }
-  size_t Messages() {
-    const std::lock_guard lock(mMutex);
-    return mTimes.size();
-  }
-
   std::atomic<bool> mAlive{true};
   std::atomic<int> mAsked{0};
-  std::mutex mMutex;
-  std::condition_variable mSent;
-  std::vector<std::chrono::steady_clock::time_point> mTimes;
+  Mailbox<Clock::time_point> mTimes;
 };
 
 }  // namespace
@@ -56,30 +44,28 @@ class Handler : public CHsmAlive<AliveActions> {
 TEST(HsmAlive, SendsAtOnceAndThenEveryFourSecondsUntilItIsStopped) {
   Handler handler;
   handler.IntStartAliveTimer();
-  ASSERT_TRUE(handler.WaitForMessages(1, std::chrono::seconds(3)));
-  ASSERT_TRUE(handler.WaitForMessages(2, std::chrono::seconds(20)));
-  EXPECT_GE(handler.mTimes[1] - handler.mTimes[0], std::chrono::milliseconds(3000));
+  const auto first = handler.mTimes.Take();
+  const auto second = handler.mTimes.Take(std::chrono::seconds(20));
+  ASSERT_TRUE(first && second);
+  EXPECT_GE(*second - *first, std::chrono::milliseconds(3000));
   handler.IntStopAliveTimer();
-  const auto sent = handler.Messages();
+  while (handler.mTimes.Take(Clock::duration::zero())) {
+  }
   handler.Sync();
-  EXPECT_EQ(handler.Messages(), sent);
+  EXPECT_FALSE(handler.mTimes.Take(Clock::duration::zero()));
 }
 
 TEST(HsmAlive, StoppingWaitsForAMessageThatIsOnItsWay) {
   Handler handler;
-  std::atomic<bool> sending{false};
+  Gate gate;
   std::atomic<bool> sent{false};
-  std::promise<void> mayGoOn;
   handler.ExtSendAlive = [&] {
-    sending = true;
-    mayGoOn.get_future().wait();
+    gate.Pass();
     sent = true;
   };
   handler.IntStartAliveTimer();
-  while (!sending) {
-    std::this_thread::yield();
-  }
-  std::thread releaser([&] { mayGoOn.set_value(); });
+  ASSERT_TRUE(gate.AwaitWaiting(1));
+  std::thread releaser([&] { gate.Open(); });
   handler.IntStopAliveTimer();
   EXPECT_TRUE(sent);
   releaser.join();
@@ -90,9 +76,7 @@ TEST(HsmAlive, AHandlerThatIsNotAliveSendsNothing) {
   handler.mAlive = false;
   handler.IntStopAliveTimer();  // nothing runs: only waits for the worker
   handler.IntStartAliveTimer();
-  while (handler.mAsked == 0) {
-    std::this_thread::yield();
-  }
+  EXPECT_TRUE(handover::Eventually([&] { return handler.mAsked > 0; }));
   handler.IntStopAliveTimer();
-  EXPECT_EQ(handler.Messages(), 0U);
+  EXPECT_FALSE(handler.mTimes.Take(Clock::duration::zero()));
 }

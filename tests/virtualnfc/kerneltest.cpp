@@ -34,15 +34,6 @@ TEST(VirtualNfcFamily, IsResolvedByLibnlUnderTheNumbersOfThisKernel) {
   }
 }
 
-TEST(VirtualNfcFamily, IsNotThereInAKernelWithoutNfc) {
-  VirtualNfcSettings settings;
-  settings.kernel.hasFamily = false;
-  const InProcessVirtualNfc kernel(settings);
-  const NfcClient client;
-  EXPECT_EQ(genl_ctrl_resolve(client.Get(), "nfc"), -NLE_OBJ_NOTFOUND);
-  EXPECT_EQ(client.Command(NFC_CMD_DEV_UP), ENOENT);
-}
-
 TEST(VirtualNfcFamily, ShowsItsVersionAttributesAndCommandsToLibnl) {
   const InProcessVirtualNfc kernel;
   const NfcClient client;
@@ -147,35 +138,6 @@ INSTANTIATE_TEST_SUITE_P(
                   {'a', 200, EOPNOTSUPP}}}),
     [](const auto& one) { return one.param.name; });
 
-struct LibnlCode {
-  const char* error;
-  int code;
-};
-
-void PrintTo(const LibnlCode& code, std::ostream* out) {
-  *out << code.error;
-}
-
-class VirtualNfcErrors : public testing::TestWithParam<LibnlCode> {};
-
-TEST_P(VirtualNfcErrors, ReachTheProgramAsLibnlsCode) {
-  InProcessVirtualNfc kernel;
-  kernel.AddRule(std::string("DEV_UP errno=") + GetParam().error);
-  const NfcClient client;
-  client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}});
-  EXPECT_EQ(nl_recvmsgs_default(client.Get()), -GetParam().code);
-}
-
-INSTANTIATE_TEST_SUITE_P(Facts, VirtualNfcErrors,
-                         testing::Values(LibnlCode{"EBUSY", NLE_BUSY}, LibnlCode{"EINVAL", NLE_INVAL},
-                                         LibnlCode{"ENODEV", NLE_NODEV}, LibnlCode{"EPERM", NLE_PERM},
-                                         LibnlCode{"EOPNOTSUPP", NLE_OPNOTSUPP},
-                                         LibnlCode{"ENOENT", NLE_OBJ_NOTFOUND},
-                                         LibnlCode{"ENOBUFS", NLE_NOMEM}, LibnlCode{"EALREADY", NLE_FAILURE},
-                                         LibnlCode{"ETIMEDOUT", NLE_FAILURE},
-                                         LibnlCode{"ERFKILL", NLE_FAILURE}),
-                         [](const auto& one) { return std::string(one.param.error); });
-
 // --- the form of the answers ---
 
 TEST(VirtualNfcAnswers, AcknowledgeOnlyWhenAskedAndRepeatARequestThatFailed) {
@@ -202,14 +164,6 @@ TEST(VirtualNfcAnswers, AcknowledgeOnlyWhenAskedAndRepeatARequestThatFailed) {
   EXPECT_EQ(answer[0].Error(), EALREADY);
   EXPECT_EQ(answer[0].payload.back(), 0);
   EXPECT_EQ(answer[0].payload[4 + 16], NFC_CMD_DEV_DOWN);
-}
-
-TEST(VirtualNfcAnswers, AreNotGivenToAMessageWithoutTheRequestFlag) {
-  InProcessVirtualNfc kernel;
-  const NfcClient client;
-  client.Send(NFC_CMD_UNSPEC, {}, 0);
-  EXPECT_THAT(client.Received(), IsEmpty());
-  EXPECT_EQ(kernel.GetStatus().Commands(NFC_CMD_UNSPEC), 0U);
 }
 
 TEST(VirtualNfcAnswers, RefuseRequestsThatLackSomething) {
@@ -348,17 +302,6 @@ TEST(VirtualNfcDevice, WithAnActiveTargetIsBusy) {
   EXPECT_EQ(client.Dump(NFC_CMD_GET_DEVICE).at(0).Attributes()[40], 0) << "initiator";
   kernel.SetTargetActive(false);
   EXPECT_EQ(client.Command(NFC_CMD_START_POLL), 0);
-}
-
-TEST(VirtualNfcDevice, WhoseChipDisagreesIsCuredByPowerOnly) {
-  InProcessVirtualNfc kernel;
-  const NfcClient client;
-  ASSERT_TRUE(client.Poll());
-  kernel.MakeChipDisagree();
-  EXPECT_EQ(client.Command(NFC_CMD_START_POLL), EBUSY);
-  EXPECT_EQ(client.Command(NFC_CMD_STOP_POLL), EINVAL);
-  EXPECT_EQ(client.Command(NFC_CMD_DEV_DOWN), 0);
-  EXPECT_TRUE(client.Poll());
 }
 
 }  // namespace

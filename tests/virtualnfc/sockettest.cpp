@@ -5,11 +5,9 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -37,11 +35,6 @@ VirtualNfcSettings WithPromptRelease() {
   return settings;
 }
 
-std::ptrdiff_t CountDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                       std::filesystem::directory_iterator());
-}
-
 UniqueFd PlainSocket() {
   return UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
 }
@@ -66,22 +59,6 @@ TEST(VirtualNfcSockets, AreRefusedWhenThereIsNoServer) {
   const UniqueFd fd = PlainSocket();
   EXPECT_FALSE(fd);
   EXPECT_EQ(errno, EPROTONOSUPPORT);
-}
-
-TEST(VirtualNfcSockets, LeaveNothingOpenBehindThem) {
-  const std::ptrdiff_t before = CountDescriptors();
-  for (int round = 0; round < 3; ++round) {
-    const InProcessVirtualNfc kernel;
-    {
-      const NfcClient first;
-      const NfcClient second;
-      EXPECT_NE(first.Port(), second.Port());
-      EXPECT_EQ(kernel.GetStatus().openSockets, 2U);
-    }
-    EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return status.openSockets == 0; }));
-    EXPECT_EQ(virtualnfc::CountInterposedSockets(), 0);
-  }
-  EXPECT_EQ(CountDescriptors(), before);
 }
 
 TEST(VirtualNfcSockets, HaveAPortOfTheirOwn) {
@@ -126,36 +103,6 @@ TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {
   EXPECT_THAT(client.Received(), IsEmpty());
 }
 
-TEST(VirtualNfcSockets, WaitForAnAnswerAsLongAsTheyAreTold) {
-  const InProcessVirtualNfc kernel;
-  const NfcClient client;
-  const timeval limit{0, 50000};
-  ASSERT_EQ(::setsockopt(client.Fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
-  const auto before = std::chrono::steady_clock::now();
-  char byte = 0;
-  EXPECT_EQ(::recv(client.Fd(), &byte, 1, 0), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_GE(std::chrono::steady_clock::now() - before, 45ms);
-}
-
-TEST(VirtualNfcSockets, TellTheLengthOfADatagramThatWasPeekedAt) {
-  const InProcessVirtualNfc kernel;
-  const NfcClient client;
-  client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}});
-  char little[4];
-  EXPECT_EQ(::recv(client.Fd(), little, sizeof(little), MSG_PEEK | MSG_TRUNC), 36);
-  EXPECT_EQ(::recv(client.Fd(), little, sizeof(little), MSG_PEEK), 4);
-  sockaddr_nl from{};
-  socklen_t length = sizeof(from);
-  from.nl_pid = 1;
-  EXPECT_EQ(
-      ::recvfrom(client.Fd(), little, sizeof(little), MSG_TRUNC, reinterpret_cast<sockaddr*>(&from), &length),
-      36);
-  EXPECT_EQ(from.nl_pid, 0U);
-  EXPECT_EQ(length, sizeof(from));
-  EXPECT_EQ(::recv(client.Fd(), little, sizeof(little), MSG_DONTWAIT), -1);
-}
-
 // --- a receive buffer that is full ---
 
 TEST(VirtualNfcEvents, ThatDoNotFitAreLostAndTheReaderIsToldOnce) {
@@ -180,19 +127,6 @@ TEST(VirtualNfcEvents, ThatDoNotFitAreLostAndTheReaderIsToldOnce) {
   const std::vector<Message> later = listener.Received();
   ASSERT_THAT(later, SizeIs(1));
   EXPECT_EQ(later[0].payload[4], 3);
-}
-
-TEST(VirtualNfcEvents, ThatWereLostWakeAWaitingReader) {
-  InProcessVirtualNfc kernel;
-  const NfcClient listener;
-  listener.JoinEvents();
-  auto reader = std::async(std::launch::async, [&] {
-    char byte = 0;
-    return ::recv(listener.Fd(), &byte, 1, 0) < 0 ? errno : 0;
-  });
-  kernel.OverrunEvents();
-  EXPECT_EQ(reader.get(), ENOBUFS);
-  EXPECT_THAT(listener.ReceiveDatagram(), IsEmpty());
 }
 
 TEST(VirtualNfcEvents, EndForAReaderWhoseKernelGoes) {
@@ -222,32 +156,6 @@ TEST(VirtualNfcOwner, ThatClosesEndsItsPollALittleLater) {
   ASSERT_TRUE(kernel.WaitFor([](const Status& status) { return !status.Device().polling; }));
   EXPECT_EQ(other.Command(NFC_CMD_STOP_POLL), EINVAL);
   EXPECT_EQ(other.Command(NFC_CMD_START_POLL), 0);
-}
-
-TEST(VirtualNfcOwner, ThatLivesOnInAChildKeepsItsPoll) {
-  const InProcessVirtualNfc kernel(WithPromptRelease());
-  NfcClient owner;
-  const NfcClient other;
-  ASSERT_TRUE(owner.Poll());
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    // Ends when the parent closes its end.
-    ::close(ends[1]);
-    char byte = 0;
-    (void)!::read(ends[0], &byte, 1);
-    ::_exit(0);
-  }
-  ASSERT_GT(child, 0);
-  const UniqueFd end(ends[1]);
-  ::close(ends[0]);
-  owner.Close();
-  EXPECT_EQ(other.Command(NFC_CMD_START_POLL), EBUSY);
-  EXPECT_EQ(other.Command(NFC_CMD_STOP_POLL), EBUSY);
-  const_cast<UniqueFd&>(end).Reset();
-  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-  EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return !status.Device().polling; }));
 }
 
 // --- a command that waits for its chip ---
@@ -306,13 +214,6 @@ TEST_F(VirtualNfcWaiting, BlocksAllOtherCommandsButNoEvent) {
   EXPECT_EQ(mKernel.GetStatus().Commands(NFC_CMD_UNSPEC), 0U);
   EndWait();
   EXPECT_EQ(blocked.get(), EOPNOTSUPP);
-}
-
-TEST_F(VirtualNfcWaiting, EndsWithTheAnswerWhenTheTimeIsOver) {
-  mKernel.AddRule("DEV_UP delay=50");
-  const auto before = std::chrono::steady_clock::now();
-  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_UP), 0);
-  EXPECT_GE(std::chrono::steady_clock::now() - before, 50ms);
 }
 
 TEST_F(VirtualNfcWaiting, ToStartAPollLeavesTheChipInDisagreementWhenASignalEndsIt) {

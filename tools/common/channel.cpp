@@ -1,9 +1,18 @@
 #include "common/channel.h"
 
+#include <grpc/support/log.h>
+
+#include <cstdlib>
 #include <filesystem>
 
 RpcConfig LoadRpcConfig(const std::string& root) {
   return RpcConfig::Load((std::filesystem::path(root) / "etc" / "plex.json").string());
+}
+
+void SilenceRpcLibrary() {
+  if (std::getenv("GRPC_VERBOSITY") == nullptr) {
+    gpr_set_log_function([](gpr_log_func_args* /*line*/) {});
+  }
 }
 
 std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address, const std::string& name) {
@@ -19,6 +28,14 @@ std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address, const std
 std::string ReasonOf(const grpc::Status& status) {
   // "failed to connect to all addresses; last error: UNKNOWN: unix:/run/x.sock: No such file or directory"
   const std::string& text = status.error_message();
+  if (text.empty()) {  // so it is when another server answers, which has no such service or method
+    return status.error_code() == grpc::StatusCode::UNIMPLEMENTED
+               ? "what answers there has no such service"
+               : "it ended with status " + std::to_string(status.error_code());
+  }
+  if (text.find("before receiving SETTINGS frame") != std::string::npos) {  // connected, and no word since
+    return "it does not answer";
+  }
   // "DNS resolution failed for nowhere:7: C-ares status is not ARES_SUCCESS qtype=A ...: Domain name not
   // found"
   const auto isConnecting =

@@ -65,7 +65,7 @@ void AddArrows(std::vector<Arrow>& arrows, const Definition& machine, std::strin
   }
 }
 
-/// What both drawings show.
+/// What every drawing shows.
 struct Drawing {
   std::vector<Box> boxes;
   std::vector<Arrow> arrows;
@@ -144,4 +144,21 @@ std::string ToMermaid(const Definition& machine) {
     text += fmt::format("  {} --> {} : {}\n", arrow.from, arrow.to, arrow.event);
   }
   return text + fmt::format("  {} --> [*]\n", drawing.last);
+}
+
+std::string ToJson(const Definition& machine) {
+  const Drawing drawing = Draw(machine);
+  std::string states;
+  for (const auto& box : drawing.boxes) {
+    states += fmt::format("{}\n    \"{}\"", states.empty() ? "" : ",", box.id);
+  }
+  std::string transitions;
+  for (const auto& arrow : drawing.arrows) {
+    transitions += fmt::format("{}\n    {{\"from\": \"{}\", \"to\": \"{}\", \"event\": \"{}\"}}",
+                               transitions.empty() ? "" : ",", arrow.from, arrow.to, arrow.event);
+  }
+  return fmt::format(
+      "{{\n  \"initial\": \"{}\",\n  \"last\": \"{}\",\n  \"anyState\": \"{}\",\n"
+      "  \"states\": [{}\n  ],\n  \"transitions\": [{}\n  ]\n}}\n",
+      drawing.initial, drawing.last, cAnyState, states, transitions);
 }

@@ -16,11 +16,7 @@ class Unreachable : public std::runtime_error {
 struct Daemon {
   std::string address;
   bool json = false;
+  std::string who = "daemon";  ///< for people
 };
-
-/// The names under which the daemon registers its services.
-constexpr const char* cControlService = "RfidGenCtrl";
-constexpr const char* cRfidService = "Rfid";
-constexpr const char* cLogService = "RfidLog";
 
 constexpr const char* cTool = "rfidctl";

@@ -16,10 +16,10 @@ constexpr const char* cFooter =
     "Exit status:\n"
     "  0  done; watch: also when Ctrl-C, SIGTERM or --timeout ended it and there was no --count,\n"
     "     and when nobody reads its output any more\n"
-    "  1  the daemon refused the request: it does not fit its present state; or the output cannot be "
-    "written\n"
+    "  1  the daemon refused the request: it does not fit its present state; or the diagnostics service\n"
+    "     does not list its signals; or the output cannot be written\n"
     "  2  the command line cannot be understood\n"
-    "  3  the daemon cannot be reached\n"
+    "  3  the daemon, or for signals the diagnostics service, cannot be reached\n"
     "  4  watch ended before --count";
 
 struct Options {
@@ -58,12 +58,16 @@ std::string CheckText(const std::string& text) {
 }
 
 std::string CheckAddress(const std::string& text) {
+  constexpr std::size_t cLongest = 5 + 107;  // "unix:" and what the system has room for
   const auto colon = text.rfind(':');
   const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
   const bool isUnix = text.rfind("unix:", 0) == 0 && text.size() > 5;
   const bool isTcp = colon != 0 && !port.empty() && port.size() <= 5 &&
                      port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) >= 1 &&
                      std::stoi(port) <= 65535;
+  if (isUnix && text.size() > cLongest) {
+    return "a socket's path has no more than 107 characters";
+  }
   return isUnix || isTcp ? "" : "'" + text + "' is neither unix:PATH nor HOST:PORT";
 }
 
@@ -90,12 +94,36 @@ void AddCommands(CLI::App& app, Options& options) {
   app.add_subcommand("log-level", "Print the daemon's log level, or change it")
       ->add_option("LEVEL", options.level)
       ->check(CLI::IsMember(LogLevelNames()));
+
+  app.add_subcommand("signals",
+                     "Print what the station's diagnostics service has: the last value of every signal");
+}
+
+/// Where the command's request goes.
+Daemon Addressee(const Options& options, bool isDiagnostics) {
+  Daemon addressee{options.address, options.json, isDiagnostics ? "diagnostics service" : "daemon"};
+  if (!addressee.address.empty()) {
+    return addressee;
+  }
+  const RpcConfig config = LoadRpcConfig(options.root);
+  addressee.address = config.listen;
+  if (isDiagnostics) {
+    const auto peer = config.peers.find(cDiagnosticsService);
+    if (peer == config.peers.end()) {
+      throw Rpc::ConfigurationException("etc/plex.json below " + options.root + " names no peer " +
+                                        cDiagnosticsService);
+    }
+    addressee.address = peer->second;
+  }
+  return addressee;
 }
 
 EExit Run(const CLI::App& app, Options& options) {
-  const Daemon daemon{options.address.empty() ? LoadRpcConfig(options.root).listen : options.address,
-                      options.json};
   const auto wanted = [&](const char* command) { return app.got_subcommand(command); };
+  const Daemon daemon = Addressee(options, wanted("signals"));
+  if (wanted("signals")) {
+    return PrintSignals(daemon);
+  }
   if (wanted("state")) {
     return PrintState(daemon);
   }
@@ -130,9 +158,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer(cFooter);
   auto* root = app.add_option("--root", options.root,
-                              "Root folder of the station; etc/plex.json below it names the daemon's address")
+                              "Root folder of the station; etc/plex.json below it names the addresses")
                    ->capture_default_str();
-  app.add_option("--address", options.address, "The daemon's address: unix:PATH or HOST:PORT")
+  app.add_option("--address", options.address, "Whom to ask, instead of --root: unix:PATH or HOST:PORT")
       ->excludes(root)
       ->check(CheckAddress);
   app.add_flag("--json", options.json, "Output for programs: one JSON object a line");
@@ -141,10 +169,11 @@ int main(int argc, char** argv) {
   if (const auto status = ParseCommandLine(app, argc, argv)) {
     return *status;
   }
+  SilenceRpcLibrary();
   try {
     return static_cast<int>(Run(app, options));
   } catch (const Rpc::ConfigurationException& e) {
-    PrintError(cTool, std::string("cannot tell where the daemon is: ") + e.what());
+    PrintError(cTool, std::string("cannot tell where to ask: ") + e.what());
     return static_cast<int>(EExit::Unreachable);
   } catch (const Unreachable& e) {
     PrintError(cTool, e.what());

@@ -1,38 +1,49 @@
 #include "rfidctl/requests.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <chrono>
 
 #include "common/channel.h"
 #include "common/output.h"
+#include "common/statetext.h"
+#include "ipc/diagnostics.grpc.pb.h"
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/log_config.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
-#include "rfidctl/text.h"
 
 namespace {
 
 // A command to the reader may keep the daemon's machine busy for half a minute.
 constexpr auto cAnswerTime = std::chrono::seconds(60);
-constexpr auto cStateTime = std::chrono::seconds(5);
+constexpr auto cLookTime = std::chrono::seconds(5);  ///< what is only looked at is there at once
 
 [[noreturn]] void Fail(const Daemon& daemon, const grpc::Status& status) {
   if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
-    throw Unreachable("the daemon at " + daemon.address + " does not answer");
+    throw Unreachable("the " + daemon.who + " at " + daemon.address + " does not answer");
   }
-  throw Unreachable("cannot reach the daemon at " + daemon.address + ": " + ReasonOf(status));
+  throw Unreachable("cannot reach the " + daemon.who + " at " + daemon.address + ": " + ReasonOf(status));
 }
 
-/// Makes one request of `Service` to the service registered under `name`.
+/// Makes one request of `Service` to the service registered under `name`: how that ended.
+template <typename Service, typename Request, typename Response>
+grpc::Status Try(const Daemon& daemon, const char* name,
+                 grpc::Status (Service::Stub::*operation)(grpc::ClientContext*, const Request&, Response*),
+                 const Request& request, Response& response, std::chrono::seconds patience) {
+  const auto stub = Service::NewStub(OpenChannel(daemon.address, name));
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + patience);
+  return ((*stub).*operation)(&context, request, &response);
+}
+
+/// The answer to such a request; without one there is nothing to do.
 template <typename Service, typename Request, typename Response>
 Response Ask(const Daemon& daemon, const char* name,
              grpc::Status (Service::Stub::*operation)(grpc::ClientContext*, const Request&, Response*),
              const Request& request) {
-  const auto stub = Service::NewStub(OpenChannel(daemon.address, name));
-  grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + cAnswerTime);
   Response response;
-  const grpc::Status status = ((*stub).*operation)(&context, request, &response);
+  const grpc::Status status = Try<Service>(daemon, name, operation, request, response, cAnswerTime);
   if (!status.ok()) {
     Fail(daemon, status);
   }
@@ -66,7 +77,7 @@ EExit Conclude(const Daemon& daemon, const ipc::MResult& result, const std::stri
 EExit PrintState(const Daemon& daemon) {
   const auto stub = ipc::GenericControl::NewStub(OpenChannel(daemon.address, cControlService));
   grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + cStateTime);
+  context.set_deadline(std::chrono::system_clock::now() + cLookTime);
   const auto stream = stub->Subscribe(&context, ipc::MEmpty());
   ipc::MGenericControlNotification notification;
   while (stream->Read(&notification)) {
@@ -125,6 +136,35 @@ EExit SetLogLevel(const Daemon& daemon, const std::string& level) {
   return Conclude(daemon,
                   Ask<ipc::LogConfig>(daemon, cLogService, &ipc::LogConfig::Stub::SetLogLevel, request),
                   "it has no such log level");
+}
+
+EExit PrintSignals(const Daemon& diagnostics) {
+  ipc::MSignals known;
+  const grpc::Status status = Try<ipc::Diagnostics>(
+      diagnostics, cDiagnosticsService, &ipc::Diagnostics::Stub::List, ipc::MEmpty(), known, cLookTime);
+  if (status.error_code() == grpc::StatusCode::UNIMPLEMENTED) {
+    PrintError(cTool, "the diagnostics service at " + diagnostics.address +
+                          " only takes signals, it does not list them");
+    return EExit::Failed;
+  }
+  if (!status.ok()) {
+    Fail(diagnostics, status);
+  }
+  LineOutput output;
+  for (const ipc::MSignal& signal : known.signals()) {
+    const int id = signal.id();
+    Json::Value line;
+    line["id"] = id;
+    line["name"] = signal.name();
+    line["value"] = signal.value();
+    line["unit"] = signal.unit();
+    const std::string text = fmt::format("{} {} = {}{}{}", id, signal.name(), signal.value(),
+                                         signal.unit().empty() ? "" : " ", signal.unit());
+    if (!output.Write(diagnostics.json ? ToJsonLine(line) : Printable(text))) {
+      break;
+    }
+  }
+  return EExit::Ok;
 }
 
 std::vector<std::string> LogLevelNames() {

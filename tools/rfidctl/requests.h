@@ -15,5 +15,9 @@ EExit InjectToken(const Daemon& daemon, const std::string& uid);
 EExit PrintLogLevel(const Daemon& daemon);
 EExit SetLogLevel(const Daemon& daemon, const std::string& level);  ///< one of LogLevelNames
 
+/// Prints what the station's diagnostics service, at `diagnostics.address`, knows of each signal, a line
+/// each.
+EExit PrintSignals(const Daemon& diagnostics);
+
 /// From the most to the least verbose.
 std::vector<std::string> LogLevelNames();

@@ -12,12 +12,12 @@
 
 #include "common/channel.h"
 #include "common/output.h"
+#include "common/statetext.h"
 #include "common/stopsignals.h"
+#include "common/subscriber.h"
 #include "framework/interfaces.h"
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
-#include "rfidctl/subscriber.h"
-#include "rfidctl/text.h"
 
 namespace {
 

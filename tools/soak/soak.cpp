@@ -189,8 +189,8 @@ void Soak::Reconfigure() {
   mOcpp = Below(3) == 0;
   mFree = Below(5) == 0;
   mIsBroken = false;
-  mStation.Configure(
-      "settings",
+  mStation.WriteFile(
+      "hub/settings.json",
       fmt::format(R"({{"SeccOcppActive": {}, "SessionManagerChargeWithoutAuth": {}}})", mOcpp, mFree));
   mPermitted.clear();
   std::string tokens;
@@ -200,7 +200,7 @@ void Soak::Reconfigure() {
       tokens += fmt::format(R"({}{{"RfidTokenUid": "{}"}})", tokens.empty() ? "" : ", ", card.uid);
     }
   }
-  mStation.Configure("rfid_standalone", fmt::format(R"({{"Tokens": [{}]}})", tokens));
+  mStation.WriteFile("hub/rfid_standalone.json", fmt::format(R"({{"Tokens": [{}]}})", tokens));
 }
 
 void Soak::BreakConfiguration() {
@@ -208,7 +208,7 @@ void Soak::BreakConfiguration() {
     return;  // settings are not looked at
   }
   Swipe(NewCard(), 0ms, false);  // has the daemon load what is good and stays
-  mStation.Configure("settings", R"({"SeccOcppActive": tru)");
+  mStation.WriteFile("hub/settings.json", R"({"SeccOcppActive": tru)");
   mIsBroken = true;
 }
 
@@ -277,7 +277,7 @@ void Soak::Disable() {
 }
 
 void Soak::StopDaemon(int signal) {
-  mStation.SignalDaemon(signal);
+  mStation.Daemon().Signal(signal);
   Require(AwaitTold("tokens ended"), "the daemon's end ends its notifications");
   const auto end = mStation.EndDaemon();
   Require(end == (signal == SIGINT ? "exit 0" : "signal 9"), "the daemon ends as it should, not with " + end);

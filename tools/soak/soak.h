@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "ledger.h"
-#include "station.h"
+#include "tools/harness/station.h"
 
 /// Does at random what happens at a charging station and keeps book of every swipe. It knows from the outside
 /// alone (kernel, answers, notifications) what the daemon has to make of a swipe, and enters what it made of
@@ -99,7 +99,9 @@ class Soak {
   virtualnfc::DeviceStatus Reader() { return mStation.Kernel().GetStatus().Device(); }
 
   std::mt19937 mRandom;
-  Station mStation;
+  /// In a session of its own: a Ctrl-C at the terminal is for this program alone.
+  Station mStation{
+      "soak", {.kernel = {}, .detectionDelay = std::chrono::milliseconds(50)}, {"/usr/bin/setsid"}};
   Ledger mLedger;
   std::vector<Card> mKnown;
   std::vector<Card> mLatest;              ///< put to the reader lately, to come again

@@ -175,6 +175,14 @@ std::string HandleWords(VirtualNfc& server, Words& words) {
 
 }  // namespace
 
+std::optional<std::uint32_t> ParseRecordLine(std::string_view line) {
+  Words words(line);
+  if (words.Next() != "record") return std::nullopt;
+  const std::uint32_t count = NumberOr(words.Next(), 0, 0xFFFFFFFF, "the number of messages");
+  words.RequireEnd();
+  return count;
+}
+
 std::string HandleControlLine(VirtualNfc& server, std::string_view line) {
   try {
     Words words(line);

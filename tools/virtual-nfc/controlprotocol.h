@@ -6,8 +6,11 @@
 //   plug [N] / unplug [N]    the device comes or goes
 //   status / status json     what the server knows
 //   rule add RULE / rule list / rule clear
+//   record [N]               what happens from now on, see record.h; "done" ends it after N messages
 // The reply is "ok", or "error: " and why, in a line of its own; what was asked for follows.
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,7 +18,11 @@
 
 namespace virtualnfc {
 
-/// Carries one line out. Never throws for anything the line may hold; does not block.
+/// What "record [N]" asks for: N, or 0; none when the line is another one. @throws std::invalid_argument
+std::optional<std::uint32_t> ParseRecordLine(std::string_view line);
+
+/// Carries one line out, but "record", whose reply has no end. Never throws for anything the line may hold;
+/// does not block.
 std::string HandleControlLine(VirtualNfc& server, std::string_view line);
 
 /// Where a server at this address listens for these lines.

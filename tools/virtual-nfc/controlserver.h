@@ -1,18 +1,21 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "recorder.h"
 #include "unixsocket.h"
 #include "virtualnfc.h"
 
 namespace virtualnfc {
 
-/// Takes control lines for a server from other processes: one line for each connection. Works from
-/// construction to destruction on a thread of its own; the server must outlive it.
+/// Takes control lines for a server from other processes: one line for each connection, which ends with the
+/// reply, or goes on for as long as something is to be recorded. A program that does not read never holds it
+/// up. Works from construction to destruction on a thread of its own; the server must outlive it.
 class ControlServer {
  public:
   /// @throws std::runtime_error when it cannot listen
@@ -26,15 +29,25 @@ class ControlServer {
     UniqueFd fd;
     std::string line;
     std::chrono::steady_clock::time_point giveUp;
+    /// Null unless it records.
+    std::unique_ptr<Recorder> recorder = nullptr;
+    std::string unsent = {};
+    bool isLast = false;
   };
 
   void Run();
   /// @returns false when the connection is done with
   bool Serve(Connection& connection);
+  bool Record(Connection& connection, short happened);
+  std::string BeginRecord(Connection& connection, std::uint32_t count);
+  void Wake() const;
 
   VirtualNfc& mServer;
   UnixListener mListener;
   UniqueFd mWake;
+  std::atomic<bool> mStop{false};
+  /// Of the control thread.
+  std::size_t mRecorders = 0;
   std::thread mThread;
 };
 

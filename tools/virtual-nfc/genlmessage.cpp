@@ -10,13 +10,6 @@ namespace {
 /// The kernel's mark on an answer that does not repeat the whole request.
 constexpr std::uint16_t kFlagCapped = 0x100;
 
-template <typename Struct>
-void AppendStruct(Bytes& bytes, const Struct& value) {
-  const std::size_t end = bytes.size();
-  bytes.resize(end + sizeof(value));
-  std::memcpy(bytes.data() + end, &value, sizeof(value));
-}
-
 /// What fits into the buffer of one part of a dump.
 constexpr std::size_t kDumpDatagram = 3776;
 

@@ -7,6 +7,7 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <span>
@@ -18,6 +19,14 @@ namespace virtualnfc {
 
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<const std::uint8_t>;
+
+/// Its bytes as they lie in memory.
+template <typename Struct>
+void AppendStruct(Bytes& bytes, const Struct& value) {
+  const std::size_t end = bytes.size();
+  bytes.resize(end + sizeof(value));
+  std::memcpy(bytes.data() + end, &value, sizeof(value));
+}
 
 /// Builds one netlink message. Attributes are appended in the order of the calls.
 class MessageBuilder {

@@ -7,12 +7,18 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <system_error>
 
+#include "common/commandline.h"
 #include "controlprotocol.h"
 #include "controlserver.h"
+#include "record.h"
+#include "recordclient.h"
+#include "replay.h"
 #include "tag.h"
 #include "virtualnfc.h"
 
@@ -20,9 +26,19 @@ namespace {
 
 using namespace virtualnfc;
 
-enum ExitStatus { kDone = 0, kRefused = 1, kUsage = 2, kUnreachable = 3 };
+enum ExitStatus { kDone = 0, kRefused = 1, kUsage = cUsageStatus, kUnreachable = 3 };
 
 constexpr double kMaxHold = 24.0 * 60 * 60;
+
+/// Whether everything that was printed is with its reader; says so when not.
+bool IsWritten() {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
+    return true;
+  }
+  fmt::print(stderr, "virtual-nfc: cannot write to standard output: {}\n",
+             std::generic_category().message(errno));
+  return false;
+}
 
 int Serve(const std::string& address, const VirtualNfcSettings& settings) {
   // Before there are threads, so that all of them leave these signals to this one.
@@ -35,7 +51,9 @@ int Serve(const std::string& address, const VirtualNfcSettings& settings) {
     VirtualNfc server(settings, address);
     const ControlServer control(server);
     fmt::print("virtual-nfc: ready at {}\n", address);
-    std::fflush(stdout);
+    if (!IsWritten()) {
+      return kRefused;
+    }
     int signal = 0;
     sigwait(&ending, &signal);
     return kDone;
@@ -81,22 +99,63 @@ int PrintEnvironment(const std::string& address) {
   return kRefused;
 }
 
+int RecordServer(const std::string& address, const std::string& file, std::uint32_t count) {
+  switch (RecordTo(address, file, count)) {
+    case RecordEnd::Done:
+      return kDone;
+    case RecordEnd::Refused:
+      return kRefused;
+    case RecordEnd::NoServer:
+      return kUnreachable;
+  }
+  return kUnreachable;
+}
+
+/// @param address of the server; empty for the machine's own kernel
+int ReplayFile(const std::string& address, const std::string& file, double speed) {
+  std::ifstream stream(file, std::ios::binary);
+  const std::string text{std::istreambuf_iterator<char>(stream), {}};
+  if (!stream.is_open() || stream.bad()) {
+    fmt::print(stderr, "virtual-nfc: cannot read {}: {}\n", file, std::generic_category().message(errno));
+    return kUsage;
+  }
+  try {
+    const Record record = ParseRecord(text);
+    if (address.empty()) RequireForOwnKernel(record);
+    const auto target = address.empty() ? ReplayOnOwnKernel() : ReplayOnServer(address);
+    const auto report = [&file](const Difference& difference) {
+      fmt::print("{}:{}: {}\n", file, difference.line, difference.text);
+      std::fflush(stdout);
+    };
+    const ReplayResult result = Replay(record, *target, speed, report).Run();
+    fmt::print("{} message(s) sent, {} compared: {}\n", result.sent, result.compared,
+               result.differences == 0 ? "as recorded" : fmt::format("{} difference(s)", result.differences));
+    return result.differences == 0 ? kDone : kRefused;
+  } catch (const RecordError& error) {
+    fmt::print(stderr, "virtual-nfc: {}:{}: {}\n", file, error.Line(), error.what());
+    return kUsage;
+  } catch (const NoKernel& error) {
+    fmt::print(stderr, "virtual-nfc: cannot reach {}: {}\n",
+               address.empty() ? "the kernel" : fmt::format("a server at {}", address), error.what());
+    return kUnreachable;
+  }
+}
+
 int RunCommand(int argc, char** argv) {
   CLI::App app(
       "A kernel with an NFC reader, simulated: for programs that talk to the kernel's NFC family on machines "
       "without one.\nStart a server with 'serve', start the program with what 'env' prints, then tap tags.",
       "virtual-nfc");
-  app.set_version_flag("--version", "virtual-nfc " VIRTUAL_NFC_VERSION);
+  SetUpTool(app);
   app.require_subcommand(1);
-  app.fallthrough();
   app.footer(
-      "Exit status: 0 done, 1 the server refused, 2 wrong usage, 3 no server there (serve: cannot listen "
-      "there).");
+      "Exit status: 0 done, 1 the server refused (replay: not as recorded), 2 wrong usage (replay: or no "
+      "record),\n3 no server there (serve: cannot listen there).");
 
   std::string address;
   app.add_option("--socket", address, "the server's socket, a path or @name")
       ->envname("VIRTUAL_NFC_SOCKET")
-      ->required()
+      ->check([](const std::string& text) { return text.empty() ? "the name is empty" : ""; })
       ->type_name("PATH");
 
   std::function<int()> action;
@@ -166,16 +225,41 @@ int RunCommand(int argc, char** argv) {
     action = [&] { return Ask(address, "rule clear"); };
   });
 
+  std::string file;
+  std::uint32_t count = 0;
+  CLI::App* record =
+      app.add_subcommand("record", "write down what programs and the kernel say to each other");
+  record->add_option("FILE", file, "where to; without, to standard output");
+  record->add_option("--count", count, "end after so many messages")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  record->callback([&] { action = [&] { return RecordServer(address, file, count); }; });
+
+  bool ownKernel = false;
+  double speed = 1;
+  CLI::App* replay =
+      app.add_subcommand("replay", "do again what a record says, and compare the kernel's answers");
+  replay->add_option("FILE", file, "a file that 'record' has written")->required();
+  replay->add_option("--speed", speed, "how many times faster than recorded")
+      ->type_name("FACTOR")
+      ->check(CLI::Range(0.01, 1000.0));
+  replay->add_flag("--kernel", ownKernel,
+                   "with this machine's own kernel and reader; a person moves the cards");
+  replay->callback([&] { action = [&] { return ReplayFile(ownKernel ? "" : address, file, speed); }; });
+
+  app.final_callback([&] {
+    if (address.empty() && !ownKernel) throw CLI::RequiredError("--socket");
+  });
+
   app.add_subcommand("env", "print the environment that takes a program to the server")->callback([&] {
     action = [&] { return PrintEnvironment(address); };
   });
 
-  try {
-    app.parse(argc, argv);
-    return action();
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
+  if (const auto ended = ParseCommandLine(app, argc, argv)) {
+    return *ended;
   }
+  const int result = action();
+  return result == kDone && !IsWritten() ? kRefused : result;
 }
 
 }  // namespace

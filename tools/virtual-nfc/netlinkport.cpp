@@ -76,13 +76,13 @@ void NetlinkPort::Reply(int error) const {
   (void)::send(mControl.Get(), &reply, sizeof(reply), kSendFlags);
 }
 
-void NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, const Bytes& datagram) {
+bool NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, const Bytes& datagram) {
   if (!mData) {
-    return;
+    return false;
   }
   if (mCongested) {
     if (!IsDrained()) {
-      return;
+      return false;
     }
     mCongested = false;
   }
@@ -94,7 +94,9 @@ void NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, cons
   if (::sendmsg(mData.Get(), &message, kSendFlags) < 0 && (errno == EAGAIN || errno == EMSGSIZE)) {
     mCongested = true;
     MarkOverrun();
+    return false;
   }
+  return true;
 }
 
 void NetlinkPort::MarkOverrun() {

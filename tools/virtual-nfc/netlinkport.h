@@ -32,7 +32,8 @@ class NetlinkPort {
 
   void Reply(int error) const;
   /// Hands one datagram to the program, or takes note that it did not fit into the receive buffer.
-  void Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
+  /// @returns false when it did not fit
+  bool Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   /// The program's next receive call fails with ENOBUFS.
   void MarkOverrun();
   /// Whatever the program does with the socket from now on fails. The connection can go then.

@@ -22,6 +22,8 @@ struct KernelSettings {
   std::string groupName = "events";
   /// False: a kernel without NFC.
   bool hasFamily = true;
+  /// False: joining the events group takes a privilege that the programs do not have (EPERM).
+  bool admitsListeners = true;
   /// What a device can, as in its GET_DEVICE answer.
   std::uint32_t deviceProtocols = 0xde;
   /// False: the programs have no CAP_NET_ADMIN, and may not switch power or polling.

@@ -190,8 +190,7 @@ void SetHeader(Bytes& message, nlmsghdr header) {
 /// believed.
 void AppendAttribute(Bytes& to, std::uint16_t type, std::size_t statedLength, ByteView value) {
   const nlattr header{static_cast<std::uint16_t>(statedLength), type};
-  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
-  to.insert(to.end(), bytes, bytes + sizeof(header));
+  AppendStruct(to, header);
   to.insert(to.end(), value.begin(), value.end());
   to.resize(NLA_ALIGN(to.size()), 0);
 }

@@ -92,7 +92,7 @@ Bytes ParseHex(std::string_view text) {
 Tag MakeTag(TagKind kind, std::string_view uid) {
   const KindInfo& info = InfoOf(kind);
   Bytes bytes = ParseHex(uid);
-  Tag tag{std::string(uid), info.radio, info.protocols, {}};
+  Tag tag{std::string(uid), info.radio, info.protocols, {}, fmt::format("{} {}", info.name, uid)};
   const bool isA = info.radio == Radio::A;
   const std::uint16_t sensRes = !isA ? 0 : bytes.size() == 7 ? 0x0044 : 0x0004;
   tag.attributes = {{NFC_ATTR_PROTOCOLS, NumberBytes(info.protocols)},

@@ -25,6 +25,8 @@ struct Tag {
   std::uint32_t protocols = 0;
   /// All attributes of its target message but the index, in order.
   std::vector<std::pair<std::uint16_t, Bytes>> attributes;
+  /// The words by which it can be made again, "mifare 04A12B5C"; empty for one with attributes of its own.
+  std::string words = {};
 };
 
 /// A tag as the kernel reports its kind.

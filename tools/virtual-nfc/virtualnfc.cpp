@@ -17,9 +17,6 @@ namespace virtualnfc {
 namespace {
 
 constexpr std::size_t kHistoryLength = 1000;
-/// Where the kernel looks for a free port when the process id is taken: downwards from here, as unsigned
-/// numbers.
-constexpr std::uint32_t kHighestSparePort = 0xFFFFF000;
 
 std::string OwnAddress() {
   static std::atomic<unsigned> counter{0};
@@ -72,6 +69,7 @@ std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
   if (mKernel.FindDevice(number) != nullptr) {
     throw std::invalid_argument(fmt::format("there is a device {} already", number));
   }
+  TellOfReader(fmt::format("plug {}", number));
   SendEvent(mKernel.DeviceAddedEvent(mKernel.AddDevice(number)));
   Changed();
   return number;
@@ -82,6 +80,7 @@ bool VirtualNfc::Unplug(std::uint32_t index) {
   if (!IsDeviceThere(index)) {
     return false;
   }
+  TellOfReader(fmt::format("unplug {}", index));
   RemoveDevice(index);
   Changed();
   return true;
@@ -89,8 +88,8 @@ bool VirtualNfc::Unplug(std::uint32_t index) {
 
 void VirtualNfc::PresentTags(std::vector<Tag> tags) {
   const std::lock_guard lock(mMutex);
-  mField = std::move(tags);
   ++mFieldVersion;
+  ChangeField(std::move(tags));
   for (const auto& device : mKernel.Devices()) {
     ScheduleDetection(device->Index());
   }
@@ -108,7 +107,7 @@ void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
   const std::lock_guard lock(mMutex);
   mTimers.After(hold, [this, version = mFieldVersion] {
     if (mFieldVersion == version) {
-      mField.clear();
+      ChangeField({});
     }
   });
   Changed();
@@ -116,7 +115,9 @@ void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
 
 std::uint32_t VirtualNfc::AddRule(std::string_view text) {
   const std::lock_guard lock(mMutex);
-  return mRules.Add(text);
+  const std::uint32_t id = mRules.Add(text);
+  TellOfReader(fmt::format("rule add {}", text));
+  return id;
 }
 
 std::vector<RuleStatus> VirtualNfc::ListRules() const {
@@ -127,6 +128,7 @@ std::vector<RuleStatus> VirtualNfc::ListRules() const {
 void VirtualNfc::ClearRules() {
   const std::lock_guard lock(mMutex);
   mRules.Clear();
+  TellOfReader("rule clear");
 }
 
 bool VirtualNfc::MakeChipDisagree(std::uint32_t index) {
@@ -304,8 +306,16 @@ void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
   const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
   for (const auto& [id, socket] : mConnections) {
     if (socket->groups.contains(group)) {
-      socket->Deliver(sender, mask, message);
+      Deliver(id, sender, mask, message);
     }
+  }
+}
+
+void VirtualNfc::Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups,
+                         const Bytes& datagram) {
+  const bool fits = mConnections.at(id)->Deliver(sender, groups, datagram);
+  for (NetlinkObserver* observer : mObservers) {
+    observer->OnDelivered(id, sender, groups, datagram, !fits);
   }
 }
 
@@ -382,187 +392,13 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   }
   ApplyChanges(waiting.rule.changes, result.answer);
   for (const Bytes& datagram : PackDatagrams(result.answer.messages)) {
-    connection->second->Deliver(result.answer.sender, 0, datagram);
+    Deliver(connection->first, result.answer.sender, 0, datagram);
   }
   if (waiting.work.isLast) {
     connection->second->Reply(0);
   }
   if (result.answer.closes) {
     BreakConnection(waiting.work.connection);
-  }
-}
-
-// --- sockets ---
-
-bool VirtualNfc::IsPortTaken(std::uint32_t port) const {
-  return std::any_of(mConnections.begin(), mConnections.end(),
-                     [port](const auto& entry) { return entry.second->port == port; });
-}
-
-int VirtualNfc::Bind(NetlinkPort& socket, std::uint32_t wanted, std::uint32_t groups) {
-  if (socket.port == 0) {
-    std::uint32_t port = wanted;
-    if (wanted == 0) {
-      port = static_cast<std::uint32_t>(socket.ProcessId());
-      for (std::uint32_t spare = kHighestSparePort; IsPortTaken(port); --spare) {
-        port = spare;
-      }
-    } else if (IsPortTaken(wanted)) {
-      return EADDRINUSE;
-    }
-    socket.port = port;
-  } else if (wanted != 0 && wanted != socket.port) {
-    return EINVAL;
-  }
-  for (std::uint32_t bit = 0; bit < 32; ++bit) {
-    if ((groups & (std::uint32_t{1} << bit)) != 0) {
-      if (const int error = Join(socket, bit + 1); error != 0) {
-        return error;
-      }
-    }
-  }
-  return 0;
-}
-
-int VirtualNfc::Join(NetlinkPort& socket, std::uint32_t group) {
-  const bool isKnown =
-      group == kControllerGroupId || (mSettings.kernel.hasFamily && group == mSettings.kernel.groupId);
-  if (!isKnown) {
-    return ENOENT;
-  }
-  socket.groups.insert(group);
-  return 0;
-}
-
-void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
-  NetlinkPort& socket = *mConnections.at(id);
-  wire::OperationHeader header{};
-  if (record.size() < sizeof(header)) {
-    CloseConnection(id);
-    return;
-  }
-  std::copy_n(record.begin(), sizeof(header), reinterpret_cast<std::uint8_t*>(&header));
-  const bool opens = header.operation == wire::Operation::Open;
-  if (opens == socket.IsOpen()) {
-    CloseConnection(id);
-    return;
-  }
-  switch (header.operation) {
-    case wire::Operation::Open:
-      if (socket.Open() != 0) {
-        CloseConnection(id);
-      }
-      return;
-    case wire::Operation::Bind:
-      socket.Reply(Bind(socket, header.first, header.second));
-      return;
-    case wire::Operation::Join:
-      socket.Reply(Join(socket, header.first));
-      return;
-    case wire::Operation::Leave:
-      socket.groups.erase(header.first);
-      socket.Reply(0);
-      return;
-    case wire::Operation::ReceiveBuffer:
-      socket.SetReceiveBuffer(header.first);
-      socket.Reply(0);
-      return;
-    case wire::Operation::Interrupt:
-      if (mWaiting && mWaiting->work.connection == id && NfcKernel::IsInterruptible(mWaiting->request)) {
-        FinishWaiting(true);
-      }
-      return;
-    case wire::Operation::Send: {
-      if (const int error = Bind(socket, 0, 0); error != 0) {
-        socket.Reply(error);
-        return;
-      }
-      std::vector<Bytes> messages = SplitMessages(ByteView(record).subspan(sizeof(header)));
-      for (std::size_t i = 0; i < messages.size(); ++i) {
-        mWork.push_back({id, std::move(messages[i]), i + 1 == messages.size()});
-      }
-      if (messages.empty()) {
-        socket.Reply(0);
-      }
-      return;
-    }
-  }
-  CloseConnection(id);
-}
-
-void VirtualNfc::CloseConnection(std::uint64_t id) {
-  const auto connection = mConnections.find(id);
-  const std::uint32_t port = connection->second->port;
-  if (mWaiting && mWaiting->work.connection == id && NfcKernel::IsInterruptible(mWaiting->request)) {
-    // The process was killed while its command waited: for the kernel that is a signal as any other.
-    FinishWaiting(true);
-  }
-  mConnections.erase(connection);
-  const auto release = [this, port] {
-    for (const auto& device : mKernel.Devices()) {
-      device->PortClosed(port);
-    }
-  };
-  if (port == 0) {
-    return;
-  }
-  if (mSettings.ownerReleaseDelay.count() == 0) {
-    release();
-  } else {
-    mTimers.After(mSettings.ownerReleaseDelay, release);
-  }
-}
-
-/// Closes the program's socket under it.
-void VirtualNfc::BreakConnection(std::uint64_t id) {
-  mConnections.at(id)->Close();
-  CloseConnection(id);
-}
-
-void VirtualNfc::AcceptConnections() {
-  while (UniqueFd control = mListener.Accept()) {
-    mConnections.emplace(mNextConnection++, std::make_unique<NetlinkPort>(std::move(control)));
-  }
-}
-
-void VirtualNfc::CloseEndedConnections() {
-  std::vector<pollfd> fds;
-  std::vector<std::uint64_t> ids;
-  for (const auto& [id, socket] : mConnections) {
-    fds.push_back({socket->ControlFd(), POLLIN, 0});
-    ids.push_back(id);
-  }
-  if (fds.empty() || ::poll(fds.data(), fds.size(), 0) <= 0) {
-    return;
-  }
-  for (std::size_t i = 0; i < fds.size(); ++i) {
-    char byte = 0;
-    if ((fds[i].revents & POLLHUP) != 0 &&
-        ::recv(fds[i].fd, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) <= 0) {
-      CloseConnection(ids[i]);
-    }
-  }
-}
-
-void VirtualNfc::ReadConnections(const std::vector<std::uint64_t>& readable) {
-  std::vector<std::pair<std::uint64_t, Bytes>> records;
-  for (const std::uint64_t id : readable) {
-    Bytes record(sizeof(wire::OperationHeader) + wire::kMaxMessage);
-    const ssize_t length =
-        ::recv(mConnections.at(id)->ControlFd(), record.data(), record.size(), MSG_DONTWAIT);
-    if (length < 0 && errno == EAGAIN) {
-      continue;
-    }
-    // An empty record is none of ours, or the end.
-    record.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-    records.emplace_back(id, std::move(record));
-  }
-  // A program that closes a socket and then uses another shall find the first one closed.
-  CloseEndedConnections();
-  for (const auto& [id, record] : records) {
-    if (mConnections.contains(id)) {
-      HandleRecord(id, record);
-    }
   }
 }
 

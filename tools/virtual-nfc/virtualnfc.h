@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "netlinkobserver.h"
 #include "netlinkport.h"
 #include "nfckernel.h"
 #include "rules.h"
@@ -102,6 +103,7 @@ class VirtualNfc {
   VirtualNfc& operator=(const VirtualNfc&) = delete;
 
   const std::string& Address() const { return mListener.Address(); }
+  const VirtualNfcSettings& Settings() const { return mSettings; }
 
   /// A new device comes, with the lowest free number, or the given one.
   /// @throws std::invalid_argument when the given number is taken
@@ -132,6 +134,12 @@ class VirtualNfc {
   void OverrunEvents();
   /// Sends these bytes to all listeners, as if the kernel had.
   void SendRawEvent(const Bytes& message);
+
+  /// From now on until it is removed it is told of everything, first of what is there already: the sockets,
+  /// their groups, the rules, the tags.
+  void AddObserver(NetlinkObserver& observer);
+  /// It gets no call any more when this returns.
+  void RemoveObserver(NetlinkObserver& observer);
 
   Status GetStatus() const;
   /// The commands of the nfc family since the start, the latest thousand.
@@ -165,8 +173,8 @@ class VirtualNfc {
   void CloseConnection(std::uint64_t id);
   void BreakConnection(std::uint64_t id);
   void HandleRecord(std::uint64_t id, const Bytes& record);
-  int Bind(NetlinkPort& socket, std::uint32_t wanted, std::uint32_t groups);
-  int Join(NetlinkPort& socket, std::uint32_t group);
+  int Bind(std::uint64_t id, std::uint32_t wanted, std::uint32_t groups);
+  int Join(std::uint64_t id, std::uint32_t group);
   bool IsPortTaken(std::uint32_t port) const;
 
   void WorkOff();
@@ -174,6 +182,7 @@ class VirtualNfc {
   void FinishWaiting(bool interrupted);
 
   void SendEvent(Bytes message);
+  void Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   void Multicast(std::uint32_t sender, const Bytes& message);
   void RemoveDevice(std::uint32_t index);
   void ScheduleDetection(std::uint32_t index);
@@ -181,6 +190,10 @@ class VirtualNfc {
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
   std::uint32_t LowestFreeNumber() const;
   Status MakeStatus() const;
+  void ChangeField(std::vector<Tag> tags);
+  std::string FieldWords() const;
+  void TellOfSocket(std::uint64_t id, SocketChange change, std::uint32_t number = 0, int error = 0);
+  void TellOfReader(std::string_view words);
   void Wake();
   /// Every change by a caller's thread: the server looks again and waiting predicates are asked again.
   void Changed();
@@ -209,6 +222,7 @@ class VirtualNfc {
   std::deque<CommandRecord> mHistory;
   std::array<std::uint32_t, 256> mCommands{};
   std::array<std::uint32_t, 256> mEvents{};
+  std::vector<NetlinkObserver*> mObservers;
 
   std::thread mThread;
 };

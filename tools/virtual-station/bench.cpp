@@ -9,8 +9,7 @@
 #include <utility>
 
 #include "common/channel.h"
-#include "rfidctl/daemon.h"
-#include "rfidctl/text.h"
+#include "common/statetext.h"
 #include "virtual-nfc/controlserver.h"
 #include "virtual-nfc/tag.h"
 
@@ -85,8 +84,7 @@ void Bench::ServePeers() {
           }
         });
   } catch (const std::runtime_error& e) {
-    mPeersProblem =
-        std::string("the lamp and the signals stay dark, another program serves them: ") + e.what();
+    mPeersProblem = std::string("the lamp and the signals stay dark: ") + e.what();
     mModel.SetNotice("No feedback here: " + mPeersProblem + ".");
   }
 }

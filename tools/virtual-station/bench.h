@@ -12,10 +12,10 @@
 #include <string>
 #include <thread>
 
+#include "common/subscriber.h"
 #include "framework/rpcconfig.h"
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
-#include "rfidctl/subscriber.h"
 #include "virtual-station/benchmodel.h"
 #include "virtual-station/logtail.h"
 #include "virtual-station/sectionfile.h"
@@ -35,7 +35,7 @@ struct BenchSettings {
 class Bench {
  public:
   /// Begins to watch; the daemon and the simulated reader need not be there. Without the addresses of
-  /// Feedback and Diagnostics (another program serves them) the bench goes on, and the model's notice says
+  /// Feedback and Diagnostics (another program may have them) the bench goes on, and the model's notice says
   /// so.
   explicit Bench(BenchSettings settings);
   ~Bench();

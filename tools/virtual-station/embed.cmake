@@ -1,13 +1,14 @@
-# Writes the page's files into a C++ source. Called with FOLDER, OUTPUT and FILES (names, separated by commas).
+# Writes the page's files into a C++ source. Called with OUTPUT and FILES (paths, separated by commas).
 set(types_html "text/html; charset=utf-8")
 set(types_css "text/css; charset=utf-8")
 set(types_js "text/javascript; charset=utf-8")
 set(types_svg "image/svg+xml")
 
-string(REPLACE "," ";" names "${FILES}")
+string(REPLACE "," ";" files "${FILES}")
 set(entries "")
-foreach(name IN LISTS names)
-  file(READ "${FOLDER}/${name}" content)
+foreach(file IN LISTS files)
+  file(READ "${file}" content)
+  cmake_path(GET file FILENAME name)
   string(REGEX MATCH "[a-z]+$" ending "${name}")
   set(path "/${name}")
   if(name STREQUAL "index.html")

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include "common/channel.h"
@@ -31,7 +32,7 @@ struct Options {
   bool on = false;
   std::string nfcSocket;
   std::string logFile;
-  int port = 8080;
+  std::optional<int> port;
 };
 
 std::string TextOf(const VirtualStation::Call& call) {
@@ -83,13 +84,30 @@ int Serve(const Options& options) {
       PrintError(cTool, e.what());
     }
   };
+  if (config.peers.count("Feedback") + config.peers.count("Diagnostics") == 0) {
+    throw std::runtime_error("there is nothing to serve: plex.json names neither Feedback nor Diagnostics");
+  }
   const VirtualStation station(config.peers, print, answer);
   for (const auto& [name, address] : config.peers) {
-    PrintError(cTool, name == "Feedback" || name == "Diagnostics" ? "serving " + name + " at " + address
-                                                                  : "not serving " + name);
+    const bool isServed = name == "Feedback" || name == "Diagnostics";
+    PrintError(cTool, isServed ? fmt::format("serving {} at {}", name, address) : "not serving " + name);
   }
   WaitForEnd(signals);
   return 0;
+}
+
+/// At the port that is asked for; without one at the usual port, and where that is taken at any.
+std::unique_ptr<BenchServer> OpenBenchServer(BenchModel& model, const BenchServer::Carrier& carrier,
+                                             const std::optional<int>& port) {
+  constexpr int cUsualPort = 8080;
+  try {
+    return std::make_unique<BenchServer>(model, carrier, port.value_or(cUsualPort));
+  } catch (const std::runtime_error&) {
+    if (port) {
+      throw;
+    }
+    return std::make_unique<BenchServer>(model, carrier, 0);
+  }
 }
 
 int ServeBench(const Options& options) {
@@ -103,7 +121,8 @@ int ServeBench(const Options& options) {
     const Bench::Answer answer = bench.Do(request);
     return std::pair(answer.done, answer.text);
   };
-  BenchServer server(bench.Model(), carry, options.port);
+  const auto opened = OpenBenchServer(bench.Model(), carry, options.port);
+  BenchServer& server = *opened;
   std::thread serving([&server] { server.Run(); });
   struct Ender {
     Bench& bench;
@@ -213,9 +232,10 @@ int main(int argc, char** argv) {
   bench->add_option("--nfc", options.nfcSocket, "The socket of virtual-nfc, to put cards to its reader")
       ->envname("VIRTUAL_NFC_SOCKET")
       ->type_name("SOCKET");
-  bench->add_option("--port", options.port, "The port; 0 takes any that is free")
-      ->check(CLI::Range(0, 65535))
-      ->capture_default_str();
+  bench
+      ->add_option("--port", options.port,
+                   "The port, 0 for any that is free; without it 8080, or any where that is taken")
+      ->check(CLI::Range(0, 65535));
   bench->add_option("--log", options.logFile, "A file with the daemon's log, to show its end")
       ->type_name("FILE");
 
@@ -237,6 +257,7 @@ int main(int argc, char** argv) {
   if (const auto status = ParseCommandLine(app, argc, argv)) {
     return *status;
   }
+  SilenceRpcLibrary();
   try {
     return Run(app, options);
   } catch (const std::exception& e) {

@@ -98,6 +98,10 @@ SectionFile::SectionFile(const std::filesystem::path& folder, const std::string&
 }
 
 Json::Value SectionFile::Load() const {
+  std::error_code error;
+  if (std::filesystem::is_directory(mFile, error)) {  // opens like a file, and is empty
+    Fail(mFile, "cannot be read", EISDIR);
+  }
   std::ifstream file(mFile);
   if (!file) {
     if (errno != ENOENT) {
@@ -121,7 +125,10 @@ Json::Value SectionFile::Load() const {
 
 void SectionFile::Edit(const std::function<bool(Json::Value&)>& edit) const {
   const std::filesystem::path folder = mFile.parent_path();
-  std::filesystem::create_directories(folder);
+  std::error_code error;
+  if (std::filesystem::create_directories(folder, error); error) {
+    Fail(folder, "cannot be made", error.value());
+  }
   const Descriptor lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (lock.Get() < 0 || flock(lock.Get(), LOCK_EX) != 0) {
     Fail(folder, "cannot be locked", errno);

@@ -5,10 +5,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 
 #include "ipc/diagnostics.grpc.pb.h"
 #include "ipc/feedback.grpc.pb.h"
@@ -17,31 +19,47 @@ namespace {
 
 const std::string cUnixScheme = "unix:";
 
-bool IsAnswering(const std::string& path) {
+using SocketCall = int (*)(int, const sockaddr*, socklen_t);
+
+/// Connects a socket to the path, or binds one there: the error, 0 when there is none. The socket is closed
+/// again.
+int TrySocket(SocketCall call, const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
-    return false;  // the RPC library will say so
+    return ENAMETOOLONG;
   }
   path.copy(address.sun_path, path.size());
   const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool connected = descriptor >= 0 && connect(descriptor, reinterpret_cast<const sockaddr*>(&address),
-                                                    sizeof address) == 0;
+  const bool done =
+      descriptor >= 0 && call(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  const int error = done ? 0 : errno;
   if (descriptor >= 0) {
     close(descriptor);
   }
-  return connected;
+  return error;
 }
 
-/// The RPC library replaces any socket that stands at the path, also one that is in use.
+/// The RPC library replaces any socket that stands at the path, also one that is in use, and does not say why
+/// it cannot listen.
 void PrepareUnixSocket(const std::string& path) {
   const auto folder = std::filesystem::path(path).parent_path();
-  if (!folder.empty()) {
-    std::filesystem::create_directories(folder);
+  std::error_code error;
+  if (!folder.empty() && (std::filesystem::create_directories(folder, error), error)) {
+    throw std::runtime_error("cannot make the folder " + folder.string() + ": " + error.message());
   }
-  if (IsAnswering(path)) {
+  const int answer = TrySocket(connect, path);
+  if (answer == 0) {
     throw std::runtime_error(cUnixScheme + path + " is in use");
   }
+  if (answer == ECONNREFUSED && std::filesystem::is_socket(path, error)) {  // of one that is gone
+    std::filesystem::remove(path, error);
+  }
+  if (const int reason = TrySocket(bind, path); reason != 0) {
+    throw std::runtime_error("cannot listen on " + cUnixScheme + path + ": " +
+                             std::generic_category().message(reason));
+  }
+  std::filesystem::remove(path, error);
 }
 
 /// A call that is never answered.
@@ -83,9 +101,19 @@ class VirtualStation::Impl {
     if (mObserver) {
       mObserver(call);
     }
+    if (const auto* signal = std::get_if<ipc::MSignal>(&call)) {
+      mSignals[signal->id()] = *signal;
+    }
     mCalls.push_back(std::move(call));
     mArrived.notify_all();
     return mFeedbackAnswer == EAnswer::Illegal ? ipc::EResultIllegal : ipc::EResultOk;
+  }
+
+  void ListSignals(ipc::MSignals& signals) const {
+    const std::lock_guard lock(mMutex);
+    for (const auto& [id, signal] : mSignals) {
+      *signals.add_signals() = signal;
+    }
   }
 
   bool IsHanging() const {
@@ -143,6 +171,14 @@ class VirtualStation::Impl {
       return reactor;
     }
 
+    grpc::ServerUnaryReactor* List(grpc::CallbackServerContext* context, const ipc::MEmpty* /*request*/,
+                                   ipc::MSignals* signals) override {
+      mStation.ListSignals(*signals);
+      auto* const reactor = context->DefaultReactor();
+      reactor->Finish(grpc::Status::OK);
+      return reactor;
+    }
+
    private:
     Impl& mStation;
   };
@@ -161,7 +197,7 @@ class VirtualStation::Impl {
     }
     auto server = builder.BuildAndStart();
     if (!server || port == 0) {
-      throw std::runtime_error("cannot listen on " + address);
+      throw std::runtime_error("cannot listen on " + address + ", which may be in use");
     }
     return server;
   }
@@ -170,6 +206,7 @@ class VirtualStation::Impl {
   mutable std::mutex mMutex;  ///< of the following
   mutable std::condition_variable mArrived;
   std::vector<Call> mCalls;
+  std::map<int, ipc::MSignal> mSignals;  ///< the last of each
   EAnswer mFeedbackAnswer;
 
   FeedbackService mFeedback;

@@ -12,7 +12,7 @@
 #include "ipc/feedback.pb.h"
 
 /// The services of other daemons that the RFID daemon calls, Feedback and Diagnostics: takes every call and
-/// keeps it.
+/// keeps it. Whoever asks Diagnostics for the signals gets their last values.
 ///
 /// Threads: every function may be called from any thread; calls arrive on the RPC library's threads.
 class VirtualStation {

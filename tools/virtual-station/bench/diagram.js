@@ -1,37 +1,9 @@
-// The state machine's diagram: the nodes stand where the two tables put them, the edges are drawn between them.
+// The state machine's diagram: the nodes stand where layout.json puts them, the edges are the machine's own.
+import { layouts, machine } from '/machine.js';
 
-const wide = {
-  width: 720, height: 385, box: [118, 42],
-  at: {
-    Start: [70, 36], Uninitialized: [70, 120], Initializing: [225, 120], Disabled: [385, 120],
-    Enabling: [517, 45], Enabled: [650, 120], Disabling: [517, 195], Recovering: [385, 250], Error: [650, 250],
-    Final: [36, 345], Terminating: [175, 345], any: [385, 345], FatalError: [650, 345],
-  },
-};
-const narrow = {
-  width: 360, height: 470, box: [104, 36],
-  at: {
-    Start: [60, 18], Uninitialized: [60, 72], Initializing: [60, 142], Disabled: [60, 222],
-    Enabling: [180, 172], Enabled: [300, 222], Disabling: [180, 272], Recovering: [60, 312], Error: [300, 312],
-    any: [180, 372], FatalError: [300, 442], Terminating: [60, 442], Final: [180, 442],
-  },
-};
-
-// Reactions that lead to another state. "any": every state has them.
-const edges = [
-  ['Uninitialized', 'Initializing', 'ExtDisableReq'],
-  ['Initializing', 'Disabled', 'IntInitializingDone'],
-  ['Disabled', 'Enabling', 'ExtEnableReq'],
-  ['Enabling', 'Enabled', 'IntEnablingDone'],
-  ['Enabled', 'Disabling', 'ExtDisableReq'],
-  ['Disabling', 'Disabled', 'IntDisablingDone'],
-  ['any', 'Error', 'IntError'],
-  ['Error', 'Recovering', 'IntRecover'],
-  ['Recovering', 'Disabled', 'IntRecoveringDone'],
-  ['any', 'FatalError', 'IntFatalError'],
-  ['any', 'Terminating', 'IntTerminate'],
-  ['Terminating', 'Final', 'IntTerminatingDone'],
-];
+// Reactions that lead to another state.
+const edges = machine.transitions.map(({ from, to, event }) => [from, to, event]);
+const { initial, last, anyState } = machine;
 
 const stepTime = 900;  // a state that the machine passes in no time is shown that long
 const make = (name, attributes, parent) => {
@@ -54,7 +26,7 @@ function wayBetween(from, to) {
       ways.push([...way, b]);
     }
   }
-  return edges.some(([a, b]) => a === 'any' && b === to) ? ['any', to] : [];
+  return edges.some(([a, b]) => a === anyState && b === to) ? [anyState, to] : [];
 }
 
 export class Diagram {
@@ -69,12 +41,12 @@ export class Diagram {
   }
 
   draw() {
-    const layout = this.narrow.matches ? narrow : wide;
+    const layout = this.narrow.matches ? layouts.narrow : layouts.wide;
     this.svg = make('svg', { viewBox: `0 0 ${layout.width} ${layout.height}`, role: 'img' });
     this.title = make('title', {}, this.svg);
     this.edges = new Map();
     const [width, height] = layout.box;
-    const reach = { Start: [8, 8], Final: [15, 15] };
+    const reach = { Start: [8, 8], [last]: [15, 15] };
     // From the border of one box to the border of the other, on the line between their centres.
     const border = (from, to) => {
       const [x, y] = layout.at[from];
@@ -83,27 +55,28 @@ export class Diagram {
       const part = Math.min(w / Math.abs(dx || 1e-9), h / Math.abs(dy || 1e-9));
       return [x + dx * part, y + dy * part];
     };
-    for (const [from, to, event] of [['Start', 'Uninitialized', 'start'], ...edges]) {
+    for (const [from, to, event] of [['Start', initial, 'start'], ...edges]) {
       const [a, b] = [border(from, to), border(to, from)];
       const angle = Math.atan2(b[1] - a[1], b[0] - a[0]);
       const foot = [b[0] - 8 * Math.cos(angle), b[1] - 8 * Math.sin(angle)];
       const group = make('g', {}, this.svg);
       make('title', {}, group).textContent = event;
-      const line = make('path', { d: `M${a}L${foot}`, class: from === 'any' ? 'edge frame' : 'edge' }, group);
+      const line = make('path', { d: `M${a}L${foot}`, class: from === anyState ? 'edge frame' : 'edge' }, group);
       const tip = make('path', { d: 'M0 0-10-5-10 5z', class: 'tip',
         transform: `translate(${b}) rotate(${angle * 180 / Math.PI})` }, group);
       this.edges.set(`${from} ${to}`, [line, tip]);
     }
     this.nodes = new Map();
     for (const [name, [x, y]] of Object.entries(layout.at)) {
-      if (name === 'Start' || name === 'Final') {
+      if (name === 'Start' || name === last) {
         make('circle', { cx: x, cy: y, r: name === 'Start' ? 7 : 8, class: 'dotmark' }, this.svg);
-        if (name === 'Final') make('circle', { cx: x, cy: y, r: 13, class: 'final' }, this.svg);
+        if (name === last) make('circle', { cx: x, cy: y, r: 13, class: 'final' }, this.svg);
         continue;
       }
-      const node = make('g', { class: name === 'any' ? 'node any' : 'node', 'data-state': name }, this.svg);
-      make('rect', { x: x - width / 2, y: y - height / 2, width, height, rx: name === 'any' ? height / 2 : 11 }, node);
-      make('text', { x, y }, node).textContent = name === 'any' ? 'any state' : name;
+      const node = make('g', { class: name === anyState ? 'node any' : 'node', 'data-state': name }, this.svg);
+      const rx = name === anyState ? height / 2 : 11;
+      make('rect', { x: x - width / 2, y: y - height / 2, width, height, rx }, node);
+      make('text', { x, y }, node).textContent = name === anyState ? 'any state' : name;
       this.nodes.set(name, node);
     }
     this.root.replaceChildren(this.svg);
@@ -158,7 +131,7 @@ export class Diagram {
     } else if (!way.length) {
       this.caption.replaceChildren('Seen in ', part('b', to), ` at ${time}.`);
     } else {
-      const steps = (way[0] === 'any' ? [from, to] : way).flatMap((name, i) =>
+      const steps = (way[0] === anyState ? [from, to] : way).flatMap((name, i) =>
         i ? [' → ', part('code', events[i - 1]), ' → ', part('b', name)] : [part('b', name)]);
       this.caption.replaceChildren(...steps, `, ${time}`);
     }

@@ -1,0 +1,101 @@
+#include "tools/harness/station.h"
+
+#include <fmt/format.h>
+#include <linux/nfc.h>
+#include <stdlib.h>
+
+#include <cerrno>
+#include <fstream>
+#include <map>
+#include <system_error>
+#include <utility>
+
+#include "framework/rpcconfig.h"
+#include "tools/common/channel.h"
+
+Station::Station(const std::string& name, const virtualnfc::VirtualNfcSettings& settings,
+                 std::vector<std::string> launcher)
+    : mPrograms(std::filesystem::read_symlink("/proc/self/exe").parent_path()),
+      mLauncher(std::move(launcher)) {
+  std::string folder = std::filesystem::temp_directory_path() / (name + "-XXXXXX");
+  if (mkdtemp(folder.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), folder);
+  }
+  mRoot = folder;
+  std::filesystem::create_directories(mRoot / "etc");
+  std::filesystem::create_directories(mRoot / "hub");
+  WriteFile("etc/plex.json", R"({
+    "listen": "unix:run/rfid.sock",
+    "peers": { "Feedback": "unix:run/feedback.sock", "Diagnostics": "unix:run/diagnostics.sock" },
+    "configuration": "hub"
+  })");
+  mKernel = std::make_unique<virtualnfc::VirtualNfc>(settings);
+}
+
+Station::~Station() {
+  mSupervisor.reset();
+  mDaemon.reset();
+  if (!mIsKept) {
+    std::error_code ignored;
+    std::filesystem::remove_all(mRoot, ignored);
+  }
+}
+
+void Station::WriteFile(const std::string& name, const std::string& content) const {
+  std::ofstream(Path("new")) << content;
+  std::filesystem::rename(Path("new"), Path(name));
+}
+
+void Station::StartPeers() {
+  mPeers = std::make_unique<VirtualStation>(LoadRpcConfig(mRoot).peers);
+}
+
+std::unique_ptr<Process> Station::Spawn(const std::vector<std::string>& arguments) {
+  if (std::filesystem::exists(Path("log"))) {
+    std::filesystem::rename(Path("log"), Path(fmt::format("log.{}", ++mEarlierLogs)));
+  }
+  auto command = mLauncher;
+  command.push_back(mPrograms / "rfidd");
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  // The address sanitizer wants to be the first library of a process; here the preload is.
+  const char* options = getenv("ASAN_OPTIONS");
+  return std::make_unique<Process>(
+      command,
+      std::map<std::string, std::string>{
+          {"LD_PRELOAD", mPrograms / "virtual-nfc-preload.so"},
+          {"VIRTUAL_NFC_SOCKET", mKernel->Address()},
+          {"ASAN_OPTIONS",
+           (options == nullptr ? "" : std::string(options) + ":") + "verify_asan_link_order=0"}},
+      Path("output"), Path("log"));
+}
+
+bool Station::StartDaemon(std::vector<std::string> arguments) {
+  if (!mPeers) {
+    StartPeers();
+  }
+  arguments.insert(arguments.end(), {"-r", mRoot.string() + "/"});
+  mDaemon = Spawn(arguments);
+  mSupervisor = std::make_unique<Supervisor>(LoadRpcConfig(mRoot).listen);
+  return mSupervisor->WaitFor("listening") && mSupervisor->WaitFor("Uninitialized");
+}
+
+bool Station::EnableDaemon() {
+  return mSupervisor->Disable() == "Ok" && mSupervisor->WaitFor("Disabled") &&
+         mSupervisor->Enable() == "Ok" && mSupervisor->WaitFor("Enabled");
+}
+
+std::string Station::EndDaemon() {
+  auto end = mDaemon->Wait().value_or("still running");
+  mSupervisor.reset();
+  mDaemon.reset();
+  return end;
+}
+
+bool Station::Tap(const virtualnfc::Tag& tag) {
+  const auto found = mKernel->GetStatus().Events(NFC_EVENT_TARGETS_FOUND);
+  mKernel->PresentTag(tag);
+  const bool isFound = mKernel->WaitFor(
+      [&](const virtualnfc::Status& status) { return status.Events(NFC_EVENT_TARGETS_FOUND) > found; });
+  mKernel->RemoveTags();
+  return isFound;
+}

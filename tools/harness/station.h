@@ -1,0 +1,72 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/harness/process.h"
+#include "tools/harness/supervisor.h"
+#include "tools/virtual-station/virtualstation.h"
+#include "virtualnfc.h"
+
+/// A station in a folder of its own: kernel, feedback and diagnostics services, configuration, the real
+/// daemon and its supervisor. One thread.
+///
+/// rfidd and the preload are looked for beside the program that runs.
+class Station {
+ public:
+  /// Throws what keeps it from being set up. `name` begins the folder's. `launcher` is a command that runs
+  /// the daemon; none by default.
+  explicit Station(const std::string& name, const virtualnfc::VirtualNfcSettings& settings = {},
+                   std::vector<std::string> launcher = {});
+  ~Station();  ///< kills the daemon, and removes the folder unless it is to be kept
+  Station(const Station&) = delete;
+  Station& operator=(const Station&) = delete;
+
+  std::string Path(const std::string& name) const { return mRoot / name; }
+  const std::filesystem::path& Folder() const { return mRoot; }
+  void KeepFolder() { mIsKept = true; }
+
+  /// Writes a file of the folder in one step, as the station's other programs do.
+  void WriteFile(const std::string& name, const std::string& content) const;
+
+  void StartPeers();
+  void StopPeers() { mPeers.reset(); }
+
+  /// rfidd with these arguments, its standard output in the file "output", its standard error in "log", where
+  /// the last one's becomes "log.1", "log.2" and so on.
+  std::unique_ptr<Process> Spawn(const std::vector<std::string>& arguments);
+  /// Starts the peers unless they run, the daemon and a supervisor; false when that one is not told within
+  /// half a minute that the daemon runs.
+  bool StartDaemon(std::vector<std::string> arguments = {});
+  /// From the start to Enabled; false when the daemon does not get there.
+  bool EnableDaemon();
+  /// Waits for the daemon's end and drops it and its supervisor; how it ended.
+  std::string EndDaemon();
+
+  /// Puts a tag to the reader until it is found; false when that does not happen.
+  bool Tap(const virtualnfc::Tag& tag);
+
+  virtualnfc::VirtualNfc& Kernel() { return *mKernel; }
+  VirtualStation& Peers() { return *mPeers; }
+  Supervisor& Control() { return *mSupervisor; }
+  const Process& Daemon() const { return *mDaemon; }
+  bool HasDaemon() const { return mDaemon != nullptr; }
+
+  /// What the daemon that was started last has written to its console.
+  std::string Log() const { return ReadFile(Path("log")); }
+
+ protected:
+  std::filesystem::path mRoot;
+  std::unique_ptr<virtualnfc::VirtualNfc> mKernel;
+  std::unique_ptr<VirtualStation> mPeers;
+  std::unique_ptr<Process> mDaemon;
+  std::unique_ptr<Supervisor> mSupervisor;
+
+ private:
+  const std::filesystem::path mPrograms;
+  const std::vector<std::string> mLauncher;
+  bool mIsKept = false;
+  unsigned mEarlierLogs = 0;
+};
