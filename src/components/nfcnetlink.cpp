@@ -133,7 +133,7 @@ void CNfcNetlink::InitializeController(TargetCallback onTarget, ErrorCallback on
     const std::lock_guard exchange(mExchangeMutex);
     OpenController();
   } catch (const CRfidError&) {
-    mCommandSocket.reset();
+    mClosedSockets.Close(std::move(mCommandSocket));
     throw;
   }
   LOG_DEBUG("NFC GENL initialization complete, starting event monitor.");
@@ -150,7 +150,7 @@ void CNfcNetlink::InitializeController(TargetCallback onTarget, ErrorCallback on
   } catch (const std::system_error& e) {
     const std::lock_guard lock(mMutex);
     mEventSocketReady = mSetUpDone = true;  // there is no monitor to wait for
-    mCommandSocket.reset();
+    mClosedSockets.Close(std::move(mCommandSocket));
     throw CRfidError(std::string("Could not start the event monitor: ") + e.what(), NLE_FAILURE);
   }
 }
@@ -201,7 +201,7 @@ void CNfcNetlink::CloseEarlierController() {
   }
   if (mCommandSocket) {
     LOG_DEBUG("Releasing the earlier command socket.");
-    mCommandSocket.reset();
+    mClosedSockets.Close(std::move(mCommandSocket));
   }
   mPollingWanted = false;
   mPolling = false;
@@ -334,8 +334,7 @@ void CNfcNetlink::DeinitializeController() {
   mPolling = false;
   if (mCommandSocket) {
     LOG_TRACE("Freeing NFC command socket");
-    nl_close(mCommandSocket.get());
-    mCommandSocket.reset();
+    mClosedSockets.Close(std::move(mCommandSocket));
   }
   if (mDeviceInfo) {
     LOG_TRACE("Clearing {} device info", mDeviceInfo->name);

@@ -75,6 +75,7 @@ class CNfcNetlink : public INfcNetlink {
   std::optional<NfcDeviceInfo> mDeviceInfo;
   std::atomic<bool> mStopFlag{true};
   std::optional<CToken> mLastTarget;  // monitor thread only
+  ClosedSockets mClosedSockets;
   NlSocket mCommandSocket;
   NlSocket mEventSocket;  // made and released by the monitor, under mMutex
   int mFamilyId = -1;

@@ -75,7 +75,7 @@ void CNfcNetlink::MonitorEvents() {
   {
     const std::lock_guard lock(mMutex);
     if (!listening) {
-      mEventSocket.reset();  // StartPolling finds it gone and fails
+      mClosedSockets.Close(std::move(mEventSocket));  // StartPolling finds it gone and fails
     }
     mSetUpDone = true;
   }
@@ -153,7 +153,7 @@ void CNfcNetlink::ReceiveEvents() {
   mEventCallbacks.reset();
   {
     const std::lock_guard lock(mMutex);
-    mEventSocket.reset();
+    mClosedSockets.Close(std::move(mEventSocket));
   }
   LOG_DEBUG("NFC event monitor stopped.");
   if (failure != 0) {

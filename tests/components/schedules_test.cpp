@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "inprocess.h"
 #include "jitter.h"
@@ -44,6 +45,19 @@ class RestlessDriver {
   std::thread mThread;
 };
 
+/// Leaves libnl few ports to choose from, so that a new socket often has that of the one just closed. The
+/// kernel ends the polling of a closed socket's port some milliseconds later.
+std::vector<NlSocket> TakePorts() {
+  constexpr size_t All = 1024;
+  constexpr size_t Left = 40;
+  std::vector<NlSocket> sockets;
+  while (sockets.size() < All - Left) {
+    sockets.emplace_back(nl_socket_alloc());
+    nl_socket_get_local_port(sockets.back().get());
+  }
+  return sockets;
+}
+
 }  // namespace
 
 TEST(NfcNetlinkSchedules, OffMeansOffAndOnReadsCardsWheneverTheMonitorIsStartedAndStopped) {
@@ -52,6 +66,7 @@ TEST(NfcNetlinkSchedules, OffMeansOffAndOnReadsCardsWheneverTheMonitorIsStartedA
   std::condition_variable read;
   unsigned cards = 0;   // guarded by mutex, as the next
   std::string failure;  // what the monitor reported
+  const auto taken = TakePorts();
   CNfcNetlink controller;
   const RestlessDriver driver(kernel);
   Jitter jitter(2);

@@ -49,17 +49,15 @@ TEST(Record, OfTheDaemonCanBeReplayedAndIsTheSame) {
   ASSERT_TRUE(station.StartDaemon());
   ASSERT_TRUE(station.EnableDaemon());
   const auto polls = [](const Status& status) { return status.Device().polling; };
-  for (const char* rule :
-       {"GET_TARGET times=1 delay=50", "START_POLL times=1 errno=EBUSY", "GET_TARGET garble=long"}) {
-    ASSERT_THAT(AskServer(station.Kernel().Address(), std::string("rule add ") + rule), HasSubstr("ok"));
+  for (const char* rule : {"GET_TARGET times=1 delay=50", "START_POLL times=1 errno=EBUSY",
+                           "GET_TARGET garble=long", "DEV_UP times=1 unplug"}) {
     ASSERT_TRUE(station.Kernel().WaitFor(polls));
+    ASSERT_THAT(AskServer(station.Kernel().Address(), std::string("rule add ") + rule), HasSubstr("ok"));
     ASSERT_TRUE(station.Tap(MakeTag(TagKind::Mifare, "04A12B5C")));
   }
-  ASSERT_TRUE(station.Kernel().WaitFor(
-      [](const Status& status) { return status.Commands(NFC_CMD_GET_TARGET) == 3; }));
-  station.Kernel().Unplug();
-  station.Kernel().Plug();
   ASSERT_TRUE(station.Control().WaitFor("FatalError"));
+  station.Kernel().Plug();
+  station.Kernel().Unplug();
   station.Daemon().Signal(SIGINT);
   EXPECT_EQ(station.EndDaemon(), "exit 0");
   recorder->Signal(SIGINT);
@@ -153,7 +151,7 @@ TEST(RecordServer, CutsOffARecorderThatDoesNotRead) {
   EXPECT_THAT(AskServer(kernel.Address(), "status"), HasSubstr("ok"));
   std::string text(10'000'000, ' ');
   text.resize(static_cast<std::size_t>(::recv(recorder.Get(), text.data(), text.size(), MSG_WAITALL)));
-  EXPECT_LT(text.size(), 2'000'000U);
+  EXPECT_LT(text.size(), 2'500'000U);  // of 3,000,000
   EXPECT_THAT(text.substr(text.size() - 100), HasSubstr("\nerror: the record ends here"));
 }
 
