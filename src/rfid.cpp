@@ -65,6 +65,7 @@ void CRfid::ConnectInterruption() const {
     *hook = [this, tellSupervisor = std::move(*hook)] {
       tellSupervisor();
       if (mInterrupted) {
+        mRecoveryMissed = true;
         signalHook(SIGINT);
       }
     };
@@ -123,7 +124,7 @@ void CRfid::StartCommunication() {
   });
 }
 
-void CRfid::RunStateMachine() {
+void CRfid::RunStateMachine() const {
   signalHook = [this](int signal) {
     if (signal == SIGINT) {
       mInterrupted = true;
@@ -147,8 +148,16 @@ void CRfid::StopCommunication() {
 }
 
 /// A machine that was stopped while it read cards leaves the reader open. It is closed before the first
-/// component goes: the reader's own thread uses them.
+/// component goes: the reader's own thread uses them. An error that the interrupt overtook may have left the
+/// reader on; to switch it off it is opened anew, as the recovery would have done.
 void CRfid::CloseReader() const {
+  if (mRecoveryMissed) {
+    try {
+      mRfidReader->Initialize([](const CToken&, bool) {}, [](const CRfidError&) {});
+    } catch (const CRfidError& e) {
+      LOG_ERROR("Could not open the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
+    }
+  }
   try {
     mRfidReader->StopPolling();
   } catch (const CRfidError& e) {

@@ -36,7 +36,7 @@ class CRfid {
   void ConnectIRfid() const;
   void AddServices();
   void StartCommunication();
-  void RunStateMachine();
+  void RunStateMachine() const;
   void StopCommunication();
   void CloseReader() const;
 
@@ -50,5 +50,6 @@ class CRfid {
   std::shared_ptr<CRfidReader> mRfidReader;
   std::thread mServerThread;
   std::thread mNotificationThread;
-  std::atomic<bool> mInterrupted{false};
+  mutable std::atomic<bool> mInterrupted{false};
+  mutable std::atomic<bool> mRecoveryMissed{false};
 };

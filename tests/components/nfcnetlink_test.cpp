@@ -255,7 +255,11 @@ TEST_F(NfcNetlinkWithoutListeners, AMonitorThatMayNotListenIsNoticedWhenPollingI
 TEST_F(NfcNetlink, AMonitorWhoseSocketCannotBeWaitedForIsNoticedWhenPollingIsStarted) {
   rlimit limit{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit before = limit;
   limit.rlim_cur = limit.rlim_max;
+  if (limit.rlim_max < FD_SETSIZE + 50) {
+    GTEST_SKIP() << "this process may not open that many descriptors";
+  }
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   std::vector<UniqueFd> taken(FD_SETSIZE);
   std::generate(taken.begin(), taken.end(), [] { return UniqueFd(dup(STDERR_FILENO)); });
@@ -263,6 +267,7 @@ TEST_F(NfcNetlink, AMonitorWhoseSocketCannotBeWaitedForIsNoticedWhenPollingIsSta
   EXPECT_EQ(ErrorOfStart(), "Netlink sockets not initialized. Initialize controller first. 3 recoverable");
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error),
               ElementsAre(HasSubstr(") Error: Too many open descriptors to wait for events: ")));
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
 }
 
 TEST_F(NfcNetlink, AMonitorThatCannotBeWokenKeepsTheControllerFromClosingUntilItEnds) {
@@ -509,7 +514,9 @@ TEST_P(NfcNetlinkPolling, WhateverEndsTheReadingOfTagsIsReported) {
     mKernel->AddRule(c.rule);
     mKernel->PresentTag(Card);
     auto reported = WaitFor(c.reported.size());
-    reported.resize(c.reported.size());  // where only the answer was lost, the tag may have been found again
+    if (std::string_view(c.rule).ends_with("POLL nth=1 drop")) {
+      reported.resize(c.reported.size());  // only the answer was lost, so the tag may have been found again
+    }
     EXPECT_EQ(reported, c.reported);
     mKernel->RemoveTags();
     mKernel->ClearRules();

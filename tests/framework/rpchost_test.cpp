@@ -209,6 +209,43 @@ TEST_F(RpcHostTest, ASubscriberThatDoesNotReadIsDisconnectedWhileAnotherGetsAll)
   quickContext.TryCancel();
 }
 
+TEST_F(RpcHostTest, AFloodIsRefusedBeyondItsBoundWhileAnotherServiceAnswers) {
+  const auto gate = std::make_shared<Gate>();
+  mControl->OnEnable([gate] { gate->Pass(); });
+  Start();
+  constexpr int kCalls = 100;
+  constexpr int kTaken = 2 + 64;
+  struct Call {
+    Context context;
+    ipc::MResult result;
+  };
+  ControlClient client = Client();
+  std::vector<std::unique_ptr<Call>> calls;
+  Mailbox<grpc::StatusCode> answers;
+  const auto call = [&] {
+    calls.push_back(std::make_unique<Call>());
+    static const ipc::MEmpty empty;
+    client.stub->async()->Enable(&calls.back()->context, &empty, &calls.back()->result,
+                                 [&](const grpc::Status& status) { answers.Put(status.error_code()); });
+  };
+  call();
+  call();
+  ASSERT_TRUE(gate->AwaitWaiting(2));
+  for (int i = 2; i < kCalls; ++i) {
+    call();
+  }
+  for (int i = kTaken; i < kCalls; ++i) {
+    EXPECT_EQ(answers.Take(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+  }
+  Context context;
+  ipc::MResult result;
+  EXPECT_TRUE(RfidStub()->InjectToken(&context, {}, &result).ok());
+  gate->Open();
+  for (int i = 0; i < kTaken; ++i) {
+    EXPECT_EQ(answers.Take(), grpc::StatusCode::OK);
+  }
+}
+
 TEST_F(RpcHostTest, ARequestWhoseClientGaveUpBeforeItsTurnIsNotCarriedOut) {
   const auto gate = std::make_shared<Gate>();
   const auto count = std::make_shared<std::atomic<int>>(0);

@@ -44,7 +44,7 @@ class Handler : public CHsmAlive<AliveActions> {
 TEST(HsmAlive, SendsAtOnceAndThenEveryFourSecondsUntilItIsStopped) {
   Handler handler;
   handler.IntStartAliveTimer();
-  const auto first = handler.mTimes.Take();
+  const auto first = handler.mTimes.Take(std::chrono::seconds(3));
   const auto second = handler.mTimes.Take(std::chrono::seconds(20));
   ASSERT_TRUE(first && second);
   EXPECT_GE(*second - *first, std::chrono::milliseconds(3000));

@@ -166,6 +166,14 @@ TEST(VirtualNfcAnswers, AcknowledgeOnlyWhenAskedAndRepeatARequestThatFailed) {
   EXPECT_EQ(answer[0].payload[4 + 16], NFC_CMD_DEV_DOWN);
 }
 
+TEST(VirtualNfcAnswers, AreNotGivenToAMessageWithoutTheRequestFlag) {
+  InProcessVirtualNfc kernel;
+  const NfcClient client;
+  client.Send(NFC_CMD_UNSPEC, {}, 0);
+  EXPECT_THAT(client.Received(), IsEmpty());
+  EXPECT_EQ(kernel.GetStatus().Commands(NFC_CMD_UNSPEC), 0U);
+}
+
 TEST(VirtualNfcAnswers, RefuseRequestsThatLackSomething) {
   const InProcessVirtualNfc kernel;
   const NfcClient client;

@@ -24,6 +24,9 @@ class Process {
   /// How it ended: "exit 0", "signal 6"; nothing when it still runs after the time.
   std::optional<std::string> Wait(std::chrono::seconds limit = std::chrono::seconds(30));
 
+  /// Whether Wait has told the end.
+  bool IsOver() const { return mEnd.has_value(); }
+
   size_t OpenDescriptors() const;
   size_t Threads() const;
   /// What the system knows of it under this name, in KiB: "VmRSS" is the memory resident now, "VmHWM" the

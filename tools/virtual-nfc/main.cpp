@@ -114,8 +114,13 @@ int RecordServer(const std::string& address, const std::string& file, std::uint3
 /// @param address of the server; empty for the machine's own kernel
 int ReplayFile(const std::string& address, const std::string& file, double speed) {
   std::ifstream stream(file, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(stream), {}};
-  if (!stream.is_open() || stream.bad()) {
+  const bool isFolder = std::filesystem::is_directory(file);
+  if (isFolder) {
+    errno = EISDIR;
+  }
+  const std::string text{isFolder ? std::istreambuf_iterator<char>() : std::istreambuf_iterator<char>(stream),
+                         {}};
+  if (!stream.is_open() || stream.bad() || isFolder) {
     fmt::print(stderr, "virtual-nfc: cannot read {}: {}\n", file, std::generic_category().message(errno));
     return kUsage;
   }
@@ -214,7 +219,7 @@ int RunCommand(int argc, char** argv) {
       "events TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
       "Conditions: nth=N times=N port=N device=N\n"
       "Actions: errno=E delay=MS unplug drop truncate=N garble[=long|short|missing|twice|nested] duplicate\n"
-      "reverse no-done interrupted seq=N sender=N close");
+      "reverse no-done interrupted seq=N sender=N overrun close");
   add->add_option("RULE", spec)->required();
   add->callback(
       [&] { action = [&] { return Ask(address, fmt::format("rule add {}", fmt::join(spec, " "))); }; });

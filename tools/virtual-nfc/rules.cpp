@@ -69,6 +69,7 @@ constexpr PlainChange kPlainChanges[] = {
     {"reverse", ChangeKind::Reverse},
     {"no-done", ChangeKind::NoDone},
     {"interrupted", ChangeKind::Interrupted},
+    {"overrun", ChangeKind::Overrun},
     {"close", ChangeKind::Close},
 };
 
@@ -277,9 +278,9 @@ Rule ParseRule(std::string_view text) {
   }
   const bool forEvent =
       rule.family == Occurrence::Family::Nfc && rule.command && IsEventNumber(*rule.command);
-  if (forEvent &&
-      (rule.error || rule.delay.count() != 0 || rule.unplug || HasChange(rule, ChangeKind::NoDone))) {
-    throw std::invalid_argument("an event knows no errno, delay, unplug or no-done");
+  if (forEvent && (rule.error || rule.delay.count() != 0 || rule.unplug ||
+                   HasChange(rule, ChangeKind::NoDone) || HasChange(rule, ChangeKind::Interrupted))) {
+    throw std::invalid_argument("an event knows no errno, delay, unplug, no-done or interrupted");
   }
   return rule;
 }
@@ -325,6 +326,10 @@ void ApplyChanges(const std::vector<Change>& changes, Answer& answer) {
         break;
       case ChangeKind::Sender:
         answer.sender = change.value;
+        break;
+      case ChangeKind::Overrun:
+        answer.messages.clear();
+        answer.overruns = true;
         break;
       case ChangeKind::Close:
         answer.messages.clear();

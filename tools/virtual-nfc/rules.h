@@ -16,16 +16,18 @@
 //               truncate=N the first message of the answer ends after N bytes
 //               garble     the first message has nonsense instead of attributes
 //               garble=how its attributes, each of them, are wrong: "long" says more bytes than there are,
-//                          "short" has one byte, "missing" has no first one, "twice" has each again with
-//                          another value, "nested" has all of them within the first
+//                          "short" has one byte, "missing" lacks the one with the lowest number, "twice" has
+//                          each again with another value, "nested" has all of them within the first
 //               duplicate  every message of the answer comes twice
 //               reverse    the messages of the answer come in reverse order
 //               no-done    a dump does not end
 //               interrupted  what a dump lists has changed in the middle of it
 //               seq=N      the answer carries this sequence number
 //               sender=N   the answer comes from this port, as if another process had sent it
+//               overrun    no answer, and the socket has lost messages: its next receive fails (ENOBUFS)
 //               close      no answer, and the socket is closed: whatever it is used for fails (EBADF)
-// Events know no errno, delay, unplug and no-done. They close the sockets of all listeners.
+// Events know no errno, delay, unplug, no-done and interrupted; overrun and close hit the sockets of all
+// listeners.
 
 #include <chrono>
 #include <cstdint>
@@ -42,6 +44,8 @@ namespace virtualnfc {
 struct Answer {
   std::vector<Bytes> messages;
   std::uint32_t sender = 0;
+  /// The socket that should get it has lost messages instead.
+  bool overruns = false;
   /// The socket that should get it is closed instead.
   bool closes = false;
 };
@@ -71,6 +75,7 @@ enum class ChangeKind {
   Interrupted,
   Sequence,
   Sender,
+  Overrun,
   Close,
 };
 

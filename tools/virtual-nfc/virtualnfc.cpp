@@ -153,6 +153,10 @@ bool VirtualNfc::SetTargetActive(bool active, std::uint32_t index) {
 
 void VirtualNfc::OverrunEvents() {
   const std::lock_guard lock(mMutex);
+  MarkListenersOverrun();
+}
+
+void VirtualNfc::MarkListenersOverrun() {
   for (const auto& [id, socket] : mConnections) {
     if (socket->groups.contains(mSettings.kernel.groupId)) {
       socket->MarkOverrun();
@@ -288,6 +292,9 @@ void VirtualNfc::SendEvent(Bytes message) {
   for (const Bytes& one : answer.messages) {
     Multicast(answer.sender, one);
   }
+  if (answer.overruns) {
+    MarkListenersOverrun();
+  }
   if (answer.closes) {
     std::vector<std::uint64_t> listeners;
     for (const auto& [id, socket] : mConnections) {
@@ -396,6 +403,9 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   }
   if (waiting.work.isLast) {
     connection->second->Reply(0);
+  }
+  if (result.answer.overruns) {
+    connection->second->MarkOverrun();
   }
   if (result.answer.closes) {
     BreakConnection(waiting.work.connection);

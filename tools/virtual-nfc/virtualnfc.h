@@ -171,6 +171,7 @@ class VirtualNfc {
   void ReadConnections(const std::vector<std::uint64_t>& readable);
   void CloseEndedConnections();
   void CloseConnection(std::uint64_t id);
+  void MarkListenersOverrun();
   void BreakConnection(std::uint64_t id);
   void HandleRecord(std::uint64_t id, const Bytes& record);
   int Bind(std::uint64_t id, std::uint32_t wanted, std::uint32_t groups);

@@ -180,6 +180,10 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
 }
 
 void VirtualNfc::CloseConnection(std::uint64_t id) {
+  if (!mConnections.contains(id)) {
+    // Closing another has made a rule close this one.
+    return;
+  }
   const std::uint32_t port = mConnections.at(id)->port;
   if (mWaiting && mWaiting->work.connection == id && NfcKernel::IsInterruptible(mWaiting->request)) {
     // The process was killed while its command waited: for the kernel that is a signal as any other.
@@ -212,8 +216,10 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
 
 /// Closes the program's socket under it.
 void VirtualNfc::BreakConnection(std::uint64_t id) {
-  mConnections.at(id)->Close();
-  CloseConnection(id);
+  if (const auto connection = mConnections.find(id); connection != mConnections.end()) {
+    connection->second->Close();
+    CloseConnection(id);
+  }
 }
 
 void VirtualNfc::AcceptConnections() {
