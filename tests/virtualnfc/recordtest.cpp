@@ -49,7 +49,7 @@ TEST(Record, OfTheDaemonCanBeReplayedAndIsTheSame) {
   ASSERT_TRUE(station.StartDaemon());
   ASSERT_TRUE(station.EnableDaemon());
   const auto polls = [](const Status& status) { return status.Device().polling; };
-  for (const char* rule : {"GET_TARGET times=1 delay=50", "START_POLL times=1 errno=EBUSY",
+  for (const char* rule : {"GET_TARGET times=1 delay=50", "DEV_UP times=1 errno=EALREADY",
                            "GET_TARGET garble=long", "DEV_UP times=1 unplug"}) {
     ASSERT_TRUE(station.Kernel().WaitFor(polls));
     ASSERT_THAT(AskServer(station.Kernel().Address(), std::string("rule add ") + rule), HasSubstr("ok"));
