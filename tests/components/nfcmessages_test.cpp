@@ -104,11 +104,14 @@ TEST(NfcMessages, AUidOfALengthThatCannotBeIsNone) {
 }
 
 TEST(NfcMessages, FindTheGroupByItsWholeName) {
-  // Groups in the kernel's nesting: one that is damaged, "eve" with id 1, "events" with id 3.
+  // Groups in the kernel's nesting: "events" with two ids, one that is damaged, "eve" with id 1, "events"
+  // with id 3.
   const std::vector<uint8_t> groups{
-      60, 0, 7, 0, 12, 0, 3, 0, 99, 0, 2, 0, 1,  0, 0, 0,                    //
-      20, 0, 1, 0, 8,  0, 2, 0, 1,  0, 0, 0, 8,  0, 1, 0, 'e', 'v', 'e', 0,  //
-      24, 0, 2, 0, 8,  0, 2, 0, 3,  0, 0, 0, 11, 0, 1, 0, 'e', 'v', 'e', 'n', 't', 's', 0, 0};
+      92, 0, 7, 0, 32, 0, 4, 0, 8,  0, 2, 0, 9,   0,   0,   0,  //
+      8,  0, 2, 0, 9,  0, 0, 0, 11, 0, 1, 0, 'e', 'v', 'e', 'n', 't', 's', 0,   0,   12,  0,   3, 0,
+      99, 0, 2, 0, 1,  0, 0, 0,                                                     //
+      20, 0, 1, 0, 8,  0, 2, 0, 1,  0, 0, 0, 8,   0,   1,   0,   'e', 'v', 'e', 0,  //
+      24, 0, 2, 0, 8,  0, 2, 0, 3,  0, 0, 0, 11,  0,   1,   0,   'e', 'v', 'e', 'n', 't', 's', 0, 0};
   auto message = Message(CTRL_CMD_NEWFAMILY, groups);
   EXPECT_EQ(DecodeMulticastGroup(Header(message), "events"), 3U);
   EXPECT_FALSE(DecodeMulticastGroup(Header(message), "event"));
