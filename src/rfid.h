@@ -50,6 +50,6 @@ class CRfid {
   std::shared_ptr<CRfidReader> mRfidReader;
   std::thread mServerThread;
   std::thread mNotificationThread;
-  mutable std::atomic<bool> mInterrupted{false};
-  mutable std::atomic<bool> mRecoveryMissed{false};
+  mutable std::atomic<bool> mInterrupted{false};     // a SIGINT was taken
+  mutable std::atomic<bool> mRecoveryMissed{false};  // an error was told after it
 };
