@@ -38,6 +38,7 @@ struct Exchange {
   int error = 0;
   int done = 0;
   uint32_t sequence = 0;
+  bool heard = false;  // a message that belongs to the answer
 };
 
 int OnError(sockaddr_nl*, nlmsgerr* err, void* arg) {
@@ -64,12 +65,13 @@ int OnAck(nl_msg*, void* arg) {
 /// Lets only the answer to this request through: what an earlier, abandoned exchange left behind, or another
 /// process sent, must not be taken for it.
 int CheckAnswer(nl_msg* msg, void* arg) {
-  const auto& exchange = *static_cast<Exchange*>(arg);
+  auto& exchange = *static_cast<Exchange*>(arg);
   if (!IsFromKernel(msg) || nlmsg_hdr(msg)->nlmsg_seq != exchange.sequence) {
     LOG_DEBUG("Skipping a netlink message that does not answer the request: port {}, sequence {}.",
               nlmsg_get_src(msg)->nl_pid, nlmsg_hdr(msg)->nlmsg_seq);
     return NL_SKIP;
   }
+  exchange.heard = true;
   return NL_OK;
 }
 
@@ -375,15 +377,22 @@ int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_
   if (validHandler != nullptr) {
     nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, validHandler, handlerArgument);
   }
-  // Each receive has its time limit; this one is for messages that keep coming and are no answer.
-  const auto end = std::chrono::steady_clock::now() + mAnswerTimeout;
+  // Each receive has its time limit; this one is for messages that keep coming and are no answer. It runs
+  // from the first of them: a process that was not scheduled for a while still takes the answer that waits
+  // for it.
+  std::optional<std::chrono::steady_clock::time_point> end;
   while (exchange.error == 0 && exchange.done == 0) {
+    exchange.heard = false;
     int result = nl_recvmsgs_report(socket, callbacks.get());
     if (result == 0) {
       DropEmptyDatagram(socket);
     }
-    if (result >= 0 && exchange.error == 0 && exchange.done == 0 && std::chrono::steady_clock::now() > end) {
-      result = -NLE_AGAIN;
+    if (result >= 0 && exchange.error == 0 && !exchange.heard) {
+      const auto now = std::chrono::steady_clock::now();
+      end = end.value_or(now + mAnswerTimeout);
+      if (now > *end) {
+        result = -NLE_AGAIN;
+      }
     }
     if (result < 0) {
       LOG_ERROR("Error receiving netlink message. Return code: {}.", nl_geterror(result));
