@@ -205,6 +205,9 @@ TEST_F(NfcNetlink, SaysWhatCannotBeOpenedAndLeavesNothingBehind) {
 
 TEST_F(NfcNetlink, AnExchangeIsOverAtItsTimeAlthoughMessagesKeepComing) {
   mController = std::make_unique<CNfcNetlink>(0ms);  // which is no limit for the socket's own waiting
+  EXPECT_EQ(ErrorOfOpen(), "") << "what is there and is the answer is always taken";
+  mController->DeinitializeController();
+  mKernel->AddRule("GETFAMILY nth=3 seq=4711");
   EXPECT_EQ(ErrorOfOpen(), "Could not resolve nfc multicast id. 1 recoverable");
 }
 

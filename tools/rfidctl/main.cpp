@@ -149,9 +149,7 @@ EExit Run(const CLI::App& app, Options& options) {
   return Watch(daemon, options.watch);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunCommandLine(int argc, char** argv) {
   Options options;
   CLI::App app("Controls the RFID daemon and shows what it notifies.", cTool);
   SetUpTool(app);
@@ -178,6 +176,14 @@ int main(int argc, char** argv) {
   } catch (const Unreachable& e) {
     PrintError(cTool, e.what());
     return static_cast<int>(EExit::Unreachable);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return RunCommandLine(argc, argv);
   } catch (const std::exception& e) {
     PrintError(cTool, e.what());
     return static_cast<int>(EExit::Failed);

@@ -66,9 +66,7 @@ int Run(double minutes, unsigned seed) {
   return cFailureStatus;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunCommandLine(int argc, char** argv) {
   double minutes = 30;
   unsigned seed = std::random_device()();
   CLI::App app("Runs the daemon in a busy station at random and keeps book of every swipe.", "soak");
@@ -79,8 +77,14 @@ int main(int argc, char** argv) {
   if (const auto status = ParseCommandLine(app, argc, argv)) {
     return *status;
   }
+  return Run(minutes, seed);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    return Run(minutes, seed);
+    return RunCommandLine(argc, argv);
   } catch (const std::exception& e) {
     PrintError("soak", e.what());
     return cFailureStatus;

@@ -206,9 +206,7 @@ int Run(const CLI::App& app, const Options& options) {
                                          : ListCards(options);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunCommandLine(int argc, char** argv) {
   Options options;
   CLI::App app(
       "The station around the RFID daemon: its feedback and diagnostics services and its configuration.",
@@ -258,8 +256,14 @@ int main(int argc, char** argv) {
     return *status;
   }
   SilenceRpcLibrary();
+  return Run(app, options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    return Run(app, options);
+    return RunCommandLine(argc, argv);
   } catch (const std::exception& e) {
     PrintError(cTool, e.what());
     return cFailureStatus;
