@@ -66,7 +66,7 @@ Browser::~Browser() {
 
 Json::Value Browser::Ask(const std::string& method, const std::string& path, const Json::Value& body) {
   httplib::Client client(mAddress);
-  client.set_read_timeout(std::chrono::seconds(60));
+  client.set_read_timeout(std::chrono::minutes(5));  // the first request starts the browser
   const auto result = method == "POST"  ? client.Post(path, ToText(body), "application/json")
                       : method == "GET" ? client.Get(path)
                                         : client.Delete(path);

@@ -127,7 +127,8 @@ class ActionHandler : public ::testing::Test {
   std::shared_ptr<FakeNfcNetlink> mController = std::make_shared<FakeNfcNetlink>();
   std::shared_ptr<FakeFeedback> mFeedback = std::make_shared<FakeFeedback>();
   std::shared_ptr<RecordingDiagnostics> mDiagnostics = std::make_shared<RecordingDiagnostics>();
-  CRfidHsmActionHandler mHandler{std::make_shared<CRfidReader>(mController),
+  std::shared_ptr<CRfidReader> mReader = std::make_shared<CRfidReader>(mController);
+  CRfidHsmActionHandler mHandler{mReader,
                                  std::make_shared<CRfidConfig>(HubConfig::Create("settings", "/", {}),
                                                                HubConfig::Create("rfid_standalone", "/", {})),
                                  mFeedback};
@@ -317,8 +318,13 @@ TEST_F(ActionHandler, LearningModeDivertsValidCardsUntilItIsSwitchedOff) {
 
 TEST_F(ActionHandler, ASimulatedSwipeGoesTheWayOfACard) {
   Enable();
+  const auto start = std::chrono::steady_clock::now();
   mHandler.IntInjectToken(std::make_shared<ExtOnInjectToken>("04a1b2c3"));
-  mHandler.IntInjectToken(std::make_shared<ExtOnInjectToken>("04a1b2c3"));  // a repeat
+  // It stays, by its times, so that a swipe that comes late is a repeat, too.
+  for (auto at = start; at < start + handover::Patience; at += std::chrono::seconds(2)) {
+    mReader->ValidateTokenAndNotify({"04a1b2c3", "MIFARE"}, at);
+  }
+  mHandler.IntInjectToken(std::make_shared<ExtOnInjectToken>("04a1b2c3"));
   EXPECT_THAT(mDiagnostics->Take(3), Contains("Rfid last scanned tag technology=InjectedToken"));
   EXPECT_THAT(mMachine.Take(), ElementsAre("IntOnAuthTokenFound 04A1B2C3"));
 }

@@ -30,7 +30,9 @@ class RestlessDriver {
           while (!mDone) {
             kernel.PresentTag(MakeTag(TagKind::Mifare, "04A12B5C"));
             jitter.Pass();
-            std::this_thread::sleep_for(std::chrono::milliseconds(jitter.Below(4)));
+            // Now and then so long that the reader of a slow machine finds it, too.
+            const unsigned hold = jitter.Below(8) > 0 ? jitter.Below(4) : 50;
+            std::this_thread::sleep_for(std::chrono::milliseconds(hold));
             kernel.RemoveTags();
             jitter.Pass();
           }
@@ -89,7 +91,7 @@ TEST(NfcNetlinkSchedules, OffMeansOffAndOnReadsCardsWheneverTheMonitorIsStartedA
       if (jitter.Below(2) == 0) {
         std::unique_lock lock(mutex);
         const bool reads =
-            read.wait_for(lock, 20s, [&, before = cards] { return cards > before || !failure.empty(); });
+            read.wait_for(lock, 60s, [&, before = cards] { return cards > before || !failure.empty(); });
         EXPECT_TRUE(reads) << "deaf";
       }
       controller.StopPolling();

@@ -14,6 +14,10 @@ constexpr bool IsSanitized = true;
 constexpr bool IsSanitized = false;
 #endif
 
+/// How many threads the RPC library may keep after traffic. How many it does depends on how the machine
+/// stalls.
+constexpr size_t SpareThreads = 32;
+
 /// A station of its own for each test. A daemon that still runs at the end is ended in an orderly way: that
 /// is when the leak checker reports, and when lines are counted.
 class DaemonTest : public ::testing::Test, public Station {

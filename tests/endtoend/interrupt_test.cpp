@@ -20,6 +20,10 @@ class Interruption : public DaemonTest {
     EXPECT_THAT(Log(), HasSubstr("State machine stopped"));
     EXPECT_EQ(mKernel->GetStatus().Device().powered, inVain);
   }
+  /// Until the kernel has begun to hold up the command that the last rule is about.
+  void ExpectHeldUp() {
+    EXPECT_TRUE(Eventually([this] { return mKernel->ListRules().back().fired > 0; }));
+  }
 };
 
 }  // namespace
@@ -75,7 +79,7 @@ TEST_F(Interruption, LetsANetlinkCommandThatWaitsForTheReaderFinish) {
     }
     mKernel->AddRule(c.rule);
     EXPECT_EQ(c.disable ? mSupervisor->Disable() : mSupervisor->Enable(), "Ok");
-    EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+    ExpectHeldUp();
     mDaemon->Signal(SIGINT);
     mDaemon->Signal(SIGINT);  // a second one changes nothing
     ExpectOrderlyEnd();
@@ -95,7 +99,7 @@ TEST_F(Interruption, EndsTheDaemonWhileItRecovers) {
     mKernel->AddRule("START_POLL nth=1 errno=EPROTO");
     mKernel->AddRule(inVain ? "GET_DEVICE delay=700 errno=EIO" : "GET_DEVICE delay=700");
     Tap("04A12B5C");
-    EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+    ExpectHeldUp();
     mDaemon->Signal(SIGINT);
     ExpectOrderlyEnd(inVain);
     mKernel->ClearRules();
@@ -119,10 +123,10 @@ TEST_F(Interruption, TakesItsDefaultActionDuringTheAssembly) {
 TEST_F(Interruption, IsNotCaughtAnyMoreOnceTheMachineHasStopped) {
   StartDaemon();
   EnableDaemon();
-  mKernel->AddRule("STOP_POLL delay=20000");  // the reader is closed after the machine
+  mKernel->AddRule("STOP_POLL delay=300000");  // the reader is closed after the machine
   mDaemon->Signal(SIGINT);
   EXPECT_TRUE(WaitForLog("State machine stopped"));
-  EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+  ExpectHeldUp();
   mDaemon->Signal(SIGINT);
   EXPECT_EQ(mDaemon->Wait().value_or("still running"), "signal 2");
 }

@@ -78,7 +78,8 @@ class Cell {
     };
     const auto before = had(mStation.mKernel.GetStatus());
     mCard = mStation.Tap();
-    EXPECT_TRUE(mStation.mKernel.WaitFor([&](const Status& status) { return had(status) > before; }));
+    EXPECT_TRUE(
+        mStation.mKernel.WaitFor([&](const Status& status) { return had(status) > before; }, Station::Bound));
   }
   void LoseEvents() {
     mStation.mKernel.OverrunEvents();

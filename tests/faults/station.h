@@ -21,7 +21,7 @@ class Station {
   enum class State { Uninitialized, Disabled, Enabled, Error, FatalError };
 
   /// Nothing of the daemon may take longer; generous for a sanitizer on a busy machine.
-  static constexpr std::chrono::milliseconds Bound = std::chrono::seconds(20);
+  static constexpr std::chrono::milliseconds Bound = std::chrono::seconds(60);
   /// The daemon waits that long for an answer that never comes.
   static constexpr std::chrono::milliseconds AnswerTimeout{50};
 

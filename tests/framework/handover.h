@@ -15,9 +15,12 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
 
+/// Nothing that is waited for takes so long, also on a machine that stalls.
+constexpr Clock::duration Patience = seconds(60);
+
 /// Polls a condition that has no event to wait for.
 template <typename Condition>
-bool Eventually(Condition condition, Clock::duration timeout = seconds(10)) {
+bool Eventually(Condition condition, Clock::duration timeout = Patience) {
   const auto deadline = Clock::now() + timeout;
   while (!condition()) {
     if (Clock::now() > deadline) {
@@ -37,7 +40,7 @@ class Mailbox {
     mValues.push_back(std::move(value));
     mWake.notify_all();
   }
-  std::optional<T> Take(Clock::duration timeout = seconds(10)) {
+  std::optional<T> Take(Clock::duration timeout = Patience) {
     std::unique_lock<std::mutex> lock(mMutex);
     if (!mWake.wait_for(lock, timeout, [&] { return !mValues.empty(); })) {
       return std::nullopt;
@@ -69,7 +72,7 @@ class Gate {
   }
   bool AwaitWaiting(int count) {
     std::unique_lock<std::mutex> lock(mMutex);
-    return mWake.wait_for(lock, seconds(10), [&] { return mWaiting >= count; });
+    return mWake.wait_for(lock, Patience, [&] { return mWaiting >= count; });
   }
 
  private:

@@ -43,7 +43,7 @@ TEST(RequestPool, RunsAsManyAsItHasThreadsAndRefusesBeyondItsQueue) {
     EXPECT_EQ(requests[i]->mOutcome.Take(), "run");
   }
   pool.Abandon();
-  EXPECT_TRUE(pool.Join(Clock::now() + seconds(10)));
+  EXPECT_TRUE(pool.Join(Clock::now() + Patience));
   EXPECT_EQ(submit(), RequestPool::ESubmit::Stopping);
 }
 

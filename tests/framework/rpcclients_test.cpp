@@ -73,16 +73,21 @@ struct PeerServer {
 
 class FeedbackClientTest : public testing::Test {
  protected:
-  FeedbackClientTest() {
+  FeedbackClientTest() { MakeClient(); }
+
+  /// Times out after so many seconds; never, on whatever machine, where that is not what is tested.
+  void MakeClient(int connectTimeout = 60, int callTimeout = 60) {
     auto client = mHost.CreateClient<IFeedback>("Feedback");
-    client->SetConnectTimeout(1);
-    client->SetCallTimeout(1);
+    client->SetConnectTimeout(connectTimeout);
+    client->SetCallTimeout(callTimeout);
     mFeedback = client->GetInterface();  // outlives its client
   }
 
-  std::string ErrorOfCall() {
+  std::string ErrorOfCall(ipc::EFbEventType type = ipc::EFbAuthAccepted) {
+    ipc::MFbEventType event;
+    event.set_type(type);
     try {
-      mFeedback->TriggerFeedbackEvent({});
+      mFeedback->TriggerFeedbackEvent(event);
     } catch (const Rpc::CommunicationException& e) {
       return e.what();
     }
@@ -97,11 +102,10 @@ class FeedbackClientTest : public testing::Test {
 };
 
 TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItWhenItComes) {
-  const auto start = Clock::now();
+  // Neither waits for the connect timeout, which would be DEADLINE_EXCEEDED.
   EXPECT_THAT(ErrorOfCall(),
               AllOf(HasSubstr("Feedback.TriggerFeedbackEvent: UNAVAILABLE: "), HasSubstr(mAddress)));
   EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE"));
-  EXPECT_LT(Clock::now() - start, milliseconds(900));
 
   mService.mGate.Open();
   for (int i = 0; i < 2; ++i) {  // comes, goes, comes again
@@ -143,16 +147,16 @@ TEST_F(FeedbackClientTest, EveryStatusOfAPeerHasANameOfItsOwn) {
 
 TEST_F(FeedbackClientTest, APeerThatDoesNotAnswerOrDiesInTheCallEndsTheCall) {
   auto peer = std::make_unique<PeerServer>(mAddress, "Feedback", mService);
-  const auto start = Clock::now();
-  EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"));
-  EXPECT_LT(Clock::now() - start, seconds(3));
+  MakeClient(60, 1);
+  EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"));  // before or after the peer has heard of it
 
+  MakeClient();
   std::thread killer([&] {
-    EXPECT_TRUE(mService.mGate.AwaitWaiting(2));
+    EXPECT_TRUE(Eventually([&] { return mService.mEvents.Take() == ipc::EFbTokenScanned; }));
     mService.mGate.Open();
     peer.reset();
   });
-  ErrorOfCall();
+  ErrorOfCall(ipc::EFbTokenScanned);
   killer.join();
   EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE"));
 }
@@ -164,9 +168,8 @@ TEST_F(FeedbackClientTest, APeerThatAcceptsAndSaysNothingEndsTheCallWithinTheCon
   std::strncpy(address.sun_path, mRoot.At("feedback.sock").c_str(), sizeof(address.sun_path) - 1);
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
   ASSERT_EQ(listen(fd, 5), 0);
-  const auto start = Clock::now();
+  MakeClient(1);
   EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED: no connection within 1 s"));
-  EXPECT_LT(Clock::now() - start, seconds(3));
   close(fd);
 }
 
@@ -194,6 +197,8 @@ TEST(DiagnosticsTransport, ARestartedPeerGetsEverythingAgainAndARefusedValueIsNo
     const PeerServer peer(address, "Diagnostics", service);
     EXPECT_TRUE(Eventually([&] { return service.mValues.Take() == "kept"; }));
   }
+  // With so much time for each value that none comes twice because the machine stalled.
+  CDiagnosticsCommClient::Initialize(CreateDiagnosticsTransport("Diagnostics", address, seconds(60)));
   DiagnosticsService service;
   const PeerServer peer(address, "Diagnostics", service);
   EXPECT_TRUE(Eventually([&] { return service.mValues.Take() == "kept"; }));
@@ -218,13 +223,11 @@ TEST(DiagnosticsTransport, APeerThatDoesNotAnswerIsLeftAtOnceOnTermination) {
   const CSignalDefinition<std::string> definition{ipc::ESignalRfidState, "state", "", ""};
   CDiagnosticsSignal<std::string> signal(&definition);
   signal.Send("value");
-  const auto transport = CreateDiagnosticsTransport("Diagnostics", address);
+  const auto transport = CreateDiagnosticsTransport("Diagnostics", address, seconds(120));
   CDiagnosticsCommClient::Initialize(transport);
   EXPECT_TRUE(service.mGate.AwaitWaiting(1));
-  const auto start = Clock::now();
   CDiagnosticsCommClient::Terminate();
-  EXPECT_LT(Clock::now() - start, seconds(1));
-  EXPECT_EQ(transport.use_count(), 1);
+  EXPECT_TRUE(Eventually([&] { return transport.use_count() == 1; })) << "the call has gone on";
   EXPECT_FALSE(transport->Deliver({})) << "it is over";
   service.mGate.Open();
 }

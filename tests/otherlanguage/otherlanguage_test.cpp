@@ -30,7 +30,7 @@ class OtherLanguage : public DaemonTest {
 
   std::string Run(const std::vector<std::string>& command) const {
     Process process(command, {{"PYTHONPATH", Path("generated")}}, Path("client.out"), Path("client.err"));
-    EXPECT_EQ(process.Wait(std::chrono::seconds(90)).value_or("still running"), "exit 0")
+    EXPECT_EQ(process.Wait(std::chrono::minutes(5)).value_or("still running"), "exit 0")
         << ReadFile(Path("client.err"));
     return ReadFile(Path("client.out"));
   }

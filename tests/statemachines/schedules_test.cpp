@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "doormachine.h"
+#include "framework/handover.h"
 #include "jitter.h"
 #include "statemachines/hsmalive.h"
 #include "statemachines/utils/statemachinesutility.h"
@@ -163,11 +164,12 @@ TEST(Schedules, NoPeriodicCallRunsAfterCancelAndSyncWhateverElseIsScheduled) {
   CWorker worker;
   std::atomic<int> late{0};
   std::atomic<int> made{0};
+  std::atomic<bool> done{false};
   std::vector<std::thread> users;
   for (unsigned user = 0; user < 3; ++user) {
     users.emplace_back([&, user] {
       Jitter jitter(user);
-      for (int round = 0; round < 200; ++round) {
+      for (int round = 0; round < 200 || !done; ++round) {
         const auto cancelled = std::make_shared<std::atomic<bool>>(false);
         const auto call = worker.AddCall(
             [&, cancelled] {
@@ -192,9 +194,10 @@ TEST(Schedules, NoPeriodicCallRunsAfterCancelAndSyncWhateverElseIsScheduled) {
     worker.Stop();  // who waits in Sync is let go
   }
   worker.Start();
+  EXPECT_TRUE(handover::Eventually([&] { return made > 0; }));
+  done = true;
   for (auto& user : users) {
     user.join();
   }
   EXPECT_EQ(late, 0);
-  EXPECT_GT(made, 0);
 }

@@ -47,10 +47,22 @@ class Server : public ::testing::Test {
     mThread.join();
   }
 
+  /// The status of the answer. The server closes a connection on which nothing comes for a second, and this
+  /// process may not have been scheduled to send: then it asks again.
+  template <typename Request>
+  int Ask(const Request& request) {
+    for (int attempt = 0; attempt < 10; ++attempt) {
+      httplib::Client client(mUrl);
+      client.set_read_timeout(std::chrono::minutes(2));
+      if (const auto result = request(client)) {
+        return result->status;
+      }
+    }
+    return 0;
+  }
+
   int Do(const httplib::Headers& headers, const std::string& body = R"({"do": "enable"})") {
-    httplib::Client client(mUrl);
-    const auto result = client.Post("/do", headers, body, "application/json");
-    return result ? result->status : 0;
+    return Ask([&](auto& client) { return client.Post("/do", headers, body, "application/json"); });
   }
 
   BenchModel mModel;
@@ -150,9 +162,11 @@ TEST_F(Server, TakesRequestsFromItsOwnPageAndFromNoOther) {
   }
   EXPECT_EQ(mRequests.size(), taken);
   for (const char* path : {"/", "/page.js", "/events"}) {
-    const auto result = httplib::Client(mUrl).Get(path, {{"Host", "elsewhere.example"}});
-    ASSERT_TRUE(result) << path;
-    EXPECT_EQ(result->status, 403) << path;
+    EXPECT_EQ(Ask([&](auto& client) {
+                return client.Get(path, {{"Host", "elsewhere.example"}});
+              }),
+              403)
+        << path;
   }
 }
 

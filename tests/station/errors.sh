@@ -13,7 +13,7 @@ failed=0
 # expect STATUS TEXT COMMAND: by the shell, so that it may redirect.
 expect() {
   local error status
-  error=$(bash -c "timeout 20 $3" 2>&1 >/dev/null </dev/null)
+  error=$(bash -c "timeout 200 $3" 2>&1 >/dev/null </dev/null)
   status=$?
   if [[ $status != "$1" || $error != "${3%% *}: "*"$2"* || $error == *$'\n'* ]]; then
     printf "'%s' ended with status %s instead of %s and with:\n%s\n" "$3" "$status" "$1" "$error"

@@ -102,10 +102,10 @@ class NfcClient {
     return datagram;
   }
 
-  /// Waits until something can be received; false after ten seconds.
+  /// Waits until something can be received; false after a minute.
   bool WaitReadable() const {
     pollfd waiting{Fd(), POLLIN, 0};
-    return ::poll(&waiting, 1, 10000) == 1;
+    return ::poll(&waiting, 1, 60000) == 1;
   }
 
   /// The errno a command for a device is answered with; none when nothing came.

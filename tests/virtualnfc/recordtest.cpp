@@ -41,6 +41,15 @@ std::string Replay(const Station& station, const std::string& file) {
   return end + ": " + ReadFile(station.Path("replay.out")) + ReadFile(station.Path("replay.err"));
 }
 
+/// Whether a replay says so; another try shows it where the machine stalled so that the chip was quicker.
+bool Says(const Station& station, const std::string& file, const std::string& end, const std::string& what) {
+  return Eventually([&] {
+    const std::string said = Replay(station, file);
+    std::printf("%s", said.c_str());
+    return said.starts_with(end) && said.find(what) != std::string::npos;
+  });
+}
+
 TEST(Record, OfTheDaemonCanBeReplayedAndIsTheSame) {
   Station station("record", WithSlowChip());
   const ControlServer control(station.Kernel());
@@ -52,7 +61,7 @@ TEST(Record, OfTheDaemonCanBeReplayedAndIsTheSame) {
   for (const char* rule : {"GET_TARGET times=1 delay=50", "DEV_UP times=1 errno=EALREADY",
                            "GET_TARGET garble=long", "DEV_UP times=1 unplug"}) {
     ASSERT_TRUE(station.Kernel().WaitFor(polls));
-    ASSERT_THAT(AskServer(station.Kernel().Address(), std::string("rule add ") + rule), HasSubstr("ok"));
+    ASSERT_THAT(AskServer(station.Kernel().Address(), std::string("rule add ") + rule, 60s), HasSubstr("ok"));
     ASSERT_TRUE(station.Tap(MakeTag(TagKind::Mifare, "04A12B5C")));
   }
   ASSERT_TRUE(station.Control().WaitFor("FatalError"));
@@ -60,10 +69,14 @@ TEST(Record, OfTheDaemonCanBeReplayedAndIsTheSame) {
   station.Kernel().Unplug();
   station.Daemon().Signal(SIGINT);
   EXPECT_EQ(station.EndDaemon(), "exit 0");
+  station.Kernel().ClearRules();
+  ASSERT_TRUE(Eventually([&] {  // all that went before stands in the file then
+    return ReadFile(station.Path("file")).find("rule clear") != std::string::npos;
+  }));
   recorder->Signal(SIGINT);
   EXPECT_EQ(recorder->Wait(), "exit 0");
   EXPECT_THAT(ReadFile(station.Path("file")), HasSubstr("undecodable"));
-  EXPECT_THAT(Replay(station, station.Path("file")), HasSubstr("compared: as recorded"));
+  EXPECT_TRUE(Says(station, station.Path("file"), "", "compared: as recorded"));
   if (HasFailure()) station.KeepFolder();
 }
 
@@ -87,10 +100,8 @@ TEST_P(RecordReplay, NamesTheLineThatIsNotAsItShouldBe) {
   text.replace(at, edit.from.size(), edit.to);
   station.WriteFile("card.nfc", text);
   const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n');
-  const std::string said = Replay(station, station.Path("card.nfc"));
-  EXPECT_THAT(said, testing::StartsWith(edit.end));
-  EXPECT_THAT(said,
-              HasSubstr(edit.says.empty() ? "as recorded" : ":" + std::to_string(line) + ": " + edit.says));
+  EXPECT_TRUE(Says(station, station.Path("card.nfc"), edit.end,
+                   edit.says.empty() ? "as recorded" : ":" + std::to_string(line) + ": " + edit.says));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -148,7 +159,7 @@ TEST(RecordServer, CutsOffARecorderThatDoesNotRead) {
   ASSERT_EQ(::send(recorder.Get(), "record\n", 7, 0), 7);
   const std::string longText = "DEV_UP" + std::string(100000, ' ') + "drop";
   for (int i = 0; i < 30; ++i) kernel.AddRule(longText);
-  EXPECT_THAT(AskServer(kernel.Address(), "status"), HasSubstr("ok"));
+  EXPECT_THAT(AskServer(kernel.Address(), "status", 60s), HasSubstr("ok"));
   std::string text(10'000'000, ' ');
   text.resize(static_cast<std::size_t>(::recv(recorder.Get(), text.data(), text.size(), MSG_WAITALL)));
   EXPECT_LT(text.size(), 2'500'000U);  // of 3,000,000

@@ -95,7 +95,8 @@ bool Station::Tap(const virtualnfc::Tag& tag) {
   const auto found = mKernel->GetStatus().Events(NFC_EVENT_TARGETS_FOUND);
   mKernel->PresentTag(tag);
   const bool isFound = mKernel->WaitFor(
-      [&](const virtualnfc::Status& status) { return status.Events(NFC_EVENT_TARGETS_FOUND) > found; });
+      [&](const virtualnfc::Status& status) { return status.Events(NFC_EVENT_TARGETS_FOUND) > found; },
+      LongestWait);
   mKernel->RemoveTags();
   return isFound;
 }

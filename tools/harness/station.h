@@ -37,8 +37,8 @@ class Station {
   /// rfidd with these arguments, its standard output in the file "output", its standard error in "log", where
   /// the last one's becomes "log.1", "log.2" and so on.
   std::unique_ptr<Process> Spawn(const std::vector<std::string>& arguments);
-  /// Starts the peers unless they run, the daemon and a supervisor; false when that one is not told within
-  /// half a minute that the daemon runs.
+  /// Starts the peers unless they run, the daemon and a supervisor; false when that one is not told that
+  /// the daemon runs.
   bool StartDaemon(std::vector<std::string> arguments = {});
   /// From the start to Enabled; false when the daemon does not get there.
   bool EnableDaemon();

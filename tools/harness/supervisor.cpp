@@ -5,10 +5,9 @@
 
 #include "framework/interfaces.h"
 #include "tools/common/channel.h"
+#include "tools/harness/process.h"
 
 namespace {
-
-constexpr std::chrono::seconds Patience(30);
 
 std::string StateName(ipc::EState state) {
   return ipc::EState_Name(state).substr(std::string("EState").size());
@@ -17,7 +16,7 @@ std::string StateName(ipc::EState state) {
 template <typename Call>
 std::string Ask(Call call) {
   grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + Patience);
+  context.set_deadline(std::chrono::system_clock::now() + LongestWait);
   context.set_wait_for_ready(true);
   ipc::MResult result;
   const grpc::Status status = call(context, result);
@@ -94,7 +93,7 @@ void Supervisor::Clear() {
 
 bool Supervisor::WaitFor(const std::string& notification, size_t count) const {
   std::unique_lock lock(mMutex);
-  return mArrived.wait_for(lock, Patience, [&] {
+  return mArrived.wait_for(lock, LongestWait, [&] {
     return static_cast<size_t>(std::count(mNotified.begin(), mNotified.end(), notification)) >= count;
   });
 }

@@ -17,7 +17,7 @@ namespace {
 
 // A command to the reader may keep the daemon's machine busy for half a minute.
 constexpr auto cAnswerTime = std::chrono::seconds(60);
-constexpr auto cLookTime = std::chrono::seconds(5);  ///< what is only looked at is there at once
+constexpr auto cLookTime = std::chrono::seconds(10);  ///< what is only looked at is there at once
 
 [[noreturn]] void Fail(const Daemon& daemon, const grpc::Status& status) {
   if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {

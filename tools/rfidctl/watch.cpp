@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 /// How long a daemon may take to confirm a subscription before it is taken for one that confirms with the
 /// first notification only.
-constexpr auto cConfirmationTime = std::chrono::milliseconds(500);
+constexpr auto cConfirmationTime = std::chrono::seconds(3);
 
 /// Something to show.
 struct Event {

@@ -14,8 +14,9 @@ class Timers {
   using Clock = std::chrono::steady_clock;
 
   void After(std::chrono::milliseconds delay, std::function<void()> action) {
-    mPending.emplace(Clock::now() + delay, std::move(action));
+    At(Clock::now() + delay, std::move(action));
   }
+  void At(Clock::time_point due, std::function<void()> action) { mPending.emplace(due, std::move(action)); }
 
   std::optional<Clock::time_point> Next() const {
     return mPending.empty() ? std::nullopt : std::optional(mPending.begin()->first);

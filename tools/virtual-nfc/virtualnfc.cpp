@@ -88,12 +88,16 @@ bool VirtualNfc::Unplug(std::uint32_t index) {
 
 void VirtualNfc::PresentTags(std::vector<Tag> tags) {
   const std::lock_guard lock(mMutex);
+  PutIntoField(std::move(tags), Timers::Clock::now());
+  Changed();
+}
+
+void VirtualNfc::PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now) {
   ++mFieldVersion;
   ChangeField(std::move(tags));
   for (const auto& device : mKernel.Devices()) {
-    ScheduleDetection(device->Index());
+    ScheduleDetection(device->Index(), now);
   }
-  Changed();
 }
 
 void VirtualNfc::PresentTag(Tag tag) {
@@ -103,9 +107,13 @@ void VirtualNfc::PresentTag(Tag tag) {
 }
 
 void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
-  PresentTag(std::move(tag));
+  std::vector<Tag> tags;
+  tags.push_back(std::move(tag));
   const std::lock_guard lock(mMutex);
-  mTimers.After(hold, [this, version = mFieldVersion] {
+  // One time for both: whoever is late, what is due first happens first.
+  const auto now = Timers::Clock::now();
+  PutIntoField(std::move(tags), now);
+  mTimers.At(now + hold, [this, version = mFieldVersion] {
     if (mFieldVersion == version) {
       ChangeField({});
     }
@@ -263,12 +271,12 @@ void VirtualNfc::RemoveDevice(std::uint32_t index) {
   }
 }
 
-void VirtualNfc::ScheduleDetection(std::uint32_t index) {
+void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now) {
   const NfcDevice* polling = mKernel.FindDevice(index);
   if (mField.empty() || !polling->IsPolling()) {
     return;
   }
-  mTimers.After(mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
+  mTimers.At(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
     NfcDevice* device = mKernel.FindDevice(index);
     if (device != nullptr && device->PollId() == poll &&
         device->Detect(mField) == NfcDevice::Detection::Found) {
@@ -390,7 +398,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
     }
   }
   if (result.startedPoll) {
-    ScheduleDetection(*result.startedPoll);
+    ScheduleDetection(*result.startedPoll, Timers::Clock::now());
   }
   // An event that this brought about may have closed it.
   const auto connection = mConnections.find(waiting.work.connection);

@@ -147,7 +147,7 @@ class VirtualNfc {
   /// @param predicate called with the lock held, at each change @returns false when the time is over before
   /// it holds
   bool WaitFor(const std::function<bool(const Status&)>& predicate,
-               std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+               std::chrono::milliseconds timeout = std::chrono::seconds(60)) const;
 
  private:
   /// A message on its way to the kernel. The socket's Send is answered with the last of its messages.
@@ -186,7 +186,8 @@ class VirtualNfc {
   void Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   void Multicast(std::uint32_t sender, const Bytes& message);
   void RemoveDevice(std::uint32_t index);
-  void ScheduleDetection(std::uint32_t index);
+  void ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now);
+  void PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now);
   bool IsDeviceThere(std::uint32_t index);
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
   std::uint32_t LowestFreeNumber() const;

@@ -17,7 +17,7 @@ namespace {
 
 // A command to the reader may keep the daemon's machine busy for half a minute.
 constexpr auto cAnswerTime = std::chrono::seconds(60);
-constexpr auto cReaderTime = std::chrono::seconds(1);  ///< virtual-nfc answers at once; Stop waits for it
+constexpr auto cReaderTime = std::chrono::seconds(5);  ///< virtual-nfc answers at once; Stop waits for it
 constexpr auto cLogPeriod = std::chrono::milliseconds(250);
 constexpr int cLookPeriods = 4;
 constexpr const char* cHoldMilliseconds = "700";
