@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr std::size_t cLargestFile = 1024 * 1024;
+constexpr std::size_t cLargestFile = 1024UL * 1024;
 
 std::mutex gStoreMutex;
 std::string gStore;

@@ -23,9 +23,9 @@ class GrpcBackend::Impl {
   ~Impl();
 
   template <typename Interface>
-  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<Interface> service) {
+  std::shared_ptr<IServer> Add(const std::string& name, const std::shared_ptr<Interface>& service) {
     CheckAddition(name, service != nullptr);
-    mServices.push_back(MakeService(name, mHub, std::move(service)));
+    mServices.push_back(MakeService(name, mHub, service));
     return std::make_shared<IServer>();
   }
 

@@ -115,8 +115,8 @@ ServiceRuntime::ServiceRuntime(std::string registeredName, std::shared_ptr<Notif
       topic(hub->AddTopic()),
       pool("rpc-" + name, kThreadsPerService, kWaitingRequests) {}
 
-ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
-                         std::shared_ptr<IGenericControl> service) {
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+                         const std::shared_ptr<IGenericControl>& service) {
   ServiceEntry entry = MakeEntry<GenericControlService>(name, hub, service);
   const std::size_t topic = entry.runtime->topic;
   service->SendState = [hub, topic](ipc::MState state) {
@@ -132,8 +132,8 @@ ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHu
   return entry;
 }
 
-ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
-                         std::shared_ptr<IRfid> service) {
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+                         const std::shared_ptr<IRfid>& service) {
   ServiceEntry entry = MakeEntry<RfidService>(name, hub, service);
   const std::size_t topic = entry.runtime->topic;
   service->SendRfidToken = [hub, topic](ipc::MRfidToken token) {
@@ -150,7 +150,7 @@ ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHu
   return entry;
 }
 
-ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
-                         std::shared_ptr<ILogConfig> service) {
-  return MakeEntry<LogConfigService>(name, std::move(hub), std::move(service));
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+                         const std::shared_ptr<ILogConfig>& service) {
+  return MakeEntry<LogConfigService>(name, hub, service);
 }

@@ -29,9 +29,9 @@ struct ServiceEntry {
 
 /// Make the gRPC side of a service object and install the object's Send* members. These stay valid for the
 /// life of the object, also when the host is gone.
-ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
-                         std::shared_ptr<IGenericControl> service);
-ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
-                         std::shared_ptr<IRfid> service);
-ServiceEntry MakeService(const std::string& name, std::shared_ptr<NotificationHub> hub,
-                         std::shared_ptr<ILogConfig> service);
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+                         const std::shared_ptr<IGenericControl>& service);
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+                         const std::shared_ptr<IRfid>& service);
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+                         const std::shared_ptr<ILogConfig>& service);

@@ -7,9 +7,6 @@
 #include <algorithm>
 #include <cstring>
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 namespace {
 
 /// A netlink message with a generic-netlink header and these bytes as attributes.

@@ -46,7 +46,7 @@ struct State {
   uint8_t taps = 4;
   uint8_t failures = 3;
 
-  auto operator<=>(const State&) const = default;
+  auto operator<=>(const State&) const = default;  // NOLINT(modernize-use-nullptr): the 0 that it is made of
 };
 
 class Explorer {

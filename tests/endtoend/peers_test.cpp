@@ -2,6 +2,7 @@
 
 #include "daemontest.h"
 
+using ::testing::Each;
 using ::testing::HasSubstr;
 
 namespace {
@@ -19,17 +20,8 @@ TEST_F(Peers, NoneIsNeededAndOneThatComesLaterIsFound) {
   EXPECT_THAT(Log(), HasSubstr("Failed to trigger feedback event 'EFbTokenScanned'. Error: 'Feedback."));
   StartPeers();
   // Every signal's latest value comes to the peer that is back.
-  EXPECT_TRUE(mPeers->WaitFor(
-      [](const auto& calls) {
-        for (const auto& call : calls) {
-          if (const auto* signal = std::get_if<ipc::MSignal>(&call);
-              signal != nullptr && signal->value() == "04A12B5C") {
-            return true;
-          }
-        }
-        return false;
-      },
-      LongestWait));
+  EXPECT_TRUE(Eventually([this] { return !mPeers->SignalValues(ipc::ESignalRfidLastUid).empty(); }));
+  EXPECT_THAT(mPeers->SignalValues(ipc::ESignalRfidLastUid), Each("04A12B5C"));
   EXPECT_TRUE(Eventually([this] {
     static int card = 0x11111111;
     const auto uid = fmt::format("{:08X}", ++card);

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <condition_variable>
+#include <chrono>
 #include <filesystem>
 #include <mutex>
 #include <stdexcept>
@@ -98,14 +98,14 @@ class VirtualStation::Impl {
 
   ipc::EResult Take(Call call) {
     const std::lock_guard lock(mMutex);
-    if (mObserver) {
-      mObserver(call);
-    }
     if (const auto* signal = std::get_if<ipc::MSignal>(&call)) {
       mSignals[signal->id()] = *signal;
     }
-    mCalls.push_back(std::move(call));
-    mArrived.notify_all();
+    if (mObserver) {
+      mObserver(call);
+    } else {
+      mCalls.push_back(std::move(call));
+    }
     return mFeedbackAnswer == EAnswer::Illegal ? ipc::EResultIllegal : ipc::EResultOk;
   }
 
@@ -129,12 +129,6 @@ class VirtualStation::Impl {
   std::vector<Call> Calls() const {
     const std::lock_guard lock(mMutex);
     return mCalls;
-  }
-
-  bool WaitFor(const std::function<bool(const std::vector<Call>&)>& predicate,
-               std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mMutex);
-    return mArrived.wait_for(lock, timeout, [&] { return predicate(mCalls); });
   }
 
  private:
@@ -204,7 +198,6 @@ class VirtualStation::Impl {
 
   const Observer mObserver;
   mutable std::mutex mMutex;  ///< of the following
-  mutable std::condition_variable mArrived;
   std::vector<Call> mCalls;
   std::map<int, ipc::MSignal> mSignals;  ///< the last of each
   EAnswer mFeedbackAnswer;
@@ -224,13 +217,9 @@ void VirtualStation::SetFeedbackAnswer(EAnswer answer) {
   mImpl->SetFeedbackAnswer(answer);
 }
 
-std::vector<VirtualStation::Call> VirtualStation::Calls() const {
-  return mImpl->Calls();
-}
-
 std::vector<ipc::EFbEventType> VirtualStation::FeedbackEvents() const {
   std::vector<ipc::EFbEventType> events;
-  for (const Call& call : Calls()) {
+  for (const Call& call : mImpl->Calls()) {
     if (const auto* event = std::get_if<ipc::MFbEventType>(&call)) {
       events.push_back(event->type());
     }
@@ -240,15 +229,10 @@ std::vector<ipc::EFbEventType> VirtualStation::FeedbackEvents() const {
 
 std::vector<std::string> VirtualStation::SignalValues(ipc::ESignalIdentifier id) const {
   std::vector<std::string> values;
-  for (const Call& call : Calls()) {
+  for (const Call& call : mImpl->Calls()) {
     if (const auto* signal = std::get_if<ipc::MSignal>(&call); signal != nullptr && signal->id() == id) {
       values.push_back(signal->value());
     }
   }
   return values;
-}
-
-bool VirtualStation::WaitFor(const std::function<bool(const std::vector<Call>&)>& predicate,
-                             std::chrono::milliseconds timeout) const {
-  return mImpl->WaitFor(predicate, timeout);
 }

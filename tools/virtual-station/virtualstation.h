@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -11,8 +10,8 @@
 #include "ipc/diagnostics.pb.h"
 #include "ipc/feedback.pb.h"
 
-/// The services of other daemons that the RFID daemon calls, Feedback and Diagnostics: takes every call and
-/// keeps it. Whoever asks Diagnostics for the signals gets their last values.
+/// The services of other daemons that the RFID daemon calls, Feedback and Diagnostics: takes every call, and
+/// hands it to an observer or keeps it. Whoever asks Diagnostics for the signals gets their last values.
 ///
 /// Threads: every function may be called from any thread; calls arrive on the RPC library's threads.
 class VirtualStation {
@@ -29,7 +28,7 @@ class VirtualStation {
   /// gives for them; a service that it does not name is not served. A unix socket's folder is made where it
   /// is missing, the socket of a station that is gone is replaced. Throws std::runtime_error when an address
   /// cannot be had. `observer` is called for every call, one at a time, before it is answered; it must not
-  /// call the station.
+  /// call the station. Without one, calls are kept for as long as the station lives.
   explicit VirtualStation(const std::map<std::string, std::string>& peers, Observer observer = {},
                           EAnswer feedbackAnswer = EAnswer::Ok);
   ~VirtualStation();  ///< ends calls that are still waiting
@@ -39,16 +38,10 @@ class VirtualStation {
   /// How feedback calls are answered from now on.
   void SetFeedbackAnswer(EAnswer answer);
 
-  /// Every call so far, in the order of arrival.
-  std::vector<Call> Calls() const;
-  /// The feedback events, and the values of one signal, among them.
+  /// The feedback events, and the values of one signal, among the calls that are kept, in the order of
+  /// arrival.
   std::vector<ipc::EFbEventType> FeedbackEvents() const;
   std::vector<std::string> SignalValues(ipc::ESignalIdentifier id) const;
-
-  /// Blocks until the predicate holds for the calls so far; false when it does not within the time. The
-  /// predicate is called at every new call and must not call the station.
-  bool WaitFor(const std::function<bool(const std::vector<Call>&)>& predicate,
-               std::chrono::milliseconds timeout) const;
 
  private:
   class Impl;
