@@ -106,12 +106,13 @@ class Flood {
     auto& call = *mCalls.emplace_back(std::make_unique<Call>());
     call.context.set_deadline(std::chrono::system_clock::now() + std::chrono::minutes(10));
     call.request.set_uid(uid);
-    mStub.async()->InjectToken(&call.context, &call.request, &call.result, [this](grpc::Status status) {
-      const std::lock_guard lock(mMutex);
-      ++mAnswers[status.error_code()];
-      ++mAnswered;
-      mArrived.notify_all();
-    });
+    mStub.async()->InjectToken(&call.context, &call.request, &call.result,
+                               [this](const grpc::Status& status) {
+                                 const std::lock_guard lock(mMutex);
+                                 ++mAnswers[status.error_code()];
+                                 ++mAnswered;
+                                 mArrived.notify_all();
+                               });
   }
 
   /// How often each status was answered, when all are.

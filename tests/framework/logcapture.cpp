@@ -15,6 +15,7 @@ std::vector<LogCapture::Line> gConsole;
 
 void TakeSystemLine(int priority, const char* format, va_list args) {
   char text[16384];
+  // Callers have started it. NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
   vsnprintf(text, sizeof text, format, args);
   const std::lock_guard lock(gMutex);
   gSystem.push_back({priority, text});
@@ -40,6 +41,7 @@ extern "C" void syslog(int priority, const char* format, ...) {
   va_end(args);
 }
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_list args;
   va_start(args, format);

@@ -17,7 +17,7 @@ class OtherLanguage : public DaemonTest {
     std::vector<std::string> protoc{PROTOC_PROGRAM,
                                     "--python_out=" + generated,
                                     "--grpc_out=" + generated,
-                                    "--plugin=protoc-gen-grpc=" PYTHON_PLUGIN,
+                                    std::string("--plugin=protoc-gen-grpc=") + PYTHON_PLUGIN,
                                     "-I",
                                     protos};
     for (const auto& file : std::filesystem::recursive_directory_iterator(protos)) {

@@ -10,7 +10,6 @@
 #include "tools/virtual-station/logtail.h"
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 
