@@ -35,10 +35,20 @@ static_assert(PollingMask == 0xFC);
 
 /// One request and its answer.
 struct Exchange {
+  const std::chrono::milliseconds patience;  ///< with messages that are no answer
   int error = 0;
   int done = 0;
   uint32_t sequence = 0;
-  bool heard = false;  // a message that belongs to the answer
+  bool over = false;  ///< there is no patience left
+  std::optional<std::chrono::steady_clock::time_point> end{};
+
+  /// Messages that are no answer may keep coming. The time runs from the first of them, not from the request:
+  /// a process that was not scheduled for a while still takes the answer that waits for it.
+  void TakeNoAnswer() {
+    const auto now = std::chrono::steady_clock::now();
+    end = end.value_or(now + patience);
+    over = now > *end;
+  }
 };
 
 int OnError(sockaddr_nl*, nlmsgerr* err, void* arg) {
@@ -69,9 +79,9 @@ int CheckAnswer(nl_msg* msg, void* arg) {
   if (!IsFromKernel(msg) || nlmsg_hdr(msg)->nlmsg_seq != exchange.sequence) {
     LOG_DEBUG("Skipping a netlink message that does not answer the request: port {}, sequence {}.",
               nlmsg_get_src(msg)->nl_pid, nlmsg_hdr(msg)->nlmsg_seq);
-    return NL_SKIP;
+    exchange.TakeNoAnswer();
+    return exchange.over ? NL_STOP : NL_SKIP;
   }
-  exchange.heard = true;
   return NL_OK;
 }
 
@@ -359,7 +369,7 @@ bool CNfcNetlink::PutHeader(nl_msg* message, int flags, uint8_t command) const {
 int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_msg_cb_t validHandler,
                                    void* handlerArgument) {
   LOG_TRACE("{}::{}", ClassName, __func__);
-  Exchange exchange;
+  Exchange exchange{.patience = mAnswerTimeout};
   const NlCallbacks callbacks(nl_cb_alloc(NL_CB_DEFAULT));
   if (!callbacks) {
     LOG_ERROR("Could not allocate netlink callback.");
@@ -377,22 +387,14 @@ int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_
   if (validHandler != nullptr) {
     nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, validHandler, handlerArgument);
   }
-  // Each receive has its time limit; this one is for messages that keep coming and are no answer. It runs
-  // from the first of them: a process that was not scheduled for a while still takes the answer that waits
-  // for it.
-  std::optional<std::chrono::steady_clock::time_point> end;
   while (exchange.error == 0 && exchange.done == 0) {
-    exchange.heard = false;
     int result = nl_recvmsgs_report(socket, callbacks.get());
     if (result == 0) {
       DropEmptyDatagram(socket);
+      exchange.TakeNoAnswer();
     }
-    if (result >= 0 && exchange.error == 0 && !exchange.heard) {
-      const auto now = std::chrono::steady_clock::now();
-      end = end.value_or(now + mAnswerTimeout);
-      if (now > *end) {
-        result = -NLE_AGAIN;
-      }
+    if (result >= 0 && exchange.over && exchange.error == 0 && exchange.done == 0) {
+      result = -NLE_AGAIN;
     }
     if (result < 0) {
       LOG_ERROR("Error receiving netlink message. Return code: {}.", nl_geterror(result));

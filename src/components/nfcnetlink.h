@@ -28,8 +28,9 @@
 /// callback runs.
 class CNfcNetlink : public INfcNetlink {
  public:
-  /// `answerTimeout` bounds the wait for an answer that never comes. The kernel's answer is there when the
-  /// sending of a request returns, however long the chip took.
+  /// `answerTimeout` bounds each wait for an answer that never comes, and for how long messages that are none
+  /// may keep coming meanwhile. The kernel's answer is there when the sending of a request returns, however
+  /// long the chip took.
   explicit CNfcNetlink(std::chrono::milliseconds answerTimeout = std::chrono::seconds(5));
   ~CNfcNetlink()
       override;  ///< on an open controller: ends polling, powers the reader down, joins the monitor

@@ -32,7 +32,7 @@ class Cards : public DaemonTest {
 
 TEST_F(Cards, ACardInTheListIsAcceptedOnceForAsLongAsItStays) {
   // A daemon that is not scheduled for longer than a card is remembered reports it again, and rightly so.
-  for (int attempt = 0; attempt < 10; ++attempt) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
     const auto earlier = static_cast<std::ptrdiff_t>(mPeers->FeedbackEvents().size());
     const auto found = mKernel->GetStatus().Device().targetsFound;
     mKernel->PresentTag(MakeTag(TagKind::Mifare, "04A12B5C"));

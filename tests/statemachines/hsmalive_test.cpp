@@ -42,6 +42,8 @@ class Handler : public CHsmAlive<AliveActions> {
 
 }  // namespace
 
+static_assert(Handler::AlivePeriod == std::chrono::seconds(4), "what the supervisor relies on");
+
 TEST(HsmAlive, SendsAtOnceAndThenEveryFourSecondsUntilItIsStopped) {
   Handler handler;
   const auto stop = [&] {
@@ -60,7 +62,7 @@ TEST(HsmAlive, SendsAtOnceAndThenEveryFourSecondsUntilItIsStopped) {
   }));
   const auto second = handler.mTimes.Take();
   ASSERT_TRUE(second);
-  EXPECT_GE(*second - start, std::chrono::seconds(4));
+  EXPECT_GE(*second - start, Handler::AlivePeriod);
   stop();
   handler.Sync();
   EXPECT_FALSE(handler.mTimes.Take(Clock::duration::zero()));

@@ -50,7 +50,7 @@ class Server : public ::testing::Test {
   /// process may not have been scheduled to send: then it asks again.
   template <typename Request>
   int Ask(const Request& request) {
-    for (int attempt = 0; attempt < 10; ++attempt) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
       httplib::Client client(mUrl);
       client.set_read_timeout(std::chrono::minutes(2));
       if (const auto result = request(client)) {

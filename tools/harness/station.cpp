@@ -76,12 +76,22 @@ bool Station::StartDaemon(std::vector<std::string> arguments) {
   arguments.insert(arguments.end(), {"-r", mRoot.string() + "/"});
   mDaemon = Spawn(arguments);
   mSupervisor = std::make_unique<Supervisor>(LoadRpcConfig(mRoot).listen);
-  return mSupervisor->WaitFor("listening") && mSupervisor->WaitFor("Uninitialized");
+  return IsTold("listening") && IsTold("Uninitialized");
 }
 
 bool Station::EnableDaemon() {
-  return mSupervisor->Disable() == "Ok" && mSupervisor->WaitFor("Disabled") &&
-         mSupervisor->Enable() == "Ok" && mSupervisor->WaitFor("Enabled");
+  return mSupervisor->Disable() == "Ok" && IsTold("Disabled") && mSupervisor->Enable() == "Ok" &&
+         IsTold("Enabled");
+}
+
+bool Station::IsTold(const std::string& notification) {
+  const auto isTold = [&](std::chrono::seconds limit) {
+    return mSupervisor->WaitFor(notification, 1, limit);
+  };
+  return Eventually([&] {
+           return isTold(std::chrono::seconds(1)) || mDaemon->Wait(std::chrono::seconds(0)).has_value();
+         }) &&
+         isTold(std::chrono::seconds(0));
 }
 
 std::string Station::EndDaemon() {

@@ -65,6 +65,9 @@ class Station {
   std::unique_ptr<Supervisor> mSupervisor;
 
  private:
+  /// Waits until the supervisor is told this; false when the daemon ends, or the time.
+  bool IsTold(const std::string& notification);
+
   const std::filesystem::path mPrograms;
   const std::vector<std::string> mLauncher;
   bool mIsKept = false;

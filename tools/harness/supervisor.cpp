@@ -5,7 +5,6 @@
 
 #include "framework/interfaces.h"
 #include "tools/common/channel.h"
-#include "tools/harness/process.h"
 
 namespace {
 
@@ -91,9 +90,9 @@ void Supervisor::Clear() {
   mNotified.clear();
 }
 
-bool Supervisor::WaitFor(const std::string& notification, size_t count) const {
+bool Supervisor::WaitFor(const std::string& notification, size_t count, std::chrono::seconds limit) const {
   std::unique_lock lock(mMutex);
-  return mArrived.wait_for(lock, LongestWait, [&] {
+  return mArrived.wait_for(lock, limit, [&] {
     return static_cast<size_t>(std::count(mNotified.begin(), mNotified.end(), notification)) >= count;
   });
 }

@@ -14,6 +14,7 @@
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/log_config.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
+#include "tools/harness/process.h"
 
 /// The daemon's clients in one: the supervisor and the daemons that listen for tokens. Made with the
 /// generated stubs alone, as any other daemon would be.
@@ -39,7 +40,8 @@ class Supervisor {
   std::vector<std::string> Notified(bool withAlive = false) const;
   std::vector<std::string> Take();  ///< what was notified, alive messages too; clears
   void Clear();
-  bool WaitFor(const std::string& notification, size_t count = 1) const;
+  bool WaitFor(const std::string& notification, size_t count = 1,
+               std::chrono::seconds limit = LongestWait) const;
 
  private:
   void Add(const std::string& what);
