@@ -1,7 +1,10 @@
 #include "src/rfid.h"
 
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include "framework/hubconfig.h"
@@ -158,10 +161,18 @@ void CRfid::CloseReader() const {
       LOG_ERROR("Could not open the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
     }
   }
-  try {
-    mRfidReader->StopPolling();
-  } catch (const CRfidError& e) {
-    LOG_DEBUG("Reader was not polling at the end: {}", e.what());
+  // The kernel ends the polling of a socket that was closed some milliseconds later, and is busy until then.
+  for (int busy = mRecoveryMissed ? 20 : 0; busy >= 0; --busy) {
+    try {
+      mRfidReader->StopPolling();
+      break;
+    } catch (const CRfidError& e) {
+      LOG_DEBUG("Reader was not polling at the end: {}", e.what());
+      if (e.GetErrorCode() != EBUSY) {
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
   }
   try {
     mRfidReader->Deinitialize();

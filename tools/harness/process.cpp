@@ -39,10 +39,11 @@ Process::Process(const std::vector<std::string>& command,
     }
   }
   for (const auto& [name, value] : environment) {
-    variables.push_back(name + "=" + value);
+    variables.push_back(fmt::format("{}={}", name, value));
   }
   const auto pointers = [](const std::vector<std::string>& texts) {
     std::vector<char*> result;
+    result.reserve(texts.size() + 1);
     for (const auto& text : texts) {
       result.push_back(const_cast<char*>(text.c_str()));
     }

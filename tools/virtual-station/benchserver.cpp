@@ -83,10 +83,11 @@ BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
     response.set_content(reason + "\n", "text/plain");
     return httplib::Server::HandlerResponse::Handled;
   });
-  server.set_exception_handler([](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
-    response.status = 500;
-    response.set_content("the bench failed\n", "text/plain");
-  });
+  server.set_exception_handler(
+      [](const httplib::Request&, httplib::Response& response, const std::exception_ptr&) {
+        response.status = 500;
+        response.set_content("the bench failed\n", "text/plain");
+      });
   for (const PageFile& file : PageFiles()) {
     server.Get(std::string(file.path), [&file](const httplib::Request&, httplib::Response& response) {
       response.set_content(file.content.data(), file.content.size(), std::string(file.type));

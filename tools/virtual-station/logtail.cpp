@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr std::uint64_t cMost = 64 * 1024;  ///< that is read at once
+constexpr std::uint64_t cMost = 64UL * 1024;  ///< that is read at once
 constexpr std::size_t cLongestLine = 4096;
 
 std::string Plain(const std::string& line) {
