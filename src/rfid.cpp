@@ -162,17 +162,17 @@ void CRfid::CloseReader() const {
     }
   }
   // The kernel ends the polling of a socket that was closed some milliseconds later, and is busy until then.
-  for (int busy = mRecoveryMissed ? 20 : 0; busy >= 0; --busy) {
+  for (int tries = mRecoveryMissed ? 20 : 1; tries > 0; --tries) {
     try {
       mRfidReader->StopPolling();
       break;
     } catch (const CRfidError& e) {
-      LOG_DEBUG("Reader was not polling at the end: {}", e.what());
-      if (e.GetErrorCode() != EBUSY) {
+      if (e.GetErrorCode() != EBUSY || tries == 1) {
+        LOG_DEBUG("No polling was stopped at the end: {}", e.what());
         break;
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   try {
     mRfidReader->Deinitialize();
