@@ -25,16 +25,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   int calls = 0;
   bool fails = false;
   CRfidReader reader(std::make_shared<FakeNfcNetlink>());
-  reader.Initialize(
-      [&](const CToken& reported, bool valid) {
-        ++calls;
-        FUZZ_CHECK(reported.uid == token.uid && reported.protocol == token.protocol &&
-                   valid == IsUid(token.uid));
-        if (fails) {
-          throw std::runtime_error("callback");
-        }
-      },
-      [&](const CRfidError&) { ++calls; });
+  reader.Initialize([&](const CToken& reported, bool valid) {
+    ++calls;
+    FUZZ_CHECK(reported.uid == token.uid && reported.protocol == token.protocol && valid == IsUid(token.uid));
+    if (fails) {
+      throw std::runtime_error("callback");
+    }
+  });
 
   std::map<std::string, std::chrono::steady_clock::time_point> lastSeen;
   std::chrono::steady_clock::time_point now(1h);

@@ -1,10 +1,7 @@
 #include "src/rfid.h"
 
-#include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <functional>
-#include <thread>
 #include <utility>
 
 #include "framework/hubconfig.h"
@@ -24,14 +21,15 @@ std::function<void(int)> signalHook;
 
 }  // namespace
 
-CRfid::CRfid(const std::string& root) {
+CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod) {
   mAppCommunicationHost = std::make_shared<AppCommunicationHost<GrpcBackend>>(root + "etc/plex.json");
   mProcessControlService = std::make_shared<CProcessControlService>();
   mRfidService = std::make_shared<CRfidService>();
   const auto settings = HubConfig::Create("settings", "/", {});
   const auto standaloneList = HubConfig::Create("rfid_standalone", "/", {});
   mRfidConfig = std::make_shared<CRfidConfig>(settings, standaloneList);
-  mRfidReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>());
+  mRfidReader = std::make_shared<CRfidReader>(
+      std::make_shared<CNfcNetlink>(CNfcNetlink::Settings{.watchPeriod = pollWatchPeriod}));
   const CInterruptBlock block;  // from here on threads are started that have no use for signals
   const auto feedbackClient = mAppCommunicationHost->CreateClient<IFeedback>("Feedback");
   feedbackClient->SetConnectTimeout(PeerTimeoutSeconds);
@@ -44,7 +42,12 @@ CRfid::CRfid(const std::string& root) {
 }
 
 CRfid::~CRfid() {
-  CloseReader();
+  // Before the first component goes: the reader's own thread uses them.
+  try {
+    mRfidReader->Deinitialize();
+  } catch (const CRfidError& e) {
+    LOG_ERROR("Could not close the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
+  }
   // Handler, service and machine hold each other through these; the machine has stopped and needs them no
   // more.
   for (auto* hook :
@@ -68,7 +71,6 @@ void CRfid::ConnectInterruption() const {
     *hook = [this, tellSupervisor = std::move(*hook)] {
       tellSupervisor();
       if (mInterrupted) {
-        mRecoveryMissed = true;
         signalHook(SIGINT);
       }
     };
@@ -148,35 +150,4 @@ void CRfid::StopCommunication() {
   mAppCommunicationHost->Stop();
   mServerThread.join();
   mNotificationThread.join();
-}
-
-/// A machine that was stopped while it read cards leaves the reader open. It is closed before the first
-/// component goes: the reader's own thread uses them. An error that the interrupt overtook may have left the
-/// reader on; to switch it off it is opened anew, as the recovery would have done.
-void CRfid::CloseReader() const {
-  if (mRecoveryMissed) {
-    try {
-      mRfidReader->Initialize([](const CToken&, bool) {}, [](const CRfidError&) {});
-    } catch (const CRfidError& e) {
-      LOG_ERROR("Could not open the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
-    }
-  }
-  // The kernel ends the polling of a socket that was closed some milliseconds later, and is busy until then.
-  for (int tries = mRecoveryMissed ? 20 : 1; tries > 0; --tries) {
-    try {
-      mRfidReader->StopPolling();
-      break;
-    } catch (const CRfidError& e) {
-      if (e.GetErrorCode() != EBUSY || tries == 1) {
-        LOG_DEBUG("No polling was stopped at the end: {}", e.what());
-        break;
-      }
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  try {
-    mRfidReader->Deinitialize();
-  } catch (const CRfidError& e) {
-    LOG_ERROR("Could not close the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
-  }
 }

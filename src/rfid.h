@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -20,8 +21,9 @@
 class CRfid {
  public:
   /// `root` is a plain prefix of file paths. Throws when a component cannot be built (the RPC configuration
-  /// above all).
-  explicit CRfid(const std::string& root);
+  /// above all). `pollWatchPeriod`: see CNfcNetlink::Settings.
+  explicit CRfid(const std::string& root,
+                 std::chrono::milliseconds pollWatchPeriod = std::chrono::seconds(20));
   ~CRfid();
   CRfid(const CRfid&) = delete;
   CRfid& operator=(const CRfid&) = delete;
@@ -38,7 +40,6 @@ class CRfid {
   void StartCommunication();
   void RunStateMachine() const;
   void StopCommunication();
-  void CloseReader() const;
 
   std::shared_ptr<AppCommunicationHost<GrpcBackend>> mAppCommunicationHost;
   std::shared_ptr<CProcessControlService> mProcessControlService;
@@ -50,6 +51,5 @@ class CRfid {
   std::shared_ptr<CRfidReader> mRfidReader;
   std::thread mServerThread;
   std::thread mNotificationThread;
-  mutable std::atomic<bool> mInterrupted{false};     // a SIGINT was taken
-  mutable std::atomic<bool> mRecoveryMissed{false};  // an error was told after it
+  mutable std::atomic<bool> mInterrupted{false};  // a SIGINT was taken
 };

@@ -88,7 +88,15 @@ class CHsm final : public IHsmInterface {
   using State = TopState<CHsm>;
 
   explicit CHsm(std::shared_ptr<Handler> handler) : mHandler(std::move(handler)) { mHandler->mHsm = this; }
-  ~CHsm() { AbandonAll(); }
+  ~CHsm() {
+    AbandonAll();
+    // What an event carries may post another one when it goes, so the events go first.
+    std::deque<std::shared_ptr<IHsmEvent>> last;
+    {
+      const std::lock_guard lock(mMutex);
+      last.swap(mQueue);
+    }
+  }
   CHsm(const CHsm&) = delete;
   CHsm& operator=(const CHsm&) = delete;
 

@@ -29,10 +29,15 @@ class CHsmActionHandlerBase {
   /// Throws std::logic_error when no machine was made for this handler yet.
   template <typename Event, typename... Payload>
   void SendEvent(Payload&&... payload) {
+    PostEvent(std::make_shared<Event>(std::forward<Payload>(payload)...));
+  }
+
+  /// The same for an event that the caller has made.
+  void PostEvent(const std::shared_ptr<IHsmEvent>& event) {
     if (mHsm == nullptr) {
       throw std::logic_error("CHsmActionHandlerBase: IHsmInterface not set");
     }
-    mHsm->PostEvent(std::make_shared<Event>(std::forward<Payload>(payload)...));
+    mHsm->PostEvent(event);
   }
 
   IHsmInterface* mHsm = nullptr;  ///< not owned; set by the machine's constructor

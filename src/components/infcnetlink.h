@@ -9,7 +9,7 @@
 ///
 /// Threads: the operations are called on one thread at a time and may block for as long as the reader's chip
 /// takes (seconds, 30 at worst). Both callbacks come on the controller's own thread, never after
-/// DeinitializeController has returned. Errors: every operation throws CRfidError.
+/// DeinitializeController has returned. Errors: every operation but SetErrorCallback throws CRfidError.
 class INfcNetlink {
  public:
   using TargetCallback = std::function<void(const CToken&)>;
@@ -17,9 +17,9 @@ class INfcNetlink {
 
   virtual ~INfcNetlink() = default;
 
-  /// Opens the controller. Every tag read goes to `onTarget`; whatever ends the reading of tags while polling
-  /// is wanted goes to `onError`. On an open controller the earlier opening is ended first.
-  virtual void InitializeController(TargetCallback onTarget, ErrorCallback onError) = 0;
+  /// Opens the controller. Every tag read goes to `onTarget`. On an open controller the earlier opening is
+  /// ended first.
+  virtual void InitializeController(TargetCallback onTarget) = 0;
 
   /// Powers the reader and polls until StopPolling; polling goes on after each tag.
   virtual void StartPolling() = 0;
@@ -27,6 +27,11 @@ class INfcNetlink {
   /// No polling and no power when it returns, whatever tag arrives meanwhile.
   virtual void StopPolling() = 0;
 
-  /// Closes the controller; does nothing on a closed one.
+  /// Closes the controller. The reader is off afterwards and no callback runs any more, also when something
+  /// failed before or it throws. On a closed controller it does nothing.
   virtual void DeinitializeController() = 0;
+
+  /// `onError` is told of whatever ends the reading of tags while polling is wanted. Set it on a closed
+  /// controller. A controller that never reports failures need not know it.
+  virtual void SetErrorCallback(ErrorCallback /*onError*/) {}
 };

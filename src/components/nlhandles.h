@@ -6,10 +6,7 @@
 #include <netlink/socket.h>
 #include <sys/socket.h>
 
-#include <deque>
 #include <memory>
-#include <mutex>
-#include <utility>
 
 /// Owning handles on libnl's objects.
 template <auto Release>
@@ -20,32 +17,14 @@ struct NlRelease {
   }
 };
 
+/// Closes a socket and keeps its port number taken for a while, so that libnl does not reuse it: the kernel
+/// ends the polling of a closed socket's port some milliseconds later, and would end that of a new socket
+/// with the same port. Any thread.
+void CloseAndKeepPort(nl_sock* socket);
+
 using NlMessage = std::unique_ptr<nl_msg, NlRelease<nlmsg_free>>;
 using NlCallbacks = std::unique_ptr<nl_cb, NlRelease<nl_cb_put>>;
-using NlSocket = std::unique_ptr<nl_sock, NlRelease<nl_socket_free>>;
-
-/// Closes sockets and keeps libnl from choosing the ports of the latest again: the kernel ends the polling of
-/// a closed socket's port some milliseconds later, and would end that of a new socket with the same port. Any
-/// thread.
-class ClosedSockets {
- public:
-  void Close(NlSocket socket) {
-    if (!socket) {
-      return;
-    }
-    nl_close(socket.get());
-    const std::lock_guard lock(mMutex);
-    mSockets.push_back(std::move(socket));
-    if (mSockets.size() > Most) {
-      mSockets.pop_front();
-    }
-  }
-
- private:
-  static constexpr size_t Most = 32;
-  std::mutex mMutex;
-  std::deque<NlSocket> mSockets;
-};
+using NlSocket = std::unique_ptr<nl_sock, NlRelease<CloseAndKeepPort>>;
 
 inline bool IsFromKernel(nl_msg* msg) {
   return nlmsg_get_src(msg)->nl_pid == 0;

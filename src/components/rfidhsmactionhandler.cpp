@@ -43,7 +43,9 @@ CRfidHsmActionHandler::CRfidHsmActionHandler(std::shared_ptr<CRfidReader> reader
       mUserInteractionSignal(MakeSignal(SignalCatalogue::UserInteraction)),
       mRfidReader(std::move(reader)),
       mRfidConfig(std::move(config)),
-      mFeedback(std::move(feedback)) {
+      mFeedback(std::move(feedback)),
+      mTokensUnderWay([this] { PostError(); }) {
+  mRfidReader->SetErrorCallback([this](const CRfidError& cause) { OnReaderFailed(cause); });
   CWorker::Start();
 }
 
@@ -82,33 +84,40 @@ void CRfidHsmActionHandler::Drive(const char* failure, const char* stateText,
     UpdateDiagSignal(mRfidStateSignal, stateText);
   } catch (const CRfidError& e) {
     LOG_ERROR("{} Error: {}.", failure, e.what());
-    KeepErrorAndPost(e);
+    KeepError(e);
+    SendEvent<IntError>();
   } catch (const std::exception& e) {
     LOG_ERROR("{} Error: {}.", failure, e.what());
-    KeepErrorAndPost(CRfidError(e.what(), NLE_FAILURE));
+    KeepError(CRfidError(e.what(), NLE_FAILURE));
+    SendEvent<IntError>();
   }
 }
 
 void CRfidHsmActionHandler::InitializeReader() {
-  mRfidReader->Initialize([this](const CToken& token, bool valid) { OnTokenFound(token, valid); },
-                          [this](const CRfidError& cause) { OnReaderFailed(cause); });
+  mRfidReader->Initialize([this](const CToken& token, bool valid) { OnTokenFound(token, valid); });
 }
 
 /// The reader went deaf while it should read, on the NFC monitor's thread. Opening it anew may help whatever
-/// the cause was, so the error is a recoverable one.
+/// the cause was, so the error is a recoverable one. A token that is under way gets its outcome first.
 void CRfidHsmActionHandler::OnReaderFailed(const CRfidError& cause) {
   LOG_ERROR("The reader does not read tags any more. Error: {} rc: {}.", cause.what(), cause.GetErrorCode());
-  KeepErrorAndPost(
+  KeepError(
       CRfidError(fmt::format("Reader stopped reading tags: {} (rc {})", cause.what(), cause.GetErrorCode()),
                  NLE_FAILURE));
+  mTokensUnderWay.Fail();
 }
 
-void CRfidHsmActionHandler::KeepErrorAndPost(const CRfidError& error) {
-  {
-    const std::lock_guard lock(mErrorMutex);
-    mLastError = error;
+void CRfidHsmActionHandler::PostError() {
+  try {
+    SendEvent<IntError>();
+  } catch (const std::exception& e) {
+    LOG_ERROR("Could not report that the reader failed: {}", e.what());
   }
-  SendEvent<IntError>();
+}
+
+void CRfidHsmActionHandler::KeepError(const CRfidError& error) {
+  const std::lock_guard lock(mErrorMutex);
+  mLastError = error;
 }
 
 std::optional<CRfidError> CRfidHsmActionHandler::GetLastError() const {
@@ -166,13 +175,15 @@ void CRfidHsmActionHandler::IntAttemptRecovery() {
 
 void CRfidHsmActionHandler::OnTokenFound(const CToken& token, bool valid) {
   try {
-    ProcessToken(token, valid);
+    ProcessToken(token, valid, mTokensUnderWay.Begin());
   } catch (const std::exception& e) {
     LOG_ERROR("Failed to process token {}. Error: {}.", token.uid, e.what());
   }
 }
 
-void CRfidHsmActionHandler::ProcessToken(const CToken& token, bool valid) {
+/// The event that asks for the authorisation keeps the handle until the machine has dispatched it.
+void CRfidHsmActionHandler::ProcessToken(const CToken& token, bool valid,
+                                         const CTokensUnderWay::Handle& handle) {
   const auto uid = ToUpper(token.uid);
   UpdateDiagSignal(mLastUidSignal, uid);
   UpdateDiagSignal(mLastTechnologySignal, token.protocol);
@@ -186,7 +197,12 @@ void CRfidHsmActionHandler::ProcessToken(const CToken& token, bool valid) {
   if (mLearningEnabled) {
     SendEvent<IntOnLearningTokenFound>(uid);
   } else {
-    SendEvent<IntOnAuthTokenFound>(uid);
+    struct FoundToken {
+      IntOnAuthTokenFound event;
+      CTokensUnderWay::Handle handle;
+    };
+    const auto found = std::make_shared<FoundToken>(IntOnAuthTokenFound(uid), handle);
+    PostEvent(std::shared_ptr<IntOnAuthTokenFound>(found, &found->event));
   }
 }
 

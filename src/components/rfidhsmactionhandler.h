@@ -12,6 +12,7 @@
 #include "src/components/rfidconfig.h"
 #include "src/components/rfidhsmactionhandlerbase.h"
 #include "src/components/rfidreader.h"
+#include "src/components/tokensunderway.h"
 #include "statemachines/hsmalive.h"
 
 /// Carries out what the RFID machine decides: drives the reader, authorises tokens, asks for feedback,
@@ -48,9 +49,10 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   void Drive(const char* failure, const char* stateText, const std::function<void()>& operation);
   void InitializeReader();
   void OnReaderFailed(const CRfidError& cause);
-  void KeepErrorAndPost(const CRfidError& error);
+  void PostError();
+  void KeepError(const CRfidError& error);
   std::optional<CRfidError> GetLastError() const;
-  void ProcessToken(const CToken& token, bool valid);
+  void ProcessToken(const CToken& token, bool valid, const CTokensUnderWay::Handle& handle);
   void TriggerFeedback(ipc::ERfidAuthState state);
   void TriggerFeedbackEventCall(ipc::EFbEventType type);
   void UpdateDiagSignal(const std::shared_ptr<Signal>& signal, const std::string& value);
@@ -66,4 +68,5 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   std::atomic<bool> mLearningEnabled{false};
 
   mutable std::mutex mErrorMutex;
+  CTokensUnderWay mTokensUnderWay;
 };

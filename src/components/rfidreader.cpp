@@ -30,14 +30,18 @@ CRfidReader::CRfidReader(std::shared_ptr<INfcNetlink> nfcNetlink) : mNfcNetlink(
   LOG_TRACE("{}::{}", ClassName, "CRfidReader");
 }
 
-void CRfidReader::Initialize(TokenCallback onToken, INfcNetlink::ErrorCallback onError) {
+void CRfidReader::SetErrorCallback(INfcNetlink::ErrorCallback onError) {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  mNfcNetlink->SetErrorCallback(std::move(onError));
+}
+
+void CRfidReader::Initialize(TokenCallback onToken) {
   LOG_TRACE("{}::{}", ClassName, __func__);
   {
     const std::lock_guard sighting(mSightingMutex);
     mTokenCallback = std::move(onToken);
   }
-  mNfcNetlink->InitializeController([this](const CToken& token) { ValidateTokenAndNotify(token); },
-                                    std::move(onError));
+  mNfcNetlink->InitializeController([this](const CToken& token) { ValidateTokenAndNotify(token); });
 }
 
 void CRfidReader::Deinitialize() {

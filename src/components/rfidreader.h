@@ -23,9 +23,11 @@ class CRfidReader {
 
   explicit CRfidReader(std::shared_ptr<INfcNetlink> nfcNetlink);
 
-  /// `onToken` gets every new sighting, valid or not; `onError` whatever ends the reading of tags while it is
-  /// wanted.
-  void Initialize(TokenCallback onToken, INfcNetlink::ErrorCallback onError);
+  /// `onError` is told of whatever ends the reading of tags while it is wanted. Set it before Initialize.
+  void SetErrorCallback(INfcNetlink::ErrorCallback onError);
+
+  /// `onToken` gets every new sighting, valid or not.
+  void Initialize(TokenCallback onToken);
   void Deinitialize();
   void StartPolling();
 

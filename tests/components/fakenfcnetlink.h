@@ -10,9 +10,9 @@
 /// A controller that does what it is told: it keeps its callbacks, remembers its calls and fails on demand.
 class FakeNfcNetlink : public INfcNetlink {
  public:
-  void InitializeController(TargetCallback onTarget, ErrorCallback onError) override {
+  void SetErrorCallback(ErrorCallback onError) override { mOnError = std::move(onError); }
+  void InitializeController(TargetCallback onTarget) override {
     mOnTarget = std::move(onTarget);
-    mOnError = std::move(onError);
     Called("InitializeController");
   }
   void StartPolling() override { Called("StartPolling"); }

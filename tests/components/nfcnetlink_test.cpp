@@ -50,16 +50,20 @@ class NfcNetlink : public ::testing::Test {
       : mKernel(std::make_unique<InProcessVirtualNfc>(std::move(settings))) {}
 
   void Open() {
-    mController->InitializeController(
-        [this](const CToken& token) {
-          if (mInCallback) {
-            mInCallback();
-          }
-          Add(token.protocol + " " + token.uid);
-        },
-        [this](const CRfidError& error) {
-          Add(fmt::format("error {}: {}", error.GetErrorCode(), error.what()));
-        });
+    mController->SetErrorCallback([this](const CRfidError& error) {
+      Add(fmt::format("error {}: {}", error.GetErrorCode(), error.what()));
+    });
+    mController->InitializeController([this](const CToken& token) {
+      if (mInCallback) {
+        mInCallback();
+      }
+      Add(token.protocol + " " + token.uid);
+    });
+  }
+  /// Polling is not looked after, or at short intervals.
+  void Make(std::chrono::milliseconds watchPeriod, std::chrono::milliseconds answerTimeout = 300ms) {
+    mController = std::make_unique<CNfcNetlink>(
+        CNfcNetlink::Settings{.answerTimeout = answerTimeout, .watchPeriod = watchPeriod});
   }
   void Start() {
     Open();
@@ -115,14 +119,15 @@ class NfcNetlink : public ::testing::Test {
   std::mutex mMutex;
   std::condition_variable mArrived;
   std::vector<std::string> mReported;
-  std::unique_ptr<CNfcNetlink> mController = std::make_unique<CNfcNetlink>(300ms);
+  std::unique_ptr<CNfcNetlink> mController =
+      std::make_unique<CNfcNetlink>(CNfcNetlink::Settings{.answerTimeout = 300ms, .watchPeriod = 1h});
 };
 
 const Tag Card = MakeTag(TagKind::Mifare, "04A12B5C");
 
 }  // namespace
 
-// ---- Opening and closing
+// Opening and closing
 
 TEST_F(NfcNetlink, LivesThroughItsLifeCycleAndLeavesNothingOpen) {
   const auto descriptors = OpenDescriptors(*mKernel);
@@ -156,7 +161,7 @@ TEST_F(NfcNetlink, LivesThroughItsLifeCycleAndLeavesNothingOpen) {
                            ") Freeing NFC command socket", ") Clearing nfc0 device info"}) {
     EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace), Contains(EndsWith(line)));
   }
-  EXPECT_EQ(mLog.Texts(Log::ELogLevel::Info).front().rfind("(src/components/nfcnetlink.cpp:", 0), 0U);
+  EXPECT_EQ(mLog.Texts(Log::ELogLevel::Info).front().rfind("(src/components/nfcnetlink.", 0), 0U);
 }
 
 TEST_F(NfcNetlink, SaysWhatCannotBeOpenedAndLeavesNothingBehind) {
@@ -204,7 +209,7 @@ TEST_F(NfcNetlink, SaysWhatCannotBeOpenedAndLeavesNothingBehind) {
 }
 
 TEST_F(NfcNetlink, AnExchangeIsOverAtItsTimeAlthoughMessagesKeepComing) {
-  mController = std::make_unique<CNfcNetlink>(0ms);  // which is no limit for the socket's own waiting
+  Make(1h, 0ms);  // which is no limit for the socket's own waiting
   EXPECT_EQ(ErrorOfOpen(), "") << "what is there and is the answer is always taken";
   mController->DeinitializeController();
   mKernel->AddRule("GETFAMILY nth=3 seq=4711");
@@ -244,6 +249,11 @@ TEST_F(NfcNetlinkWithoutFamily, IsRefusedByAKernelWithoutNfc) {
 
 TEST_F(NfcNetlinkWithoutGroup, IsRefusedByAKernelWithoutEvents) {
   EXPECT_EQ(ErrorOfOpen(), "Could not resolve nfc multicast id. 12");
+  for (const uint32_t id : {0U, 0x80000000U, 0xFFFFFFFFU}) {  // no group has such a number
+    mKernel.reset();
+    mKernel = std::make_unique<InProcessVirtualNfc>(VirtualNfcSettings{.kernel = {.groupId = id}});
+    EXPECT_EQ(ErrorOfOpen(), "Could not resolve nfc multicast id. 12") << id;
+  }
 }
 
 TEST_F(NfcNetlinkWithoutListeners, AMonitorThatMayNotListenIsNoticedWhenPollingIsStarted) {
@@ -273,20 +283,28 @@ TEST_F(NfcNetlink, AMonitorWhoseSocketCannotBeWaitedForIsNoticedWhenPollingIsSta
   EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
 }
 
-TEST_F(NfcNetlink, AMonitorThatCannotBeWokenKeepsTheControllerFromClosingUntilItEnds) {
-  Gate gate;
-  mInCallback = [&] { gate.Pass(); };
-  Start();
-  mKernel->PresentTag(Card);
-  ASSERT_TRUE(gate.AwaitWaiting(1));
-  mKernel->AddRule("DEVICE_ADDED close");
-  mKernel->Plug();
-  const auto close = [this] { mController->DeinitializeController(); };
-  EXPECT_EQ(ErrorOf(close), "Failed to stop event monitor 3 recoverable");
-  EXPECT_EQ(ErrorOfOpen(), "Failed to stop event monitor 3 recoverable");
-  gate.Open();
-  EXPECT_TRUE(handover::Eventually([&] { return ErrorOf(close).empty(); }));
-  EXPECT_EQ(CountInterposedSockets(), 0);
+TEST_F(NfcNetlink, AMonitorThatCannotBeWokenByARequestEndsAllTheSame) {
+  const auto close = [this] { return ErrorOf([this] { mController->DeinitializeController(); }); };
+  for (const bool reopen : {false, true}) {
+    SCOPED_TRACE(reopen);
+    Gate gate;
+    mInCallback = [&] { gate.Pass(); };
+    Start();
+    mKernel->PresentTag(Card);
+    ASSERT_TRUE(gate.AwaitWaiting(1));
+    mKernel->AddRule("DEVICE_ADDED close");
+    mKernel->Plug();
+    auto closed = std::async(std::launch::async, [&] { return reopen ? ErrorOfOpen() : close(); });
+    gate.Open();
+    EXPECT_EQ(closed.get(), reopen ? "Could find trf7970a reader. 31 recoverable"
+                                   : "Failed to stop event monitor 3 recoverable");
+    EXPECT_EQ(close(), "");
+    EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+    EXPECT_EQ(CountInterposedSockets(), 0);
+    mKernel->ClearRules();
+    mKernel->RemoveTags();
+    mKernel->Unplug(1);
+  }
 }
 
 TEST_F(NfcNetlink, OperationsOnAClosedControllerFailInsteadOfWaiting) {
@@ -310,11 +328,58 @@ TEST_F(NfcNetlink, AnOpenControllerIsOpenedAnew) {
   EXPECT_EQ(ErrorOfOpen(), "");
 }
 
-TEST_F(NfcNetlink, AProcessThatEndsWhilePollingLeavesTheReaderOff) {
+TEST_F(NfcNetlink, TheReaderIsOffAfterTheEndWhateverHappenedBefore) {
+  struct Case {
+    const char* name;
+    std::function<void()> happen;
+  };
+  for (const auto& c : std::vector<Case>{
+           {"polling", [] {}},
+           {"opening anew failed",
+            [this] {
+              mKernel->AddRule("GET_DEVICE nth=1 errno=EIO");
+              EXPECT_NE(ErrorOfOpen(), "");
+            }},
+           {"opening anew failed while the kernel still ends the old poll",
+            [this] {
+              mKernel->AddRule("GET_DEVICE nth=1 errno=EIO");
+              mKernel->AddRule("STOP_POLL times=3 errno=EBUSY");
+              EXPECT_NE(ErrorOfOpen(), "");
+            }},
+           {"the answer to the power request was lost",
+            [this] {
+              mController->StopPolling();
+              mKernel->AddRule("DEV_UP drop");
+              EXPECT_NE(ErrorOfStart(), "");
+            }},
+           {"the reader could not be switched off",
+            [this] {
+              mKernel->AddRule("DEV_DOWN nth=1 errno=EIO");
+              EXPECT_NE(ErrorOfStop(), "");
+            }},
+       }) {
+    for (const bool destroyed : {false, true}) {
+      SCOPED_TRACE(c.name);
+      Make(1h);
+      Start();
+      c.happen();
+      if (destroyed) {
+        mController.reset();
+      } else {
+        mController->DeinitializeController();
+      }
+      EXPECT_FALSE(mKernel->GetStatus().Device().powered);
+      EXPECT_FALSE(mKernel->GetStatus().Device().polling);
+      EXPECT_EQ(CountInterposedSockets(), 0);
+      mKernel->ClearRules();
+    }
+  }
+  Make(1h);
   Start();
+  mLog.Clear();
+  mKernel->AddRule("DEV_DOWN errno=EIO");
   mController.reset();
-  EXPECT_FALSE(mKernel->GetStatus().Device().powered);
-  EXPECT_EQ(CountInterposedSockets(), 0);
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error), Contains(HasSubstr(") The reader may stay on. Error: ")));
 }
 
 TEST_F(NfcNetlink, ClosesWhateverTheMonitorIsDoing) {
@@ -351,7 +416,7 @@ TEST_F(NfcNetlink, ClosesWhateverTheMonitorIsDoing) {
   EXPECT_EQ(OpenDescriptors(*mKernel), descriptors);
 }
 
-// ---- Polling
+// Polling
 
 class NfcNetlinkPolling : public NfcNetlink, public ::testing::WithParamInterface<bool> {
  protected:
@@ -431,7 +496,7 @@ TEST_F(NfcNetlink, BusyIsASuccessOnlyWhileThePollingIsItsOwn) {
   EXPECT_EQ(ErrorOfStop(), "");
 }
 
-// ---- Tags
+// Tags
 
 TEST_F(NfcNetlink, ReadsEveryTechnology) {
   mInCallback = [this] { mKernel->RemoveTags(); };  // before polling goes on: each is seen once
@@ -460,19 +525,31 @@ TEST_F(NfcNetlink, OfSeveralTagsTheLastIsDelivered) {
   EXPECT_EQ(WaitFor(1).front(), "MIFARE 11223344");
 }
 
-TEST_F(NfcNetlink, OtherEventsChangeNothing) {
+TEST_F(NfcNetlink, EventsThatConcernNobodyChangeNothing) {
   Start();
-  const auto polls = mKernel->GetStatus().Commands(NFC_CMD_START_POLL);
-  mKernel->SendRawEvent(MessageBuilder(20, 0, 0, 0).Finish());  // it may have been a tag, and polling be over
-  EXPECT_TRUE(WaitForCommand(NFC_CMD_START_POLL, polls + 1));
-  mKernel->Plug();  // another reader comes, and another process finds a tag with it
-  mKernel->SendRawEvent(
-      MessageBuilder(20, 0, 0, 0).Genl(NFC_EVENT_TARGETS_FOUND, 1).U32(NFC_ATTR_DEVICE_INDEX, 1).Finish());
+  const auto event = [](uint8_t command, uint32_t device) {
+    return MessageBuilder(20, 0, 0, 0).Genl(command, 1).U32(NFC_ATTR_DEVICE_INDEX, device).Finish();
+  };
+  const auto handled = [this] {
+    const auto lines = mLog.Texts(Log::ELogLevel::Debug);
+    return std::count_if(lines.begin(), lines.end(),
+                         [](const auto& line) { return line.ends_with(") Processing netlink event..."); });
+  };
+  const auto before = mKernel->History().size();
+  mKernel->SendRawEvent(event(NFC_EVENT_TARGET_LOST, 0));
+  mKernel->SendRawEvent(event(NFC_EVENT_DEVICE_ADDED, 1));
+  mKernel->SendRawEvent(event(NFC_EVENT_DEVICE_REMOVED, 1));
+  mKernel->SendRawEvent(event(200, 0));
+  EXPECT_TRUE(handover::Eventually([&] { return handled() >= 4; }));
+  mKernel->Plug();  // another process finds a tag with another reader
+  mKernel->SendRawEvent(event(NFC_EVENT_TARGETS_FOUND, 1));
   EXPECT_EQ(WaitFor(1).size(), 1U);
   EXPECT_EQ(ErrorOfStart(), "");  // ours still polls
-  mKernel->SendRawEvent(Bytes(sizeof(nlmsghdr), 0));
+  for (const auto& record : mKernel->History()) {
+    EXPECT_NE(record.command, NFC_CMD_STOP_POLL);
+  }
+  EXPECT_EQ(mKernel->History().size() - before, 5U) << "GET_TARGET, and twice DEV_UP and START_POLL";
   EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
-  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Processing netlink event...")));
   EXPECT_TRUE(WaitForPolling());
 }
 
@@ -494,7 +571,7 @@ TEST_P(NfcNetlinkPolling, ATagThatComesWhilePollingIsStoppedDoesNotSwitchTheRead
   }
 }
 
-// ---- Never silently deaf
+// Never silently deaf
 
 TEST_P(NfcNetlinkPolling, WhateverEndsTheReadingOfTagsIsReported) {
   struct Case {
@@ -555,12 +632,135 @@ TEST_F(NfcNetlink, AnEventThatPromisesAContinuationDoesNotHoldTheMonitor) {
 }
 
 TEST_F(NfcNetlink, ACallbackThatThrowsDoesNotEndTheReading) {
-  mInCallback = [] { throw std::runtime_error("callback"); };
+  struct NoStdException {};
+  bool isStd = true;
+  mInCallback = [&] {
+    mKernel->RemoveTags();
+    if (std::exchange(isStd, false)) {
+      throw std::runtime_error("callback");
+    }
+    throw NoStdException();
+  };
   Start();
-  mKernel->PresentTag(Card);
-  EXPECT_TRUE(WaitForCommand(NFC_CMD_START_POLL, 3));
+  for (uint32_t polls = 2; polls < 4; ++polls) {
+    mKernel->PresentTag(Card);
+    EXPECT_TRUE(WaitForCommand(NFC_CMD_START_POLL, polls));
+  }
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Error),
-              Contains(EndsWith(") The target callback failed: callback")));
+              ElementsAre(EndsWith(") The target callback failed: callback"),
+                          EndsWith(") The target callback failed: unknown exception")));
+  mController->StopPolling();
+  mController->DeinitializeController();
+  mController->SetErrorCallback([](const CRfidError&) { throw NoStdException(); });
+  mController->InitializeController([](const CToken&) {});
+  mController->StartPolling();
+  mKernel->OverrunEvents();
+  EXPECT_TRUE(handover::Eventually([this] {
+    return !mLog.Texts(Log::ELogLevel::Error).empty() &&
+           mLog.Texts(Log::ELogLevel::Error)
+               .back()
+               .ends_with(") The error callback failed: unknown exception");
+  }));
+}
+
+// Polling that ends without an event
+
+TEST_F(NfcNetlink, PollingThatFindsNothingIsRenewedQuietly) {
+  Make(20ms);
+  Start();
+  mLog.Clear();
+  EXPECT_TRUE(WaitForCommand(NFC_CMD_STOP_POLL, 3));
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Info), IsEmpty());
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Polling renewed.")));
+  EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+  mController->StopPolling();
+  const auto after = mKernel->GetStatus().Commands(NFC_CMD_STOP_POLL);
+  mController->DeinitializeController();
+  EXPECT_EQ(mKernel->GetStatus().Commands(NFC_CMD_STOP_POLL), after) << "not looked after any more";
+}
+
+TEST_F(NfcNetlink, ACardIsReadAgainAfterPollingEndedWithoutAnEvent) {
+  constexpr const char* Ended = ") Polling had ended unnoticed. Started it again.";
+  constexpr const char* Disagree =
+      ") Kernel and reader disagree about polling. Switching the reader off and on.";
+  constexpr const char* Claimed =
+      ") The kernel says that the reader polls already, but nobody started it. Checking it soon.";
+  struct Case {
+    const char* name;
+    std::function<void()> happen;
+    std::vector<const char*> warnings;
+  };
+  mInCallback = [this] { mKernel->RemoveTags(); };
+  for (const auto& c : std::vector<Case>{
+           {"a find is lost",
+            [this] {
+              mKernel->AddRule("TARGETS_FOUND nth=1 drop");
+              mKernel->PresentTagFor(Card, 30ms);
+            },
+            {Ended}},
+           {"reader and kernel disagree", [this] { mKernel->MakeChipDisagree(); }, {Ended, Disagree}},
+           {"the restart finds the poll on already",
+            [this] {
+              mKernel->AddRule("START_POLL nth=1 errno=EALREADY");
+              Tap(Card);
+            },
+            {Claimed, Ended}},
+           {"an event is cut off",
+            [this] { mKernel->SendRawEvent(MessageBuilder(20, 0, 0, 0).Finish()); },
+            {}},
+       }) {
+    SCOPED_TRACE(c.name);
+    Make(100ms);
+    Start();
+    mLog.Clear();
+    c.happen();
+    const auto stops = mKernel->GetStatus().Commands(NFC_CMD_STOP_POLL);
+    EXPECT_TRUE(WaitForCommand(NFC_CMD_STOP_POLL, stops + 1));
+    mKernel->ClearRules();
+    mReported.clear();
+    EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+    const auto warnings = mLog.Texts(Log::ELogLevel::Warning);
+    for (const auto* warning : c.warnings) {
+      if (warning != Ended || c.warnings.size() == 1) {
+        EXPECT_THAT(warnings, Contains(EndsWith(warning)));
+      }
+    }
+    if (c.warnings.empty()) {
+      EXPECT_THAT(warnings, IsEmpty());
+    }
+    EXPECT_EQ(ErrorOfStop(), "");
+    mController->DeinitializeController();
+  }
+}
+
+TEST_F(NfcNetlink, WhatTheLookCannotCureIsReportedOnce) {
+  struct Case {
+    const char* rule;
+    const char* reported;
+  };
+  for (const auto& c : {
+           Case{"STOP_POLL nth=1 errno=EBUSY", "error 16: Error in SendAndReceiveMsgs in StopPolling."},
+           Case{"STOP_POLL nth=1 drop", "error 1: Error in SendAndReceiveMsgs in StopPolling."},
+           Case{"START_POLL nth=1 errno=ENODEV", "error 19: Error in SendAndReceiveMsgs within StartPolling"},
+           Case{"START_POLL errno=EPROTO", "error 71: Error in SendAndReceiveMsgs within StartPolling"},
+           Case{"START_POLL errno=EALREADY", "error 114: Error in SendAndReceiveMsgs within StartPolling"},
+       }) {
+    SCOPED_TRACE(c.rule);
+    Make(20ms);
+    Start();
+    mKernel->AddRule(c.rule);
+    EXPECT_THAT(WaitFor(1), ElementsAre(c.reported));
+    mReported.clear();
+    const auto commands = mKernel->History().size();
+    mKernel->ClearRules();
+    EXPECT_EQ(ErrorOfStop(), "");
+    EXPECT_EQ(mKernel->History().size(), commands + 2) << "what is reported is not tried again";
+    mController->DeinitializeController();
+  }
+  Make(1h);
+  Start();
+  mKernel->Unplug();
+  EXPECT_THAT(WaitFor(1), ElementsAre("error 19: Error in SendAndReceiveMsgs in StopPolling."));
 }
 
 class NfcNetlinkFast : public NfcNetlink {

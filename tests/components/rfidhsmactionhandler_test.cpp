@@ -5,6 +5,7 @@
 #include "fakenfcnetlink.h"
 #include "framework/handover.h"
 #include "framework/logcapture.h"
+#include "src/components/rfidhsm.h"
 #include "temporarystore.h"
 
 using ::testing::Contains;
@@ -32,7 +33,7 @@ class FakeMachine : public IHsmInterface {
   /// The events posted since the last call, with what they carry.
   std::vector<std::string> Take() {
     std::vector<std::string> names;
-    for (const auto& event : mEvents) {
+    for (const auto& event : std::exchange(mEvents, {})) {  // which may post others when they go
       auto name = event->GetName();
       if (const auto done = std::dynamic_pointer_cast<IntOnAuthDone>(event)) {
         name +=
@@ -44,7 +45,6 @@ class FakeMachine : public IHsmInterface {
       }
       names.push_back(name);
     }
-    mEvents.clear();
     return names;
   }
 
@@ -253,6 +253,61 @@ TEST_F(ActionHandler, AReaderThatGoesDeafIsARecoverableErrorThatNamesTheCause) {
   EXPECT_THAT(mMachine.Take(), IsEmpty());
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Warning),
               ElementsAre(HasSubstr("Error in SendAndReceiveMsgs within StartPolling (rc 71) with rc: 1:")));
+}
+
+TEST_F(ActionHandler, ACardIsNotifiedBeforeAFailureThatCameAfterItsFindStopsTheMachine) {
+  enum class EFails { WhileScanning, WhileAuthorising, Between };
+  struct Case {
+    EFails when;
+    bool learning;
+    bool free;
+    bool injected;
+    std::vector<std::string> told;
+  };
+  for (const auto& c : std::vector<Case>{
+           {EFails::WhileScanning, false, false, false, {"token", "error"}},
+           {EFails::WhileAuthorising, false, false, false, {"token", "error"}},
+           {EFails::Between, false, false, false, {"token", "error"}},
+           {EFails::WhileScanning, false, false, true, {"token", "error"}},
+           {EFails::WhileAuthorising, false, false, true, {"token", "error"}},
+           {EFails::WhileScanning, true, false, false, {"learned", "error"}},
+           {EFails::Between, false, true, false, {"error"}},
+       }) {
+    SCOPED_TRACE(static_cast<int>(c.when));
+    mStore.Write("settings", c.free ? R"({"SessionManagerChargeWithoutAuth": true})" : "{}");
+    const auto fail = [this] { mController->Break(CRfidError("restart refused", 71)); };
+    mFeedback->mEvents.clear();
+    mFeedback->mFail = [&] {
+      const bool scans = mFeedback->mEvents.back() == ipc::EFbTokenScanned;
+      if (c.when == (scans ? EFails::WhileScanning : EFails::WhileAuthorising)) {
+        fail();
+      }
+    };
+    CRfidHsm machine(std::shared_ptr<CRfidHsmActionHandlerBase>(&mHandler, [](auto*) {}));
+    std::vector<std::string> told;
+    mHandler.ExtRfidToken = [&](const ipc::MRfidToken&) { told.emplace_back("token"); };
+    mHandler.ExtRfidLearningToken = [&](const std::string&) { told.emplace_back("learned"); };
+    mHandler.ExtErrorRsp = [&] {
+      told.emplace_back("error");
+      machine.Stop();
+    };
+    machine.PostEvent(std::make_shared<ExtDisableReq>());
+    mHandler.ExtDisabledRsp = [&] { machine.PostEvent(std::make_shared<ExtEnableReq>()); };
+    mHandler.ExtEnabledRsp = [&] {  // on the machine's thread, as if it all came in this moment
+      mHandler.IntEnableLearningTask(std::make_shared<ExtOnEnableLearning>(c.learning));
+      if (c.injected) {
+        machine.PostEvent(std::make_shared<ExtOnInjectToken>("04A1B2C3"));
+      } else {
+        Read("04A1B2C3");
+      }
+      if (c.when == EFails::Between) {
+        fail();
+      }
+    };
+    machine.Run();
+    EXPECT_EQ(told, c.told);
+    mReader->StopPolling();  // the card is forgotten
+  }
 }
 
 TEST_F(ActionHandler, AValidCardIsPublishedFedBackAndPosted) {

@@ -21,12 +21,10 @@ constexpr const char* HexWarning = ") UID must be a valid HEX number.";
 class RfidReader : public ::testing::Test {
  protected:
   RfidReader() {
-    mReader.Initialize(
-        [this](const CToken& token, bool valid) {
-          mSeen.push_back(token.uid + (valid ? " valid" : " not valid"));
-          mProtocol = token.protocol;
-        },
-        [](const CRfidError&) {});
+    mReader.Initialize([this](const CToken& token, bool valid) {
+      mSeen.push_back(token.uid + (valid ? " valid" : " not valid"));
+      mProtocol = token.protocol;
+    });
     mLog.Clear();
   }
   void See(const std::string& uid, std::chrono::nanoseconds at) {
@@ -119,7 +117,7 @@ TEST_F(RfidReader, PassesTheLifeCycleOnAndControllerErrorsThrough) {
        {"InitializeController", "StartPolling", "StopPolling", "DeinitializeController"}) {
     mController->mFail[operation] = 25;
   }
-  EXPECT_THROW(mReader.Initialize({}, {}), CRfidError);
+  EXPECT_THROW(mReader.Initialize({}), CRfidError);
   EXPECT_THROW(mReader.StartPolling(), CRfidError);
   EXPECT_THROW(mReader.StopPolling(), CRfidError);
   EXPECT_THROW(mReader.Deinitialize(), CRfidError);
@@ -134,18 +132,16 @@ TEST_F(RfidReader, ATagWithoutAnybodyToReportToIsDropped) {
 TEST_F(RfidReader, StoppingDoesNotWaitForASightingThatIsBeingHandled) {
   std::promise<void> inCallback;
   std::promise<void> mayGoOn;
-  mReader.Initialize(
-      [&](const CToken&, bool) {
-        inCallback.set_value();
-        mayGoOn.get_future().wait();
-      },
-      {});
+  mReader.Initialize([&](const CToken&, bool) {
+    inCallback.set_value();
+    mayGoOn.get_future().wait();
+  });
   std::thread monitor([this] { mController->Report({"0A1B2C3D", "MIFARE"}); });
   inCallback.get_future().wait();
   mReader.StopPolling();  // would hang if it waited
   mayGoOn.set_value();
   monitor.join();
-  mReader.Initialize([this](const CToken& token, bool) { mSeen.push_back(token.uid); }, {});
+  mReader.Initialize([this](const CToken& token, bool) { mSeen.push_back(token.uid); });
   mController->Report({"0A1B2C3D", "MIFARE"});
   EXPECT_THAT(mSeen, ElementsAre("0A1B2C3D"));  // the sighting that was overtaken was forgotten too
 }

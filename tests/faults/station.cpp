@@ -1,6 +1,7 @@
 #include "station.h"
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -43,8 +44,9 @@ bool Holds(const List& list, const Value& value, size_t since = 0) {
 
 }  // namespace
 
-Station::Station() : mKernel(Settings()) {
-  mReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>(AnswerTimeout));
+Station::Station(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
+  mReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>(
+      CNfcNetlink::Settings{.answerTimeout = AnswerTimeout, .watchPeriod = watchPeriod}));
   mHandler = std::make_shared<CRfidHsmActionHandler>(
       mReader,
       std::make_shared<CRfidConfig>(HubConfig::Create("settings", "/", {}),
@@ -72,12 +74,12 @@ Station::~Station() {
     Stuck("the machine does not end");
   }
   // As the application does at its end.
-  for (const auto operation : {&CRfidReader::StopPolling, &CRfidReader::Deinitialize}) {
-    try {
-      ((*mReader).*operation)();
-    } catch (const CRfidError&) {
-    }
+  try {
+    mReader->Deinitialize();
+  } catch (const CRfidError&) {
   }
+  const auto reader = mKernel.GetStatus().Device();
+  EXPECT_FALSE((reader.powered || reader.polling) && mKernel.ListRules().empty()) << "on after the end";
 }
 
 template <typename Event, typename... Payload>

@@ -25,7 +25,8 @@ class Station {
   /// The daemon waits that long for an answer that never comes.
   static constexpr std::chrono::milliseconds AnswerTimeout{50};
 
-  Station();
+  /// `watchPeriod`: for how long the daemon trusts polling that finds nothing.
+  explicit Station(std::chrono::milliseconds watchPeriod = std::chrono::hours(1));
   ~Station();
   Station(const Station&) = delete;
   Station& operator=(const Station&) = delete;

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <netlink/handlers.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+
+#include "src/components/nlhandles.h"
+#include "src/components/wakeevent.h"
+
+/// The socket on which the kernel's NFC events arrive.
+///
+/// Threads: the monitor's thread sets it up, waits, receives and closes. The owner's thread announces a
+/// monitor, waits for its set-up and wakes it.
+class CNfcEventSocket {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// Why something failed: the text to log and libnl's positive code. No text: nothing failed.
+  struct Failure {
+    std::string text;
+    int code = 0;
+  };
+
+  // The owner's thread.
+
+  /// A monitor is about to be started: AwaitSetUp waits for it from now on.
+  void Expect();
+  /// No monitor sets the socket up after all.
+  void Abandon();
+  /// Blocks while a set-up is under way. True when events are being received.
+  bool AwaitSetUp();
+  /// Sends a request that the kernel must answer with an error, so that the socket becomes readable. Blocks
+  /// while another process's command occupies the kernel's NFC family.
+  Failure Wake(int family);
+  /// Ends the monitor's sleep also when the kernel does not answer.
+  void WakeAtOnce() { mWake.Signal(); }
+
+  // The monitor's thread.
+
+  /// Connects and joins the multicast group. After a failure the socket is closed.
+  Failure SetUp(int group);
+  /// Sleeps until an event can be read, somebody wakes the monitor, or the time has come. False when the time
+  /// has come.
+  bool Wait(Clock::time_point until);
+  /// True when an event can be read now.
+  bool HasEvents() const;
+  /// Reads what has arrived; libnl's result.
+  int Receive(nl_recvmsg_msg_cb_t onEvent, void* argument);
+  /// Drops a datagram that is too short for any message. libnl would find it again and again.
+  void DropEmpty();
+  void Close();
+
+ private:
+  enum class EState { Closed, SettingUp, Listening };
+
+  Failure Connect(int group);
+
+  NlSocket mSocket;        // made and released by the monitor, under mMutex
+  NlCallbacks mCallbacks;  // the monitor's thread only
+  CWakeEvent mWake;
+  std::mutex mMutex;               // held while a request is sent, see Wake
+  EState mState = EState::Closed;  // guarded by mMutex
+  std::condition_variable mSetUpEnded;
+};

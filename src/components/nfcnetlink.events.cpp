@@ -1,0 +1,269 @@
+// The event side: the monitor's thread, its targets, and the watch over the kernel's polling.
+
+#include <linux/nfc.h>
+#include <netlink/errno.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <utility>
+
+#include "framework/log.h"
+#include "framework/thread.h"
+#include "src/components/nfcnetlink.h"
+#include "src/components/nfcrequests.h"
+
+using namespace std::chrono_literals;
+using Clock = CNfcEventSocket::Clock;
+
+namespace {
+
+constexpr const char* ClassName = "CNfcNetlink";
+
+/// Between STOP_POLL and START_POLL: with less, a driver can report an old find as the new poll's.
+constexpr auto RestPause = 20ms;
+
+}  // namespace
+
+int CNfcNetlink::StopMonitoringEvents() {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  mStopFlag = true;
+  if (!mMonitorThread.joinable()) {
+    return 0;
+  }
+  if (const auto failure = mEvents.Wake(mFamilyId); failure.code != 0) {
+    LOG_ERROR("{}", failure.text);
+    return failure.code;
+  }
+  JoinMonitor();
+  return 0;
+}
+
+void CNfcNetlink::JoinMonitor() {
+  if (mMonitorThread.joinable()) {
+    mEvents.WakeAtOnce();
+    mMonitorThread.join();
+  }
+}
+
+void CNfcNetlink::MonitorEvents() {
+  SetThreadName("nfc-monitor");
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_DEBUG("Notifying that the event socket is ready");
+  if (const auto failure = mEvents.SetUp(mMulticastGroupId); failure.code != 0) {
+    LOG_ERROR("{}", failure.text);  // StartPolling finds the socket gone and fails
+    return;
+  }
+  ReceiveEvents();
+}
+
+void CNfcNetlink::ReceiveEvents() {
+  int failure = 0;
+  while (failure == 0 && !mStopFlag) {
+    // StartPolling does not wake the monitor: it looks for itself when a look can be due at the earliest.
+    const bool isReadable = mEvents.Wait(NextLook().value_or(Clock::now() + mSettings.watchPeriod));
+    if (mStopFlag) {
+      break;
+    }
+    if (isReadable) {
+      const int received = mEvents.Receive(
+          [](nl_msg* msg, void* self) { return static_cast<CNfcNetlink*>(self)->ProcessEvent(msg); }, this);
+      if (received == 0) {
+        mEvents.DropEmpty();
+        LOG_ERROR("Skipping a netlink event that is cut off.");
+        LookSoon();  // it may have been TARGETS_FOUND, which ends polling
+      } else if (received < 0 && received != -NLE_AGAIN) {
+        LOG_ERROR("nl_recvmsgs got an error: {}.", nl_geterror(received));
+        failure = std::abs(received);
+      }
+    }
+    if (const auto look = NextLook(); failure == 0 && look && *look <= Clock::now()) {
+      LookAfterPolling();
+    }
+  }
+  mEvents.Close();
+  LOG_DEBUG("NFC event monitor stopped.");
+  if (failure != 0) {
+    ReportFailure("The event monitor ended", failure);
+  }
+}
+
+int CNfcNetlink::ProcessEvent(nl_msg* msg) {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_DEBUG("Processing netlink event...");
+  const auto command = DecodeCommand(nlmsg_hdr(msg));
+  if (!command || !IsFromKernel(msg)) {
+    LOG_ERROR("Skipping a netlink event that is malformed or not from the kernel: port {}, {} bytes.",
+              nlmsg_get_src(msg)->nl_pid, nlmsg_hdr(msg)->nlmsg_len);
+    if (IsFromKernel(msg)) {
+      LookSoon();  // as for one that is cut off
+    }
+    return NL_SKIP;
+  }
+  if (*command == NFC_EVENT_DEVICE_REMOVED && DecodeDeviceIndex(nlmsg_hdr(msg)) == ReaderIndex) {
+    LookSoon();
+  }
+  if (*command != NFC_EVENT_TARGETS_FOUND) {
+    return NL_SKIP;
+  }
+  LOG_INFO("Target found.");
+  mLastTarget.reset();
+  if (const int result = TargetsFound(nlmsg_hdr(msg)); result != 0) {
+    LOG_ERROR("Error: TargetsFound got {}.", nl_geterror(result));
+    if (StopLooking()) {
+      ReportFailure("The tag found could not be queried", result);
+    }
+    return result;
+  }
+  // Nothing may be thrown through libnl, and polling goes on.
+  try {
+    mTargetCallback(mLastTarget.value_or(CToken{.uid = "", .protocol = "Unsupported protocol"}));
+  } catch (const std::exception& e) {
+    LOG_ERROR("The target callback failed: {}", e.what());
+  } catch (...) {
+    LOG_ERROR("The target callback failed: unknown exception");
+  }
+  RestartPolling();
+  return NL_SKIP;
+}
+
+void CNfcNetlink::RestartPolling() {
+  try {
+    Poll(EPollReason::AfterTarget);
+  } catch (const CRfidError& e) {
+    LOG_ERROR("Could not restart polling. Error: {} rc: {}.", e.what(), e.GetErrorCode());
+    ReportFailure(e.what(), e.GetErrorCode());
+  }
+}
+
+/// From now on polling is not looked after, because its end is about to be reported. False when nobody wants
+/// polling any more, so that there is nothing to report.
+bool CNfcNetlink::StopLooking() {
+  const std::lock_guard exchange(mExchangeMutex);
+  mPolling.nextLook.reset();
+  return mPolling.wanted;
+}
+
+std::optional<Clock::time_point> CNfcNetlink::NextLook() {
+  const std::lock_guard exchange(mExchangeMutex);
+  return mPolling.nextLook;
+}
+
+void CNfcNetlink::LookSoon() {
+  const std::lock_guard exchange(mExchangeMutex);
+  if (mPolling.nextLook) {
+    mPolling.nextLook = Clock::now();
+  }
+}
+
+/// Begins polling anew. A dead poll cannot be told from a live one by any command.
+void CNfcNetlink::LookAfterPolling() {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  try {
+    const std::lock_guard exchange(mExchangeMutex);
+    if (mPolling.wanted && mPolling.nextLook && !mStopFlag) {
+      mPolling.nextLook.reset();
+      mPolling.nextLook = Clock::now() + (RenewPolling() ? mSettings.watchPeriod : 0ms);
+    }
+  } catch (const CRfidError& e) {
+    LOG_ERROR("Could not renew polling. Error: {} rc: {}.", e.what(), e.GetErrorCode());
+    ReportFailure(e.what(), e.GetErrorCode());
+  }
+}
+
+/// False when the event of a find is still to be handled, which restarts polling.
+bool CNfcNetlink::RenewPolling() {
+  const bool wasPolling = SendStopPoll();
+  std::this_thread::sleep_for(RestPause);
+  if (!wasPolling && mEvents.HasEvents()) {
+    return false;
+  }
+  int result = SendStartPoll();
+  if (result == 0 && wasPolling) {
+    LOG_DEBUG("Polling renewed.");
+  } else if (result == 0) {
+    LOG_WARNING("Polling had ended unnoticed. Started it again.");
+  } else if (result != ENODEV) {
+    LOG_WARNING("Kernel and reader disagree about polling. Switching the reader off and on.");
+    for (const bool on : {false, true}) {
+      if (const int power = SetDevicePower(on); power != 0) {
+        throw CRfidError("Could not switch the reader off and on", power);
+      }
+    }
+    result = SendStartPoll();
+  }
+  if (result != 0) {
+    throw CRfidError("Error in SendAndReceiveMsgs within StartPolling", result);
+  }
+  mPolling.ours = true;
+  return true;
+}
+
+/// Tells the owner that no more tags will be read, unless the monitor is being stopped anyway.
+void CNfcNetlink::ReportFailure(const std::string& what, int code) const {
+  if (mStopFlag || !mErrorCallback) {
+    return;
+  }
+  try {
+    mErrorCallback(CRfidError(what, code));
+  } catch (const std::exception& e) {
+    LOG_ERROR("The error callback failed: {}", e.what());
+  } catch (...) {
+    LOG_ERROR("The error callback failed: unknown exception");
+  }
+}
+
+int CNfcNetlink::TargetsFound(nlmsghdr* event) {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  const std::lock_guard exchange(mExchangeMutex);  // a StartPolling that is under way is noted first
+  const auto device = DecodeDeviceIndex(event);
+  if (!device) {
+    return ENODEV;
+  }
+  if (*device == ReaderIndex) {  // a find ends the kernel's polling
+    mPolling.ours = false;
+    mPolling.nextLook.reset();
+  }
+  const auto request = BuildRequest(NfcRequests::GetTarget, mFamilyId, {{NFC_ATTR_DEVICE_INDEX, *device}});
+  if (!request.message) {
+    return request.code;
+  }
+  return SendAndReceiveMsg(
+      mCommandSocket.get(), request.message.get(),
+      [](nl_msg* target, void* self) { return static_cast<CNfcNetlink*>(self)->GetTargets(target); }, this);
+}
+
+int CNfcNetlink::GetTargets(nl_msg* msg) {
+  LOG_TRACE("{}::{}", ClassName, __func__);
+  const auto target = DecodeTarget(nlmsg_hdr(msg));
+  if (!target) {
+    LOG_ERROR("Skipping a malformed target.");
+    return NL_OK;
+  }
+  auto protocol = ProtocolToString(target->protocols);
+  if (target->uid.empty()) {
+    LOG_WARNING("Tag found with protocol {}, but no UID found. Continuing polling.", target->protocols);
+  }
+  mLastTarget = CToken{.uid = FormatUid(target->uid), .protocol = std::move(protocol)};
+  return NL_OK;
+}
+
+std::string CNfcNetlink::ProtocolToString(uint32_t protocols) const {
+  switch (protocols) {
+    case NFC_PROTO_MIFARE_MASK:
+      return "MIFARE";
+    case NFC_PROTO_FELICA_MASK:
+      return "FELICA";
+    case NFC_PROTO_ISO14443_MASK:
+      return "ISO14443-A";
+    case NFC_PROTO_NFC_DEP_MASK:
+      return "ISO-DEP";
+    case NFC_PROTO_ISO14443_B_MASK:
+      return "ISO14443-B";
+    case NFC_PROTO_ISO15693_MASK:
+      return "ISO15693";
+    default:
+      LOG_WARNING("Unsupported tag protocol: {}", protocols);
+      return "Unsupported protocol";
+  }
+}

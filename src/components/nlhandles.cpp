@@ -1,0 +1,23 @@
+#include "src/components/nlhandles.h"
+
+#include <deque>
+#include <mutex>
+
+namespace {
+
+/// As many as a busy hour of enabling and disabling leaves behind within the kernel's few milliseconds.
+constexpr size_t MostClosedSockets = 32;
+
+}  // namespace
+
+void CloseAndKeepPort(nl_sock* socket) {
+  using Closed = std::unique_ptr<nl_sock, NlRelease<nl_socket_free>>;
+  static std::mutex mutex;
+  static std::deque<Closed> sockets;  // port numbers are shared by the process, so these are, too
+  nl_close(socket);
+  const std::lock_guard lock(mutex);
+  sockets.emplace_back(socket);
+  if (sockets.size() > MostClosedSockets) {
+    sockets.pop_front();
+  }
+}
