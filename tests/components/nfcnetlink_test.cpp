@@ -519,7 +519,12 @@ TEST_F(NfcNetlink, ReadsEveryTechnology) {
   EXPECT_EQ(Tap(MakeRawTag(0x04, {{NFC_ATTR_TARGET_NFCID1, {1, 2, 3, 4}}})), "Unsupported protocol ");
 }
 
-TEST_F(NfcNetlink, OfSeveralTagsTheLastIsDelivered) {
+class NfcNetlinkChip : public NfcNetlink {
+ protected:
+  NfcNetlinkChip() : NfcNetlink({.kernel = {.stack = Stack::Nci}}) {}
+};
+
+TEST_F(NfcNetlinkChip, OfSeveralTagsTheLastIsDelivered) {
   Start();
   mKernel->PresentTags({Card, MakeTag(TagKind::Mifare, "11223344")});
   EXPECT_EQ(WaitFor(1).front(), "MIFARE 11223344");

@@ -22,7 +22,7 @@ constexpr size_t SpareThreads = 32;
 /// is when the leak checker reports, and when lines are counted.
 class DaemonTest : public ::testing::Test, public Station {
  protected:
-  DaemonTest() : Station("rfidd") {}
+  explicit DaemonTest(const virtualnfc::VirtualNfcSettings& settings = {}) : Station("rfidd", settings) {}
   ~DaemonTest() override;
   void TearDown() override;
 

@@ -12,8 +12,11 @@ using ::testing::Not;
 
 namespace {
 
+/// Only a reader whose chip does the protocol shows a signal that reaches a command.
 class Interruption : public DaemonTest {
  protected:
+  Interruption() : DaemonTest({.kernel = {.stack = Stack::Nci}}) {}
+
   /// With `inVain` the kernel does not let the daemon switch the reader off.
   void ExpectOrderlyEnd(bool inVain = false) {
     EXPECT_EQ(mDaemon->Wait().value_or("still running"), "exit 0");

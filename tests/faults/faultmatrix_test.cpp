@@ -311,7 +311,7 @@ TEST(Faults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
                    cell.mStation.Disable();
                  }},
            Event{"the chip stops polling", "unheard",
-                 [](Cell& cell) { cell.mStation.mKernel.MakeChipDisagree(); }},
+                 [](Cell& cell) { cell.mStation.mKernel.SetFault(Fault::OutOfStep); }},
        }) {
     SCOPED_TRACE(event.name);
     const Leftovers leftovers;

@@ -16,7 +16,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 using virtualnfc::Bytes;
+using virtualnfc::Fault;
 using virtualnfc::InProcessVirtualNfc;
+using virtualnfc::Stack;
 using virtualnfc::Status;
 using virtualnfc::VirtualNfcSettings;
 
@@ -188,6 +190,8 @@ TEST(VirtualNfcAnswers, RefuseRequestsThatLackSomething) {
   EXPECT_EQ(ask(NFC_CMD_GET_DEVICE, {{NFC_ATTR_DEVICE_INDEX, 3}}), ENODEV);
   client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}}, NLM_F_REQUEST | NLM_F_ACK, 999);
   EXPECT_EQ(client.LastError(), ENOENT);
+  EXPECT_EQ(ask(NFC_CMD_START_POLL, {{NFC_ATTR_DEVICE_INDEX, 0}, {NFC_ATTR_PROTOCOLS, 0x03}}), EINVAL)
+      << "nothing that this device can";
   // The initiator's protocols go first.
   EXPECT_EQ(ask(NFC_CMD_START_POLL,
                 {{NFC_ATTR_DEVICE_INDEX, 0}, {NFC_ATTR_PROTOCOLS, 0x04}, {NFC_ATTR_IM_PROTOCOLS, 0x80}}),
@@ -223,7 +227,7 @@ TEST(VirtualNfcAnswers, ListTheDevicesInTheOrderTheyCame) {
   EXPECT_EQ(dump[0].Command(), NFC_CMD_GET_DEVICE);
   EXPECT_THAT(dump[0].Attributes(), ElementsAre(9, 0, 2, 0, 'n', 'f', 'c', '0', 0, 0, 0, 0,  // name
                                                 8, 0, 1, 0, 0, 0, 0, 0,                      // index
-                                                8, 0, 3, 0, 0xde, 0, 0, 0,                   // protocols
+                                                8, 0, 3, 0, 0xfc, 0, 0, 0,                   // protocols
                                                 5, 0, 12, 0, 0, 0, 0, 0,                     // powered
                                                 5, 0, 11, 0, 2, 0, 0, 0));                   // RF mode
   EXPECT_EQ(dump[1].Attributes()[7], '3');
@@ -266,8 +270,18 @@ TEST(VirtualNfcDevice, ThatIsDownGoesAtOnceAndComesWithAnEvent) {
   EXPECT_EQ(client.Command(NFC_CMD_DEV_UP), 0);
 }
 
-TEST(VirtualNfcDevice, ThatPolledStaysListedForAWhileAfterItHasGone) {
+TEST(VirtualNfcDevice, ThatPolledStaysListedForAWhileAfterItHasGoneOnlyWithNci) {
+  {
+    InProcessVirtualNfc kernel;
+    const NfcClient owner;
+    ASSERT_TRUE(owner.Poll());
+    ASSERT_TRUE(kernel.Unplug());
+    EXPECT_THAT(owner.Dump(NFC_CMD_GET_DEVICE), SizeIs(1));
+    EXPECT_EQ(owner.Command(NFC_CMD_STOP_POLL), ENODEV);
+    EXPECT_EQ(owner.Dump(NFC_CMD_GET_TARGET, 0).at(0).Error(), ENODEV);
+  }
   VirtualNfcSettings settings;
+  settings.kernel.stack = Stack::Nci;
   settings.removedListing = std::chrono::milliseconds(1);
   {
     InProcessVirtualNfc kernel(settings);
@@ -310,11 +324,11 @@ TEST(VirtualNfcDevice, WithAnActiveTargetIsBusy) {
   InProcessVirtualNfc kernel;
   const NfcClient client;
   ASSERT_EQ(client.Command(NFC_CMD_DEV_UP), 0);
-  kernel.SetTargetActive(true);
+  kernel.SetFault(Fault::TargetActive);
   EXPECT_EQ(client.Command(NFC_CMD_START_POLL), EBUSY);
   EXPECT_EQ(client.Command(NFC_CMD_DEV_DOWN), EBUSY);
   EXPECT_EQ(client.Dump(NFC_CMD_GET_DEVICE).at(0).Attributes()[40], 0) << "initiator";
-  kernel.SetTargetActive(false);
+  kernel.SetFault(Fault::TargetActive, false);
   EXPECT_EQ(client.Command(NFC_CMD_START_POLL), 0);
 }
 

@@ -24,6 +24,7 @@ using testing::SizeIs;
 using virtualnfc::Bytes;
 using virtualnfc::InProcessVirtualNfc;
 using virtualnfc::MakeTag;
+using virtualnfc::Stack;
 using virtualnfc::Status;
 using virtualnfc::TagKind;
 using virtualnfc::UniqueFd;
@@ -163,9 +164,17 @@ TEST(VirtualNfcOwner, ThatClosesEndsItsPollALittleLater) {
 
 // --- a command that waits for its chip ---
 
+VirtualNfcSettings WithChip() {
+  VirtualNfcSettings settings = WithPromptRelease();
+  settings.kernel.stack = Stack::Nci;
+  settings.crossingWait = 1h;
+  settings.crossingPause = 1h;
+  return settings;
+}
+
 class VirtualNfcWaiting : public testing::Test {
  protected:
-  VirtualNfcWaiting() {
+  explicit VirtualNfcWaiting(const VirtualNfcSettings& settings = WithChip()) : mKernel(settings) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     action.sa_flags = SA_RESTART;
@@ -179,8 +188,9 @@ class VirtualNfcWaiting : public testing::Test {
 
   /// Begins a command on a thread of its own; it waits for its chip when this returns.
   void BeginWait(std::uint8_t command) {
+    const auto before = mKernel.GetStatus().Commands(command);
     mThread = std::thread([this, command] { mError = mWaiter.Command(command); });
-    ASSERT_TRUE(mKernel.WaitFor([](const Status& status) { return status.commandWaits; }));
+    ASSERT_TRUE(mKernel.WaitFor([&](const Status& status) { return status.Commands(command) > before; }));
   }
 
   /// A signal reaches the waiting thread. @returns what the command was answered then
@@ -194,7 +204,7 @@ class VirtualNfcWaiting : public testing::Test {
 
   static constexpr int kRestartSys = 512;
 
-  InProcessVirtualNfc mKernel{WithPromptRelease()};
+  InProcessVirtualNfc mKernel;
   const NfcClient mWaiter;
   const NfcClient mOther;
   const NfcClient mListener;
@@ -243,6 +253,60 @@ TEST_F(VirtualNfcWaiting, ToStopAPollSucceedsAtOnceAfterASignal) {
   BeginWait(NFC_CMD_STOP_POLL);
   EXPECT_EQ(EndWait(), 0);
   EXPECT_FALSE(mKernel.GetStatus().Device().polling);
+}
+
+TEST_F(VirtualNfcWaiting, ToStopAPollThatMeetsAFindEndsWithASignalAndTheFindIsDropped) {
+  ASSERT_TRUE(mWaiter.Poll());
+  mKernel.AddRule("STOP_POLL cross times=1");
+  BeginWait(NFC_CMD_STOP_POLL);
+  EXPECT_EQ(EndWait(), 0);
+  EXPECT_THAT(mListener.Received(), IsEmpty());
+  EXPECT_EQ(mOther.Command(NFC_CMD_GET_DEVICE), 0);
+  EXPECT_FALSE(mKernel.GetStatus().hung);
+}
+
+TEST_F(VirtualNfcWaiting, ForTheLockThatAFindAfterStopPollHoldsHangsEverybodyForGood) {
+  ASSERT_TRUE(mWaiter.Poll());
+  mKernel.AddRule("STOP_POLL cross times=1");
+  BeginWait(NFC_CMD_STOP_POLL);
+  EXPECT_EQ(EndWait(), 0);
+  BeginWait(NFC_CMD_DEV_DOWN);
+  auto other = std::async(std::launch::async, [this] { return mOther.Command(NFC_CMD_GET_DEVICE); });
+  EXPECT_TRUE(mKernel.WaitFor([](const Status& status) { return status.hung && status.queued == 1; }));
+  mKernel.Stop();
+  EXPECT_EQ(EndWait(), std::nullopt);
+  EXPECT_EQ(other.get(), std::nullopt);
+}
+
+class VirtualNfcPause : public VirtualNfcWaiting {
+ protected:
+  VirtualNfcPause()
+      : VirtualNfcWaiting({.kernel = {.stack = Stack::Nci}, .crossingWait = 1ms, .crossingPause = 1ms}) {}
+};
+
+TEST_F(VirtualNfcPause, AfterAStopThatMetAFindIsAllThatIsNeeded) {
+  ASSERT_TRUE(mWaiter.Poll());
+  mKernel.AddRule("STOP_POLL cross times=1");
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_STOP_POLL), 0);
+  std::this_thread::sleep_for(2ms);
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_DOWN), 0);
+  EXPECT_TRUE(mWaiter.Poll());
+}
+
+class VirtualNfcDigital : public VirtualNfcWaiting {
+ protected:
+  VirtualNfcDigital() : VirtualNfcWaiting(WithPromptRelease()) {}
+};
+
+TEST_F(VirtualNfcDigital, TakesNoSignalAndStopsAPollAtOnceWhateverItMeets) {
+  ASSERT_TRUE(mWaiter.Poll());
+  mKernel.AddRule("STOP_POLL cross delay=300 times=1");
+  BeginWait(NFC_CMD_STOP_POLL);
+  EXPECT_EQ(EndWait(), 0);
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_DOWN), 0);
+  mKernel.AddRule("DEV_UP delay=300 times=1");
+  BeginWait(NFC_CMD_DEV_UP);
+  EXPECT_EQ(EndWait(), 0);
 }
 
 TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceGoesMeanwhile) {

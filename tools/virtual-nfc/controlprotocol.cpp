@@ -72,11 +72,12 @@ std::string StatusAsJson(const Status& status) {
     one["name"] = device.name;
     one["powered"] = device.powered;
     one["polling"] = device.polling;
-    one["pollDead"] = device.pollDead;
     one["removed"] = device.removed;
     one["ownerPort"] = device.ownerPort;
     one["mask"] = device.mask;
     one["targetsFound"] = device.targetsFound;
+    one["faults"] = Json::arrayValue;
+    for (const Fault fault : device.faults) one["faults"].append(std::string(FaultName(fault)));
     json["devices"].append(std::move(one));
   }
   json["tags"] = Json::arrayValue;
@@ -86,6 +87,7 @@ std::string StatusAsJson(const Status& status) {
   json["commands"] = CountsAsJson(status.commands);
   json["events"] = CountsAsJson(status.events);
   json["commandWaits"] = status.commandWaits;
+  json["hung"] = status.hung;
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "";
   return Json::writeString(writer, json) + "\n";
@@ -96,16 +98,18 @@ std::string StatusAsText(const Status& status) {
   for (const DeviceStatus& device : status.devices) {
     text += fmt::format("device   {}{}, power {}, ", device.name, device.removed ? " (gone)" : "",
                         device.powered ? "on" : "off");
-    text += device.polling ? fmt::format("polling for {:#x} by port {}{}", device.mask, device.ownerPort,
-                                         device.pollDead ? ", deaf since an unknown tag" : "")
+    text += device.polling ? fmt::format("polling for {:#x} by port {}", device.mask, device.ownerPort)
                            : "not polling";
+    for (const Fault fault : device.faults) text += fmt::format(", {}", FaultName(fault));
     text += fmt::format(", {} tag(s) found\n", device.targetsFound);
   }
   if (status.devices.empty()) text += "device   none\n";
   text += fmt::format("tags     {}\n",
                       status.tags.empty() ? "none" : fmt::format("{}", fmt::join(status.tags, ", ")));
   text += fmt::format("sockets  {} open, {} listening to events{}\n", status.openSockets, status.listeners,
-                      status.commandWaits ? ", a command waits for the chip" : "");
+                      status.hung           ? ", the kernel hangs"
+                      : status.commandWaits ? ", a command waits for the chip"
+                                            : "");
   return text;
 }
 
@@ -113,7 +117,7 @@ std::string HandleTap(VirtualNfc& server, Words& words) {
   const TagKind kind = ParseTagKind(words.Next());
   const std::string_view uid = words.Next();
   if (uid.empty()) throw std::invalid_argument("tap needs a UID");
-  Tag tag = MakeTag(kind, uid);
+  Tag tag = MakeTag(kind, uid, server.Settings().kernel.stack);
   const std::uint32_t hold = NumberOr(words.Next(), 0, kMaxHoldMs, "the time to hold the tag");
   words.RequireEnd();
   const bool isPolling = server.GetStatus().Device().polling;
@@ -141,10 +145,25 @@ std::string HandleRule(VirtualNfc& server, Words& words) {
   return text;
 }
 
+std::string HandleFault(VirtualNfc& server, Words& words) {
+  const Fault fault = ParseFault(words.Next());
+  const std::string_view state = words.Next();
+  if (state != "on" && state != "off") {
+    throw std::invalid_argument(fmt::format("a fault is on or off, not '{}'", state));
+  }
+  const std::uint32_t index = NumberOr(words.Next(), 0, 255, "a device's number");
+  words.RequireEnd();
+  if (!server.SetFault(fault, state == "on", index)) {
+    throw std::invalid_argument(fmt::format("there is no device {}", index));
+  }
+  return "";
+}
+
 std::string HandleWords(VirtualNfc& server, Words& words) {
   const std::string_view command = words.Next();
   if (command == "tap") return HandleTap(server, words);
   if (command == "rule") return HandleRule(server, words);
+  if (command == "fault") return HandleFault(server, words);
   if (command == "remove") {
     words.RequireEnd();
     server.RemoveTags();

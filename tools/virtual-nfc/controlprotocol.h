@@ -4,6 +4,7 @@
 //   tap KIND UID [HOLD_MS]   puts a tag in front of the reader, for good or for that time
 //   remove                   takes all tags away
 //   plug [N] / unplug [N]    the device comes or goes
+//   fault NAME on|off [N]    what goes wrong with it without a word, see nfcdevice.h
 //   status / status json     what the server knows
 //   rule add RULE / rule list / rule clear
 //   record [N]               what happens from now on, see record.h; "done" ends it after N messages

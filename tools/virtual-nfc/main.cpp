@@ -169,6 +169,9 @@ int RunCommand(int argc, char** argv) {
   bool noDevice = false;
   CLI::App* serve = app.add_subcommand("serve", "be the kernel until SIGINT or SIGTERM");
   serve->add_flag("--no-device", noDevice, "begin without a reader");
+  serve->add_flag_callback(
+      "--nci", [&settings] { settings.kernel.stack = Stack::Nci; },
+      "a reader whose chip does the protocol; without, the kernel does it");
   serve->add_flag("--assume-ealready", settings.kernel.assumeAlready,
                   "answer EALREADY where the kernel says EBUSY to START_POLL and EINVAL to STOP_POLL");
   serve->callback([&] {
@@ -203,6 +206,15 @@ int RunCommand(int argc, char** argv) {
   plain("plug", "plug a reader in");
   plain("unplug", "pull the reader out");
 
+  std::string faultName;
+  bool isOff = false;
+  CLI::App* fault = app.add_subcommand("fault", "let something go wrong with the reader without a word");
+  fault->add_option("NAME", faultName)->required()->check(CLI::IsMember(FaultNames()));
+  fault->add_flag("--off", isOff, "it is over");
+  fault->callback([&] {
+    action = [&] { return Ask(address, fmt::format("fault {} {}", faultName, isOff ? "off" : "on")); };
+  });
+
   bool asJson = false;
   CLI::App* status = app.add_subcommand("status", "show the reader, the tags and who is connected");
   status->add_flag("--json", asJson, "for scripts");
@@ -218,7 +230,8 @@ int RunCommand(int argc, char** argv) {
       "and the\n"
       "events TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
       "Conditions: nth=N times=N port=N device=N\n"
-      "Actions: errno=E delay=MS unplug drop truncate=N garble[=long|short|missing|twice|nested] duplicate\n"
+      "Actions: errno=E delay=MS fault=NAME cross unplug drop truncate=N "
+      "garble[=long|short|missing|twice|nested] duplicate\n"
       "reverse no-done interrupted seq=N sender=N overrun close");
   add->add_option("RULE", spec)->required();
   add->callback(

@@ -1,8 +1,11 @@
 #include "nfcdevice.h"
 
+#include <fmt/format.h>
 #include <linux/nfc.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <stdexcept>
 
 namespace virtualnfc {
 
@@ -11,10 +14,42 @@ namespace {
 /// The kernel keeps no more targets of one find.
 constexpr std::size_t kMaxTargets = 10;
 
+/// Readers of the two kinds: the one knows no Jewel, the other no NFC-DEP.
+constexpr std::uint32_t kDigitalProtocols = 0xfc;
+constexpr std::uint32_t kNciProtocols = 0xde;
+
+/// In the order of Fault.
+constexpr std::string_view kFaultNames[] = {"poll-dead",  "deaf",    "out-of-step",
+                                            "chip-polls", "runaway", "target-active"};
+
 }  // namespace
 
-NfcDevice::NfcDevice(std::uint32_t index, std::uint32_t protocols, bool assumeAlready)
-    : mIndex(index), mProtocols(protocols), mAssumeAlready(assumeAlready) {}
+Fault ParseFault(std::string_view name) {
+  const auto* found = std::find(std::begin(kFaultNames), std::end(kFaultNames), name);
+  if (found == std::end(kFaultNames)) {
+    throw std::invalid_argument(
+        fmt::format("unknown fault '{}'; known are {}", name, fmt::join(kFaultNames, ", ")));
+  }
+  return static_cast<Fault>(found - std::begin(kFaultNames));
+}
+
+const std::vector<std::string>& FaultNames() {
+  static const std::vector<std::string> names(std::begin(kFaultNames), std::end(kFaultNames));
+  return names;
+}
+
+std::string_view FaultName(Fault fault) {
+  return kFaultNames[static_cast<std::size_t>(fault)];
+}
+
+NfcDevice::NfcDevice(std::uint32_t index, Stack stack, bool assumeAlready)
+    : mIndex(index), mStack(stack), mAssumeAlready(assumeAlready) {
+  static_assert(std::size(kFaultNames) == kFaults);
+}
+
+std::uint32_t NfcDevice::Protocols() const {
+  return mStack == Stack::Nci ? kNciProtocols : kDigitalProtocols;
+}
 
 int NfcDevice::PowerUp() {
   if (mRemoved) return ENODEV;
@@ -26,21 +61,23 @@ int NfcDevice::PowerUp() {
 int NfcDevice::PowerDown() {
   if (mRemoved) return ENODEV;
   if (!mPowered) return EALREADY;
-  if (mPolling || mTargetActive) return EBUSY;
+  if (mPolling || Has(Fault::TargetActive)) return EBUSY;
   mPowered = false;
-  mDisagrees = false;
+  SetFault(Fault::OutOfStep, false);
+  SetFault(Fault::ChipPolls, false);
   return 0;
 }
 
-int NfcDevice::CheckStartPoll() const {
+int NfcDevice::CheckStartPoll(std::uint32_t mask) const {
   if (mRemoved || !mPowered) return ENODEV;
   if (mPolling) return mAssumeAlready ? EALREADY : EBUSY;
-  if (mDisagrees || mTargetActive) return EBUSY;
-  return 0;
+  if (Has(Fault::TargetActive) || Has(Fault::OutOfStep) || Has(Fault::Runaway)) return EBUSY;
+  if (Has(Fault::ChipPolls)) return EALREADY;
+  return mStack == Stack::Nci || (mask & Protocols()) != 0 ? 0 : EINVAL;
 }
 
 int NfcDevice::StartPoll(std::uint32_t port, std::uint32_t mask) {
-  if (const int error = CheckStartPoll(); error != 0) return error;
+  if (const int error = CheckStartPoll(mask); error != 0) return error;
   mPolling = true;
   mOwnerPort = port;
   mMask = mask;
@@ -48,47 +85,73 @@ int NfcDevice::StartPoll(std::uint32_t port, std::uint32_t mask) {
   return 0;
 }
 
-int NfcDevice::StopPoll(std::uint32_t port) {
+int NfcDevice::CheckStopPoll(std::uint32_t port) const {
   if (!mPolling) return mAssumeAlready ? EALREADY : EINVAL;
   if (mOwnerPort != port) return EBUSY;
-  if (mRemoved) return ENODEV;
-  EndPoll();
-  return 0;
+  return mRemoved ? ENODEV : 0;
+}
+
+int NfcDevice::StopPoll(std::uint32_t port) {
+  const int error = CheckStopPoll(port);
+  if (error == 0) EndPoll();
+  return error;
 }
 
 void NfcDevice::PortClosed(std::uint32_t port) {
-  if (mPolling && mOwnerPort == port && !mRemoved) {
-    EndPoll();
-  }
+  if (CheckStopPoll(port) == 0) EndPoll();
 }
 
-void NfcDevice::Disagree() {
-  EndPoll();
-  mDisagrees = true;
+void NfcDevice::SetFault(Fault fault, bool on) {
+  const bool endsPoll = fault == Fault::OutOfStep || fault == Fault::ChipPolls || fault == Fault::Runaway;
+  if (on && endsPoll) EndPoll();
+  mFaults[static_cast<std::size_t>(fault)] = on && (mPolling || fault != Fault::PollDead);
 }
 
-NfcDevice::Detection NfcDevice::Detect(const std::vector<Tag>& field) {
-  if (!mPolling || mDeaf || mRemoved) return Detection::Nothing;
-  std::size_t seen = 0;
-  std::vector<Target> known;
-  for (const Tag& tag : field) {
-    if (!IsPolled(mMask, tag.radio)) continue;
-    ++seen;
-    if ((tag.protocols & mMask) != 0 && known.size() < kMaxTargets) {
-      known.push_back(Target{0, tag});
-    }
+std::vector<Fault> NfcDevice::Faults() const {
+  std::vector<Fault> all;
+  for (std::size_t i = 0; i < kFaults; ++i) {
+    if (mFaults[i]) all.push_back(static_cast<Fault>(i));
   }
-  if (seen == 0) return Detection::Nothing;
-  if (seen == 1 && known.empty()) {
-    mDeaf = true;
-    return Detection::PollDied;
+  return all;
+}
+
+/// Of the tags in front of it, those that the reader has a target for.
+std::vector<Tag> NfcDevice::KnownOf(std::vector<Tag> seen) const {
+  if (mStack == Stack::Nci) {
+    std::erase_if(seen, [this](const Tag& tag) { return (tag.protocols & mMask) == 0; });
+    seen.resize(std::min(seen.size(), kMaxTargets));
+    return seen;
   }
-  for (Target& target : known) {
-    target.index = mNextTarget++;
+  // One technology at a time, and two tags of the same answer at once, which nobody understands.
+  for (const Tag& tag : seen) {
+    const auto sameRadio = [&tag](const Tag& other) { return other.radio == tag.radio; };
+    if (tag.protocols != 0 && std::count_if(seen.begin(), seen.end(), sameRadio) == 1) return {tag};
   }
-  mTargets = std::move(known);
+  return {};
+}
+
+bool NfcDevice::Detect(const std::vector<Tag>& field) {
+  if (Has(Fault::Deaf) || mRemoved) return false;
+  if (Has(Fault::Runaway)) {
+    SetFault(Fault::Runaway, field.empty());
+    return false;
+  }
+  if (!mPolling || Has(Fault::PollDead)) return false;
+  const std::uint32_t mask = mStack == Stack::Nci ? mMask : mMask & Protocols();
+  std::vector<Tag> seen = field;
+  std::erase_if(seen, [mask](const Tag& tag) { return !IsPolled(mask, tag.radio); });
+  const std::size_t count = seen.size();
+  std::vector<Tag> known = KnownOf(std::move(seen));
+  if (known.empty() && (count < 2 || mStack == Stack::Digital)) {
+    SetFault(Fault::PollDead, count == 1 && mStack == Stack::Nci);
+    return false;
+  }
+  mTargets.clear();
+  for (Tag& tag : known) {
+    mTargets.push_back({mNextTarget++, std::move(tag)});
+  }
   EndPoll();
-  return Detection::Found;
+  return true;
 }
 
 void NfcDevice::Remove() {
@@ -97,12 +160,12 @@ void NfcDevice::Remove() {
 }
 
 std::uint8_t NfcDevice::RfMode() const {
-  return mTargetActive ? NFC_RF_INITIATOR : NFC_RF_NONE;
+  return Has(Fault::TargetActive) ? NFC_RF_INITIATOR : NFC_RF_NONE;
 }
 
 void NfcDevice::EndPoll() {
   mPolling = false;
-  mDeaf = false;
+  SetFault(Fault::PollDead, false);
   mOwnerPort = 0;
   mMask = 0;
 }

@@ -3,8 +3,11 @@
 // One NFC device as the kernel keeps it: power, polling and its owner, the last find. Pure state, no clock,
 // no sockets.
 
+#include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tag.h"
@@ -16,10 +19,38 @@ struct Target {
   Tag tag;
 };
 
+/// What goes wrong with a reader without an event and without an error.
+enum class Fault {
+  /// A transfer to the reader failed, or its chip has reset itself: the poll finds nothing any more.
+  /// START_POLL
+  /// answers EBUSY and STOP_POLL 0 as if it were alive; the next poll is. Changes nothing while nobody polls.
+  PollDead,
+  /// Nothing is found, whatever commands come and though they succeed, until this ends. The reader cannot be
+  /// configured; or, when it ends with the device only, its driver never completes a transfer.
+  Deaf,
+  /// Kernel and chip disagree whether it polls: START_POLL answers EBUSY and STOP_POLL EINVAL until the
+  /// device
+  /// is powered down. Nci.
+  OutOfStep,
+  /// The chip goes on polling after STOP_POLL: as OutOfStep, but START_POLL answers EALREADY. Nci.
+  ChipPolls,
+  /// A poll that the kernel knows nothing of: as OutOfStep, but powering down does not end it. The next tag
+  /// does, and is not reported. Digital.
+  Runaway,
+  /// Another program has activated a target: START_POLL and DEV_DOWN answer EBUSY until it lets it go.
+  TargetActive,
+};
+
+/// @throws std::invalid_argument naming the known ones
+Fault ParseFault(std::string_view name);
+std::string_view FaultName(Fault fault);
+const std::vector<std::string>& FaultNames();
+
 /// All operations answer as the kernel does: 0 or a positive errno.
 class NfcDevice {
  public:
-  NfcDevice(std::uint32_t index, std::uint32_t protocols, bool assumeAlready);
+  /// @param assumeAlready START_POLL while polling and STOP_POLL while not polling answer EALREADY
+  NfcDevice(std::uint32_t index, Stack stack, bool assumeAlready);
 
   int PowerUp();
   int PowerDown();
@@ -27,33 +58,30 @@ class NfcDevice {
   int StartPoll(std::uint32_t port, std::uint32_t mask);
   int StopPoll(std::uint32_t port);
 
-  /// What StartPoll would answer, without doing it.
-  int CheckStartPoll() const;
+  /// What StartPoll and StopPoll would answer, without doing it.
+  int CheckStartPoll(std::uint32_t mask) const;
+  int CheckStopPoll(std::uint32_t port) const;
 
   /// The owner's socket is gone: the kernel ends its poll.
   void PortClosed(std::uint32_t port);
 
-  /// Kernel and chip disagree whether it is polling: START_POLL answers EBUSY and STOP_POLL EINVAL until the
-  /// device is powered down.
-  void Disagree();
+  void SetFault(Fault fault, bool on = true);
+  bool Has(Fault fault) const { return mFaults[static_cast<std::size_t>(fault)]; }
+  std::vector<Fault> Faults() const;
 
-  /// Another program has activated a target, or let it go.
-  void SetTargetActive(bool active) { mTargetActive = active; }
+  /// The reader looks at what lies in its field. With Nci, a single tag without a known protocol kills the
+  /// poll. @returns whether targets were found, which ends the poll
+  bool Detect(const std::vector<Tag>& field);
 
-  enum class Detection { Nothing, PollDied, Found };
-  /// The chip looks at what lies in its field. A single tag it has no protocol for kills the poll: it goes on
-  /// by the kernel's books, and finds nothing any more.
-  Detection Detect(const std::vector<Tag>& field);
-
-  /// The device has gone. A powered one stays listed for a while, until its owner forgets it.
+  /// The device has gone. One that stays listed for a while goes on answering, until its owner forgets it.
   void Remove();
 
   std::uint32_t Index() const { return mIndex; }
   std::string Name() const { return "nfc" + std::to_string(mIndex); }
-  std::uint32_t Protocols() const { return mProtocols; }
+  /// What it can, as in its GET_DEVICE answer.
+  std::uint32_t Protocols() const;
   bool IsPowered() const { return mPowered; }
   bool IsPolling() const { return mPolling; }
-  bool IsPollDead() const { return mDeaf; }
   bool IsRemoved() const { return mRemoved; }
   std::uint32_t OwnerPort() const { return mOwnerPort; }
   std::uint32_t Mask() const { return mMask; }
@@ -66,16 +94,17 @@ class NfcDevice {
 
  private:
   void EndPoll();
+  std::vector<Tag> KnownOf(std::vector<Tag> seen) const;
+
+  static constexpr std::size_t kFaults = 6;
 
   const std::uint32_t mIndex;
-  const std::uint32_t mProtocols;
+  const Stack mStack;
   const bool mAssumeAlready;
   bool mPowered = false;
   bool mPolling = false;
-  bool mDeaf = false;
-  bool mDisagrees = false;
-  bool mTargetActive = false;
   bool mRemoved = false;
+  std::array<bool, kFaults> mFaults{};
   std::uint32_t mOwnerPort = 0;
   std::uint32_t mMask = 0;
   std::uint32_t mPollId = 0;

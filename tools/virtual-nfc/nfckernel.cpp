@@ -265,8 +265,8 @@ int NfcKernel::Execute(const Request& request, std::uint32_t port, Result& resul
 }
 
 int NfcKernel::ErrorOfVanishedChip(const Request& request, bool begunWithDevice) {
-  if (!begunWithDevice || !NeedsChip(request)) return 0;
-  const NfcDevice* device = FindDevice(GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX).value_or(0));
+  if (!begunWithDevice || !NeedsChip(request) || mSettings.stack != Stack::Nci) return 0;
+  const NfcDevice* device = DeviceOf(request);
   return device == nullptr || device->IsRemoved() ? ETIMEDOUT : 0;
 }
 
@@ -275,19 +275,30 @@ bool NfcKernel::NeedsChip(const Request& request) {
          (request.genl.cmd == NFC_CMD_DEV_UP || request.genl.cmd == NFC_CMD_START_POLL);
 }
 
-bool NfcKernel::IsInterruptible(const Request& request) {
+bool NfcKernel::UsesDevice(const Request& request) {
   return NeedsChip(request) ||
          (request.header.nlmsg_type != GENL_ID_CTRL &&
           (request.genl.cmd == NFC_CMD_DEV_DOWN || request.genl.cmd == NFC_CMD_STOP_POLL));
 }
 
+bool NfcKernel::IsInterruptible(const Request& request) const {
+  return mSettings.stack == Stack::Nci && UsesDevice(request);
+}
+
+bool NfcKernel::CanCross(const Request& request, std::uint32_t port) {
+  const NfcDevice* device = DeviceOf(request);
+  return mSettings.stack == Stack::Nci && request.header.nlmsg_type != GENL_ID_CTRL &&
+         request.genl.cmd == NFC_CMD_STOP_POLL && device != nullptr && device->CheckStopPoll(port) == 0;
+}
+
 NfcKernel::Result NfcKernel::Interrupt(const Request& request, std::uint32_t port) {
-  NfcDevice* device = FindDevice(GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX).value_or(0));
+  NfcDevice* device = DeviceOf(request);
   if (device == nullptr || !NeedsChip(request) || !mSettings.privileged) return Handle(request, port);
   if (request.genl.cmd == NFC_CMD_START_POLL) {
-    if (MaskOf(request) == 0 || device->CheckStartPoll() != 0) return Handle(request, port);
+    const std::uint32_t mask = MaskOf(request);
+    if (mask == 0 || device->CheckStartPoll(mask) != 0) return Handle(request, port);
     // The chip polls and the kernel does not know.
-    device->Disagree();
+    device->SetFault(Fault::OutOfStep);
   } else if (device->IsPowered() || device->IsRemoved()) {
     return Handle(request, port);
   }
@@ -305,7 +316,7 @@ void NfcKernel::PutDevice(MessageBuilder& message, const NfcDevice& device) cons
 // --- devices and events ---
 
 NfcDevice& NfcKernel::AddDevice(std::uint32_t index) {
-  mDevices.push_back(std::make_unique<NfcDevice>(index, mSettings.deviceProtocols, mSettings.assumeAlready));
+  mDevices.push_back(std::make_unique<NfcDevice>(index, mSettings.stack, mSettings.assumeAlready));
   return *mDevices.back();
 }
 
@@ -318,6 +329,11 @@ NfcDevice* NfcKernel::FindDevice(std::uint32_t index) {
     if (device->Index() == index) return device.get();
   }
   return nullptr;
+}
+
+NfcDevice* NfcKernel::DeviceOf(const Request& request) {
+  const auto index = GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX);
+  return index ? FindDevice(*index) : nullptr;
 }
 
 MessageBuilder NfcKernel::Event(std::uint8_t command) const {

@@ -16,6 +16,7 @@
 namespace virtualnfc {
 
 struct KernelSettings {
+  Stack stack = Stack::Digital;
   /// Given out by a kernel at run time, so another one has other numbers.
   std::uint16_t familyId = 20;
   std::uint32_t groupId = 3;
@@ -24,8 +25,6 @@ struct KernelSettings {
   bool hasFamily = true;
   /// False: joining the events group takes a privilege that the programs do not have (EPERM).
   bool admitsListeners = true;
-  /// What a device can, as in its GET_DEVICE answer.
-  std::uint32_t deviceProtocols = 0xde;
   /// False: the programs have no CAP_NET_ADMIN, and may not switch power or polling.
   bool privileged = true;
   /// START_POLL while polling and STOP_POLL while not polling answer EALREADY, which this kernel does not do.
@@ -67,11 +66,17 @@ class NfcKernel {
 
   /// DEV_UP and START_POLL: nothing comes of them without an answer of the chip.
   static bool NeedsChip(const Request& request);
-  /// Whether a signal ends the wait for this command's chip. The others wait for something else, and go on.
-  static bool IsInterruptible(const Request& request);
+  /// DEV_UP, DEV_DOWN, START_POLL and STOP_POLL.
+  static bool UsesDevice(const Request& request);
+  /// Whether a signal ends the wait for this command's chip. The others wait for something else, and go on;
+  /// with Digital all do.
+  bool IsInterruptible(const Request& request) const;
 
   /// A signal has ended the wait for the chip.
   Result Interrupt(const Request& request, std::uint32_t port);
+
+  /// Whether a tag that is found in this moment holds the command up: a STOP_POLL that ends a poll, with Nci.
+  bool CanCross(const Request& request, std::uint32_t port);
 
   /// A new device, with the given number.
   NfcDevice& AddDevice(std::uint32_t index);
@@ -91,6 +96,8 @@ class NfcKernel {
   Result Acknowledge(const Request& request, std::uint32_t port, int error, Result result) const;
   Result HandleDump(const Request& request, std::uint32_t port);
   int Execute(const Request& request, std::uint32_t port, Result& result);
+  /// The device that the request is about; null when it names none, or one that is not there.
+  NfcDevice* DeviceOf(const Request& request);
   void PutDevice(MessageBuilder& message, const NfcDevice& device) const;
   Bytes FamilyMessage(const Request& request, std::uint16_t flags, std::uint32_t port,
                       std::uint16_t familyId) const;

@@ -101,6 +101,7 @@ void CheckReaderWords(const std::vector<std::string_view>& words) {
       return port.starts_with('#') ? std::string(port.substr(1)) : std::string(port);
     }));
   } else if (!(is(1, "remove") || (is(2, "rule") && words[1] == "clear") ||
+               (is(4, "fault") && (words[2] == "on" || words[2] == "off") && ParseUnsigned(words[3], 255)) ||
                ((is(2, "plug") || is(2, "unplug")) && ParseUnsigned(words[1], 255)))) {
     throw std::invalid_argument(
         fmt::format("'{}' is nothing that happens at a reader", fmt::join(words, " ")));

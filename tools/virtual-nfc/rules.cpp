@@ -129,6 +129,9 @@ bool ParseWord(std::string_view word, Rule& rule) {
   if (word == "unplug") {
     return rule.unplug = true;
   }
+  if (word == "cross") {
+    return rule.cross = true;
+  }
   for (const PlainChange& plain : kPlainChanges) {
     if (word == plain.word) {
       rule.changes.push_back({plain.kind});
@@ -145,6 +148,8 @@ bool ParseWord(std::string_view word, Rule& rule) {
     rule.device = ParseNumber(word, value);
   } else if (key == "errno") {
     rule.error = ParseErrno(word, value);
+  } else if (key == "fault") {
+    rule.fault = ParseFault(value);
   } else if (key == "delay") {
     rule.delay = std::chrono::milliseconds(ParseNumber(word, value, kMaxDelayMs));
   } else if (key == "truncate") {
@@ -273,14 +278,15 @@ Rule ParseRule(std::string_view text) {
       throw std::invalid_argument(fmt::format("'{}' is neither a condition nor an action", words[i]));
     }
   }
-  if (!rule.error && rule.delay.count() == 0 && !rule.unplug && rule.changes.empty()) {
+  if (!rule.error && !rule.fault && rule.delay.count() == 0 && !rule.unplug && !rule.cross &&
+      rule.changes.empty()) {
     throw std::invalid_argument("the rule has no action");
   }
   const bool forEvent =
       rule.family == Occurrence::Family::Nfc && rule.command && IsEventNumber(*rule.command);
-  if (forEvent && (rule.error || rule.delay.count() != 0 || rule.unplug ||
+  if (forEvent && (rule.error || rule.delay.count() != 0 || rule.cross || rule.unplug ||
                    HasChange(rule, ChangeKind::NoDone) || HasChange(rule, ChangeKind::Interrupted))) {
-    throw std::invalid_argument("an event knows no errno, delay, unplug, no-done or interrupted");
+    throw std::invalid_argument("an event knows no errno, delay, cross, unplug, no-done or interrupted");
   }
   return rule;
 }

@@ -11,6 +11,12 @@
 //               device=N   only for the device with this number
 //   actions     errno=E    answer this error (EBUSY or 16) instead of carrying the command out
 //               delay=MS   the command waits that long for its chip, and so do all other commands
+//               fault=F    afterwards the device has this fault, as if it had been set (nfcdevice.h). So
+//                          "START_POLL fault=poll-dead" begins a poll whose first frame fails, and "STOP_POLL
+//                          fault=chip-polls" is a chip that does not stop
+//               cross      a tag is found in the moment of STOP_POLL (Nci): the command takes 30 s or until a
+//                          signal, then answers 0, and the find is dropped. A command for a device within
+//                          250 ms after it hangs, with all that follow, until the server ends
 //               unplug     the device goes while the command is under way; the first one when it names none
 //               drop       no answer
 //               truncate=N the first message of the answer ends after N bytes
@@ -26,8 +32,8 @@
 //               sender=N   the answer comes from this port, as if another process had sent it
 //               overrun    no answer, and the socket has lost messages: its next receive fails (ENOBUFS)
 //               close      no answer, and the socket is closed: whatever it is used for fails (EBADF)
-// Events know no errno, delay, unplug, no-done and interrupted; overrun and close hit the sockets of all
-// listeners.
+// Events know no errno, delay, cross, unplug, no-done and interrupted; overrun and close hit the sockets of
+// all listeners.
 
 #include <chrono>
 #include <cstdint>
@@ -37,6 +43,7 @@
 #include <vector>
 
 #include "genlmessage.h"
+#include "nfcdevice.h"
 
 namespace virtualnfc {
 
@@ -95,6 +102,8 @@ struct Rule {
 
   std::optional<int> error;
   std::chrono::milliseconds delay{0};
+  std::optional<Fault> fault;
+  bool cross = false;
   bool unplug = false;
   std::vector<Change> changes;
 };

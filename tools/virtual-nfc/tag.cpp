@@ -25,6 +25,7 @@ constexpr KindInfo kKinds[] = {
     {"nfc-dep", TagKind::NfcDep, Radio::A, NFC_PROTO_NFC_DEP_MASK, 0x40},
     {"iso14443b", TagKind::Iso14443B, Radio::B, NFC_PROTO_ISO14443_B_MASK, 0x00},
     {"iso15693", TagKind::Iso15693, Radio::V, NFC_PROTO_ISO15693_MASK, 0x00},
+    {"foreign", TagKind::Foreign, Radio::A, 0, 0x08},
 };
 
 const KindInfo& InfoOf(TagKind kind) {
@@ -89,7 +90,7 @@ Bytes ParseHex(std::string_view text) {
   return bytes;
 }
 
-Tag MakeTag(TagKind kind, std::string_view uid) {
+Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
   const KindInfo& info = InfoOf(kind);
   Bytes bytes = ParseHex(uid);
   Tag tag{std::string(uid), info.radio, info.protocols, {}, fmt::format("{} {}", info.name, uid)};
@@ -110,12 +111,17 @@ Tag MakeTag(TagKind kind, std::string_view uid) {
       if (bytes.size() == 4) {
         bytes = Completed(std::move(bytes), {0x00, 0x00, 0x00, 0x00, 0x00, 0x71, 0x71});
       }
-      tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSB_RES, std::move(bytes));
+      if (stack == Stack::Nci) tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSB_RES, std::move(bytes));
       break;
     case Radio::F:
-      RequireLength(info, bytes, {8, 16, 18});
+      RequireLength(info, bytes, {8, std::size_t{stack == Stack::Nci ? 16U : 17U}, 18});
       if (bytes.size() == 8) {
         bytes = Completed(std::move(bytes), {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4E, 0xFF, 0x12, 0xFC});
+        if (stack == Stack::Digital) {
+          // The response code comes first, and the last byte of the system code does not fit.
+          bytes.insert(bytes.begin(), 0x01);
+          bytes.pop_back();
+        }
       }
       tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSF_RES, std::move(bytes));
       break;

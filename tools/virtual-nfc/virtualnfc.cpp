@@ -8,15 +8,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <stdexcept>
 #include <utility>
 
 namespace virtualnfc {
 
 namespace {
-
-constexpr std::size_t kHistoryLength = 1000;
 
 std::string OwnAddress() {
   static std::atomic<unsigned> counter{0};
@@ -48,17 +45,21 @@ VirtualNfc::VirtualNfc(VirtualNfcSettings settings, std::string address)
   });
 }
 
-VirtualNfc::~VirtualNfc() {
+void VirtualNfc::Stop() {
   {
     const std::lock_guard lock(mMutex);
     mStop = true;
     Wake();
   }
-  mThread.join();
+  if (mThread.joinable()) {
+    mThread.join();
+  }
+  const std::lock_guard lock(mMutex);
   for (const auto& [id, socket] : mConnections) {
     // Nobody shall wait for events that cannot come any more.
     socket->MarkOverrun();
   }
+  mConnections.clear();
 }
 
 // --- what tests and tools ask for ---
@@ -139,24 +140,20 @@ void VirtualNfc::ClearRules() {
   TellOfReader("rule clear");
 }
 
-bool VirtualNfc::MakeChipDisagree(std::uint32_t index) {
+bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
   const std::lock_guard lock(mMutex);
   if (!IsDeviceThere(index)) {
     return false;
   }
-  mKernel.FindDevice(index)->Disagree();
+  TellOfReader(fmt::format("fault {} {} {}", FaultName(fault), on ? "on" : "off", index));
+  ChangeFault(index, fault, on);
   Changed();
   return true;
 }
 
-bool VirtualNfc::SetTargetActive(bool active, std::uint32_t index) {
-  const std::lock_guard lock(mMutex);
-  if (!IsDeviceThere(index)) {
-    return false;
-  }
-  mKernel.FindDevice(index)->SetTargetActive(active);
-  Changed();
-  return true;
+void VirtualNfc::ChangeFault(std::uint32_t index, Fault fault, bool on) {
+  mKernel.FindDevice(index)->SetFault(fault, on);
+  ScheduleDetection(index, Timers::Clock::now());
 }
 
 void VirtualNfc::OverrunEvents() {
@@ -197,8 +194,8 @@ Status VirtualNfc::MakeStatus() const {
   Status status;
   for (const auto& device : mKernel.Devices()) {
     status.devices.push_back({device->Index(), device->Name(), device->IsPowered(), device->IsPolling(),
-                              device->IsPollDead(), device->IsRemoved(), device->OwnerPort(), device->Mask(),
-                              device->TargetsCounted()});
+                              device->IsRemoved(), device->OwnerPort(), device->Mask(),
+                              device->TargetsCounted(), device->Faults()});
   }
   for (const Tag& tag : mField) {
     status.tags.push_back(tag.label);
@@ -211,6 +208,7 @@ Status VirtualNfc::MakeStatus() const {
   status.events = mEvents;
   status.commandWaits = mWaiting.has_value();
   status.queued = mWork.size();
+  status.hung = mHung;
   return status;
 }
 
@@ -256,7 +254,7 @@ std::uint32_t VirtualNfc::LowestFreeNumber() const {
 
 void VirtualNfc::RemoveDevice(std::uint32_t index) {
   NfcDevice* device = mKernel.FindDevice(index);
-  const bool staysListed = device->IsPowered();
+  const bool staysListed = device->IsPowered() && mSettings.kernel.stack == Stack::Nci;
   device->Remove();
   SendEvent(mKernel.DeviceRemovedEvent(index));
   const auto forget = [this, index] {
@@ -273,13 +271,12 @@ void VirtualNfc::RemoveDevice(std::uint32_t index) {
 
 void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now) {
   const NfcDevice* polling = mKernel.FindDevice(index);
-  if (mField.empty() || !polling->IsPolling()) {
+  if (mField.empty() || !(polling->IsPolling() || polling->Has(Fault::Runaway))) {
     return;
   }
   mTimers.At(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
     NfcDevice* device = mKernel.FindDevice(index);
-    if (device != nullptr && device->PollId() == poll &&
-        device->Detect(mField) == NfcDevice::Detection::Found) {
+    if (device != nullptr && device->PollId() == poll && device->Detect(mField)) {
       SendEvent(mKernel.TargetsFoundEvent(index));
     }
   });
@@ -296,6 +293,9 @@ void VirtualNfc::SendEvent(Bytes message) {
   Answer answer{{std::move(message)}, 0};
   if (const auto rule = mRules.Match(occurrence)) {
     ApplyChanges(rule->changes, answer);
+    if (rule->fault && occurrence.device && IsDeviceThere(*occurrence.device)) {
+      ChangeFault(*occurrence.device, *rule->fault, true);
+    }
   }
   for (const Bytes& one : answer.messages) {
     Multicast(answer.sender, one);
@@ -331,92 +331,6 @@ void VirtualNfc::Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t g
   const bool fits = mConnections.at(id)->Deliver(sender, groups, datagram);
   for (NetlinkObserver* observer : mObservers) {
     observer->OnDelivered(id, sender, groups, datagram, !fits);
-  }
-}
-
-// --- commands ---
-
-void VirtualNfc::WorkOff() {
-  while (!mWaiting && !mWork.empty()) {
-    Work work = std::move(mWork.front());
-    mWork.pop_front();
-    Begin(std::move(work));
-  }
-}
-
-void VirtualNfc::Begin(Work work) {
-  const auto connection = mConnections.find(work.connection);
-  if (connection == mConnections.end()) {
-    return;
-  }
-  Request request = ParseRequest(work.message);
-  const auto occurrence = mKernel.Classify(request, connection->second->port);
-  Rule rule;
-  std::optional<std::uint32_t> device;
-  if (occurrence) {
-    rule = mRules.Match(*occurrence).value_or(Rule{});
-    if (occurrence->family == Occurrence::Family::Nfc) {
-      ++mCommands[occurrence->command];
-      device = DeviceOf(*occurrence);
-    }
-  }
-  if (rule.unplug && device && NfcKernel::NeedsChip(request)) {
-    RemoveDevice(*device);
-  }
-  mWaiting = Waiting{std::move(work), std::move(request), std::move(rule), device, mNextWaiting++};
-  if (mWaiting->rule.delay.count() == 0) {
-    FinishWaiting(false);
-    return;
-  }
-  mTimers.After(mWaiting->rule.delay, [this, id = mWaiting->id] {
-    if (mWaiting && mWaiting->id == id) {
-      FinishWaiting(false);
-    }
-  });
-}
-
-void VirtualNfc::FinishWaiting(bool interrupted) {
-  const Waiting waiting = std::move(*mWaiting);
-  mWaiting.reset();
-  const auto asker = mConnections.find(waiting.work.connection);
-  const std::uint32_t port = asker == mConnections.end() ? 0 : asker->second->port;
-  const Request& request = waiting.request;
-  const int vanished = mKernel.ErrorOfVanishedChip(request, waiting.device.has_value());
-
-  NfcKernel::Result result = interrupted          ? mKernel.Interrupt(request, port)
-                             : waiting.rule.error ? mKernel.Refuse(request, port, *waiting.rule.error)
-                             : vanished != 0      ? mKernel.Refuse(request, port, vanished)
-                                                  : mKernel.Handle(request, port);
-  const auto occurrence = mKernel.Classify(request, port);
-  if (occurrence && occurrence->family == Occurrence::Family::Nfc) {
-    mHistory.push_back({occurrence->command, port, result.error});
-    if (mHistory.size() > kHistoryLength) {
-      mHistory.pop_front();
-    }
-    if (waiting.rule.unplug && waiting.device && IsDeviceThere(*waiting.device)) {
-      RemoveDevice(*waiting.device);
-    }
-  }
-  if (result.startedPoll) {
-    ScheduleDetection(*result.startedPoll, Timers::Clock::now());
-  }
-  // An event that this brought about may have closed it.
-  const auto connection = mConnections.find(waiting.work.connection);
-  if (connection == mConnections.end()) {
-    return;
-  }
-  ApplyChanges(waiting.rule.changes, result.answer);
-  for (const Bytes& datagram : PackDatagrams(result.answer.messages)) {
-    Deliver(connection->first, result.answer.sender, 0, datagram);
-  }
-  if (waiting.work.isLast) {
-    connection->second->Reply(0);
-  }
-  if (result.answer.overruns) {
-    connection->second->MarkOverrun();
-  }
-  if (result.answer.closes) {
-    BreakConnection(waiting.work.connection);
   }
 }
 

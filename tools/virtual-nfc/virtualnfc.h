@@ -4,6 +4,7 @@
 // front of them, for programs whose netlink sockets the interposer has turned into connections to this
 // server.
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <condition_variable>
@@ -37,10 +38,13 @@ struct VirtualNfcSettings {
   std::chrono::milliseconds detectionDelay{20};
   /// From the close of the socket that owns the poll until the poll ends; 0 ends it with the close.
   std::chrono::milliseconds ownerReleaseDelay{5};
-  /// How long a powered device stays listed after it has gone.
+  /// How long a powered device stays listed after it has gone; with Digital none does.
   std::chrono::milliseconds removedListing{5000};
   /// How long the number of a device stays taken after that.
   std::chrono::milliseconds numberRelease{20};
+  /// How long a STOP_POLL waits that meets a find, and how long nothing may be sent to the device after it.
+  std::chrono::milliseconds crossingWait{30000};
+  std::chrono::milliseconds crossingPause{250};
 };
 
 struct DeviceStatus {
@@ -48,14 +52,15 @@ struct DeviceStatus {
   std::string name;
   bool powered = false;
   bool polling = false;
-  /// An unknown tag has killed the poll: it goes on and finds nothing.
-  bool pollDead = false;
   /// Gone, and still listed.
   bool removed = false;
   std::uint32_t ownerPort = 0;
   std::uint32_t mask = 0;
   /// Targets found since the device came.
   std::uint32_t targetsFound = 0;
+  std::vector<Fault> faults;
+
+  bool Has(Fault fault) const { return std::find(faults.begin(), faults.end(), fault) != faults.end(); }
 };
 
 struct Status {
@@ -73,6 +78,8 @@ struct Status {
   bool commandWaits = false;
   /// Messages whose senders wait behind it.
   std::size_t queued = 0;
+  /// A command came too early after a STOP_POLL that met a find: no command is answered any more.
+  bool hung = false;
 
   /// The device that was there first and is there still; one that is nowhere (no power, no poll) when none
   /// is.
@@ -97,10 +104,12 @@ class VirtualNfc {
   /// abstract name of its own
   /// @throws std::runtime_error when it cannot listen there
   explicit VirtualNfc(VirtualNfcSettings settings = {}, std::string address = {});
-  /// Ends all connections. Programs that wait for an answer get an error.
-  ~VirtualNfc();
+  ~VirtualNfc() { Stop(); }
   VirtualNfc(const VirtualNfc&) = delete;
   VirtualNfc& operator=(const VirtualNfc&) = delete;
+
+  /// Ends all connections, for good. Programs that wait for an answer get an error. For one caller at a time.
+  void Stop();
 
   const std::string& Address() const { return mListener.Address(); }
   const VirtualNfcSettings& Settings() const { return mSettings; }
@@ -124,11 +133,10 @@ class VirtualNfc {
   std::vector<RuleStatus> ListRules() const;
   void ClearRules();
 
-  /// Kernel and chip disagree whether it polls: START_POLL answers EBUSY until the device has been powered
-  /// down.
-  bool MakeChipDisagree(std::uint32_t index = 0);
-  /// Another program has activated a target of this device, or let it go.
-  bool SetTargetActive(bool active, std::uint32_t index = 0);
+  /// The device has this fault from now on, or no more. @returns false when there is no such device
+  bool SetFault(Fault fault, bool on = true, std::uint32_t index = 0);
+  /// A transfer to the reader fails, once: its poll is dead.
+  bool KillPoll(std::uint32_t index = 0) { return SetFault(Fault::PollDead, true, index); }
 
   /// All listeners have lost events: their next receive call fails with ENOBUFS.
   void OverrunEvents();
@@ -161,6 +169,8 @@ class VirtualNfc {
     Work work;
     Request request;
     Rule rule;
+    /// A find holds it up.
+    bool crosses = false;
     /// The device that was there when it began: the one it names, or the first.
     std::optional<std::uint32_t> device;
     std::uint64_t id = 0;
@@ -188,6 +198,7 @@ class VirtualNfc {
   void RemoveDevice(std::uint32_t index);
   void ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now);
   void PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now);
+  void ChangeFault(std::uint32_t index, Fault fault, bool on);
   bool IsDeviceThere(std::uint32_t index);
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
   std::uint32_t LowestFreeNumber() const;
@@ -221,6 +232,10 @@ class VirtualNfc {
   std::deque<Work> mWork;
   std::optional<Waiting> mWaiting;
   std::uint64_t mNextWaiting = 1;
+  /// Until then a find waits for the device's lock, and a command that takes it first waits for ever.
+  std::optional<Timers::Clock::time_point> mFindWaitsUntil;
+  /// mWaiting is never finished.
+  bool mHung = false;
   std::deque<CommandRecord> mHistory;
   std::array<std::uint32_t, 256> mCommands{};
   std::array<std::uint32_t, 256> mEvents{};

@@ -153,7 +153,8 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
       return;
     case wire::Operation::Interrupt:
       TellOfSocket(id, SocketChange::Interrupted);
-      if (mWaiting && mWaiting->work.connection == id && NfcKernel::IsInterruptible(mWaiting->request)) {
+      if (mWaiting && mWaiting->work.connection == id && !mHung &&
+          mKernel.IsInterruptible(mWaiting->request)) {
         FinishWaiting(true);
       }
       return;
@@ -185,7 +186,7 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
     return;
   }
   const std::uint32_t port = mConnections.at(id)->port;
-  if (mWaiting && mWaiting->work.connection == id && NfcKernel::IsInterruptible(mWaiting->request)) {
+  if (mWaiting && mWaiting->work.connection == id && !mHung && mKernel.IsInterruptible(mWaiting->request)) {
     // The process was killed while its command waited: for the kernel that is a signal as any other.
     TellOfSocket(id, SocketChange::Interrupted);
     FinishWaiting(true);
