@@ -122,7 +122,8 @@ void CNfcNetlink::CloseEarlierController() {
     // Closing the socket alone would end polling too, but some moments later, so that the next start could
     // find it still on.
     try {
-      LOG_DEBUG("Earlier polling: {}.", SendStopPoll() ? "stopped" : "there was none");
+      const bool wasPolling = SendStopPoll();
+      LOG_DEBUG("Earlier polling: {}.", wasPolling ? "stopped" : "there was none");
     } catch (const CRfidError& e) {
       LOG_DEBUG("Could not stop the earlier polling: {} rc: {}.", e.what(), e.GetErrorCode());
     }
@@ -208,7 +209,7 @@ void CNfcNetlink::DeinitializeController() {
   LOG_DEBUG("Event monitor stopped.");
   const std::lock_guard exchange(mExchangeMutex);
   SwitchOff();
-  mPolling = {};
+  mPolling = {.mayBePowered = mPolling.mayBePowered};  // what failed now is tried again at the end
   if (mCommandSocket) {
     LOG_TRACE("Freeing NFC command socket");
     mCommandSocket.reset();
@@ -226,13 +227,16 @@ void CNfcNetlink::DeinitializeController() {
 /// Leaves the reader without power and polling, whatever happened before. Best effort: after this there is
 /// nobody to tell.
 void CNfcNetlink::SwitchOff() {
-  if (!mPolling.mayBePowered || !mDeviceInfo) {
+  if (!mPolling.mayBePowered) {
     return;
   }
   LOG_DEBUG("The reader may still be on, switching it off.");
   try {
     if (!mCommandSocket) {
       OpenCommandSocket();
+    }
+    if (const int result = mDeviceInfo ? 0 : GetNfcDevice(); result != 0) {
+      throw CRfidError("Could find trf7970a reader.", result);
     }
     for (int tries = BusyTries; tries > 0; --tries) {
       try {

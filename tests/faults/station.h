@@ -43,6 +43,9 @@ class Station {
   /// or the time is over (false).
   bool ReadsCardOrTells(std::chrono::milliseconds timeout);
 
+  /// The kernel does not let the reader be switched off at the end.
+  void AllowOnAfterTheEnd() { mMayStayOn = true; }
+
   /// Ends all faults: no rules, and the reader is there.
   void Repair();
 
@@ -71,5 +74,6 @@ class Station {
   std::vector<std::string> mNotified;   // guarded by mMutex
   std::vector<std::string> mPresented;  // the test's thread only, as the next
   size_t mSettled = 0;                  // states told when Settle returned
+  bool mMayStayOn = false;
   std::future<void> mRun;
 };

@@ -270,6 +270,11 @@ int NfcKernel::ErrorOfVanishedChip(const Request& request, bool begunWithDevice)
   return device == nullptr || device->IsRemoved() ? ETIMEDOUT : 0;
 }
 
+bool NfcKernel::SwitchesPower(const Request& request) {
+  return request.header.nlmsg_type != GENL_ID_CTRL &&
+         (request.genl.cmd == NFC_CMD_DEV_UP || request.genl.cmd == NFC_CMD_DEV_DOWN);
+}
+
 bool NfcKernel::NeedsChip(const Request& request) {
   return request.header.nlmsg_type != GENL_ID_CTRL &&
          (request.genl.cmd == NFC_CMD_DEV_UP || request.genl.cmd == NFC_CMD_START_POLL);

@@ -64,6 +64,7 @@ class NfcKernel {
   /// @param begunWithDevice the device was there when the command began
   int ErrorOfVanishedChip(const Request& request, bool begunWithDevice);
 
+  static bool SwitchesPower(const Request& request);
   /// DEV_UP and START_POLL: nothing comes of them without an answer of the chip.
   static bool NeedsChip(const Request& request);
   /// DEV_UP, DEV_DOWN, START_POLL and STOP_POLL.

@@ -9,7 +9,8 @@
 //               times=N    at most N times
 //               port=N     only from the socket with this netlink port
 //               device=N   only for the device with this number
-//   actions     errno=E    answer this error (EBUSY or 16) instead of carrying the command out
+//   actions     errno=E    answer this error (EBUSY or 16) instead of carrying the command out; EALREADY to
+//                          DEV_UP and DEV_DOWN is true: the device is in that state then
 //               delay=MS   the command waits that long for its chip, and so do all other commands
 //               fault=F    afterwards the device has this fault, as if it had been set (nfcdevice.h). So
 //                          "START_POLL fault=poll-dead" begins a poll whose first frame fails, and "STOP_POLL

@@ -138,6 +138,8 @@ class VirtualNfc {
   /// A transfer to the reader fails, once: its poll is dead.
   bool KillPoll(std::uint32_t index = 0) { return SetFault(Fault::PollDead, true, index); }
 
+  /// Ends now what the kernel ends some time after a socket was closed.
+  void EndPollsOfClosedSockets();
   /// All listeners have lost events: their next receive call fails with ENOBUFS.
   void OverrunEvents();
   /// Sends these bytes to all listeners, as if the kernel had.
@@ -229,6 +231,8 @@ class VirtualNfc {
   std::vector<std::uint32_t> mTakenNumbers;
   std::map<std::uint64_t, std::unique_ptr<NetlinkPort>> mConnections;
   std::uint64_t mNextConnection = 1;
+  /// Sockets that were closed and whose polls may go on for ownerReleaseDelay.
+  std::vector<std::uint32_t> mClosedPorts;
   std::deque<Work> mWork;
   std::optional<Waiting> mWaiting;
   std::uint64_t mNextWaiting = 1;

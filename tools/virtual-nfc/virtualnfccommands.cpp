@@ -1,5 +1,6 @@
 // The part of the server that carries commands out, one after the other, and lets them wait for their chip.
 
+#include <cerrno>
 #include <utility>
 
 #include "virtualnfc.h"
@@ -68,6 +69,11 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   const Request& request = waiting.request;
   const int vanished = mKernel.ErrorOfVanishedChip(request, waiting.device.has_value());
 
+  if (waiting.rule.error == EALREADY && NfcKernel::SwitchesPower(request)) {
+    // The kernel says so only of a device that is in that state, because rfkill or another program put it
+    // there.
+    mKernel.Handle(request, port);
+  }
   NfcKernel::Result result = interrupted          ? mKernel.Interrupt(request, port)
                              : waiting.rule.error ? mKernel.Refuse(request, port, *waiting.rule.error)
                              : vanished != 0      ? mKernel.Refuse(request, port, vanished)

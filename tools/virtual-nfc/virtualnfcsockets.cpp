@@ -211,8 +211,21 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
   if (mSettings.ownerReleaseDelay.count() == 0) {
     release();
   } else {
+    mClosedPorts.push_back(port);
     mTimers.After(mSettings.ownerReleaseDelay, release);
   }
+}
+
+void VirtualNfc::EndPollsOfClosedSockets() {
+  {
+    const std::lock_guard lock(mMutex);
+    for (const auto port : std::exchange(mClosedPorts, {})) {
+      for (const auto& device : mKernel.Devices()) {
+        device->PortClosed(port);
+      }
+    }
+  }
+  Changed();
 }
 
 /// Closes the program's socket under it.
