@@ -164,6 +164,57 @@ TEST_F(NfcNetlink, LivesThroughItsLifeCycleAndLeavesNothingOpen) {
   EXPECT_EQ(mLog.Texts(Log::ELogLevel::Info).front().rfind("(src/components/nfcnetlink.", 0), 0U);
 }
 
+/// Keeps what programs send, without what differs from run to run.
+class SentBytes : public NetlinkObserver {
+ public:
+  void OnSocket(std::uint64_t, SocketChange, std::uint32_t, int) override {}
+  void OnSent(std::uint64_t, ByteView datagram) override {
+    nlmsghdr header{};
+    std::memcpy(&header, datagram.data(), sizeof(header));
+    std::string text = fmt::format("type {} flags {:#x}:", header.nlmsg_type, header.nlmsg_flags);
+    for (const auto byte : datagram.subspan(sizeof(header))) {
+      text += fmt::format(" {:02x}", byte);
+    }
+    mSent.push_back(text);
+  }
+  void OnDelivered(std::uint64_t, std::uint32_t, std::uint32_t, ByteView, bool) override {}
+  void OnReader(std::string_view) override {}
+
+  std::vector<std::string> mSent;
+};
+
+TEST_F(NfcNetlink, SendsTheRequestsThatTheKernelExpects) {
+  SentBytes bytes;
+  mKernel->AddObserver(bytes);
+  Start();
+  Tap(Card);
+  WaitForPolling();
+  mController->StopPolling();
+  mController->DeinitializeController();
+  mKernel->RemoveObserver(bytes);
+  // The kernel's header: command, version, two bytes of padding. Attributes: length, type, value.
+  const std::string index = " 08 00 01 00 00 00 00 00";
+  const std::string findNfc = "type 16 flags 0x5: 03 01 00 00 08 00 02 00 6e 66 63 00";
+  const std::string findController = "type 16 flags 0x5: 03 01 00 00 0b 00 02 00 6e 6c 63 74 72 6c 00 00";
+  const std::string groups = "type 16 flags 0x5: 03 00 00 00 08 00 02 00 6e 66 63 00";
+  const std::string powerOn = "type 20 flags 0x5: 02 01 00 00" + index;
+  const std::string start =
+      "type 20 flags 0x5: 06 01 00 00" + index + " 08 00 0d 00 fc 00 00 00 08 00 03 00 fc 00 00 00";
+  const std::vector<std::string> expected{findNfc,
+                                          findController,
+                                          groups,
+                                          "type 20 flags 0x305: 01 01 00 00",
+                                          powerOn,
+                                          start,
+                                          "type 20 flags 0x305: 08 01 00 00" + index,
+                                          powerOn,
+                                          start,
+                                          "type 20 flags 0x5: 07 01 00 00" + index,
+                                          "type 20 flags 0x5: 03 01 00 00" + index,
+                                          "type 20 flags 0x5: 00 01 00 00"};
+  EXPECT_EQ(bytes.mSent, expected);
+}
+
 TEST_F(NfcNetlink, SaysWhatCannotBeOpenedAndLeavesNothingBehind) {
   struct Case {
     const char* rule;
