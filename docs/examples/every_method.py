@@ -125,8 +125,11 @@ expect("feedback", result("Feedback", feedback, "TriggerFeedbackEvent", event), 
 diagnostics = diagnostics_pb2_grpc.DiagnosticsStub(channel(DIAGNOSTICS, "Diagnostics"))
 signal = diagnostics_pb2.MSignal(id=diagnostics_pb2.ESignalNone, name="an example", value="1.5", unit="V")
 expect("signal", result("Diagnostics", diagnostics, "UpdateSignal", signal), "EResultOk")
+later = diagnostics_pb2.MSignal(id=diagnostics_pb2.ESignalNone, name="an example", value="2.5", unit="V")
+both = diagnostics_pb2.MSignals(signals=[signal, later])
+expect("signals", result("Diagnostics", diagnostics, "UpdateSignals", both), "EResultOk")
 known = call("Diagnostics", diagnostics, "List", Empty()).signals
-expect("the signal among those listed", signal in known, True)
+expect("the last value among those listed", later in known, True)
 
 # ---- What is refused -------------------------------------------------------------------------------------------------
 

@@ -22,7 +22,10 @@
 namespace {
 
 constexpr std::chrono::seconds kRetryPeriod{1};
+// How long the first value waits for others: a card has three, and is to be authorised first.
+constexpr std::chrono::milliseconds kGatherPeriod{20};
 constexpr std::size_t kQueueBound = 256;
+constexpr std::size_t kCallBytes = 32UL * 1024;  // half of what a service of this framework takes in one call
 // How long Terminate waits for values on their way, and then for the transport to give in.
 constexpr std::chrono::milliseconds kFlushGrace{300};
 constexpr std::chrono::milliseconds kCancelGrace{150};
@@ -45,7 +48,9 @@ class Publisher {
       if (mSession->queue.size() > kQueueBound) {
         QueueLatest(*mSession);  // a peer that cannot keep up gets what counts
       }
-      mSession->wake.notify_all();
+      if (mSession->queue.size() == 1) {  // the delivering thread does not wait for any other
+        mSession->wake.notify_all();
+      }
     }
   }
 
@@ -53,7 +58,9 @@ class Publisher {
     const std::lock_guard<std::mutex> life(mLifeMutex);
     End();
     auto session = std::make_shared<Session>();
+    session->number = ++mSessions;
     session->transport = std::move(transport);
+    session->transport->OnPeerLost([this, number = session->number] { TakeLoss(number); });
     {
       const std::lock_guard<std::mutex> lock(mMutex);
       QueueLatest(*session);
@@ -72,12 +79,23 @@ class Publisher {
     std::shared_ptr<IDiagnosticsTransport> transport;
     std::condition_variable wake;
     std::condition_variable endedWake;
+    std::uint64_t number = 0;
     std::deque<ipc::MSignal> queue;
     bool present = true;  // the peer is not known to be absent: values go through the queue
+    bool resend = false;  // the peer may have forgotten everything
     bool stopping = false;
     bool cutOff = false;
     bool ended = false;
   };
+
+  /// By number: the thread that reports a loss must not be the last to own the session.
+  void TakeLoss(std::uint64_t session) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mSession && mSession->number == session) {
+      mSession->resend = true;
+      mSession->wake.notify_all();
+    }
+  }
 
   void QueueLatest(Session& session) const {
     std::vector<const Latest*> latest;
@@ -127,24 +145,24 @@ class Publisher {
         if (session.wake.wait_for(lock, kRetryPeriod, [&] { return session.stopping; })) {
           break;
         }
-        session.present = true;
+        session.present = session.resend = true;
+      }
+      if (session.resend) {
+        session.resend = false;
         QueueLatest(session);
       }
-      bool reached = true;
-      if (!session.queue.empty()) {
-        const ipc::MSignal signal = std::move(session.queue.front());
-        session.queue.pop_front();
-        lock.unlock();
-        reached = TryDeliver(*session.transport, signal);
-        lock.lock();
-      } else if (session.stopping) {
-        break;
-      } else if (!session.wake.wait_for(lock, kRetryPeriod,
-                                        [&] { return session.stopping || !session.queue.empty(); })) {
-        lock.unlock();
-        reached = session.transport->IsReachable();
-        lock.lock();
+      if (session.queue.empty()) {
+        if (session.stopping) {
+          break;
+        }
+        session.wake.wait(lock, [&] { return session.stopping || session.resend || !session.queue.empty(); });
+        session.wake.wait_for(lock, kGatherPeriod, [&] { return session.stopping || session.resend; });
+        continue;
       }
+      const ipc::MSignals signals = TakeCall(session.queue);
+      lock.unlock();
+      const bool reached = TryDeliver(*session.transport, signals);
+      lock.lock();
       if (!reached) {
         session.present = false;
         session.queue.clear();
@@ -154,11 +172,23 @@ class Publisher {
     session.endedWake.notify_all();
   }
 
-  static bool TryDeliver(IDiagnosticsTransport& transport, const ipc::MSignal& signal) {
+  /// What goes out in one call: at least one value, and no more than any peer takes.
+  static ipc::MSignals TakeCall(std::deque<ipc::MSignal>& queue) {
+    ipc::MSignals signals;
+    std::size_t bytes = 0;
+    do {
+      bytes += queue.front().ByteSizeLong();
+      *signals.add_signals() = std::move(queue.front());
+      queue.pop_front();
+    } while (!queue.empty() && bytes + queue.front().ByteSizeLong() <= kCallBytes);
+    return signals;
+  }
+
+  static bool TryDeliver(IDiagnosticsTransport& transport, const ipc::MSignals& signals) {
     try {
-      return transport.Deliver(signal);
+      return transport.Deliver(signals);
     } catch (const std::exception& e) {
-      RpcLogging::Error("Diagnostics: the signal '" + signal.name() + "' cannot be delivered: " + e.what());
+      RpcLogging::Error(std::string("Diagnostics: values cannot be delivered: ") + e.what());
       return false;
     }
   }
@@ -168,8 +198,9 @@ class Publisher {
     ipc::MSignal signal;
   };
 
-  std::mutex mLifeMutex;  // Start and Stop, one at a time; guards mThread
+  std::mutex mLifeMutex;  // Start and Stop, one at a time; guards the next two
   std::thread mThread;
+  std::uint64_t mSessions = 0;
   std::mutex mMutex;  // guards the rest, sessions included
   std::map<int, Latest> mLatest;
   std::uint64_t mNextNumber = 0;

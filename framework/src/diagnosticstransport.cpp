@@ -1,13 +1,30 @@
 #include <grpcpp/grpcpp.h>
 
+#include <algorithm>
 #include <mutex>
+#include <optional>
 #include <utility>
 
+#include "connectionwatch.h"
 #include "ipc/diagnostics.grpc.pb.h"
 #include "rpcclients.h"
 #include "rpclogging.h"
 
 namespace {
+
+using Stub = ipc::Diagnostics::Stub;
+
+std::string Names(const ipc::MSignal& signal) {
+  return "the signal '" + signal.name() + "'";
+}
+
+std::string Names(const ipc::MSignals& signals) {
+  std::string names = signals.signals_size() == 1 ? "the signal" : "one of the signals";
+  for (const ipc::MSignal& signal : signals.signals()) {
+    names += " '" + signal.name() + "'";
+  }
+  return names;
+}
 
 class DiagnosticsTransport final : public IDiagnosticsTransport {
  public:
@@ -18,40 +35,25 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
         mChannel(MakePeerChannel(mName, mAddress)),
         mStub(ipc::Diagnostics::NewStub(mChannel)) {}
 
-  bool Deliver(const ipc::MSignal& signal) override {
-    // A connection that is gone may have been a peer that is gone, and with it all that it was told.
-    if (!IsReachable()) {
+  bool Deliver(const ipc::MSignals& signals) override {
+    // If the connection dropped, the peer may have restarted and lost all values: they have to come again.
+    if (mConnected && mChannel->GetState(false) != GRPC_CHANNEL_READY) {
       SetConnected(false, "the connection was lost");
       return false;
     }
-    grpc::ClientContext context;
-    context.set_deadline(std::chrono::system_clock::now() + mTimeout);
-    {
-      const std::lock_guard<std::mutex> lock(mMutex);
-      if (mCancelled) {
-        return false;
+    if (mTakesSeveral) {
+      const grpc::Status status = Call(&Stub::UpdateSignals, signals);
+      if (status.error_code() != grpc::StatusCode::UNIMPLEMENTED) {
+        return Take(status, signals);
       }
-      mContext = &context;
+      mTakesSeveral = false;
     }
-    ipc::MResult result;
-    const grpc::Status status = mStub->UpdateSignal(&context, signal, &result);
-    {
-      const std::lock_guard<std::mutex> lock(mMutex);
-      mContext = nullptr;
-    }
-    if (IsPassing(status)) {
-      SetConnected(false, StatusText(status));
-      return false;
-    }
-    SetConnected(true, "");
-    if (!status.ok() || result.result() != ipc::EResultOk) {
-      RpcLogging::Warning(mName + " refused the signal '" + signal.name() +
-                          "': " + (status.ok() ? "illegal" : StatusText(status)));
-    }
-    return true;
+    return std::all_of(signals.signals().begin(), signals.signals().end(), [this](const auto& signal) {
+      return Take(Call(&Stub::UpdateSignal, signal), signal);
+    });
   }
 
-  bool IsReachable() override { return !mConnected || mChannel->GetState(false) == GRPC_CHANNEL_READY; }
+  void OnPeerLost(const std::function<void()>& lost) override { mWatch.emplace(lost); }
 
   void Cancel() override {
     const std::lock_guard<std::mutex> lock(mMutex);
@@ -62,6 +64,43 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
   }
 
  private:
+  /// Returns the call's status, or that the peer refuses.
+  template <typename Request>
+  grpc::Status Call(grpc::Status (Stub::*method)(grpc::ClientContext*, const Request&, ipc::MResult*),
+                    const Request& request) {
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + mTimeout);
+    {
+      const std::lock_guard<std::mutex> lock(mMutex);
+      if (mCancelled) {
+        return grpc::Status::CANCELLED;
+      }
+      mContext = &context;
+    }
+    ipc::MResult result;
+    const grpc::Status status = (*mStub.*method)(&context, request, &result);
+    {
+      const std::lock_guard<std::mutex> lock(mMutex);
+      mContext = nullptr;
+    }
+    const bool isIllegal = status.ok() && result.result() != ipc::EResultOk;
+    return isIllegal ? grpc::Status(grpc::StatusCode::INVALID_ARGUMENT, "illegal") : status;
+  }
+
+  /// What a call's status means for its values: false when they have to come again.
+  template <typename Request>
+  bool Take(const grpc::Status& status, const Request& request) {
+    if (IsPassing(status)) {
+      SetConnected(false, StatusText(status));
+      return false;
+    }
+    SetConnected(true, "");
+    if (!status.ok()) {
+      RpcLogging::Warning(mName + " refused " + Names(request) + ": " + StatusText(status));
+    }
+    return true;
+  }
+
   // Failures after which the same value may get through later. Any other is the peer's answer to this value.
   static bool IsPassing(const grpc::Status& status) {
     const grpc::StatusCode code = status.error_code();
@@ -77,15 +116,22 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
     }
     mConnected = connected;
     mAbsenceLogged = !connected;
+    if (!connected) {
+      mTakesSeveral = true;  // it may be another that comes back
+    } else if (mWatch) {
+      mWatch->Begin(*mChannel);
+    }
   }
 
   const std::string mName;
   const std::string mAddress;
   const std::chrono::milliseconds mTimeout;
+  std::optional<ConnectionWatch> mWatch;
   const std::shared_ptr<grpc::Channel> mChannel;
-  const std::unique_ptr<ipc::Diagnostics::Stub> mStub;
-  bool mConnected = false;  // these two are the delivering thread's
+  const std::unique_ptr<Stub> mStub;
+  bool mConnected = false;  // these three are the delivering thread's
   bool mAbsenceLogged = false;
+  bool mTakesSeveral = true;
   std::mutex mMutex;  // guards the rest
   grpc::ClientContext* mContext = nullptr;
   bool mCancelled = false;

@@ -4,18 +4,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <system_error>
 
 #include "framework/log.h"
-#include "strictjson.h"
+#include "sectiondocument.h"
 
 namespace {
 
-constexpr std::size_t cLargestFile = 1024UL * 1024;
+/// More than any station needs (two million cards): it keeps a wrong file from taking the memory.
+constexpr std::size_t cLargestFileMiB = 64;
+constexpr std::size_t cLargestFile = cLargestFileMiB * 1024 * 1024;
 
 std::mutex gStoreMutex;
 std::string gStore;
@@ -61,6 +66,12 @@ std::string ErrorText(int error) {
   return std::generic_category().message(error);
 }
 
+/// What is wrong with a file's content: reading the same file again gives the same.
+class ContentError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 /// An open file, closed at the end.
 class ReadableFile {
  public:
@@ -85,10 +96,15 @@ class ReadableFile {
     return data;
   }
 
-  std::string ReadAll() const {
+  /// `size` is what the file had a moment ago.
+  std::string ReadAll(std::size_t size) const {
     std::string content;
-    char buffer[4096];
+    char buffer[16384];
     for (;;) {
+      if (std::max(size, content.size()) > cLargestFile) {
+        throw ContentError(fmt::format("is larger than {} MiB", cLargestFileMiB));
+      }
+      content.reserve(size);  // growing would hold the file twice
       const ssize_t count = read(mDescriptor, buffer, sizeof buffer);
       if (count == 0) {
         return content;
@@ -97,9 +113,6 @@ class ReadableFile {
         content.append(buffer, static_cast<std::size_t>(count));
       } else if (errno != EINTR) {
         throw std::runtime_error("cannot be read: " + ErrorText(errno));
-      }
-      if (content.size() > cLargestFile) {
-        throw std::runtime_error(fmt::format("is larger than {} bytes", cLargestFile));
       }
     }
   }
@@ -135,23 +148,32 @@ class HubConfig::Impl {
   Impl(std::string section, std::string file, ChangeCallback onChange)
       : mSection(std::move(section)), mFile(std::move(file)), mOnChange(std::move(onChange)) {}
 
-  bool IsUpdated() const { return mLoaded != StatFile(mFile); }
+  bool IsUpdated() const { return (mFailed && !mHasValues) || mLoaded != StatFile(mFile); }
 
   void Reload() {
-    try {
-      Take(Read());
-    } catch (const std::exception& e) {
-      Log::Error("Configuration section {}: {} {}. The values loaded before stay.", mSection, mFile,
-                 e.what());
+    std::string problem;
+    if (mContentProblem && mLoaded == StatFile(mFile)) {
+      problem = *mContentProblem;
+    } else {
+      try {
+        Load();
+        return;
+      } catch (const ContentError& e) {
+        mContentProblem = problem = e.what();
+      } catch (const std::exception& e) {
+        problem = e.what();
+      }
     }
+    mFailed = true;
+    Log::Error("Configuration section {}: {} {}. {}", mSection, mFile, problem,
+               mHasValues ? "The values loaded before stay."
+                          : "There are no values from before, so the defaults apply.");
   }
 
-  const Json::Value* Find(const std::string& key) const {
-    return mValues.find(key.data(), key.data() + key.size());
-  }
+  const SectionDocument& Values() const { return mValues; }
 
   bool GetBool(const std::string& key, bool defaultValue) {
-    const Json::Value* value = Find(key);
+    const Json::Value* value = mValues.Find(key);
     if (value == nullptr) {
       return defaultValue;
     }
@@ -166,16 +188,19 @@ class HubConfig::Impl {
   }
 
  private:
-  /// The section as the file has it. Notes the file's state before reading, so that a change in the meantime
-  /// is seen at the next look; throws with what is wrong with the file.
-  Json::Value Read() {
+  /// Notes the file's state before reading, so that a change in the meantime is seen at the next look; throws
+  /// with what is wrong with the file.
+  void Load() {
+    mContentProblem.reset();
     mLoaded = StatFile(mFile);
     const ReadableFile file(mFile);
     if (!file.IsOpen()) {
       const int error = errno;
       if (error == ENOENT) {
         Log::Info("Configuration section {}: there is no {}, defaults are used.", mSection, mFile);
-        return Json::Value(Json::objectValue);
+        Take(SectionDocument());
+        mHasValues = false;
+        return;
       }
       throw std::runtime_error("cannot be opened: " + ErrorText(error));
     }
@@ -184,22 +209,29 @@ class HubConfig::Impl {
     if (!S_ISREG(data.st_mode)) {
       throw std::runtime_error("is not a regular file");
     }
-    const std::string content = file.ReadAll();
+    Take(Parse(file.ReadAll(static_cast<std::size_t>(data.st_size))));
+    mHasValues = true;
+  }
+
+  static SectionDocument Parse(std::string text) {
     try {
-      return ParseStrictJson(content);
+      return SectionDocument(std::move(text));
+    } catch (const std::bad_alloc&) {
+      throw;  // says nothing about the file
     } catch (const std::exception& e) {
-      throw std::runtime_error(std::string("cannot be used: ") + e.what());
+      throw ContentError(std::string("cannot be used: ") + e.what());
     }
   }
 
-  void Take(Json::Value values) {
-    mValues.swap(values);
+  void Take(SectionDocument values) {
+    mValues = std::move(values);
+    mFailed = false;
     mReportedKeys.clear();
     if (!mOnChange) {
       return;
     }
     try {
-      mOnChange(mSection, mValues);
+      mOnChange(mSection, mValues.All());
     } catch (const std::exception& e) {
       Log::Error("Configuration section {}: taking the new values failed: {}", mSection, e.what());
     }
@@ -208,8 +240,11 @@ class HubConfig::Impl {
   const std::string mSection;
   const std::string mFile;
   const ChangeCallback mOnChange;
-  std::optional<FileState> mLoaded;  ///< of the last attempt; none before the first
-  Json::Value mValues{Json::objectValue};
+  std::optional<FileState> mLoaded;            ///< of the last attempt; none before the first
+  std::optional<std::string> mContentProblem;  ///< of the file in that state
+  bool mFailed = false;                        ///< the last attempt
+  bool mHasValues = false;                     ///< from a file, not from its absence
+  SectionDocument mValues;
   std::set<std::string> mReportedKeys;  ///< keys of the wrong type that were reported since the last load
 };
 
@@ -250,6 +285,10 @@ bool HubConfig::GetBool(const std::string& key, bool defaultValue) const {
 }
 
 Json::Value HubConfig::GetValue(const std::string& key, const Json::Value& defaultValue) const {
-  const Json::Value* value = mImpl->Find(key);
-  return value != nullptr ? *value : defaultValue;
+  return mImpl->Values().Get(key, defaultValue);
+}
+
+bool HubConfig::ForEachElement(const std::string& key,
+                               const std::function<void(const Json::Value&)>& visit) const {
+  return mImpl->Values().ForEachElement(key, visit);
 }

@@ -4,11 +4,21 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
 namespace {
+
+constexpr int cDeepest = 64;  // the parser recurses, and a thread's stack may be small
+
+std::unique_ptr<Json::CharReader> MakeReader(int deepest, bool isWhole) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["stackLimit"] = deepest;
+  builder["strictRoot"] = isWhole;
+  builder["skipBom"] = isWhole;
+  return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+}
 
 /// The parser's first error ("* Line 3, Column 7\n  Missing ...\n") in one line.
 std::string FirstError(const std::string& errors) {
@@ -81,21 +91,20 @@ void CheckNumbers(std::string_view text) {
   }
 }
 
-}  // namespace
-
-Json::Value ParseStrictJson(std::string_view text) {
-  // The parser takes a NUL for the end and would not look at what follows.
+/// The parser takes a NUL for the end and would not look at what follows.
+void CheckForNul(std::string_view text) {
   if (const auto nul = text.find('\0'); nul != std::string_view::npos) {
     FailAt(text, nul, "NUL character");
   }
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  builder["stackLimit"] = 64;  // the parser recurses, and a thread's stack may be small
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+}
 
+}  // namespace
+
+Json::Value ParseStrictJson(std::string_view text) {
+  CheckForNul(text);
   Json::Value document;
   std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors)) {
+  if (!MakeReader(cDeepest, true)->parse(text.data(), text.data() + text.size(), &document, &errors)) {
     throw std::runtime_error(FirstError(errors));
   }
   CheckNumbers(text);
@@ -103,4 +112,19 @@ Json::Value ParseStrictJson(std::string_view text) {
     throw std::runtime_error("line 1, column 1: The document is not an object");
   }
   return document;
+}
+
+void CheckStrictText(std::string_view text) {
+  CheckForNul(text);
+  CheckNumbers(text);
+}
+
+JsonPartParser::JsonPartParser(int depth) : mReader(MakeReader(cDeepest - depth, false)) {}
+
+Json::Value JsonPartParser::Parse(std::string_view part) const {
+  Json::Value value;
+  if (!mReader->parse(part.data(), part.data() + part.size(), &value, nullptr)) {
+    throw std::runtime_error("Malformed value");
+  }
+  return value;
 }

@@ -1,10 +1,28 @@
 #pragma once
 
+#include <json/reader.h>
 #include <json/value.h>
 
+#include <memory>
 #include <string_view>
 
 /// Reads one strict JSON document (no comments, no trailing commas, no repeated keys, nothing after it) whose
 /// top level is an object. Throws std::runtime_error whose text begins with the position of the first error:
 /// "line 3, column 7: Missing ',' or '}' in object declaration".
 Json::Value ParseStrictJson(std::string_view text);
+
+/// Throws for what the parser accepts although JSON does not have it. `text` is what the parser has accepted.
+void CheckStrictText(std::string_view text);
+
+/// Reads parts of a document, one after the other.
+class JsonPartParser {
+ public:
+  /// `depth` is the number of arrays and objects around the parts.
+  explicit JsonPartParser(int depth);
+
+  /// Reads one value of any type. Throws std::exception when it is malformed.
+  Json::Value Parse(std::string_view part) const;
+
+ private:
+  const std::unique_ptr<Json::CharReader> mReader;
+};

@@ -7,7 +7,6 @@
 namespace {
 
 constexpr const char* ClassName = "CRfidConfig";
-constexpr const char* UidKey = "RfidTokenUid";
 
 }  // namespace
 
@@ -43,29 +42,31 @@ ipc::ERfidAuthState CRfidConfig::AuthenticateToken(const std::string& uid) {
   LOG_TRACE("{}::{}", ClassName, __func__);
   if (mStandaloneList->IsUpdated()) {
     LOG_DEBUG("Standalone list has been updated");
+    mLoadedList.reset();  // before the new list takes memory
     mStandaloneList->Reload();
   }
   LOG_DEBUG("Checking standalone list for: {}", uid);
-  auto list = mStandaloneList->GetValue("Tokens", Json::Value());
-  if (!list.isNull() && !list.isArray()) {
+  if (!mLoadedList) {
+    mLoadedList.emplace(*mStandaloneList);
+  }
+  if (!mLoadedList->IsList()) {
     // Nobody is let in by a broken list.
     LOG_ERROR("Standalone list: \"Tokens\" must be an array. Taking it as empty.");
-    list = Json::Value();
   }
-  for (const auto& element : list) {
-    if (!element.isObject() || !element.isMember(UidKey)) {
-      LOG_WARNING("Token has no member RfidTokenUid. Skipping...");
-      continue;
+  const auto [permitted, faults] = mLoadedList->Find(uid);
+  for (const auto fault : faults) {
+    switch (fault) {
+      case CStandaloneList::EFault::NoUid:
+        LOG_WARNING("Token has no member RfidTokenUid. Skipping...");
+        break;
+      case CStandaloneList::EFault::NoText:
+        LOG_WARNING("RfidTokenUid is not a text. Skipping...");
+        break;
     }
-    const auto& permitted = element[UidKey];
-    if (!permitted.isConvertibleTo(Json::stringValue)) {
-      LOG_WARNING("RfidTokenUid is not a text. Skipping...");
-      continue;
-    }
-    if (permitted.asString() == uid) {
-      LOG_INFO("Found Match!");
-      return ipc::ERfidUidInStandAloneList;
-    }
+  }
+  if (permitted) {
+    LOG_INFO("Found Match!");
+    return ipc::ERfidUidInStandAloneList;
   }
   LOG_INFO("UID not in list.");
   return ipc::ERfidUidNotInList;

@@ -1,15 +1,18 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "framework/hubconfig.h"
 #include "ipc/rfid.pb.h"
+#include "src/components/standalonelist.h"
 
 /// What the station's configuration says about authorisation. A changed section is loaded at the next
 /// question.
 ///
 /// Threads: the machine's thread only. Errors of the configuration client pass through.
+/// Nobody else reloads the standalone list's section: the list is indexed when it is loaded here.
 class CRfidConfig {
  public:
   CRfidConfig(std::shared_ptr<HubConfig> settings, std::shared_ptr<HubConfig> standaloneList);
@@ -21,6 +24,7 @@ class CRfidConfig {
   bool GetAuthorizationEnabled();
 
   /// Looks the UID up in the standalone list, byte for byte: ERfidUidInStandAloneList or ERfidUidNotInList.
+  /// Warns of every faulty element before the match, as a walk through the list would.
   ipc::ERfidAuthState AuthenticateToken(const std::string& uid);
 
  private:
@@ -28,4 +32,5 @@ class CRfidConfig {
 
   std::shared_ptr<HubConfig> mSettings;
   std::shared_ptr<HubConfig> mStandaloneList;
+  std::optional<CStandaloneList> mLoadedList;  ///< none when it has to be taken from the client
 };

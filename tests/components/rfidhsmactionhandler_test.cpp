@@ -72,8 +72,10 @@ class FakeFeedback : public IFeedback {
 
 class RecordingDiagnostics : public IDiagnosticsTransport {
  public:
-  bool Deliver(const ipc::MSignal& signal) override {
-    mValues.Put(signal.name() + "=" + signal.value());
+  bool Deliver(const ipc::MSignals& signals) override {
+    for (const ipc::MSignal& signal : signals.signals()) {
+      mValues.Put(signal.name() + "=" + signal.value());
+    }
     return true;
   }
   /// Forgets what earlier tests sent: the latest values of all signals come again to a new peer.

@@ -15,21 +15,24 @@ using testing::ElementsAre;
 /// A diagnostics peer that can be away or hang.
 class Peer final : public IDiagnosticsTransport {
  public:
-  bool Deliver(const ipc::MSignal& signal) override {
+  bool Deliver(const ipc::MSignals& signals) override {
     if (mHangs) {
       mGate.Pass();
     }
+    mCalls.Put(signals.signals_size());
     if (!mPresent) {
-      mRefused.Put(signal.value());
+      mRefused.Put(signals.signals(0).value());
       if (mThrows) {
         throw std::runtime_error("no peer");
       }
       return false;
     }
-    mReceived.Put(std::to_string(signal.id()) + "=" + signal.value());
+    for (const ipc::MSignal& signal : signals.signals()) {
+      mReceived.Put(std::to_string(signal.id()) + "=" + signal.value());
+    }
     return true;
   }
-  bool IsReachable() override { return mPresent; }
+  void OnPeerLost(const std::function<void()>& lost) override { mLost = lost; }
   void Cancel() override {
     if (mObeysCancel) {
       mGate.Open();
@@ -51,6 +54,8 @@ class Peer final : public IDiagnosticsTransport {
   Gate mGate;
   Mailbox<std::string> mReceived;
   Mailbox<std::string> mRefused;
+  Mailbox<int> mCalls;  // how many values each has
+  std::function<void()> mLost;
 };
 
 // What was sent last on a signal lives as long as the process, so every test has signals of its own.
@@ -143,9 +148,48 @@ TEST_F(DiagnosticsTest, APeerThatCannotKeepUpGetsWhatCounts) {
 TEST_F(DiagnosticsTest, APeerThatWentWhileNothingWasSentGetsEverythingAgain) {
   ASSERT_NO_FATAL_FAILURE(Start());
   mPeer->mPresent = false;
+  mPeer->mLost();
   ASSERT_TRUE(mPeer->mRefused.Take().has_value());
   mPeer->mPresent = true;
   EXPECT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == First("start"); }));
+
+  const auto former = mPeer->mLost;
+  CDiagnosticsCommClient::Terminate();
+  former();  // too late, which is nobody's loss
+}
+
+TEST_F(DiagnosticsTest, ValuesThatAreSentTogetherLeaveInOneCall) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  mPeer->mHangs = true;
+  CDiagnosticsSignal<std::string> first(&mFirst);
+  CDiagnosticsSignal<std::string> second(&mSecond);
+  first.Send("0");
+  ASSERT_TRUE(mPeer->mGate.AwaitWaiting(1));
+  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // with what was sent before
+  }
+  first.Send("1");
+  second.Send("2");
+  first.Send("3");
+  mPeer->mGate.Open();
+  EXPECT_THAT(mPeer->Receive(4), ElementsAre(First("0"), First("1"), Second("2"), First("3")));
+  EXPECT_EQ(mPeer->mCalls.Take(), 1);
+  EXPECT_EQ(mPeer->mCalls.Take(), 3);
+}
+
+TEST_F(DiagnosticsTest, ACallHasNoMoreThanAPeerTakes) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // with what other tests sent
+  }
+  CDiagnosticsSignal<std::string> first(&mFirst);
+  for (int i = 0; i < 100; ++i) {
+    first.Send(std::to_string(i) + std::string(10000, '.'));
+  }
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(mPeer->Receive(1)[0].substr(0, 10), First(std::to_string(i) + "..........").substr(0, 10));
+  }
+  while (const auto values = mPeer->mCalls.Take(Clock::duration::zero())) {
+    EXPECT_LE(*values, 3);
+  }
 }
 
 TEST_F(DiagnosticsTest, TerminateIsBoundedWhateverTheTransportDoes) {

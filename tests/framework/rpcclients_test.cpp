@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <set>
@@ -49,13 +50,30 @@ struct FeedbackService final : ipc::Feedback::Service {
   Gate mGate;
 };
 
-struct DiagnosticsService final : ipc::Diagnostics::Service {
-  grpc::Status UpdateSignal(grpc::ServerContext*, const ipc::MSignal* signal, ipc::MResult*) override {
+/// Takes values one by one only, as a peer does that does not know the method for several.
+struct DiagnosticsService : ipc::Diagnostics::Service {
+  grpc::Status UpdateSignal(grpc::ServerContext*, const ipc::MSignal* signal, ipc::MResult* result) override {
     mValues.Put(signal->value());
+    result->set_result(signal->value() == "illegal" ? ipc::EResultIllegal : ipc::EResultOk);
     return signal->value() == "refused" ? grpc::Status(grpc::StatusCode::INVALID_ARGUMENT, "")
                                         : grpc::Status::OK;
   }
   Mailbox<std::string> mValues;
+};
+
+struct DiagnosticsServiceForSeveral final : DiagnosticsService {
+  grpc::Status UpdateSignals(grpc::ServerContext* context, const ipc::MSignals* signals,
+                             ipc::MResult* result) override {
+    grpc::Status status;
+    for (const ipc::MSignal& signal : signals->signals()) {
+      ipc::MResult one;
+      if (const auto answer = UpdateSignal(context, &signal, &one); !answer.ok()) {
+        status = answer;
+      }
+      result->set_result(std::max(result->result(), one.result()));
+    }
+    return status;
+  }
 };
 
 /// A peer that offers one service under a name.
@@ -187,7 +205,12 @@ TEST_F(FeedbackClientTest, APeerThatTheConfigurationDoesNotNameIsAConfigurationE
   CDiagnosticsCommClient::Initialize(mHost);  // without this peer values are not published, which is no error
 }
 
-TEST(DiagnosticsTransport, ARestartedPeerGetsEverythingAgainAndARefusedValueIsNotRepeated) {
+template <typename Service>
+class DiagnosticsTransport : public testing::Test {};
+using Services = testing::Types<DiagnosticsService, DiagnosticsServiceForSeveral>;
+TYPED_TEST_SUITE(DiagnosticsTransport, Services);
+
+TYPED_TEST(DiagnosticsTransport, ARestartedPeerGetsEverythingAgainAndARefusedValueIsNotRepeated) {
   const Root root;
   const std::string address = "unix:" + root.At("diagnostics.sock");
   const CSignalDefinition<std::string> definition{ipc::ESignalRfidState, "state", "", ""};
@@ -197,23 +220,25 @@ TEST(DiagnosticsTransport, ARestartedPeerGetsEverythingAgainAndARefusedValueIsNo
       R"({"listen": "unix:rfid.sock", "peers": {"Diagnostics": "unix:diagnostics.sock"}, "configuration": "hub"})"));
   CDiagnosticsCommClient::Initialize(host);
   for (int i = 0; i < 2; ++i) {
-    DiagnosticsService service;
-    const PeerServer peer(address, "Diagnostics", service);
-    EXPECT_TRUE(Eventually([&] { return service.mValues.Take() == "kept"; }));
+    DiagnosticsService former;
+    TypeParam service;
+    DiagnosticsService& taking = i == 0 ? former : service;
+    const PeerServer peer(address, "Diagnostics", taking);
+    EXPECT_TRUE(Eventually([&] { return taking.mValues.Take() == "kept"; }));
   }
   // With so much time for each value that none comes twice because the machine stalled.
   CDiagnosticsCommClient::Initialize(CreateDiagnosticsTransport("Diagnostics", address, seconds(60)));
-  DiagnosticsService service;
+  TypeParam service;
   const PeerServer peer(address, "Diagnostics", service);
   EXPECT_TRUE(Eventually([&] { return service.mValues.Take() == "kept"; }));
-  signal.Send("refused");
-  signal.Send("next");
-  EXPECT_EQ(service.mValues.Take(), "refused");
-  EXPECT_EQ(service.mValues.Take(), "next");
+  for (const std::string value : {"refused", "illegal", "next"}) {
+    signal.Send(value);
+    EXPECT_EQ(service.mValues.Take(), value);
+  }
   CDiagnosticsCommClient::Terminate();
 }
 
-TEST(DiagnosticsTransport, APeerThatDoesNotAnswerIsLeftAtOnceOnTermination) {
+TEST(DiagnosticsTransportEnd, APeerThatDoesNotAnswerIsLeftAtOnceOnTermination) {
   const Root root;
   const std::string address = "unix:" + root.At("diagnostics.sock");
   struct Silent final : ipc::Diagnostics::Service {

@@ -165,6 +165,17 @@ class VirtualStation::Impl {
       return reactor;
     }
 
+    grpc::ServerUnaryReactor* UpdateSignals(grpc::CallbackServerContext* context,
+                                            const ipc::MSignals* signals, ipc::MResult* result) override {
+      for (const ipc::MSignal& signal : signals->signals()) {
+        mStation.Take(signal);
+      }
+      result->set_result(ipc::EResultOk);
+      auto* const reactor = context->DefaultReactor();
+      reactor->Finish(grpc::Status::OK);
+      return reactor;
+    }
+
     grpc::ServerUnaryReactor* List(grpc::CallbackServerContext* context, const ipc::MEmpty* /*request*/,
                                    ipc::MSignals* signals) override {
       mStation.ListSignals(*signals);

@@ -11,7 +11,8 @@
 #include "ipc/feedback.pb.h"
 
 /// The services of other daemons that the RFID daemon calls, Feedback and Diagnostics: takes every call, and
-/// hands it to an observer or keeps it. Whoever asks Diagnostics for the signals gets their last values.
+/// hands it to an observer or keeps it; one that brings several signals counts as a call for each. Whoever
+/// asks Diagnostics for the signals gets their last values.
 ///
 /// Threads: every function may be called from any thread; calls arrive on the RPC library's threads.
 class VirtualStation {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -23,16 +24,19 @@ extern const CSignalDefinition<std::string> RfidLastTechnology;
 extern const CSignalDefinition<std::string> UserInteraction;
 }  // namespace SignalCatalogue
 
-/// Where published values go. Deliver is called on the publisher's thread, one value at a time; false says
-/// that the peer cannot be reached now and the value has to come again.
+/// Where published values go.
 class IDiagnosticsTransport {
  public:
   virtual ~IDiagnosticsTransport() = default;
-  virtual bool Deliver(const ipc::MSignal& signal) = 0;
 
-  /// Asked about once a second on the same thread while nothing is to be delivered: false says that the peer
-  /// has gone since the last delivery, so that everything has to come again.
-  virtual bool IsReachable() { return true; }
+  /// Delivers values, in their order. Called on the publisher's thread, one call at a time. Returns false
+  /// when the peer cannot be reached now, so that the values have to come again.
+  virtual bool Deliver(const ipc::MSignals& signals) = 0;
+
+  /// Called once, before the first Deliver. From then on the transport calls `lost`, on any thread, whenever
+  /// it notices that the peer has gone after a delivery, so that everything has to come again. `lost` does
+  /// not block.
+  virtual void OnPeerLost(const std::function<void()>& /*lost*/) {}
 
   /// Makes a Deliver in progress, and any later one, return soon. From another thread.
   virtual void Cancel() {}
@@ -40,8 +44,11 @@ class IDiagnosticsTransport {
 
 /// Sends the values of all signals to the diagnostics peer, from a thread of its own.
 ///
-/// Values go out in the order in which they were sent. While the peer cannot be reached they are coalesced to
-/// the latest of each signal, and the latest of every signal is sent again when it comes back.
+/// Values go out in the order in which they were sent. Those that are sent within a moment (20 ms) leave
+/// together, after whatever they report on: a card costs one call, which does not compete with the card
+/// itself. While the peer cannot be reached, values are coalesced to the latest of each signal, and the
+/// latest of every signal is sent again when it comes back. While it is connected and nothing is sent,
+/// nothing runs.
 class CDiagnosticsCommClient {
  public:
   /// Begins to deliver through the host's "Diagnostics" peer; without such a peer in the configuration file

@@ -1,0 +1,126 @@
+#include "sectiondocument.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string_view>
+
+#include "strictjson.h"
+
+namespace {
+
+constexpr std::string_view cByteOrderMark = "\xEF\xBB\xBF";
+
+bool IsOpening(char c) {
+  return c == '[' || c == '{';
+}
+
+bool IsClosing(char c) {
+  return c == ']' || c == '}';
+}
+
+/// The place behind the string that begins at `at`.
+std::size_t SkipString(std::string_view text, std::size_t at) {
+  while (++at < text.size() && text[at] != '"') {
+    at += text[at] == '\\' ? 1 : 0;
+  }
+  return std::min(at + 1, text.size());
+}
+
+/// Where the array's element that begins at `at` ends: at a comma, a closing bracket or the end of the text.
+/// Whether the element is well-formed is for the parser to say.
+std::size_t FindEndOfElement(std::string_view text, std::size_t at) {
+  std::size_t depth = 0;
+  while (at < text.size()) {
+    const char c = text[at];
+    if (depth == 0 && (c == ',' || IsClosing(c))) {
+      return at;
+    }
+    depth += IsOpening(c) ? 1 : 0;
+    depth -= IsClosing(c) ? 1 : 0;
+    at = c == '"' ? SkipString(text, at) : at + 1;
+  }
+  return at;
+}
+
+/// Reads the elements of the array that begins at `at`, one at a time, and returns the place behind the
+/// array. Throws when the array is malformed.
+std::size_t ReadArray(std::string_view text, std::size_t at, const SectionDocument::Visitor& visit) {
+  const JsonPartParser parser(2);
+  bool isFirst = true;
+  do {
+    const std::size_t begin = at + 1;
+    at = FindEndOfElement(text, begin);
+    if (at == text.size() || text[at] == '}') {
+      throw std::runtime_error("The array has no end");
+    }
+    const auto element = text.substr(begin, at - begin);
+    const bool isEmpty = isFirst && text[at] == ']' && element.find_first_not_of(" \t\r\n") == element.npos;
+    if (!isEmpty) {
+      visit(parser.Parse(element));
+    }
+    isFirst = false;
+  } while (text[at] != ']');
+  return at + 1;
+}
+
+}  // namespace
+
+SectionDocument::SectionDocument(std::string text) : mText(std::move(text)) {
+  if (mText.starts_with(cByteOrderMark)) {
+    mText.erase(0, cByteOrderMark.size());
+  }
+  try {
+    CutArraysOut();
+    CheckStrictText(mText);
+  } catch (const std::exception&) {
+    ParseStrictJson(mText);  // says what is wrong, and where
+    throw;
+  }
+}
+
+void SectionDocument::CutArraysOut() {
+  std::string rest;
+  std::size_t depth = 0;
+  for (std::size_t at = 0; at < mText.size();) {
+    const char c = mText[at];
+    const std::size_t begin = at;
+    if (c == '[' && depth == 1) {
+      at = ReadArray(mText, begin, [](const Json::Value&) {});
+      mArrays[static_cast<std::ptrdiff_t>(rest.size())] = {begin, at};
+      rest += "[]";
+      continue;
+    }
+    depth += IsOpening(c) ? 1 : 0;
+    depth -= IsClosing(c) ? 1 : 0;
+    at = c == '"' ? SkipString(mText, begin) : begin + 1;
+    rest.append(mText, begin, at - begin);
+  }
+  mValues = ParseStrictJson(rest);
+}
+
+const Json::Value* SectionDocument::Find(const std::string& key) const {
+  return mValues.find(key.data(), key.data() + key.size());
+}
+
+Json::Value SectionDocument::Get(const std::string& key, const Json::Value& defaultValue) const {
+  const Json::Value* value = Find(key);
+  if (value == nullptr) {
+    return defaultValue;
+  }
+  Json::Value copy = *value;
+  ForEachElement(key, [&](const Json::Value& element) { copy.append(element); });
+  return copy;
+}
+
+bool SectionDocument::ForEachElement(const std::string& key, const Visitor& visit) const {
+  const Json::Value* value = Find(key);
+  if (value == nullptr || !value->isArray()) {
+    return false;
+  }
+  ReadArray(mText, mArrays.at(value->getOffsetStart()).first, visit);
+  return true;
+}
+
+Json::Value SectionDocument::All() const {
+  return ParseStrictJson(mText);
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+
+/// One strict JSON document (see ParseStrictJson) that keeps the arrays of its top level as text: as values,
+/// a long list takes ten times the memory.
+class SectionDocument {
+ public:
+  using Visitor = std::function<void(const Json::Value&)>;
+
+  /// The empty document.
+  SectionDocument() = default;
+
+  /// Throws what ParseStrictJson throws.
+  explicit SectionDocument(std::string text);
+
+  /// The value of a key, or null when there is none. Of an array only the type is there.
+  const Json::Value* Find(const std::string& key) const;
+
+  Json::Value Get(const std::string& key, const Json::Value& defaultValue) const;
+
+  /// Calls `visit` for each element of an array; the elements exist one at a time. Returns false when the key
+  /// is missing or has no array.
+  bool ForEachElement(const std::string& key, const Visitor& visit) const;
+
+  /// The whole document as a value.
+  Json::Value All() const;
+
+ private:
+  void CutArraysOut();
+
+  std::string mText = "{}";
+  Json::Value mValues{Json::objectValue};  ///< with empty arrays, whose offsets are the keys of mArrays
+  std::map<std::ptrdiff_t, std::pair<std::size_t, std::size_t>> mArrays;  ///< begin and end in the text
+};
