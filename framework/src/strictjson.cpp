@@ -81,6 +81,13 @@ void CheckNumbers(std::string_view text) {
   }
 }
 
+Json::CharReaderBuilder StrictBuilder() {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["stackLimit"] = 64;  // the parser recurses, and a thread's stack may be small
+  return builder;
+}
+
 }  // namespace
 
 Json::Value ParseStrictJson(std::string_view text) {
@@ -88,9 +95,7 @@ Json::Value ParseStrictJson(std::string_view text) {
   if (const auto nul = text.find('\0'); nul != std::string_view::npos) {
     FailAt(text, nul, "NUL character");
   }
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  builder["stackLimit"] = 64;  // the parser recurses, and a thread's stack may be small
+  static const Json::CharReaderBuilder builder = StrictBuilder();
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
 
   Json::Value document;
