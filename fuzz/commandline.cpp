@@ -13,26 +13,28 @@
 #include "fuzz/check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::vector<std::string> words;
-  for (std::string text = TextOf(data, size); !text.empty();) {
-    words.emplace_back(TakeUntil(text, "\n").c_str());  // no argument goes beyond its NUL
+  std::vector<std::vector<char>> words{{'r', 'f', 'i', 'd', 'd', '\0'}};  // of exact size, to find overreads
+  bool anyOption = false;
+  const auto* const last = data + size;
+  for (const auto* at = data; at < last;) {
+    const auto* const end = std::find(at, last, '\n');
+    const auto* const nul = std::find(at, end, '\0');  // no argument goes beyond it
+    auto& word = words.emplace_back(nul - at + 1, '\0');
+    std::copy(at, nul, word.begin());
+    anyOption = anyOption || (word.size() > 2 && word[0] == '-');
+    at = end == last ? last : end + 1;
   }
-  const bool anyOption = std::any_of(words.begin(), words.end(),
-                                     [](const auto& word) { return word[0] == '-' && word.size() > 1; });
-  std::vector<std::vector<char>> exact{{'r', 'f', 'i', 'd', 'd', '\0'}};  // buffers of the very size
-  for (const auto& word : words) {
-    exact.emplace_back(word.c_str(), word.c_str() + word.size() + 1);
-  }
-  std::vector<char*> arguments(exact.size() + 1);
-  std::transform(exact.begin(), exact.end(), arguments.begin(), [](auto& word) { return word.data(); });
+  std::vector<char*> arguments(words.size() + 1);
+  std::transform(words.begin(), words.end(), arguments.begin(), [](auto& word) { return word.data(); });
 
   optind = 0;  // starts the scanner anew
   opterr = 0;
   const std::string rootBefore(GetFilesystemRoot(), 0);  // a copy: what it refers to changes
   const auto levelBefore = Log::GetLogLevel();
-  std::ostringstream printed;
+  static std::ostringstream printed;
+  printed.str("");
   auto* const console = std::cout.rdbuf(printed.rdbuf());
-  const bool accepted = ParseCommandLine(static_cast<int>(exact.size()), arguments.data());
+  const bool accepted = ParseCommandLine(static_cast<int>(words.size()), arguments.data());
   std::cout.rdbuf(console);
 
   FUZZ_CHECK(accepted ? printed.str().empty() : printed.str().rfind("usage: rfidd [OPTION]\n", 0) == 0);
@@ -40,8 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string& root = GetFilesystemRoot();
   FUZZ_CHECK(anyOption || (accepted && Log::GetLogLevel() == levelBefore && root == rootBefore));
   FUZZ_CHECK(root == rootBefore || std::any_of(words.begin(), words.end(), [&](const auto& word) {
-               return word.size() >= root.size() &&
-                      word.substr(word.size() - root.size()) == root;  // -r is the last in its word
+               return std::string(word.data()).ends_with(root);  // -r is the last in its word
              }));
   return 0;
 }

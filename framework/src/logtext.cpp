@@ -50,7 +50,10 @@ void AppendLogText(fmt::memory_buffer& line, std::string_view text) {
       line.append(text.data(), text.data() + printable);
       text.remove_prefix(printable);
     } else {
-      fmt::format_to(std::back_inserter(line), "\\x{:02x}", static_cast<std::uint8_t>(text[0]));
+      constexpr char digits[] = "0123456789abcdef";
+      const auto byte = static_cast<std::uint8_t>(text[0]);
+      const char escaped[cEscapedLength] = {'\\', 'x', digits[byte >> 4U], digits[byte & 0xFU]};
+      line.append(escaped, escaped + cEscapedLength);
       text.remove_prefix(1);
     }
   }

@@ -66,14 +66,12 @@ bool IsLoopback(const std::string& host) {
 
 class Loader {
  public:
-  explicit Loader(const std::string& path) : mPath(path) {
-    std::error_code error;
-    const std::filesystem::path absolute = std::filesystem::absolute(path, error);
-    mRoot = absolute.lexically_normal().parent_path().parent_path();
-  }
+  explicit Loader(const std::string& path) : mPath(path) {}
 
-  RpcConfig Load() const {
-    const Json::Value document = Parse();
+  RpcConfig Load() const { return Parse(ReadFile()); }
+
+  RpcConfig Parse(const std::string& text) const {
+    const Json::Value document = ParseJson(text);
     static const std::set<std::string> known{"listen", "allowRemote", "peers", "configuration"};
     for (const std::string& key : document.getMemberNames()) {
       if (known.count(key) == 0) {
@@ -103,7 +101,7 @@ class Loader {
     throw Rpc::ConfigurationException(OneLine(mPath + ": " + where + ": " + reason));
   }
 
-  Json::Value Parse() const {
+  std::string ReadFile() const {
     struct stat status {};
     if (stat(mPath.c_str(), &status) != 0) {
       Fail("cannot be read", std::generic_category().message(errno));
@@ -125,6 +123,10 @@ class Loader {
     if (text.size() > kMaxFileSize) {
       Fail("cannot be read", "it is larger than 1 MiB");
     }
+    return text;
+  }
+
+  Json::Value ParseJson(const std::string& text) const {
     try {
       return ParseStrictJson(text);
     } catch (const std::exception& e) {
@@ -155,7 +157,13 @@ class Loader {
         Fail(key, "the path " + Quoted(text) + " has control characters");
       }
     }
-    return (mRoot / text).lexically_normal();
+    return (Root() / text).lexically_normal();
+  }
+
+  std::filesystem::path Root() const {
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(mPath, error);
+    return absolute.lexically_normal().parent_path().parent_path();
   }
 
   std::string Address(const std::string& text, const std::string& key) const {
@@ -213,11 +221,14 @@ class Loader {
   }
 
   const std::string mPath;
-  std::filesystem::path mRoot;
 };
 
 }  // namespace
 
 RpcConfig RpcConfig::Load(const std::string& path) {
   return Loader(path).Load();
+}
+
+RpcConfig RpcConfig::Parse(const std::string& text, const std::string& path) {
+  return Loader(path).Parse(text);
 }

@@ -11,13 +11,13 @@ namespace {
 
 constexpr int cDeepest = 64;  // the parser recurses, and a thread's stack may be small
 
-std::unique_ptr<Json::CharReader> MakeReader(int deepest, bool isWhole) {
+Json::CharReaderBuilder MakeBuilder(int deepest, bool isWhole) {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   builder["stackLimit"] = deepest;
   builder["strictRoot"] = isWhole;
   builder["skipBom"] = isWhole;
-  return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  return builder;
 }
 
 /// The parser's first error ("* Line 3, Column 7\n  Missing ...\n") in one line.
@@ -101,10 +101,12 @@ void CheckForNul(std::string_view text) {
 }  // namespace
 
 Json::Value ParseStrictJson(std::string_view text) {
+  static const Json::CharReaderBuilder builder = MakeBuilder(cDeepest, true);
   CheckForNul(text);
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value document;
   std::string errors;
-  if (!MakeReader(cDeepest, true)->parse(text.data(), text.data() + text.size(), &document, &errors)) {
+  if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors)) {
     throw std::runtime_error(FirstError(errors));
   }
   CheckNumbers(text);
@@ -119,7 +121,7 @@ void CheckStrictText(std::string_view text) {
   CheckNumbers(text);
 }
 
-JsonPartParser::JsonPartParser(int depth) : mReader(MakeReader(cDeepest - depth, false)) {}
+JsonPartParser::JsonPartParser(int depth) : mReader(MakeBuilder(cDeepest - depth, false).newCharReader()) {}
 
 Json::Value JsonPartParser::Parse(std::string_view part) const {
   Json::Value value;

@@ -13,4 +13,7 @@ struct RpcConfig {
   /// the folder above the "etc" folder that holds it, so that a root folder can be moved about. Throws
   /// Rpc::ConfigurationException naming file, key (or line and column) and reason.
   static RpcConfig Load(const std::string& path);
+
+  /// The same for `text`, as if the file at `path` said it.
+  static RpcConfig Parse(const std::string& text, const std::string& path);
 };
