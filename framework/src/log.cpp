@@ -6,41 +6,39 @@
 #undef LOG_WARNING
 
 #include <cxxabi.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/spdlog.h>
 #include <syslog.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <iterator>
+#include <mutex>
 
+#include "consolesink.h"
 #include "logtext.h"
+#include "logwriter.h"
 
 std::atomic<bool> Log::mConsoleLoggingEnabled{true};
 std::atomic<Log::ELogLevel> Log::mLevel{Log::ELogLevel::Info};
 
 namespace {
 
-struct Loggers {
-  std::shared_ptr<spdlog::logger> syslog;
-  std::shared_ptr<spdlog::logger> console;
+/// How long a critical line, and the end of the process, wait for the logs.
+constexpr std::chrono::seconds cPatience(2);
+
+struct Logs {
+  std::mutex order;  // lines come to both writers in the same order
+  LogWriter system;
+  LogWriter console;
+  std::atomic<bool> systemIsStuck{false};
+  std::atomic<bool> consoleIsStuck{false};
 };
 
-/// Never destroyed: destructors of static objects and the terminate handler log, too.
-Loggers& TheLoggers() {
-  static auto* loggers = new Loggers;
-  return *loggers;
-}
-
-std::atomic<bool> gOpen{false};
-
-std::shared_ptr<spdlog::logger> Register(const char* name, spdlog::sink_ptr sink) {
-  auto logger = std::make_shared<spdlog::logger>(name, std::move(sink));
-  logger->set_level(spdlog::level::trace);  // the level is Log's affair
-  logger->flush_on(spdlog::level::trace);
-  spdlog::register_logger(logger);
-  return logger;
-}
+/// Never destroyed: destructors of static objects and the terminate handler log, too, and a thread that a log
+/// holds up cannot be joined.
+std::atomic<Logs*> gLogs{nullptr};
+std::atomic<bool> gEnding{false};
 
 spdlog::level::level_enum ToSpdlog(Log::ELogLevel level) {
   switch (level) {
@@ -60,6 +58,26 @@ spdlog::level::level_enum ToSpdlog(Log::ELogLevel level) {
   return spdlog::level::critical;
 }
 
+/// What must not be lost waits for both logs. For one that is stuck only the first such line waits, so that
+/// the last words of a process, several lines, take two seconds at most together.
+void AwaitLogs(Logs& logs) {
+  const auto now = std::chrono::steady_clock::now();
+  logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + cPatience);
+  logs.consoleIsStuck = !logs.console.Flush(logs.consoleIsStuck ? now : now + cPatience);
+}
+
+std::shared_ptr<spdlog::logger> Register(const char* name, spdlog::sink_ptr sink) {
+  auto logger = std::make_shared<spdlog::logger>(name, std::move(sink));
+  logger->set_level(spdlog::level::trace);               // the level is Log's affair
+  logger->set_error_handler([](const std::string&) {});  // its own writes to the console, which may be stuck
+  spdlog::register_logger(logger);
+  return logger;
+}
+
+void Send(spdlog::logger& logger, const LogLine& line) {
+  logger.log(line.time, spdlog::source_loc{}, ToSpdlog(line.level), line.text);
+}
+
 void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::format_args args) {
   fmt::memory_buffer text;
   try {
@@ -75,20 +93,31 @@ void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::for
 }  // namespace
 
 void Log::Init(std::string name, ELogLevel level) {
-  gOpen = false;
-  Loggers& loggers = TheLoggers();
-  // The old ones go first: the system-log sink closes the process's one connection when it is destroyed.
-  spdlog::drop("syslog");
-  spdlog::drop("console");
-  loggers = {};
-
-  loggers.syslog = Register(
-      "syslog", std::make_shared<spdlog::sinks::syslog_sink_mt>(std::move(name), LOG_PID, LOG_DAEMON, false));
-  auto console = std::make_shared<spdlog::sinks::stderr_color_sink_mt>();
-  console->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%-8l%$ %v");
-  loggers.console = Register("console", std::move(console));
   mLevel = level;
-  gOpen.store(true, std::memory_order_release);
+  if (gLogs.load(std::memory_order_acquire) != nullptr) {
+    return;
+  }
+  auto systemSink =
+      std::make_shared<spdlog::sinks::syslog_sink_mt>(std::move(name), LOG_PID, LOG_DAEMON, false);
+  auto consoleSink = std::make_shared<ConsoleSink>();
+  const auto system = Register("syslog", std::move(systemSink));
+  const auto console = Register("console", consoleSink);
+  gLogs.store(new Logs{.order = {},
+                       .system{"log-system",
+                               [system](const LogLine& line) {
+                                 Send(*system, line);
+                                 return true;
+                               }},
+                       .console{"log-console",
+                                [console, consoleSink](const LogLine& line) {
+                                  Send(*console, line);
+                                  return consoleSink->TookLast();
+                                }}},
+              std::memory_order_release);
+  std::atexit([] {
+    gEnding = true;
+    AwaitLogs(*gLogs);
+  });
 }
 
 Log::ELogLevel Log::GetLowerLogLevel(ELogLevel level) {
@@ -111,7 +140,8 @@ std::unique_ptr<char, decltype(&std::free)> Log::Demangle(const char* name) {
 
 void Log::WriteLine(ELogLevel level, std::string_view file, int line, fmt::string_view format,
                     fmt::format_args args) noexcept {
-  if (!gOpen.load(std::memory_order_acquire)) {
+  Logs* const logs = gLogs.load(std::memory_order_acquire);
+  if (logs == nullptr) {
     return;
   }
   const int savedErrno = errno;  // a statement before "return errno" must not change it
@@ -122,14 +152,30 @@ void Log::WriteLine(ELogLevel level, std::string_view file, int line, fmt::strin
     }
     AppendStatement(text, format, args);
 
-    const spdlog::string_view_t view(text.data(), text.size());
-    const Loggers& loggers = TheLoggers();
-    loggers.syslog->log(ToSpdlog(level), view);
-    if (mConsoleLoggingEnabled.load(std::memory_order_relaxed)) {
-      loggers.console->log(ToSpdlog(level), view);
+    const auto written = std::make_shared<const LogLine>(
+        LogLine{level, std::chrono::system_clock::now(), fmt::to_string(text)});
+    {
+      const std::lock_guard order(logs->order);
+      logs->system.Push(written);
+      if (mConsoleLoggingEnabled.load(std::memory_order_relaxed)) {
+        logs->console.Push(written);
+      }
+    }
+    if (level == ELogLevel::Critical || gEnding) {
+      AwaitLogs(*logs);
     }
   } catch (...) {
     // Out of memory: nothing more can be said, and nobody but the log to say it to.
   }
   errno = savedErrno;
+}
+
+bool Log::Flush(std::chrono::milliseconds limit) {
+  Logs* const logs = gLogs.load(std::memory_order_acquire);
+  if (logs == nullptr) {
+    return true;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const bool system = logs->system.Flush(deadline);
+  return logs->console.Flush(deadline) && system;
 }

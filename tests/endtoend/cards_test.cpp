@@ -73,7 +73,7 @@ TEST_F(Cards, EveryKindOfCardHasItsOutcome) {
   EXPECT_TRUE(mSupervisor->WaitFor("token XYZ ERfidUidInvalid"));
   EXPECT_EQ(mSupervisor->Inject("04a1b2c3"), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("token 04A1B2C3 ERfidUidNotInList"));
-  const auto log = Log();
+  const auto log = LogUntilNow();
   for (const auto* line :
        {"info     \\(src/rfid.cpp:[0-9]+\\) Starting state machine\n",
         "trace    \\(src/rfid.cpp:[0-9]+\\) IRfidInjectToken\n",
@@ -90,8 +90,9 @@ TEST_F(Cards, LearningModeDivertsCardsUntilItIsSwitchedOff) {
   EXPECT_EQ(mSupervisor->Learning(true), "Ok");
   Tap("04A12B5C");
   EXPECT_TRUE(mSupervisor->WaitFor("learning 04A12B5C"));
-  EXPECT_THAT(Log(), ::testing::ContainsRegex(
-                         "info     .src/rfid.cpp:[0-9]+. Sending RfidLearningToken notif: 04A12B5C\n"));
+  EXPECT_THAT(
+      LogUntilNow(),
+      ::testing::ContainsRegex("info     .src/rfid.cpp:[0-9]+. Sending RfidLearningToken notif: 04A12B5C\n"));
   EXPECT_EQ(mSupervisor->Learning(false), "Ok");
   Tap("11223344");
   EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
@@ -115,8 +116,9 @@ TEST_F(Cards, TheConfigurationIsFollowedWhileTheDaemonRuns) {
 
 TEST_F(Cards, ForgedUidsDoNotForgeLogLines) {
   EXPECT_EQ(mSupervisor->Inject("04A12B5C\n2026 critical forged\x1b[2J"), "Ok");
-  EXPECT_TRUE(WaitForLog("04A12B5C\\x0a2026 critical forged\\x1b[2J"));
-  EXPECT_THAT(Log(), Not(HasSubstr("\n2026 critical forged")));
+  const auto log = LogUntilNow();
+  EXPECT_THAT(log, HasSubstr("04A12B5C\\x0a2026 critical forged\\x1b[2J"));
+  EXPECT_THAT(log, Not(HasSubstr("\n2026 critical forged")));
 }
 
 TEST_F(Cards, RequestsForCardsAreIllegalWhileDisabled) {

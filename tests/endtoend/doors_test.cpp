@@ -173,7 +173,7 @@ TEST_F(Doors, WhatIsTooLargeOrNoTextIsRefusedAndWhatIsOddReachesTheLogCutAndEsca
   EXPECT_EQ(mSupervisor->Inject(large), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("token " + large + " ERfidUidInvalid"));
   EXPECT_TRUE(WaitForLog("RfidToken notif: '04A1\\x0a\\x1b[2J\\xc2\\x9bBBBB"));
-  const auto log = Log();
+  const auto log = LogUntilNow();
   EXPECT_TRUE(std::none_of(log.begin(), log.end(), [](char character) {
     const auto byte = static_cast<unsigned char>(character);
     return (byte < 0x20 && character != '\n') || byte > 0x7F;

@@ -42,7 +42,7 @@ TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecoveredButNotEnabled) {
   std::erase(states, "token 04A12B5C ERfidUidNotInList");
   EXPECT_THAT(states, ElementsAre("Error", "Disabled"));
   EXPECT_FALSE(mKernel->GetStatus().Device().powered);
-  EXPECT_THAT(Log(), HasSubstr("Recovery successful."));
+  EXPECT_TRUE(WaitForLog("Recovery successful."));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
   Tap("11223344");
   EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
@@ -54,9 +54,8 @@ TEST_F(Lifecycle, AReaderThatIsGoneIsAFatalErrorWhichOnlyARestartEnds) {
   mKernel->Unplug();
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
-  EXPECT_THAT(Log(),
-              HasSubstr("Processing RFID error: Error in SendAndReceiveMsgs in StopPolling. with rc: 19:"));
-  EXPECT_THAT(Log(), HasSubstr("Recovery not possible."));
+  EXPECT_TRUE(WaitForLog("Processing RFID error: Error in SendAndReceiveMsgs in StopPolling. with rc: 19:"));
+  EXPECT_TRUE(WaitForLog("Recovery not possible."));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("FatalError", 3));
@@ -70,7 +69,7 @@ TEST_F(Lifecycle, WithoutAReaderEnablingFailsAndSucceedsOnceItIsThere) {
   EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));  // the one attempt to recover finds none either
-  EXPECT_THAT(Log(), HasSubstr("Could find trf7970a reader."));
+  EXPECT_TRUE(WaitForLog("Could find trf7970a reader."));
   EXPECT_EQ(Interrupt(), "exit 0");
   mKernel->Plug(0);
   StartDaemon();

@@ -17,7 +17,7 @@ TEST_F(Peers, NoneIsNeededAndOneThatComesLaterIsFound) {
   EnableDaemon();
   Tap("04A12B5C");
   EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
-  EXPECT_THAT(Log(), HasSubstr("Failed to trigger feedback event 'EFbTokenScanned'. Error: 'Feedback."));
+  EXPECT_TRUE(WaitForLog("Failed to trigger feedback event 'EFbTokenScanned'. Error: 'Feedback."));
   StartPeers();
   // Every signal's latest value comes to the peer that is back.
   EXPECT_TRUE(Eventually([this] { return !mPeers->SignalValues(ipc::ESignalRfidLastUid).empty(); }));
@@ -37,7 +37,7 @@ TEST_F(Peers, OneThatNeverAnswersOrDiesMidCallDelaysATokenButDoesNotCostIt) {
   mPeers->SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
   Tap("04A12B5C");
   EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
-  EXPECT_THAT(Log(), HasSubstr("DEADLINE_EXCEEDED"));
+  EXPECT_TRUE(WaitForLog("DEADLINE_EXCEEDED"));
   const auto before = mPeers->FeedbackEvents().size();
   Tap("11223344");
   EXPECT_TRUE(Eventually([&] { return mPeers->FeedbackEvents().size() > before; }));

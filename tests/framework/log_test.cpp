@@ -2,15 +2,22 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/spdlog.h>
 
 #include <cerrno>
+#include <functional>
+#include <mutex>
 #include <thread>
+#include <vector>
 
+#include "framework/handover.h"
 #include "framework/interfaces.h"
 #include "framework/logcapture.h"
 
 namespace {
 
+using namespace handover;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Line = LogCapture::Line;
@@ -20,6 +27,20 @@ using Level = Log::ELogLevel;
 struct Probe {
   int* formatted;
   bool fails = false;
+};
+
+class CallbackSink : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  explicit CallbackSink(std::function<void(const std::string&)> callback) : mCallback(std::move(callback)) {}
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    mCallback(std::string(message.payload.data(), message.payload.size()));
+  }
+  void flush_() override {}
+
+ private:
+  const std::function<void(const std::string&)> mCallback;
 };
 
 }  // namespace
@@ -60,6 +81,67 @@ TEST(Log, EveryLineGoesToBothLogsAtItsLevel) {
                                             Line{4, "number 3"}, Line{3, "number 4"}, Line{2, "number 5"}));
   EXPECT_THAT(capture.Console(), ElementsAre(Line{0, "number 0"}, Line{1, "number 1"}, Line{2, "number 2"},
                                              Line{3, "number 3"}, Line{4, "number 4"}, Line{5, "number 5"}));
+}
+
+TEST(Log, BothLogsHaveTheLinesOfAllThreadsInTheSameOrder) {
+  const LogCapture capture;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([thread] {
+      for (int i = 0; i < 500; ++i) {
+        Log::Info("thread {} line {}", thread, i);
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  const auto texts = [](const std::vector<Line>& lines) {
+    std::vector<std::string> result;
+    for (const auto& line : lines) {
+      result.push_back(line.text);
+    }
+    return result;
+  };
+  const auto system = texts(capture.System());
+  EXPECT_EQ(system.size(), 2000U);
+  EXPECT_EQ(system, texts(capture.Console()));
+}
+
+TEST(Log, AConsoleThatIsStuckCostsTheSystemLogNothing) {
+  LogCapture capture;  // what was logged before is written: the sinks may change
+  auto& console = spdlog::get("console")->sinks();
+  auto& system = spdlog::get("syslog")->sinks();
+  Gate gate;
+  Mailbox<std::string> taken;
+  console.push_back(std::make_shared<CallbackSink>([&](const std::string&) { gate.Pass(); }));
+  system.push_back(std::make_shared<CallbackSink>([&](const std::string& text) { taken.Put(text); }));
+  for (int i = 0; i < 1000; ++i) {
+    Log::Info("{}", i);
+    ASSERT_EQ(taken.Take(), std::to_string(i));
+  }
+  EXPECT_FALSE(Log::Flush(std::chrono::milliseconds(1)));
+  for (int i = 0; i < 1000; ++i) {  // would be over in half an hour if each waited for the console
+    Log::Critical("the end");
+    ASSERT_EQ(taken.Take(Clock::duration::zero()), "the end") << "it was not waited for the system log";
+  }
+  gate.Open();
+  EXPECT_EQ(capture.Console().size(), 2000U);
+  console.pop_back();
+  system.pop_back();
+}
+
+TEST(Log, ARegularEndWaitsForTheLogs) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        Log::Init("test", Level::Info);
+        for (int i = 0; i < 1000; ++i) {
+          Log::Info("number {}", i);
+        }
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "info     number 0\n(.*\n)+.*info     number 999\n$");
 }
 
 TEST(Log, QuietSilencesTheConsoleOnly) {

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <stdexcept>
 
 namespace {
 
@@ -19,6 +20,13 @@ void TakeSystemLine(int priority, const char* format, va_list args) {
   vsnprintf(text, sizeof text, format, args);
   const std::lock_guard lock(gMutex);
   gSystem.push_back({priority, text});
+}
+
+/// Lines are on their way for a moment.
+void AwaitLines() {
+  if (!Log::Flush(std::chrono::seconds(120))) {
+    throw std::runtime_error("what was logged does not come to the logs");
+  }
 }
 
 class ConsoleSink : public spdlog::sinks::base_sink<std::mutex> {
@@ -65,11 +73,13 @@ LogCapture::~LogCapture() {
 }
 
 std::vector<LogCapture::Line> LogCapture::System() const {
+  AwaitLines();
   const std::lock_guard lock(gMutex);
   return gSystem;
 }
 
 std::vector<LogCapture::Line> LogCapture::Console() const {
+  AwaitLines();
   const std::lock_guard lock(gMutex);
   return gConsole;
 }
@@ -85,6 +95,7 @@ std::vector<std::string> LogCapture::Texts(Log::ELogLevel level) const {
 }
 
 void LogCapture::Clear() {
+  AwaitLines();
   const std::lock_guard lock(gMutex);
   gSystem.clear();
   gConsole.clear();

@@ -51,7 +51,7 @@ void Station::StartPeers() {
 }
 
 std::unique_ptr<Process> Station::Spawn(const std::vector<std::string>& arguments) {
-  if (std::filesystem::exists(Path("log"))) {
+  if (std::filesystem::is_regular_file(Path("log"))) {
     std::filesystem::rename(Path("log"), Path(fmt::format("log.{}", ++mEarlierLogs)));
   }
   auto command = mLauncher;
@@ -92,6 +92,22 @@ bool Station::IsTold(const std::string& notification) {
            return isTold(std::chrono::seconds(1)) || mDaemon->Wait(std::chrono::seconds(0)).has_value();
          }) &&
          isTold(std::chrono::seconds(0));
+}
+
+std::string Station::Log() const {
+  return std::filesystem::is_regular_file(Path("log")) ? ReadFile(Path("log")) : "";
+}
+
+std::string Station::LogUntilNow() {
+  const int level = 1000 + ++mLogMarks;
+  mSupervisor->SetLogLevel(static_cast<ipc::ELogLevel>(level));  // refused with a line
+  const auto mark = fmt::format("Log level {} does not exist", level);
+  std::string log;
+  Eventually([&] {
+    log = Log();
+    return log.find(mark) != std::string::npos;
+  });
+  return log;
 }
 
 std::string Station::EndDaemon() {

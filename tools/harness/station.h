@@ -35,7 +35,7 @@ class Station {
   void StopPeers() { mPeers.reset(); }
 
   /// rfidd with these arguments, its standard output in the file "output", its standard error in "log", where
-  /// the last one's becomes "log.1", "log.2" and so on.
+  /// the last one's becomes "log.1", "log.2" and so on. A pipe of that name stays and is the console.
   std::unique_ptr<Process> Spawn(const std::vector<std::string>& arguments);
   /// Starts the peers unless they run, the daemon and a supervisor; false when that one is not told that
   /// the daemon runs.
@@ -54,8 +54,11 @@ class Station {
   const Process& Daemon() const { return *mDaemon; }
   bool HasDaemon() const { return mDaemon != nullptr; }
 
-  /// What the daemon that was started last has written to its console.
-  std::string Log() const { return ReadFile(Path("log")); }
+  /// What the daemon that was started last has written to its console; nothing when that is a pipe. The lines
+  /// of a daemon that runs come a moment later than what they tell of.
+  std::string Log() const;
+  /// What the daemon, which runs, has logged until now. Ends with a line of the request that finds it out.
+  std::string LogUntilNow();
 
  protected:
   std::filesystem::path mRoot;
@@ -72,4 +75,5 @@ class Station {
   const std::vector<std::string> mLauncher;
   bool mIsKept = false;
   unsigned mEarlierLogs = 0;
+  int mLogMarks = 0;
 };

@@ -277,6 +277,9 @@ void Soak::Disable() {
 }
 
 void Soak::StopDaemon(int signal) {
+  if (signal == SIGKILL) {
+    mStation.LogUntilNow();  // nothing is on its way to the log then
+  }
   mStation.Daemon().Signal(signal);
   Require(AwaitTold("tokens ended"), "the daemon's end ends its notifications");
   const auto end = mStation.EndDaemon();

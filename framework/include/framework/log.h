@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -15,6 +16,12 @@ class ILogConfig;
 /// console (standard error).
 ///
 /// Threads: every function may be called from any thread; only Init belongs before the other threads start.
+/// A statement does not wait for the logs: it formats its line and leaves it to the thread of each log
+/// ("log-system", "log-console"), in the same order for both. A log that takes nothing for long loses its
+/// oldest lines, and says how many where they are missing; the other log has them. What is waiting when the
+/// process is killed is lost. Critical statements, and the regular end of the process, wait until both logs
+/// are written, two seconds at most.
+///
 /// A statement below the level costs one atomic load and formats nothing. One statement writes one line:
 /// control characters in it are written as \xNN and over-long lines are cut, so that no text from outside
 /// forges log lines. Statements never throw.
@@ -22,9 +29,14 @@ class Log {
  public:
   enum class ELogLevel { Trace = 0, Debug = 1, Info = 2, Warning = 3, Error = 4, Critical = 5 };
 
-  /// Opens the two loggers. `name` identifies the process in the system log. Before Init nothing is written.
-  /// The loggers are registered with spdlog as "syslog" and "console", for whoever wants to add a sink.
+  /// Opens the two logs, once in a process; later calls only set the level. `name` identifies the process in
+  /// the system log. Before Init nothing is written. The loggers are registered with spdlog as "syslog" and
+  /// "console", for whoever wants to add a sink before the first statement. Throws std::system_error when
+  /// there are no threads for them.
   static void Init(std::string name, ELogLevel level);
+
+  /// Waits until everything stated before is in both logs; false when that takes longer than `limit`.
+  static bool Flush(std::chrono::milliseconds limit);
 
   /// The next more verbose level; Trace is its own.
   static ELogLevel GetLowerLogLevel(ELogLevel level);

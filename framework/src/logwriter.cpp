@@ -1,0 +1,100 @@
+#include "logwriter.h"
+
+#include <fmt/format.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <exception>
+#include <utility>
+
+#include "framework/thread.h"
+
+namespace {
+
+/// What a line takes while it waits, about: with what the allocator and the queue need for it.
+std::size_t SizeOf(const LogLine& line) {
+  constexpr std::size_t bookkeeping = 64;
+  return sizeof(LogLine) + line.text.capacity() + bookkeeping;
+}
+
+}  // namespace
+
+LogWriter::LogWriter(std::string threadName, Write write)
+    : mWrite(std::move(write)), mThread([this, name = std::move(threadName)] { Run(name); }) {}
+
+LogWriter::~LogWriter() {
+  {
+    const std::lock_guard lock(mMutex);
+    mStopping = true;
+  }
+  mWake.notify_one();
+  mThread.join();
+}
+
+void LogWriter::Push(std::shared_ptr<const LogLine> line) {
+  {
+    const std::lock_guard lock(mMutex);
+    const std::size_t size = SizeOf(*line);
+    mLines.push_back(std::move(line));
+    mBytes += size;
+    ++mPushed;
+    while (mBytes > cLogBacklog) {
+      mBytes -= SizeOf(*mLines.front());
+      mLines.pop_front();
+      ++mDropped;
+    }
+  }
+  mWake.notify_one();
+}
+
+bool LogWriter::Flush(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock lock(mMutex);
+  return mProgress.wait_until(lock, deadline, [this, last = mPushed] {
+    const std::uint64_t taken = mPushed - mLines.size();
+    return taken >= last && (mInHand == 0 || mInHand > last);
+  });
+}
+
+void LogWriter::Run(const std::string& threadName) {
+  SetThreadName(threadName.c_str());
+  sigset_t signals;
+  sigfillset(&signals);
+  pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+
+  std::unique_lock lock(mMutex);
+  for (;;) {
+    mWake.wait(lock, [this] { return mStopping || !mLines.empty(); });
+    if (mStopping) {
+      return;
+    }
+    auto line = std::move(mLines.front());
+    mLines.pop_front();
+    mBytes -= SizeOf(*line);
+    mInHand = mPushed - mLines.size();
+    const std::size_t dropped = std::exchange(mDropped, 0);
+    lock.unlock();
+    const bool written = WriteAfterGap(dropped, *line);
+    line.reset();
+    lock.lock();
+    if (!written) {
+      mDropped += dropped + 1;
+    }
+    mInHand = 0;
+    mProgress.notify_all();
+  }
+}
+
+/// The line that says what is missing has the time of the one after the gap, so that times do not jump back.
+bool LogWriter::WriteAfterGap(std::size_t dropped, const LogLine& line) const {
+  try {
+    if (dropped > 0 && Log::IsEnabled(Log::ELogLevel::Warning)) {
+      const auto text = fmt::format("{} log lines were dropped: this log did not take them.", dropped);
+      if (!mWrite({Log::ELogLevel::Warning, line.time, text})) {
+        return false;
+      }
+    }
+    return mWrite(line);
+  } catch (const std::exception&) {  // out of memory
+    return false;
+  }
+}
