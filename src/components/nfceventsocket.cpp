@@ -73,9 +73,7 @@ CNfcEventSocket::Failure CNfcEventSocket::SetUp(int group) {
     const std::lock_guard lock(mMutex);
     mSocket.reset(nl_socket_alloc());
   }
-  auto failure = Connect(group);
-  if (!failure.text.empty()) {
-    Close();
+  if (auto failure = Connect(group); failure.code != 0) {
     return failure;
   }
   {

@@ -40,7 +40,7 @@ class CNfcEventSocket {
 
   // The monitor's thread.
 
-  /// Connects and joins the multicast group. After a failure the socket is closed.
+  /// Connects and joins the multicast group. After a failure, AwaitSetUp waits until Close.
   Failure SetUp(int group);
   /// Sleeps until an event can be read, somebody wakes the monitor, or the time has come. False when the time
   /// has come.

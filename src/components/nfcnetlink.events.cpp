@@ -51,7 +51,8 @@ void CNfcNetlink::MonitorEvents() {
   LOG_TRACE("{}::{}", ClassName, __func__);
   LOG_DEBUG("Notifying that the event socket is ready");
   if (const auto failure = mEvents.SetUp(mMulticastGroupId); failure.code != 0) {
-    LOG_ERROR("{}", failure.text);  // StartPolling finds the socket gone and fails
+    LOG_ERROR("{}", failure.text);
+    mEvents.Close();  // StartPolling finds the socket gone and fails
     return;
   }
   ReceiveEvents();
