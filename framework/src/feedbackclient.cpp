@@ -11,10 +11,24 @@
 
 namespace {
 
-std::chrono::system_clock::time_point InSeconds(int seconds) {
-  return std::chrono::system_clock::now() + std::chrono::seconds(seconds);
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+/// What a call gets of a peer that lets calls wait in vain.
+constexpr milliseconds kShortPatience{250};
+
+std::chrono::system_clock::time_point In(milliseconds time) {
+  return std::chrono::system_clock::now() + time;
 }
 
+/// Whether the status came from the peer.
+bool IsAnswer(const grpc::Status& status) {
+  return status.error_code() != grpc::StatusCode::DEADLINE_EXCEEDED &&
+         status.error_code() != grpc::StatusCode::UNAVAILABLE;
+}
+
+/// A hanging peer must not cost every card the whole timeout: once a call has waited in vain, each gets
+/// kShortPatience, connecting included, until the peer answers one.
 class FeedbackProxy final : public IFeedback {
  public:
   FeedbackProxy(std::string name, std::string address)
@@ -25,13 +39,18 @@ class FeedbackProxy final : public IFeedback {
 
   ipc::MResult TriggerFeedbackEvent(const ipc::MFbEventType& event) override {
     static const char* const operation = "TriggerFeedbackEvent";
-    grpc::Status status = Connect();
+    const auto start = Clock::now();
+    const bool hangs = mHangs;
+    const milliseconds patience = Limit(mConnectTimeout, hangs);
+    const auto connectDeadline = In(patience);
+    grpc::Status status = Connect(connectDeadline, patience);
     ipc::MResult result;
     if (status.ok()) {
       grpc::ClientContext context;
-      context.set_deadline(InSeconds(mCallTimeout));
+      context.set_deadline(hangs ? connectDeadline : In(Limit(mCallTimeout, false)));
       status = mStub->TriggerFeedbackEvent(&context, event, &result);
     }
+    Judge(status, Clock::now() - start);
     if (!status.ok()) {
       throw Rpc::CommunicationException(mName + "." + operation + ": " + StatusText(status) + " (" +
                                         mAddress + ")");
@@ -43,11 +62,14 @@ class FeedbackProxy final : public IFeedback {
   std::atomic<int> mCallTimeout{5};
 
  private:
-  // Waits while it is open whether the peer is there. A peer that is known to be absent fails at once: gRPC
-  // goes on trying by itself.
-  grpc::Status Connect() {
-    const int timeout = mConnectTimeout;
-    const auto deadline = InSeconds(timeout);
+  static milliseconds Limit(int seconds, bool hangs) {
+    const milliseconds timeout = std::chrono::seconds(seconds);
+    return hangs ? std::min(timeout, kShortPatience) : timeout;
+  }
+
+  // While the channel is still connecting, waits for the result. A peer that is known to be absent fails at
+  // once: gRPC goes on trying by itself.
+  grpc::Status Connect(std::chrono::system_clock::time_point deadline, milliseconds patience) {
     for (;;) {
       const grpc_connectivity_state state = mChannel->GetState(true);
       if (state == GRPC_CHANNEL_READY) {
@@ -58,8 +80,21 @@ class FeedbackProxy final : public IFeedback {
       }
       if (!mChannel->WaitForStateChange(state, deadline)) {
         return {grpc::StatusCode::DEADLINE_EXCEEDED,
-                "no connection within " + std::to_string(timeout) + " s"};
+                "no connection within " + std::to_string(patience.count()) + " ms"};
       }
+    }
+  }
+
+  // An absent peer fails a call at once, which says nothing. One that died while a call waited counts as
+  // hanging until it answers.
+  void Judge(const grpc::Status& status, Clock::duration taken) {
+    if (IsAnswer(status)) {
+      if (mHangs.exchange(false)) {
+        RpcLogging::Info(mName + " answers again (" + mAddress + ")");
+      }
+    } else if (taken >= kShortPatience && !mHangs.exchange(true)) {
+      RpcLogging::Warning(mName + " does not answer, each call gets " +
+                          std::to_string(kShortPatience.count()) + " ms until it does (" + mAddress + ")");
     }
   }
 
@@ -67,6 +102,7 @@ class FeedbackProxy final : public IFeedback {
   const std::string mAddress;
   const std::shared_ptr<grpc::Channel> mChannel;
   const std::unique_ptr<ipc::Feedback::Stub> mStub;
+  std::atomic<bool> mHangs{false};
 };
 
 class FeedbackClient final : public IClient<IFeedback> {

@@ -55,6 +55,11 @@ std::shared_ptr<grpc::Channel> MakePeerChannel(const std::string& name, const st
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 2000);
   // The peers are on this station; a proxy in the environment is for others.
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  // A peer whose process is frozen does not answer pings: the call that waits fails before its five seconds
+  // are over. Pings go out only while a call waits, because servers disconnect clients that ping idle
+  // connections.
+  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIME_MS, 2000);
+  arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 2000);
   return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
 }
 

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <set>
 
 #include "framework/diagnostics.h"
@@ -42,9 +41,11 @@ struct FeedbackService final : ipc::Feedback::Service {
                                     ipc::MResult* result) override {
     mEvents.Put(event->type());
     mGate.Pass();
+    std::this_thread::sleep_for(mSlowness.load());
     result->set_result(ipc::EResultIllegal);
     return grpc::Status(mStatus, "");
   }
+  std::atomic<milliseconds> mSlowness{milliseconds(0)};
   std::atomic<grpc::StatusCode> mStatus{grpc::StatusCode::OK};
   Mailbox<ipc::EFbEventType> mEvents;
   Gate mGate;
@@ -89,16 +90,32 @@ struct PeerServer {
   std::unique_ptr<grpc::Server> mServer;
 };
 
+/// A socket that takes connections and does nothing with them by itself.
+struct Listener {
+  explicit Listener(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(bind(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(listen(mSocket, 5), 0);
+  }
+  ~Listener() { close(mSocket); }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  const int mSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
 class FeedbackClientTest : public testing::Test {
  protected:
   FeedbackClientTest() { MakeClient(); }
 
   /// Times out after so many seconds; never, on whatever machine, where that is not what is tested.
   void MakeClient(int connectTimeout = 60, int callTimeout = 60) {
-    auto client = mHost.CreateClient<IFeedback>("Feedback");
-    client->SetConnectTimeout(connectTimeout);
-    client->SetCallTimeout(callTimeout);
-    mFeedback = client->GetInterface();  // outlives its client
+    mClient = mHost.CreateClient<IFeedback>("Feedback");
+    mClient->SetConnectTimeout(connectTimeout);
+    mClient->SetCallTimeout(callTimeout);
+    mFeedback = mClient->GetInterface();
   }
 
   std::string ErrorOfCall(ipc::EFbEventType type = ipc::EFbAuthAccepted) {
@@ -115,6 +132,7 @@ class FeedbackClientTest : public testing::Test {
   const Root mRoot;
   const std::string mAddress = "unix:" + mRoot.At("feedback.sock");
   AppCommunicationHost<GrpcBackend> mHost{mRoot.Listen()};
+  std::shared_ptr<IClient<IFeedback>> mClient;
   std::shared_ptr<IFeedback> mFeedback;
   FeedbackService mService;
 };
@@ -157,6 +175,7 @@ TEST_F(FeedbackClientTest, EveryStatusOfAPeerHasANameOfItsOwn) {
   std::set<std::string> errors;
   for (int code = grpc::StatusCode::CANCELLED; code <= grpc::StatusCode::UNAUTHENTICATED; ++code) {
     mService.mStatus = static_cast<grpc::StatusCode>(code);
+    MakeClient();  // with all of its patience, whatever the machine did meanwhile
     errors.insert(ErrorOfCall());
   }
   EXPECT_EQ(errors.size(), 16U);
@@ -183,16 +202,50 @@ TEST_F(FeedbackClientTest, APeerThatDoesNotAnswerOrDiesInTheCallEndsTheCall) {
   EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE"));
 }
 
+TEST_F(FeedbackClientTest, APeerThatHangsCostsOneCallItsTimeoutUntilItAnswersAgain) {
+  const PeerServer peer(mAddress, "Feedback", mService);
+  const auto lines = std::make_shared<Lines>();
+  GrpcBackend::SetLogger(lines);
+  mService.mGate.Open();
+  EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+  mService.mSlowness = seconds(2);
+  mClient->SetCallTimeout(1);
+  EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"));
+  mClient->SetConnectTimeout(3600);
+  mClient->SetCallTimeout(3600);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED")) << "it would have answered within two seconds";
+  }
+  mService.mSlowness = milliseconds(0);
+  EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+  mService.mSlowness = seconds(2);
+  EXPECT_EQ(ErrorOfCall(), "") << "the patience is back";
+  GrpcBackend::SetLogger(nullptr);
+  const auto text = lines->Text();
+  EXPECT_EQ(text, "warning: Feedback does not answer, each call gets 250 ms until it does (" + mAddress +
+                      ")\ninfo: Feedback answers again (" + mAddress + ")\n");
+}
+
+TEST_F(FeedbackClientTest, APeerWhoseProcessIsFrozenIsFoundBeforeTheCallsTimeout) {
+  Listener listener(mRoot.At("feedback.sock"));
+  std::thread frozen([&] {
+    const int connection = accept4(listener.mSocket, nullptr, nullptr, SOCK_CLOEXEC);
+    // The beginning of HTTP/2, an empty SETTINGS frame, and not a byte more.
+    const std::string settings("\0\0\0\4\0\0\0\0\0", 9);
+    EXPECT_EQ(write(connection, settings.data(), settings.size()), 9);
+    char byte = 0;
+    while (read(connection, &byte, 1) == 1) {
+    }
+    close(connection);
+  });
+  EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE: keepalive"));
+  frozen.join();
+}
+
 TEST_F(FeedbackClientTest, APeerThatAcceptsAndSaysNothingEndsTheCallWithinTheConnectTimeout) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, mRoot.At("feedback.sock").c_str(), sizeof(address.sun_path) - 1);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  ASSERT_EQ(listen(fd, 5), 0);
+  const Listener listener(mRoot.At("feedback.sock"));
   MakeClient(1);
-  EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED: no connection within 1 s"));
-  close(fd);
+  EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED: no connection within 1000 ms"));
 }
 
 TEST_F(FeedbackClientTest, APeerThatTheConfigurationDoesNotNameIsAConfigurationError) {

@@ -63,29 +63,6 @@ struct ControlClient {
   ipc::MResult result;
 };
 
-/// Keeps what the framework logs.
-struct Lines final : Rpc::ILogger {
-  void Critical(const std::string& message) override { Put("critical", message); }
-  void Error(const std::string& message) override { Put("error", message); }
-  void Warning(const std::string& message) override { Put("warning", message); }
-  void Info(const std::string& message) override { Put("info", message); }
-  void Debug(const std::string& message) override { Put("debug", message); }
-  void Trace(const std::string& message) override { Put("trace", message); }
-
-  void Put(const std::string& level, const std::string& message) {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mText += level + ": " + message + "\n";
-  }
-  std::string Text() {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mText;
-  }
-
- private:
-  std::mutex mMutex;
-  std::string mText;
-};
-
 /// Enable requests that are on their way at once.
 class Flood {
  public:

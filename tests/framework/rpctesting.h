@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -88,6 +89,29 @@ inline std::shared_ptr<grpc::Channel> ChannelTo(const std::string& address, cons
 /// A call's context; no call in these tests goes on for ever.
 struct Context : grpc::ClientContext {
   Context() { set_deadline(std::chrono::system_clock::now() + seconds(100)); }
+};
+
+/// Keeps what the framework logs.
+struct Lines final : Rpc::ILogger {
+  void Critical(const std::string& message) override { Put("critical", message); }
+  void Error(const std::string& message) override { Put("error", message); }
+  void Warning(const std::string& message) override { Put("warning", message); }
+  void Info(const std::string& message) override { Put("info", message); }
+  void Debug(const std::string& message) override { Put("debug", message); }
+  void Trace(const std::string& message) override { Put("trace", message); }
+
+  void Put(const std::string& level, const std::string& message) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mText += level + ": " + message + "\n";
+  }
+  std::string Text() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mText;
+  }
+
+ private:
+  std::mutex mMutex;
+  std::string mText;
 };
 
 /// A TCP port that is free now.

@@ -48,7 +48,8 @@ class IClient {
  public:
   virtual ~IClient() = default;
   /// How long a call waits for an absent peer to come into reach, and how long for its answer, in seconds.
-  /// A peer that is known to be absent fails a call at once.
+  /// A peer that is known to be absent fails a call at once. One that let a call wait in vain gets a quarter
+  /// of a second for each, connecting included, until it answers one.
   virtual void SetConnectTimeout(int seconds) = 0;
   virtual void SetCallTimeout(int seconds) = 0;
   virtual std::shared_ptr<Interface> GetInterface() = 0;
