@@ -55,7 +55,9 @@ struct Message {
 
 class NfcClient {
  public:
-  NfcClient() : mSocket(nl_socket_alloc()) {
+  /// The numbers are those that the simulated kernel gives.
+  explicit NfcClient(int family = kFamily, std::uint32_t group = kGroup)
+      : mFamily(family), mGroup(group), mSocket(nl_socket_alloc()) {
     const int result = genl_connect(mSocket.get());
     if (result != 0) throw std::runtime_error(std::string("genl_connect: ") + nl_geterror(result));
     nl_socket_disable_seq_check(mSocket.get());
@@ -66,15 +68,15 @@ class NfcClient {
   std::uint32_t Port() const { return nl_socket_get_local_port(mSocket.get()); }
   void Close() { mSocket.reset(); }
   void JoinEvents() const {
-    if (nl_socket_add_membership(mSocket.get(), kGroup) != 0)
+    if (nl_socket_add_membership(mSocket.get(), static_cast<int>(mGroup)) != 0)
       throw std::runtime_error("cannot join the events");
   }
 
   /// A request with u32 attributes. @returns its length, or a negative libnl code
   int Send(std::uint8_t command, const std::vector<std::pair<int, std::uint32_t>>& attributes = {},
-           int flags = NLM_F_REQUEST | NLM_F_ACK, int family = kFamily) const {
+           int flags = NLM_F_REQUEST | NLM_F_ACK, std::optional<int> family = std::nullopt) const {
     const std::unique_ptr<nl_msg, NlMessageDeleter> message(nlmsg_alloc());
-    genlmsg_put(message.get(), NL_AUTO_PORT, 77, family, 0, flags, command, 1);
+    genlmsg_put(message.get(), NL_AUTO_PORT, 77, family.value_or(mFamily), 0, flags, command, 1);
     for (const auto& [type, value] : attributes) nla_put_u32(message.get(), type, value);
     nlmsg_hdr(message.get())->nlmsg_pid = Port();
     return nl_send(mSocket.get(), message.get());
@@ -139,6 +141,8 @@ class NfcClient {
   }
 
  private:
+  int mFamily;
+  std::uint32_t mGroup;
   std::unique_ptr<nl_sock, NlSocketDeleter> mSocket;
 };
 

@@ -13,8 +13,7 @@
 #include "framework/rpcconfig.h"
 #include "tools/common/channel.h"
 
-Station::Station(const std::string& name, const virtualnfc::VirtualNfcSettings& settings,
-                 std::vector<std::string> launcher)
+StationOnKernel::StationOnKernel(const std::string& name, std::vector<std::string> launcher)
     : mPrograms(std::filesystem::read_symlink("/proc/self/exe").parent_path()),
       mLauncher(std::move(launcher)) {
   std::string folder = std::filesystem::temp_directory_path() / (name + "-XXXXXX");
@@ -29,10 +28,9 @@ Station::Station(const std::string& name, const virtualnfc::VirtualNfcSettings& 
     "peers": { "Feedback": "unix:run/feedback.sock", "Diagnostics": "unix:run/diagnostics.sock" },
     "configuration": "hub"
   })");
-  mKernel = std::make_unique<virtualnfc::VirtualNfc>(settings);
 }
 
-Station::~Station() {
+StationOnKernel::~StationOnKernel() {
   mSupervisor.reset();
   mDaemon.reset();
   if (!mIsKept) {
@@ -41,35 +39,26 @@ Station::~Station() {
   }
 }
 
-void Station::WriteFile(const std::string& name, const std::string& content) const {
+void StationOnKernel::WriteFile(const std::string& name, const std::string& content) const {
   std::ofstream(Path("new")) << content;
   std::filesystem::rename(Path("new"), Path(name));
 }
 
-void Station::StartPeers() {
+void StationOnKernel::StartPeers() {
   mPeers = std::make_unique<VirtualStation>(LoadRpcConfig(mRoot).peers);
 }
 
-std::unique_ptr<Process> Station::Spawn(const std::vector<std::string>& arguments) {
+std::unique_ptr<Process> StationOnKernel::Spawn(const std::vector<std::string>& arguments) {
   if (std::filesystem::is_regular_file(Path("log"))) {
     std::filesystem::rename(Path("log"), Path(fmt::format("log.{}", ++mEarlierLogs)));
   }
   auto command = mLauncher;
   command.push_back(mPrograms / "rfidd");
   command.insert(command.end(), arguments.begin(), arguments.end());
-  // The address sanitizer wants to be the first library of a process; here the preload is.
-  const char* options = getenv("ASAN_OPTIONS");
-  return std::make_unique<Process>(
-      command,
-      std::map<std::string, std::string>{
-          {"LD_PRELOAD", mPrograms / "virtual-nfc-preload.so"},
-          {"VIRTUAL_NFC_SOCKET", mKernel->Address()},
-          {"ASAN_OPTIONS",
-           (options == nullptr ? "" : std::string(options) + ":") + "verify_asan_link_order=0"}},
-      Path("output"), Path("log"));
+  return std::make_unique<Process>(command, DaemonEnvironment(), Path("output"), Path("log"));
 }
 
-bool Station::StartDaemon(std::vector<std::string> arguments) {
+bool StationOnKernel::StartDaemon(std::vector<std::string> arguments) {
   if (!mPeers) {
     StartPeers();
   }
@@ -79,12 +68,12 @@ bool Station::StartDaemon(std::vector<std::string> arguments) {
   return IsTold("listening") && IsTold("Uninitialized");
 }
 
-bool Station::EnableDaemon() {
+bool StationOnKernel::EnableDaemon() {
   return mSupervisor->Disable() == "Ok" && IsTold("Disabled") && mSupervisor->Enable() == "Ok" &&
          IsTold("Enabled");
 }
 
-bool Station::IsTold(const std::string& notification) {
+bool StationOnKernel::IsTold(const std::string& notification) {
   const auto isTold = [&](std::chrono::seconds limit) {
     return mSupervisor->WaitFor(notification, 1, limit);
   };
@@ -94,11 +83,11 @@ bool Station::IsTold(const std::string& notification) {
          isTold(std::chrono::seconds(0));
 }
 
-std::string Station::Log() const {
+std::string StationOnKernel::Log() const {
   return std::filesystem::is_regular_file(Path("log")) ? ReadFile(Path("log")) : "";
 }
 
-std::string Station::LogUntilNow() {
+std::string StationOnKernel::LogUntilNow() {
   const int level = 1000 + ++mLogMarks;
   mSupervisor->SetLogLevel(static_cast<ipc::ELogLevel>(level));  // refused with a line
   const auto mark = fmt::format("Log level {} does not exist", level);
@@ -110,11 +99,30 @@ std::string Station::LogUntilNow() {
   return log;
 }
 
-std::string Station::EndDaemon() {
+std::string StationOnKernel::EndDaemon() {
   auto end = mDaemon->Wait().value_or("still running");
   mSupervisor.reset();
   mDaemon.reset();
   return end;
+}
+
+Station::Station(const std::string& name, const virtualnfc::VirtualNfcSettings& settings,
+                 std::vector<std::string> launcher)
+    : StationOnKernel(name, std::move(launcher)),
+      mKernel(std::make_unique<virtualnfc::VirtualNfc>(settings)) {}
+
+Station::~Station() {
+  mSupervisor.reset();
+  mDaemon.reset();  // before its kernel
+}
+
+std::map<std::string, std::string> Station::DaemonEnvironment() const {
+  // The address sanitizer wants to be the first library of a process; here the preload is.
+  const char* options = getenv("ASAN_OPTIONS");
+  return {
+      {"LD_PRELOAD", mPrograms / "virtual-nfc-preload.so"},
+      {"VIRTUAL_NFC_SOCKET", mKernel->Address()},
+      {"ASAN_OPTIONS", (options == nullptr ? "" : std::string(options) + ":") + "verify_asan_link_order=0"}};
 }
 
 bool Station::Tap(const virtualnfc::Tag& tag) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,19 +11,18 @@
 #include "tools/virtual-station/virtualstation.h"
 #include "virtualnfc.h"
 
-/// A station in a folder of its own: kernel, feedback and diagnostics services, configuration, the real
-/// daemon and its supervisor. One thread.
+/// A station in a folder of its own, on this machine's own kernel: feedback and diagnostics services,
+/// configuration, the real daemon and its supervisor. One thread.
 ///
-/// rfidd and the preload are looked for beside the program that runs.
-class Station {
+/// rfidd is looked for beside the program that runs.
+class StationOnKernel {
  public:
   /// Throws what keeps it from being set up. `name` begins the folder's. `launcher` is a command that runs
   /// the daemon; none by default.
-  explicit Station(const std::string& name, const virtualnfc::VirtualNfcSettings& settings = {},
-                   std::vector<std::string> launcher = {});
-  ~Station();  ///< kills the daemon, and removes the folder unless it is to be kept
-  Station(const Station&) = delete;
-  Station& operator=(const Station&) = delete;
+  explicit StationOnKernel(const std::string& name, std::vector<std::string> launcher = {});
+  virtual ~StationOnKernel();  ///< kills the daemon, and removes the folder unless it is to be kept
+  StationOnKernel(const StationOnKernel&) = delete;
+  StationOnKernel& operator=(const StationOnKernel&) = delete;
 
   std::string Path(const std::string& name) const { return mRoot / name; }
   const std::filesystem::path& Folder() const { return mRoot; }
@@ -45,10 +45,6 @@ class Station {
   /// Waits for the daemon's end and drops it and its supervisor; how it ended.
   std::string EndDaemon();
 
-  /// Puts a tag to the reader until it is found; false when that does not happen.
-  bool Tap(const virtualnfc::Tag& tag);
-
-  virtualnfc::VirtualNfc& Kernel() { return *mKernel; }
   VirtualStation& Peers() { return *mPeers; }
   Supervisor& Control() { return *mSupervisor; }
   const Process& Daemon() const { return *mDaemon; }
@@ -61,8 +57,11 @@ class Station {
   std::string LogUntilNow();
 
  protected:
+  /// What the daemon's environment has besides this process's own.
+  virtual std::map<std::string, std::string> DaemonEnvironment() const { return {}; }
+
+  const std::filesystem::path mPrograms;
   std::filesystem::path mRoot;
-  std::unique_ptr<virtualnfc::VirtualNfc> mKernel;
   std::unique_ptr<VirtualStation> mPeers;
   std::unique_ptr<Process> mDaemon;
   std::unique_ptr<Supervisor> mSupervisor;
@@ -71,9 +70,26 @@ class Station {
   /// Waits until the supervisor is told this; false when the daemon ends, or the time.
   bool IsTold(const std::string& notification);
 
-  const std::filesystem::path mPrograms;
   const std::vector<std::string> mLauncher;
   bool mIsKept = false;
   unsigned mEarlierLogs = 0;
   int mLogMarks = 0;
+};
+
+/// A station whose kernel is simulated. The preload is looked for beside the program that runs.
+class Station : public StationOnKernel {
+ public:
+  explicit Station(const std::string& name, const virtualnfc::VirtualNfcSettings& settings = {},
+                   std::vector<std::string> launcher = {});
+  ~Station() override;
+
+  /// Puts a tag to the reader until it is found; false when that does not happen.
+  bool Tap(const virtualnfc::Tag& tag);
+
+  virtualnfc::VirtualNfc& Kernel() { return *mKernel; }
+
+ protected:
+  std::map<std::string, std::string> DaemonEnvironment() const override;
+
+  std::unique_ptr<virtualnfc::VirtualNfc> mKernel;
 };

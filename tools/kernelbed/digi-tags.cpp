@@ -1,0 +1,9 @@
+// The reader on the kernel's digital stack, and its tags.
+#include "kernelbed/digitalreader.h"
+#include "kernelbed/program.h"
+
+int main(int argc, char** argv) {
+  using namespace kernelbed;
+  return RunReaderProgram(argc, argv, "digi-tags", DigitalReader::cWords,
+                          [](FILE* log) { return std::make_unique<DigitalReader>(KERNELBED_MODULE, log); });
+}

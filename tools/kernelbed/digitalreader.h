@@ -1,0 +1,49 @@
+#pragma once
+
+#include <atomic>
+#include <thread>
+
+#include "kernelbed/digitaltag.h"
+#include "kernelbed/reader.h"
+#include "uniquefd.h"
+
+namespace kernelbed {
+
+/// The air of the reader that the module digireader makes for the kernel's digital stack: it reads each frame
+/// and answers as the tags in the field would. Frames of two tags that differ collide.
+///
+/// Threads: see Reader; one of its own for the frames.
+class DigitalReader : public Reader {
+ public:
+  /// Loads the module unless it is there. Throws std::exception when it cannot. Without a device until
+  /// "plug".
+  DigitalReader(const std::string& module, FILE* log);
+  ~DigitalReader() override;  ///< the device goes
+
+  static const char* const cWords;  ///< its own commands, for --help
+
+ private:
+  void Plug() override;
+  void Unplug() override;
+  std::string State() const override;
+  void PutTag(const TagWords& tag) override;
+  void TakeTags() override { mField.clear(); }
+  bool OwnCommand(const std::string& word, std::istream& words) override;
+
+  void Tell(const std::string& line) const;
+  void Listen();
+  void OnLine(const std::string& line);
+  void OnFrame(const std::string& number, Tech tech, const Bytes& frame);
+
+  const virtualnfc::UniqueFd mDevice;
+  std::atomic<bool> mPlugged{false};
+  std::atomic<bool> mStop{false};
+  // under mMutex
+  std::vector<DigitalTag> mField;
+  Clock::time_point mLastFrame;
+  int mAnswerError = 0;
+  int mFailingAnswers = 0;
+  std::thread mThread;
+};
+
+}  // namespace kernelbed

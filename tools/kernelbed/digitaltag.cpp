@@ -1,0 +1,119 @@
+#include "kernelbed/digitaltag.h"
+
+#include <algorithm>
+
+namespace kernelbed {
+
+namespace {
+
+constexpr uint8_t cSensReq = 0x26;
+constexpr uint8_t cAllReq = 0x52;
+constexpr uint8_t cSddReq = 0x93;  // and 2 more for each further level
+constexpr uint8_t cWholeByteCount = 0x20;
+constexpr uint8_t cSelect = 0x70;
+constexpr uint8_t cCascadeTag = 0x88;
+constexpr uint8_t cNotComplete = 0x04;
+constexpr uint8_t cIsType4 = 0x20;
+constexpr uint8_t cRats = 0xe0;
+constexpr uint8_t cSensbReq = 0x05;
+constexpr uint8_t cAttrib = 0x1d;
+constexpr uint8_t cInventory = 0x01;
+
+}  // namespace
+
+DigitalTag::DigitalTag(const TagWords& words)
+    : mKind(words.Kind()), mUid(words.Uid()), mSak(words.ByteOption("sak", mKind == "a4" ? "20" : "00")) {}
+
+void DigitalTag::Reset() {
+  mState = EState::Idle;
+  mLevel = 0;
+}
+
+Bytes DigitalTag::Selector() const {
+  Bytes selector(5);
+  const auto from = mUid.begin() + static_cast<std::ptrdiff_t>(3 * mLevel);
+  if (mLevel + 1 < Levels()) {
+    selector[0] = cCascadeTag;
+    std::copy_n(from, 3, selector.begin() + 1);
+  } else {
+    std::copy_n(from, 4, selector.begin());
+  }
+  selector[4] = selector[0] ^ selector[1] ^ selector[2] ^ selector[3];
+  return selector;
+}
+
+Bytes DigitalTag::AnswerA(const Bytes& frame) {
+  const auto command = frame[0];
+  if (mState == EState::Protocol) {
+    return {};  // it only knows its own protocol, until the field goes
+  }
+  if (mState == EState::Idle && (command == cSensReq || command == cAllReq)) {
+    mState = EState::Ready;
+    const uint8_t length = mUid.size() == 7 ? 0x44 : mUid.size() == 10 ? 0x84 : 0x04;
+    return mKind == "a1" ? Bytes{0x00, 0x0c} : Bytes{length, 0x00};
+  }
+  if (mState == EState::Ready && mKind != "a1" && frame.size() >= 2 && command == cSddReq + 2 * mLevel) {
+    const auto selector = Selector();
+    if (frame[1] == cWholeByteCount) {
+      return selector;
+    }
+    if (frame[1] == cSelect && std::equal(selector.begin(), selector.end(), frame.begin() + 2, frame.end())) {
+      if (++mLevel < Levels()) {
+        return {cNotComplete};
+      }
+      mState = EState::Active;
+      return {mSak};
+    }
+  }
+  if (mState == EState::Active && command == cRats && (mSak & cIsType4) != 0) {
+    mState = EState::Protocol;
+    return {0x05, 0x75, 0x77, 0x81, 0x02};
+  }
+  Reset();  // not what it waits for
+  return {};
+}
+
+Bytes DigitalTag::AnswerB(const Bytes& frame) {
+  if (mState == EState::Protocol) {
+    return {};
+  }
+  if (frame[0] == cSensbReq) {
+    return {0x50, mUid[0], mUid[1], mUid[2], mUid[3], 0x00, 0x00, 0x00, 0x00, 0x80, 0x81, 0x71};
+  }
+  if (frame[0] == cAttrib && frame.size() == 9 && std::equal(mUid.begin(), mUid.end(), frame.begin() + 1)) {
+    mState = EState::Protocol;
+    return {0x00};
+  }
+  return {};
+}
+
+Bytes DigitalTag::Answer(Tech tech, const Bytes& frame) {
+  if (frame.empty()) {
+    return {};
+  }
+  switch (mKind.front()) {
+    case 'a':
+      return tech == Tech::A106 ? AnswerA(frame) : Bytes();
+    case 'b':
+      return tech == Tech::B106 ? AnswerB(frame) : Bytes();
+    case 'f': {
+      if ((tech != Tech::F212 && tech != Tech::F424) || frame.size() < 6 || frame[1] != 0x00) {
+        return {};
+      }
+      Bytes answer{0x12, 0x01};  // its length and the code of the response
+      answer.insert(answer.end(), mUid.begin(), mUid.end());
+      answer.insert(answer.end(), {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4e, 0xff});
+      return answer;
+    }
+    default: {
+      if (tech != Tech::Iso15693 || frame.size() < 2 || frame[1] != cInventory) {
+        return {};
+      }
+      Bytes answer{0x00, 0x00};  // flags and DSFID
+      answer.insert(answer.end(), mUid.rbegin(), mUid.rend());
+      return answer;
+    }
+  }
+}
+
+}  // namespace kernelbed

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "kernelbed/reader.h"
+
+namespace kernelbed {
+
+/// The radio technologies by the numbers of the kernel's digital stack (NFC_DIGITAL_RF_TECH_...).
+enum class Tech { A106, F212, F424, Iso15693, B106 };
+
+/// A tag on the air: what it answers to each frame since the field came. One thread.
+class DigitalTag {
+ public:
+  explicit DigitalTag(const TagWords& words);
+
+  /// The field has gone: the tag forgets.
+  void Reset();
+
+  /// Its answer, without CRC; empty when it is silent.
+  Bytes Answer(Tech tech, const Bytes& frame);
+
+ private:
+  enum class EState { Idle, Ready, Active, Protocol };
+
+  Bytes AnswerA(const Bytes& frame);
+  Bytes AnswerB(const Bytes& frame);
+  /// The four bytes and the check byte by which a level of anticollision selects the tag.
+  Bytes Selector() const;
+  size_t Levels() const { return mUid.size() / 3; }
+
+  std::string mKind;
+  Bytes mUid;
+  uint8_t mSak;
+  EState mState = EState::Idle;
+  size_t mLevel = 0;
+};
+
+}  // namespace kernelbed

@@ -1,0 +1,9 @@
+// An NFC chip on the kernel's NCI stack, and its tags.
+#include "kernelbed/ncichip.h"
+#include "kernelbed/program.h"
+
+int main(int argc, char** argv) {
+  using namespace kernelbed;
+  return RunReaderProgram(argc, argv, "nci-chip", NciChip::cWords,
+                          [](FILE* log) { return std::make_unique<NciChip>(log); });
+}

@@ -1,0 +1,369 @@
+#include "kernelbed/ncichip.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+
+namespace kernelbed {
+
+namespace {
+
+constexpr auto cDevice = "/dev/virtual_nci";
+/// From the beginning of discovery, or from a tag's coming, to its being reported.
+constexpr std::chrono::milliseconds cTimeToFind(20);
+
+enum EPacket : uint8_t { Command = 0x20, Response = 0x40, Notification = 0x60 };
+enum EGroup : uint8_t { Core = 0, Rf = 1 };
+enum EStatus : uint8_t {
+  Ok = 0x00,
+  SemanticError = 0x06,
+  UnknownCommand = 0x08,
+  DiscoveryAlreadyStarted = 0xa0,
+  TargetActivationFailed = 0xa1
+};
+enum EDeactivation : uint8_t { ToIdle = 0, ToSleep = 1, ToDiscovery = 3 };
+
+/// Core group: reset, init, set-config; RF group: map, discover, select, deactivate.
+std::string NameOf(uint8_t group, uint8_t operation) {
+  static const std::map<int, std::string> cNames{
+      {0x000, "reset"},    {0x001, "init"},   {0x002, "setconfig"}, {0x100, "map"},
+      {0x103, "discover"}, {0x104, "select"}, {0x106, "deactivate"}};
+  const auto name = cNames.find(group << 8 | operation);
+  return name == cNames.end() ? "other" : name->second;
+}
+
+}  // namespace
+
+const char* const NciChip::cWords = R"(Commands of this reader:
+  cross TAG             at the next command to deactivate during discovery, TAG is reported first: the find and the
+                        command cross
+  fail COMMAND HOW [N]  the next N (1) of these commands of the kernel get HOW: a status byte in hexadecimal, "silent"
+                        (no answer), or "late MS"; COMMAND: reset, init, setconfig, map, discover, select, deactivate,
+                        or deactntf (the notification after deactivate)
+  reset                 the chip resets by itself, and says so
+  ax UID [protocol=80]  one more kind of tag: NFC-A with a protocol number of the chip maker's own, which is what many
+                        chips say of MIFARE Classic
+
+State: off (unplugged), ready, idle, discovery, select or active.
+)";
+
+NciChip::NciChip(FILE* log) : Reader(log) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &action, nullptr);  // without SA_RESTART: it ends a read
+  mReporter = std::thread(&NciChip::ReportTags, this);
+}
+
+NciChip::~NciChip() {
+  Unplug();
+  {
+    const std::lock_guard lock(mMutex);
+    mQuit = true;
+  }
+  mChanged.notify_all();
+  mReporter.join();
+}
+
+void NciChip::Plug() {
+  const int device = open(cDevice, O_RDWR | O_CLOEXEC);
+  if (device < 0) {
+    throw std::system_error(errno, std::generic_category(), cDevice);
+  }
+  {
+    const std::lock_guard lock(mMutex);
+    mDevice.Reset(device);
+    SetState("ready");
+  }
+  mStopReading = mHasStoppedReading = false;
+  mReader = std::thread(&NciChip::ReadCommands, this, device);
+}
+
+void NciChip::Unplug() {
+  if (!mReader.joinable()) {
+    return;
+  }
+  mStopReading = true;
+  while (!mHasStoppedReading) {  // a read keeps the device open
+    pthread_kill(mReader.native_handle(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  mReader.join();
+  virtualnfc::UniqueFd device;
+  {
+    const std::lock_guard lock(mMutex);
+    std::swap(device, mDevice);
+    SetState("off");
+  }
+  // The device goes with it, when the kernel has waited 5 s for a last answer if it is powered.
+}
+
+void NciChip::PutTag(const TagWords& tag) {
+  mField.emplace_back(tag);
+  LookForTags();
+}
+
+bool NciChip::OwnCommand(const std::string& word, std::istream& words) {
+  if (word == "cross") {
+    mCrossing = NciTag(TagWords(words));
+  } else if (word == "fail") {
+    AddFailure(words);
+  } else if (word == "reset") {
+    Notify(EGroup::Core, 0, {0x00, 0x01, 0x20, 0x04, 4, 1, 2, 3, 4});
+    SetState("ready");
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void NciChip::AddFailure(std::istream& words) {
+  const auto command = NextWord(words);
+  const auto how = NextWord(words);
+  Failure failure{Failure::EHow::Refuse, 0, 1};
+  if (how == "silent") {
+    failure.how = Failure::EHow::BeSilent;
+  } else if (how == "late") {
+    failure.how = Failure::EHow::BeLate;
+    failure.argument = NextNumber(words, 0);
+  } else {
+    failure.argument = virtualnfc::ParseHex(how).at(0);
+  }
+  failure.count = NextNumber(words, 1);
+  mFailures.insert_or_assign(command, failure);
+}
+
+void NciChip::SetState(const std::string& state) {
+  if (state != mState) {
+    Log(mState + " -> " + state);
+  }
+  mState = state;
+  mNextReport.reset();
+  LookForTags();
+}
+
+void NciChip::LookForTags() {
+  if (mState == "discovery") {
+    mNextReport = Clock::now() + cTimeToFind;
+    mChanged.notify_all();
+  }
+}
+
+void NciChip::Send(uint8_t type, uint8_t group, uint8_t operation, const Bytes& payload) {
+  Bytes packet{static_cast<uint8_t>(type | group), operation, static_cast<uint8_t>(payload.size())};
+  packet.insert(packet.end(), payload.begin(), payload.end());
+  Log("chip: " + ToHex(packet));
+  if (write(mDevice.Get(), packet.data(), packet.size()) < 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot write to the kernel");
+  }
+}
+
+void NciChip::Respond(const Request& request, const Bytes& more) {
+  Bytes payload{request.status};
+  payload.insert(payload.end(), more.begin(), more.end());
+  Send(EPacket::Response, request.group, request.operation, payload);
+}
+
+void NciChip::Notify(uint8_t group, uint8_t operation, const Bytes& payload) {
+  Send(EPacket::Notification, group, operation, payload);
+}
+
+void NciChip::ReadCommands(int device) {
+  std::array<uint8_t, 300> buffer;
+  while (!mStopReading) {
+    const auto length = read(device, buffer.data(), buffer.size());
+    if (length < 3) {
+      continue;  // interrupted by Unplug
+    }
+    const Bytes packet(buffer.begin(), buffer.begin() + length);
+    Log("host: " + ToHex(packet));
+    std::unique_lock lock(mMutex);
+    try {
+      OnCommand(packet, lock);
+    } catch (const std::exception& e) {
+      Log(e.what());
+    }
+  }
+  mHasStoppedReading = true;
+}
+
+bool NciChip::IsAnswered(const std::string& command, uint8_t& status, std::unique_lock<std::mutex>& lock) {
+  status = EStatus::Ok;
+  const auto found = mFailures.find(command);
+  if (found == mFailures.end()) {
+    return true;
+  }
+  const auto failure = found->second;
+  if (--found->second.count <= 0) {
+    mFailures.erase(found);
+  }
+  switch (failure.how) {
+    case Failure::EHow::Refuse:
+      status = static_cast<uint8_t>(failure.argument);
+      break;
+    case Failure::EHow::BeSilent:
+      Log("silent to " + command);
+      return false;
+    case Failure::EHow::BeLate:
+      lock.unlock();
+      std::this_thread::sleep_for(std::chrono::milliseconds(failure.argument));
+      lock.lock();
+      break;
+  }
+  return true;
+}
+
+void NciChip::OnCommand(const Bytes& packet, std::unique_lock<std::mutex>& lock) {
+  const auto group = static_cast<uint8_t>(packet[0] & 0x0f);
+  const auto operation = static_cast<uint8_t>(packet[1] & 0x3f);
+  Request request{group, operation, Bytes(packet.begin() + 3, packet.end()), EStatus::Ok};
+  if ((packet[0] & 0xe0) != EPacket::Command) {
+    return;  // data for a tag
+  }
+  const auto name = NameOf(group, operation);
+  ++mCounts[name];
+  if (!IsAnswered(name, request.status, lock)) {
+    return;
+  }
+  if (name == "reset") {
+    Reset(request);
+  } else if (name == "init") {
+    constexpr uint8_t cInterfaces[] = {1, 2, 3};  // frame, ISO-DEP, NFC-DEP
+    request.status == EStatus::Ok
+        ? Respond(request, {0, 0, 0, 0, 1, 0, 0, 255, 255, 1, 0, 1, 3, cInterfaces[0], 0, cInterfaces[1], 0,
+                            cInterfaces[2], 0})
+        : Respond(request);
+  } else if (name == "setconfig") {
+    Respond(request, {0});
+  } else if (name == "map") {
+    Respond(request);
+    if (request.status == EStatus::Ok) {
+      SetState("idle");
+    }
+  } else if (name == "discover") {
+    Discover(request);
+  } else if (name == "select") {
+    Select(request);
+  } else if (name == "deactivate") {
+    Deactivate(request, lock);
+  } else {
+    request.status = EStatus::UnknownCommand;
+    Respond(request, {0});
+  }
+}
+
+void NciChip::Reset(const Request& request) {
+  if (request.status != EStatus::Ok) {
+    Respond(request, {0, 0});
+    return;
+  }
+  Respond(request);
+  Notify(EGroup::Core, 0, {0x02, 0x01, 0x20, 0x04, 4, 1, 2, 3, 4});
+  SetState("ready");
+}
+
+void NciChip::Discover(Request& request) {
+  if (request.status == EStatus::Ok && mState != "idle") {
+    request.status = mState == "discovery" ? EStatus::DiscoveryAlreadyStarted : EStatus::SemanticError;
+  }
+  mTechnologies.clear();
+  for (size_t i = 1; i + 1 < request.arguments.size(); i += 2) {
+    mTechnologies.push_back(request.arguments[i]);
+  }
+  Respond(request);
+  if (request.status == EStatus::Ok) {
+    SetState("discovery");
+  }
+}
+
+void NciChip::Select(const Request& request) {
+  Respond(request);
+  if (request.status != EStatus::Ok) {
+    return;
+  }
+  const size_t chosen = request.arguments.at(0);
+  if (chosen >= 1 && chosen <= mListed.size()) {
+    SetState("active");
+    SendActivated(mListed[chosen - 1], request.arguments[0]);
+  } else {
+    Notify(EGroup::Core, 7, {EStatus::TargetActivationFailed});
+  }
+}
+
+void NciChip::Deactivate(const Request& request, std::unique_lock<std::mutex>& lock) {
+  if (mCrossing && mState == "discovery") {
+    mListed = {*mCrossing};
+    mCrossing.reset();
+    SetState("active");
+    SendActivated(mListed.front(), 1);
+  }
+  const bool wasActive = mState == "active";
+  Respond(request);
+  if (request.status != EStatus::Ok) {
+    return;
+  }
+  const uint8_t type = request.arguments.empty() ? uint8_t{EDeactivation::ToIdle} : request.arguments[0];
+  SetState(type == EDeactivation::ToIdle        ? "idle"
+           : type == EDeactivation::ToDiscovery ? "discovery"
+                                                : "select");
+  uint8_t ignored = 0;
+  if (wasActive && IsAnswered("deactntf", ignored, lock)) {
+    Notify(EGroup::Rf, 6, {type, 0});
+  }
+}
+
+void NciChip::ReportTags() {
+  std::unique_lock lock(mMutex);
+  while (!mQuit) {
+    if (!mNextReport) {
+      mChanged.wait(lock);
+    } else if (Clock::now() < *mNextReport) {
+      mChanged.wait_until(lock, *mNextReport);
+    } else {
+      mNextReport.reset();
+      try {
+        Report();
+      } catch (const std::exception& e) {
+        Log(e.what());
+      }
+    }
+  }
+}
+
+/// One tag is activated at once; of several the kernel gets a list, and selects one.
+void NciChip::Report() {
+  mListed.clear();
+  std::copy_if(mField.begin(), mField.end(), std::back_inserter(mListed), [this](const NciTag& tag) {
+    return std::find(mTechnologies.begin(), mTechnologies.end(), tag.technology) != mTechnologies.end();
+  });
+  if (mListed.size() == 1) {
+    SetState("active");
+    SendActivated(mListed.front(), 1);
+  } else if (!mListed.empty()) {
+    SetState("select");
+    for (size_t i = 0; i < mListed.size(); ++i) {
+      const auto& tag = mListed[i];
+      Bytes payload{static_cast<uint8_t>(i + 1), tag.protocol, tag.technology,
+                    static_cast<uint8_t>(tag.parameters.size())};
+      payload.insert(payload.end(), tag.parameters.begin(), tag.parameters.end());
+      payload.push_back(i + 1 < mListed.size() ? 2 : 0);  // more will come, the last
+      Notify(EGroup::Rf, 3, payload);
+    }
+  }
+}
+
+void NciChip::SendActivated(const NciTag& tag, uint8_t id) {
+  Bytes payload{
+      id, tag.interface, tag.protocol, tag.technology, 255, 1, static_cast<uint8_t>(tag.parameters.size())};
+  payload.insert(payload.end(), tag.parameters.begin(), tag.parameters.end());
+  payload.insert(payload.end(), {tag.technology, 0, 0, static_cast<uint8_t>(tag.activation.size())});
+  payload.insert(payload.end(), tag.activation.begin(), tag.activation.end());
+  Notify(EGroup::Rf, 5, payload);
+}
+
+}  // namespace kernelbed

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <atomic>
+#include <optional>
+#include <thread>
+
+#include "kernelbed/ncitag.h"
+#include "kernelbed/reader.h"
+#include "uniquefd.h"
+
+namespace kernelbed {
+
+/// An NFC chip that speaks the NFC Controller Interface 2.0 to the kernel's own NCI stack, by
+/// /dev/virtual_nci.
+///
+/// Threads: see Reader; one takes the kernel's commands while the chip is plugged in, one reports tags. The
+/// first is ended by SIGUSR1, which this takes for itself.
+class NciChip : public Reader {
+ public:
+  /// Without a device until "plug".
+  explicit NciChip(FILE* log);
+  ~NciChip() override;  ///< the device goes
+
+  static const char* const cWords;  ///< its own commands, for --help
+
+ private:
+  /// What the chip does with a command instead of obeying.
+  struct Failure {
+    enum class EHow { Refuse, BeSilent, BeLate } how;
+    int argument;  ///< a status, or milliseconds
+    int count;
+  };
+  /// A command of the kernel.
+  struct Request {
+    uint8_t group;
+    uint8_t operation;
+    Bytes arguments;
+    uint8_t status;  ///< to be answered
+  };
+
+  void Plug() override;
+  void Unplug() override;
+  std::string State() const override { return mState; }
+  void PutTag(const TagWords& tag) override;
+  void TakeTags() override { mField.clear(); }
+  bool OwnCommand(const std::string& word, std::istream& words) override;
+  void AddFailure(std::istream& words);
+
+  void ReadCommands(int device);
+  void ReportTags();
+
+  // with mMutex held:
+  void OnCommand(const Bytes& packet, std::unique_lock<std::mutex>& lock);
+  bool IsAnswered(const std::string& command, uint8_t& status, std::unique_lock<std::mutex>& lock);
+  void Reset(const Request& request);
+  void Discover(Request& request);
+  void Select(const Request& request);
+  void Deactivate(const Request& request, std::unique_lock<std::mutex>& lock);
+  void SetState(const std::string& state);
+  void LookForTags();
+  void Report();
+  void SendActivated(const NciTag& tag, uint8_t id);
+  void Respond(const Request& request, const Bytes& more = {});
+  void Notify(uint8_t group, uint8_t operation, const Bytes& payload);
+  void Send(uint8_t type, uint8_t group, uint8_t operation, const Bytes& payload);
+
+  // between Plug and Unplug, which one thread calls
+  virtualnfc::UniqueFd mDevice;
+  std::atomic<bool> mStopReading{false};
+  std::atomic<bool> mHasStoppedReading{false};
+  std::thread mReader;
+
+  // under mMutex
+  std::string mState = "off";
+  std::vector<NciTag> mField;
+  std::vector<NciTag> mListed;  ///< what was reported last
+  std::optional<NciTag> mCrossing;
+  Bytes mTechnologies;  ///< that the kernel polls for
+  std::map<std::string, Failure> mFailures;
+  std::optional<Clock::time_point> mNextReport;
+  bool mQuit = false;
+  std::condition_variable mChanged;
+  std::thread mReporter;
+};
+
+}  // namespace kernelbed
