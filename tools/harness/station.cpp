@@ -53,7 +53,7 @@ std::unique_ptr<Process> StationOnKernel::Spawn(const std::vector<std::string>& 
     std::filesystem::rename(Path("log"), Path(fmt::format("log.{}", ++mEarlierLogs)));
   }
   auto command = mLauncher;
-  command.push_back(mPrograms / "rfidd");
+  command.push_back(mPrograms / mProgram);
   command.insert(command.end(), arguments.begin(), arguments.end());
   return std::make_unique<Process>(command, DaemonEnvironment(), Path("output"), Path("log"));
 }

@@ -34,6 +34,9 @@ class StationOnKernel {
   void StartPeers();
   void StopPeers() { mPeers.reset(); }
 
+  /// From now on this program runs instead of rfidd.
+  void UseProgram(std::string name) { mProgram = std::move(name); }
+
   /// rfidd with these arguments, its standard output in the file "output", its standard error in "log", where
   /// the last one's becomes "log.1", "log.2" and so on. A pipe of that name stays and is the console.
   std::unique_ptr<Process> Spawn(const std::vector<std::string>& arguments);
@@ -71,6 +74,7 @@ class StationOnKernel {
   bool IsTold(const std::string& notification);
 
   const std::vector<std::string> mLauncher;
+  std::string mProgram = "rfidd";
   bool mIsKept = false;
   unsigned mEarlierLogs = 0;
   int mLogMarks = 0;

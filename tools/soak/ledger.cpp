@@ -6,14 +6,16 @@
 
 namespace {
 
-constexpr std::array<const char*, OutcomeCount> Names{"notified",
-                                                      "suppressed: seen again within two seconds",
-                                                      "withheld: charging is free",
-                                                      "refused: not enabled",
-                                                      "lost: not enabled",
-                                                      "lost: an error was reported",
-                                                      "lost: no reader, reported at the next request",
-                                                      "unexplained"};
+constexpr std::array<const char*, OutcomeCount> Names{
+    "notified",
+    "suppressed: seen again within two seconds",
+    "withheld: charging is free",
+    "refused: not enabled",
+    "lost: not enabled",
+    "lost: an error was reported",
+    "lost: no reader, reported",
+    "lost: the event was lost, the next look at polling cures it",
+    "unexplained"};
 
 }  // namespace
 
@@ -31,7 +33,8 @@ std::string Ledger::Line() const {
       "{} swipes: {} notified, {} suppressed, {} withheld, {} refused, {} lost, {} unexplained", mSent,
       Count(EOutcome::Notified), Count(EOutcome::Suppressed), Count(EOutcome::Withheld),
       Count(EOutcome::Refused),
-      Count(EOutcome::LostDisabled) + Count(EOutcome::LostError) + Count(EOutcome::LostUnplugged),
+      Count(EOutcome::LostDisabled) + Count(EOutcome::LostError) + Count(EOutcome::LostUnplugged) +
+          Count(EOutcome::LostUnheard),
       Count(EOutcome::Unexplained));
 }
 

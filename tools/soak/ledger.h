@@ -12,10 +12,11 @@ enum class EOutcome {
   Refused,        ///< the request was answered Illegal: the daemon is not enabled
   LostDisabled,   ///< the reader was off, or was switched off meanwhile
   LostError,      ///< the supervisor was told of an error
-  LostUnplugged,  ///< there was no reader; the supervisor was told at its next request
+  LostUnplugged,  ///< there was no reader; the supervisor was told
+  LostUnheard,    ///< the kernel's event was lost without a sign, and the card went before the next look
   Unexplained
 };
-constexpr size_t OutcomeCount = 8;
+constexpr size_t OutcomeCount = 9;
 
 /// The book of swipes and notifications.
 class Ledger {

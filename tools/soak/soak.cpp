@@ -37,7 +37,12 @@ bool IsOfCard(const std::string& told) {
 
 }  // namespace
 
-Soak::Soak(unsigned seed) : mRandom(seed) {
+Soak::Soak(unsigned seed)
+    : mRandom(seed),
+      mStation("soak",
+               {.kernel = {.stack = seed % 2 == 1 ? Stack::Nci : Stack::Digital}, .detectionDelay = 50ms},
+               {"/usr/bin/setsid"}) {
+  mStation.UseProgram("soak-rfidd");
   for (const char* uid : {"04A12B5C", "04A12B5C112233", "DEADBEEF"}) {
     mKnown.push_back({uid, true, MakeTag(TagKind::Mifare, uid)});
   }
@@ -61,6 +66,10 @@ void Soak::Act() {
       {30, "a card while something fails", &Soak::SwipeWhileSomethingFails},
       {5, "events are lost", &Soak::LoseEvents},
       {2, "the reader is unplugged", &Soak::Unplug},
+      {3, "the reader is plugged in again", &Soak::Replug},
+      {15, "polling ends without an event", &Soak::PollingEnds},
+      {10, "a foreign tag", &Soak::ForeignTag},
+      {10, "a find is lost", &Soak::LoseFind},
       {6, "the peers restart", &Soak::RestartPeers},
       {3, "feedback hangs", &Soak::FeedbackHangs},
       {60, "reconfiguration", &Soak::Reconfigure},
@@ -136,20 +145,27 @@ void Soak::SwipeWhileDisabling() {
 void Soak::SwipeWhileSomethingFails() {
   struct Rule {
     const char* text;
-    bool isError;  ///< the reader cannot go on reading, and the supervisor is told
+    EFailure failure;
   };
+  // A START_POLL of the look after polling may be the one that fails; the look tries once more.
   static constexpr Rule Rules[] = {
-      {"START_POLL nth=1 errno=EPROTO", true}, {"START_POLL nth=1 errno=EBUSY", true},
-      {"START_POLL nth=1 drop", true},         {"START_POLL nth=1 delay=400", false},
-      {"GET_TARGET nth=1 errno=EIO", true},    {"GET_TARGET nth=1 drop", true},
-      {"GET_TARGET nth=1 duplicate", false},   {"GET_TARGET nth=1 seq=77", true},
-      {"GET_TARGET nth=1 sender=4711", true},  {"GET_TARGET nth=1 no-done", true},
-      {"GET_TARGET nth=1 unplug", true},       {"DEV_UP nth=1 errno=EIO", true},
+      {"START_POLL nth=1 errno=EPROTO", EFailure::Possible},
+      {"START_POLL nth=1 errno=EBUSY", EFailure::Possible},
+      {"START_POLL nth=1 drop", EFailure::Certain},
+      {"START_POLL nth=1 delay=400", EFailure::None},
+      {"GET_TARGET nth=1 errno=EIO", EFailure::Certain},
+      {"GET_TARGET nth=1 drop", EFailure::Certain},
+      {"GET_TARGET nth=1 duplicate", EFailure::None},
+      {"GET_TARGET nth=1 seq=77", EFailure::Certain},
+      {"GET_TARGET nth=1 sender=4711", EFailure::Certain},
+      {"GET_TARGET nth=1 no-done", EFailure::Certain},
+      {"GET_TARGET nth=1 unplug", EFailure::Certain},
+      {"DEV_UP nth=1 errno=EIO", EFailure::Certain},
   };
   const auto& rule = Rules[Below(std::size(Rules))];
   mAction = rule.text;
   mStation.Kernel().AddRule(rule.text);
-  Swipe(RandomCard(), 0ms, rule.isError);
+  Swipe(RandomCard(), 0ms, rule.failure);
   mStation.Kernel().ClearRules();
 }
 
@@ -173,15 +189,62 @@ void Soak::Unplug() {
   Restart();
 }
 
+void Soak::Replug() {
+  const auto card = RandomCard();
+  mStation.Kernel().Unplug();
+  mLedger.EnterSent();
+  mStation.Kernel().PresentTag(card.tag);
+  PlugIn();
+  Require(AwaitTold("Error"), "the supervisor is told of a reader that was gone");
+  mStation.Kernel().RemoveTags();
+  RecoverWith(card);
+}
+
+void Soak::PollingEnds() {
+  switch (Below(3)) {
+    case 0:
+      mStation.Kernel().KillPoll();
+      break;
+    case 1:
+      mStation.Kernel().SetFault(Fault::OutOfStep);
+      break;
+    default:
+      mStation.Kernel().SetFault(Fault::ChipPolls);
+      break;
+  }
+  Swipe(RandomCard(), 0ms, EFailure::None);
+}
+
+void Soak::ForeignTag() {
+  mStation.Kernel().PresentTag(MakeTag(TagKind::Foreign, "04A1B2C3"));
+  mStation.Kernel().WaitFor([](const Status&) { return false; }, std::chrono::milliseconds(Below(200)));
+  mStation.Kernel().RemoveTags();
+  Swipe(RandomCard(), 0ms, EFailure::None);
+}
+
+void Soak::LoseFind() {
+  const auto card = NewCard();
+  mStation.Kernel().AddRule("TARGETS_FOUND nth=1 drop");
+  mLedger.EnterSent();
+  mStation.Kernel().PresentTag(card.tag);
+  Require(Eventually([this] { return mStation.Kernel().ListRules().back().fired > 0; }, Patience),
+          "the reader finds a card while enabled");
+  mStation.Kernel().RemoveTags();
+  mStation.Kernel().ClearRules();
+  Require(Settle(), "there is no error without a cause");
+  EnterOutcome(ExpectedNotification(card), EOutcome::LostUnheard);  // unless the next look was quick
+  Swipe(RandomCard(), 0ms, EFailure::None);
+}
+
 void Soak::RestartPeers() {
   mStation.StopPeers();
-  Swipe(RandomCard(), 0ms, false);
+  Swipe(RandomCard(), 0ms, EFailure::None);
   mStation.StartPeers();
 }
 
 void Soak::FeedbackHangs() {
   mStation.Peers().SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
-  Swipe(RandomCard(), 0ms, false);
+  Swipe(RandomCard(), 0ms, EFailure::None);
   mStation.Peers().SetFeedbackAnswer(VirtualStation::EAnswer::Ok);
 }
 
@@ -222,6 +285,22 @@ void Soak::Restart() {
   if (mStation.HasDaemon()) {
     StopDaemon(Below(4) == 0 ? SIGKILL : SIGINT);
   }
+  PlugIn();
+  mLearning = false;
+  if (mIsBroken) {
+    mOcpp = mFree = false;  // nothing good was ever loaded
+  }
+  ++mRestarts;
+  if (Require(mStation.StartDaemon(), "the daemon starts")) {
+    // One that was killed has left the reader on.
+    const auto before = Told("Disabled");
+    Require(mStation.Control().Disable() == "Ok" && AwaitTold("Disabled", before + 1),
+            "the daemon is disabled at first");
+    Enable();
+  }
+}
+
+void Soak::PlugIn() {
   const bool hasReader = Eventually(
       [this] {
         try {
@@ -238,18 +317,6 @@ void Soak::Restart() {
       },
       Patience);
   Require(hasReader, "a reader can be plugged in");
-  mLearning = false;
-  if (mIsBroken) {
-    mOcpp = mFree = false;  // nothing good was ever loaded
-  }
-  ++mRestarts;
-  if (Require(mStation.StartDaemon(), "the daemon starts")) {
-    // One that was killed has left the reader on.
-    const auto before = Told("Disabled");
-    Require(mStation.Control().Disable() == "Ok" && AwaitTold("Disabled", before + 1),
-            "the daemon is disabled at first");
-    Enable();
-  }
 }
 
 void Soak::End() {
@@ -290,7 +357,7 @@ void Soak::StopDaemon(int signal) {
   mSeen.clear();
 }
 
-void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, bool isError) {
+void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, EFailure failure) {
   auto& kernel = mStation.Kernel();
   const auto found = kernel.GetStatus().Events(NFC_EVENT_TARGETS_FOUND);
   mLedger.EnterSent();
@@ -301,12 +368,13 @@ void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, bool isError)
       "the reader finds a card while enabled");
   const auto unseen = KeepCard(hold);
   kernel.RemoveTags();
-  if (isError) {
+  const bool isRead = failure != EFailure::Certain && Settle();
+  if (failure != EFailure::None && !isRead) {
     Require(AwaitTold("Error"), "the supervisor is told when cards cannot be read any more");
     RecoverWith(card);
     return;
   }
-  Require(Settle(), "there is no error without a cause");
+  Require(isRead, "there is no error without a cause");
   // Between what certainly is a repetition and what certainly is none, both are right.
   const auto seen = mSeen.find(card.uid);
   const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= RecentTagTimeout;

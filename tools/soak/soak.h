@@ -54,14 +54,18 @@ class Soak {
   };
 
   // The kinds of things that happen.
-  void Tap() { Swipe(RandomCard(), std::chrono::milliseconds(0), false); }
-  void Hold() { Swipe(RandomCard(), std::chrono::milliseconds(100 + Below(4000)), false); }
+  void Tap() { Swipe(RandomCard(), std::chrono::milliseconds(0), EFailure::None); }
+  void Hold() { Swipe(RandomCard(), std::chrono::milliseconds(100 + Below(4000)), EFailure::None); }
   void Inject();
   void SwipeWhileDisabled();
   void SwipeWhileDisabling();
   void SwipeWhileSomethingFails();
   void LoseEvents();
   void Unplug();
+  void Replug();
+  void PollingEnds();
+  void ForeignTag();
+  void LoseFind();
   void RestartPeers();
   void FeedbackHangs();
   void Reconfigure();
@@ -72,7 +76,10 @@ class Soak {
   void Enable();
   void Disable();
   void StopDaemon(int signal);
-  void Swipe(const Card& card, std::chrono::milliseconds hold, bool isError);
+  /// Whether the reader can go on reading, or the supervisor is told.
+  enum class EFailure { None, Possible, Certain };
+  void Swipe(const Card& card, std::chrono::milliseconds hold, EFailure failure);
+  void PlugIn();
   /// Holds the card; the longest time for which the reader did not see it.
   Clock::duration KeepCard(std::chrono::milliseconds hold);
   /// Waits until the reader has done what it has begun and everything is notified that came of it; false when
@@ -100,8 +107,7 @@ class Soak {
 
   std::mt19937 mRandom;
   /// In a session of its own: a Ctrl-C at the terminal is for this program alone.
-  Station mStation{
-      "soak", {.kernel = {}, .detectionDelay = std::chrono::milliseconds(50)}, {"/usr/bin/setsid"}};
+  Station mStation;
   Ledger mLedger;
   std::vector<Card> mKnown;
   std::vector<Card> mLatest;              ///< put to the reader lately, to come again
