@@ -154,11 +154,6 @@ bool NfcDevice::Detect(const std::vector<Tag>& field) {
   return true;
 }
 
-void NfcDevice::Remove() {
-  mRemoved = true;
-  mTargets.clear();
-}
-
 std::uint8_t NfcDevice::RfMode() const {
   return Has(Fault::TargetActive) ? NFC_RF_INITIATOR : NFC_RF_NONE;
 }

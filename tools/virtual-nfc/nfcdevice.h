@@ -72,9 +72,11 @@ class NfcDevice {
   /// The reader looks at what lies in its field. With Nci, a single tag without a known protocol kills the
   /// poll. @returns whether targets were found, which ends the poll
   bool Detect(const std::vector<Tag>& field);
+  /// A tag is found when nobody polls any more. It is counted all the same.
+  void DropFind() { ++mNextTarget; }
 
   /// The device has gone. One that stays listed for a while goes on answering, until its owner forgets it.
-  void Remove();
+  void Remove() { mRemoved = true; }
 
   std::uint32_t Index() const { return mIndex; }
   std::string Name() const { return "nfc" + std::to_string(mIndex); }

@@ -23,7 +23,8 @@ struct Operation {
   std::uint32_t flags;
 };
 
-constexpr Operation kControllerOperations[] = {{CTRL_CMD_GETFAMILY, kDo | kDump}};
+constexpr Operation kControllerOperations[] = {{CTRL_CMD_GETFAMILY, kDo | kDump},
+                                               {CTRL_CMD_GETPOLICY, kDump}};
 
 constexpr Operation kNfcOperations[] = {
     {NFC_CMD_GET_DEVICE, kDo | kDump},
@@ -163,7 +164,7 @@ Bytes NfcKernel::FamilyMessage(const Request& request, std::uint16_t flags, std:
       .U16(CTRL_ATTR_FAMILY_ID, familyId)
       .U32(CTRL_ATTR_VERSION, isController ? 2 : NFC_GENL_VERSION)
       .U32(CTRL_ATTR_HDRSIZE, 0)
-      .U32(CTRL_ATTR_MAXATTR, isController ? CTRL_ATTR_MAX : NFC_ATTR_MAX);
+      .U32(CTRL_ATTR_MAXATTR, isController ? 0 : NFC_ATTR_MAX);
 
   const std::size_t list = message.Begin(CTRL_ATTR_OPS);
   std::uint16_t entry = 1;
@@ -264,10 +265,13 @@ int NfcKernel::Execute(const Request& request, std::uint32_t port, Result& resul
   }
 }
 
-int NfcKernel::ErrorOfVanishedChip(const Request& request, bool begunWithDevice) {
-  if (!begunWithDevice || !NeedsChip(request) || mSettings.stack != Stack::Nci) return 0;
-  const NfcDevice* device = DeviceOf(request);
-  return device == nullptr || device->IsRemoved() ? ETIMEDOUT : 0;
+int NfcKernel::ErrorOfVanishedChip(const Request& request, std::optional<std::uint32_t> device) {
+  if (mSettings.stack != Stack::Nci || !NeedsChip(request) || !device ||
+      GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX) != device) {
+    return 0;
+  }
+  const NfcDevice* found = FindDevice(*device);
+  return found == nullptr || found->IsRemoved() ? ETIMEDOUT : 0;
 }
 
 bool NfcKernel::SwitchesPower(const Request& request) {

@@ -61,8 +61,8 @@ class NfcKernel {
 
   /// What becomes of a command that has waited for the chip of a device which has gone in the meantime: an
   /// errno, or 0 when the command is carried out as any other.
-  /// @param begunWithDevice the device was there when the command began
-  int ErrorOfVanishedChip(const Request& request, bool begunWithDevice);
+  /// @param device the one that was there when the command began
+  int ErrorOfVanishedChip(const Request& request, std::optional<std::uint32_t> device);
 
   static bool SwitchesPower(const Request& request);
   /// DEV_UP and START_POLL: nothing comes of them without an answer of the chip.

@@ -17,7 +17,8 @@
 //                          fault=chip-polls" is a chip that does not stop
 //               cross      a tag is found in the moment of STOP_POLL (Nci): the command takes 30 s or until a
 //                          signal, then answers 0, and the find is dropped. A command for a device within
-//                          250 ms after it hangs, with all that follow, until the server ends
+//                          250 ms after it hangs, with all that follow, until the server ends (the real
+//                          kernel: DEV_DOWN only, and not every time)
 //               unplug     the device goes while the command is under way; the first one when it names none
 //               drop       no answer
 //               truncate=N the first message of the answer ends after N bytes

@@ -95,7 +95,11 @@ Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
   Bytes bytes = ParseHex(uid);
   Tag tag{std::string(uid), info.radio, info.protocols, {}, fmt::format("{} {}", info.name, uid)};
   const bool isA = info.radio == Radio::A;
-  const std::uint16_t sensRes = !isA ? 0 : bytes.size() == 7 ? 0x0044 : 0x0004;
+  // Its upper bits tell the length of the number.
+  const std::uint16_t sensRes = !isA                 ? 0x0000
+                                : bytes.size() == 7  ? 0x0044
+                                : bytes.size() == 10 ? 0x0084
+                                                     : 0x0004;
   tag.attributes = {{NFC_ATTR_PROTOCOLS, NumberBytes(info.protocols)},
                     {NFC_ATTR_TARGET_SENS_RES, NumberBytes(sensRes)},
                     {NFC_ATTR_TARGET_SEL_RES, NumberBytes(info.selRes)}};
@@ -109,18 +113,18 @@ Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
     case Radio::B:
       RequireLength(info, bytes, {4, 11});
       if (bytes.size() == 4) {
-        bytes = Completed(std::move(bytes), {0x00, 0x00, 0x00, 0x00, 0x00, 0x71, 0x71});
+        bytes = Completed(std::move(bytes), {0x00, 0x00, 0x00, 0x00, 0x80, 0x80, 0x71});
       }
       if (stack == Stack::Nci) tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSB_RES, std::move(bytes));
       break;
     case Radio::F:
       RequireLength(info, bytes, {8, std::size_t{stack == Stack::Nci ? 16U : 17U}, 18});
       if (bytes.size() == 8) {
-        bytes = Completed(std::move(bytes), {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4E, 0xFF, 0x12, 0xFC});
-        if (stack == Stack::Digital) {
-          // The response code comes first, and the last byte of the system code does not fit.
+        bytes = Completed(std::move(bytes), {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4E, 0xFF});
+        if (stack == Stack::Nci) {
+          bytes = Completed(std::move(bytes), {0x12, 0xFC});
+        } else {
           bytes.insert(bytes.begin(), 0x01);
-          bytes.pop_back();
         }
       }
       tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSF_RES, std::move(bytes));

@@ -67,7 +67,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   const auto asker = mConnections.find(waiting.work.connection);
   const std::uint32_t port = asker == mConnections.end() ? 0 : asker->second->port;
   const Request& request = waiting.request;
-  const int vanished = mKernel.ErrorOfVanishedChip(request, waiting.device.has_value());
+  const int vanished = mKernel.ErrorOfVanishedChip(request, waiting.device);
 
   if (waiting.rule.error == EALREADY && NfcKernel::SwitchesPower(request)) {
     // The kernel says so only of a device that is in that state, because rfkill or another program put it
@@ -92,6 +92,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
     }
   }
   if (waiting.crosses) {
+    mKernel.FindDevice(*waiting.device)->DropFind();
     mFindWaitsUntil = Timers::Clock::now() + mSettings.crossingPause;
   }
   if (result.startedPoll) {
