@@ -270,7 +270,7 @@ void Soak::BreakConfiguration() {
   if (mLearning) {
     return;  // settings are not looked at
   }
-  Swipe(NewCard(), 0ms, false);  // has the daemon load what is good and stays
+  Swipe(NewCard(), 0ms, EFailure::None);  // has the daemon load what is good and stays
   mStation.WriteFile("hub/settings.json", R"({"SeccOcppActive": tru)");
   mIsBroken = true;
 }
