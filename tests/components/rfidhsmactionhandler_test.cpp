@@ -196,6 +196,16 @@ INSTANTIATE_TEST_SUITE_P(
                                       "Failed to stop polling."}),
     [](const auto& action) { return action.param.operation; });
 
+TEST(RfidError, OnlyWhatOpeningTheReaderAnewMayCureIsRecoverable) {
+  std::vector<int> recoverable;
+  for (int code = 0; code <= 200; ++code) {
+    if (CRfidError("", code).IsRecoverable()) {
+      recoverable.push_back(code);
+    }
+  }
+  EXPECT_THAT(recoverable, ElementsAre(1, 3, 25, 31));  // libnl's failure, bad socket, busy, no device
+}
+
 TEST_F(ActionHandler, ProcessingWithoutAnErrorDoesNothing) {
   mHandler.IntProcessError();
   EXPECT_THAT(mMachine.Take(), IsEmpty());
@@ -314,6 +324,7 @@ TEST_F(ActionHandler, ACardIsNotifiedBeforeAFailureThatCameAfterItsFindStopsTheM
 
 TEST_F(ActionHandler, AValidCardIsPublishedFedBackAndPosted) {
   Enable();
+  mFeedback->mFail = [this] { EXPECT_THAT(mMachine.Take(), IsEmpty()); };  // the driver is told first
   Read("04a1b2c3");
   EXPECT_THAT(mDiagnostics->Take(3),
               ElementsAre("Rfid last scanned UID=04A1B2C3", "Rfid last scanned tag technology=MIFARE",
@@ -322,6 +333,8 @@ TEST_F(ActionHandler, AValidCardIsPublishedFedBackAndPosted) {
   EXPECT_THAT(mMachine.Take(), ElementsAre("IntOnAuthTokenFound 04A1B2C3"));
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Contains(EndsWith(") Learning status is: false")));
   Authenticate("04A1B2C3");
+  EXPECT_THAT(mFeedback->mEvents, ElementsAre(2, 1));
+  EXPECT_THAT(mMachine.Take(), ElementsAre("IntOnAuthDone 04A1B2C3 ERfidUidNotInList"));
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug),
               Contains(EndsWith(") Triggering Feedback with 'ERfidUidNotInList' (2)")));
   for (const auto* operation :

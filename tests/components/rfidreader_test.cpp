@@ -93,6 +93,12 @@ TEST_F(RfidReader, EachUidIsSuppressedByItselfByteForByte) {
                                  " not valid"));
 }
 
+TEST_F(RfidReader, ACardWhoseReportFailedIsReportedAgainAtItsNextSighting) {
+  mReader.Initialize([](const CToken&, bool) { throw std::runtime_error("not taken"); }, {});
+  EXPECT_THROW(See("0A1B2C3D", 0s), std::runtime_error);
+  EXPECT_THROW(See("0A1B2C3D", 1s), std::runtime_error);
+}
+
 TEST_F(RfidReader, StoppingForgetsTheCardsAlsoWhenTheControllerFails) {
   See("0A1B2C3D", 0s);
   mController->mFail["StopPolling"] = 19;

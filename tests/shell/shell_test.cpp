@@ -3,22 +3,29 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "framework/logcapture.h"
+#include "src/commandline.h"
 #include "src/hublogger.h"
 #include "src/interruptrelay.h"
 #include "src/processcontrolservice.h"
 #include "src/rfidservice.h"
 #include "src/terminatehandler.h"
+#include "statemachines/doormachine.h"
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::KilledBySignal;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -28,6 +35,22 @@ void TerminateWith(const std::function<void()>& raise) {
   Log::Init("test", Log::ELogLevel::Info);
   std::set_terminate(HandleTerminate);
   [&]() noexcept { raise(); }();
+}
+
+/// A machine whose action fails when the event is dispatched.
+void DispatchInVain(const std::shared_ptr<IHsmEvent>& event) {
+  Log::Init("test", Log::ELogLevel::Info);
+  std::set_terminate(HandleTerminate);
+  const auto handler = std::make_shared<DoorHandler>();
+  handler->OnAction = [&](const std::string& action) {
+    if (action != "enter Closed") {
+      handler->mHsm->Stop();
+      throw std::runtime_error(action + " in vain");
+    }
+  };
+  DoorMachine machine(handler);
+  machine.PostEvent(event);
+  machine.Run();
 }
 
 }  // namespace
@@ -41,6 +64,17 @@ TEST(TerminateHandler, SaysWhatEndedTheProcess) {
               "critical *Uncaught exception of unknown type.\n.*critical *Aborting process.");
   EXPECT_EXIT(TerminateWith([] { std::terminate(); }), KilledBySignal(SIGABRT),
               "^[^U]*critical *Aborting process.");
+}
+
+TEST(TerminateHandler, EndsTheProcessWhenAnExceptionEscapesAReaction) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string text = "critical *Uncaught exception of type 'std::runtime_error' with message: '";
+  EXPECT_EXIT(std::thread([] { DispatchInVain(std::make_shared<Knock>()); }).join(), KilledBySignal(SIGABRT),
+              text + "knocked in vain'\n.*critical *Aborting process.");
+  // A leaf's own transition does not even let its caller catch it.
+  EXPECT_EXIT(
+      try { DispatchInVain(std::make_shared<Open>()); } catch (const std::exception&) { std::exit(0); },
+      KilledBySignal(SIGABRT), text + "leave Closed in vain'\n.*critical *Aborting process.");
 }
 
 TEST(InterruptRelay, CatchesSigintOnlyWhileItLivesAndOnAnotherThread) {
@@ -72,6 +106,24 @@ TEST(InterruptRelay, CatchesSigintOnlyWhileItLivesAndOnAnotherThread) {
         raise(SIGINT);
       },
       KilledBySignal(SIGINT), "");
+}
+
+TEST(CommandLine, WhatStandsBeforeARejectedOptionIsInForceWhenTheUsageIsPrinted) {
+  const LogCapture log;
+  Log::SetLogLevel(Log::ELogLevel::Info);
+  std::vector<std::string> words{"rfidd", "-q", "-v", "-x"};
+  std::vector<char*> arguments;
+  for (auto& word : words) {
+    arguments.push_back(word.data());
+  }
+  arguments.push_back(nullptr);
+  ::testing::internal::CaptureStdout();
+  EXPECT_FALSE(ParseCommandLine(static_cast<int>(words.size()), arguments.data()));
+  EXPECT_THAT(::testing::internal::GetCapturedStdout(), StartsWith("usage: rfidd [OPTION]\n"));
+  Log::Debug("debug");
+  Log::Trace("trace");
+  EXPECT_THAT(log.System(), ElementsAre(LogCapture::Line{7, "debug"}));
+  EXPECT_THAT(log.Console(), IsEmpty());
 }
 
 TEST(HubLogger, WritesEachMessageAtItsOwnLevel) {

@@ -168,6 +168,21 @@ TEST_F(Hsm, ANullEventIsDroppedWithoutATrace) {
                           "State Closed: event hndl Say"));
 }
 
+TEST_F(Hsm, WhatEscapesAnActionIsNotCaught) {
+  mReact = [this](const std::string& action) {
+    if (action == "hello" || action == "knocked") {
+      throw std::runtime_error(action);
+    } else if (action == "end") {
+      mMachine->Stop();
+    }
+  };
+  Post<Say>("hello");
+  Post<Knock>();
+  Post<Say>("end");
+  EXPECT_THROW(mMachine->Run(), std::runtime_error);
+  EXPECT_THROW(mMachine->Run(), std::runtime_error);
+}
+
 TEST_F(Hsm, SendEventNeedsAMachine) {
   DoorHandler lonely;
   try {

@@ -84,12 +84,14 @@ TEST(HsmAlive, StoppingWaitsForAMessageThatIsOnItsWay) {
   releaser.join();
 }
 
-TEST(HsmAlive, AHandlerThatIsNotAliveSendsNothing) {
+TEST(HsmAlive, AHandlerThatIsNotAliveSendsNothingUntilItIsAliveAgain) {
   Handler handler;
   handler.mAlive = false;
   handler.IntStopAliveTimer();  // nothing runs: only waits for the worker
   handler.IntStartAliveTimer();
   EXPECT_TRUE(Eventually([&] { return handler.mAsked > 0; }));
-  handler.IntStopAliveTimer();
+  handler.Sync();
   EXPECT_FALSE(handler.mTimes.Take(Clock::duration::zero()));
+  handler.mAlive = true;
+  EXPECT_TRUE(handler.mTimes.Take());  // at the next period
 }
