@@ -7,18 +7,14 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <system_error>
 
 #include "common/commandline.h"
 #include "controlprotocol.h"
 #include "controlserver.h"
-#include "record.h"
 #include "recordclient.h"
-#include "replay.h"
 #include "tag.h"
 #include "virtualnfc.h"
 
@@ -111,41 +107,6 @@ int RecordServer(const std::string& address, const std::string& file, std::uint3
   return kUnreachable;
 }
 
-/// @param address of the server; empty for the machine's own kernel
-int ReplayFile(const std::string& address, const std::string& file, double speed) {
-  std::ifstream stream(file, std::ios::binary);
-  const bool isFolder = std::filesystem::is_directory(file);
-  if (isFolder) {
-    errno = EISDIR;
-  }
-  const std::string text{isFolder ? std::istreambuf_iterator<char>() : std::istreambuf_iterator<char>(stream),
-                         {}};
-  if (!stream.is_open() || stream.bad() || isFolder) {
-    fmt::print(stderr, "virtual-nfc: cannot read {}: {}\n", file, std::generic_category().message(errno));
-    return kUsage;
-  }
-  try {
-    const Record record = ParseRecord(text);
-    if (address.empty()) RequireForOwnKernel(record);
-    const auto target = address.empty() ? ReplayOnOwnKernel() : ReplayOnServer(address);
-    const auto report = [&file](const Difference& difference) {
-      fmt::print("{}:{}: {}\n", file, difference.line, difference.text);
-      std::fflush(stdout);
-    };
-    const ReplayResult result = Replay(record, *target, speed, report).Run();
-    fmt::print("{} message(s) sent, {} compared: {}\n", result.sent, result.compared,
-               result.differences == 0 ? "as recorded" : fmt::format("{} difference(s)", result.differences));
-    return result.differences == 0 ? kDone : kRefused;
-  } catch (const RecordError& error) {
-    fmt::print(stderr, "virtual-nfc: {}:{}: {}\n", file, error.Line(), error.what());
-    return kUsage;
-  } catch (const NoKernel& error) {
-    fmt::print(stderr, "virtual-nfc: cannot reach {}: {}\n",
-               address.empty() ? "the kernel" : fmt::format("a server at {}", address), error.what());
-    return kUnreachable;
-  }
-}
-
 int RunCommand(int argc, char** argv) {
   CLI::App app(
       "A kernel with an NFC reader, simulated: for programs that talk to the kernel's NFC family on machines "
@@ -154,8 +115,8 @@ int RunCommand(int argc, char** argv) {
   SetUpTool(app);
   app.require_subcommand(1);
   app.footer(
-      "Exit status: 0 done, 1 the server refused (replay: not as recorded), 2 wrong usage (replay: or no "
-      "record),\n3 no server there (serve: cannot listen there).");
+      "Exit status: 0 done, 1 the server refused, 2 wrong usage, 3 no server there (serve: cannot listen "
+      "there).");
 
   std::string address;
   app.add_option("--socket", address, "the server's socket, a path or @name")
@@ -253,20 +214,8 @@ int RunCommand(int argc, char** argv) {
       ->check(CLI::PositiveNumber);
   record->callback([&] { action = [&] { return RecordServer(address, file, count); }; });
 
-  bool ownKernel = false;
-  double speed = 1;
-  CLI::App* replay =
-      app.add_subcommand("replay", "do again what a record says, and compare the kernel's answers");
-  replay->add_option("FILE", file, "a file that 'record' has written")->required();
-  replay->add_option("--speed", speed, "how many times faster than recorded")
-      ->type_name("FACTOR")
-      ->check(CLI::Range(0.01, 1000.0));
-  replay->add_flag("--kernel", ownKernel,
-                   "with this machine's own kernel and reader; a person moves the cards");
-  replay->callback([&] { action = [&] { return ReplayFile(ownKernel ? "" : address, file, speed); }; });
-
   app.final_callback([&] {
-    if (address.empty() && !ownKernel) throw CLI::RequiredError("--socket");
+    if (address.empty()) throw CLI::RequiredError("--socket");
   });
 
   app.add_subcommand("env", "print the environment that takes a program to the server")->callback([&] {

@@ -246,40 +246,11 @@ std::string AttributeName(const AttributeSchema& schema, std::uint16_t type) {
   return name;
 }
 
-std::optional<std::uint16_t> ParseAttributeName(const AttributeSchema& schema, std::string_view name) {
-  std::uint32_t flags = 0;
-  for (std::size_t i = std::size(kTypeFlags); i-- > 0;) {
-    if (name.ends_with(kTypeFlags[i].name)) {
-      name.remove_suffix(kTypeFlags[i].name.size());
-      flags |= kTypeFlags[i].bit;
-    }
-  }
-  std::optional<std::uint32_t> number;
-  for (const AttributeInfo& info : schema.known) {
-    if (name == info.name) number = info.type;
-  }
-  if (schema.entry != nullptr && name.starts_with('[') && name.ends_with(']')) {
-    number = ParseUnsigned(name.substr(1, name.size() - 2), NLA_TYPE_MASK);
-  } else if (!number && schema.entry == nullptr && name.starts_with(schema.prefix)) {
-    number = ParseUnsigned(name.substr(std::string_view(schema.prefix).size()), NLA_TYPE_MASK);
-  }
-  return number ? std::optional(static_cast<std::uint16_t>(*number | flags)) : std::nullopt;
-}
-
 std::string NameOf(std::span<const NamedNumber> names, int number) {
   for (const NamedNumber& named : names) {
     if (named.number == number) return named.name;
   }
   return std::to_string(number);
-}
-
-std::optional<int> NumberOf(std::span<const NamedNumber> names, std::string_view text) {
-  for (const NamedNumber& named : names) {
-    if (text == named.name) return named.number;
-  }
-  int number = 0;
-  const auto [stop, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return failure == std::errc() && stop == text.data() + text.size() ? std::optional(number) : std::nullopt;
 }
 
 std::string BitNames(std::span<const NamedBits> names, std::uint32_t bits) {
@@ -292,31 +263,6 @@ std::string BitNames(std::span<const NamedBits> names, std::uint32_t bits) {
   }
   if (bits != 0) text += fmt::format("{}{:#x}", text.empty() ? "" : "|", bits);
   return text.empty() ? "0" : text;
-}
-
-std::optional<std::uint32_t> ParseBitNames(std::span<const NamedBits> names, std::string_view text) {
-  std::uint32_t bits = 0;
-  for (;;) {
-    const std::size_t end = text.find('|');
-    const std::string_view word = text.substr(0, end);
-    auto value = ParseUnsigned(word);
-    for (const NamedBits& named : names) {
-      if (word == named.name) value = named.bits;
-    }
-    if (!value) return std::nullopt;
-    bits |= *value;
-    if (end == std::string_view::npos) return bits;
-    text.remove_prefix(end + 1);
-  }
-}
-
-std::optional<std::uint32_t> ParseUnsigned(std::string_view text, std::uint32_t max) {
-  const bool isHex = text.starts_with("0x");
-  if (isHex) text.remove_prefix(2);
-  std::uint32_t value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, failure] = std::from_chars(text.data(), end, value, isHex ? 16 : 10);
-  return failure == std::errc() && stop == end && value <= max ? std::optional(value) : std::nullopt;
 }
 
 }  // namespace virtualnfc

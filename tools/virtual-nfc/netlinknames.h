@@ -4,10 +4,8 @@
 // Tables only.
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
-#include <string_view>
 
 namespace virtualnfc {
 
@@ -62,18 +60,11 @@ std::span<const NamedBits> OperationFlagNames();
 const AttributeInfo* FindAttribute(const AttributeSchema& schema, std::uint16_t type);
 /// @param type with its flag bits, which become part of the name
 std::string AttributeName(const AttributeSchema& schema, std::uint16_t type);
-std::optional<std::uint16_t> ParseAttributeName(const AttributeSchema& schema, std::string_view name);
 
 /// The name, or the number in decimal digits.
 std::string NameOf(std::span<const NamedNumber> names, int number);
-std::optional<int> NumberOf(std::span<const NamedNumber> names, std::string_view text);
 
 /// "REQUEST|ACK|0x1000", "0" for none.
 std::string BitNames(std::span<const NamedBits> names, std::uint32_t bits);
-std::optional<std::uint32_t> ParseBitNames(std::span<const NamedBits> names, std::string_view text);
-
-/// A whole number in decimal digits, or in hexadecimal ones after 0x; nothing for anything else or a greater
-/// one.
-std::optional<std::uint32_t> ParseUnsigned(std::string_view text, std::uint32_t max = 0xFFFFFFFF);
 
 }  // namespace virtualnfc

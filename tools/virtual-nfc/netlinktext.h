@@ -1,13 +1,10 @@
 #pragma once
 
-// Netlink messages as text that people read, and back to the same bytes. Nothing is lost on the way: what
-// cannot be understood stands in the text as hexadecimal digits. No sockets, no state.
+// Netlink messages as text that people read. Nothing is lost: what cannot be understood stands in the text as
+// hexadecimal digits, and different messages have different texts. No sockets, no state.
 
 #include <cstdint>
-#include <span>
-#include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "genlmessage.h"
@@ -37,8 +34,6 @@ struct TextLine {
   bool isUnpadded = false;
   /// For the reader only.
   std::string remark;
-  /// In its file, from 1.
-  std::size_t number = 0;
 };
 
 /// One message. The head is "FAMILY COMMAND flags=... seq=...", "ack ...", "error EBUSY ...", "done ...", or
@@ -46,27 +41,10 @@ struct TextLine {
 struct MessageText {
   std::string head;
   std::vector<TextLine> lines;
-  std::size_t number = 0;
-};
-
-/// What is wrong in a text, and where.
-class RecordError : public std::runtime_error {
- public:
-  RecordError(std::size_t line, const std::string& what) : std::runtime_error(what), mLine(line) {}
-  std::size_t Line() const { return mLine; }
-
- private:
-  std::size_t mLine;
 };
 
 /// The messages that one datagram holds, at least one.
 /// @param isEvent sent to a group: the port in its header is 0 then
 std::vector<MessageText> DescribeDatagram(ByteView datagram, const NetlinkIds& ids, bool isEvent);
-
-/// The reverse of DescribeDatagram. @throws RecordError
-Bytes BuildDatagram(std::span<const MessageText> messages, const NetlinkIds& ids, bool isEvent);
-
-/// The words of a text, which one or more blanks divide.
-std::vector<std::string_view> SplitWords(std::string_view text);
 
 }  // namespace virtualnfc

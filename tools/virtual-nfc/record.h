@@ -5,9 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "netlinktext.h"
@@ -46,14 +44,6 @@ struct RecordEntry {
   /// Delivery: the receive buffer was full, the program never saw it.
   bool isLost = false;
   std::vector<MessageText> messages;
-  /// In its file, from 1.
-  std::size_t number = 0;
-};
-
-struct Record {
-  /// Those of the kernel that was recorded.
-  NetlinkIds ids;
-  std::vector<RecordEntry> entries;
 };
 
 /// The first line of a record, with its end.
@@ -61,18 +51,6 @@ std::string FormatRecordHead(const NetlinkIds& ids);
 /// The lines of one entry, with their ends.
 std::string FormatEntry(const RecordEntry& entry);
 
-/// @throws RecordError for the first line that is not as it should be
-Record ParseRecord(std::string_view text);
-
-/// "nfc.events", or the number; and back, with the numbers of another kernel.
+/// "nfc.events", or the number.
 std::string GroupText(std::uint32_t group, const NetlinkIds& ids);
-std::uint32_t GroupNumber(std::string_view text, const NetlinkIds& ids, std::size_t line);
-
-/// The words with something else after the "port=" of a rule: a record names the socket there, "#1", since
-/// ports are not the same in another run. @param replace gets what stands there, and returns what shall
-std::string ReplacePort(std::string_view words, const std::function<std::string(std::string_view)>& replace);
-
-/// The messages of one entry in words, for a report: "#1 <- nfc GET_TARGET ..."
-std::string EntryTitle(const RecordEntry& entry, const MessageText& message);
-
 }  // namespace virtualnfc

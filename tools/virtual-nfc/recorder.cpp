@@ -125,12 +125,7 @@ void Recorder::OnDelivered(std::uint64_t socket, std::uint32_t sender, std::uint
 
 void Recorder::OnReader(std::string_view words) {
   RecordEntry entry = Entry(EntryKind::Reader, 0);
-  entry.words = ReplacePort(words, [this](std::string_view port) {
-    for (const auto& [id, socket] : mSockets) {
-      if (socket.port != 0 && port == std::to_string(socket.port)) return fmt::format("#{}", socket.number);
-    }
-    return std::string(port);
-  });
+  entry.words = words;
   Write(entry);
 }
 

@@ -4,10 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
-#include <stdexcept>
-
-#include "tag.h"
 
 namespace virtualnfc {
 
@@ -53,17 +49,6 @@ std::uint32_t NumberIn(ByteView value) {
   }
 }
 
-Bytes NumberOfWidth(std::uint32_t number, std::size_t width) {
-  const auto byte = static_cast<std::uint8_t>(number);
-  const auto half = static_cast<std::uint16_t>(number);
-  Bytes bytes(width);
-  const void* from = width == 1   ? static_cast<const void*>(&byte)
-                     : width == 2 ? static_cast<const void*>(&half)
-                                  : &number;
-  std::memcpy(bytes.data(), from, width);
-  return bytes;
-}
-
 std::string DescribeString(ByteView value) {
   std::string text = "\"";
   for (const std::uint8_t byte : value.first(value.size() - 1)) {
@@ -76,54 +61,6 @@ std::string DescribeString(ByteView value) {
     }
   }
   return text + '"';
-}
-
-Bytes BuildString(std::string_view text, std::size_t line) {
-  Bytes bytes;
-  text = text.substr(1, text.size() - 2);
-  while (!text.empty()) {
-    std::size_t used = 1;
-    if (text.front() != '\\') {
-      bytes.push_back(static_cast<std::uint8_t>(text.front()));
-    } else if (text.starts_with("\\x") && text.size() >= 4) {
-      const auto byte = ParseUnsigned("0x" + std::string(text.substr(2, 2)));
-      if (!byte) throw RecordError(line, fmt::format("'{}' is no character", text.substr(0, 4)));
-      bytes.push_back(static_cast<std::uint8_t>(*byte));
-      used = 4;
-    } else if (text.size() >= 2 && (text[1] == '"' || text[1] == '\\')) {
-      bytes.push_back(static_cast<std::uint8_t>(text[1]));
-      used = 2;
-    } else {
-      throw RecordError(line, fmt::format("'{}' begins no character", text.substr(0, 2)));
-    }
-    text.remove_prefix(used);
-  }
-  bytes.push_back(0);
-  return bytes;
-}
-
-std::optional<std::uint32_t> BuildNumber(ValueKind kind, std::string_view text, const NetlinkIds& ids) {
-  switch (kind) {
-    case ValueKind::Protocols:
-      return ParseBitNames(ProtocolNames(), text);
-    case ValueKind::OperationFlags:
-      return ParseBitNames(OperationFlagNames(), text);
-    case ValueKind::FamilyId:
-      return text == kFamilyName ? ids.family : ParseUnsigned(text, 0xFFFF);
-    case ValueKind::GroupId:
-      return text == kGroupName ? ids.group : ParseUnsigned(text);
-    case ValueKind::U8:
-      return ParseUnsigned(text, 0xFF);
-    case ValueKind::U16:
-      return ParseUnsigned(text, 0xFFFF);
-    case ValueKind::U32:
-      return ParseUnsigned(text);
-    case ValueKind::Hex:
-    case ValueKind::String:
-    case ValueKind::Nested:
-      return std::nullopt;
-  }
-  return std::nullopt;
 }
 
 }  // namespace
@@ -164,24 +101,6 @@ std::string DescribeValue(ValueKind kind, ByteView value, const NetlinkIds& ids,
   return std::to_string(number);
 }
 
-Bytes BuildValue(ValueKind kind, std::string_view text, const NetlinkIds& ids, std::size_t line) {
-  if (text == kHex) return {};
-  if (text.starts_with("hex ")) {
-    try {
-      return ParseHex(text.substr(kHex.size() + 1));
-    } catch (const std::invalid_argument& error) {
-      throw RecordError(line, error.what());
-    }
-  }
-  if (kind == ValueKind::String && text.size() >= 2 && text.front() == '"' &&
-      EndOfString(text) == text.size()) {
-    return BuildString(text, line);
-  }
-  const auto number = BuildNumber(kind, text, ids);
-  if (!number) throw RecordError(line, fmt::format("'{}' is no value for this", text));
-  return NumberOfWidth(*number, WidthOf(kind));
-}
-
 std::string HexValue(ByteView bytes) {
   std::string text(kHex);
   if (!bytes.empty()) text += fmt::format(" {:02x}", fmt::join(bytes, ""));
@@ -193,26 +112,6 @@ std::string DescribeCode(std::int32_t code) {
     if (code == -error.number) return error.name;
   }
   return std::to_string(code);
-}
-
-std::int32_t BuildCode(std::string_view text, std::size_t line) {
-  for (const NamedNumber& error : ErrorNames()) {
-    if (text == error.name) return -error.number;
-  }
-  const auto number = NumberOf({}, text);
-  if (!number) throw RecordError(line, fmt::format("'{}' is no error", text));
-  return *number;
-}
-
-std::size_t EndOfString(std::string_view text) {
-  for (std::size_t i = 1; i < text.size(); ++i) {
-    if (text[i] == '\\') {
-      ++i;
-    } else if (text[i] == '"') {
-      return i + 1;
-    }
-  }
-  return text.size();
 }
 
 }  // namespace virtualnfc
