@@ -94,7 +94,7 @@ TEST_F(RfidReader, EachUidIsSuppressedByItselfByteForByte) {
 }
 
 TEST_F(RfidReader, ACardWhoseReportFailedIsReportedAgainAtItsNextSighting) {
-  mReader.Initialize([](const CToken&, bool) { throw std::runtime_error("not taken"); }, {});
+  mReader.Initialize([](const CToken&, bool) { throw std::runtime_error("not taken"); });
   EXPECT_THROW(See("0A1B2C3D", 0s), std::runtime_error);
   EXPECT_THROW(See("0A1B2C3D", 1s), std::runtime_error);
 }
