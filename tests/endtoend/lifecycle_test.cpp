@@ -51,11 +51,11 @@ TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecoveredButNotEnabled) {
 TEST_F(Lifecycle, AReaderThatIsGoneIsAFatalErrorWhichOnlyARestartEnds) {
   StartDaemon();
   EnableDaemon();
-  mKernel->Unplug();
-  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  mKernel->Unplug();  // nobody asks the daemon for anything
   EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
-  EXPECT_TRUE(WaitForLog("Processing RFID error: Error in SendAndReceiveMsgs in StopPolling. with rc: 19:"));
-  EXPECT_TRUE(WaitForLog("Recovery not possible."));
+  EXPECT_TRUE(WaitForLog("Processing RFID error: Reader stopped reading tags: Error in SendAndReceiveMsgs in "
+                         "StopPolling. (rc 19) with rc: 1:"));
+  EXPECT_TRUE(WaitForLog("Recovery failed with error: Could find trf7970a reader. rc 31"));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("FatalError", 3));
