@@ -1,31 +1,91 @@
 #include "connectionwatch.h"
 
+#include <grpc/grpc_security.h>
 #include <grpc/support/time.h>
+#include <grpcpp/support/channel_arguments.h>
 
 #include <utility>
 
-#include "framework/thread.h"
+namespace {
 
-ConnectionWatch::ConnectionWatch(std::function<void()> lost)
-    : mLost(std::move(lost)), mThread([this] { Run(); }) {}
+grpc_channel* MakeChannel(const std::string& address) {
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  grpc_channel_args plain;
+  arguments.SetChannelArgs(&plain);
+  grpc_channel_credentials* const credentials = grpc_insecure_credentials_create();
+  grpc_channel* const channel = grpc_channel_create(address.c_str(), credentials, &plain);
+  grpc_channel_credentials_release(credentials);
+  return channel;
+}
+
+}  // namespace
+
+ConnectionWatch::ConnectionWatch(const std::string& address, std::function<bool()> isConnected,
+                                 std::function<void()> lost)
+    : mIsConnected(std::move(isConnected)),
+      mLost(std::move(lost)),
+      mChange(MakeEvent(this, TakeChange)),
+      mShutdown(MakeEvent(this, TakeShutdown)),
+      mQueue(grpc_completion_queue_create_for_callback(&mShutdown, nullptr)),
+      mChannel(MakeChannel(address)) {}
 
 ConnectionWatch::~ConnectionWatch() {
-  mQueue.Shutdown();
-  mThread.join();
+  {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mIsEnding = true;
+  }
+  grpc_channel_destroy(mChannel);  // ends a wait for its change
+  grpc_completion_queue_shutdown(mQueue);
+  mIsShutDown.get_future().wait();
+  grpc_completion_queue_destroy(mQueue);
 }
 
-void ConnectionWatch::Begin(grpc::Channel& channel) {
-  if (!mWatching.exchange(true)) {
-    channel.NotifyOnStateChange(GRPC_CHANNEL_READY, gpr_inf_future(GPR_CLOCK_REALTIME), &mQueue, this);
+ConnectionWatch::Event ConnectionWatch::MakeEvent(ConnectionWatch* watch, void (*run)(Functor*, int)) {
+  Event event{};
+  event.functor_run = run;
+  event.watch = watch;
+  return event;
+}
+
+void ConnectionWatch::TakeShutdown(Functor* event, int /*ok*/) {
+  static_cast<Event*>(event)->watch->mIsShutDown.set_value();
+}
+
+void ConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
+  ConnectionWatch& watch = *static_cast<Event*>(event)->watch;
+  if (watch.IsLost()) {
+    watch.mLost();
   }
 }
 
-void ConnectionWatch::Run() {
-  SetThreadName("peer-watch");
-  void* tag = nullptr;
-  bool ok = false;
-  while (mQueue.Next(&tag, &ok)) {
-    mWatching = false;
-    mLost();
+void ConnectionWatch::Begin() {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  if (!mIsWatching) {
+    mIsWatching = true;
+    WaitForChange(grpc_channel_check_connectivity_state(mChannel, 1));
   }
+}
+
+void ConnectionWatch::WaitForChange(grpc_connectivity_state state) {
+  mState = state;
+  grpc_channel_watch_connectivity_state(mChannel, state, gpr_inf_future(GPR_CLOCK_REALTIME), mQueue,
+                                        &mChange);
+}
+
+/// After a change: whether the peer has gone. If it has not, waits for the next.
+bool ConnectionWatch::IsLost() {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  if (mIsEnding) {
+    return false;
+  }
+  const bool wasConnected = mState == GRPC_CHANNEL_READY;
+  const auto state = grpc_channel_check_connectivity_state(mChannel, wasConnected ? 0 : 1);
+  // A server that went before this connection was there has taken the other one along.
+  mIsWatching = !wasConnected && state != GRPC_CHANNEL_TRANSIENT_FAILURE &&
+                (state != GRPC_CHANNEL_READY || mIsConnected());
+  if (mIsWatching) {
+    WaitForChange(state);
+  }
+  return !mIsWatching;
 }

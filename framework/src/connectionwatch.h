@@ -1,32 +1,55 @@
 #pragma once
 
-#include <grpcpp/grpcpp.h>
+#include <grpc/grpc.h>
 
-#include <atomic>
 #include <functional>
-#include <thread>
+#include <future>
+#include <mutex>
+#include <string>
 
-/// Tells when a channel loses its connection, without looking at it from time to time.
+/// Tells when a peer's server goes, without looking from time to time.
 ///
-/// A watch that has begun ends with the connection or with the channel. So the channel has to be gone before
-/// the watch is destroyed, which waits for it: in a class that has both, the watch stands first.
+/// A connection of its own, on which nothing is sent, ends with the server. The library reports that on one
+/// of its own threads: a thread that waits for it here would take part in the library's polling for
+/// everybody, at the cost of some ten system calls for every card.
 class ConnectionWatch {
  public:
-  /// `lost` is called on the watch's thread.
-  explicit ConnectionWatch(std::function<void()> lost);
-  ~ConnectionWatch();
+  /// `isConnected` says whether the connection that matters is there. `lost` is called when it may have been
+  /// lost. Both are called on threads of the library's and must not block.
+  ConnectionWatch(const std::string& address, std::function<bool()> isConnected, std::function<void()> lost);
+  ~ConnectionWatch();  ///< waits for calls in progress
   ConnectionWatch(const ConnectionWatch&) = delete;
   ConnectionWatch& operator=(const ConnectionWatch&) = delete;
 
-  /// Reports once that this channel is not connected any more, at once if it already is not. Does nothing
-  /// while it is watched. One channel only.
-  void Begin(grpc::Channel& channel);
+  /// From now on until `lost` has been called the peer is watched. Does nothing when it already is.
+  void Begin();
 
  private:
-  void Run();
+  using Functor = grpc_completion_queue_functor;
+  struct Event : Functor {
+    ConnectionWatch* watch = nullptr;
+  };
 
+  static Event MakeEvent(ConnectionWatch* watch, void (*run)(Functor*, int));
+  static void TakeChange(Functor* event, int ok);
+  static void TakeShutdown(Functor* event, int ok);
+  void WaitForChange(grpc_connectivity_state state);
+  bool IsLost();
+
+  /// Keeps the library initialised.
+  const struct Library {
+    Library() { grpc_init(); }
+    ~Library() { grpc_shutdown(); }
+  } mLibrary;
+  const std::function<bool()> mIsConnected;
   const std::function<void()> mLost;
-  std::atomic<bool> mWatching{false};
-  grpc::CompletionQueue mQueue;
-  std::thread mThread;
+  Event mChange;
+  Event mShutdown;
+  std::promise<void> mIsShutDown;
+  grpc_completion_queue* const mQueue;
+  grpc_channel* const mChannel;
+  std::mutex mMutex;  ///< guards the rest, and the channel's end
+  bool mIsWatching = false;
+  bool mIsEnding = false;
+  grpc_connectivity_state mState = GRPC_CHANNEL_IDLE;  ///< when the wait for a change began
 };

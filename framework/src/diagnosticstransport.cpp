@@ -37,7 +37,7 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
 
   bool Deliver(const ipc::MSignals& signals) override {
     // If the connection dropped, the peer may have restarted and lost all values: they have to come again.
-    if (mConnected && mChannel->GetState(false) != GRPC_CHANNEL_READY) {
+    if (mConnected && !IsChannelReady()) {
       SetConnected(false, "the connection was lost");
       return false;
     }
@@ -53,7 +53,10 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
     });
   }
 
-  void OnPeerLost(const std::function<void()>& lost) override { mWatch.emplace(lost); }
+  void OnPeerLost(const std::function<void()>& lost) override {
+    mWatch.emplace(
+        mAddress, [this] { return IsChannelReady(); }, lost);
+  }
 
   void Cancel() override {
     const std::lock_guard<std::mutex> lock(mMutex);
@@ -64,6 +67,8 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
   }
 
  private:
+  bool IsChannelReady() const { return mChannel->GetState(false) == GRPC_CHANNEL_READY; }
+
   /// Returns the call's status, or that the peer refuses.
   template <typename Request>
   grpc::Status Call(grpc::Status (Stub::*method)(grpc::ClientContext*, const Request&, ipc::MResult*),
@@ -119,14 +124,13 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
     if (!connected) {
       mTakesSeveral = true;  // it may be another that comes back
     } else if (mWatch) {
-      mWatch->Begin(*mChannel);
+      mWatch->Begin();
     }
   }
 
   const std::string mName;
   const std::string mAddress;
   const std::chrono::milliseconds mTimeout;
-  std::optional<ConnectionWatch> mWatch;
   const std::shared_ptr<grpc::Channel> mChannel;
   const std::unique_ptr<Stub> mStub;
   bool mConnected = false;  // these three are the delivering thread's
@@ -135,6 +139,7 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
   std::mutex mMutex;  // guards the rest
   grpc::ClientContext* mContext = nullptr;
   bool mCancelled = false;
+  std::optional<ConnectionWatch> mWatch;  // goes first: it asks for the channel's state
 };
 
 }  // namespace
