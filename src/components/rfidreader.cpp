@@ -53,18 +53,21 @@ void CRfidReader::Deinitialize() {
 void CRfidReader::StartPolling() {
   LOG_TRACE("{}::{}", ClassName, __func__);
   LOG_DEBUG("Starting polling.");
+  ForgetTags();  // a find that met the last StopPolling was handled after it; its tag may still lie there
   mNfcNetlink->StartPolling();
 }
 
 void CRfidReader::StopPolling() {
   LOG_TRACE("{}::{}", ClassName, __func__);
   LOG_DEBUG("Stopping polling.");
-  {
-    const std::lock_guard lock(mRecentTagsMutex);
-    mRecentTags.clear();
-    ++mPollings;
-  }
+  ForgetTags();
   mNfcNetlink->StopPolling();
+}
+
+void CRfidReader::ForgetTags() {
+  const std::lock_guard lock(mRecentTagsMutex);
+  mRecentTags.clear();
+  ++mPollings;
 }
 
 void CRfidReader::UpdateRecentTags(TimePoint now) {

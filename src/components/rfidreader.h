@@ -45,6 +45,7 @@ class CRfidReader {
  private:
   using TimePoint = std::chrono::steady_clock::time_point;
 
+  void ForgetTags();
   void HandleSighting(const CToken& token, TimePoint now);
 
   std::shared_ptr<INfcNetlink> mNfcNetlink;

@@ -107,6 +107,14 @@ TEST_F(RfidReader, StoppingForgetsTheCardsAlsoWhenTheControllerFails) {
   EXPECT_EQ(mSeen.size(), 2U);
 }
 
+TEST_F(RfidReader, ACardWhoseFindMetTheStoppingIsReportedWhenPollingBeginsAgain) {
+  mReader.StopPolling();
+  See("0A1B2C3D", 0s);
+  mReader.StartPolling();
+  See("0A1B2C3D", 1s);
+  EXPECT_EQ(mSeen.size(), 2U);
+}
+
 TEST_F(RfidReader, PassesTheLifeCycleOnAndControllerErrorsThrough) {
   mReader.StartPolling();
   mReader.StopPolling();
