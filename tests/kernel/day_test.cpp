@@ -1,9 +1,30 @@
-// An ordinary day of the station.
+// The station's days: cards of all kinds, many of them, several at once, and those that stay.
+#include <linux/nfc.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+
 #include "tests/kernel/kerneltest.h"
+
+using namespace std::chrono_literals;
+using ::testing::Each;
+using ::testing::SizeIs;
 
 namespace {
 
 using Day = OnBothStacks;
+
+/// The daemon as it is deployed.
+class WithOneCapability : public KernelTest, public ::testing::WithParamInterface<EStack> {
+ protected:
+  static constexpr uid_t cNobody = 65534;
+
+  WithOneCapability()
+      : KernelTest(GetParam(), {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                                "--inh-caps=-all,+net_admin", "--ambient-caps=-all,+net_admin",
+                                "--bounding-set=-all,+net_admin"}) {}
+};
 
 }  // namespace
 
@@ -26,11 +47,128 @@ TEST_P(Day, EveryKindOfCardHasItsOutcome) {
     EXPECT_TRUE(mSupervisor->WaitFor(std::string("token ") + c.token));
     Reader("take");
   }
-  DisableDaemon();  // forgets the cards: neither this one nor the first has a number for the daemon
-  EXPECT_EQ(mSupervisor->Enable(), "Ok");
-  mSupervisor->Clear();
+  Disable();  // forgets the cards: neither this one nor the first has a number for the daemon
+  Enable();
   Reader("put f 0102030405060708");
   EXPECT_TRUE(mSupervisor->WaitFor("token  ERfidUidInvalid"));
 }
 
+TEST_P(Day, TwoHundredCardsInARow) {
+  StartEnabled();
+  for (int card = 0; card < 200; ++card) {
+    const auto uid = NewUid();
+    Reader("swap a2 " + uid);
+    ASSERT_TRUE(IsNotified(uid));
+  }
+  EXPECT_THAT(mSupervisor->Notified(), SizeIs(200));
+}
+
+TEST_P(Day, ACardThatStaysForAMinuteIsNotifiedOnce) {
+  // A card is forgotten 2 s after it was seen last. The digital stack polls its technologies by lot, so that
+  // it now and then takes longer to see a card again; the daemon is right then to report it again.
+  StartEnabled();
+  const auto client = Client();
+  client.JoinEvents();
+  Reader("put a2 04A1B2C3");
+  EXPECT_TRUE(IsNotified("04A1B2C3"));
+  const auto end = std::chrono::steady_clock::now() + 60s;
+  auto lastFind = std::chrono::steady_clock::now();
+  size_t gaps = 0;
+  size_t finds = 0;
+  while (std::chrono::steady_clock::now() < end) {
+    ASSERT_TRUE(client.WaitReadable());
+    finds += client.Received().size();
+    const auto now = std::chrono::steady_clock::now();
+    gaps += now - lastFind > 1900ms ? 1 : 0;
+    lastFind = now;
+  }
+  EXPECT_GT(finds, 20U);
+  EXPECT_LE(mSupervisor->Notified().size(), 1 + gaps);
+  EXPECT_THAT(mSupervisor->Notified(), Each("token 04A1B2C3 ERfidUidNotInList"));
+}
+
+TEST_P(Day, DisabledWhileACardStaysItReadsAgainWhenEnabled) {
+  StartEnabled();
+  Reader("put a2 04A1B2C3");
+  for (int cycle = 0; cycle < 20; ++cycle) {
+    ASSERT_TRUE(IsNotified("04A1B2C3")) << cycle;
+    Disable();
+    EXPECT_EQ(IsPowered(), false);
+    Enable();
+  }
+  EXPECT_TRUE(IsNotified("04A1B2C3"));
+}
+
+TEST_P(Day, OfSeveralCardsAtOnceOneIsReadOrNone) {
+  StartEnabled();
+  // Of those that an NCI chip lists the daemon takes the last. The digital stack finds one technology after
+  // the other.
+  Reader("put a2 04A1B2C3");
+  Reader("put v E007060504030201");
+  EXPECT_TRUE(IsNotified("E007060504030201"));
+  EXPECT_TRUE(mStack == EStack::Nci || IsNotified("04A1B2C3"));
+  // The digital stack has no anticollision: of one technology it finds none of two, but then the one that
+  // stays.
+  Reader("swap a2 11223344");
+  Reader("put a2 55667788");
+  EXPECT_TRUE(mStack == EStack::Digital || IsNotified("55667788"));
+  Reader("swap a2 99AABBCC");
+  EXPECT_TRUE(IsNotified("99AABBCC"));
+}
+
+TEST_P(Day, KilledAndStartedAgainItReads) {
+  for (const bool isCardThere : {false, true}) {
+    StartEnabled();
+    if (isCardThere) {
+      Reader("put a2 04A1B2C3");
+      EXPECT_TRUE(IsNotified("04A1B2C3"));
+    }
+    mDaemon->Signal(SIGKILL);
+    EXPECT_EQ(mDaemon->Wait(), "signal 9");
+    EXPECT_EQ(IsPowered(), true);
+  }
+  StartEnabled();
+  EXPECT_TRUE(IsNotified("04A1B2C3"));
+  Reader("take");
+  ExpectCardIsRead();
+}
+
+TEST_P(Day, WithoutAReaderItSaysSoAndReadsOnceThereIsOne) {
+  Reader("unplug");
+  StartDaemon();
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  Enable();
+  EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+  Reader("plug");
+  ExpectCured("fatal");
+}
+
+TEST_P(Day, WhileAnotherProgramPollsItSaysSoAndReadsOnceThatHasEnded) {
+  auto other = Client();
+  EXPECT_TRUE(other.Poll());
+  StartDaemon();
+  EXPECT_EQ(mSupervisor->Disable(), "Ok");
+  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  Enable();
+  EXPECT_TRUE(mSupervisor->WaitFor("Error"));
+  const auto outcome = Outcome();
+  other.Close();
+  ExpectCured(outcome);
+}
+
+TEST_P(WithOneCapability, TheDaemonWorksAsAnotherUser) {
+  StartPeers();
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(Folder())) {
+    ASSERT_EQ(chown(entry.path().c_str(), cNobody, cNobody), 0) << entry.path();
+  }
+  ASSERT_EQ(chown(Folder().c_str(), cNobody, cNobody), 0);
+  StartEnabled();
+  ExpectCardIsRead();
+  Disable();
+  EXPECT_EQ(IsPowered(), false);
+}
+
 INSTANTIATE_TEST_SUITE_P(Kernel, Day, ::testing::Values(EStack::Digital, EStack::Nci), StackName);
+INSTANTIATE_TEST_SUITE_P(Kernel, WithOneCapability, ::testing::Values(EStack::Digital, EStack::Nci),
+                         StackName);

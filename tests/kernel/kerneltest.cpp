@@ -16,7 +16,6 @@ using ::testing::AnyOf;
 namespace {
 
 constexpr size_t cShownLines = 150;
-constexpr std::chrono::seconds cMoment(1);
 
 /// The last lines of a file.
 std::string Tail(const std::string& path) {
@@ -59,6 +58,7 @@ KernelTest::KernelTest(EStack stack, std::vector<std::string> launcher)
 KernelTest::~KernelTest() {
   if (HasFailure()) {
     ShowLogs();
+    KeepFolder();  // where it outlives the guest
   }
 }
 
@@ -95,7 +95,12 @@ void KernelTest::StartEnabled() {
   ASSERT_TRUE(WaitForLog("Polling started."));
 }
 
-void KernelTest::DisableDaemon() {
+void KernelTest::Enable() {
+  mSupervisor->Clear();
+  EXPECT_EQ(mSupervisor->Enable(), "Ok");
+}
+
+void KernelTest::Disable() {
   mSupervisor->Clear();
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
@@ -125,24 +130,26 @@ std::string KernelTest::Outcome() {
   const auto isTold = [this](const std::string& what) {
     return mSupervisor->WaitFor(what, 1, std::chrono::seconds(0));
   };
-  Reader("put a2 " + uid);
+  const auto isOver = [&] { return isTold("Disabled") || isTold("FatalError"); };
+  Reader("swap a2 " + uid);
   EXPECT_TRUE(Eventually([&] { return isTold("Error") || isTold("token " + uid + " ERfidUidNotInList"); }));
-  if (!isTold("Error")) {
-    Reader("take");
-    return isTold("FatalError") ? "told and read" : "read";
-  }
-  EXPECT_TRUE(Eventually([&] { return isTold("Disabled") || isTold("FatalError"); }));
   Reader("take");
-  const bool isFatal = isTold("FatalError");
-  if (isFatal) {
+  if (!isTold("Error")) {
+    return "read";
+  }
+  EXPECT_TRUE(Eventually(isOver));
+  return isTold("FatalError") ? "fatal" : "recovered";
+}
+
+void KernelTest::ExpectCured(const std::string& outcome) {
+  if (outcome == "recovered") {
+    Enable();
+  } else if (outcome == "fatal") {
     mDaemon->Signal(SIGINT);
     ExpectOrderlyEnd();
-    return "fatal";
+    StartEnabled();
   }
-  mSupervisor->Clear();
-  EXPECT_EQ(mSupervisor->Enable(), "Ok");
   ExpectCardIsRead();
-  return "recovered";
 }
 
 nfctest::NfcClient KernelTest::Client() const {

@@ -26,7 +26,8 @@ class KernelTest : public ::testing::Test, public StationOnKernel {
 
   void StartDaemon();
   void StartEnabled();  ///< and waits until it polls
-  void DisableDaemon();
+  void Enable();        ///< asks for it
+  void Disable();       ///< and waits until the supervisor is told
   void ExpectOrderlyEnd();
   bool WaitForLog(const std::string& text) const;
 
@@ -39,10 +40,12 @@ class KernelTest : public ::testing::Test, public StationOnKernel {
   void ExpectCardIsRead();
   bool IsNotified(const std::string& uid) const;
 
-  /// What becomes of a station that is enabled, as its supervisor sees it: "read" when a new card is read as
-  /// if nothing had happened; "recovered" when Error and Disabled were told, "fatal" when FatalError was.
-  /// Does then what a supervisor does, enables or starts the process again, and expects that a card is read.
+  /// What becomes of a station that was asked to be enabled, as its supervisor sees it: "read" when a new
+  /// card is read and nothing was told, "recovered" when Error and then Disabled were told, "fatal" when it
+  /// ended in FatalError.
   std::string Outcome();
+  /// Does what a supervisor does then, enables or starts the process again, and expects that a card is read.
+  void ExpectCured(const std::string& outcome);
 
   /// Another program's socket to the kernel.
   nfctest::NfcClient Client() const;

@@ -24,16 +24,15 @@ enum EStatus : uint8_t {
   Ok = 0x00,
   SemanticError = 0x06,
   UnknownCommand = 0x08,
-  DiscoveryAlreadyStarted = 0xa0,
-  TargetActivationFailed = 0xa1
+  DiscoveryAlreadyStarted = 0xa0
 };
-enum EDeactivation : uint8_t { ToIdle = 0, ToSleep = 1, ToDiscovery = 3 };
+enum EDeactivation : uint8_t { ToIdle = 0, ToDiscovery = 3 };
 
-/// Core group: reset, init, set-config; RF group: map, discover, select, deactivate.
+/// Core group: reset, init, set-config; RF group: map, discover, deactivate.
 std::string NameOf(uint8_t group, uint8_t operation) {
-  static const std::map<int, std::string> cNames{
-      {0x000, "reset"},    {0x001, "init"},   {0x002, "setconfig"}, {0x100, "map"},
-      {0x103, "discover"}, {0x104, "select"}, {0x106, "deactivate"}};
+  static const std::map<int, std::string> cNames{{0x000, "reset"},     {0x001, "init"},
+                                                 {0x002, "setconfig"}, {0x100, "map"},
+                                                 {0x103, "discover"},  {0x106, "deactivate"}};
   const auto name = cNames.find(group << 8 | operation);
   return name == cNames.end() ? "other" : name->second;
 }
@@ -44,7 +43,7 @@ const char* const NciChip::cWords = R"(Commands of this reader:
   cross TAG             at the next command to deactivate during discovery, TAG is reported first: the find and the
                         command cross
   fail COMMAND HOW [N]  the next N (1) of these commands of the kernel get HOW: a status byte in hexadecimal, "silent"
-                        (no answer), or "late MS"; COMMAND: reset, init, setconfig, map, discover, select, deactivate,
+                        (no answer), or "late MS"; COMMAND: reset, init, setconfig, map, discover, deactivate,
                         or deactntf (the notification after deactivate)
   reset                 the chip resets by itself, and says so
   ax UID [protocol=80]  one more kind of tag: NFC-A with a protocol number of the chip maker's own, which is what many
@@ -136,6 +135,7 @@ void NciChip::AddFailure(std::istream& words) {
   }
   failure.count = NextNumber(words, 1);
   mFailures.insert_or_assign(command, failure);
+  mCounts["failing"] = static_cast<int>(mFailures.size());
 }
 
 void NciChip::SetState(const std::string& state) {
@@ -201,6 +201,7 @@ bool NciChip::IsAnswered(const std::string& command, uint8_t& status, std::uniqu
   const auto failure = found->second;
   if (--found->second.count <= 0) {
     mFailures.erase(found);
+    mCounts["failing"] = static_cast<int>(mFailures.size());
   }
   switch (failure.how) {
     case Failure::EHow::Refuse:
@@ -233,11 +234,12 @@ void NciChip::OnCommand(const Bytes& packet, std::unique_lock<std::mutex>& lock)
   if (name == "reset") {
     Reset(request);
   } else if (name == "init") {
-    constexpr uint8_t cInterfaces[] = {1, 2, 3};  // frame, ISO-DEP, NFC-DEP
-    request.status == EStatus::Ok
-        ? Respond(request, {0, 0, 0, 0, 1, 0, 0, 255, 255, 1, 0, 1, 3, cInterfaces[0], 0, cInterfaces[1], 0,
-                            cInterfaces[2], 0})
-        : Respond(request);
+    if (request.status == EStatus::Ok) {
+      // its features, limits, and three interfaces: frame, ISO-DEP and NFC-DEP
+      Respond(request, {0, 0, 0, 0, 1, 0, 0, 255, 255, 1, 0, 1, 3, 1, 0, 2, 0, 3, 0});
+    } else {
+      Respond(request);
+    }
   } else if (name == "setconfig") {
     Respond(request, {0});
   } else if (name == "map") {
@@ -247,8 +249,6 @@ void NciChip::OnCommand(const Bytes& packet, std::unique_lock<std::mutex>& lock)
     }
   } else if (name == "discover") {
     Discover(request);
-  } else if (name == "select") {
-    Select(request);
   } else if (name == "deactivate") {
     Deactivate(request, lock);
   } else {
@@ -281,26 +281,11 @@ void NciChip::Discover(Request& request) {
   }
 }
 
-void NciChip::Select(const Request& request) {
-  Respond(request);
-  if (request.status != EStatus::Ok) {
-    return;
-  }
-  const size_t chosen = request.arguments.at(0);
-  if (chosen >= 1 && chosen <= mListed.size()) {
-    SetState("active");
-    SendActivated(mListed[chosen - 1], request.arguments[0]);
-  } else {
-    Notify(EGroup::Core, 7, {EStatus::TargetActivationFailed});
-  }
-}
-
 void NciChip::Deactivate(const Request& request, std::unique_lock<std::mutex>& lock) {
   if (mCrossing && mState == "discovery") {
-    mListed = {*mCrossing};
-    mCrossing.reset();
     SetState("active");
-    SendActivated(mListed.front(), 1);
+    SendActivated(*mCrossing);
+    mCrossing.reset();
   }
   const bool wasActive = mState == "active";
   Respond(request);
@@ -335,31 +320,31 @@ void NciChip::ReportTags() {
   }
 }
 
-/// One tag is activated at once; of several the kernel gets a list, and selects one.
+/// One tag is activated at once; of several the kernel gets a list, which it is content with.
 void NciChip::Report() {
-  mListed.clear();
-  std::copy_if(mField.begin(), mField.end(), std::back_inserter(mListed), [this](const NciTag& tag) {
+  std::vector<NciTag> found;
+  std::copy_if(mField.begin(), mField.end(), std::back_inserter(found), [this](const NciTag& tag) {
     return std::find(mTechnologies.begin(), mTechnologies.end(), tag.technology) != mTechnologies.end();
   });
-  if (mListed.size() == 1) {
+  if (found.size() == 1) {
     SetState("active");
-    SendActivated(mListed.front(), 1);
-  } else if (!mListed.empty()) {
+    SendActivated(found.front());
+  } else if (!found.empty()) {
     SetState("select");
-    for (size_t i = 0; i < mListed.size(); ++i) {
-      const auto& tag = mListed[i];
-      Bytes payload{static_cast<uint8_t>(i + 1), tag.protocol, tag.technology,
-                    static_cast<uint8_t>(tag.parameters.size())};
+    for (uint8_t id = 1; id <= found.size(); ++id) {
+      const auto& tag = found[id - 1U];
+      Bytes payload{id, tag.protocol, tag.technology, static_cast<uint8_t>(tag.parameters.size())};
       payload.insert(payload.end(), tag.parameters.begin(), tag.parameters.end());
-      payload.push_back(i + 1 < mListed.size() ? 2 : 0);  // more will come, the last
+      payload.push_back(id < found.size() ? 2 : 0);  // more will come, the last
       Notify(EGroup::Rf, 3, payload);
     }
   }
 }
 
-void NciChip::SendActivated(const NciTag& tag, uint8_t id) {
+void NciChip::SendActivated(const NciTag& tag) {
+  constexpr uint8_t cId = 1;
   Bytes payload{
-      id, tag.interface, tag.protocol, tag.technology, 255, 1, static_cast<uint8_t>(tag.parameters.size())};
+      cId, tag.interface, tag.protocol, tag.technology, 255, 1, static_cast<uint8_t>(tag.parameters.size())};
   payload.insert(payload.end(), tag.parameters.begin(), tag.parameters.end());
   payload.insert(payload.end(), {tag.technology, 0, 0, static_cast<uint8_t>(tag.activation.size())});
   payload.insert(payload.end(), tag.activation.begin(), tag.activation.end());

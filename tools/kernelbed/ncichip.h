@@ -54,12 +54,11 @@ class NciChip : public Reader {
   bool IsAnswered(const std::string& command, uint8_t& status, std::unique_lock<std::mutex>& lock);
   void Reset(const Request& request);
   void Discover(Request& request);
-  void Select(const Request& request);
   void Deactivate(const Request& request, std::unique_lock<std::mutex>& lock);
   void SetState(const std::string& state);
   void LookForTags();
   void Report();
-  void SendActivated(const NciTag& tag, uint8_t id);
+  void SendActivated(const NciTag& tag);
   void Respond(const Request& request, const Bytes& more = {});
   void Notify(uint8_t group, uint8_t operation, const Bytes& payload);
   void Send(uint8_t type, uint8_t group, uint8_t operation, const Bytes& payload);
@@ -73,7 +72,6 @@ class NciChip : public Reader {
   // under mMutex
   std::string mState = "off";
   std::vector<NciTag> mField;
-  std::vector<NciTag> mListed;  ///< what was reported last
   std::optional<NciTag> mCrossing;
   Bytes mTechnologies;  ///< that the kernel polls for
   std::map<std::string, Failure> mFailures;
