@@ -27,19 +27,6 @@ namespace {
 /// How long a critical line, and the end of the process, wait for the logs.
 constexpr std::chrono::seconds cPatience(2);
 
-struct Logs {
-  std::mutex order;  // lines come to both writers in the same order
-  LogWriter system;
-  LogWriter console;
-  std::atomic<bool> systemIsStuck{false};
-  std::atomic<bool> consoleIsStuck{false};
-};
-
-/// Never destroyed: destructors of static objects and the terminate handler log, too, and a thread that a log
-/// holds up cannot be joined.
-std::atomic<Logs*> gLogs{nullptr};
-std::atomic<bool> gEnding{false};
-
 spdlog::level::level_enum ToSpdlog(Log::ELogLevel level) {
   switch (level) {
     case Log::ELogLevel::Trace:
@@ -58,14 +45,6 @@ spdlog::level::level_enum ToSpdlog(Log::ELogLevel level) {
   return spdlog::level::critical;
 }
 
-/// What must not be lost waits for both logs. For one that is stuck only the first such line waits, so that
-/// the last words of a process, several lines, take two seconds at most together.
-void AwaitLogs(Logs& logs) {
-  const auto now = std::chrono::steady_clock::now();
-  logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + cPatience);
-  logs.consoleIsStuck = !logs.console.Flush(logs.consoleIsStuck ? now : now + cPatience);
-}
-
 std::shared_ptr<spdlog::logger> Register(const char* name, spdlog::sink_ptr sink) {
   auto logger = std::make_shared<spdlog::logger>(name, std::move(sink));
   logger->set_level(spdlog::level::trace);               // the level is Log's affair
@@ -76,6 +55,46 @@ std::shared_ptr<spdlog::logger> Register(const char* name, spdlog::sink_ptr sink
 
 void Send(spdlog::logger& logger, const LogLine& line) {
   logger.log(line.time, spdlog::source_loc{}, ToSpdlog(line.level), line.text);
+}
+
+LogWriter::Write ToSystemLog(std::string name) {
+  auto sink = std::make_shared<spdlog::sinks::syslog_sink_mt>(std::move(name), LOG_PID, LOG_DAEMON, false);
+  return [logger = Register("syslog", std::move(sink))](const LogLine& line) {
+    Send(*logger, line);
+    return true;
+  };
+}
+
+LogWriter::Write ToConsole() {
+  auto sink = std::make_shared<ConsoleSink>();
+  return [sink, logger = Register("console", sink)](const LogLine& line) {
+    Send(*logger, line);
+    return sink->TookLast();
+  };
+}
+
+struct Logs {
+  explicit Logs(std::string name)
+      : system("log-system", ToSystemLog(std::move(name))), console("log-console", ToConsole()) {}
+
+  std::mutex order;  // lines come to both writers in the same order
+  LogWriter system;
+  LogWriter console;
+  std::atomic<bool> systemIsStuck{false};
+  std::atomic<bool> consoleIsStuck{false};
+};
+
+/// Never destroyed: destructors of static objects and the terminate handler log, too, and a thread that a log
+/// holds up cannot be joined.
+std::atomic<Logs*> gLogs{nullptr};
+std::atomic<bool> gEnding{false};
+
+/// What must not be lost waits for both logs. For one that is stuck only the first such line waits, so that
+/// the last words of a process, several lines, take two seconds at most together.
+void AwaitLogs(Logs& logs) {
+  const auto now = std::chrono::steady_clock::now();
+  logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + cPatience);
+  logs.consoleIsStuck = !logs.console.Flush(logs.consoleIsStuck ? now : now + cPatience);
 }
 
 void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::format_args args) {
@@ -97,23 +116,8 @@ void Log::Init(std::string name, ELogLevel level) {
   if (gLogs.load(std::memory_order_acquire) != nullptr) {
     return;
   }
-  auto systemSink =
-      std::make_shared<spdlog::sinks::syslog_sink_mt>(std::move(name), LOG_PID, LOG_DAEMON, false);
-  auto consoleSink = std::make_shared<ConsoleSink>();
-  const auto system = Register("syslog", std::move(systemSink));
-  const auto console = Register("console", consoleSink);
-  gLogs.store(new Logs{.order = {},
-                       .system{"log-system",
-                               [system](const LogLine& line) {
-                                 Send(*system, line);
-                                 return true;
-                               }},
-                       .console{"log-console",
-                                [console, consoleSink](const LogLine& line) {
-                                  Send(*console, line);
-                                  return consoleSink->TookLast();
-                                }}},
-              std::memory_order_release);
+  auto* const logs = new Logs(std::move(name));
+  gLogs.store(logs, std::memory_order_release);
   std::atexit([] {
     gEnding = true;
     AwaitLogs(*gLogs);
