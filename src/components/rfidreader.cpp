@@ -84,6 +84,11 @@ void CRfidReader::ValidateTokenAndNotify(const CToken& token) {
   LOG_TRACE("{}::{}", ClassName, __func__);
   const std::lock_guard sighting(mSightingMutex);  // before the clock is read: the wait for it can be seconds
   HandleSighting(token, std::chrono::steady_clock::now());
+  // The callback can take seconds, in which nobody can see the card: it may have been there all the time.
+  const std::lock_guard lock(mRecentTagsMutex);
+  if (const auto seen = mRecentTags.find(token.uid); seen != mRecentTags.end()) {
+    seen->second = std::chrono::steady_clock::now();
+  }
 }
 
 void CRfidReader::ValidateTokenAndNotify(const CToken& token, TimePoint now) {

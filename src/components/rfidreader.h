@@ -37,7 +37,8 @@ class CRfidReader {
   /// Forgets the tags that were last seen more than two seconds before `now`.
   void UpdateRecentTags(std::chrono::steady_clock::time_point now);
 
-  /// One sighting. A UID is reported when it was not seen within the last two seconds.
+  /// One sighting. A UID is reported when it was not seen within the last two seconds. They begin when the
+  /// callback has returned: a card that is held while the callback takes long is reported once.
   void ValidateTokenAndNotify(const CToken& token);
   /// The same, seen at `now`.
   void ValidateTokenAndNotify(const CToken& token, std::chrono::steady_clock::time_point now);

@@ -1,4 +1,8 @@
 #include <fmt/format.h>
+#include <linux/nfc.h>
+
+#include <algorithm>
+#include <chrono>
 
 #include "daemontest.h"
 
@@ -71,4 +75,27 @@ TEST_F(Peers, OneThatDiesMidCallOrNeverAnswersDelaysATokenButDoesNotCostIt) {
   EXPECT_EQ(CountOf(log, " info     [RPC] Feedback answers again (unix:"), 1U);
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+}
+
+TEST_F(Peers, ACardThatIsHeldWhileOneNeverAnswersIsNotifiedOnce) {
+  StartDaemon();
+  EnableDaemon();
+  mPeers->SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
+  mKernel->PresentTag(MakeTag(virtualnfc::TagKind::Mifare, "04A12B5C"));
+  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+  std::chrono::steady_clock::duration unseen{};  // at most, on a machine that stalls
+  for (size_t found = 2; found <= 20; ++found) {
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_TRUE(mKernel->WaitFor(
+        [&](const virtualnfc::Status& status) { return status.Events(NFC_EVENT_TARGETS_FOUND) >= found; },
+        LongestWait));
+    unseen = std::max(unseen, std::chrono::steady_clock::now() - before);
+  }
+  mKernel->RemoveTags();
+  Tap("11223344");  // whatever the first card led to comes before this
+  EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
+  if (unseen < std::chrono::milliseconds(1500)) {
+    EXPECT_THAT(mSupervisor->Notified(), ::testing::ElementsAre("token 04A12B5C ERfidUidNotInList",
+                                                                "token 11223344 ERfidUidNotInList"));
+  }
 }
