@@ -67,27 +67,45 @@ class SlowReader : public KernelTest {
 
 }  // namespace
 
-TEST_P(End, InEveryRestingStateTheReaderIsOff) {
-  InterruptIn({{"Uninitialized", [] {}},
-               {"Disabled", [this] { BeDisabled(); }},
-               {"Enabled", [this] { BeEnabled(); }},
-               {"Enabled, a card is there",
-                [this] {
-                  Reader("put a2 04A1B2C3");
-                  BeEnabled();
-                  EXPECT_TRUE(IsNotified("04A1B2C3"));
-                }},
-               {"Disabled after Enabled",
-                [this] {
-                  BeEnabled();
-                  Disable();
-                }},
-               {"FatalError", [this] {
-                  BeEnabled();
-                  Reader("unplug");
-                  EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
-                  Reader("plug");
-                }}});
+TEST_P(End, InEveryStateTheReaderIsOffAfterwards) {
+  std::vector<Case> cases{{"Uninitialized", [] {}},
+                          {"Disabled", [this] { BeDisabled(); }},
+                          {"Enabled", [this] { BeEnabled(); }},
+                          {"Enabled, a card is there",
+                           [this] {
+                             Reader("put a2 04A1B2C3");
+                             BeEnabled();
+                             EXPECT_TRUE(IsNotified("04A1B2C3"));
+                             Reader("take");
+                           }},
+                          {"Disabled after Enabled",
+                           [this] {
+                             BeEnabled();
+                             Disable();
+                           }},
+                          {"FatalError", [this] {
+                             BeEnabled();
+                             Reader("unplug");
+                             EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+                             Reader("plug");
+                           }}};
+  if (mStack == EStack::Nci) {
+    cases.push_back({"Error", [this] {
+                       BeEnabled();
+                       Reader("fail discover 03");
+                       Reader("put a2 04A1B2C3");
+                       EXPECT_TRUE(mSupervisor->WaitFor("Error"));
+                     }});
+    cases.push_back({"FatalError, the reader is on", [this] {
+                       Reader("take");
+                       BeDisabled();
+                       Reader("fail discover 03");
+                       Enable();
+                       EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+                       EXPECT_EQ(IsPowered(), true);
+                     }});
+  }
+  InterruptIn(cases);
 }
 
 TEST_P(End, WhileACommandWaitsForTheReaderItIsAwaited) {

@@ -101,8 +101,8 @@ Bytes DigitalTag::Answer(Tech tech, const Bytes& frame) {
         return {};
       }
       Bytes answer{0x12, 0x01};  // its length and the code of the response
-      answer.insert(answer.end(), mUid.begin(), mUid.end());
-      answer.insert(answer.end(), {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4e, 0xff});
+      Append(answer, mUid);
+      Append(answer, {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4e, 0xff});
       return answer;
     }
     default: {
@@ -110,7 +110,7 @@ Bytes DigitalTag::Answer(Tech tech, const Bytes& frame) {
         return {};
       }
       Bytes answer{0x00, 0x00};  // flags and DSFID
-      answer.insert(answer.end(), mUid.rbegin(), mUid.rend());
+      Append(answer, Bytes(mUid.rbegin(), mUid.rend()));
       return answer;
     }
   }

@@ -156,7 +156,7 @@ void NciChip::LookForTags() {
 
 void NciChip::Send(uint8_t type, uint8_t group, uint8_t operation, const Bytes& payload) {
   Bytes packet{static_cast<uint8_t>(type | group), operation, static_cast<uint8_t>(payload.size())};
-  packet.insert(packet.end(), payload.begin(), payload.end());
+  Append(packet, payload);
   Log("chip: " + ToHex(packet));
   if (write(mDevice.Get(), packet.data(), packet.size()) < 0) {
     throw std::system_error(errno, std::generic_category(), "cannot write to the kernel");
@@ -165,7 +165,7 @@ void NciChip::Send(uint8_t type, uint8_t group, uint8_t operation, const Bytes& 
 
 void NciChip::Respond(const Request& request, const Bytes& more) {
   Bytes payload{request.status};
-  payload.insert(payload.end(), more.begin(), more.end());
+  Append(payload, more);
   Send(EPacket::Response, request.group, request.operation, payload);
 }
 
@@ -334,7 +334,7 @@ void NciChip::Report() {
     for (uint8_t id = 1; id <= found.size(); ++id) {
       const auto& tag = found[id - 1U];
       Bytes payload{id, tag.protocol, tag.technology, static_cast<uint8_t>(tag.parameters.size())};
-      payload.insert(payload.end(), tag.parameters.begin(), tag.parameters.end());
+      Append(payload, tag.parameters);
       payload.push_back(id < found.size() ? 2 : 0);  // more will come, the last
       Notify(EGroup::Rf, 3, payload);
     }
@@ -345,9 +345,9 @@ void NciChip::SendActivated(const NciTag& tag) {
   constexpr uint8_t cId = 1;
   Bytes payload{
       cId, tag.interface, tag.protocol, tag.technology, 255, 1, static_cast<uint8_t>(tag.parameters.size())};
-  payload.insert(payload.end(), tag.parameters.begin(), tag.parameters.end());
-  payload.insert(payload.end(), {tag.technology, 0, 0, static_cast<uint8_t>(tag.activation.size())});
-  payload.insert(payload.end(), tag.activation.begin(), tag.activation.end());
+  Append(payload, tag.parameters);
+  Append(payload, {tag.technology, 0, 0, static_cast<uint8_t>(tag.activation.size())});
+  Append(payload, tag.activation);
   Notify(EGroup::Rf, 5, payload);
 }
 

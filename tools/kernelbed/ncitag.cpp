@@ -8,10 +8,6 @@ enum ETechnology : uint8_t { A = 0, B = 1, F = 2, V = 6 };
 enum EProtocol : uint8_t { T1T = 1, T2T = 2, T3T = 3, IsoDep = 4, T5T = 6 };
 enum EInterface : uint8_t { FrameInterface = 1, IsoDepInterface = 2 };
 
-void Append(Bytes& bytes, const Bytes& more) {
-  bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
 void DescribeA(NciTag& tag, const TagWords& words) {
   const auto& uid = words.Uid();
   const uint8_t lengthOfUid = uid.size() == 7 ? 0x44 : uid.size() == 10 ? 0x84 : 0x04;
@@ -59,8 +55,8 @@ NciTag::NciTag(const TagWords& words) : interface(EInterface::FrameInterface) {
     default:
       technology = ETechnology::V;
       protocol = EProtocol::T5T;
-      parameters = {0, 0};                                            // DSFID
-      parameters.insert(parameters.end(), uid.rbegin(), uid.rend());  // as it comes over the air
+      parameters = {0, 0};                                  // DSFID
+      Append(parameters, Bytes(uid.rbegin(), uid.rend()));  // as it comes over the air
   }
 }
 

@@ -77,11 +77,9 @@ int Run(int argc, char** argv, const std::string& name, const std::string& words
   app.footer(std::string(cReaderWords) + words);
   std::string address = "/run/reader.sock";
   std::string logFile;
-  bool isUnplugged = false;
   std::vector<std::string> command;
   app.add_option("--socket", address, "where commands are taken")->capture_default_str();
   app.add_option("--log", logFile, "write everything between kernel and tags to this file");
-  app.add_flag("--unplugged", isUnplugged, "begin without a device");
   app.add_option("COMMAND", command, "for the program that runs; without, be the reader until \"quit\"");
   if (const auto ended = ParseCommandLine(app, argc, argv)) {
     return *ended;
@@ -95,9 +93,7 @@ int Run(int argc, char** argv, const std::string& name, const std::string& words
     throw std::runtime_error("cannot write to " + logFile);
   }
   const auto reader = make(log.get());
-  if (!isUnplugged) {
-    reader->Command("plug");
-  }
+  reader->Command("plug");
   Serve(*reader, address);
   return cDone;
 }

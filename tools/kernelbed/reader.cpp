@@ -34,6 +34,10 @@ TAG (UIDs in hexadecimal as printed on the tag; options after it as NAME=VALUE):
   v UID                     ISO 15693; UID beginning with E0
 )";
 
+void Append(Bytes& bytes, const Bytes& more) {
+  bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
 std::string ToHex(const Bytes& bytes) {
   return fmt::format("{:02x}", fmt::join(bytes, ""));
 }

@@ -21,6 +21,8 @@ namespace kernelbed {
 using virtualnfc::Bytes;
 using Clock = std::chrono::steady_clock;
 
+void Append(Bytes& bytes, const Bytes& more);
+
 /// The bytes in lower case.
 std::string ToHex(const Bytes& bytes);
 
