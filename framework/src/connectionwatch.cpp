@@ -38,6 +38,11 @@ ConnectionWatch::~ConnectionWatch() {
   grpc_channel_destroy(mChannel);  // ends a wait for its change
   grpc_completion_queue_shutdown(mQueue);
   mIsShutDown.get_future().wait();
+  {
+    // The library does not promise that the end of the queue comes last.
+    std::unique_lock<std::mutex> lock(mMutex);
+    mWaitEnded.wait(lock, [this] { return mWaits == 0; });
+  }
   grpc_completion_queue_destroy(mQueue);
 }
 
@@ -56,7 +61,15 @@ void ConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
   ConnectionWatch& watch = *static_cast<Event*>(event)->watch;
   if (watch.IsLost()) {
     watch.mLost();
+    const std::lock_guard<std::mutex> lock(watch.mMutex);
+    watch.EndWait();
   }
+}
+
+/// With mMutex held, last of all: the destructor may go on.
+void ConnectionWatch::EndWait() {
+  --mWaits;
+  mWaitEnded.notify_all();
 }
 
 void ConnectionWatch::Begin() {
@@ -69,6 +82,7 @@ void ConnectionWatch::Begin() {
 
 void ConnectionWatch::WaitForChange(grpc_connectivity_state state) {
   mState = state;
+  ++mWaits;
   grpc_channel_watch_connectivity_state(mChannel, state, gpr_inf_future(GPR_CLOCK_REALTIME), mQueue,
                                         &mChange);
 }
@@ -77,6 +91,7 @@ void ConnectionWatch::WaitForChange(grpc_connectivity_state state) {
 bool ConnectionWatch::IsLost() {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mIsEnding) {
+    EndWait();
     return false;
   }
   const bool wasConnected = mState == GRPC_CHANNEL_READY;
@@ -86,6 +101,7 @@ bool ConnectionWatch::IsLost() {
                 (state != GRPC_CHANNEL_READY || mIsConnected());
   if (mIsWatching) {
     WaitForChange(state);
+    EndWait();  // of the one before
   }
   return !mIsWatching;
 }

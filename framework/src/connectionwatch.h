@@ -2,6 +2,7 @@
 
 #include <grpc/grpc.h>
 
+#include <condition_variable>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -35,6 +36,7 @@ class ConnectionWatch {
   static void TakeShutdown(Functor* event, int ok);
   void WaitForChange(grpc_connectivity_state state);
   bool IsLost();
+  void EndWait();
 
   /// Keeps the library initialised.
   const struct Library {
@@ -51,5 +53,7 @@ class ConnectionWatch {
   std::mutex mMutex;  ///< guards the rest, and the channel's end
   bool mIsWatching = false;
   bool mIsEnding = false;
+  unsigned mWaits = 0;  ///< calls of TakeChange that are still to come, or run
+  std::condition_variable mWaitEnded;
   grpc_connectivity_state mState = GRPC_CHANNEL_IDLE;  ///< when the wait for a change began
 };

@@ -71,30 +71,31 @@ void LogWriter::Run(const std::string& threadName) {
     mLines.pop_front();
     mBytes -= SizeOf(*line);
     mInHand = mPushed - mLines.size();
-    const std::size_t dropped = std::exchange(mDropped, 0);
+    std::size_t dropped = std::exchange(mDropped, 0);
     lock.unlock();
-    const bool written = WriteAfterGap(dropped, *line);
+    WriteAfterGap(dropped, *line);
     line.reset();
     lock.lock();
-    if (!written) {
-      mDropped += dropped + 1;
-    }
+    mDropped += dropped;
     mInHand = 0;
     mProgress.notify_all();
   }
 }
 
-/// The line that says what is missing has the time of the one after the gap, so that times do not jump back.
-bool LogWriter::WriteAfterGap(std::size_t dropped, const LogLine& line) const {
+/// Writes the line, before it what is missing, and leaves in `dropped` what is still to be said. The line
+/// that says it has the time of the one after the gap, so that times do not jump back.
+void LogWriter::WriteAfterGap(std::size_t& dropped, const LogLine& line) const {
   try {
     if (dropped > 0 && Log::IsEnabled(Log::ELogLevel::Warning)) {
       const auto text = fmt::format("{} log lines were dropped: this log did not take them.", dropped);
-      if (!mWrite({Log::ELogLevel::Warning, line.time, text})) {
-        return false;
+      if (mWrite({Log::ELogLevel::Warning, line.time, text})) {
+        dropped = 0;
       }
     }
-    return mWrite(line);
+    if (!mWrite(line)) {
+      ++dropped;
+    }
   } catch (const std::exception&) {  // out of memory
-    return false;
+    ++dropped;
   }
 }

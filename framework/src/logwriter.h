@@ -56,7 +56,7 @@ class LogWriter {
 
  private:
   void Run(const std::string& threadName);
-  bool WriteAfterGap(std::size_t dropped, const LogLine& line) const;
+  void WriteAfterGap(std::size_t& dropped, const LogLine& line) const;
 
   const Write mWrite;
   std::mutex mMutex;  // guards the rest but the thread

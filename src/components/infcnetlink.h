@@ -28,7 +28,8 @@ class INfcNetlink {
   virtual void StopPolling() = 0;
 
   /// Closes the controller. The reader is off afterwards and no callback runs any more, also when something
-  /// failed before or it throws. On a closed controller it does nothing.
+  /// failed before or it throws, as far as the kernel allows: what failed is tried again by the next call. On
+  /// a closed controller whose reader is off it does nothing.
   virtual void DeinitializeController() = 0;
 
   /// `onError` is told of whatever ends the reading of tags while polling is wanted. Set it on a closed

@@ -133,13 +133,15 @@ bool CNfcEventSocket::Wait(Clock::time_point until) {
   if (result < 0) {
     // Short of memory, or the socket is gone, which the next receive tells. Neither may keep a core busy.
     std::this_thread::sleep_for(RetryPause);
+  } else if (result > 0 && FD_ISSET(wakeFd, &readable)) {
+    mWake.Reset();
   }
   return result != 0;
 }
 
-bool CNfcEventSocket::HasEvents() const {
+bool CNfcEventSocket::HasEvents(std::chrono::milliseconds patience) const {
   pollfd waiting{nl_socket_get_fd(mSocket.get()), POLLIN, 0};
-  return poll(&waiting, 1, 0) > 0;
+  return poll(&waiting, 1, static_cast<int>(patience.count())) > 0;
 }
 
 int CNfcEventSocket::Receive(nl_recvmsg_msg_cb_t onEvent, void* argument) {

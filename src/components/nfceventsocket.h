@@ -33,9 +33,9 @@ class CNfcEventSocket {
   /// Blocks while a set-up is under way. True when events are being received.
   bool AwaitSetUp();
   /// Sends a request that the kernel must answer with an error, so that the socket becomes readable. Blocks
-  /// while another process's command occupies the kernel's NFC family.
+  /// while another command, of this process or another, waits for the reader.
   Failure Wake(int family);
-  /// Ends the monitor's sleep also when the kernel does not answer.
+  /// Ends the monitor's sleep once, also when the kernel does not answer.
   void WakeAtOnce() { mWake.Signal(); }
 
   // The monitor's thread.
@@ -45,8 +45,8 @@ class CNfcEventSocket {
   /// Sleeps until an event can be read, somebody wakes the monitor, or the time has come. False when the time
   /// has come.
   bool Wait(Clock::time_point until);
-  /// True when an event can be read now.
-  bool HasEvents() const;
+  /// Waits for an event for that long. True when one can be read.
+  bool HasEvents(std::chrono::milliseconds patience) const;
   /// Reads what has arrived; libnl's result.
   int Receive(nl_recvmsg_msg_cb_t onEvent, void* argument);
   /// Drops a datagram that is too short for any message. libnl would find it again and again.

@@ -26,8 +26,8 @@ constexpr const char* FamilyName = "nfc";
 /// How soon polling is looked after that the kernel claims and nobody started.
 constexpr std::chrono::milliseconds DoubtPeriod = 1s;
 /// The kernel ends the polling of a closed socket some milliseconds later, and is busy until then.
-constexpr auto BusyPause = 10ms;
-constexpr int BusyTries = 20;
+constexpr auto BusyPause = 50ms;
+constexpr int BusyTries = 4;
 
 }  // namespace
 
@@ -178,6 +178,9 @@ void CNfcNetlink::Poll(EPollReason reason) {
   }
   mPolling.wanted = true;
   mPolling.nextLook = CNfcEventSocket::Clock::now() + trusted;
+  if (trusted < mSettings.watchPeriod) {
+    mEvents.WakeAtOnce();  // it sleeps for a whole period
+  }
   LOG_INFO("Polling started.");
 }
 

@@ -22,6 +22,8 @@ constexpr const char* ClassName = "CNfcNetlink";
 
 /// Between STOP_POLL and START_POLL: with less, a driver can report an old find as the new poll's.
 constexpr auto RestPause = 20ms;
+/// The kernel notes that a find has ended polling before it sends the event.
+constexpr auto LateEvent = 200ms;
 
 }  // namespace
 
@@ -61,7 +63,7 @@ void CNfcNetlink::MonitorEvents() {
 void CNfcNetlink::ReceiveEvents() {
   int failure = 0;
   while (failure == 0 && !mStopFlag) {
-    // StartPolling does not wake the monitor: it looks for itself when a look can be due at the earliest.
+    // StartPolling wakes the monitor only when a look is due within less than a period.
     const bool isReadable = mEvents.Wait(NextLook().value_or(Clock::now() + mSettings.watchPeriod));
     if (mStopFlag) {
       break;
@@ -176,7 +178,7 @@ void CNfcNetlink::LookAfterPolling() {
 bool CNfcNetlink::RenewPolling() {
   const bool wasPolling = SendStopPoll();
   std::this_thread::sleep_for(RestPause);
-  if (!wasPolling && mEvents.HasEvents()) {
+  if (!wasPolling && mEvents.HasEvents(LateEvent)) {
     return false;
   }
   int result = SendStartPoll();

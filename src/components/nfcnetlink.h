@@ -63,7 +63,7 @@ class CNfcNetlink : public INfcNetlink {
 
   // Requests, with mExchangeMutex held; 0 or a positive code.
   int SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_msg_cb_t validHandler = nullptr,
-                        void* handlerArgument = nullptr);
+                        void* handlerArgument = nullptr, std::chrono::milliseconds sendLimit = {});
   int ResolveMulticastId(nl_sock* socket);
   int GetNfcDevice();
   int SetDevicePower(bool on);

@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "framework/log.h"
-#include "src/components/commandtimelimit.h"
 #include "src/components/nfcnetlink.h"
 #include "src/components/nfcrequests.h"
 #include "src/components/nlexchange.h"
@@ -70,10 +69,14 @@ const char* OnOff(bool on) {
 }  // namespace
 
 int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_msg_cb_t validHandler,
-                                   void* handlerArgument) {
+                                   void* handlerArgument, std::chrono::milliseconds sendLimit) {
   LOG_TRACE("{}::{}", ClassName, __func__);
   using EEnd = ExchangeResult::EEnd;
-  const auto result = RunExchange(socket, request, mSettings.answerTimeout, validHandler, handlerArgument);
+  const auto result =
+      RunExchange(socket, request, mSettings.answerTimeout, validHandler, handlerArgument, sendLimit);
+  if (!result.isLimited) {
+    LOG_WARNING("No timer for the command. If a tag comes now, stopping can take half a minute.");
+  }
   if (result.skipped > 0) {
     LOG_DEBUG("Skipped {} netlink messages that did not answer the request.", result.skipped);
   }
@@ -198,14 +201,8 @@ bool CNfcNetlink::SendStopPoll() {
     throw CRfidError(request.failure, request.code);
   }
   const auto begin = std::chrono::steady_clock::now();
-  int result = 0;
-  {
-    const CCommandTimeLimit limit(StopLimit);
-    if (!limit.IsArmed()) {
-      LOG_WARNING("No timer for stopping the polling. If a tag comes now, it can take half a minute.");
-    }
-    result = SendAndReceiveMsg(mCommandSocket.get(), request.message.get());
-  }
+  const int result =
+      SendAndReceiveMsg(mCommandSocket.get(), request.message.get(), nullptr, nullptr, StopLimit);
   if (const auto took = std::chrono::steady_clock::now() - begin; took > SlowStop) {
     LOG_WARNING("Stopping the polling took {} ms.",
                 std::chrono::duration_cast<std::chrono::milliseconds>(took).count());

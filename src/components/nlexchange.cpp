@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "src/components/commandtimelimit.h"
 #include "src/components/nlhandles.h"
 
 namespace {
@@ -56,18 +57,30 @@ int CheckAnswer(nl_msg* message, void* argument) {
   return exchange.expired ? NL_STOP : NL_SKIP;
 }
 
+/// libnl's result. Only the sending is limited: libnl begins an interrupted receive anew, with its whole
+/// timeout.
+int Send(nl_sock* socket, nl_msg* request, std::chrono::milliseconds limit, bool& isLimited) {
+  std::optional<CCommandTimeLimit> timeLimit;
+  if (limit.count() > 0) {
+    timeLimit.emplace(limit);
+    isLimited = timeLimit->IsArmed();
+  }
+  return nl_send_auto(socket, request);
+}
+
 }  // namespace
 
 ExchangeResult RunExchange(nl_sock* socket, nl_msg* request, std::chrono::milliseconds patience,
-                           nl_recvmsg_msg_cb_t onValid, void* argument) {
+                           nl_recvmsg_msg_cb_t onValid, void* argument, std::chrono::milliseconds sendLimit) {
   using EEnd = ExchangeResult::EEnd;
   Exchange exchange{.patience = patience};
+  bool isLimited = true;
   const NlCallbacks callbacks(nl_cb_alloc(NL_CB_DEFAULT));
   if (!callbacks) {
     return {.end = EEnd::NoMemory, .code = NLE_NOMEM};
   }
-  if (const int result = nl_send_auto(socket, request); result < 0) {
-    return {.end = EEnd::NotSent, .code = -result};
+  if (const int result = Send(socket, request, sendLimit, isLimited); result < 0) {
+    return {.end = EEnd::NotSent, .code = -result, .isLimited = isLimited};
   }
   exchange.sequence = nlmsg_hdr(request)->nlmsg_seq;
   nl_cb_err(callbacks.get(), NL_CB_CUSTOM, OnError, &exchange);
@@ -87,11 +100,14 @@ ExchangeResult RunExchange(nl_sock* socket, nl_msg* request, std::chrono::millis
       result = -NLE_AGAIN;
     }
     if (result < 0) {
-      return {.end = EEnd::NotAnswered, .code = -result, .skipped = exchange.skipped};
+      return {.end = EEnd::NotAnswered, .code = -result, .skipped = exchange.skipped, .isLimited = isLimited};
     }
   }
   if (exchange.error != 0) {
-    return {.end = EEnd::Refused, .code = std::abs(exchange.error), .skipped = exchange.skipped};
+    return {.end = EEnd::Refused,
+            .code = std::abs(exchange.error),
+            .skipped = exchange.skipped,
+            .isLimited = isLimited};
   }
-  return {.end = EEnd::Answered, .code = 0, .skipped = exchange.skipped};
+  return {.end = EEnd::Answered, .code = 0, .skipped = exchange.skipped, .isLimited = isLimited};
 }

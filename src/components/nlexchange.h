@@ -19,14 +19,17 @@ struct ExchangeResult {
 
   EEnd end = EEnd::Answered;
   int code = 0;
-  unsigned skipped = 0;  ///< messages that arrived meanwhile and did not answer the request
+  unsigned skipped = 0;   ///< messages that arrived meanwhile and did not answer the request
+  bool isLimited = true;  ///< false: the system had no timer for the limit of the sending
 };
 
 /// Sends one request and receives its whole answer. Every valid message of the answer goes to `onValid`.
 ///
-/// Blocks the calling thread while the kernel carries the request out, which is not limited here, and then
-/// for the socket's receive timeout. Messages that do not answer the request are skipped; they cannot hold
-/// the exchange up for longer than `patience`, which begins with the first of them: a process that was not
-/// scheduled for a while still takes the answer that is there.
+/// Blocks the calling thread while the kernel carries the request out, and then for the socket's receive
+/// timeout. A `sendLimit` other than zero interrupts the first of the two, see CCommandTimeLimit. Messages
+/// that do not answer the request are skipped; they cannot hold the exchange up for longer than `patience`,
+/// which begins with the first of them: a process that was not scheduled for a while still takes the answer
+/// that is there.
 ExchangeResult RunExchange(nl_sock* socket, nl_msg* request, std::chrono::milliseconds patience,
-                           nl_recvmsg_msg_cb_t onValid = nullptr, void* argument = nullptr);
+                           nl_recvmsg_msg_cb_t onValid = nullptr, void* argument = nullptr,
+                           std::chrono::milliseconds sendLimit = {});

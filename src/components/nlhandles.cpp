@@ -5,7 +5,8 @@
 
 namespace {
 
-/// As many as a busy hour of enabling and disabling leaves behind within the kernel's few milliseconds.
+/// More sockets than are ever closed within the few milliseconds in which the kernel still ends their
+/// polling.
 constexpr size_t MostClosedSockets = 32;
 
 }  // namespace

@@ -53,7 +53,7 @@ class CRfidReader {
   TokenCallback mTokenCallback;                  // guarded by mSightingMutex
   std::map<std::string, TimePoint> mRecentTags;  // guarded by mRecentTagsMutex
 
-  unsigned mPollings = 0;  // guarded by mRecentTagsMutex: how often polling was stopped
+  unsigned mPollings = 0;  // guarded by mRecentTagsMutex: changes whenever the tags are forgotten
   std::mutex mSightingMutex;
   std::mutex mRecentTagsMutex;
 };

@@ -851,6 +851,20 @@ TEST_F(NfcNetlinkOnNci, NoOtherCommandIsInterrupted) {
   EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
 }
 
+TEST_F(NfcNetlink, AStopThatGetsNoAnswerEndsAlthoughItsTimeLimitIsTheShorterOne) {
+  Make(1h, 2500ms);
+  Start();
+  mKernel->AddRule("STOP_POLL nth=1 drop");
+  EXPECT_EQ(ErrorOfStop(), "Error in SendAndReceiveMsgs in StopPolling. 1 recoverable");
+}
+
+TEST_F(NfcNetlink, APollThatTheKernelOnlyClaimsIsLookedAfterLongBeforeThePeriodIsOver) {
+  mKernel->AddRule("START_POLL nth=1 errno=EALREADY");
+  Start();  // with a period of an hour
+  EXPECT_TRUE(WaitForPolling());
+  EXPECT_EQ(Tap(Card), "MIFARE 04A12B5C");
+}
+
 TEST_F(NfcNetlink, WhatTheLookCannotCureIsReportedOnce) {
   struct Case {
     const char* rule;

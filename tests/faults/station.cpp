@@ -74,6 +74,9 @@ Station::~Station() {
     Stuck("the machine does not end");
   }
   // As the application does at its end. Until then the kernel has long ended the polls of closed sockets.
+  mKernel.WaitFor([](const Status& status) {
+    return status.openSockets == static_cast<size_t>(CountInterposedSockets());
+  });
   mKernel.EndPollsOfClosedSockets();
   try {
     mReader->Deinitialize();
