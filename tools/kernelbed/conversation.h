@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "kernelbench.h"
+#include "kernelbed/kernelbench.h"
 #include "netlinktext.h"
 
 /// One talk with a kernel by programs 'a', 'b' and so on, each with a socket of its own; 'e' listens to the

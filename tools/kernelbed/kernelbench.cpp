@@ -1,4 +1,4 @@
-#include "kernelbench.h"
+#include "kernelbed/kernelbench.h"
 
 #include <fmt/format.h>
 #include <sys/syscall.h>

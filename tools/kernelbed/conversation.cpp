@@ -1,4 +1,4 @@
-#include "conversation.h"
+#include "kernelbed/conversation.h"
 
 #include <fmt/format.h>
 #include <linux/nfc.h>
