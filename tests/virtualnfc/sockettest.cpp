@@ -229,40 +229,15 @@ TEST_F(VirtualNfcWaiting, BlocksAllOtherCommandsButNoEvent) {
   EXPECT_EQ(blocked.get(), EOPNOTSUPP);
 }
 
-TEST_F(VirtualNfcWaiting, ToStartAPollLeavesTheChipInDisagreementWhenASignalEndsIt) {
-  ASSERT_EQ(mWaiter.Command(NFC_CMD_DEV_UP), 0);
-  mKernel.AddRule("START_POLL delay=60000 times=1");
-  BeginWait(NFC_CMD_START_POLL);
-  EXPECT_EQ(EndWait(), kRestartSys);
-  EXPECT_EQ(mWaiter.Command(NFC_CMD_START_POLL), EBUSY);
-  EXPECT_EQ(mWaiter.Command(NFC_CMD_STOP_POLL), EINVAL);
-  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_DOWN), 0);
-  EXPECT_TRUE(mWaiter.Poll());
-}
-
-TEST_F(VirtualNfcWaiting, ToPowerUpCanSimplyBeRepeatedAfterASignal) {
+TEST_F(VirtualNfcWaiting, ToPowerUpIsEndedByASignalAndToStopAPollSucceeds) {
   mKernel.AddRule("DEV_UP delay=60000 times=1");
   BeginWait(NFC_CMD_DEV_UP);
   EXPECT_EQ(EndWait(), kRestartSys);
-  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_UP), 0);
-}
-
-TEST_F(VirtualNfcWaiting, ToStopAPollSucceedsAtOnceAfterASignal) {
   ASSERT_TRUE(mWaiter.Poll());
   mKernel.AddRule("STOP_POLL delay=60000 times=1");
   BeginWait(NFC_CMD_STOP_POLL);
   EXPECT_EQ(EndWait(), 0);
   EXPECT_FALSE(mKernel.GetStatus().Device().polling);
-}
-
-TEST_F(VirtualNfcWaiting, ToStopAPollThatMeetsAFindEndsWithASignalAndTheFindIsDropped) {
-  ASSERT_TRUE(mWaiter.Poll());
-  mKernel.AddRule("STOP_POLL cross times=1");
-  BeginWait(NFC_CMD_STOP_POLL);
-  EXPECT_EQ(EndWait(), 0);
-  EXPECT_THAT(mListener.Received(), IsEmpty());
-  EXPECT_EQ(mOther.Command(NFC_CMD_GET_DEVICE), 0);
-  EXPECT_FALSE(mKernel.GetStatus().hung);
 }
 
 TEST_F(VirtualNfcWaiting, ForTheLockThatAFindAfterStopPollHoldsHangsEverybodyForGood) {
@@ -276,21 +251,6 @@ TEST_F(VirtualNfcWaiting, ForTheLockThatAFindAfterStopPollHoldsHangsEverybodyFor
   mKernel.Stop();
   EXPECT_EQ(EndWait(), std::nullopt);
   EXPECT_EQ(other.get(), std::nullopt);
-}
-
-class VirtualNfcPause : public VirtualNfcWaiting {
- protected:
-  VirtualNfcPause()
-      : VirtualNfcWaiting({.kernel = {.stack = Stack::Nci}, .crossingWait = 1ms, .crossingPause = 1ms}) {}
-};
-
-TEST_F(VirtualNfcPause, AfterAStopThatMetAFindIsAllThatIsNeeded) {
-  ASSERT_TRUE(mWaiter.Poll());
-  mKernel.AddRule("STOP_POLL cross times=1");
-  EXPECT_EQ(mWaiter.Command(NFC_CMD_STOP_POLL), 0);
-  std::this_thread::sleep_for(2ms);
-  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_DOWN), 0);
-  EXPECT_TRUE(mWaiter.Poll());
 }
 
 class VirtualNfcDigital : public VirtualNfcWaiting {
