@@ -155,6 +155,7 @@ const Form cForms[] = {
     {"no device", cAsk, [](MessageBuilder&) {}},
     {"no request flag", NLM_F_ACK, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
     {"no flag", 0, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
+    {"no acknowledgement", NLM_F_REQUEST, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
     {"unknown device", cAsk,
      [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 7).U32(NFC_ATTR_PROTOCOLS, 4); }},
     {"dump", cDump, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
