@@ -12,7 +12,6 @@
 
 #include "framework/logcapture.h"
 
-using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 
 namespace {
@@ -285,20 +284,6 @@ TEST_F(RfidHsm, PassingStatesAndErrorsPostWhatMovesThemOn) {
     mMachine->Run();
     EXPECT_FALSE(TraceFrom(fmt::format("State {}: event recv {}", state, posted)).empty());
   }
-}
-
-TEST_F(RfidHsm, AnEnableRequestRunsThroughEnablingIntoEnabled) {
-  Post("ExtDisableReq");
-  mHandler->mOn["ExtDisabledRsp"] = [this] { Post("ExtEnableReq"); };
-  mHandler->mOn["IntStartAliveTimer"] = [this] { PostEndOfTest(); };
-  mMachine->Run();
-  EXPECT_THAT(
-      TraceFrom("State Disabled: event recv ExtEnableReq"),
-      ElementsAre("State Disabled: event recv ExtEnableReq", "State Disabled: event hndl ExtEnableReq",
-                  "State Disabled: exit", "State Enabling: entry", "IntInitialize",
-                  "State Enabling: event recv IntEnablingDone", "State Enabling: event hndl IntEnablingDone",
-                  "State Enabling: exit", "State Enabled: entry", "IntStartPolling", "ExtEnabledRsp",
-                  "IntStartAliveTimer"));
 }
 
 TEST_F(RfidHsm, AnErrorOfAnEntryComesBeforeTheEventThatMovesTheStateOn) {
