@@ -250,12 +250,6 @@ TEST(Log, TheLevelChangesWhileOthersLog) {
                                                       "Log level changed from info to debug."));
 }
 
-TEST(Log, TheMostVerboseLevelHasNoLowerOne) {
-  EXPECT_EQ(Log::GetLowerLogLevel(Level::Critical), Level::Error);
-  EXPECT_EQ(Log::GetLowerLogLevel(Level::Debug), Level::Trace);
-  EXPECT_EQ(Log::GetLowerLogLevel(Level::Trace), Level::Trace);
-}
-
 TEST(Log, DemanglesNamesAndGivesNothingForOthers) {
   EXPECT_STREQ(Log::Demangle(typeid(Probe).name()).get(), "(anonymous namespace)::Probe");
   EXPECT_EQ(Log::Demangle("not a name").get(), nullptr);

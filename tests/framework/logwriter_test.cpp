@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <pty.h>
 #include <signal.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
-#include <stdlib.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -55,13 +55,11 @@ struct LogWriterTest : testing::Test {
 
 /// What a sink writes to a terminal, a line for each level.
 std::string OnATerminal(const std::function<std::shared_ptr<spdlog::sinks::sink>()>& makeSink) {
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  EXPECT_EQ(grantpt(master), 0);
-  EXPECT_EQ(unlockpt(master), 0);
-  const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
+  int master = -1;
+  int terminal = -1;
   termios raw{};
   cfmakeraw(&raw);
-  EXPECT_EQ(tcsetattr(terminal, TCSANOW, &raw), 0);
+  EXPECT_EQ(openpty(&master, &terminal, nullptr, &raw, nullptr), 0);
   const int console = dup(STDERR_FILENO);
   dup2(terminal, STDERR_FILENO);
   const auto sink = makeSink();

@@ -71,19 +71,6 @@ class NotificationHubTest : public testing::Test {
   std::thread mThread;
 };
 
-TEST_F(NotificationHubTest, ReplaysTheLastKeptNotificationOnlyAndKeepsTopicsApart) {
-  mHub.Send(mTopic, Numbered(1), true);
-  mHub.Send(mTopic, Numbered(2), true);
-  mHub.Send(mTopic, Numbered(3), false);
-  Reader reader(mHub, mTopic);
-  Reader other(mHub, mOther);
-  mHub.Send(mTopic, Numbered(4), false);
-  Run();
-  EXPECT_EQ(reader.Read(2), (std::vector<int>{2, 4}));
-  Stop();
-  EXPECT_TRUE(other.Read().empty());
-}
-
 TEST_F(NotificationHubTest, WhatWasSentBeforeStopArrivesBeforeTheEnd) {
   Reader reader(mHub, mTopic);
   mHub.Send(mTopic, Numbered(1), false);
