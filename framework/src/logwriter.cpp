@@ -86,15 +86,13 @@ void LogWriter::Run(const std::string& threadName) {
 /// that says it has the time of the one after the gap, so that times do not jump back.
 void LogWriter::WriteAfterGap(std::size_t& dropped, const LogLine& line) const {
   try {
+    bool isTaken = true;
     if (dropped > 0 && Log::IsEnabled(Log::ELogLevel::Warning)) {
       const auto text = fmt::format("{} log lines were dropped: this log did not take them.", dropped);
-      if (mWrite({Log::ELogLevel::Warning, line.time, text})) {
-        dropped = 0;
-      }
+      isTaken = mWrite({Log::ELogLevel::Warning, line.time, text});
+      dropped = isTaken ? 0 : dropped;
     }
-    if (!mWrite(line)) {
-      ++dropped;
-    }
+    dropped += isTaken && mWrite(line) ? 0 : 1;
   } catch (const std::exception&) {  // out of memory
     ++dropped;
   }
