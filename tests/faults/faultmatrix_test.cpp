@@ -251,7 +251,11 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
   cell.mStation.mKernel.AddRule(fmt::format("{} {}", exchange.rule, fault));
   phase.begin(cell, exchange);
   const bool isUnplugged = fault == "unplug" && (exchange.number != 0 || phase.isWatched);
-  if (isUnplugged || (isEvent && fault == "duplicate")) {
+  // A kernel that denies a poll that is alive: no card may come while the daemon waits for a find to explain
+  // it.
+  const bool isDenied =
+      phase.isWatched && is("STOP_POLL") && (fault == "errno=EINVAL" || fault == "errno=EALREADY");
+  if (isUnplugged || isDenied || (isEvent && fault == "duplicate")) {
     cell.AwaitTold();  // before the reader is plugged in again, and before another card
   }
   return cell.Judge();
