@@ -1,9 +1,5 @@
 // What goes wrong below the kernel: whatever it is, a card is read or the supervisor is told.
-#include <sstream>
-
 #include "tests/kernel/kerneltest.h"
-
-using ::testing::ContainsRegex;
 
 namespace {
 

@@ -11,8 +11,6 @@
 #include "kernelbed/digitalreader.h"
 #include "kernelbed/ncichip.h"
 
-using ::testing::AnyOf;
-
 namespace {
 
 constexpr size_t cShownLines = 150;
@@ -111,6 +109,18 @@ void KernelTest::Disable() {
 
 bool KernelTest::WaitForLog(const std::string& text) const {
   return Eventually([&] { return Log().find(text) != std::string::npos; });
+}
+
+void KernelTest::Reader(const std::string& command) {
+  mReader->Command(command);
+  // The kernel frees the number of a device that has gone a moment later.
+  EXPECT_TRUE(command != "plug" || Eventually([this] {
+                if (!IsPowered().has_value()) {
+                  mReader->Command("unplug");
+                  mReader->Command("plug");
+                }
+                return IsPowered().has_value();
+              }));
 }
 
 std::string KernelTest::NewUid() {

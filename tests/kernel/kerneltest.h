@@ -31,8 +31,8 @@ class KernelTest : public ::testing::Test, public StationOnKernel {
   void ExpectOrderlyEnd();
   bool WaitForLog(const std::string& text) const;
 
-  /// Tells the reader what happens, in the words of tools/kernelbed.
-  void Reader(const std::string& command) { mReader->Command(command); }
+  /// Tells the reader what happens, in the words of tools/kernelbed. A reader that is plugged in is device 0.
+  void Reader(const std::string& command);
 
   /// The UID of a card that was not seen before.
   std::string NewUid();

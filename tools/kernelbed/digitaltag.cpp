@@ -53,7 +53,7 @@ Bytes DigitalTag::AnswerA(const Bytes& frame) {
     return mKind == "a1" ? Bytes{0x00, 0x0c} : Bytes{length, 0x00};
   }
   if (mState == EState::Ready && mKind != "a1" && frame.size() >= 2 && command == cSddReq + 2 * mLevel) {
-    const auto selector = Selector();
+    auto selector = Selector();
     if (frame[1] == cWholeByteCount) {
       return selector;
     }

@@ -96,6 +96,7 @@ void PrepareSystem() {
 
 std::vector<char*> Pointers(std::vector<std::string>& words) {
   std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
   for (auto& word : words) {
     pointers.push_back(word.data());
   }

@@ -60,7 +60,7 @@ NciChip::NciChip(FILE* log) : Reader(log) {
 }
 
 NciChip::~NciChip() {
-  Unplug();
+  NciChip::Unplug();
   {
     const std::lock_guard lock(mMutex);
     mQuit = true;
@@ -331,11 +331,12 @@ void NciChip::Report() {
     SendActivated(found.front());
   } else if (!found.empty()) {
     SetState("select");
-    for (uint8_t id = 1; id <= found.size(); ++id) {
-      const auto& tag = found[id - 1U];
-      Bytes payload{id, tag.protocol, tag.technology, static_cast<uint8_t>(tag.parameters.size())};
+    for (size_t i = 0; i < found.size(); ++i) {
+      const auto& tag = found[i];
+      Bytes payload{static_cast<uint8_t>(i + 1), tag.protocol, tag.technology,
+                    static_cast<uint8_t>(tag.parameters.size())};
       Append(payload, tag.parameters);
-      payload.push_back(id < found.size() ? 2 : 0);  // more will come, the last
+      payload.push_back(i + 1 < found.size() ? 2 : 0);  // more will come, the last
       Notify(EGroup::Rf, 3, payload);
     }
   }
