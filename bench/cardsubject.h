@@ -1,0 +1,69 @@
+#pragma once
+
+#include <array>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ipc/rfid.grpc.pb.h"
+#include "measuring.h"
+#include "tools/harness/process.h"
+#include "tools/harness/supervisor.h"
+#include "tools/virtual-station/virtualstation.h"
+#include "virtualnfc.h"
+
+namespace bench {
+
+/// The stations of a card's way, in the order in which it passes them.
+enum class EMark { Found, TargetAsked, TargetTold, Scanned, Result, Notified };
+constexpr std::size_t cMarks = 6;
+
+/// When a card passed each of them, in microseconds.
+using Passage = std::array<double, cMarks>;
+
+/// A program that reads cards, in a station of its own: kernel, feedback and diagnostics services, and a
+/// subscriber, all in this process, take the times. One thread.
+class CardSubject : private virtualnfc::NetlinkObserver {
+ public:
+  /// Starts a build of rfidd, or by default the floor, and waits until it reads cards.
+  explicit CardSubject(const std::string& daemon = "");
+  ~CardSubject() override;
+
+  /// Presents a card and waits until it is notified. Throws when it is not.
+  Passage Tap(const std::string& uid);
+
+  const Process& Program() const { return *mProcess; }
+  std::string Address() const;  ///< where it serves
+
+ private:
+  void Mark(EMark mark);
+  void StartDaemon(const std::string& program);
+  void StartFloor();
+  std::unique_ptr<Process> Spawn(const std::vector<std::string>& command) const;
+  void Subscribe();
+
+  void OnSocket(std::uint64_t, virtualnfc::SocketChange, std::uint32_t, int) override {}
+  void OnReader(std::string_view) override {}
+  void OnSent(std::uint64_t socket, virtualnfc::ByteView datagram) override;
+  void OnDelivered(std::uint64_t socket, std::uint32_t sender, std::uint32_t groups,
+                   virtualnfc::ByteView datagram, bool isLost) override;
+
+  const TemporaryFolder mFolder;
+  virtualnfc::VirtualNfc mKernel;
+  std::unique_ptr<VirtualStation> mPeers;
+  std::unique_ptr<Process> mProcess;
+  std::unique_ptr<Supervisor> mSupervisor;
+  std::unique_ptr<ipc::Rfid::Stub> mRfid;
+  grpc::ClientContext mContext;
+  std::thread mSubscriber;
+  bool mIsTargetAsked = false;  ///< by the last datagram; of the kernel's thread
+
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  Passage mPassage{};
+};
+
+}  // namespace bench
