@@ -53,8 +53,9 @@ TEST_F(Lifecycle, AReaderThatIsGoneIsAFatalErrorWhichOnlyARestartEnds) {
   EnableDaemon();
   mKernel->Unplug();  // nobody asks the daemon for anything
   EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
-  EXPECT_TRUE(WaitForLog("Processing RFID error: Reader stopped reading tags: Error in SendAndReceiveMsgs in "
-                         "StopPolling. (rc 19) with rc: 1:"));
+  EXPECT_TRUE(
+      WaitForLog("Processing RFID error: Reader stopped reading tags: Error in SendAndReceiveMsgs in "
+                 "StopPolling. (rc 19) with rc: 1:"));
   EXPECT_TRUE(WaitForLog("Recovery failed with error: Could find trf7970a reader. rc 31"));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
