@@ -46,7 +46,7 @@ const std::vector<Fault> cFaults{
     {"OneFrameFails", D, {"fail send 5"}, "read"},
     {"OneFrameFailsWhileACardIsThere", D, {"put a2 04A1B2C3", "wait polling", "fail send 5"}, "read"},
     // It polls on.
-    {"ConfiguringFailsForAWhile", D, {"fail configure 5 100"}, "read"},
+    {"ConfiguringFailsForAWhile", D, {"fail configure 5 1500"}, "read"},
     {"SwitchingTheFieldFails", D, {"fail switch 5 3"}, "read"},
     {"SwitchingTheFieldFailsWhenEnabled", D, {"disable", "fail switch 5", "enable"}, "read"},
     {"SwitchingTheFieldFailsWhenDisabled", D, {"fail switch 5", "disable", "enable"}, "read"},
