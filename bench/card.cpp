@@ -15,9 +15,9 @@ namespace bench {
 
 namespace {
 
-constexpr int cWarmUps = 20;
+constexpr int kWarmUps = 20;
 /// After it nothing is left of the card before: the reader polls again, the diagnostics have been sent.
-constexpr std::chrono::milliseconds cGap(60);
+constexpr std::chrono::milliseconds kGap(60);
 
 std::string Uid(int card) {
   return fmt::format("{:08X}", 0x10000000 + card * 7919);
@@ -26,7 +26,7 @@ std::string Uid(int card) {
 /// The time from the kernel's event to each mark, a median each.
 std::vector<double> MedianPassage(const std::vector<Passage>& passages) {
   std::vector<double> medians;
-  for (std::size_t mark = 0; mark < cMarks; ++mark) {
+  for (std::size_t mark = 0; mark < kMarks; ++mark) {
     std::vector<double> times;
     times.reserve(passages.size());
     for (const Passage& passage : passages) {
@@ -48,13 +48,13 @@ struct Subject {
 
 /// The cards go to the subjects in turns.
 void Tap(std::vector<Subject>& subjects, int cards) {
-  for (int card = -cWarmUps; card < cards; ++card) {
+  for (int card = -kWarmUps; card < cards; ++card) {
     for (Subject& subject : subjects) {
       if (card == 0) {
         subject.cpu = subject.Cpu();
       }
       const Passage passage = subject.station->Tap(Uid(card));
-      std::this_thread::sleep_for(cGap);
+      std::this_thread::sleep_for(kGap);
       if (card >= 0) {
         subject.passages.push_back(passage);
       }
@@ -77,7 +77,7 @@ Run Measure(const Plan& plan, const std::string& name, double wanted) {
   const auto ours = MedianPassage(subjects.front().passages);
   for (const Subject& subject : subjects) {
     const auto theirs = MedianPassage(subject.passages);
-    for (std::size_t mark = 0; mark < cMarks; ++mark) {
+    for (std::size_t mark = 0; mark < kMarks; ++mark) {
       run.curves[name + " " + subject.name].emplace_back(static_cast<double>(mark), theirs[mark]);
     }
     if (&subject != &subjects.front()) {

@@ -46,7 +46,7 @@ CardSubject::CardSubject(const std::string& daemon) : mKernel(FastReader()) {
   }
   Subscribe();
   if (!mKernel.WaitFor([](const virtualnfc::Status& status) { return status.Device().polling; },
-                       LongestWait)) {
+                       kLongestWait)) {
     throw std::runtime_error("the subject does not poll: " + ReadFile(mFolder.Path("log")));
   }
   mKernel.AddObserver(*this);
@@ -91,7 +91,7 @@ void CardSubject::StartFloor() {
 }
 
 void CardSubject::Subscribe() {
-  mRfid = ipc::Rfid::NewStub(OpenChannel(Address(), cRfidService));
+  mRfid = ipc::Rfid::NewStub(OpenChannel(Address(), kRfidService));
   std::promise<void> subscribed;
   mSubscriber = std::thread([this, &subscribed] {
     mContext.set_wait_for_ready(true);
@@ -130,15 +130,15 @@ void CardSubject::OnDelivered(std::uint64_t /*socket*/, std::uint32_t /*sender*/
 }
 
 Passage CardSubject::Tap(const std::string& uid) {
-  constexpr auto notified = static_cast<std::size_t>(EMark::Notified);
+  constexpr auto kNotified = static_cast<std::size_t>(EMark::Notified);
   {
     const std::lock_guard<std::mutex> lock(mMutex);
     mPassage = {};
   }
   mKernel.PresentTagFor(virtualnfc::MakeTag(virtualnfc::TagKind::Mifare, uid), std::chrono::milliseconds(2));
   std::unique_lock<std::mutex> lock(mMutex);
-  if (!mChanged.wait_for(lock, LongestWait, [&] { return mPassage[notified] != 0; })) {
-    throw std::runtime_error("the card " + uid + " was not notified: " + ReadFile(mFolder.Path("log")));
+  if (!mChanged.wait_for(lock, kLongestWait, [&] { return mPassage[kNotified] != 0; })) {
+    throw std::runtime_error("the card " + uid + " was not kNotified: " + ReadFile(mFolder.Path("log")));
   }
   Passage passage = mPassage;
   const double found = passage[static_cast<std::size_t>(EMark::Found)];

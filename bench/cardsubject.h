@@ -19,10 +19,10 @@ namespace bench {
 
 /// The stations of a card's way, in the order in which it passes them.
 enum class EMark { Found, TargetAsked, TargetTold, Scanned, Result, Notified };
-constexpr std::size_t cMarks = 6;
+constexpr std::size_t kMarks = 6;
 
 /// When a card passed each of them, in microseconds.
-using Passage = std::array<double, cMarks>;
+using Passage = std::array<double, kMarks>;
 
 /// A program that reads cards, in a station of its own: kernel, feedback and diagnostics services, and a
 /// subscriber, all in this process, take the times. One thread.

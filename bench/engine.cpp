@@ -94,7 +94,7 @@ class Peer {
 
 enum class EWork { Internal, Unhandled, Transition, Token };
 
-constexpr std::array<std::pair<EWork, const char*>, 4> cWorks{
+constexpr std::array<std::pair<EWork, const char*>, 4> kWorks{
     {{EWork::Internal, "engine: event without a change of state"},
      {EWork::Unhandled, "engine: event that no state takes"},
      {EWork::Transition, "engine: change of state"},
@@ -217,7 +217,7 @@ Run MeasureEngine(const Plan& plan) {
   const int events = plan.Count(50000, 100);
   const int requests = plan.Count(2000, 20);
   Run run;
-  for (const auto& [work, what] : cWorks) {
+  for (const auto& [work, what] : kWorks) {
     AddRows(run, what, "ns", InTurns(rounds, [&, kind = work](std::size_t subject) {
               return subject == 0   ? TimeOfEvent<Engine>(kind, events)
                      : subject == 1 ? TimeOfEvent<Switch>(kind, events)

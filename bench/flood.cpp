@@ -18,9 +18,9 @@ namespace bench {
 
 namespace {
 
-constexpr std::size_t cConnections = 20;
+constexpr std::size_t kConnections = 20;
 /// Memory that is given back is given back by then.
-constexpr std::chrono::milliseconds cRecovery(3000);
+constexpr std::chrono::milliseconds kRecovery(3000);
 
 /// One request under way.
 struct Request {
@@ -33,12 +33,12 @@ struct Request {
 class Flood {
  public:
   Flood(const std::string& address, std::size_t count) : mRequests(count) {
-    for (std::size_t i = 0; i < cConnections; ++i) {
+    for (std::size_t i = 0; i < kConnections; ++i) {
       grpc::ChannelArguments arguments;
-      arguments.SetString(GRPC_ARG_DEFAULT_AUTHORITY, cRfidService);
+      arguments.SetString(GRPC_ARG_DEFAULT_AUTHORITY, kRfidService);
       arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);  // a connection each
       auto channel = grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
-      if (!channel->WaitForConnected(std::chrono::system_clock::now() + LongestWait)) {
+      if (!channel->WaitForConnected(std::chrono::system_clock::now() + kLongestWait)) {
         throw std::runtime_error("no connection to " + address);
       }
       mStubs.push_back(ipc::Rfid::NewStub(channel));
@@ -50,8 +50,8 @@ class Flood {
       mRequests[i] = std::make_unique<Request>();
       Request& request = *mRequests[i];
       request.token.set_uid(fmt::format("{:08X}", 0x30000000 + i));
-      request.context.set_deadline(std::chrono::system_clock::now() + LongestWait);
-      mStubs[i % cConnections]->async()->InjectToken(&request.context, &request.token, &request.result,
+      request.context.set_deadline(std::chrono::system_clock::now() + kLongestWait);
+      mStubs[i % kConnections]->async()->InjectToken(&request.context, &request.token, &request.result,
                                                      [this](const grpc::Status& status) { Take(status); });
     }
   }
@@ -97,10 +97,10 @@ Memory FloodProgram(const std::string& daemon, const Plan& plan) {
   Flood flood(subject.Address(), RequestsOf(plan));
   process.Signal(SIGSTOP);
   flood.Start();
-  std::this_thread::sleep_for(cRecovery / 10);  // until they are in the sockets
+  std::this_thread::sleep_for(kRecovery / 10);  // until they are in the sockets
   process.Signal(SIGCONT);
   flood.WaitForEnd();
-  std::this_thread::sleep_for(plan.isFull ? cRecovery : cRecovery / 10);
+  std::this_thread::sleep_for(plan.isFull ? kRecovery : kRecovery / 10);
   return {static_cast<double>(process.Memory("VmHWM")) / 1024,
           static_cast<double>(process.Memory("VmRSS")) / 1024};
 }

@@ -133,8 +133,8 @@ class CardFloor {
     Send(MakeMessage(NLM_F_REQUEST, NFC_CMD_DEV_UP));
     nl_wait_for_ack(mCommands);  // refused when it is up
     nl_msg* const start = MakeMessage(NLM_F_REQUEST, NFC_CMD_START_POLL);
-    nla_put_u32(start, NFC_ATTR_IM_PROTOCOLS, cProtocols);
-    nla_put_u32(start, NFC_ATTR_PROTOCOLS, cProtocols);
+    nla_put_u32(start, NFC_ATTR_IM_PROTOCOLS, kProtocols);
+    nla_put_u32(start, NFC_ATTR_PROTOCOLS, kProtocols);
     Send(start);
     Require(nl_wait_for_ack(mCommands), "START_POLL");
   }
@@ -178,7 +178,7 @@ class CardFloor {
     mFeedback->TriggerFeedbackEvent(&context, event, &result);
   }
 
-  static constexpr std::uint32_t cProtocols = 0xfc;
+  static constexpr std::uint32_t kProtocols = 0xfc;
 
   RfidService& mService;
   const std::unique_ptr<ipc::Feedback::Stub> mFeedback;

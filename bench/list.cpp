@@ -17,10 +17,10 @@ namespace bench {
 
 namespace {
 
-constexpr const char* cFile = "rfid_standalone.json";
-constexpr std::size_t cLongest = 100000;
+constexpr const char* kFile = "rfid_standalone.json";
+constexpr std::size_t kLongest = 100000;
 /// A look-up takes about as long as reading the clock, so several are timed at once.
-constexpr int cLookUpsAtOnce = 20;
+constexpr int kLookUpsAtOnce = 20;
 
 /// The UIDs of a list, as different from each other as a station's: 7 bytes, as most cards have.
 std::string Uid(std::size_t i) {
@@ -95,14 +95,14 @@ void AskInTurns(std::array<Subject, 3>& subjects, std::size_t cards, int rounds)
     for (Subject& subject : subjects) {
       bool right = true;
       const double time = Time([&] {
-        for (int i = 0; i < cLookUpsAtOnce; ++i) {
+        for (int i = 0; i < kLookUpsAtOnce; ++i) {
           right &= subject.isPermitted(uid) == isIn;
         }
       });
       if (!right) {
         throw std::runtime_error(fmt::format("{} is wrong about {}", subject.name, uid));
       }
-      subject.times.push_back(time / cLookUpsAtOnce);
+      subject.times.push_back(time / kLookUpsAtOnce);
     }
   }
 }
@@ -111,19 +111,19 @@ void AskInTurns(std::array<Subject, 3>& subjects, std::size_t cards, int rounds)
 
 Run MeasureLookUp(const Plan& plan) {
   const std::vector<std::size_t> sizes = plan.isFull
-                                             ? std::vector<std::size_t>{10, 100, 1000, 10000, 30000, cLongest}
+                                             ? std::vector<std::size_t>{10, 100, 1000, 10000, 30000, kLongest}
                                              : std::vector<std::size_t>{10, 1000};
   Run run;
   for (const std::size_t cards : sizes) {
     const TemporaryFolder store;
-    store.Write(cFile, List(cards));
+    store.Write(kFile, List(cards));
     CRfidConfig config = MakeConfig(store);
     std::unordered_set<std::string> set;
     for (std::size_t i = 0; i < cards; ++i) {
       set.insert(Uid(i));
     }
     const Database database(store.Path("cards.db"), cards);
-    const std::string file = store.Path(cFile);
+    const std::string file = store.Path(kFile);
     std::array<Subject, 3> subjects{
         Subject{
             "rfidd",
@@ -151,12 +151,12 @@ Run MeasureLookUp(const Plan& plan) {
 }
 
 Run MeasureListLoading(const Plan& plan) {
-  const std::size_t cards = plan.isFull ? cLongest : 1000;
+  const std::size_t cards = plan.isFull ? kLongest : 1000;
   const TemporaryFolder store;
-  store.Write(cFile, List(10));
+  store.Write(kFile, List(10));
   CRfidConfig config = MakeConfig(store);
   config.AuthenticateToken("FFFFFFFF");
-  store.Write(cFile, List(cards));
+  store.Write(kFile, List(cards));
   const std::string last = Uid(cards - 1);
   ForgetPeakMemory();
   const auto memory = [](const char* name) { return static_cast<double>(MemoryOf(getpid(), name)) / 1024; };

@@ -27,18 +27,18 @@ namespace {
 
 using namespace bench;
 
-constexpr const char* cName = "rfid-bench";
-constexpr int cFailureStatus = 1;
+constexpr const char* kName = "rfid-bench";
+constexpr int kFailureStatus = 1;
 /// Where the documentation has the figures of a run.
-constexpr const char* cBegin = "<!-- figures of a run: begin -->\n";
-constexpr const char* cEnd = "<!-- figures of a run: end -->\n";
+constexpr const char* kBegin = "<!-- figures of a run: begin -->\n";
+constexpr const char* kEnd = "<!-- figures of a run: end -->\n";
 
 struct Measure {
   const char* name;
   Run (*run)(const Plan& plan);
 };
 
-constexpr std::array<Measure, 9> cMeasures{{{"list", MeasureLookUp},
+constexpr std::array<Measure, 9> kMeasures{{{"list", MeasureLookUp},
                                             {"list-loading", MeasureListLoading},
                                             {"engine", MeasureEngine},
                                             {"card", MeasureCard},
@@ -59,7 +59,7 @@ struct Options {
 };
 
 const Measure& Find(const std::string& name) {
-  for (const Measure& measure : cMeasures) {
+  for (const Measure& measure : kMeasures) {
     if (measure.name == name) {
       return measure;
     }
@@ -76,7 +76,7 @@ void WriteFile(const std::string& path, const std::string& content) {
 
 Run RunInProcess(const std::string& name, const Plan& plan) {
   const TemporaryFolder folder;
-  std::vector<std::string> command{Program(cName), "--inside", name, "--json", folder.Path("run.json")};
+  std::vector<std::string> command{Program(kName), "--inside", name, "--json", folder.Path("run.json")};
   if (!plan.isFull) {
     command.emplace_back("--smoke");
   }
@@ -115,12 +115,12 @@ std::string Surroundings(int runs, double loadBefore) {
 void Document(const std::string& folder, const std::string& text, const std::vector<Run>& runs) {
   const std::string page = folder + "/performance.md";
   const std::string before = ReadFile(page);
-  const auto begin = before.find(cBegin);
-  const auto end = before.find(cEnd);
+  const auto begin = before.find(kBegin);
+  const auto end = before.find(kEnd);
   if (begin == std::string::npos || end == std::string::npos || end < begin) {
     throw std::runtime_error(page + " has no place for the figures");
   }
-  WriteFile(page, before.substr(0, begin) + cBegin + "\n" + text + "\n" + before.substr(end));
+  WriteFile(page, before.substr(0, begin) + kBegin + "\n" + text + "\n" + before.substr(end));
   const auto curves = [&](const std::string& prefix, const std::vector<std::string>& names) {
     std::vector<NamedCurve> named;
     named.reserve(names.size());
@@ -141,7 +141,7 @@ void Document(const std::string& folder, const std::string& text, const std::vec
 int RunAll(const Options& options) {
   std::vector<std::string> names = options.measures;
   if (names.empty()) {
-    for (const Measure& measure : cMeasures) {
+    for (const Measure& measure : kMeasures) {
       names.emplace_back(measure.name);
     }
   }
@@ -173,10 +173,10 @@ int RunAll(const Options& options) {
 
 int RunCommandLine(int argc, char** argv) {
   Options options;
-  CLI::App app("Measures the daemon beside what the libraries alone cost, and prints the ratios.", cName);
+  CLI::App app("Measures the daemon beside what the libraries alone cost, and prints the ratios.", kName);
   SetUpTool(app);
   std::string names;
-  for (const Measure& measure : cMeasures) {
+  for (const Measure& measure : kMeasures) {
     names += std::string(names.empty() ? "" : ", ") + measure.name;
   }
   app.add_option("MEASURE", options.measures, "What to measure, everything by default: " + names);
@@ -212,7 +212,7 @@ int main(int argc, char** argv) {
   try {
     return RunCommandLine(argc, argv);
   } catch (const std::exception& e) {
-    PrintError(cName, e.what());
-    return cFailureStatus;
+    PrintError(kName, e.what());
+    return kFailureStatus;
   }
 }

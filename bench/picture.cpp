@@ -10,22 +10,22 @@ namespace bench {
 
 namespace {
 
-constexpr double cWidth = 720;
-constexpr double cLeft = 110;
-constexpr double cRight = cWidth - 110;
+constexpr double kWidth = 720;
+constexpr double kLeft = 110;
+constexpr double kRight = kWidth - 110;
 
 /// Readable on white and on dark paper.
-constexpr std::array<const char*, 6> cColours{"#2a78d6", "#e0812b", "#3a9d5d",
+constexpr std::array<const char*, 6> kColours{"#2a78d6", "#e0812b", "#3a9d5d",
                                               "#a05bb5", "#c94f4f", "#7f7f7f"};
 
-/// Lines and texts from the top left corner.
+/// Lines and texts from the kTop left corner.
 class Drawing {
  public:
   explicit Drawing(double height)
       : mText(fmt::format("<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 {0} {1}\" width=\"{0}\" "
                           "font-family=\"sans-serif\" font-size=\"13\">\n"
                           "<rect width=\"{0}\" height=\"{1}\" fill=\"white\"/>\n",
-                          cWidth, height)) {}
+                          kWidth, height)) {}
 
   void Text(double x, double y, const std::string& anchor, const std::string& text) {
     mText += fmt::format("<text x=\"{:.0f}\" y=\"{:.0f}\" text-anchor=\"{}\" fill=\"#222\">{}</text>\n", x, y,
@@ -86,8 +86,8 @@ class Axis {
 
 std::string MakeCurves(const std::string& title, const std::string& horizontal, const std::string& unit,
                        const std::vector<NamedCurve>& curves) {
-  constexpr double top = 50;
-  constexpr double bottom = 320;
+  constexpr double kTop = 50;
+  constexpr double kBottom = 320;
   std::vector<double> xs;
   std::vector<double> ys;
   for (const auto& curve : curves) {
@@ -96,68 +96,69 @@ std::string MakeCurves(const std::string& title, const std::string& horizontal, 
       ys.push_back(y);
     }
   }
-  Drawing drawing(bottom + 50);
-  drawing.Text(cLeft, 24, "start", title);
+  Drawing drawing(kBottom + 50);
+  drawing.Text(kLeft, 24, "start", title);
   if (xs.empty()) {
     return drawing.End();
   }
   const auto [leastX, mostX] = std::minmax_element(xs.begin(), xs.end());
   const auto [leastY, mostY] = std::minmax_element(ys.begin(), ys.end());
-  const Axis across(*leastX, *mostX, cLeft, cRight);
-  const Axis up(*leastY, *mostY, bottom, top);
+  const Axis across(*leastX, *mostX, kLeft, kRight);
+  const Axis up(*leastY, *mostY, kBottom, kTop);
   for (const double mark : across.Marks()) {
-    drawing.Line(across.At(mark), top, across.At(mark), bottom);
-    drawing.Text(across.At(mark), bottom + 18, "middle", fmt::format("{:.0f}", mark));
+    drawing.Line(across.At(mark), kTop, across.At(mark), kBottom);
+    drawing.Text(across.At(mark), kBottom + 18, "middle", fmt::format("{:.0f}", mark));
   }
   for (const double mark : up.Marks()) {
-    drawing.Line(cLeft, up.At(mark), cRight, up.At(mark));
-    drawing.Text(cLeft - 8, up.At(mark) + 4, "end", fmt::format("{:g} {}", mark, unit));
+    drawing.Line(kLeft, up.At(mark), kRight, up.At(mark));
+    drawing.Text(kLeft - 8, up.At(mark) + 4, "end", fmt::format("{:g} {}", mark, unit));
   }
-  drawing.Text((cLeft + cRight) / 2, bottom + 40, "middle", horizontal);
+  drawing.Text((kLeft + kRight) / 2, kBottom + 40, "middle", horizontal);
   for (std::size_t i = 0; i < curves.size(); ++i) {
     Curve points;
     for (const auto& [x, y] : curves[i].points) {
       points.emplace_back(across.At(x), up.At(y));
     }
-    const std::string colour = cColours[i % cColours.size()];
+    const std::string colour = kColours[i % kColours.size()];
     drawing.Path(points, colour);
-    const double y = top + 20 * static_cast<double>(i);
-    drawing.Box(cRight + 12, y - 10, 12, 12, colour);
-    drawing.Text(cRight + 30, y, "start", curves[i].name);
+    const double y = kTop + 20 * static_cast<double>(i);
+    drawing.Box(kRight + 12, y - 10, 12, 12, colour);
+    drawing.Text(kRight + 30, y, "start", curves[i].name);
   }
   return drawing.End();
 }
 
 std::string MakeBars(const std::string& title, const std::string& unit, const std::vector<std::string>& parts,
                      const std::vector<NamedCurve>& bars) {
-  constexpr double top = 50;
-  constexpr double step = 50;
+  constexpr double kTop = 50;
+  constexpr double kStep = 50;
   double longest = 1;
   for (const auto& bar : bars) {
     for (const auto& [place, value] : bar.points) {
       longest = std::max(longest, value);
     }
   }
-  const double legend = top + step * static_cast<double>(bars.size()) + 14;
+  const double legend = kTop + kStep * static_cast<double>(bars.size()) + 14;
   Drawing drawing(legend + 22 * static_cast<double>(parts.size()) + 4);
-  drawing.Text(cLeft, 24, "start", title);
+  drawing.Text(kLeft, 24, "start", title);
   for (std::size_t i = 0; i < bars.size(); ++i) {
-    const double y = top + step * static_cast<double>(i);
-    const double scale = (cRight - cLeft) / longest;
+    const double y = kTop + kStep * static_cast<double>(i);
+    const double scale = (kRight - kLeft) / longest;
     double before = 0;
     for (std::size_t part = 0; part + 1 < bars[i].points.size(); ++part) {
       const double value = std::max(bars[i].points[part + 1].second, before);
-      drawing.Box(cLeft + before * scale, y, (value - before) * scale, step * 0.6,
-                  cColours[part % cColours.size()]);
+      drawing.Box(kLeft + before * scale, y, (value - before) * scale, kStep * 0.6,
+                  kColours[part % kColours.size()]);
       before = value;
     }
-    drawing.Text(cLeft - 8, y + step * 0.4, "end", bars[i].name);
-    drawing.Text(cLeft + before * scale + 8, y + step * 0.4, "start", fmt::format("{:.0f} {}", before, unit));
+    drawing.Text(kLeft - 8, y + kStep * 0.4, "end", bars[i].name);
+    drawing.Text(kLeft + before * scale + 8, y + kStep * 0.4, "start",
+                 fmt::format("{:.0f} {}", before, unit));
   }
   for (std::size_t part = 0; part < parts.size(); ++part) {
     const double y = legend + 22 * static_cast<double>(part);
-    drawing.Box(cLeft, y - 11, 12, 12, cColours[part % cColours.size()]);
-    drawing.Text(cLeft + 20, y, "start", parts[part]);
+    drawing.Box(kLeft, y - 11, 12, 12, kColours[part % kColours.size()]);
+    drawing.Text(kLeft + 20, y, "start", parts[part]);
   }
   return drawing.End();
 }

@@ -15,8 +15,8 @@ namespace bench {
 
 namespace {
 
-constexpr int cWarmUps = 10;
-constexpr std::chrono::milliseconds cGap(30);
+constexpr int kWarmUps = 10;
+constexpr std::chrono::milliseconds kGap(30);
 
 struct Calls {
   double all = 0;
@@ -53,10 +53,10 @@ Calls CountCalls(const std::string& daemon, int cards) {
   const auto tap = [&](int first, int count) {
     for (int card = first; card < first + count; ++card) {
       subject.Tap(fmt::format("{:08X}", 0x20000000 + card * 7919));
-      std::this_thread::sleep_for(cGap);
+      std::this_thread::sleep_for(kGap);
     }
   };
-  tap(0, cWarmUps);
+  tap(0, kWarmUps);
   Process tracer({"/usr/bin/strace", "-f", "-c", "-o", folder.Path("calls"), "-p",
                   std::to_string(subject.Program().GetPid())},
                  {}, folder.Path("output"), folder.Path("errors"));
@@ -67,7 +67,7 @@ Calls CountCalls(const std::string& daemon, int cards) {
   if (!isAttached || tracer.IsOver()) {
     throw std::runtime_error("strace does not trace: " + ReadFile(folder.Path("errors")));
   }
-  tap(cWarmUps, cards);
+  tap(kWarmUps, cards);
   tracer.Signal(SIGINT);
   tracer.Wait();
   const Calls calls = ReadSummary(folder.Path("calls"));

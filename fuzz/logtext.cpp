@@ -10,12 +10,12 @@
 namespace {
 
 std::string Escaped(const std::string& text) {
-  constexpr size_t longestRemark = 40;  // " ... (N bytes more)"
+  constexpr size_t kLongestRemark = 40;  // " ... (N bytes more)"
   fmt::memory_buffer line;
   line.push_back('>');
   AppendLogText(line, text);
   const std::string result = fmt::to_string(line);
-  FUZZ_CHECK(result[0] == '>' && result.size() <= 1 + cLongestLogText + longestRemark);
+  FUZZ_CHECK(result[0] == '>' && result.size() <= 1 + kLongestLogText + kLongestRemark);
   FUZZ_CHECK(ValidUtf8(result) == result);
   for (size_t i = 0; i < result.size(); ++i) {
     const auto byte = static_cast<uint8_t>(result[i]);
@@ -28,16 +28,16 @@ std::string Escaped(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  constexpr size_t longest = 64;  // longer ones hold nothing new, but take long
-  std::string text = TextOf(data, std::min(size, longest));
+  constexpr size_t kLongest = 64;  // longer ones hold nothing new, but take long
+  std::string text = TextOf(data, std::min(size, kLongest));
   const std::string once = Escaped(text);
-  if (once.size() <= cLongestLogText) {
+  if (once.size() <= kLongestLogText) {
     FUZZ_CHECK(once.size() >= text.size() && Escaped(once) == once);  // what is fit for a line stays as it is
   }
   // The same text over and over, to be cut. This takes long, so only one input in 256 does it. A hash chooses
   // them: the fuzzer would learn any simpler rule and make hardly anything else.
   if (!text.empty() && std::hash<std::string>()(text) % 256 == 0) {
-    while (text.size() <= cLongestLogText) {
+    while (text.size() <= kLongestLogText) {
       text += text;
     }
     Escaped(text);

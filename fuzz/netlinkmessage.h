@@ -23,18 +23,18 @@ using Bytes = std::vector<uint8_t>;
 class NetlinkMessage {
  public:
   NetlinkMessage(const uint8_t* data, size_t size) : mSize(size) {
-    constexpr size_t most = 64 * 1024;  // a multiple of every page size
+    constexpr size_t kMost = 64 * 1024;  // a multiple of every page size
     static auto* const memory = static_cast<uint8_t*>(
-        mmap(nullptr, 2 * most, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    FUZZ_CHECK(memory != MAP_FAILED && mprotect(memory + most, most, PROT_NONE) == 0);
+        mmap(nullptr, 2 * kMost, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    FUZZ_CHECK(memory != MAP_FAILED && mprotect(memory + kMost, kMost, PROT_NONE) == 0);
     const size_t room = NLMSG_ALIGN(std::max<size_t>(size, NLMSG_HDRLEN));
-    FUZZ_CHECK(room <= most);
-    ASAN_UNPOISON_MEMORY_REGION(memory, most);
-    mBegin = memory + most - room;
+    FUZZ_CHECK(room <= kMost);
+    ASAN_UNPOISON_MEMORY_REGION(memory, kMost);
+    mBegin = memory + kMost - room;
     std::memset(mBegin, 0, room);
     std::copy_n(data, size, mBegin);
     Header()->nlmsg_len = static_cast<uint32_t>(size);
-    ASAN_POISON_MEMORY_REGION(memory, most - room);
+    ASAN_POISON_MEMORY_REGION(memory, kMost - room);
     ASAN_POISON_MEMORY_REGION(mBegin + std::max<size_t>(size, NLMSG_HDRLEN), room - std::min(room, size));
   }
 

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr int PeerTimeoutSeconds = 5;
+constexpr int kPeerTimeoutSeconds = 5;
 
 /// What a SIGINT does; set by the application that runs and never cleared again.
 std::function<void(int)> signalHook;
@@ -32,8 +32,8 @@ CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod)
       std::make_shared<CNfcNetlink>(CNfcNetlink::Settings{.watchPeriod = pollWatchPeriod}));
   const CInterruptBlock block;  // from here on threads are started that have no use for signals
   const auto feedbackClient = mAppCommunicationHost->CreateClient<IFeedback>("Feedback");
-  feedbackClient->SetConnectTimeout(PeerTimeoutSeconds);
-  feedbackClient->SetCallTimeout(PeerTimeoutSeconds);
+  feedbackClient->SetConnectTimeout(kPeerTimeoutSeconds);
+  feedbackClient->SetCallTimeout(kPeerTimeoutSeconds);
   mActionHandler =
       std::make_shared<CRfidHsmActionHandler>(mRfidReader, mRfidConfig, feedbackClient->GetInterface());
   mStateMachine = std::make_shared<CRfidHsm>(mActionHandler);

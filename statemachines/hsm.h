@@ -46,7 +46,7 @@ class LeafState : public Parent {
 
   unsigned GetId() const override { return Id; }
 
-  static const LeafState Instance;
+  static const LeafState kInstance;
 
  private:
   template <typename Reactions>
@@ -63,7 +63,7 @@ class LeafState : public Parent {
   template <typename Reaction>
   static void CarryOutAsLeaf(Hsm& hsm, const std::string& owner, const Reaction& reaction,
                              const std::shared_ptr<IHsmEvent>& event) {
-    if (reaction.target == Reaction::Internal) {
+    if (reaction.target == Reaction::kInternal) {
       hsm.CarryOut(owner, reaction, event);
     } else {
       [&]() noexcept { hsm.CarryOut(owner, reaction, event); }();
@@ -72,7 +72,7 @@ class LeafState : public Parent {
 };
 
 template <typename Hsm, unsigned Id, typename Parent>
-inline const LeafState<Hsm, Id, Parent> LeafState<Hsm, Id, Parent>::Instance{};
+inline const LeafState<Hsm, Id, Parent> LeafState<Hsm, Id, Parent>::kInstance{};
 
 /// Gives a machine its definition; every actions interface with a machine specialises it.
 template <typename Handler>
@@ -146,7 +146,7 @@ class CHsm final : public IHsmInterface {
                 const std::shared_ptr<IHsmEvent>& event) {
     Log::Trace("State {}: event hndl {}", owner, event->GetName());
     event->mHandled.set_value(true);
-    if (reaction.target == CHsmReaction<CHsm>::Internal) {
+    if (reaction.target == CHsmReaction<CHsm>::kInternal) {
       Perform(reaction.actions, event);
       return;
     }

@@ -14,7 +14,7 @@
 template <typename Base>
 class CHsmAlive : public virtual Base, public virtual CWorker {
  public:
-  static constexpr std::chrono::nanoseconds AlivePeriod = std::chrono::seconds(4);
+  static constexpr std::chrono::nanoseconds kAlivePeriod = std::chrono::seconds(4);
 
   std::function<void()> ExtSendAlive;  ///< sends the message; hides the interface's own member of this name
 
@@ -30,7 +30,7 @@ class CHsmAlive : public virtual Base, public virtual CWorker {
             ExtSendAlive();
           }
         },
-        std::chrono::steady_clock::now(), AlivePeriod);
+        std::chrono::steady_clock::now(), kAlivePeriod);
   }
 
   /// Blocks until a message that is on its way has been sent: none goes out afterwards.

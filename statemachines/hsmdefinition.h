@@ -23,11 +23,11 @@ struct CHsmAction {
 /// What a state does about one kind of event.
 template <typename Machine>
 struct CHsmReaction {
-  static constexpr unsigned Internal = 0;  ///< no target: the state stays
+  static constexpr unsigned kInternal = 0;  ///< no target: the state stays
 
   std::type_index event;
   const std::string* eventName;
-  unsigned target;                           ///< id of the leaf to go to, or Internal
+  unsigned target;                           ///< id of the leaf to go to, or kInternal
   std::vector<CHsmAction<Machine>> actions;  ///< of an internal reaction
 
   bool Matches(const IHsmEvent& other) const { return event == std::type_index(typeid(other)); }
@@ -61,6 +61,6 @@ struct CHsmOn {
     return {std::type_index(typeid(Event)), &Event::Name(), target, {}};
   }
   static CHsmReaction<Machine> Do(CHsmAction<Machine> action) {
-    return {std::type_index(typeid(Event)), &Event::Name(), CHsmReaction<Machine>::Internal, {action}};
+    return {std::type_index(typeid(Event)), &Event::Name(), CHsmReaction<Machine>::kInternal, {action}};
   }
 };

@@ -19,7 +19,7 @@ struct IHsmEvent {
 
 /// One kind of event: number `Id` of the machine that `Tag` stands for, with an optional payload.
 ///
-/// `Tag` gives the names: a constant `EventNames` that is indexed by the number.
+/// `Tag` gives the names: a constant `kEventNames` that is indexed by the number.
 template <typename Tag, unsigned Id, typename... Payload>
 struct CHsmEvent final : public IHsmEvent {
   static_assert(sizeof...(Payload) <= 1, "an event carries one value at most");
@@ -36,5 +36,5 @@ struct CHsmEvent final : public IHsmEvent {
  private:
   std::tuple<Payload...> mPayload;
 
-  inline static const std::string mName{Tag::EventNames[Id]};
+  inline static const std::string mName{Tag::kEventNames[Id]};
 };

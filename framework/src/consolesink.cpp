@@ -12,11 +12,11 @@
 
 namespace {
 
-constexpr const char* cPattern = "%Y-%m-%d %H:%M:%S.%e %^%-8l%$ %v";
-constexpr std::string_view cPlain = "\033[m";
+constexpr const char* kPattern = "%Y-%m-%d %H:%M:%S.%e %^%-8l%$ %v";
+constexpr std::string_view kPlain = "\033[m";
 
 /// Of the levels from trace to critical.
-constexpr std::array<std::string_view, 6> cColours{"\033[37m",          // white
+constexpr std::array<std::string_view, 6> kColours{"\033[37m",          // white
                                                    "\033[36m",          // cyan
                                                    "\033[32m",          // green
                                                    "\033[33m\033[1m",   // yellow, bold
@@ -42,7 +42,7 @@ bool WriteAll(std::string_view text) {
 
 ConsoleSink::ConsoleSink()
     : mColours(spdlog::details::os::in_terminal(stderr) && spdlog::details::os::is_color_terminal()) {
-  set_pattern(cPattern);
+  set_pattern(kPattern);
 }
 
 void ConsoleSink::sink_it_(const spdlog::details::log_msg& message) {
@@ -52,12 +52,12 @@ void ConsoleSink::sink_it_(const spdlog::details::log_msg& message) {
   spdlog::memory_buf_t line;
   formatter_->format(message, line);
   if (mColours && message.color_range_end > message.color_range_start) {
-    const std::string_view colour = cColours.at(message.level);
+    const std::string_view colour = kColours.at(message.level);
     spdlog::memory_buf_t coloured;
     coloured.append(line.data(), line.data() + message.color_range_start);
     coloured.append(colour.data(), colour.data() + colour.size());
     coloured.append(line.data() + message.color_range_start, line.data() + message.color_range_end);
-    coloured.append(cPlain.data(), cPlain.data() + cPlain.size());
+    coloured.append(kPlain.data(), kPlain.data() + kPlain.size());
     coloured.append(line.data() + message.color_range_end, line.data() + line.size());
     line = std::move(coloured);
   }

@@ -19,8 +19,8 @@
 namespace {
 
 /// More than any station needs (two million cards): it keeps a wrong file from taking the memory.
-constexpr std::size_t cLargestFileMiB = 64;
-constexpr std::size_t cLargestFile = cLargestFileMiB * 1024 * 1024;
+constexpr std::size_t kLargestFileMiB = 64;
+constexpr std::size_t kLargestFile = kLargestFileMiB * 1024 * 1024;
 
 std::mutex gStoreMutex;
 std::string gStore;
@@ -101,8 +101,8 @@ class ReadableFile {
     std::string content;
     char buffer[16384];
     for (;;) {
-      if (std::max(size, content.size()) > cLargestFile) {
-        throw ContentError(fmt::format("is larger than {} MiB", cLargestFileMiB));
+      if (std::max(size, content.size()) > kLargestFile) {
+        throw ContentError(fmt::format("is larger than {} MiB", kLargestFileMiB));
       }
       content.reserve(size);  // growing would hold the file twice
       const ssize_t count = read(mDescriptor, buffer, sizeof buffer);

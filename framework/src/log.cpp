@@ -25,7 +25,7 @@ std::atomic<Log::ELogLevel> Log::mLevel{Log::ELogLevel::Info};
 namespace {
 
 /// How long a critical line, and the end of the process, wait for the logs.
-constexpr std::chrono::seconds cPatience(2);
+constexpr std::chrono::seconds kPatience(2);
 
 spdlog::level::level_enum ToSpdlog(Log::ELogLevel level) {
   switch (level) {
@@ -93,8 +93,8 @@ std::atomic<bool> gEnding{false};
 /// the last words of a process, several lines, take two seconds at most together.
 void AwaitLogs(Logs& logs) {
   const auto now = std::chrono::steady_clock::now();
-  logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + cPatience);
-  logs.consoleIsStuck = !logs.console.Flush(logs.consoleIsStuck ? now : now + cPatience);
+  logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + kPatience);
+  logs.consoleIsStuck = !logs.console.Flush(logs.consoleIsStuck ? now : now + kPatience);
 }
 
 void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::format_args args) {

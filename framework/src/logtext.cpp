@@ -38,11 +38,11 @@ std::size_t PrintableLength(std::string_view text) {
 }  // namespace
 
 void AppendLogText(fmt::memory_buffer& line, std::string_view text) {
-  constexpr std::size_t cEscapedLength = 4;
-  const std::size_t limit = line.size() + cLongestLogText;
+  constexpr std::size_t kEscapedLength = 4;
+  const std::size_t limit = line.size() + kLongestLogText;
   while (!text.empty()) {
     const std::size_t printable = PrintableLength(text);
-    if (line.size() + (printable > 0 ? printable : cEscapedLength) > limit) {
+    if (line.size() + (printable > 0 ? printable : kEscapedLength) > limit) {
       fmt::format_to(std::back_inserter(line), " ... ({} bytes more)", text.size());
       return;
     }
@@ -50,10 +50,10 @@ void AppendLogText(fmt::memory_buffer& line, std::string_view text) {
       line.append(text.data(), text.data() + printable);
       text.remove_prefix(printable);
     } else {
-      constexpr char digits[] = "0123456789abcdef";
+      constexpr char kDigits[] = "0123456789abcdef";
       const auto byte = static_cast<std::uint8_t>(text[0]);
-      const char escaped[cEscapedLength] = {'\\', 'x', digits[byte >> 4U], digits[byte & 0xFU]};
-      line.append(escaped, escaped + cEscapedLength);
+      const char escaped[kEscapedLength] = {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 0xFU]};
+      line.append(escaped, escaped + kEscapedLength);
       text.remove_prefix(1);
     }
   }

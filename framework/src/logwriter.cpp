@@ -13,8 +13,8 @@ namespace {
 
 /// What a line takes while it waits, about: with what the allocator and the queue need for it.
 std::size_t SizeOf(const LogLine& line) {
-  constexpr std::size_t bookkeeping = 64;
-  return sizeof(LogLine) + line.text.capacity() + bookkeeping;
+  constexpr std::size_t kBookkeeping = 64;
+  return sizeof(LogLine) + line.text.capacity() + kBookkeeping;
 }
 
 }  // namespace
@@ -38,7 +38,7 @@ void LogWriter::Push(std::shared_ptr<const LogLine> line) {
     mLines.push_back(std::move(line));
     mBytes += size;
     ++mPushed;
-    while (mBytes > cLogBacklog) {
+    while (mBytes > kLogBacklog) {
       mBytes -= SizeOf(*mLines.front());
       mLines.pop_front();
       ++mDropped;

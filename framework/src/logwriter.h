@@ -22,7 +22,7 @@ struct LogLine {
 
 /// What may wait for one log, in bytes: some ten thousand lines, many times what the daemon states at level
 /// trace while its machine stalls for seconds. Both logs share the lines that wait for both.
-constexpr std::size_t cLogBacklog = std::size_t{2} * 1024 * 1024;
+constexpr std::size_t kLogBacklog = std::size_t{2} * 1024 * 1024;
 
 /// Writes the lines of one log in the order in which they come, on a thread of its own.
 ///
@@ -33,7 +33,7 @@ constexpr std::size_t cLogBacklog = std::size_t{2} * 1024 * 1024;
 /// used: its queue is bounded in lines and takes all of its memory at the start, its thread wakes up every
 /// ten seconds, and nobody can wait for it with a time limit.
 ///
-/// At most cLogBacklog bytes wait. Beyond that the oldest lines are dropped. A line at warning stands where
+/// At most kLogBacklog bytes wait. Beyond that the oldest lines are dropped. A line at warning stands where
 /// lines are missing and says how many.
 ///
 /// Threads: any; only Flush waits. The thread has every signal blocked, so that a console whose reader has

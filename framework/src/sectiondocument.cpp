@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::string_view cByteOrderMark = "\xEF\xBB\xBF";
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 bool IsOpening(char c) {
   return c == '[' || c == '{';
@@ -66,8 +66,8 @@ std::size_t ReadArray(std::string_view text, std::size_t at, const SectionDocume
 }  // namespace
 
 SectionDocument::SectionDocument(std::string text) : mText(std::move(text)) {
-  if (mText.starts_with(cByteOrderMark)) {
-    mText.erase(0, cByteOrderMark.size());
+  if (mText.starts_with(kByteOrderMark)) {
+    mText.erase(0, kByteOrderMark.size());
   }
   try {
     CutArraysOut();

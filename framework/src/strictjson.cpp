@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int cDeepest = 64;  // the parser recurses, and a thread's stack may be small
+constexpr int kDeepest = 64;  // the parser recurses, and a thread's stack may be small
 
 Json::CharReaderBuilder MakeBuilder(int deepest, bool isWhole) {
   Json::CharReaderBuilder builder;
@@ -101,7 +101,7 @@ void CheckForNul(std::string_view text) {
 }  // namespace
 
 Json::Value ParseStrictJson(std::string_view text) {
-  static const Json::CharReaderBuilder builder = MakeBuilder(cDeepest, true);
+  static const Json::CharReaderBuilder builder = MakeBuilder(kDeepest, true);
   CheckForNul(text);
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value document;
@@ -121,7 +121,7 @@ void CheckStrictText(std::string_view text) {
   CheckNumbers(text);
 }
 
-JsonPartParser::JsonPartParser(int depth) : mReader(MakeBuilder(cDeepest - depth, false).newCharReader()) {}
+JsonPartParser::JsonPartParser(int depth) : mReader(MakeBuilder(kDeepest - depth, false).newCharReader()) {}
 
 Json::Value JsonPartParser::Parse(std::string_view part) const {
   Json::Value value;

@@ -15,7 +15,7 @@
 namespace {
 
 /// Between two attempts to wait when the kernel has no memory for waiting.
-constexpr std::chrono::milliseconds RetryPause(50);
+constexpr std::chrono::milliseconds kRetryPause(50);
 
 /// Events carry no sequence numbers of ours.
 int AcceptSequence(nl_msg*, void*) {
@@ -57,7 +57,7 @@ CNfcEventSocket::Failure CNfcEventSocket::Wake(int family) {
     return {};  // one that is still being set up sees the stop flag before it first sleeps
   }
   // The family has no such command: the kernel's error answer makes the socket readable.
-  const auto request = BuildRequest(NfcRequests::Unspec, family);
+  const auto request = BuildRequest(NfcRequests::kUnspec, family);
   if (!request.message) {
     return {.text = request.failure, .code = request.code};
   }
@@ -132,7 +132,7 @@ bool CNfcEventSocket::Wait(Clock::time_point until) {
   } while (result < 0 && errno == EINTR);
   if (result < 0) {
     // Short of memory, or the socket is gone, which the next receive tells. Neither may keep a core busy.
-    std::this_thread::sleep_for(RetryPause);
+    std::this_thread::sleep_for(kRetryPause);
   } else if (result > 0 && FD_ISSET(wakeFd, &readable)) {
     mWake.Reset();
   }

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int Iso15693UidSize = 8;
+constexpr int kIso15693UidSize = 8;
 
 template <int MaxType>
 using Attributes = std::array<nlattr*, MaxType + 1>;
@@ -133,7 +133,7 @@ std::optional<NfcTarget> DecodeTarget(nlmsghdr* message) {
                    .uid = ReadBytes((*attributes)[NFC_ATTR_TARGET_NFCID1], 1, NFC_NFCID1_MAXSIZE)};
   if (target.uid.empty()) {
     const auto overTheAir =
-        ReadBytes((*attributes)[NFC_ATTR_TARGET_ISO15693_UID], Iso15693UidSize, Iso15693UidSize);
+        ReadBytes((*attributes)[NFC_ATTR_TARGET_ISO15693_UID], kIso15693UidSize, kIso15693UidSize);
     target.uid.assign(overTheAir.rbegin(), overTheAir.rend());
   }
   return target;

@@ -20,21 +20,21 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr const char* ClassName = "CNfcNetlink";
-constexpr const char* FamilyName = "nfc";
+constexpr const char* kClassName = "CNfcNetlink";
+constexpr const char* kFamilyName = "nfc";
 
 /// How soon polling is looked after that the kernel claims and nobody started.
-constexpr std::chrono::milliseconds DoubtPeriod = 1s;
+constexpr std::chrono::milliseconds kDoubtPeriod = 1s;
 /// The kernel ends the polling of a closed socket some milliseconds later, and is busy until then.
-constexpr auto BusyPause = 50ms;
-constexpr int BusyTries = 4;
+constexpr auto kBusyPause = 50ms;
+constexpr int kBusyTries = 4;
 
 }  // namespace
 
 CNfcNetlink::CNfcNetlink() : CNfcNetlink(Settings{}) {}
 
 CNfcNetlink::CNfcNetlink(Settings settings) : mSettings(settings) {
-  LOG_TRACE("{}::{}", ClassName, "CNfcNetlink");
+  LOG_TRACE("{}::{}", kClassName, "CNfcNetlink");
 }
 
 CNfcNetlink::~CNfcNetlink() {
@@ -53,7 +53,7 @@ void CNfcNetlink::SetErrorCallback(ErrorCallback onError) {
 }
 
 void CNfcNetlink::InitializeController(TargetCallback onTarget) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   CloseEarlierController();
   mTargetCallback = std::move(onTarget);
   try {
@@ -92,7 +92,7 @@ void CNfcNetlink::OpenCommandSocket() {
                  sizeof(timeout)) != 0) {
     LOG_WARNING("Could not set the receive timeout of the command socket: {}", std::strerror(errno));
   }
-  mFamilyId = genl_ctrl_resolve(mCommandSocket.get(), FamilyName);
+  mFamilyId = genl_ctrl_resolve(mCommandSocket.get(), kFamilyName);
   if (mFamilyId < 0) {
     throw CRfidError("Could not resolve nfc netlink family.", std::abs(mFamilyId));
   }
@@ -140,7 +140,7 @@ void CNfcNetlink::StartPolling() {
 }
 
 void CNfcNetlink::Poll(EPollReason reason) {
-  LOG_TRACE("{}::{}", ClassName, "StartPolling");
+  LOG_TRACE("{}::{}", kClassName, "StartPolling");
   // A tag that is found before the monitor listens would be lost, and polling would be over unnoticed.
   const bool isListening = mEvents.AwaitSetUp();
   LOG_DEBUG("Done waiting for event socket");
@@ -169,7 +169,7 @@ void CNfcNetlink::Poll(EPollReason reason) {
     LOG_DEBUG("Reader is already polling.");
     if (!mPolling.ours) {
       LOG_WARNING("The kernel says that the reader polls already, but nobody started it. Checking it soon.");
-      trusted = std::min(trusted, DoubtPeriod);
+      trusted = std::min(trusted, kDoubtPeriod);
     }
   } else if (result != 0) {
     throw CRfidError("Error in SendAndReceiveMsgs within StartPolling", result);
@@ -185,7 +185,7 @@ void CNfcNetlink::Poll(EPollReason reason) {
 }
 
 void CNfcNetlink::StopPolling() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   LOG_DEBUG("Stopping polling.");
   const std::lock_guard exchange(mExchangeMutex);
   mPolling.wanted = false;
@@ -206,7 +206,7 @@ void CNfcNetlink::StopPolling() {
 }
 
 void CNfcNetlink::DeinitializeController() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const int stopped = StopMonitoringEvents();
   JoinMonitor();  // also when the monitor could not be woken by a request
   LOG_DEBUG("Event monitor stopped.");
@@ -241,7 +241,7 @@ void CNfcNetlink::SwitchOff() {
     if (const int result = mDeviceInfo ? 0 : GetNfcDevice(); result != 0) {
       throw CRfidError("Could find trf7970a reader.", result);
     }
-    for (int tries = BusyTries; tries > 0; --tries) {
+    for (int tries = kBusyTries; tries > 0; --tries) {
       try {
         SendStopPoll();
         break;
@@ -251,7 +251,7 @@ void CNfcNetlink::SwitchOff() {
           break;
         }
       }
-      std::this_thread::sleep_for(BusyPause);
+      std::this_thread::sleep_for(kBusyPause);
     }
     if (const int result = SetDevicePower(false); result != 0 && result != ENODEV) {
       throw CRfidError("Failed to power off reader after polling.", result);

@@ -18,17 +18,17 @@ using Clock = CNfcEventSocket::Clock;
 
 namespace {
 
-constexpr const char* ClassName = "CNfcNetlink";
+constexpr const char* kClassName = "CNfcNetlink";
 
 /// Between STOP_POLL and START_POLL: with less, a driver can report an old find as the new poll's.
-constexpr auto RestPause = 20ms;
+constexpr auto kRestPause = 20ms;
 /// The kernel notes that a find has ended polling before it sends the event.
-constexpr auto LateEvent = 200ms;
+constexpr auto kLateEvent = 200ms;
 
 }  // namespace
 
 int CNfcNetlink::StopMonitoringEvents() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   mStopFlag = true;
   if (!mMonitorThread.joinable()) {
     return 0;
@@ -50,7 +50,7 @@ void CNfcNetlink::JoinMonitor() {
 
 void CNfcNetlink::MonitorEvents() {
   SetThreadName("nfc-monitor");
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   LOG_DEBUG("Notifying that the event socket is ready");
   if (const auto failure = mEvents.SetUp(mMulticastGroupId); failure.code != 0) {
     LOG_ERROR("{}", failure.text);
@@ -92,7 +92,7 @@ void CNfcNetlink::ReceiveEvents() {
 }
 
 int CNfcNetlink::ProcessEvent(nl_msg* msg) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   LOG_DEBUG("Processing netlink event...");
   const auto command = DecodeCommand(nlmsg_hdr(msg));
   if (!command || !IsFromKernel(msg)) {
@@ -103,7 +103,7 @@ int CNfcNetlink::ProcessEvent(nl_msg* msg) {
     }
     return NL_SKIP;
   }
-  if (*command == NFC_EVENT_DEVICE_REMOVED && DecodeDeviceIndex(nlmsg_hdr(msg)) == ReaderIndex) {
+  if (*command == NFC_EVENT_DEVICE_REMOVED && DecodeDeviceIndex(nlmsg_hdr(msg)) == kReaderIndex) {
     LookSoon();
   }
   if (*command != NFC_EVENT_TARGETS_FOUND) {
@@ -161,7 +161,7 @@ void CNfcNetlink::LookSoon() {
 
 /// Begins polling anew. A dead poll cannot be told from a live one by any command.
 void CNfcNetlink::LookAfterPolling() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   try {
     const std::lock_guard exchange(mExchangeMutex);
     if (mPolling.wanted && mPolling.nextLook && !mStopFlag) {
@@ -177,8 +177,8 @@ void CNfcNetlink::LookAfterPolling() {
 /// False when the event of a find is still to be handled, which restarts polling.
 bool CNfcNetlink::RenewPolling() {
   const bool wasPolling = SendStopPoll();
-  std::this_thread::sleep_for(RestPause);
-  if (!wasPolling && mEvents.HasEvents(LateEvent)) {
+  std::this_thread::sleep_for(kRestPause);
+  if (!wasPolling && mEvents.HasEvents(kLateEvent)) {
     return false;
   }
   int result = SendStartPoll();
@@ -217,17 +217,17 @@ void CNfcNetlink::ReportFailure(const std::string& what, int code) const {
 }
 
 int CNfcNetlink::TargetsFound(nlmsghdr* event) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const std::lock_guard exchange(mExchangeMutex);  // a StartPolling that is under way is noted first
   const auto device = DecodeDeviceIndex(event);
   if (!device) {
     return ENODEV;
   }
-  if (*device == ReaderIndex) {  // a find ends the kernel's polling
+  if (*device == kReaderIndex) {  // a find ends the kernel's polling
     mPolling.ours = false;
     mPolling.nextLook.reset();
   }
-  const auto request = BuildRequest(NfcRequests::GetTarget, mFamilyId, {{NFC_ATTR_DEVICE_INDEX, *device}});
+  const auto request = BuildRequest(NfcRequests::kGetTarget, mFamilyId, {{NFC_ATTR_DEVICE_INDEX, *device}});
   if (!request.message) {
     return request.code;
   }
@@ -237,7 +237,7 @@ int CNfcNetlink::TargetsFound(nlmsghdr* event) {
 }
 
 int CNfcNetlink::GetTargets(nl_msg* msg) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const auto target = DecodeTarget(nlmsg_hdr(msg));
   if (!target) {
     LOG_ERROR("Skipping a malformed target.");

@@ -29,7 +29,7 @@
 class CNfcNetlink : public INfcNetlink {
  public:
   /// The device that the station's reader is.
-  static constexpr uint32_t ReaderIndex = 0;
+  static constexpr uint32_t kReaderIndex = 0;
 
   struct Settings {
     /// Timeout for one answer, once the kernel has carried the request out. The kernel's answer is there when

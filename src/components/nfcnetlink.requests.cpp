@@ -20,22 +20,23 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr const char* ClassName = "CNfcNetlink";
-constexpr const char* FamilyName = "nfc";
-constexpr const char* EventGroup = "events";
+constexpr const char* kClassName = "CNfcNetlink";
+constexpr const char* kFamilyName = "nfc";
+constexpr const char* kEventGroup = "events";
 
 /// Everything that the reader can initiate but Jewel. The reader is never polled as a target.
-constexpr uint32_t PollingMask = NFC_PROTO_MIFARE_MASK | NFC_PROTO_FELICA_MASK | NFC_PROTO_ISO14443_MASK |
-                                 NFC_PROTO_NFC_DEP_MASK | NFC_PROTO_ISO14443_B_MASK | NFC_PROTO_ISO15693_MASK;
-static_assert(PollingMask == 0xFC);
+constexpr uint32_t kPollingMask = NFC_PROTO_MIFARE_MASK | NFC_PROTO_FELICA_MASK | NFC_PROTO_ISO14443_MASK |
+                                  NFC_PROTO_NFC_DEP_MASK | NFC_PROTO_ISO14443_B_MASK |
+                                  NFC_PROTO_ISO15693_MASK;
+static_assert(kPollingMask == 0xFC);
 
 /// A tag that comes in the moment of STOP_POLL can make that command wait for half a minute for an answer
 /// that the kernel never reads. A signal ends the wait, and only this command takes one well.
-constexpr auto StopLimit = 2s;
+constexpr auto kStopLimit = 2s;
 /// A STOP_POLL that took longer may have been such a one. The kernel then needs a moment to finish with the
 /// tag. A command that comes sooner can hang the NFC of the whole machine.
-constexpr auto SlowStop = 1s;
-constexpr auto QuietAfterSlowStop = 250ms;
+constexpr auto kSlowStop = 1s;
+constexpr auto kQuietAfterSlowStop = 250ms;
 
 struct GroupSearch {
   const char* group;
@@ -70,7 +71,7 @@ const char* OnOff(bool on) {
 
 int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_msg_cb_t validHandler,
                                    void* handlerArgument, std::chrono::milliseconds sendLimit) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   using EEnd = ExchangeResult::EEnd;
   const auto result =
       RunExchange(socket, request, mSettings.answerTimeout, validHandler, handlerArgument, sendLimit);
@@ -106,19 +107,19 @@ int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_
 }
 
 int CNfcNetlink::ResolveMulticastId(nl_sock* socket) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const int controller = genl_ctrl_resolve(socket, "nlctrl");
   if (controller < 0) {
     LOG_ERROR("Could not resolve the generic netlink controller: {}", nl_geterror(controller));
     return controller;
   }
-  const auto request = BuildRequest(NfcRequests::GetFamily, controller);
+  const auto request = BuildRequest(NfcRequests::kGetFamily, controller);
   if (!request.message) {
     LOG_ERROR("{}", request.failure);
     return -request.code;
   }
-  nla_put_string(request.message.get(), CTRL_ATTR_FAMILY_NAME, FamilyName);
-  GroupSearch search{EventGroup, -NLE_OBJ_NOTFOUND};
+  nla_put_string(request.message.get(), CTRL_ATTR_FAMILY_NAME, kFamilyName);
+  GroupSearch search{kEventGroup, -NLE_OBJ_NOTFOUND};
   if (const int result = SendAndReceiveMsg(socket, request.message.get(), OnFamily, &search); result != 0) {
     LOG_ERROR("Error in SendAndReceiveMessages within ResolveMulticastId.");
     return -result;
@@ -127,8 +128,8 @@ int CNfcNetlink::ResolveMulticastId(nl_sock* socket) {
 }
 
 int CNfcNetlink::GetNfcDevice() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
-  const auto request = BuildRequest(NfcRequests::GetDevice, mFamilyId);
+  LOG_TRACE("{}::{}", kClassName, __func__);
+  const auto request = BuildRequest(NfcRequests::kGetDevice, mFamilyId);
   if (!request.message) {
     LOG_ERROR("{}", request.failure);
     return request.code;
@@ -143,7 +144,7 @@ int CNfcNetlink::GetNfcDevice() {
     LOG_ERROR("Error: The kernel has no NFC device.");
     return NLE_NODEV;
   }
-  if (device->index != ReaderIndex) {
+  if (device->index != kReaderIndex) {
     LOG_ERROR("Error: Unexpected device at index: {}", device->index);
     return NLE_NODEV;
   }
@@ -162,7 +163,7 @@ int CNfcNetlink::SetDevicePower(bool on) {
     return NLE_NODEV;
   }
   LOG_INFO("Setting {} power mode to: {}", mDeviceInfo->name, OnOff(on));
-  const auto request = BuildRequest(on ? NfcRequests::DeviceUp : NfcRequests::DeviceDown, mFamilyId,
+  const auto request = BuildRequest(on ? NfcRequests::kDeviceUp : NfcRequests::kDeviceDown, mFamilyId,
                                     {{NFC_ATTR_DEVICE_INDEX, mDeviceInfo->index}});
   if (!request.message) {
     LOG_ERROR("{}", request.failure);
@@ -182,10 +183,10 @@ int CNfcNetlink::SetDevicePower(bool on) {
 
 /// The exchange's result: 0 or a positive code.
 int CNfcNetlink::SendStartPoll() {
-  const auto request = BuildRequest(NfcRequests::StartPoll, mFamilyId,
+  const auto request = BuildRequest(NfcRequests::kStartPoll, mFamilyId,
                                     {{NFC_ATTR_DEVICE_INDEX, mDeviceInfo->index},
-                                     {NFC_ATTR_IM_PROTOCOLS, PollingMask},
-                                     {NFC_ATTR_PROTOCOLS, PollingMask}});
+                                     {NFC_ATTR_IM_PROTOCOLS, kPollingMask},
+                                     {NFC_ATTR_PROTOCOLS, kPollingMask}});
   if (!request.message) {
     throw CRfidError(request.failure, request.code);
   }
@@ -196,17 +197,17 @@ int CNfcNetlink::SendStartPoll() {
 /// does, by EINVAL. Every STOP_POLL of the controller goes through here.
 bool CNfcNetlink::SendStopPoll() {
   const auto request =
-      BuildRequest(NfcRequests::StopPoll, mFamilyId, {{NFC_ATTR_DEVICE_INDEX, mDeviceInfo->index}});
+      BuildRequest(NfcRequests::kStopPoll, mFamilyId, {{NFC_ATTR_DEVICE_INDEX, mDeviceInfo->index}});
   if (!request.message) {
     throw CRfidError(request.failure, request.code);
   }
   const auto begin = std::chrono::steady_clock::now();
   const int result =
-      SendAndReceiveMsg(mCommandSocket.get(), request.message.get(), nullptr, nullptr, StopLimit);
-  if (const auto took = std::chrono::steady_clock::now() - begin; took > SlowStop) {
+      SendAndReceiveMsg(mCommandSocket.get(), request.message.get(), nullptr, nullptr, kStopLimit);
+  if (const auto took = std::chrono::steady_clock::now() - begin; took > kSlowStop) {
     LOG_WARNING("Stopping the polling took {} ms.",
                 std::chrono::duration_cast<std::chrono::milliseconds>(took).count());
-    std::this_thread::sleep_for(QuietAfterSlowStop);
+    std::this_thread::sleep_for(kQuietAfterSlowStop);
   }
   const bool wasPolling = result == 0;
   if (!wasPolling && result != EALREADY && result != EINVAL) {

@@ -9,69 +9,69 @@
 
 namespace NfcRequests {
 
-const NfcRequest GetFamily{.command = CTRL_CMD_GETFAMILY,
-                           .flags = 0,
-                           .version = 0,
-                           .noMessage = "Couldn't allocate netlink message struct. No memory available.",
-                           .noHeader = "Null header when creating genl message.",
-                           .noMessageCode = NLE_NOMEM,
-                           .noHeaderCode = NLE_INVAL};
-
-const NfcRequest GetDevice{.command = NFC_CMD_GET_DEVICE,
-                           .flags = NLM_F_DUMP,
-                           .version = 1,
-                           .noMessage = "Error allocating struct nl_msg.",
-                           .noHeader = "Error: genlmsg_put returned null netlink header.",
-                           .noMessageCode = NLE_NOMEM,
-                           .noHeaderCode = NLE_INVAL};
-
-const NfcRequest DeviceUp{.command = NFC_CMD_DEV_UP,
-                          .flags = 0,
-                          .version = 1,
-                          .noMessage = "Error allocating nl_msg. No memory available.",
-                          .noHeader = "Null header in genlmsg_put within SetDevicePower().",
-                          .noMessageCode = NLE_NOMEM,
-                          .noHeaderCode = NLE_NOMEM};
-
-const NfcRequest DeviceDown{.command = NFC_CMD_DEV_DOWN,
+const NfcRequest kGetFamily{.command = CTRL_CMD_GETFAMILY,
                             .flags = 0,
-                            .version = 1,
-                            .noMessage = DeviceUp.noMessage,
-                            .noHeader = DeviceUp.noHeader,
+                            .version = 0,
+                            .noMessage = "Couldn't allocate netlink message struct. No memory available.",
+                            .noHeader = "Null header when creating genl message.",
                             .noMessageCode = NLE_NOMEM,
-                            .noHeaderCode = NLE_NOMEM};
+                            .noHeaderCode = NLE_INVAL};
 
-const NfcRequest StartPoll{.command = NFC_CMD_START_POLL,
+const NfcRequest kGetDevice{.command = NFC_CMD_GET_DEVICE,
+                            .flags = NLM_F_DUMP,
+                            .version = 1,
+                            .noMessage = "Error allocating struct nl_msg.",
+                            .noHeader = "Error: genlmsg_put returned null netlink header.",
+                            .noMessageCode = NLE_NOMEM,
+                            .noHeaderCode = NLE_INVAL};
+
+const NfcRequest kDeviceUp{.command = NFC_CMD_DEV_UP,
+                           .flags = 0,
+                           .version = 1,
+                           .noMessage = "Error allocating nl_msg. No memory available.",
+                           .noHeader = "Null header in genlmsg_put within SetDevicePower().",
+                           .noMessageCode = NLE_NOMEM,
+                           .noHeaderCode = NLE_NOMEM};
+
+const NfcRequest kDeviceDown{.command = NFC_CMD_DEV_DOWN,
+                             .flags = 0,
+                             .version = 1,
+                             .noMessage = kDeviceUp.noMessage,
+                             .noHeader = kDeviceUp.noHeader,
+                             .noMessageCode = NLE_NOMEM,
+                             .noHeaderCode = NLE_NOMEM};
+
+const NfcRequest kStartPoll{.command = NFC_CMD_START_POLL,
+                            .flags = NLM_F_REQUEST,
+                            .version = 1,
+                            .noMessage = "Could not allocate netlink socket",
+                            .noHeader = "Null header in genlmsg_put within StartPolling",
+                            .noMessageCode = NLE_NOMEM,
+                            .noHeaderCode = NLE_INVAL};
+
+const NfcRequest kStopPoll{.command = NFC_CMD_STOP_POLL,
                            .flags = NLM_F_REQUEST,
                            .version = 1,
                            .noMessage = "Could not allocate netlink socket",
-                           .noHeader = "Null header in genlmsg_put within StartPolling",
+                           .noHeader = "Null header in genlmsg_put within StopPolling",
                            .noMessageCode = NLE_NOMEM,
                            .noHeaderCode = NLE_INVAL};
 
-const NfcRequest StopPoll{.command = NFC_CMD_STOP_POLL,
-                          .flags = NLM_F_REQUEST,
-                          .version = 1,
-                          .noMessage = "Could not allocate netlink socket",
-                          .noHeader = "Null header in genlmsg_put within StopPolling",
-                          .noMessageCode = NLE_NOMEM,
-                          .noHeaderCode = NLE_INVAL};
+const NfcRequest kGetTarget{.command = NFC_CMD_GET_TARGET,
+                            .flags = NLM_F_DUMP,
+                            .version = 1,
+                            .noMessage = "",
+                            .noHeader = "",
+                            .noMessageCode = ENOMEM,
+                            .noHeaderCode = NLE_INVAL};
 
-const NfcRequest GetTarget{.command = NFC_CMD_GET_TARGET,
-                           .flags = NLM_F_DUMP,
-                           .version = 1,
-                           .noMessage = "",
-                           .noHeader = "",
-                           .noMessageCode = ENOMEM,
-                           .noHeaderCode = NLE_INVAL};
-
-const NfcRequest Unspec{.command = NFC_CMD_UNSPEC,
-                        .flags = 0,
-                        .version = 1,
-                        .noMessage = "Error allocating struct nl_msg.",
-                        .noHeader = "Error: genlmsg_put returned null netlink header.",
-                        .noMessageCode = NLE_NOMEM,
-                        .noHeaderCode = NLE_INVAL};
+const NfcRequest kUnspec{.command = NFC_CMD_UNSPEC,
+                         .flags = 0,
+                         .version = 1,
+                         .noMessage = "Error allocating struct nl_msg.",
+                         .noHeader = "Error: genlmsg_put returned null netlink header.",
+                         .noMessageCode = NLE_NOMEM,
+                         .noHeaderCode = NLE_INVAL};
 
 }  // namespace NfcRequests
 

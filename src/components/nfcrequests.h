@@ -19,14 +19,14 @@ struct NfcRequest {
 };
 
 namespace NfcRequests {
-extern const NfcRequest GetFamily;  ///< to the family "nlctrl"; all others to the family "nfc"
-extern const NfcRequest GetDevice;
-extern const NfcRequest DeviceUp;
-extern const NfcRequest DeviceDown;
-extern const NfcRequest StartPoll;
-extern const NfcRequest StopPoll;
-extern const NfcRequest GetTarget;
-extern const NfcRequest Unspec;
+extern const NfcRequest kGetFamily;  ///< to the family "nlctrl"; all others to the family "nfc"
+extern const NfcRequest kGetDevice;
+extern const NfcRequest kDeviceUp;
+extern const NfcRequest kDeviceDown;
+extern const NfcRequest kStartPoll;
+extern const NfcRequest kStopPoll;
+extern const NfcRequest kGetTarget;
+extern const NfcRequest kUnspec;
 }  // namespace NfcRequests
 
 struct NfcAttribute {

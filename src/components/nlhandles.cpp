@@ -7,7 +7,7 @@ namespace {
 
 /// More sockets than are ever closed within the few milliseconds in which the kernel still ends their
 /// polling.
-constexpr size_t MostClosedSockets = 32;
+constexpr size_t kMostClosedSockets = 32;
 
 }  // namespace
 
@@ -18,7 +18,7 @@ void CloseAndKeepPort(nl_sock* socket) {
   nl_close(socket);
   const std::lock_guard lock(mutex);
   sockets.emplace_back(socket);
-  if (sockets.size() > MostClosedSockets) {
+  if (sockets.size() > kMostClosedSockets) {
     sockets.pop_front();
   }
 }

@@ -6,13 +6,13 @@
 
 namespace {
 
-constexpr const char* ClassName = "CRfidConfig";
+constexpr const char* kClassName = "CRfidConfig";
 
 }  // namespace
 
 CRfidConfig::CRfidConfig(std::shared_ptr<HubConfig> settings, std::shared_ptr<HubConfig> standaloneList)
     : mSettings(std::move(settings)), mStandaloneList(std::move(standaloneList)) {
-  LOG_TRACE("{}::{}", ClassName, "CRfidConfig");
+  LOG_TRACE("{}::{}", kClassName, "CRfidConfig");
 }
 
 void CRfidConfig::ReloadSettings() {
@@ -23,7 +23,7 @@ void CRfidConfig::ReloadSettings() {
 }
 
 bool CRfidConfig::GetOcppStatus() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   ReloadSettings();
   const bool active = mSettings->GetBool("SeccOcppActive", false);
   LOG_DEBUG("OCPP Status: {}", active ? "Active" : "Inactive");
@@ -31,7 +31,7 @@ bool CRfidConfig::GetOcppStatus() {
 }
 
 bool CRfidConfig::GetAuthorizationEnabled() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   ReloadSettings();
   const bool enabled = !mSettings->GetBool("SessionManagerChargeWithoutAuth", false);
   LOG_DEBUG("Authorization enabled: {}", enabled);
@@ -39,7 +39,7 @@ bool CRfidConfig::GetAuthorizationEnabled() {
 }
 
 ipc::ERfidAuthState CRfidConfig::AuthenticateToken(const std::string& uid) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   if (mStandaloneList->IsUpdated()) {
     LOG_DEBUG("Standalone list has been updated");
     mLoadedList.reset();  // before the new list takes memory

@@ -18,7 +18,7 @@ using Composite = CompState<CRfidHsm, 0, CompState<CRfidHsm, 0, TopState<CRfidHs
 
 template <unsigned Id>
 const TopState<CRfidHsm>* Leaf() {
-  return &LeafState<CRfidHsm, Id, Composite>::Instance;
+  return &LeafState<CRfidHsm, Id, Composite>::kInstance;
 }
 
 // The forms that an action can take: an action of the interface, one that is given the event, a callback, a

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* ClassName = "CRfidHsmActionHandler";
+constexpr const char* kClassName = "CRfidHsmActionHandler";
 
 std::string ToUpper(std::string text) {
   for (auto& character : text) {
@@ -37,10 +37,10 @@ std::shared_ptr<CDiagnosticsSignal<std::string>> MakeSignal(
 CRfidHsmActionHandler::CRfidHsmActionHandler(std::shared_ptr<CRfidReader> reader,
                                              std::shared_ptr<CRfidConfig> config,
                                              std::shared_ptr<IFeedback> feedback)
-    : mRfidStateSignal(MakeSignal(SignalCatalogue::RfidState)),
-      mLastUidSignal(MakeSignal(SignalCatalogue::RfidLastUid)),
-      mLastTechnologySignal(MakeSignal(SignalCatalogue::RfidLastTechnology)),
-      mUserInteractionSignal(MakeSignal(SignalCatalogue::UserInteraction)),
+    : mRfidStateSignal(MakeSignal(SignalCatalogue::kRfidState)),
+      mLastUidSignal(MakeSignal(SignalCatalogue::kRfidLastUid)),
+      mLastTechnologySignal(MakeSignal(SignalCatalogue::kRfidLastTechnology)),
+      mUserInteractionSignal(MakeSignal(SignalCatalogue::kUserInteraction)),
       mRfidReader(std::move(reader)),
       mRfidConfig(std::move(config)),
       mFeedback(std::move(feedback)),
@@ -58,22 +58,22 @@ CRfidHsmActionHandler::~CRfidHsmActionHandler() {
 // ------------------------------------------------------------------------------------
 
 void CRfidHsmActionHandler::IntInitialize() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   Drive("Failed to initialze NFC controller.", "Ready", [this] { InitializeReader(); });
 }
 
 void CRfidHsmActionHandler::IntDeinitialize() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   Drive("Failed to deinitialize NFC controller.", "Uninitialized", [this] { mRfidReader->Deinitialize(); });
 }
 
 void CRfidHsmActionHandler::IntStartPolling() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   Drive("Failed to start polling.", "Polling", [this] { mRfidReader->StartPolling(); });
 }
 
 void CRfidHsmActionHandler::IntStopPolling() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   Drive("Failed to stop polling.", "Ready", [this] { mRfidReader->StopPolling(); });
 }
 
@@ -126,7 +126,7 @@ std::optional<CRfidError> CRfidHsmActionHandler::GetLastError() const {
 }
 
 void CRfidHsmActionHandler::IntProcessError() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const auto error = GetLastError();
   if (!error) {
     return;
@@ -141,7 +141,7 @@ void CRfidHsmActionHandler::IntProcessError() {
 }
 
 void CRfidHsmActionHandler::IntAttemptRecovery() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   if (const auto error = GetLastError()) {
     LOG_WARNING("Attempting recovery from error {}: {}.", error->what(), nl_geterror(error->GetErrorCode()));
   } else {
@@ -211,13 +211,13 @@ void CRfidHsmActionHandler::IntInjectToken(const std::shared_ptr<ExtOnInjectToke
 }
 
 void CRfidHsmActionHandler::IntEnableLearningTask(const std::shared_ptr<ExtOnEnableLearning>& event) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   LOG_INFO("IntEnableLearningTask: {}", event->GetPayload());
   mLearningEnabled = event->GetPayload();
 }
 
 void CRfidHsmActionHandler::IntAuthenticateToken(const std::shared_ptr<IntOnAuthTokenFound>& event) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const auto& uid = event->GetPayload();
   try {
     if (!mRfidConfig->GetAuthorizationEnabled()) {
@@ -239,7 +239,7 @@ void CRfidHsmActionHandler::IntAuthenticateToken(const std::shared_ptr<IntOnAuth
 }
 
 void CRfidHsmActionHandler::TriggerFeedback(ipc::ERfidAuthState state) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const char* text = ERfidAuthStateToString(state);
   LOG_DEBUG("Triggering Feedback with '{}' ({})", text, static_cast<int>(state));
   if (state == ipc::ERfidUidInStandAloneList) {
@@ -253,7 +253,7 @@ void CRfidHsmActionHandler::TriggerFeedback(ipc::ERfidAuthState state) {
 
 /// Whatever becomes of the feedback, the token goes on.
 void CRfidHsmActionHandler::TriggerFeedbackEventCall(ipc::EFbEventType type) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   try {
     ipc::MFbEventType event;
     event.set_type(type);
@@ -267,6 +267,6 @@ void CRfidHsmActionHandler::TriggerFeedbackEventCall(ipc::EFbEventType type) {
 
 void CRfidHsmActionHandler::UpdateDiagSignal(const std::shared_ptr<Signal>& signal,
                                              const std::string& value) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   signal->Send(value);
 }

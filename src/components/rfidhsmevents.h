@@ -9,7 +9,7 @@
 
 /// Marks the events of the RFID machine and names them, by number.
 struct CRfidHsmTag {
-  static constexpr std::array<std::string_view, 18> EventNames{
+  static constexpr std::array<std::string_view, 18> kEventNames{
       "ExtDisableReq",
       "ExtEnableReq",
       "ExtError",

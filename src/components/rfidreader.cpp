@@ -6,14 +6,14 @@
 
 namespace {
 
-constexpr const char* ClassName = "CRfidReader";
-constexpr size_t LeastDigits = 8;
-constexpr size_t MostDigits = 16;
-constexpr std::chrono::nanoseconds RecentTagTimeout = std::chrono::seconds(2);
+constexpr const char* kClassName = "CRfidReader";
+constexpr size_t kLeastDigits = 8;
+constexpr size_t kMostDigits = 16;
+constexpr std::chrono::nanoseconds kRecentTagTimeout = std::chrono::seconds(2);
 
 bool IsValidUid(const std::string& uid) {
   bool valid = true;
-  if (uid.size() < LeastDigits || uid.size() > MostDigits) {
+  if (uid.size() < kLeastDigits || uid.size() > kMostDigits) {
     LOG_WARNING("UID must be between 4 and 8 bytes.");
     valid = false;
   }
@@ -27,16 +27,16 @@ bool IsValidUid(const std::string& uid) {
 }  // namespace
 
 CRfidReader::CRfidReader(std::shared_ptr<INfcNetlink> nfcNetlink) : mNfcNetlink(std::move(nfcNetlink)) {
-  LOG_TRACE("{}::{}", ClassName, "CRfidReader");
+  LOG_TRACE("{}::{}", kClassName, "CRfidReader");
 }
 
 void CRfidReader::SetErrorCallback(INfcNetlink::ErrorCallback onError) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   mNfcNetlink->SetErrorCallback(std::move(onError));
 }
 
 void CRfidReader::Initialize(TokenCallback onToken) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   {
     const std::lock_guard sighting(mSightingMutex);
     mTokenCallback = std::move(onToken);
@@ -45,20 +45,20 @@ void CRfidReader::Initialize(TokenCallback onToken) {
 }
 
 void CRfidReader::Deinitialize() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   LOG_DEBUG("Deinitializing RFID reader.");
   mNfcNetlink->DeinitializeController();
 }
 
 void CRfidReader::StartPolling() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   LOG_DEBUG("Starting polling.");
   ForgetTags();  // a find that met the last StopPolling was handled after it; its tag may still lie there
   mNfcNetlink->StartPolling();
 }
 
 void CRfidReader::StopPolling() {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   LOG_DEBUG("Stopping polling.");
   ForgetTags();
   mNfcNetlink->StopPolling();
@@ -71,17 +71,17 @@ void CRfidReader::ForgetTags() {
 }
 
 void CRfidReader::UpdateRecentTags(TimePoint now) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const std::lock_guard lock(mRecentTagsMutex);
   if (mRecentTags.empty()) {
     return;
   }
   LOG_DEBUG("Cleansing previously swiped tags when their last time seen exceeds the timeout.");
-  std::erase_if(mRecentTags, [now](const auto& entry) { return now - entry.second > RecentTagTimeout; });
+  std::erase_if(mRecentTags, [now](const auto& entry) { return now - entry.second > kRecentTagTimeout; });
 }
 
 void CRfidReader::ValidateTokenAndNotify(const CToken& token) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const std::lock_guard sighting(mSightingMutex);  // before the clock is read: the wait for it can be seconds
   HandleSighting(token, std::chrono::steady_clock::now());
   // The callback can take seconds, in which nobody can see the card: it may have been there all the time.
@@ -92,7 +92,7 @@ void CRfidReader::ValidateTokenAndNotify(const CToken& token) {
 }
 
 void CRfidReader::ValidateTokenAndNotify(const CToken& token, TimePoint now) {
-  LOG_TRACE("{}::{}", ClassName, __func__);
+  LOG_TRACE("{}::{}", kClassName, __func__);
   const std::lock_guard sighting(mSightingMutex);
   HandleSighting(token, now);
 }

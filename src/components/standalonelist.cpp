@@ -1,10 +1,10 @@
 #include "src/components/standalonelist.h"
 
 void CStandaloneList::Add(const Json::Value& element) {
-  static constexpr const char* uidKey = "RfidTokenUid";
-  if (!element.isObject() || !element.isMember(uidKey)) {
+  static constexpr const char* kUidKey = "RfidTokenUid";
+  if (!element.isObject() || !element.isMember(kUidKey)) {
     mFaults.push_back(EFault::NoUid);
-  } else if (const auto& uid = element[uidKey]; !uid.isConvertibleTo(Json::stringValue)) {
+  } else if (const auto& uid = element[kUidKey]; !uid.isConvertibleTo(Json::stringValue)) {
     mFaults.push_back(EFault::NoText);
   } else {
     mPermitted.try_emplace(uid.asString(), mFaults.size());

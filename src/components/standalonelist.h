@@ -27,12 +27,12 @@ class CStandaloneList {
   template <typename Config>
   explicit CStandaloneList(const Config& config) {
     const auto add = [this](const Json::Value& element) { Add(element); };
-    if constexpr (requires { config.ForEachElement(cKey, add); }) {
-      if (config.ForEachElement(cKey, add)) {
+    if constexpr (requires { config.ForEachElement(kKey, add); }) {
+      if (config.ForEachElement(kKey, add)) {
         return;
       }
     }
-    const Json::Value list = config.GetValue(cKey, Json::Value());
+    const Json::Value list = config.GetValue(kKey, Json::Value());
     mIsList = list.isNull() || list.isArray();
     if (list.isArray()) {
       for (const Json::Value& element : list) {
@@ -48,7 +48,7 @@ class CStandaloneList {
   CAnswer Find(const std::string& uid) const;
 
  private:
-  static constexpr const char* cKey = "Tokens";
+  static constexpr const char* kKey = "Tokens";
 
   void Add(const Json::Value& element);
 

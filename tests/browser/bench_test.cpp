@@ -9,11 +9,11 @@ using ::testing::HasSubstr;
 
 namespace {
 
-const std::string cKnownCard = R"([data-uid="04A12B5C"])";
-const std::string cUnknownCard = R"([data-uid="5A3C91F0"])";
+const std::string kKnownCard = R"([data-uid="04A12B5C"])";
+const std::string kUnknownCard = R"([data-uid="5A3C91F0"])";
 
 /// Lamp, display and the diagram's state show some things for seconds only.
-const std::string cKeepWhatIsShown = R"(
+const std::string kKeepWhatIsShown = R"(
   window.shown = new Set();
   const keep = () => {
     shown.add('lamp ' + document.getElementById('post').dataset.lamp);
@@ -34,7 +34,7 @@ class BenchPage : public DaemonTest {
     mBrowser = std::make_unique<Browser>(mRoot);
     mBrowser->Open(mUrl);
     ASSERT_TRUE(mBrowser->Run("return document.readyState").isString());
-    mBrowser->Run(cKeepWhatIsShown);
+    mBrowser->Run(kKeepWhatIsShown);
     ASSERT_TRUE(IsIn("Uninitialized")) << mBrowser->Text("body");
   }
 
@@ -110,14 +110,14 @@ TEST_F(BenchPage, ACardThatIsTappedShowsItsOutcomeToDriverAndEngineer) {
               HasSubstr("Disabled → ExtEnableReq → Enabling → IntEnablingDone → Enabled"));
   EXPECT_EQ(mBrowser->Run("return document.querySelectorAll('.edge.last').length"), 2);
 
-  EXPECT_TRUE(ClickBrings(cKnownCard, "04A12B5C: accepted")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: accepted")) << mBrowser->Text("#outcome");
   EXPECT_TRUE(Eventually([&] { return HasShown("lamp accepted") && HasShown("display Welcome!"); }));
   EXPECT_TRUE(ComesToShow("#timeline li:first-child [data-outcome=accepted]"));
   EXPECT_TRUE(ComesToSay("[data-signal='101'] dd", "04A12B5C"));
   EXPECT_TRUE(ComesToSay("#log", "Found Match!"));
   EXPECT_TRUE(ComesToSay("#alive-text", "alive "));
 
-  EXPECT_TRUE(Brings([this] { mBrowser->Type(cUnknownCard, "\uE007"); },
+  EXPECT_TRUE(Brings([this] { mBrowser->Type(kUnknownCard, "\uE007"); },
                      [this] { return Says("#outcome", "5A3C91F0: rejected"); }))
       << mBrowser->Text("#outcome");
   EXPECT_TRUE(Eventually([&] { return HasShown("lamp rejected"); }));
@@ -137,13 +137,13 @@ TEST_F(BenchPage, TheSwitchesAndTheReaderDoWhatTheySay) {
   Enable();
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToShow("#learning[aria-checked=true]"));
-  EXPECT_TRUE(ClickBrings(cUnknownCard, "5A3C91F0: learned")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kUnknownCard, "5A3C91F0: learned")) << mBrowser->Text("#outcome");
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToShow("#learning[aria-checked=false]"));
 
   mBrowser->Click("#ocpp");
   EXPECT_TRUE(ComesToShow("#ocpp[aria-checked=true]"));
-  EXPECT_TRUE(ClickBrings(cKnownCard, "04A12B5C: deferred")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: deferred")) << mBrowser->Text("#outcome");
   mBrowser->Click("#free");
   EXPECT_TRUE(ComesToShow("#free[aria-checked=true]"));
   mBrowser->Type("#uid", "\uE007");  // as it stands there, injected
@@ -168,13 +168,13 @@ TEST_F(BenchPage, ADaemonThatIsKilledIsMissedAndFoundAgain) {
   EXPECT_TRUE(ComesToShow("#banner"));
   EXPECT_THAT(mBrowser->Text("#banner"), HasSubstr("The daemon is gone"));
   EXPECT_TRUE(IsIn(""));
-  EXPECT_TRUE(ClickBrings(cKnownCard, "04A12B5C: no answer")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: no answer")) << mBrowser->Text("#outcome");
 
   StartRfidd();
   EXPECT_TRUE(IsIn("Uninitialized"));
   EXPECT_TRUE(Eventually([&] { return !mBrowser->Shows("#banner"); })) << mBrowser->Text("#banner");
   Enable();
-  EXPECT_TRUE(ClickBrings(cKnownCard, "04A12B5C: accepted")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: accepted")) << mBrowser->Text("#outcome");
 }
 
 TEST_F(BenchPage, ABenchThatEndsIsMissedAndFoundAgain) {

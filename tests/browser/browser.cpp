@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char* cElementKey = "element-6066-11e4-a52e-4f735466cecf";
+constexpr const char* kElementKey = "element-6066-11e4-a52e-4f735466cecf";
 
 std::string ToText(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
@@ -98,12 +98,12 @@ Json::Value Browser::Element(const std::string& selector) {
 }
 
 void Browser::Click(const std::string& selector) {
-  Ask("POST", "/session/" + mSession + "/element/" + Element(selector)[cElementKey].asString() + "/click",
+  Ask("POST", "/session/" + mSession + "/element/" + Element(selector)[kElementKey].asString() + "/click",
       Json::Value(Json::objectValue));
 }
 
 void Browser::Type(const std::string& selector, const std::string& keys) {
-  Ask("POST", "/session/" + mSession + "/element/" + Element(selector)[cElementKey].asString() + "/value",
+  Ask("POST", "/session/" + mSession + "/element/" + Element(selector)[kElementKey].asString() + "/value",
       Object("text", keys));
 }
 

@@ -76,7 +76,7 @@ class NfcNetlink : public ::testing::Test {
   }
   std::vector<std::string> WaitFor(size_t count) {
     std::unique_lock lock(mMutex);
-    mArrived.wait_for(lock, handover::Patience, [&] { return mReported.size() >= count; });
+    mArrived.wait_for(lock, handover::kPatience, [&] { return mReported.size() >= count; });
     return mReported;
   }
   bool WaitForPolling() {
@@ -912,7 +912,7 @@ TEST_F(NfcNetlinkFast, TenThousandCardsAndAThousandOpeningsLeaveNothingBehind) {
       mKernel->PresentTag(MakeTag(TagKind::Mifare, fmt::format("{:08X}", ++cards)));
       const std::string wanted = fmt::format("MIFARE {:08X}", cards);
       std::unique_lock lock(mMutex);
-      ASSERT_TRUE(mArrived.wait_for(lock, handover::Patience, [&] {
+      ASSERT_TRUE(mArrived.wait_for(lock, handover::kPatience, [&] {
         return !mReported.empty() && mReported.back() == wanted;
       })) << wanted;
     }

@@ -52,16 +52,16 @@ TEST_F(NlExchange, TellsHowItEnded) {
     int valid;
   };
   for (const auto& c : {
-           Case{"", NfcRequests::DeviceUp, EEnd::Answered, 0, 0},
-           Case{"", NfcRequests::DeviceUp, EEnd::Refused, EALREADY, 0},
-           Case{"", NfcRequests::GetDevice, EEnd::Answered, 0, 1},
-           Case{"", NfcRequests::StopPoll, EEnd::Refused, EINVAL, 0},
-           Case{"GET_DEVICE duplicate", NfcRequests::GetDevice, EEnd::Answered, 0, 2},
-           Case{"DEV_DOWN errno=512", NfcRequests::DeviceDown, EEnd::Refused, 512, 0},
-           Case{"DEV_DOWN drop", NfcRequests::DeviceDown, EEnd::NotAnswered, NLE_AGAIN, 0},
-           Case{"GET_DEVICE no-done", NfcRequests::GetDevice, EEnd::NotAnswered, NLE_AGAIN, 1},
-           Case{"GET_DEVICE interrupted", NfcRequests::GetDevice, EEnd::NotAnswered, NLE_DUMP_INTR, 1},
-           Case{"DEV_DOWN overrun", NfcRequests::DeviceDown, EEnd::NotAnswered, NLE_NOMEM, 0},
+           Case{"", NfcRequests::kDeviceUp, EEnd::Answered, 0, 0},
+           Case{"", NfcRequests::kDeviceUp, EEnd::Refused, EALREADY, 0},
+           Case{"", NfcRequests::kGetDevice, EEnd::Answered, 0, 1},
+           Case{"", NfcRequests::kStopPoll, EEnd::Refused, EINVAL, 0},
+           Case{"GET_DEVICE duplicate", NfcRequests::kGetDevice, EEnd::Answered, 0, 2},
+           Case{"DEV_DOWN errno=512", NfcRequests::kDeviceDown, EEnd::Refused, 512, 0},
+           Case{"DEV_DOWN drop", NfcRequests::kDeviceDown, EEnd::NotAnswered, NLE_AGAIN, 0},
+           Case{"GET_DEVICE no-done", NfcRequests::kGetDevice, EEnd::NotAnswered, NLE_AGAIN, 1},
+           Case{"GET_DEVICE interrupted", NfcRequests::kGetDevice, EEnd::NotAnswered, NLE_DUMP_INTR, 1},
+           Case{"DEV_DOWN overrun", NfcRequests::kDeviceDown, EEnd::NotAnswered, NLE_NOMEM, 0},
        }) {
     SCOPED_TRACE(c.rule);
     mKernel.ClearRules();
@@ -79,16 +79,16 @@ TEST_F(NlExchange, TakesOnlyTheAnswerToItsRequest) {
   for (const auto* rule : {"GET_DEVICE times=1 seq=4711", "GET_DEVICE times=1 sender=4711"}) {
     SCOPED_TRACE(rule);
     mKernel.AddRule(rule);
-    const auto result = Run(NfcRequests::GetDevice);
+    const auto result = Run(NfcRequests::kGetDevice);
     EXPECT_EQ(result.end, EEnd::NotAnswered);
     EXPECT_EQ(mValid, 0) << "not even a part of it";
     EXPECT_GT(result.skipped, 0U);
-    EXPECT_EQ(Run(NfcRequests::GetDevice).end, EEnd::Answered);
+    EXPECT_EQ(Run(NfcRequests::kGetDevice).end, EEnd::Answered);
   }
 }
 
 TEST_F(NlExchange, ASocketThatIsGoneSendsNothing) {
   mKernel.AddRule("GET_DEVICE close");
-  Run(NfcRequests::GetDevice);
-  EXPECT_EQ(Run(NfcRequests::GetDevice).end, EEnd::NotSent);
+  Run(NfcRequests::kGetDevice);
+  EXPECT_EQ(Run(NfcRequests::kGetDevice).end, EEnd::NotSent);
 }

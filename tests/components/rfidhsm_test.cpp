@@ -207,7 +207,7 @@ std::vector<std::string> States() {
 }
 
 std::vector<std::string> Events() {
-  return {CRfidHsmTag::EventNames.begin(), CRfidHsmTag::EventNames.end()};
+  return {CRfidHsmTag::kEventNames.begin(), CRfidHsmTag::kEventNames.end()};
 }
 
 }  // namespace

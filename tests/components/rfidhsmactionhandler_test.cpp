@@ -360,7 +360,7 @@ TEST_F(ActionHandler, ASimulatedSwipeGoesTheWayOfACard) {
   const auto start = std::chrono::steady_clock::now();
   mHandler.IntInjectToken(std::make_shared<ExtOnInjectToken>("04a1b2c3"));
   // It stays, by its times, so that a swipe that comes late is a repeat, too.
-  for (auto at = start; at < start + handover::Patience; at += std::chrono::seconds(2)) {
+  for (auto at = start; at < start + handover::kPatience; at += std::chrono::seconds(2)) {
     mReader->ValidateTokenAndNotify({"04a1b2c3", "MIFARE"}, at);
   }
   mHandler.IntInjectToken(std::make_shared<ExtOnInjectToken>("04a1b2c3"));

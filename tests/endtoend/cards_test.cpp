@@ -40,9 +40,9 @@ TEST_F(Cards, ACardInTheListIsAcceptedOnceForAsLongAsItStays) {
     EXPECT_TRUE(IsShown(ipc::ESignalRfidLastUid, "04A12B5C"));
     EXPECT_TRUE(IsShown(ipc::ESignalRfidLastTechnology, "MIFARE"));
     EXPECT_TRUE(mKernel->WaitFor(
-        [&](const Status& status) { return status.Device().targetsFound >= found + 10; }, LongestWait));
+        [&](const Status& status) { return status.Device().targetsFound >= found + 10; }, kLongestWait));
     mKernel->RemoveTags();
-    EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.Device().polling; }, LongestWait));
+    EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.Device().polling; }, kLongestWait));
     EXPECT_EQ(mSupervisor->Inject("11223344"), "Ok");  // comes after all that the card brought
     ASSERT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
     if (mSupervisor->Notified().size() == 2) {

@@ -9,14 +9,14 @@
 
 // A sanitizer has memory of its own, and is slow.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool IsSanitized = true;
+constexpr bool kIsSanitized = true;
 #else
-constexpr bool IsSanitized = false;
+constexpr bool kIsSanitized = false;
 #endif
 
 /// How many threads the RPC library may keep after traffic. How many it does depends on how the machine
 /// stalls.
-constexpr size_t SpareThreads = 32;
+constexpr size_t kSpareThreads = 32;
 
 /// A station of its own for each test. A daemon that still runs at the end is ended in an orderly way: that
 /// is when the leak checker reports, and when lines are counted.

@@ -14,7 +14,7 @@ using ::testing::Le;
 
 namespace {
 
-constexpr size_t LargestLine = 4500;  // the cut text, and the time and the source position before it
+constexpr size_t kLargestLine = 4500;  // the cut text, and the time and the source position before it
 
 /// A client that keeps a stream of tokens open and reads only when it is told to.
 class Subscriber {
@@ -69,7 +69,7 @@ class Doors : public DaemonTest {
   }
 };
 
-/// Requests that all wait for their answers at the same time.
+/// kRequests that all wait for their answers at the same time.
 class Flood {
  public:
   explicit Flood(ipc::Rfid::Stub& stub) : mStub(stub) {}
@@ -120,13 +120,13 @@ TEST_F(Doors, WhatIsTooLargeOrNoTextIsRefusedAndWhatIsOddReachesTheLogCutAndEsca
     const auto byte = static_cast<unsigned char>(character);
     return (byte < 0x20 && character != '\n') || byte > 0x7F;
   }));
-  EXPECT_THAT(LineLengths(), Each(Le(LargestLine)));
+  EXPECT_THAT(LineLengths(), Each(Le(kLargestLine)));
   EXPECT_EQ(mSupervisor->Inject("04A1B2C3"), "Ok");
   EXPECT_TRUE(mSupervisor->WaitFor("token 04A1B2C3 ERfidUidNotInList"));
 }
 
 TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
-  constexpr size_t Requests = IsSanitized ? 1000 : 10000;
+  constexpr size_t kRequests = kIsSanitized ? 1000 : 10000;
   StartDaemon({});
   EnableDaemon();
   const auto stub = Stub();
@@ -135,9 +135,9 @@ TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
   const size_t memory = mDaemon->Memory("VmHWM");
   size_t mostThreads = 0;
   Flood flood(*stub);
-  for (size_t i = 0; i < Requests; ++i) {
+  for (size_t i = 0; i < kRequests; ++i) {
     flood.Inject(fmt::format("04{:06X}", i));
-    if (i == Requests / 2) {
+    if (i == kRequests / 2) {
       EXPECT_EQ(mSupervisor->Enable(), "Ok");
       mostThreads = mDaemon->Threads();
     }
@@ -145,14 +145,14 @@ TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
   auto answers = flood.Answers();
   EXPECT_GT(answers[grpc::StatusCode::OK], 0U);
   EXPECT_GT(answers[grpc::StatusCode::RESOURCE_EXHAUSTED], 0U);
-  EXPECT_EQ(answers[grpc::StatusCode::OK] + answers[grpc::StatusCode::RESOURCE_EXHAUSTED], Requests);
+  EXPECT_EQ(answers[grpc::StatusCode::OK] + answers[grpc::StatusCode::RESOURCE_EXHAUSTED], kRequests);
   printf("flood: %zu taken, %zu refused; memory %zu KiB, before %zu KiB; threads %zu, before %zu\n",
          answers[grpc::StatusCode::OK], answers[grpc::StatusCode::RESOURCE_EXHAUSTED],
          mDaemon->Memory("VmHWM"), memory, mostThreads, threads);
-  if (!IsSanitized) {
+  if (!kIsSanitized) {
     EXPECT_LE(mDaemon->Memory("VmHWM"), memory + 16 * 1024);
   }
-  EXPECT_LE(std::max(mostThreads, mDaemon->Threads()), threads + SpareThreads);
+  EXPECT_LE(std::max(mostThreads, mDaemon->Threads()), threads + kSpareThreads);
   EXPECT_TRUE(mSupervisor->WaitFor("Enabled"));
   Tap("11223344");
   EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
@@ -183,12 +183,12 @@ TEST_F(Doors, ASubscriberThatNeverReadsIsEndedAndTheOthersGoOn) {
 }
 
 TEST_F(Doors, EverySubscriberThatThereIsRoomForGetsATokenAndTheNextIsRefused) {
-  constexpr size_t Room = 256 - 2;  // two streams are the supervisor's
+  constexpr size_t kRoom = 256 - 2;  // two streams are the supervisor's
   StartDaemon({});
   EnableDaemon();
   const size_t threads = mDaemon->Threads();
   std::vector<std::unique_ptr<Subscriber>> subscribers;
-  while (subscribers.size() < Room) {
+  while (subscribers.size() < kRoom) {
     subscribers.push_back(std::make_unique<Subscriber>(Stub()));
   }
   EXPECT_EQ(Subscriber(Stub()).End(), grpc::StatusCode::RESOURCE_EXHAUSTED);
@@ -196,7 +196,7 @@ TEST_F(Doors, EverySubscriberThatThereIsRoomForGetsATokenAndTheNextIsRefused) {
   for (const auto& subscriber : subscribers) {
     EXPECT_EQ(subscriber->Next(), "04A1B2C3");
   }
-  EXPECT_LE(mDaemon->Threads(), threads + SpareThreads);
+  EXPECT_LE(mDaemon->Threads(), threads + kSpareThreads);
   EXPECT_EQ(Interrupt(), "exit 0");
   for (const auto& subscriber : subscribers) {
     EXPECT_EQ(subscriber->End(), grpc::StatusCode::UNAVAILABLE);

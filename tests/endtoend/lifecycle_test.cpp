@@ -98,8 +98,8 @@ TEST_F(Lifecycle, AThousandCyclesLeaveNothingBehind) {
     }
   }
   EXPECT_LE(mDaemon->OpenDescriptors(), descriptors + 8);  // a connection may have been made anew just then
-  if (!IsSanitized) {
+  if (!kIsSanitized) {
     EXPECT_LE(mDaemon->Memory("VmRSS"), memory + 4 * 1024);
   }
-  EXPECT_LE(mDaemon->Threads(), threads + SpareThreads);
+  EXPECT_LE(mDaemon->Threads(), threads + kSpareThreads);
 }

@@ -88,7 +88,7 @@ TEST_F(Peers, ACardThatIsHeldWhileOneNeverAnswersIsNotifiedOnce) {
     const auto before = std::chrono::steady_clock::now();
     EXPECT_TRUE(mKernel->WaitFor(
         [&](const virtualnfc::Status& status) { return status.Events(NFC_EVENT_TARGETS_FOUND) >= found; },
-        LongestWait));
+        kLongestWait));
     unseen = std::max(unseen, std::chrono::steady_clock::now() - before);
   }
   mKernel->RemoveTags();

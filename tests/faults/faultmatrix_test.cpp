@@ -34,7 +34,7 @@ class Leftovers {
   ~Leftovers() {
     EXPECT_EQ(CountInterposedSockets(), 0);
     // A thread that was joined is listed for a moment longer.
-    const auto end = std::chrono::steady_clock::now() + Station::Bound;
+    const auto end = std::chrono::steady_clock::now() + Station::kBound;
     while (CountEntries("/proc/self/fd") > mDescriptors || CountEntries("/proc/self/task") > mThreads) {
       if (std::chrono::steady_clock::now() > end) {
         ADD_FAILURE() << "descriptors or threads are left over";
@@ -77,8 +77,8 @@ class Cell {
     };
     const auto before = had(mStation.mKernel.GetStatus());
     mCard = mStation.Tap();
-    EXPECT_TRUE(
-        mStation.mKernel.WaitFor([&](const Status& status) { return had(status) > before; }, Station::Bound));
+    EXPECT_TRUE(mStation.mKernel.WaitFor([&](const Status& status) { return had(status) > before; },
+                                         Station::kBound));
   }
   void LoseEvents() {
     mStation.mKernel.OverrunEvents();
@@ -119,7 +119,7 @@ class Cell {
   /// Whether it reads two cards, or ends in another state than Enabled.
   bool GoesOnReading(State& state) {
     for (int cards = 0; cards < 2 && state == State::Enabled; ++cards) {
-      if (!mStation.ReadsCardOrTells(Station::Bound)) {
+      if (!mStation.ReadsCardOrTells(Station::kBound)) {
         return false;
       }
       state = mStation.Settle();
@@ -148,7 +148,7 @@ void PrintTo(const Phase& phase, std::ostream* out) {
   *out << phase.name;
 }
 
-const Phase Phases[] = {
+const Phase kPhases[] = {
     {"Enabling",
      false,
      false,
@@ -207,10 +207,10 @@ const Phase Phases[] = {
       {"START_POLL (the second)", "START_POLL nth=2", NFC_CMD_START_POLL}}},
 };
 
-constexpr std::chrono::milliseconds Watchful = 300ms;
-constexpr std::chrono::milliseconds Unwatched = 1h;
+constexpr std::chrono::milliseconds kWatchful = 300ms;
+constexpr std::chrono::milliseconds kUnwatched = 1h;
 
-constexpr const char* Faults[] = {
+constexpr const char* kFaults[] = {
     "errno=EPERM",    "errno=EIO", "errno=EBUSY", "errno=ENODEV", "errno=EINVAL",   "errno=ETIMEDOUT",
     "errno=EALREADY", "errno=512", "delay=100",   "drop",         "truncate=0",     "truncate=19",
     "truncate=35",    "garble",    "garble=long", "garble=short", "garble=missing", "garble=twice",
@@ -239,7 +239,7 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
 
   SCOPED_TRACE(fmt::format("{}: {}, {}", phase.name, exchange.name, fault));
   const Leftovers leftovers;
-  Cell cell(isWatched ? Watchful : Unwatched);
+  Cell cell(isWatched ? kWatchful : kUnwatched);
   if (fault == "close") {
     // The simulated kernel takes a minute to end the poll of a closed socket, and is busy for others until
     // then.
@@ -302,7 +302,7 @@ TEST_P(FaultMatrix, LeavesTheDaemonReadingCardsOrTheSupervisorTold) {
     line += "---|";
   }
   table += "\n" + line + "\n";
-  for (const auto* fault : Faults) {
+  for (const auto* fault : kFaults) {
     std::string row = fmt::format("| {} |", fault);
     for (const auto& exchange : phase.exchanges) {
       row += fmt::format(" {} |", Try(phase, exchange, fault));
@@ -313,13 +313,13 @@ TEST_P(FaultMatrix, LeavesTheDaemonReadingCardsOrTheSupervisorTold) {
   Document(table);
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, FaultMatrix, ::testing::ValuesIn(Phases), [](const auto& one) {
+INSTANTIATE_TEST_SUITE_P(Every, FaultMatrix, ::testing::ValuesIn(kPhases), [](const auto& one) {
   std::string name = one.param.name;
   std::erase(name, ' ');
   return name;
 });
 
-TEST(Faults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
+TEST(kFaults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
   struct Event {
     const char* name;
     std::chrono::milliseconds watchPeriod;
@@ -327,35 +327,35 @@ TEST(Faults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
   };
   std::string table = "\n## Polling, no card is there\n\n| fault | |\n|---|---|\n";
   for (const auto& event : {
-           Event{"events lost (ENOBUFS)", Unwatched, [](Cell& cell) { cell.LoseEvents(); }},
-           Event{"an event that names no device", Unwatched,
+           Event{"events lost (ENOBUFS)", kUnwatched, [](Cell& cell) { cell.LoseEvents(); }},
+           Event{"an event that names no device", kUnwatched,
                  [](Cell& cell) {
                    cell.mStation.mKernel.SendRawEvent(
                        MessageBuilder(20, 0, 0, 0).Genl(NFC_EVENT_TARGETS_FOUND, 1).Finish());
                    cell.AwaitTold();
                  }},
-           Event{"unplug", Unwatched,
+           Event{"unplug", kUnwatched,
                  [](Cell& cell) {
                    cell.mStation.mKernel.Unplug();
                    cell.AwaitTold();
                  }},
-           Event{"unplug and plug in again, the event is lost", Watchful,
+           Event{"unplug and plug in again, the event is lost", kWatchful,
                  [](Cell& cell) {
                    cell.mStation.mKernel.AddRule("DEVICE_REMOVED drop");
                    cell.mStation.mKernel.Unplug();
                    cell.mStation.Repair();
                    cell.AwaitTold();
                  }},
-           Event{"unplug, disable", Unwatched,
+           Event{"unplug, disable", kUnwatched,
                  [](Cell& cell) {
                    cell.mStation.mKernel.Unplug();
                    cell.mStation.Disable();
                  }},
-           Event{"a transfer to the reader fails", Watchful,
+           Event{"a transfer to the reader fails", kWatchful,
                  [](Cell& cell) { cell.mStation.mKernel.KillPoll(); }},
-           Event{"kernel and reader disagree", Watchful,
+           Event{"kernel and reader disagree", kWatchful,
                  [](Cell& cell) { cell.mStation.mKernel.SetFault(Fault::OutOfStep); }},
-           Event{"the chip goes on polling after its stop", Watchful,
+           Event{"the chip goes on polling after its stop", kWatchful,
                  [](Cell& cell) { cell.mStation.mKernel.SetFault(Fault::ChipPolls); }},
        }) {
     SCOPED_TRACE(event.name);
@@ -368,16 +368,16 @@ TEST(Faults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
   Document(table);
 }
 
-TEST(Faults, AMessageThatEndsAtAnyLengthLeavesTheDaemonReadingCardsOrTheSupervisorTold) {
-  const auto& enabling = Phases[0];
-  const auto& reading = Phases[1];
+TEST(kFaults, AMessageThatEndsAtAnyLengthLeavesTheDaemonReadingCardsOrTheSupervisorTold) {
+  const auto& enabling = kPhases[0];
+  const auto& reading = kPhases[1];
   Document("\n## Messages cut off at every length\n\n| message | from so many bytes on |\n|---|---|\n" +
            TryLengths(enabling, "find group events", 476, 7) + TryLengths(enabling, "GET_DEVICE", 100) +
            TryLengths(reading, "TARGETS_FOUND", 30) + TryLengths(reading, "GET_TARGET", 100) +
            TryLengths(reading, "START_POLL", 40));
 }
 
-TEST(Faults, AKernelThatAnswersNothingAnyMoreDoesNotKeepTheDaemonFromEnding) {
+TEST(kFaults, AKernelThatAnswersNothingAnyMoreDoesNotKeepTheDaemonFromEnding) {
   for (const auto* command : {"any", "GETFAMILY", "UNSPEC", "START_POLL", "STOP_POLL", "DEV_DOWN"}) {
     for (const bool enabled : {false, true}) {
       SCOPED_TRACE(fmt::format("{} {}", command, enabled));

@@ -15,12 +15,12 @@ using namespace virtualnfc;
 namespace {
 
 /// A card that lies longer than one detection and shorter than two is found once.
-constexpr auto Detection = 20ms;
-constexpr auto Hold = 30ms;
+constexpr auto kDetection = 20ms;
+constexpr auto kHold = 30ms;
 
 VirtualNfcSettings Settings() {
   VirtualNfcSettings settings;
-  settings.detectionDelay = Detection;
+  settings.detectionDelay = kDetection;
   settings.ownerReleaseDelay = 60s;  // within some milliseconds, as the kernel does it, is a matter of luck
   settings.removedListing = 5ms;
   settings.numberRelease = 0ms;
@@ -46,7 +46,7 @@ bool Holds(const List& list, const Value& value, size_t since = 0) {
 
 Station::Station(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
   mReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>(
-      CNfcNetlink::Settings{.answerTimeout = AnswerTimeout, .watchPeriod = watchPeriod}));
+      CNfcNetlink::Settings{.answerTimeout = kAnswerTimeout, .watchPeriod = watchPeriod}));
   mHandler = std::make_shared<CRfidHsmActionHandler>(
       mReader,
       std::make_shared<CRfidConfig>(HubConfig::Create("settings", "/", {}),
@@ -70,7 +70,7 @@ Station::Station(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
 
 Station::~Station() {
   mMachine->PostEvent(std::make_shared<IntTerminate>());
-  if (mRun.wait_for(Bound) != std::future_status::ready) {
+  if (mRun.wait_for(kBound) != std::future_status::ready) {
     Stuck("the machine does not end");
   }
   // As the application does at its end. Until then the kernel has long ended the polls of closed sockets.
@@ -91,7 +91,7 @@ bool Station::Post(Payload... payload) {
   const auto event = std::make_shared<Event>(payload...);
   auto handled = event->mHandled.get_future();
   mMachine->PostEvent(event);
-  if (handled.wait_for(Bound) != std::future_status::ready) {
+  if (handled.wait_for(kBound) != std::future_status::ready) {
     Stuck("the machine does not dispatch");
   }
   return handled.get();
@@ -112,7 +112,7 @@ Station::State Station::Settle() {
     State last{};
     {
       std::unique_lock lock(mMutex);
-      if (!mChanged.wait_for(lock, Bound,
+      if (!mChanged.wait_for(lock, kBound,
                              [this] { return !mTold.empty() && mTold.back() != State::Error; })) {
         Stuck("Error is no state to rest in");
       }
@@ -146,7 +146,7 @@ Tag Station::NextCard() {
 }
 
 std::string Station::Tap() {
-  mKernel.PresentTagFor(NextCard(), Hold);
+  mKernel.PresentTagFor(NextCard(), kHold);
   return mPresented.back();
 }
 
@@ -177,7 +177,7 @@ size_t Station::CountTold() const {
 
 bool Station::WaitForMoreTold(size_t than) const {
   std::unique_lock lock(mMutex);
-  return mChanged.wait_for(lock, Bound, [&] { return mTold.size() > than; });
+  return mChanged.wait_for(lock, kBound, [&] { return mTold.size() > than; });
 }
 
 bool Station::WasTold(State state, size_t since) const {

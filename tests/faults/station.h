@@ -21,9 +21,9 @@ class Station {
   enum class State { Uninitialized, Disabled, Enabled, Error, FatalError };
 
   /// Nothing of the daemon may take longer; generous for a sanitizer on a busy machine.
-  static constexpr std::chrono::milliseconds Bound = std::chrono::seconds(60);
+  static constexpr std::chrono::milliseconds kBound = std::chrono::seconds(60);
   /// The daemon waits that long for an answer that never comes.
-  static constexpr std::chrono::milliseconds AnswerTimeout{50};
+  static constexpr std::chrono::milliseconds kAnswerTimeout{50};
 
   /// `watchPeriod`: for how long the daemon trusts polling that finds nothing.
   explicit Station(std::chrono::milliseconds watchPeriod = std::chrono::hours(1));

@@ -16,11 +16,11 @@ using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
 
 /// Nothing that is waited for takes so long, also on a machine that stalls.
-constexpr Clock::duration Patience = seconds(60);
+constexpr Clock::duration kPatience = seconds(60);
 
 /// Polls a condition that has no event to wait for.
 template <typename Condition>
-bool Eventually(Condition condition, Clock::duration timeout = Patience) {
+bool Eventually(Condition condition, Clock::duration timeout = kPatience) {
   const auto deadline = Clock::now() + timeout;
   while (!condition()) {
     if (Clock::now() > deadline) {
@@ -40,7 +40,7 @@ class Mailbox {
     mValues.push_back(std::move(value));
     mWake.notify_all();
   }
-  std::optional<T> Take(Clock::duration timeout = Patience) {
+  std::optional<T> Take(Clock::duration timeout = kPatience) {
     std::unique_lock<std::mutex> lock(mMutex);
     if (!mWake.wait_for(lock, timeout, [&] { return !mValues.empty(); })) {
       return std::nullopt;
@@ -72,7 +72,7 @@ class Gate {
   }
   bool AwaitWaiting(int count) {
     std::unique_lock<std::mutex> lock(mMutex);
-    return mWake.wait_for(lock, Patience, [&] { return mWaiting >= count; });
+    return mWake.wait_for(lock, kPatience, [&] { return mWaiting >= count; });
   }
 
  private:

@@ -103,8 +103,8 @@ TEST_F(LogWriterTest, ALogThatIsStuckLosesItsOldestLinesAndSaysWhere) {
   ASSERT_EQ(sscanf(next.c_str(), "%d.", &first), 1) << next;
   EXPECT_THAT(first - dropped, testing::AnyOf(0, 1)) << "every line is written or counted";
   const auto kept = static_cast<size_t>(Count - first);
-  EXPECT_GT(kept * padding.size(), cLogBacklog / 4);
-  EXPECT_LT(kept * (padding.size() + sizeof(LogLine)), cLogBacklog);
+  EXPECT_GT(kept * padding.size(), kLogBacklog / 4);
+  EXPECT_LT(kept * (padding.size() + sizeof(LogLine)), kLogBacklog);
   for (int i = first + 1; i < Count; ++i) {
     ASSERT_EQ(mLog.Next(), std::to_string(i) + padding);
   }
@@ -120,7 +120,7 @@ TEST_F(LogWriterTest, LinesThatALogRefusesAreCountedUntilItTakesOneAgain) {
     mWriter.Push(Line("1"));
     EXPECT_EQ(mLog.mRefused.Take(), refused);
   }
-  EXPECT_TRUE(mWriter.Flush(Clock::now() + Patience));
+  EXPECT_TRUE(mWriter.Flush(Clock::now() + kPatience));
   mLog.mRefuses = false;
   mWriter.Push(Line("4"));
   mWriter.Push(Line("5"));
@@ -135,7 +135,7 @@ TEST_F(LogWriterTest, FlushWaitsForTheLineInHandToo) {
   ASSERT_TRUE(mLog.mGate.AwaitWaiting(1));
   EXPECT_FALSE(mWriter.Flush(Clock::now() + milliseconds(1)));
   mLog.mGate.Open();
-  EXPECT_TRUE(mWriter.Flush(Clock::now() + Patience));
+  EXPECT_TRUE(mWriter.Flush(Clock::now() + kPatience));
   EXPECT_EQ(mLog.mTaken.Take(Clock::duration::zero()), "1");
 }
 

@@ -19,7 +19,7 @@ using handover::Eventually;
 using handover::Gate;
 using handover::Mailbox;
 
-constexpr auto cDeadline = handover::Patience;
+constexpr auto kDeadline = handover::kPatience;
 
 }  // namespace
 
@@ -54,7 +54,7 @@ TEST(Worker, MissedPeriodsAreSkipped) {
       },
       first, period);
   worker.Start();
-  ASSERT_EQ(enough.get_future().wait_for(cDeadline), std::future_status::ready);
+  ASSERT_EQ(enough.get_future().wait_for(kDeadline), std::future_status::ready);
   worker.Stop();
   for (std::size_t i = 1; i < times.size(); ++i) {
     EXPECT_NE((times[i] - first) / period, (times[i - 1] - first) / period) << "two calls in one period";
@@ -82,7 +82,7 @@ TEST(Worker, ACallThatThrowsDoesNotEndTheWorker) {
       },
       Clock::now(), 1ms);
   worker.Start();
-  EXPECT_EQ(fourth.get_future().wait_for(cDeadline), std::future_status::ready);
+  EXPECT_EQ(fourth.get_future().wait_for(kDeadline), std::future_status::ready);
   worker.Stop();
   EXPECT_THAT(capture.Texts(Log::ELogLevel::Error),
               testing::ElementsAre("A scheduled call failed: no light",
@@ -111,7 +111,7 @@ TEST(Worker, SyncWaitsForTheCallInProgressAlthoughItWasCancelled) {
   });
   EXPECT_EQ(synced.wait_for(20ms), std::future_status::timeout);
   gate.Open();
-  ASSERT_EQ(synced.wait_for(cDeadline), std::future_status::ready);
+  ASSERT_EQ(synced.wait_for(kDeadline), std::future_status::ready);
   EXPECT_TRUE(synced.get());
 }
 
@@ -159,7 +159,7 @@ TEST(Worker, ACallMayCancelItselfAddOthersAndSync) {
   worker.Start();
   worker.Start();  // does nothing
   auto result = added.get_future();
-  ASSERT_EQ(result.wait_for(cDeadline), std::future_status::ready);
+  ASSERT_EQ(result.wait_for(kDeadline), std::future_status::ready);
   EXPECT_EQ(result.get(), 1);
 }
 
@@ -178,8 +178,8 @@ TEST(Worker, StopEndsSyncsAndForgetsNothingThatMattersToHandles) {
   auto stopped = std::async(std::launch::async, [&] { worker->Stop(); });
   EXPECT_EQ(stopped.wait_for(20ms), std::future_status::timeout) << "the call in progress is waited for";
   gate.Open();
-  EXPECT_EQ(stopped.wait_for(cDeadline), std::future_status::ready);
-  EXPECT_EQ(synced.wait_for(cDeadline), std::future_status::ready);
+  EXPECT_EQ(stopped.wait_for(kDeadline), std::future_status::ready);
+  EXPECT_EQ(synced.wait_for(kDeadline), std::future_status::ready);
 
   worker.reset();
   EXPECT_TRUE(kept.expired());

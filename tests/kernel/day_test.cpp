@@ -18,7 +18,7 @@ using Day = OnBothStacks;
 /// The daemon as it is deployed.
 class WithOneCapability : public KernelTest, public ::testing::WithParamInterface<EStack> {
  protected:
-  static constexpr uid_t cNobody = 65534;
+  static constexpr uid_t kNobody = 65534;
 
   WithOneCapability()
       : KernelTest(GetParam(), {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
@@ -160,9 +160,9 @@ TEST_P(Day, WhileAnotherProgramPollsItSaysSoAndReadsOnceThatHasEnded) {
 TEST_P(WithOneCapability, TheDaemonWorksAsAnotherUser) {
   StartPeers();
   for (const auto& entry : std::filesystem::recursive_directory_iterator(Folder())) {
-    ASSERT_EQ(chown(entry.path().c_str(), cNobody, cNobody), 0) << entry.path();
+    ASSERT_EQ(chown(entry.path().c_str(), kNobody, kNobody), 0) << entry.path();
   }
-  ASSERT_EQ(chown(Folder().c_str(), cNobody, cNobody), 0);
+  ASSERT_EQ(chown(Folder().c_str(), kNobody, kNobody), 0);
   StartEnabled();
   ExpectCardIsRead();
   Disable();

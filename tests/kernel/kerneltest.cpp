@@ -13,13 +13,13 @@
 
 namespace {
 
-constexpr size_t cShownLines = 150;
+constexpr size_t kShownLines = 150;
 
 /// The last lines of a file.
 std::string Tail(const std::string& path) {
   const auto content = ReadFile(path);
   auto begin = content.size();
-  for (size_t line = 0; line <= cShownLines && begin != std::string::npos && begin > 0; ++line) {
+  for (size_t line = 0; line <= kShownLines && begin != std::string::npos && begin > 0; ++line) {
     begin = content.rfind('\n', begin - 1);
   }
   return begin == std::string::npos ? content : content.substr(begin);

@@ -11,7 +11,7 @@
 
 /// A small machine of its own for the engine's tests: a door that is open or closed.
 struct DoorTag {
-  static constexpr std::array<std::string_view, 5> EventNames{"Close", "Knock", "Open", "Ring", "Say"};
+  static constexpr std::array<std::string_view, 5> kEventNames{"Close", "Knock", "Open", "Ring", "Say"};
 };
 using Close = CHsmEvent<DoorTag, 0>;
 using Knock = CHsmEvent<DoorTag, 1>;
@@ -49,11 +49,11 @@ inline const CHsmDefinition<DoorMachine>& CHsmDefinitionOf<DoorHandler>::Get() {
       .name = "Door",
       .initial = 1,
       .reactions = {CHsmOn<DoorMachine, Knock>::Do(knocked), CHsmOn<DoorMachine, Close>::GoTo(1)},
-      .leaves = {{&LeafState<DoorMachine, 1, Door>::Instance,
+      .leaves = {{&LeafState<DoorMachine, 1, Door>::kInstance,
                   "Closed",
                   {enterClosed},
                   {leaveClosed},
                   {CHsmOn<DoorMachine, Open>::GoTo(2), CHsmOn<DoorMachine, Say>::Do(said)}},
-                 {&LeafState<DoorMachine, 2, Door>::Instance, "Open", {enterOpen}, {}, {}}}};
+                 {&LeafState<DoorMachine, 2, Door>::kInstance, "Open", {enterOpen}, {}, {}}}};
   return definition;
 }

@@ -42,7 +42,7 @@ class Handler : public CHsmAlive<AliveActions> {
 
 }  // namespace
 
-static_assert(Handler::AlivePeriod == std::chrono::seconds(4), "what the supervisor relies on");
+static_assert(Handler::kAlivePeriod == std::chrono::seconds(4), "what the supervisor relies on");
 
 TEST(HsmAlive, SendsAtOnceAndThenEveryFourSecondsUntilItIsStopped) {
   Handler handler;
@@ -58,11 +58,11 @@ TEST(HsmAlive, SendsAtOnceAndThenEveryFourSecondsUntilItIsStopped) {
     start = Clock::now();
     handler.IntStartAliveTimer();
     const auto first = handler.mTimes.Take();
-    return first && *first - start < Handler::AlivePeriod;
+    return first && *first - start < Handler::kAlivePeriod;
   }));
   const auto second = handler.mTimes.Take();
   ASSERT_TRUE(second);
-  EXPECT_GE(*second - start, Handler::AlivePeriod);
+  EXPECT_GE(*second - start, Handler::kAlivePeriod);
   stop();
   handler.Sync();
   EXPECT_FALSE(handler.mTimes.Take(Clock::duration::zero()));

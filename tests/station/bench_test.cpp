@@ -13,7 +13,7 @@ using ::testing::ElementsAre;
 
 namespace {
 
-const BenchModel::TimePoint cNow{};
+const BenchModel::TimePoint kNow{};
 
 std::vector<std::string> Outcomes(const BenchModel& model) {
   BenchModel::Cursor cursor;
@@ -81,18 +81,18 @@ class Server : public ::testing::Test {
 
 TEST(BenchModel, EveryCardThatWaitsGetsItsOwnOutcome) {
   BenchModel model;
-  model.OnCardPresented("04a12b5c", "mifare", cNow);
-  model.OnCardPresented("0102030405060708", "felica", cNow);
-  model.OnCardPresented("11223344", "mifare", cNow);
-  model.Withdraw(model.OnCardPresented("55667788", "mifare", cNow));
+  model.OnCardPresented("04a12b5c", "mifare", kNow);
+  model.OnCardPresented("0102030405060708", "felica", kNow);
+  model.OnCardPresented("11223344", "mifare", kNow);
+  model.Withdraw(model.OnCardPresented("55667788", "mifare", kNow));
   Report(model, "", ipc::ERfidUidInvalid);  // a FeliCa card has no UID for the daemon
   Report(model, "04A12B5C", ipc::ERfidUidInStandAloneList);
   Report(model, "99AABBCC", static_cast<ipc::ERfidAuthState>(77));  // of somebody else, by a newer daemon
-  model.GiveUpWaiting(cNow + std::chrono::seconds(5));
+  model.GiveUpWaiting(kNow + std::chrono::seconds(5));
   EXPECT_THAT(Outcomes(model), ElementsAre("04a12b5c accepted", "0102030405060708 invalid",
                                            "11223344 waiting", "99AABBCC state 77"));
-  model.GiveUpWaiting(cNow + std::chrono::seconds(6));
-  model.OnCardPresented("11223344", "mifare", cNow);
+  model.GiveUpWaiting(kNow + std::chrono::seconds(6));
+  model.OnCardPresented("11223344", "mifare", kNow);
   model.OnLearningToken("11223344");
   EXPECT_THAT(Outcomes(model), ElementsAre("04a12b5c accepted", "0102030405060708 invalid",
                                            "11223344 unanswered", "99AABBCC state 77", "11223344 learned"));
@@ -103,7 +103,7 @@ TEST(BenchModel, ACardThatIsOnlyScannedIsAnsweredWhileChargingIsFree) {
   Json::Value settings;
   settings["free"] = true;
   model.SetSettings(settings);
-  model.OnCardPresented("11223344", "mifare", cNow);
+  model.OnCardPresented("11223344", "mifare", kNow);
   model.OnFeedback(ipc::EFbTokenScanned);
   EXPECT_THAT(Outcomes(model), ElementsAre("11223344 free"));
 }
@@ -115,7 +115,7 @@ TEST(BenchModel, TheDaemonIsThereWhileNothingOfItCanBeMissed) {
   EXPECT_FALSE(IsThere(model));
   model.OnStreamOpen(BenchModel::EStream::Cards);
   EXPECT_TRUE(IsThere(model));
-  model.OnCardPresented("11223344", "mifare", cNow);
+  model.OnCardPresented("11223344", "mifare", kNow);
   model.SetLearning(true);
   model.OnStreamEnd(BenchModel::EStream::Cards, "Socket closed");
   EXPECT_FALSE(IsThere(model));

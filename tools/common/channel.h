@@ -8,10 +8,10 @@
 #include "framework/rpcconfig.h"
 
 /// The names under which the daemon registers its services, and that of the station's diagnostics service.
-constexpr const char* cControlService = "RfidGenCtrl";
-constexpr const char* cRfidService = "Rfid";
-constexpr const char* cLogService = "RfidLog";
-constexpr const char* cDiagnosticsService = "Diagnostics";
+constexpr const char* kControlService = "RfidGenCtrl";
+constexpr const char* kRfidService = "Rfid";
+constexpr const char* kLogService = "RfidLog";
+constexpr const char* kDiagnosticsService = "Diagnostics";
 
 /// The RPC configuration file of the station below `root`. Throws Rpc::ConfigurationException.
 RpcConfig LoadRpcConfig(const std::string& root);

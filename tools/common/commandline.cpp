@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr int cFailureStatus = 1;
+constexpr int kFailureStatus = 1;
 
 /// A tool that is started without its standard streams must not take a socket for one of them later. What is
 /// put in their places can be neither read nor written, so that output fails as it should.
@@ -42,12 +42,12 @@ std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv) {
     const int status = app.exit(e);
     if (!std::cout.flush()) {
       std::cerr << app.get_name() << ": cannot write to standard output\n";
-      return cFailureStatus;
+      return kFailureStatus;
     }
     return status;
   } catch (const CLI::ParseError& e) {
     std::cerr << app.get_name() << ": " << Reason(app, e) << " (see --help)\n";
-    return cUsageStatus;
+    return kUsageStatus;
   }
 }
 

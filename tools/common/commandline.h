@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-constexpr int cUsageStatus = 2;  ///< exit status for a command line that cannot be understood
+constexpr int kUsageStatus = 2;  ///< exit status for a command line that cannot be understood
 
 /// To be called first. Adds what every tool has: --version, and options of the whole tool accepted after a
 /// subcommand, too.

@@ -6,7 +6,7 @@
 
 /// "Enabled" for EStateEnabled; the number for a state that this program does not know.
 inline std::string StateText(ipc::EState state) {
-  constexpr std::size_t cPrefix = 6;  // "EState"
+  constexpr std::size_t kPrefix = 6;  // "EState"
   const std::string& name = ipc::EState_Name(state);
-  return name.empty() ? std::to_string(static_cast<int>(state)) : name.substr(cPrefix);
+  return name.empty() ? std::to_string(static_cast<int>(state)) : name.substr(kPrefix);
 }

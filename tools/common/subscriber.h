@@ -48,7 +48,7 @@ class Subscriber {
   Subscriber& operator=(const Subscriber&) = delete;
 
  private:
-  static constexpr auto cPause =
+  static constexpr auto kPause =
       std::chrono::milliseconds(200);  ///< so that a refusal is not repeated in a loop
 
   void Run() {
@@ -60,7 +60,7 @@ class Subscriber {
       const grpc::Status status = Read();
       mOnEnd(status);
       lock.lock();
-      mChanged.wait_for(lock, cPause, [this] { return mStopping; });
+      mChanged.wait_for(lock, kPause, [this] { return mStopping; });
     }
   }
 

@@ -12,8 +12,8 @@ using Leaf = CHsmLeaf<CRfidHsm>;
 using Reaction = CHsmReaction<CRfidHsm>;
 using Actions = std::vector<CHsmAction<CRfidHsm>>;
 
-constexpr std::string_view cAnyState = "AnyState";
-constexpr std::string_view cAnyStateTitle = "any state, unless it reacts itself";
+constexpr std::string_view kAnyState = "AnyState";
+constexpr std::string_view kAnyStateTitle = "any state, unless it reacts itself";
 
 std::string Names(const Actions& actions) {
   std::string names;
@@ -44,7 +44,7 @@ Box BoxOf(const Leaf& leaf) {
 
 void AddInternal(Box& box, const std::vector<Reaction>& reactions) {
   for (const auto& reaction : reactions) {
-    if (reaction.target == Reaction::Internal) {
+    if (reaction.target == Reaction::kInternal) {
       box.reactions.push_back(fmt::format("{} / {}", *reaction.eventName, Names(reaction.actions)));
     }
   }
@@ -59,7 +59,7 @@ struct Arrow {
 void AddArrows(std::vector<Arrow>& arrows, const Definition& machine, std::string_view from,
                const std::vector<Reaction>& reactions) {
   for (const auto& reaction : reactions) {
-    if (reaction.target != Reaction::Internal) {
+    if (reaction.target != Reaction::kInternal) {
       arrows.push_back({from, machine.Leaf(reaction.target).name, *reaction.eventName});
     }
   }
@@ -82,9 +82,9 @@ Drawing Draw(const Definition& machine) {
     AddInternal(drawing.boxes.back(), leaf.reactions);
     AddArrows(drawing.arrows, machine, leaf.name, leaf.reactions);
   }
-  drawing.boxes.push_back({cAnyState, cAnyStateTitle, {}, {}});
+  drawing.boxes.push_back({kAnyState, kAnyStateTitle, {}, {}});
   AddInternal(drawing.boxes.back(), machine.reactions);
-  AddArrows(drawing.arrows, machine, cAnyState, machine.reactions);
+  AddArrows(drawing.arrows, machine, kAnyState, machine.reactions);
   return drawing;
 }
 
@@ -109,7 +109,7 @@ std::string ToDot(const Definition& machine) {
       "  start [shape=circle, style=filled, fillcolor=\"#37474f\", label=\"\", width=0.2]\n",
       machine.name);
   for (const auto& box : drawing.boxes) {
-    const bool common = box.id == cAnyState;
+    const bool common = box.id == kAnyState;
     text += fmt::format(
         "  {} [label=<<table border=\"1\" cellborder=\"0\" cellspacing=\"0\" cellpadding=\"5\" style=\"{}\" "
         "color=\"#37474f\" bgcolor=\"{}\"><tr><td><b>{}</b></td></tr>{}{}</table>>]\n",
@@ -119,7 +119,7 @@ std::string ToDot(const Definition& machine) {
   text += fmt::format("  start -> {}\n", drawing.initial);
   for (const auto& arrow : drawing.arrows) {
     text += fmt::format("  {} -> {} [label=\"  {}  \"{}]\n", arrow.from, arrow.to, arrow.event,
-                        arrow.from == cAnyState ? ", style=dashed" : "");
+                        arrow.from == kAnyState ? ", style=dashed" : "");
   }
   return text + "}\n";
 }
@@ -160,5 +160,5 @@ std::string ToJson(const Definition& machine) {
   return fmt::format(
       "{{\n  \"initial\": \"{}\",\n  \"last\": \"{}\",\n  \"anyState\": \"{}\",\n"
       "  \"states\": [{}\n  ],\n  \"transitions\": [{}\n  ]\n}}\n",
-      drawing.initial, drawing.last, cAnyState, states, transitions);
+      drawing.initial, drawing.last, kAnyState, states, transitions);
 }

@@ -10,7 +10,7 @@
 
 /// How long to wait for what is to happen: many times what it takes, also under a sanitizer on a machine that
 /// is slow and stalls.
-constexpr std::chrono::seconds LongestWait(120);
+constexpr std::chrono::seconds kLongestWait(120);
 
 /// A child process whose output goes to files. One thread.
 class Process {
@@ -26,7 +26,7 @@ class Process {
   void Signal(int signal) const;
 
   /// How it ended: "exit 0", "signal 6"; nothing when it still runs after the time.
-  std::optional<std::string> Wait(std::chrono::seconds limit = LongestWait);
+  std::optional<std::string> Wait(std::chrono::seconds limit = kLongestWait);
 
   /// Whether Wait has told the end.
   bool IsOver() const { return mEnd.has_value(); }
@@ -49,7 +49,7 @@ void PauseBeforeAskingAgain();
 
 /// Asks until it is true or the time is over: for what happens outside this process and cannot be waited for.
 template <typename Condition>
-bool Eventually(Condition condition, std::chrono::seconds limit = LongestWait) {
+bool Eventually(Condition condition, std::chrono::seconds limit = kLongestWait) {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {

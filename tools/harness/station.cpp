@@ -130,7 +130,7 @@ bool Station::Tap(const virtualnfc::Tag& tag) {
   mKernel->PresentTag(tag);
   const bool isFound = mKernel->WaitFor(
       [&](const virtualnfc::Status& status) { return status.Events(NFC_EVENT_TARGETS_FOUND) > found; },
-      LongestWait);
+      kLongestWait);
   mKernel->RemoveTags();
   return isFound;
 }

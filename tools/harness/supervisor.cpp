@@ -15,7 +15,7 @@ std::string StateName(ipc::EState state) {
 template <typename Call>
 std::string Ask(Call call) {
   grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + LongestWait);
+  context.set_deadline(std::chrono::system_clock::now() + kLongestWait);
   context.set_wait_for_ready(true);
   ipc::MResult result;
   const grpc::Status status = call(context, result);

@@ -41,7 +41,7 @@ class Supervisor {
   std::vector<std::string> Take();  ///< what was notified, alive messages too; clears
   void Clear();
   bool WaitFor(const std::string& notification, size_t count = 1,
-               std::chrono::seconds limit = LongestWait) const;
+               std::chrono::seconds limit = kLongestWait) const;
 
  private:
   void Add(const std::string& what);

@@ -19,14 +19,14 @@ using namespace virtualnfc;
 
 namespace {
 
-constexpr std::uint32_t cSequence = 7;
+constexpr std::uint32_t kSequence = 7;
 
 struct CommandWord {
   std::uint8_t command;
   bool isDump;
 };
 
-const std::map<std::string, CommandWord> cCommands{
+const std::map<std::string, CommandWord> kCommands{
     {"device", {NFC_CMD_GET_DEVICE, false}}, {"devices", {NFC_CMD_GET_DEVICE, true}},
     {"targets", {NFC_CMD_GET_TARGET, true}}, {"up", {NFC_CMD_DEV_UP, false}},
     {"down", {NFC_CMD_DEV_DOWN, false}},     {"start", {NFC_CMD_START_POLL, false}},
@@ -105,7 +105,7 @@ Conversation::Program& Conversation::Of(char name) {
 }
 
 void Conversation::Resolve() {
-  const Bytes question = MessageBuilder(GENL_ID_CTRL, NLM_F_REQUEST, cSequence, 0)
+  const Bytes question = MessageBuilder(GENL_ID_CTRL, NLM_F_REQUEST, kSequence, 0)
                              .Genl(CTRL_CMD_GETFAMILY, 1)
                              .String(CTRL_ATTR_FAMILY_NAME, NFC_GENL_NAME)
                              .Finish();
@@ -161,9 +161,9 @@ void Conversation::Note(const std::string& what, const std::vector<std::string>&
 }
 
 std::vector<std::string> Conversation::Command(Program& program, const std::vector<std::string>& words) {
-  const CommandWord& word = cCommands.at(words[0]);
+  const CommandWord& word = kCommands.at(words[0]);
   const std::uint16_t flags = NLM_F_REQUEST | NLM_F_ACK | (word.isDump ? NLM_F_DUMP : 0);
-  MessageBuilder request(mIds.family, flags, cSequence, 0);
+  MessageBuilder request(mIds.family, flags, kSequence, 0);
   request.Genl(word.command, 1).U32(NFC_ATTR_DEVICE_INDEX, 0);
   if (word.command == NFC_CMD_START_POLL) {
     const std::string mask = words.size() > 1 ? words[1].substr(std::string("mask=").size()) : "0xFC";
@@ -178,7 +178,7 @@ void Conversation::Send(const std::string& name, const Bytes& bytes) {
 
 void Conversation::AwaitEvent() {
   const Program& listener = Of('e');
-  if (!IsReadable(listener.socket.Get(), LongestWait)) throw std::runtime_error("no event comes");
+  if (!IsReadable(listener.socket.Get(), kLongestWait)) throw std::runtime_error("no event comes");
   Bytes datagram(65536);
   const ssize_t length = ::recv(listener.socket.Get(), datagram.data(), datagram.size(), MSG_DONTWAIT);
   datagram.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));

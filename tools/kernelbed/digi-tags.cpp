@@ -4,6 +4,6 @@
 
 int main(int argc, char** argv) {
   using namespace kernelbed;
-  return RunReaderProgram(argc, argv, "digi-tags", DigitalReader::cWords,
+  return RunReaderProgram(argc, argv, "digi-tags", DigitalReader::kWords,
                           [](FILE* log) { return std::make_unique<DigitalReader>(KERNELBED_MODULE, log); });
 }

@@ -13,10 +13,10 @@ namespace kernelbed {
 
 namespace {
 
-constexpr auto cDevice = "/dev/digi-reader";
+constexpr auto kDevice = "/dev/digi-reader";
 /// A poll sends a frame every 60 ms.
-constexpr std::chrono::milliseconds cLongestSilence(300);
-constexpr int cLookForTheEnd = 50;  // ms
+constexpr std::chrono::milliseconds kLongestSilence(300);
+constexpr int kLookForTheEnd = 50;  // ms
 
 virtualnfc::UniqueFd OpenDevice(const std::string& module) {
   const auto check = [](int result, const std::string& what) {
@@ -25,16 +25,16 @@ virtualnfc::UniqueFd OpenDevice(const std::string& module) {
     }
     return result;
   };
-  if (access(cDevice, F_OK) != 0) {
+  if (access(kDevice, F_OK) != 0) {
     const virtualnfc::UniqueFd file(check(open(module.c_str(), O_RDONLY | O_CLOEXEC), module));
     check(static_cast<int>(syscall(SYS_finit_module, file.Get(), "", 0)), "cannot load " + module);
   }
-  return virtualnfc::UniqueFd(check(open(cDevice, O_RDWR | O_CLOEXEC), cDevice));
+  return virtualnfc::UniqueFd(check(open(kDevice, O_RDWR | O_CLOEXEC), kDevice));
 }
 
 }  // namespace
 
-const char* const DigitalReader::cWords = R"(Commands of this reader:
+const char* const DigitalReader::kWords = R"(Commands of this reader:
   fail CALL ERRNO [N]   the next N (1) of these calls of the kernel's stack fail at once: send, configure, switch,
                         framing (of a tag found); or "answer": commands end with the error (a bad CRC, a collision)
   slow CALL MS          these calls take so much longer, under the driver's lock
@@ -65,7 +65,7 @@ std::string DigitalReader::State() const {
   if (!mPlugged) {
     return "off";
   }
-  return Clock::now() - mLastFrame < cLongestSilence ? "polling" : "ready";
+  return Clock::now() - mLastFrame < kLongestSilence ? "polling" : "ready";
 }
 
 void DigitalReader::PutTag(const TagWords& tag) {
@@ -104,7 +104,7 @@ void DigitalReader::Listen() {
   std::array<char, 1024> line;
   while (!mStop) {
     pollfd waiting{mDevice.Get(), POLLIN, 0};
-    if (poll(&waiting, 1, cLookForTheEnd) <= 0) {
+    if (poll(&waiting, 1, kLookForTheEnd) <= 0) {
       continue;
     }
     const auto length = read(mDevice.Get(), line.data(), line.size());

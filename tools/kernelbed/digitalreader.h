@@ -20,7 +20,7 @@ class DigitalReader : public Reader {
   DigitalReader(const std::string& module, FILE* log);
   ~DigitalReader() override;  ///< the device goes
 
-  static const char* const cWords;  ///< its own commands, for --help
+  static const char* const kWords;  ///< its own commands, for --help
 
  private:
   void Plug() override;

@@ -6,18 +6,18 @@ namespace kernelbed {
 
 namespace {
 
-constexpr uint8_t cSensReq = 0x26;
-constexpr uint8_t cAllReq = 0x52;
-constexpr uint8_t cSddReq = 0x93;  // and 2 more for each further level
-constexpr uint8_t cWholeByteCount = 0x20;
-constexpr uint8_t cSelect = 0x70;
-constexpr uint8_t cCascadeTag = 0x88;
-constexpr uint8_t cNotComplete = 0x04;
-constexpr uint8_t cIsType4 = 0x20;
-constexpr uint8_t cRats = 0xe0;
-constexpr uint8_t cSensbReq = 0x05;
-constexpr uint8_t cAttrib = 0x1d;
-constexpr uint8_t cInventory = 0x01;
+constexpr uint8_t kSensReq = 0x26;
+constexpr uint8_t kAllReq = 0x52;
+constexpr uint8_t kSddReq = 0x93;  // and 2 more for each further level
+constexpr uint8_t kWholeByteCount = 0x20;
+constexpr uint8_t kSelect = 0x70;
+constexpr uint8_t kCascadeTag = 0x88;
+constexpr uint8_t kNotComplete = 0x04;
+constexpr uint8_t kIsType4 = 0x20;
+constexpr uint8_t kRats = 0xe0;
+constexpr uint8_t kSensbReq = 0x05;
+constexpr uint8_t kAttrib = 0x1d;
+constexpr uint8_t kInventory = 0x01;
 
 }  // namespace
 
@@ -33,7 +33,7 @@ Bytes DigitalTag::Selector() const {
   Bytes selector(5);
   const auto from = mUid.begin() + static_cast<std::ptrdiff_t>(3 * mLevel);
   if (mLevel + 1 < Levels()) {
-    selector[0] = cCascadeTag;
+    selector[0] = kCascadeTag;
     std::copy_n(from, 3, selector.begin() + 1);
   } else {
     std::copy_n(from, 4, selector.begin());
@@ -47,25 +47,25 @@ Bytes DigitalTag::AnswerA(const Bytes& frame) {
   if (mState == EState::Protocol) {
     return {};  // it only knows its own protocol, until the field goes
   }
-  if (mState == EState::Idle && (command == cSensReq || command == cAllReq)) {
+  if (mState == EState::Idle && (command == kSensReq || command == kAllReq)) {
     mState = EState::Ready;
     const uint8_t length = mUid.size() == 7 ? 0x44 : mUid.size() == 10 ? 0x84 : 0x04;
     return mKind == "a1" ? Bytes{0x00, 0x0c} : Bytes{length, 0x00};
   }
-  if (mState == EState::Ready && mKind != "a1" && frame.size() >= 2 && command == cSddReq + 2 * mLevel) {
+  if (mState == EState::Ready && mKind != "a1" && frame.size() >= 2 && command == kSddReq + 2 * mLevel) {
     auto selector = Selector();
-    if (frame[1] == cWholeByteCount) {
+    if (frame[1] == kWholeByteCount) {
       return selector;
     }
-    if (frame[1] == cSelect && std::equal(selector.begin(), selector.end(), frame.begin() + 2, frame.end())) {
+    if (frame[1] == kSelect && std::equal(selector.begin(), selector.end(), frame.begin() + 2, frame.end())) {
       if (++mLevel < Levels()) {
-        return {cNotComplete};
+        return {kNotComplete};
       }
       mState = EState::Active;
       return {mSak};
     }
   }
-  if (mState == EState::Active && command == cRats && (mSak & cIsType4) != 0) {
+  if (mState == EState::Active && command == kRats && (mSak & kIsType4) != 0) {
     mState = EState::Protocol;
     return {0x05, 0x75, 0x77, 0x81, 0x02};
   }
@@ -77,10 +77,10 @@ Bytes DigitalTag::AnswerB(const Bytes& frame) {
   if (mState == EState::Protocol) {
     return {};
   }
-  if (frame[0] == cSensbReq) {
+  if (frame[0] == kSensbReq) {
     return {0x50, mUid[0], mUid[1], mUid[2], mUid[3], 0x00, 0x00, 0x00, 0x00, 0x80, 0x81, 0x71};
   }
-  if (frame[0] == cAttrib && frame.size() == 9 && std::equal(mUid.begin(), mUid.end(), frame.begin() + 1)) {
+  if (frame[0] == kAttrib && frame.size() == 9 && std::equal(mUid.begin(), mUid.end(), frame.begin() + 1)) {
     mState = EState::Protocol;
     return {0x00};
   }
@@ -106,7 +106,7 @@ Bytes DigitalTag::Answer(Tech tech, const Bytes& frame) {
       return answer;
     }
     default: {
-      if (tech != Tech::Iso15693 || frame.size() < 2 || frame[1] != cInventory) {
+      if (tech != Tech::Iso15693 || frame.size() < 2 || frame[1] != kInventory) {
         return {};
       }
       Bytes answer{0x00, 0x00};  // flags and DSFID

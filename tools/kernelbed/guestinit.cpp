@@ -32,10 +32,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int cReadAll = 3;  // SYSLOG_ACTION_READ_ALL, which no header names
+constexpr int kReadAll = 3;  // SYSLOG_ACTION_READ_ALL, which no header names
 /// For what the command left running.
-constexpr std::chrono::seconds cPatience(2);
-constexpr auto cOutOfTime = "timeout";
+constexpr std::chrono::seconds kPatience(2);
+constexpr auto kOutOfTime = "timeout";
 
 std::string InJob(const char* name) {
   const char* job = getenv("job");
@@ -45,7 +45,7 @@ std::string InJob(const char* name) {
 /// Ends the guest. The runner reads the status: "exit N", "signal N", "timeout" or "error TEXT".
 [[noreturn]] void Finish(const std::string& status) {
   static std::array<char, 1 << 17> log;
-  const int length = klogctl(cReadAll, log.data(), static_cast<int>(log.size()));
+  const int length = klogctl(kReadAll, log.data(), static_cast<int>(log.size()));
   std::ofstream(InJob("dmesg")).write(log.data(), std::max(length, 0));
   std::ofstream(InJob("status")) << status << "\n";
   sync();
@@ -109,9 +109,9 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   setsid();
-  constexpr int cFlags = O_WRONLY | O_CREAT | O_APPEND;
-  const std::array<int, 3> streams{open("/dev/null", O_RDONLY), open(InJob("stdout").c_str(), cFlags, 0644),
-                                   open(InJob("stderr").c_str(), cFlags, 0644)};
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND;
+  const std::array<int, 3> streams{open("/dev/null", O_RDONLY), open(InJob("stdout").c_str(), kFlags, 0644),
+                                   open(InJob("stderr").c_str(), kFlags, 0644)};
   for (int stream = 0; stream < 3; ++stream) {
     dup2(streams[static_cast<size_t>(stream)], stream);
   }
@@ -171,12 +171,12 @@ int main() {
   }
   auto status = WaitForChildren(child, Clock::now() + std::chrono::seconds(std::atol(limit.front().c_str())));
   if (status.empty()) {
-    status = cOutOfTime;
+    status = kOutOfTime;
     kill(-1, SIGTERM);
-    WaitForChildren(child, Clock::now() + cPatience);
+    WaitForChildren(child, Clock::now() + kPatience);
   }
   // Not for ever: a process that waits in the kernel for what does not come cannot be killed.
   kill(-1, SIGKILL);
-  WaitForChildren(-1, Clock::now() + cPatience);
+  WaitForChildren(-1, Clock::now() + kPatience);
   Finish(status);
 }

@@ -23,7 +23,7 @@ struct NamedTag {
   const char* uid;
 };
 
-const std::map<std::string, NamedTag> cTags{
+const std::map<std::string, NamedTag> kTags{
     {"type2", {"a2 04A12B5C", TagKind::Mifare, "04A12B5C"}},
     {"long", {"a2 04112233445566", TagKind::Mifare, "04112233445566"}},
     {"longest", {"a2 04112233445566778899", TagKind::Mifare, "04112233445566778899"}},
@@ -46,7 +46,7 @@ class SimulatedBench : public KernelBench {
   void PutTags(const std::vector<std::string>& names) override {
     std::vector<Tag> tags;
     for (const std::string& name : names) {
-      const NamedTag& tag = cTags.at(name);
+      const NamedTag& tag = kTags.at(name);
       tags.push_back(MakeTag(tag.kind, tag.uid, mStack));
     }
     mKernel.PresentTags(std::move(tags));
@@ -57,12 +57,12 @@ class SimulatedBench : public KernelBench {
   }
   void Unplug() override { mKernel.Unplug(); }
   void GoWrong(const std::string& what) override {
-    static const std::map<std::string, std::string> cRules{
+    static const std::map<std::string, std::string> kRules{
         {"start-late", "START_POLL times=1 delay=2000"},
         {"start-refused", "START_POLL times=1 errno=EBUSY fault=out-of-step"},
         {"stop-refused", "STOP_POLL times=1 fault=chip-polls"},
         {"stop-crosses", "STOP_POLL times=1 cross"}};
-    if (const auto rule = cRules.find(what); rule != cRules.end()) {
+    if (const auto rule = kRules.find(what); rule != kRules.end()) {
       mKernel.AddRule(rule->second);
     } else {
       mKernel.SetFault(what == "well" ? Fault::Deaf : ParseFault(what), what != "well");
@@ -95,7 +95,7 @@ class RealBench : public KernelBench {
   void PutTags(const std::vector<std::string>& names) override {
     mReader->Command("take");
     for (const std::string& name : names) {
-      mReader->Command(std::string("put ") + cTags.at(name).words);
+      mReader->Command(std::string("put ") + kTags.at(name).words);
     }
   }
   void Plug() override {
@@ -112,14 +112,14 @@ class RealBench : public KernelBench {
     mUnplugging = std::async(std::launch::async, [this] { mReader->Command("unplug"); });
   }
   void GoWrong(const std::string& what) override {
-    static const std::map<std::string, std::string> cDigital{
+    static const std::map<std::string, std::string> kDigital{
         {"poll-dead", "fail send 5"}, {"deaf", "fail configure 5 1000000"}, {"well", "fail configure 5 0"}};
-    static const std::map<std::string, std::string> cNci{{"poll-dead", "reset"},
+    static const std::map<std::string, std::string> kNci{{"poll-dead", "reset"},
                                                          {"start-late", "fail discover late 2000"},
                                                          {"start-refused", "fail deactivate 03 1000000"},
                                                          {"stop-refused", "fail deactivate 03"},
                                                          {"stop-crosses", "cross a2 04A12B5C"}};
-    mReader->Command((mIsNci ? cNci : cDigital).at(what));
+    mReader->Command((mIsNci ? kNci : kDigital).at(what));
   }
   std::chrono::milliseconds TimeToFind() const override { return std::chrono::seconds(4); }
   std::chrono::milliseconds TimeToSettle() const override { return std::chrono::seconds(1); }

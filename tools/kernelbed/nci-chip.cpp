@@ -4,6 +4,6 @@
 
 int main(int argc, char** argv) {
   using namespace kernelbed;
-  return RunReaderProgram(argc, argv, "nci-chip", NciChip::cWords,
+  return RunReaderProgram(argc, argv, "nci-chip", NciChip::kWords,
                           [](FILE* log) { return std::make_unique<NciChip>(log); });
 }

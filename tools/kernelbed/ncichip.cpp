@@ -14,9 +14,9 @@ namespace kernelbed {
 
 namespace {
 
-constexpr auto cDevice = "/dev/virtual_nci";
+constexpr auto kDevice = "/dev/virtual_nci";
 /// From the beginning of discovery, or from a tag's coming, to its being reported.
-constexpr std::chrono::milliseconds cTimeToFind(20);
+constexpr std::chrono::milliseconds kTimeToFind(20);
 
 enum EPacket : uint8_t { Command = 0x20, Response = 0x40, Notification = 0x60 };
 enum EGroup : uint8_t { Core = 0, Rf = 1 };
@@ -30,16 +30,16 @@ enum EDeactivation : uint8_t { ToIdle = 0, ToDiscovery = 3 };
 
 /// Core group: reset, init, set-config; RF group: map, discover, deactivate.
 std::string NameOf(uint8_t group, uint8_t operation) {
-  static const std::map<int, std::string> cNames{{0x000, "reset"},     {0x001, "init"},
+  static const std::map<int, std::string> kNames{{0x000, "reset"},     {0x001, "init"},
                                                  {0x002, "setconfig"}, {0x100, "map"},
                                                  {0x103, "discover"},  {0x106, "deactivate"}};
-  const auto name = cNames.find(group << 8 | operation);
-  return name == cNames.end() ? "other" : name->second;
+  const auto name = kNames.find(group << 8 | operation);
+  return name == kNames.end() ? "other" : name->second;
 }
 
 }  // namespace
 
-const char* const NciChip::cWords = R"(Commands of this reader:
+const char* const NciChip::kWords = R"(Commands of this reader:
   cross TAG             at the next command to deactivate during discovery, TAG is reported first: the find and the
                         command cross
   fail COMMAND HOW [N]  the next N (1) of these commands of the kernel get HOW: a status byte in hexadecimal, "silent"
@@ -70,9 +70,9 @@ NciChip::~NciChip() {
 }
 
 void NciChip::Plug() {
-  const int device = open(cDevice, O_RDWR | O_CLOEXEC);
+  const int device = open(kDevice, O_RDWR | O_CLOEXEC);
   if (device < 0) {
-    throw std::system_error(errno, std::generic_category(), cDevice);
+    throw std::system_error(errno, std::generic_category(), kDevice);
   }
   {
     const std::lock_guard lock(mMutex);
@@ -149,7 +149,7 @@ void NciChip::SetState(const std::string& state) {
 
 void NciChip::LookForTags() {
   if (mState == "discovery") {
-    mNextReport = Clock::now() + cTimeToFind;
+    mNextReport = Clock::now() + kTimeToFind;
     mChanged.notify_all();
   }
 }
@@ -343,9 +343,9 @@ void NciChip::Report() {
 }
 
 void NciChip::SendActivated(const NciTag& tag) {
-  constexpr uint8_t cId = 1;
+  constexpr uint8_t kId = 1;
   Bytes payload{
-      cId, tag.interface, tag.protocol, tag.technology, 255, 1, static_cast<uint8_t>(tag.parameters.size())};
+      kId, tag.interface, tag.protocol, tag.technology, 255, 1, static_cast<uint8_t>(tag.parameters.size())};
   Append(payload, tag.parameters);
   Append(payload, {tag.technology, 0, 0, static_cast<uint8_t>(tag.activation.size())});
   Append(payload, tag.activation);

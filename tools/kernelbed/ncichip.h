@@ -21,7 +21,7 @@ class NciChip : public Reader {
   explicit NciChip(FILE* log);
   ~NciChip() override;  ///< the device goes
 
-  static const char* const cWords;  ///< its own commands, for --help
+  static const char* const kWords;  ///< its own commands, for --help
 
  private:
   /// What the chip does with a command instead of obeying.

@@ -15,8 +15,8 @@ namespace kernelbed {
 
 namespace {
 
-constexpr int cDone = 0;
-constexpr int cRefused = 1;
+constexpr int kDone = 0;
+constexpr int kRefused = 1;
 
 /// One line for each connection, which ends with the reply.
 std::string ReceiveLine(int connection) {
@@ -66,7 +66,7 @@ int Ask(const std::string& address, const std::string& line) {
   SendLine(connection.Get(), line);
   const auto reply = ReceiveLine(connection.Get());
   std::cout << reply << '\n';
-  return reply.starts_with("ok") ? cDone : cRefused;
+  return reply.starts_with("ok") ? kDone : kRefused;
 }
 
 int Run(int argc, char** argv, const std::string& name, const std::string& words,
@@ -74,7 +74,7 @@ int Run(int argc, char** argv, const std::string& name, const std::string& words
   CLI::App app(
       "A reader for the real kernel's NFC subsystem, with its tags, in the guest of tools/kernelbed.", name);
   SetUpTool(app);
-  app.footer(std::string(cReaderWords) + words);
+  app.footer(std::string(kReaderWords) + words);
   std::string address = "/run/reader.sock";
   std::string logFile;
   std::vector<std::string> command;
@@ -95,7 +95,7 @@ int Run(int argc, char** argv, const std::string& name, const std::string& words
   const auto reader = make(log.get());
   reader->Command("plug");
   Serve(*reader, address);
-  return cDone;
+  return kDone;
 }
 
 }  // namespace
@@ -106,7 +106,7 @@ int RunReaderProgram(int argc, char** argv, const std::string& name, const std::
     return Run(argc, argv, name, words, make);
   } catch (const std::exception& e) {
     std::cerr << name << ": " << e.what() << '\n';
-    return cRefused;
+    return kRefused;
   }
 }
 

@@ -11,11 +11,11 @@ namespace kernelbed {
 namespace {
 
 /// The kernel gives a device's number free a moment after the device has gone.
-constexpr std::chrono::milliseconds cNumberIsFree(50);
+constexpr std::chrono::milliseconds kNumberIsFree(50);
 
 }  // namespace
 
-const char* const cReaderWords = R"(Commands of every reader:
+const char* const kReaderWords = R"(Commands of every reader:
   put TAG          a tag comes into the field and stays
   take             the field is empty
   swap TAG         take, put
@@ -57,11 +57,11 @@ TagWords::TagWords(std::istream& words) : mKind(NextWord(words)) {
     const auto equals = std::min(word.find('='), word.size() - 1);
     mOptions[word.substr(0, equals)] = word.substr(equals + 1);
   }
-  static const std::map<std::string, std::vector<size_t>> cLengths{
+  static const std::map<std::string, std::vector<size_t>> kLengths{
       {"a1", {4}}, {"a2", {4, 7, 10}}, {"a4", {4, 7, 10}}, {"ax", {4, 7, 10}},
       {"b", {4}},  {"f", {8}},         {"v", {8}}};
-  const auto lengths = cLengths.find(mKind);
-  if (lengths == cLengths.end()) {
+  const auto lengths = kLengths.find(mKind);
+  if (lengths == kLengths.end()) {
     throw std::invalid_argument("unknown kind of tag: " + mKind);
   }
   if (std::find(lengths->second.begin(), lengths->second.end(), mUid.size()) == lengths->second.end()) {
@@ -109,7 +109,7 @@ std::string Reader::Command(const std::string& line) {
     Plug();
   } else if (word == "unplug") {
     Unplug();
-    std::this_thread::sleep_for(cNumberIsFree);
+    std::this_thread::sleep_for(kNumberIsFree);
   } else if (word == "replug") {
     Unplug();
     Plug();

@@ -62,7 +62,7 @@ class TagWords {
   std::map<std::string, std::string> mOptions;
 };
 
-/// A reader that one drives by lines of words; `cReaderWords` and the help of its program list them.
+/// A reader that one drives by lines of words; `kReaderWords` and the help of its program list them.
 ///
 /// Threads: any may command it. Implementations have threads of their own.
 class Reader {
@@ -102,6 +102,6 @@ class Reader {
 };
 
 /// The commands of every reader, for --help.
-extern const char* const cReaderWords;
+extern const char* const kReaderWords;
 
 }  // namespace kernelbed

@@ -19,4 +19,4 @@ struct Daemon {
   std::string who = "daemon";  ///< for people
 };
 
-constexpr const char* cTool = "rfidctl";
+constexpr const char* kTool = "rfidctl";

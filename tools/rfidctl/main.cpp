@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr const char* cFooter =
+constexpr const char* kFooter =
     "Exit status:\n"
     "  0  done; watch: also when Ctrl-C, SIGTERM or --timeout ended it and there was no --count,\n"
     "     and when nobody reads its output any more\n"
@@ -44,10 +44,10 @@ std::string CheckCount(const std::string& text) {
 }
 
 std::string CheckSeconds(const std::string& text) {
-  constexpr double cYear = 366.0 * 24 * 60 * 60;
+  constexpr double kYear = 366.0 * 24 * 60 * 60;
   char* end = nullptr;
   const double seconds = std::strtod(text.c_str(), &end);
-  return *end == '\0' && seconds > 0 && seconds <= cYear ? ""
+  return *end == '\0' && seconds > 0 && seconds <= kYear ? ""
                                                          : text + " is no number of seconds up to a year";
 }
 
@@ -58,14 +58,14 @@ std::string CheckText(const std::string& text) {
 }
 
 std::string CheckAddress(const std::string& text) {
-  constexpr std::size_t cLongest = 5 + 107;  // "unix:" and what the system has room for
+  constexpr std::size_t kLongest = 5 + 107;  // "unix:" and what the system has room for
   const auto colon = text.rfind(':');
   const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
   const bool isUnix = text.rfind("unix:", 0) == 0 && text.size() > 5;
   const bool isTcp = colon != 0 && !port.empty() && port.size() <= 5 &&
                      port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) >= 1 &&
                      std::stoi(port) <= 65535;
-  if (isUnix && text.size() > cLongest) {
+  if (isUnix && text.size() > kLongest) {
     return "a socket's path has no more than 107 characters";
   }
   return isUnix || isTcp ? "" : "'" + text + "' is neither unix:PATH nor HOST:PORT";
@@ -108,10 +108,10 @@ Daemon Addressee(const Options& options, bool isDiagnostics) {
   const RpcConfig config = LoadRpcConfig(options.root);
   addressee.address = config.listen;
   if (isDiagnostics) {
-    const auto peer = config.peers.find(cDiagnosticsService);
+    const auto peer = config.peers.find(kDiagnosticsService);
     if (peer == config.peers.end()) {
       throw Rpc::ConfigurationException("etc/plex.json below " + options.root + " names no peer " +
-                                        cDiagnosticsService);
+                                        kDiagnosticsService);
     }
     addressee.address = peer->second;
   }
@@ -151,10 +151,10 @@ EExit Run(const CLI::App& app, Options& options) {
 
 int RunCommandLine(int argc, char** argv) {
   Options options;
-  CLI::App app("Controls the RFID daemon and shows what it notifies.", cTool);
+  CLI::App app("Controls the RFID daemon and shows what it notifies.", kTool);
   SetUpTool(app);
   app.require_subcommand(1);
-  app.footer(cFooter);
+  app.footer(kFooter);
   auto* root = app.add_option("--root", options.root,
                               "Root folder of the station; etc/plex.json below it names the addresses")
                    ->capture_default_str();
@@ -171,10 +171,10 @@ int RunCommandLine(int argc, char** argv) {
   try {
     return static_cast<int>(Run(app, options));
   } catch (const Rpc::ConfigurationException& e) {
-    PrintError(cTool, std::string("cannot tell where to ask: ") + e.what());
+    PrintError(kTool, std::string("cannot tell where to ask: ") + e.what());
     return static_cast<int>(EExit::Unreachable);
   } catch (const Unreachable& e) {
-    PrintError(cTool, e.what());
+    PrintError(kTool, e.what());
     return static_cast<int>(EExit::Unreachable);
   }
 }
@@ -185,7 +185,7 @@ int main(int argc, char** argv) {
   try {
     return RunCommandLine(argc, argv);
   } catch (const std::exception& e) {
-    PrintError(cTool, e.what());
+    PrintError(kTool, e.what());
     return static_cast<int>(EExit::Failed);
   }
 }

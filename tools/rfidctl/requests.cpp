@@ -16,8 +16,8 @@
 namespace {
 
 // A command to the reader may keep the daemon's machine busy for half a minute.
-constexpr auto cAnswerTime = std::chrono::seconds(60);
-constexpr auto cLookTime = std::chrono::seconds(10);  ///< what is only looked at is there at once
+constexpr auto kAnswerTime = std::chrono::seconds(60);
+constexpr auto kLookTime = std::chrono::seconds(10);  ///< what is only looked at is there at once
 
 [[noreturn]] void Fail(const Daemon& daemon, const grpc::Status& status) {
   if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
@@ -43,7 +43,7 @@ Response Ask(const Daemon& daemon, const char* name,
              grpc::Status (Service::Stub::*operation)(grpc::ClientContext*, const Request&, Response*),
              const Request& request) {
   Response response;
-  const grpc::Status status = Try<Service>(daemon, name, operation, request, response, cAnswerTime);
+  const grpc::Status status = Try<Service>(daemon, name, operation, request, response, kAnswerTime);
   if (!status.ok()) {
     Fail(daemon, status);
   }
@@ -67,7 +67,7 @@ EExit Conclude(const Daemon& daemon, const ipc::MResult& result, const std::stri
     Print(daemon, "result", ok ? "Ok" : "Illegal");
   }
   if (!ok) {
-    PrintError(cTool, "the daemon refuses: " + refusal);
+    PrintError(kTool, "the daemon refuses: " + refusal);
   }
   return ok ? EExit::Ok : EExit::Failed;
 }
@@ -75,9 +75,9 @@ EExit Conclude(const Daemon& daemon, const ipc::MResult& result, const std::stri
 }  // namespace
 
 EExit PrintState(const Daemon& daemon) {
-  const auto stub = ipc::GenericControl::NewStub(OpenChannel(daemon.address, cControlService));
+  const auto stub = ipc::GenericControl::NewStub(OpenChannel(daemon.address, kControlService));
   grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + cLookTime);
+  context.set_deadline(std::chrono::system_clock::now() + kLookTime);
   const auto stream = stub->Subscribe(&context, ipc::MEmpty());
   ipc::MGenericControlNotification notification;
   while (stream->Read(&notification)) {
@@ -94,34 +94,34 @@ EExit PrintState(const Daemon& daemon) {
 EExit Enable(const Daemon& daemon) {
   return Conclude(
       daemon,
-      Ask<ipc::GenericControl>(daemon, cControlService, &ipc::GenericControl::Stub::Enable, ipc::MEmpty()),
+      Ask<ipc::GenericControl>(daemon, kControlService, &ipc::GenericControl::Stub::Enable, ipc::MEmpty()),
       "it cannot be enabled in its present state");
 }
 
 EExit Disable(const Daemon& daemon) {
   return Conclude(
       daemon,
-      Ask<ipc::GenericControl>(daemon, cControlService, &ipc::GenericControl::Stub::Disable, ipc::MEmpty()),
+      Ask<ipc::GenericControl>(daemon, kControlService, &ipc::GenericControl::Stub::Disable, ipc::MEmpty()),
       "it cannot be disabled in its present state");
 }
 
 EExit SetLearning(const Daemon& daemon, bool on) {
   ipc::MEnableLearning request;
   request.set_enable(on);
-  return Conclude(daemon, Ask<ipc::Rfid>(daemon, cRfidService, &ipc::Rfid::Stub::EnableLearning, request),
+  return Conclude(daemon, Ask<ipc::Rfid>(daemon, kRfidService, &ipc::Rfid::Stub::EnableLearning, request),
                   "learning needs the daemon to be enabled");
 }
 
 EExit InjectToken(const Daemon& daemon, const std::string& uid) {
   ipc::MInjectToken request;
   request.set_uid(uid);
-  return Conclude(daemon, Ask<ipc::Rfid>(daemon, cRfidService, &ipc::Rfid::Stub::InjectToken, request),
+  return Conclude(daemon, Ask<ipc::Rfid>(daemon, kRfidService, &ipc::Rfid::Stub::InjectToken, request),
                   "injecting a token needs the daemon to be enabled");
 }
 
 EExit PrintLogLevel(const Daemon& daemon) {
   const auto level =
-      Ask<ipc::LogConfig>(daemon, cLogService, &ipc::LogConfig::Stub::GetLogLevel, ipc::MEmpty());
+      Ask<ipc::LogConfig>(daemon, kLogService, &ipc::LogConfig::Stub::GetLogLevel, ipc::MEmpty());
   const auto number = static_cast<std::size_t>(level.level());
   const auto names = LogLevelNames();
   Print(daemon, "level", number < names.size() ? names[number] : std::to_string(level.level()));
@@ -134,16 +134,16 @@ EExit SetLogLevel(const Daemon& daemon, const std::string& level) {
   request.set_level(
       static_cast<ipc::ELogLevel>(std::find(names.begin(), names.end(), level) - names.begin()));
   return Conclude(daemon,
-                  Ask<ipc::LogConfig>(daemon, cLogService, &ipc::LogConfig::Stub::SetLogLevel, request),
+                  Ask<ipc::LogConfig>(daemon, kLogService, &ipc::LogConfig::Stub::SetLogLevel, request),
                   "it has no such log level");
 }
 
 EExit PrintSignals(const Daemon& diagnostics) {
   ipc::MSignals known;
   const grpc::Status status = Try<ipc::Diagnostics>(
-      diagnostics, cDiagnosticsService, &ipc::Diagnostics::Stub::List, ipc::MEmpty(), known, cLookTime);
+      diagnostics, kDiagnosticsService, &ipc::Diagnostics::Stub::List, ipc::MEmpty(), known, kLookTime);
   if (status.error_code() == grpc::StatusCode::UNIMPLEMENTED) {
-    PrintError(cTool, "the diagnostics service at " + diagnostics.address +
+    PrintError(kTool, "the diagnostics service at " + diagnostics.address +
                           " only takes signals, it does not list them");
     return EExit::Failed;
   }

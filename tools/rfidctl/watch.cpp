@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 /// How long a daemon may take to confirm a subscription before it is taken for one that confirms with the
 /// first notification only.
-constexpr auto cConfirmationTime = std::chrono::seconds(3);
+constexpr auto kConfirmationTime = std::chrono::seconds(3);
 
 /// Something to show.
 struct Event {
@@ -60,7 +60,7 @@ class Queue {
 
   void Push(Item item) {
     std::unique_lock lock(mMutex);
-    mSpace.wait(lock, [this] { return mItems.size() < cMost || mClosed; });
+    mSpace.wait(lock, [this] { return mItems.size() < kMost || mClosed; });
     mItems.push_back(std::move(item));
     eventfd_write(mDescriptor, 1);
   }
@@ -81,7 +81,7 @@ class Queue {
   }
 
  private:
-  static constexpr std::size_t cMost = 1000;
+  static constexpr std::size_t kMost = 1000;
   const int mDescriptor;
   std::mutex mMutex;
   std::condition_variable mSpace;
@@ -89,17 +89,17 @@ class Queue {
   bool mClosed = false;
 };
 
-constexpr const char* cGreen = "\x1b[32m";
-constexpr const char* cRed = "\x1b[31m";
-constexpr const char* cYellow = "\x1b[33m";
-constexpr const char* cGrey = "\x1b[90m";
-constexpr const char* cPlain = "\x1b[0m";
+constexpr const char* kGreen = "\x1b[32m";
+constexpr const char* kRed = "\x1b[31m";
+constexpr const char* kYellow = "\x1b[33m";
+constexpr const char* kGrey = "\x1b[90m";
+constexpr const char* kPlain = "\x1b[0m";
 
 const char* ColourOf(ipc::EState state) {
   if (state == ipc::EStateEnabled) {
-    return cGreen;
+    return kGreen;
   }
-  return state == ipc::EStateError || state == ipc::EStateFatalError ? cRed : cYellow;
+  return state == ipc::EStateError || state == ipc::EStateFatalError ? kRed : kYellow;
 }
 
 Item ToItem(const ipc::MGenericControlNotification& notification) {
@@ -111,11 +111,11 @@ Item ToItem(const ipc::MGenericControlNotification& notification) {
       return event;
     }
     case ipc::MGenericControlNotification::kAlive:
-      return Event{"alive", "", cGrey, {}};
+      return Event{"alive", "", kGrey, {}};
     case ipc::MGenericControlNotification::NOTIFICATION_NOT_SET:
       break;
   }
-  return Event{"unknown", "a notification that this program does not know", cRed, {}};
+  return Event{"unknown", "a notification that this program does not know", kRed, {}};
 }
 
 Item ToItem(const ipc::MRfidNotification& notification) {
@@ -125,20 +125,20 @@ Item ToItem(const ipc::MRfidNotification& notification) {
       const bool rejected =
           token.auth_state() == ipc::ERfidUidNotInList || token.auth_state() == ipc::ERfidUidInvalid;
       const std::string authState = ERfidAuthStateToString(token.auth_state());
-      Event event{"token", token.uid() + " " + authState, rejected ? cRed : cGreen, {}};
+      Event event{"token", token.uid() + " " + authState, rejected ? kRed : kGreen, {}};
       event.details["uid"] = token.uid();
       event.details["authState"] = authState;
       return event;
     }
     case ipc::MRfidNotification::kLearningToken: {
-      Event event{"learning-token", notification.learning_token().uid(), cYellow, {}};
+      Event event{"learning-token", notification.learning_token().uid(), kYellow, {}};
       event.details["uid"] = event.text;
       return event;
     }
     case ipc::MRfidNotification::NOTIFICATION_NOT_SET:
       break;
   }
-  return Event{"unknown", "a notification that this program does not know", cRed, {}};
+  return Event{"unknown", "a notification that this program does not know", kRed, {}};
 }
 
 class Watcher {
@@ -156,11 +156,11 @@ class Watcher {
       return [&queue, service](const grpc::Status& status) { queue.Push(Ended{service, status}); };
     };
     // Cards first: whoever reads a state here may act at once, and the outcome has to be seen.
-    Subscriber<ipc::Rfid, ipc::MRfidNotification> cards(OpenChannel(mDaemon.address, cRfidService), push,
-                                                        ended(cRfidService));
-    cards.WaitUntilSubscribed(cConfirmationTime);
+    Subscriber<ipc::Rfid, ipc::MRfidNotification> cards(OpenChannel(mDaemon.address, kRfidService), push,
+                                                        ended(kRfidService));
+    cards.WaitUntilSubscribed(kConfirmationTime);
     Subscriber<ipc::GenericControl, ipc::MGenericControlNotification> states(
-        OpenChannel(mDaemon.address, cControlService), push, ended(cControlService));
+        OpenChannel(mDaemon.address, kControlService), push, ended(kControlService));
     struct Closer {
       Queue& queue;
       ~Closer() { queue.Close(); }
@@ -192,7 +192,7 @@ class Watcher {
     if (!mReading || mOptions.count == 0 || IsComplete()) {
       return EExit::Ok;
     }
-    PrintError(cTool, fmt::format("ended after {} of {} notifications", mShown, mOptions.count));
+    PrintError(kTool, fmt::format("ended after {} of {} notifications", mShown, mOptions.count));
     return EExit::Incomplete;
   }
 
@@ -201,7 +201,7 @@ class Watcher {
 
   void Handle(const Event& event) {
     if (mLost && (event.kind == "state" || event.kind == "alive")) {
-      PrintError(cTool, "the daemon is back");
+      PrintError(kTool, "the daemon is back");
       mLost = false;
     }
     mReached = true;
@@ -219,12 +219,12 @@ class Watcher {
     }
     const grpc::StatusCode code = status.error_code();
     if (code == grpc::StatusCode::RESOURCE_EXHAUSTED) {
-      PrintError(cTool, "notifications of " + ended.service + " were missed: " + ReasonOf(status));
+      PrintError(kTool, "notifications of " + ended.service + " were missed: " + ReasonOf(status));
     } else if (code == grpc::StatusCode::UNIMPLEMENTED || code == grpc::StatusCode::NOT_FOUND ||
                code == grpc::StatusCode::PERMISSION_DENIED) {
       throw Unreachable(ended.service + " at " + mDaemon.address + ": " + ReasonOf(status));
     } else if (!mLost) {  // the connection ended, one way or another: said once for both services
-      PrintError(cTool,
+      PrintError(kTool,
                  "the daemon at " + mDaemon.address + " is gone (" + ReasonOf(status) + "), waiting for it");
       mLost = true;
     }
@@ -241,11 +241,11 @@ class Watcher {
     const std::string text = Printable(event.text);
     const std::string time = TimeForPeople();
     if (text.empty()) {
-      return mOutput.HasColour() ? fmt::format("{}{} {}{}", cGrey, time, event.kind, cPlain)
+      return mOutput.HasColour() ? fmt::format("{}{} {}{}", kGrey, time, event.kind, kPlain)
                                  : time + " " + event.kind;
     }
-    return mOutput.HasColour() ? fmt::format("{}{}{} {:<14} {}{}{}", cGrey, time, cPlain, event.kind,
-                                             event.colour, text, cPlain)
+    return mOutput.HasColour() ? fmt::format("{}{}{} {:<14} {}{}{}", kGrey, time, kPlain, event.kind,
+                                             event.colour, text, kPlain)
                                : fmt::format("{} {:<14} {}", time, event.kind, text);
   }
 

@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr size_t Columns = 72;
-constexpr size_t Rows = 6;
+constexpr size_t kColumns = 72;
+constexpr size_t kRows = 6;
 
 }  // namespace
 
@@ -16,7 +16,7 @@ std::string MakeChart(const std::string& title, const std::vector<size_t>& value
     return title + ": nothing measured\n";
   }
   // Several values share a column: the largest counts, so that no peak is lost.
-  const size_t width = std::min(Columns, values.size());
+  const size_t width = std::min(kColumns, values.size());
   std::vector<size_t> columns(width, 0);
   std::string marked(width, '-');
   for (size_t i = 0; i < values.size(); ++i) {
@@ -29,11 +29,11 @@ std::string MakeChart(const std::string& title, const std::vector<size_t>& value
   const auto [least, most] = std::minmax_element(columns.begin(), columns.end());
   const size_t span = std::max<size_t>(*most - *least, 1);
   std::string chart = title + "\n";
-  for (size_t row = Rows; row > 0; --row) {
-    const bool isLabelled = row == Rows || row == 1;
+  for (size_t row = kRows; row > 0; --row) {
+    const bool isLabelled = row == kRows || row == 1;
     chart += isLabelled ? fmt::format("{:>8} |", row == 1 ? *least : *most) : std::string(9, ' ') + "|";
     for (const size_t value : columns) {
-      chart += 1 + (value - *least) * (Rows - 1) / span >= row ? '#' : ' ';
+      chart += 1 + (value - *least) * (kRows - 1) / span >= row ? '#' : ' ';
     }
     chart += "\n";
   }

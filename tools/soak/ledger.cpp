@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr std::array<const char*, OutcomeCount> Names{
+constexpr std::array<const char*, kOutcomeCount> Names{
     "notified",
     "suppressed: seen again within two seconds",
     "withheld: charging is free",
@@ -40,7 +40,7 @@ std::string Ledger::Line() const {
 
 std::string Ledger::Report() const {
   std::string report = fmt::format("{:>8} swipes sent\n", mSent);
-  for (size_t i = 0; i < OutcomeCount; ++i) {
+  for (size_t i = 0; i < kOutcomeCount; ++i) {
     report += fmt::format("{:>8}   {}\n", mOutcomes[i], Names[i]);
   }
   report += fmt::format("{:>8} notifications of them received, {} sent by the daemon's own log\n",

@@ -16,7 +16,7 @@ enum class EOutcome {
   LostUnheard,    ///< the kernel's event was lost without a sign, and the card went before the next look
   Unexplained
 };
-constexpr size_t OutcomeCount = 9;
+constexpr size_t kOutcomeCount = 9;
 
 /// The book of swipes and notifications.
 class Ledger {
@@ -41,7 +41,7 @@ class Ledger {
   size_t Count(EOutcome outcome) const { return mOutcomes[static_cast<size_t>(outcome)]; }
   size_t Outcomes() const;
 
-  std::array<size_t, OutcomeCount> mOutcomes{};
+  std::array<size_t, kOutcomeCount> mOutcomes{};
   size_t mSent = 0;
   size_t mNotifications = 0;  ///< that came to the supervisor
   size_t mLogged = 0;         ///< that the daemon says in its log to have sent

@@ -17,10 +17,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int cFailureStatus = 1;
-constexpr int cMeasurements = 144;
-constexpr std::chrono::seconds cProgressOnTerminal(10);
-constexpr std::chrono::seconds cProgressElsewhere(60);
+constexpr int kFailureStatus = 1;
+constexpr int kMeasurements = 144;
+constexpr std::chrono::seconds kProgressOnTerminal(10);
+constexpr std::chrono::seconds kProgressElsewhere(60);
 
 bool HasCome(const StopSignals& signals) {
   pollfd waiting{signals.Descriptor(), POLLIN, 0};
@@ -39,7 +39,7 @@ int Run(double minutes, unsigned seed) {
       std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::ratio<60>>(minutes));
   output.Write(fmt::format("seed {}, {}", seed, MinutesAndSeconds(duration)));
   const Clock::duration progressPeriod =
-      isatty(STDOUT_FILENO) != 0 ? cProgressOnTerminal : cProgressElsewhere;
+      isatty(STDOUT_FILENO) != 0 ? kProgressOnTerminal : kProgressElsewhere;
   const auto start = Clock::now();
   auto nextProgress = start + progressPeriod;
   auto nextMeasurement = start;
@@ -49,7 +49,7 @@ int Run(double minutes, unsigned seed) {
     soak.Act();
     if (Clock::now() >= nextMeasurement) {
       soak.Measure();
-      nextMeasurement += duration / cMeasurements;
+      nextMeasurement += duration / kMeasurements;
     }
     if (Clock::now() >= nextProgress) {
       output.Write(MinutesAndSeconds(Clock::now() - start) + "  " + soak.Book().Line());
@@ -63,7 +63,7 @@ int Run(double minutes, unsigned seed) {
     return 0;
   }
   PrintError("soak", "the daemon's logs are in " + soak.KeepLogs());
-  return cFailureStatus;
+  return kFailureStatus;
 }
 
 int RunCommandLine(int argc, char** argv) {
@@ -87,6 +87,6 @@ int main(int argc, char** argv) {
     return RunCommandLine(argc, argv);
   } catch (const std::exception& e) {
     PrintError("soak", e.what());
-    return cFailureStatus;
+    return kFailureStatus;
   }
 }

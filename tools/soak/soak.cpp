@@ -16,11 +16,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr std::chrono::seconds Patience(40);
-constexpr std::chrono::seconds RecentTagTimeout(2);
-constexpr std::chrono::milliseconds SurelyNotLost(1500);
-constexpr size_t CardsInMind = 5;
-const std::string FenceUid = "FENCE";
+constexpr std::chrono::seconds kPatience(40);
+constexpr std::chrono::seconds kRecentTagTimeout(2);
+constexpr std::chrono::milliseconds kSurelyNotLost(1500);
+constexpr size_t kCardsInMind = 5;
+const std::string kFenceUid = "FENCE";
 
 size_t CountOf(const std::string& text, const std::string& part) {
   size_t count = 0;
@@ -31,7 +31,7 @@ size_t CountOf(const std::string& text, const std::string& part) {
 }
 
 bool IsOfCard(const std::string& told) {
-  return (told.starts_with("token ") && !told.starts_with("token " + FenceUid)) ||
+  return (told.starts_with("token ") && !told.starts_with("token " + kFenceUid)) ||
          told.starts_with("learning ");
 }
 
@@ -57,7 +57,7 @@ void Soak::Act() {
     const char* name;
     void (Soak::*act)();
   };
-  static constexpr Kind Kinds[] = {
+  static constexpr Kind kKinds[] = {
       {400, "a card is tapped", &Soak::Tap},
       {60, "a card is held", &Soak::Hold},
       {200, "a card is injected", &Soak::Inject},
@@ -79,9 +79,9 @@ void Soak::Act() {
   };
   Collect();
   mTold.clear();
-  unsigned chosen = Below(std::accumulate(std::begin(Kinds), std::end(Kinds), 0U,
+  unsigned chosen = Below(std::accumulate(std::begin(kKinds), std::end(kKinds), 0U,
                                           [](unsigned sum, const Kind& kind) { return sum + kind.weight; }));
-  const auto* kind = std::begin(Kinds);
+  const auto* kind = std::begin(kKinds);
   for (; chosen >= kind->weight; ++kind) {
     chosen -= kind->weight;
   }
@@ -104,7 +104,7 @@ void Soak::Inject() {
   // may not.
   Require(Settle() && Settle(), "an injected card is no error");
   const auto seen = mSeen.find(card.uid);
-  const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= RecentTagTimeout;
+  const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= kRecentTagTimeout;
   EnterOutcome(ExpectedNotification(card), maySuppress ? EOutcome::Suppressed : EOutcome::Unexplained);
   mSeen[card.uid] = {before, Clock::now()};
 }
@@ -148,7 +148,7 @@ void Soak::SwipeWhileSomethingFails() {
     EFailure failure;
   };
   // A START_POLL of the look after polling may be the one that fails; the look tries once more.
-  static constexpr Rule Rules[] = {
+  static constexpr Rule kRules[] = {
       {"START_POLL nth=1 errno=EPROTO", EFailure::Possible},
       {"START_POLL nth=1 errno=EBUSY", EFailure::Possible},
       {"START_POLL nth=1 drop", EFailure::Certain},
@@ -162,7 +162,7 @@ void Soak::SwipeWhileSomethingFails() {
       {"GET_TARGET nth=1 unplug", EFailure::Certain},
       {"DEV_UP nth=1 errno=EIO", EFailure::Certain},
   };
-  const auto& rule = Rules[Below(std::size(Rules))];
+  const auto& rule = kRules[Below(std::size(kRules))];
   mAction = rule.text;
   mStation.Kernel().AddRule(rule.text);
   Swipe(RandomCard(), 0ms, rule.failure);
@@ -227,7 +227,7 @@ void Soak::LoseFind() {
   mStation.Kernel().AddRule("TARGETS_FOUND nth=1 drop");
   mLedger.EnterSent();
   mStation.Kernel().PresentTag(card.tag);
-  Require(Eventually([this] { return mStation.Kernel().ListRules().back().fired > 0; }, Patience),
+  Require(Eventually([this] { return mStation.Kernel().ListRules().back().fired > 0; }, kPatience),
           "the reader finds a card while enabled");
   mStation.Kernel().RemoveTags();
   mStation.Kernel().ClearRules();
@@ -315,7 +315,7 @@ void Soak::PlugIn() {
           return false;  // a reader that has gone keeps its number for some time
         }
       },
-      Patience);
+      kPatience);
   Require(hasReader, "a reader can be plugged in");
 }
 
@@ -353,7 +353,7 @@ void Soak::StopDaemon(int signal) {
   Require(end == (signal == SIGINT ? "exit 0" : "signal 9"), "the daemon ends as it should, not with " + end);
   const auto log = mStation.Log();
   mLedger.EnterLogged(CountOf(log, "RfidToken notif: '") + CountOf(log, "Sending RfidLearningToken notif: ") -
-                      CountOf(log, "RfidToken notif: '" + FenceUid));
+                      CountOf(log, "RfidToken notif: '" + kFenceUid));
   mSeen.clear();
 }
 
@@ -364,7 +364,7 @@ void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, EFailure fail
   const auto before = Clock::now();
   kernel.PresentTag(card.tag);
   Require(
-      kernel.WaitFor([&](const Status& s) { return s.Events(NFC_EVENT_TARGETS_FOUND) > found; }, Patience),
+      kernel.WaitFor([&](const Status& s) { return s.Events(NFC_EVENT_TARGETS_FOUND) > found; }, kPatience),
       "the reader finds a card while enabled");
   const auto unseen = KeepCard(hold);
   kernel.RemoveTags();
@@ -377,11 +377,11 @@ void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, EFailure fail
   Require(isRead, "there is no error without a cause");
   // Between what certainly is a repetition and what certainly is none, both are right.
   const auto seen = mSeen.find(card.uid);
-  const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= RecentTagTimeout;
-  const bool mustSuppress = seen != mSeen.end() && Clock::now() - seen->second.first < RecentTagTimeout;
+  const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= kRecentTagTimeout;
+  const bool mustSuppress = seen != mSeen.end() && Clock::now() - seen->second.first < kRecentTagTimeout;
   Require(!mustSuppress || std::none_of(mTold.begin(), mTold.end(), IsOfCard), "a repetition is suppressed");
   EnterOutcome(ExpectedNotification(card), maySuppress ? EOutcome::Suppressed : EOutcome::Unexplained,
-               unseen > SurelyNotLost);
+               unseen > kSurelyNotLost);
   mSeen[card.uid] = {hold == 0ms ? before : before + hold, Clock::now()};
 }
 
@@ -407,14 +407,14 @@ bool Soak::Settle() {
         const auto status = mStation.Kernel().GetStatus();
         return IsToldOfError() || (status.Device().polling && !status.commandWaits);
       },
-      Patience);
+      kPatience);
   Require(isIdle, "the reader polls again after a card");
   return !IsToldOfError() && Fence() && !IsToldOfError();
 }
 
 bool Soak::Fence() {
   // No UID: it is notified whatever the configuration is, after everything that came before it.
-  const auto fence = fmt::format("{}{}", FenceUid, ++mFences);
+  const auto fence = fmt::format("{}{}", kFenceUid, ++mFences);
   if (mStation.Control().Inject(fence) != "Ok") {
     return false;
   }
@@ -423,7 +423,7 @@ bool Soak::Fence() {
         Collect();
         return IsToldOfError() || Told("token " + fence + " ERfidUidInvalid") > 0;
       },
-      Patience);
+      kPatience);
 }
 
 void Soak::RecoverWith(const Card& card) {
@@ -433,7 +433,7 @@ void Soak::RecoverWith(const Card& card) {
         Collect();
         return Told("Disabled") + Told("FatalError") > 0;
       },
-      Patience);
+      kPatience);
   Require(hasEnded, "an error ends in Disabled or FatalError");
   mStation.Kernel().ClearRules();
   mSeen.clear();
@@ -499,7 +499,7 @@ bool Soak::AwaitTold(const std::string& what, size_t count) {
         Collect();
         return Told(what) >= count;
       },
-      Patience);
+      kPatience);
 }
 
 bool Soak::Require(bool condition, const std::string& what) {
@@ -538,7 +538,7 @@ Soak::Card Soak::RandomCard() {
             MakeRawTag(NFC_PROTO_MIFARE_MASK, {{NFC_ATTR_TARGET_NFCID1, Bytes(11 + Below(20), 0x42)}})};
   }
   mLatest.push_back(card);
-  if (mLatest.size() > CardsInMind) {
+  if (mLatest.size() > kCardsInMind) {
     mLatest.erase(mLatest.begin());
   }
   return card;

@@ -22,7 +22,7 @@ namespace {
 
 using namespace virtualnfc;
 
-enum ExitStatus { kDone = 0, kRefused = 1, kUsage = cUsageStatus, kUnreachable = 3 };
+enum ExitStatus { Done = 0, Refused = 1, Usage = kUsageStatus, Unreachable = 3 };
 
 constexpr double kMaxHold = 24.0 * 60 * 60;
 
@@ -48,14 +48,14 @@ int Serve(const std::string& address, const VirtualNfcSettings& settings) {
     const ControlServer control(server);
     fmt::print("virtual-nfc: ready at {}\n", address);
     if (!IsWritten()) {
-      return kRefused;
+      return Refused;
     }
     int signal = 0;
     sigwait(&ending, &signal);
-    return kDone;
+    return Done;
   } catch (const std::runtime_error& error) {
     fmt::print(stderr, "virtual-nfc: {}\n", error.what());
-    return kUnreachable;
+    return Unreachable;
   }
 }
 
@@ -64,16 +64,16 @@ int Ask(const std::string& address, const std::string& line) {
   if (reply.empty()) {
     fmt::print(stderr, "virtual-nfc: cannot reach a server at {}: {}\n", address,
                std::generic_category().message(errno));
-    return kUnreachable;
+    return Unreachable;
   }
   const std::size_t firstEnd = std::min(reply.find('\n'), reply.size() - 1);
   const std::string first = reply.substr(0, firstEnd);
   if (first != "ok") {
     fmt::print(stderr, "virtual-nfc: {}\n", first);
-    return kRefused;
+    return Refused;
   }
   fmt::print("{}", reply.substr(firstEnd + 1));
-  return kDone;
+  return Done;
 }
 
 /// The preload lies beside the tool where it was built, and in the library folder where it was installed.
@@ -86,25 +86,25 @@ int PrintEnvironment(const std::string& address) {
           address.front() == '@' ? address : std::filesystem::absolute(address).string();
       fmt::print("LD_PRELOAD={} VIRTUAL_NFC_SOCKET={}\n", std::filesystem::canonical(preload).string(),
                  where);
-      return kDone;
+      return Done;
     }
   }
   fmt::print(stderr,
              "virtual-nfc: virtual-nfc-preload.so is neither in {} nor in ../lib/virtual-nfc from there\n",
              folder.string());
-  return kRefused;
+  return Refused;
 }
 
 int RecordServer(const std::string& address, const std::string& file, std::uint32_t count) {
   switch (RecordTo(address, file, count)) {
     case RecordEnd::Done:
-      return kDone;
+      return Done;
     case RecordEnd::Refused:
-      return kRefused;
+      return Refused;
     case RecordEnd::NoServer:
-      return kUnreachable;
+      return Unreachable;
   }
-  return kUnreachable;
+  return Unreachable;
 }
 
 int RunCommand(int argc, char** argv) {
@@ -226,7 +226,7 @@ int RunCommand(int argc, char** argv) {
     return *ended;
   }
   const int result = action();
-  return result == kDone && !IsWritten() ? kRefused : result;
+  return result == Done && !IsWritten() ? Refused : result;
 }
 
 }  // namespace
@@ -236,6 +236,6 @@ int main(int argc, char** argv) {
     return RunCommand(argc, argv);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "virtual-nfc: %s\n", error.what());
-    return kRefused;
+    return Refused;
   }
 }

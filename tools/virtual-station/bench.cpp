@@ -16,12 +16,12 @@
 namespace {
 
 // A command to the reader may keep the daemon's machine busy for half a minute.
-constexpr auto cAnswerTime = std::chrono::seconds(60);
-constexpr auto cReaderTime = std::chrono::seconds(5);  ///< virtual-nfc answers at once; Stop waits for it
-constexpr auto cLogPeriod = std::chrono::milliseconds(250);
-constexpr int cLookPeriods = 4;
-constexpr const char* cHoldMilliseconds = "700";
-constexpr std::size_t cLongestUid = 64;
+constexpr auto kAnswerTime = std::chrono::seconds(60);
+constexpr auto kReaderTime = std::chrono::seconds(5);  ///< virtual-nfc answers at once; Stop waits for it
+constexpr auto kLogPeriod = std::chrono::milliseconds(250);
+constexpr int kLookPeriods = 4;
+constexpr const char* kHoldMilliseconds = "700";
+constexpr std::size_t kLongestUid = 64;
 
 bool IsHex(const std::string& text) {
   return !text.empty() && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
@@ -49,8 +49,8 @@ Bench::Bench(BenchSettings settings)
       mSwitches(mSettings.rpc.configuration),
       mCards(mSettings.rpc.configuration),
       mLog(mSettings.logFile),
-      mControlChannel(OpenChannel(mSettings.rpc.listen, cControlService)),
-      mRfidChannel(OpenChannel(mSettings.rpc.listen, cRfidService)) {
+      mControlChannel(OpenChannel(mSettings.rpc.listen, kControlService)),
+      mRfidChannel(OpenChannel(mSettings.rpc.listen, kRfidService)) {
   mModel.SetLearning(false);
   LookAtSettings();
   ServePeers();
@@ -134,9 +134,9 @@ void Bench::WatchFiles() {
     if (look) {
       Look();
     }
-    period = (period + 1) % cLookPeriods;
+    period = (period + 1) % kLookPeriods;
     lock.lock();
-    mWake.wait_for(lock, cLogPeriod, [this] { return mStopping || mLookSoon; });
+    mWake.wait_for(lock, kLogPeriod, [this] { return mStopping || mLookSoon; });
   }
 }
 
@@ -150,7 +150,7 @@ void Bench::LookAtReader() {
   Json::Value reader;
   reader["simulated"] = !mSettings.nfcSocket.empty();
   if (!mSettings.nfcSocket.empty()) {
-    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status json", cReaderTime);
+    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status json", kReaderTime);
     reader["there"] = reply.rfind("ok\n", 0) == 0;
     if (reader["there"].asBool()) {
       const Json::Value status = Parse(reply.substr(3));
@@ -255,7 +255,7 @@ Bench::Answer Bench::Carry(const Json::Value& request) {
 Bench::Answer Bench::Ask(const std::function<grpc::Status(grpc::ClientContext&, ipc::MResult&)>& call,
                          const std::string& done, const std::string& refusal) {
   grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + cAnswerTime);
+  context.set_deadline(std::chrono::system_clock::now() + kAnswerTime);
   {
     const std::lock_guard lock(mMutex);
     if (mStopping) {
@@ -291,7 +291,7 @@ Bench::Answer Bench::SetLearning(bool on) {
 }
 
 Bench::Answer Bench::Inject(const std::string& uid) {
-  if (uid.empty() || uid.size() > cLongestUid || !IsPrintableAscii(uid)) {
+  if (uid.empty() || uid.size() > kLongestUid || !IsPrintableAscii(uid)) {
     return {false, "A UID to inject has 1 to 64 printable characters."};
   }
   ipc::MInjectToken request;
@@ -313,7 +313,7 @@ Bench::Answer Bench::Tap(const std::string& kind, const std::string& uid) {
     return {false, "A card has one of virtual-nfc's kinds and a hexadecimal UID."};
   }
   const std::uint64_t card = mModel.OnCardPresented(uid, kind, std::chrono::steady_clock::now());
-  Answer answer = AskReader("tap " + kind + " " + uid + " " + cHoldMilliseconds, uid + " is at the reader.");
+  Answer answer = AskReader("tap " + kind + " " + uid + " " + kHoldMilliseconds, uid + " is at the reader.");
   if (!answer.done) {
     mModel.Withdraw(card);
   }
@@ -324,7 +324,7 @@ Bench::Answer Bench::AskReader(const std::string& line, const std::string& done)
   if (mSettings.nfcSocket.empty()) {
     return {false, "There is no simulated reader: the bench was started without --nfc. Injecting works."};
   }
-  const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, line, cReaderTime);
+  const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, line, kReaderTime);
   if (reply.empty()) {
     return {false, "virtual-nfc cannot be reached at " + mSettings.nfcSocket + ": " +
                        std::generic_category().message(errno) + "."};

@@ -7,13 +7,13 @@
 
 namespace {
 
-constexpr std::size_t cMostCards = 40;
-constexpr std::size_t cMostEvents = 20;
-constexpr std::size_t cMostLines = 300;
-constexpr auto cPatience = std::chrono::seconds(5);
+constexpr std::size_t kMostCards = 40;
+constexpr std::size_t kMostEvents = 20;
+constexpr std::size_t kMostLines = 300;
+constexpr auto kPatience = std::chrono::seconds(5);
 
-constexpr const char* cWaiting = "waiting";
-constexpr const char* cUnanswered = "unanswered";
+constexpr const char* kWaiting = "waiting";
+constexpr const char* kUnanswered = "unanswered";
 
 std::string TimeOfDay() {
   return TimeForPeople().substr(11);
@@ -36,20 +36,20 @@ Json::Value ToArray(const std::deque<Json::Value>& values) {
 
 // proto3 enumerations are open: the wire may carry any number.
 std::string OutcomeOf(ipc::ERfidAuthState state) {
-  static const std::map<int, std::string> cOutcomes{{ipc::ERfidUidInStandAloneList, "accepted"},
+  static const std::map<int, std::string> kOutcomes{{ipc::ERfidUidInStandAloneList, "accepted"},
                                                     {ipc::ERfidAuthDeferred, "deferred"},
                                                     {ipc::ERfidUidNotInList, "rejected"},
                                                     {ipc::ERfidUidInvalid, "invalid"}};
-  const auto outcome = cOutcomes.find(state);
-  return outcome == cOutcomes.end() ? "state " + std::to_string(static_cast<int>(state)) : outcome->second;
+  const auto outcome = kOutcomes.find(state);
+  return outcome == kOutcomes.end() ? "state " + std::to_string(static_cast<int>(state)) : outcome->second;
 }
 
 std::string NameOf(ipc::EFbEventType event) {
-  static const std::map<int, std::string> cNames{{ipc::EFbAuthAccepted, "accepted"},
+  static const std::map<int, std::string> kNames{{ipc::EFbAuthAccepted, "accepted"},
                                                  {ipc::EFbAuthRejected, "rejected"},
                                                  {ipc::EFbTokenScanned, "scanned"}};
-  const auto name = cNames.find(event);
-  return name == cNames.end() ? "event " + std::to_string(static_cast<int>(event)) : name->second;
+  const auto name = kNames.find(event);
+  return name == kNames.end() ? "event " + std::to_string(static_cast<int>(event)) : name->second;
 }
 
 std::string ToUpper(std::string text) {
@@ -77,7 +77,7 @@ void BenchModel::OnStreamEnd(EStream stream, const std::string& reason) {
   // A daemon that comes back has forgotten both.
   mParts["learning"] = false;
   for (Card& card : mCards) {
-    card.outcome = card.outcome == cWaiting ? cUnanswered : card.outcome;
+    card.outcome = card.outcome == kWaiting ? kUnanswered : card.outcome;
   }
   Changed();
 }
@@ -97,7 +97,7 @@ void BenchModel::NoteTransition(const std::string& to) {
   transition["from"] = std::exchange(mState, to);
   transition["to"] = to;
   mTransitions.push_back(std::move(transition));
-  KeepLatest(mTransitions, cMostEvents);
+  KeepLatest(mTransitions, kMostEvents);
 }
 
 void BenchModel::OnAlive() {
@@ -120,14 +120,14 @@ void BenchModel::OnLearningToken(const std::string& uid) {
 void BenchModel::Conclude(const std::string& uid, const std::string& outcome) {
   // A FeliCa tag has no UID that the daemon knows of; its outcome comes with an empty one.
   const auto card = std::find_if(mCards.begin(), mCards.end(), [&](const Card& candidate) {
-    return candidate.outcome == cWaiting &&
+    return candidate.outcome == kWaiting &&
            (ToUpper(candidate.uid) == uid || (uid.empty() && candidate.kind == "felica"));
   });
   if (card != mCards.end()) {
     card->outcome = outcome;
   } else {
     mCards.push_back({++mNumber, TimeOfDay(), uid, "", "seen", outcome, {}});
-    KeepLatest(mCards, cMostCards);
+    KeepLatest(mCards, kMostCards);
   }
   Changed();
 }
@@ -139,11 +139,11 @@ void BenchModel::OnFeedback(ipc::EFbEventType event) {
   entry["time"] = TimeOfDay();
   entry["event"] = NameOf(event);
   mFeedback.push_back(std::move(entry));
-  KeepLatest(mFeedback, cMostEvents);
+  KeepLatest(mFeedback, kMostEvents);
   // While charging is free the daemon reports a card as scanned and says no more about it.
   if (event == ipc::EFbTokenScanned && mParts["settings"]["free"].asBool() && !mParts["learning"].asBool()) {
     const auto card = std::find_if(mCards.begin(), mCards.end(),
-                                   [](const Card& candidate) { return candidate.outcome == cWaiting; });
+                                   [](const Card& candidate) { return candidate.outcome == kWaiting; });
     if (card != mCards.end()) {
       card->outcome = "free";
     }
@@ -164,8 +164,8 @@ void BenchModel::OnSignal(const ipc::MSignal& signal) {
 
 std::uint64_t BenchModel::OnCardPresented(const std::string& uid, const std::string& kind, TimePoint now) {
   const std::lock_guard lock(mMutex);
-  mCards.push_back({++mNumber, TimeOfDay(), uid, kind, kind.empty() ? "injected" : "tapped", cWaiting, now});
-  KeepLatest(mCards, cMostCards);
+  mCards.push_back({++mNumber, TimeOfDay(), uid, kind, kind.empty() ? "injected" : "tapped", kWaiting, now});
+  KeepLatest(mCards, kMostCards);
   Changed();
   return mNumber;
 }
@@ -173,7 +173,7 @@ std::uint64_t BenchModel::OnCardPresented(const std::string& uid, const std::str
 void BenchModel::Withdraw(std::uint64_t card) {
   const std::lock_guard lock(mMutex);
   std::erase_if(mCards, [card](const Card& candidate) {
-    return candidate.number == card && candidate.outcome == cWaiting;
+    return candidate.number == card && candidate.outcome == kWaiting;
   });
   Changed();
 }
@@ -181,8 +181,8 @@ void BenchModel::Withdraw(std::uint64_t card) {
 void BenchModel::GiveUpWaiting(TimePoint now) {
   const std::lock_guard lock(mMutex);
   for (Card& card : mCards) {
-    if (card.outcome == cWaiting && now - card.since > cPatience) {
-      card.outcome = cUnanswered;
+    if (card.outcome == kWaiting && now - card.since > kPatience) {
+      card.outcome = kUnanswered;
       Changed();
     }
   }
@@ -192,7 +192,7 @@ void BenchModel::OnLogLines(const std::vector<std::string>& lines) {
   const std::lock_guard lock(mMutex);
   mLines.insert(mLines.end(), lines.begin(), lines.end());
   mLineCount += lines.size();
-  KeepLatest(mLines, cMostLines);
+  KeepLatest(mLines, kMostLines);
   mNews.notify_all();
 }
 

@@ -11,15 +11,15 @@
 
 namespace {
 
-constexpr const char* cAddress = "127.0.0.1";
-constexpr const char* cHeader = "X-Bench";
-constexpr int cMostStreams = 12;
-constexpr std::size_t cThreads = 24;
-constexpr std::size_t cLongestRequest = 4096;
-constexpr auto cHeartbeat = std::chrono::seconds(2);
+constexpr const char* kAddress = "127.0.0.1";
+constexpr const char* kHeader = "X-Bench";
+constexpr int kMostStreams = 12;
+constexpr std::size_t kThreads = 24;
+constexpr std::size_t kLongestRequest = 4096;
+constexpr auto kHeartbeat = std::chrono::seconds(2);
 
 /// Only this server's own files run on its page, and nobody shows it inside a page of theirs.
-const httplib::Headers cHeaders{
+const httplib::Headers kHeaders{
     {"Content-Security-Policy",
      "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'none'"},
     {"X-Content-Type-Options", "nosniff"},
@@ -62,7 +62,7 @@ bool ParseObject(const std::string& text, Json::Value& value) {
 BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
     : mModel(model), mCarrier(std::move(carrier)), mPort(port), mServer(std::make_unique<httplib::Server>()) {
   httplib::Server& server = *mServer;
-  server.new_task_queue = [] { return new httplib::ThreadPool(cThreads); };
+  server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
   // A port in use is an error here; the library would share it.
   server.set_socket_options([](socket_t socket) {
     const int yes = 1;
@@ -72,8 +72,8 @@ BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
   server.set_keep_alive_timeout(1);
   server.set_read_timeout(std::chrono::seconds(2));
   server.set_write_timeout(std::chrono::seconds(2));
-  server.set_payload_max_length(cLongestRequest);
-  server.set_default_headers(cHeaders);
+  server.set_payload_max_length(kLongestRequest);
+  server.set_default_headers(kHeaders);
   server.set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
     std::string reason;
     if (IsPermitted(request, reason)) {
@@ -99,9 +99,9 @@ BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
     ServeRequest(request, response);
   });
   const bool bound =
-      port == 0 ? (mPort = server.bind_to_any_port(cAddress)) > 0 : server.bind_to_port(cAddress, port);
+      port == 0 ? (mPort = server.bind_to_any_port(kAddress)) > 0 : server.bind_to_port(kAddress, port);
   if (!bound) {
-    throw std::runtime_error("cannot listen on " + std::string(cAddress) + ":" + std::to_string(port) +
+    throw std::runtime_error("cannot listen on " + std::string(kAddress) + ":" + std::to_string(port) +
                              "; is the port in use? --port 0 takes any that is free");
   }
 }
@@ -109,7 +109,7 @@ BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
 BenchServer::~BenchServer() = default;
 
 std::string BenchServer::Url() const {
-  return "http://" + std::string(cAddress) + ":" + std::to_string(mPort) + "/";
+  return "http://" + std::string(kAddress) + ":" + std::to_string(mPort) + "/";
 }
 
 void BenchServer::Run() {
@@ -128,17 +128,17 @@ void BenchServer::Stop() {
 bool BenchServer::IsPermitted(const httplib::Request& request, std::string& reason) const {
   const std::string port = mPort == 80 ? "" : ":" + std::to_string(mPort);
   const auto isHere = [&port](const std::string& host) {
-    return host == cAddress + port || host == "localhost" + port;
+    return host == kAddress + port || host == "localhost" + port;
   };
   const std::string origin = request.get_header_value("Origin");
-  const std::string cScheme = "http://";
+  const std::string kScheme = "http://";
   if (!isHere(request.get_header_value("Host")) || request.get_header_value_count("Host") != 1) {
     reason = "this is the bench, not the host that was asked for";
   } else if (request.has_header("Origin") &&
-             (origin.rfind(cScheme, 0) != 0 || !isHere(origin.substr(cScheme.size())))) {
+             (origin.rfind(kScheme, 0) != 0 || !isHere(origin.substr(kScheme.size())))) {
     reason = "requests from other pages are refused";
-  } else if (request.method != "GET" && request.method != "HEAD" && !request.has_header(cHeader)) {
-    reason = std::string("the request lacks the header ") + cHeader;
+  } else if (request.method != "GET" && request.method != "HEAD" && !request.has_header(kHeader)) {
+    reason = std::string("the request lacks the header ") + kHeader;
   }
   return reason.empty();
 }
@@ -146,7 +146,7 @@ bool BenchServer::IsPermitted(const httplib::Request& request, std::string& reas
 void BenchServer::ServeEvents(httplib::Response& response) {
   // Each holds a thread for as long as its page is open.
   const std::shared_ptr<void> place(nullptr, [streams = mStreams](void*) { --*streams; });
-  if (++*mStreams > cMostStreams) {
+  if (++*mStreams > kMostStreams) {
     response.status = 503;
     response.set_content("too many pages are open\n", "text/plain");
     return;
@@ -154,7 +154,7 @@ void BenchServer::ServeEvents(httplib::Response& response) {
   const auto cursor = std::make_shared<BenchModel::Cursor>();
   response.set_chunked_content_provider(
       "text/event-stream", [this, place, cursor](std::size_t, httplib::DataSink& sink) {
-        const BenchModel::News news = mModel.WaitForNews(*cursor, cHeartbeat);
+        const BenchModel::News news = mModel.WaitForNews(*cursor, kHeartbeat);
         const std::string text = TextOf(news);
         return !news.closed && sink.write(text.data(), text.size());
       });

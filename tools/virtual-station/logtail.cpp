@@ -9,12 +9,12 @@
 
 namespace {
 
-constexpr std::uint64_t cMost = 64UL * 1024;  ///< that is read at once
-constexpr std::size_t cLongestLine = 4096;
+constexpr std::uint64_t kMost = 64UL * 1024;  ///< that is read at once
+constexpr std::size_t kLongestLine = 4096;
 
 std::string Plain(const std::string& line) {
-  static const std::regex cColours("\x1b\\[[0-9;]*m");
-  return Printable(std::regex_replace(line.substr(0, cLongestLine), cColours, ""));
+  static const std::regex kColours("\x1b\\[[0-9;]*m");
+  return Printable(std::regex_replace(line.substr(0, kLongestLine), kColours, ""));
 }
 
 }  // namespace
@@ -31,8 +31,8 @@ std::vector<std::string> LogTail::Read() {
     mPart.clear();
   }
   bool skipped = false;
-  if (size - mPosition > cMost) {
-    mPosition = size - cMost;
+  if (size - mPosition > kMost) {
+    mPosition = size - kMost;
     mPart.clear();
     skipped = true;
   }
@@ -49,6 +49,6 @@ std::vector<std::string> LogTail::Read() {
   for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
     lines.push_back(Plain(text.substr(begin, end - begin)));
   }
-  mPart = text.substr(begin, cLongestLine);
+  mPart = text.substr(begin, kLongestLine);
   return lines;
 }

@@ -21,8 +21,8 @@
 
 namespace {
 
-constexpr const char* cTool = "virtual-station";
-constexpr int cFailureStatus = 1;
+constexpr const char* kTool = "virtual-station";
+constexpr int kFailureStatus = 1;
 
 struct Options {
   std::string root = "/";
@@ -81,7 +81,7 @@ int Serve(const Options& options) {
     try {
       output.Write(options.json ? JsonOf(call) : TextOf(call));
     } catch (const std::exception& e) {
-      PrintError(cTool, e.what());
+      PrintError(kTool, e.what());
     }
   };
   if (config.peers.count("Feedback") + config.peers.count("Diagnostics") == 0) {
@@ -90,7 +90,7 @@ int Serve(const Options& options) {
   const VirtualStation station(config.peers, print, answer);
   for (const auto& [name, address] : config.peers) {
     const bool isServed = name == "Feedback" || name == "Diagnostics";
-    PrintError(cTool, isServed ? fmt::format("serving {} at {}", name, address) : "not serving " + name);
+    PrintError(kTool, isServed ? fmt::format("serving {} at {}", name, address) : "not serving " + name);
   }
   WaitForEnd(signals);
   return 0;
@@ -99,9 +99,9 @@ int Serve(const Options& options) {
 /// At the port that is asked for; without one at the usual port, and where that is taken at any.
 std::unique_ptr<BenchServer> OpenBenchServer(BenchModel& model, const BenchServer::Carrier& carrier,
                                              const std::optional<int>& port) {
-  constexpr int cUsualPort = 8080;
+  constexpr int kUsualPort = 8080;
   try {
-    return std::make_unique<BenchServer>(model, carrier, port.value_or(cUsualPort));
+    return std::make_unique<BenchServer>(model, carrier, port.value_or(kUsualPort));
   } catch (const std::runtime_error&) {
     if (port) {
       throw;
@@ -115,7 +115,7 @@ int ServeBench(const Options& options) {
   LineOutput output;
   Bench bench({LoadRpcConfig(options.root), options.nfcSocket, options.logFile});
   if (!bench.PeersProblem().empty()) {
-    PrintError(cTool, bench.PeersProblem());
+    PrintError(kTool, bench.PeersProblem());
   }
   const auto carry = [&bench](const Json::Value& request) {
     const Bench::Answer answer = bench.Do(request);
@@ -146,15 +146,15 @@ std::filesystem::path Store(const Options& options) {
 
 int AddCard(const Options& options) {
   if (!CardList(Store(options)).Add(options.uid)) {
-    PrintError(cTool, options.uid + " is in the list already");
+    PrintError(kTool, options.uid + " is in the list already");
   }
   return 0;
 }
 
 int RemoveCard(const Options& options) {
   if (!CardList(Store(options)).Remove(options.uid)) {
-    PrintError(cTool, options.uid + " is not in the list");
-    return cFailureStatus;
+    PrintError(kTool, options.uid + " is not in the list");
+    return kFailureStatus;
   }
   return 0;
 }
@@ -210,7 +210,7 @@ int RunCommandLine(int argc, char** argv) {
   Options options;
   CLI::App app(
       "The station around the RFID daemon: its feedback and diagnostics services and its configuration.",
-      cTool);
+      kTool);
   SetUpTool(app);
   app.require_subcommand(1);
   app.add_option("--root", options.root, "Root folder of the station; etc/plex.json below it says the rest")
@@ -265,7 +265,7 @@ int main(int argc, char** argv) {
   try {
     return RunCommandLine(argc, argv);
   } catch (const std::exception& e) {
-    PrintError(cTool, e.what());
-    return cFailureStatus;
+    PrintError(kTool, e.what());
+    return kFailureStatus;
   }
 }

@@ -67,16 +67,16 @@ std::string ToUpper(std::string text) {
   return text;
 }
 
-constexpr const char* cTokens = "Tokens";
-constexpr const char* cUid = "RfidTokenUid";
+constexpr const char* kTokens = "Tokens";
+constexpr const char* kUid = "RfidTokenUid";
 
 std::string UidOf(const Json::Value& token) {
-  return token.isObject() && token[cUid].isString() ? token[cUid].asString() : "";
+  return token.isObject() && token[kUid].isString() ? token[kUid].asString() : "";
 }
 
 /// The document's list, made if there is none; whatever else stands in its place is not touched.
 Json::Value& TokensOf(Json::Value& document) {
-  Json::Value& tokens = document[cTokens];
+  Json::Value& tokens = document[kTokens];
   if (tokens.isNull()) {
     tokens = Json::Value(Json::arrayValue);
   }
@@ -184,7 +184,7 @@ bool CardList::Add(const std::string& uid) const {
     added =
         std::none_of(tokens.begin(), tokens.end(), [&](const auto& token) { return UidOf(token) == wanted; });
     if (added) {
-      tokens.append(Json::Value(Json::objectValue))[cUid] = wanted;
+      tokens.append(Json::Value(Json::objectValue))[kUid] = wanted;
     }
     return added;
   });
@@ -214,7 +214,7 @@ bool CardList::Remove(const std::string& uid) const {
 std::vector<std::string> CardList::Uids() const {
   std::vector<std::string> uids;
   const Json::Value document = mFile.Load();
-  for (const Json::Value& token : document[cTokens]) {
+  for (const Json::Value& token : document[kTokens]) {
     if (std::string uid = UidOf(token); !uid.empty()) {
       uids.push_back(std::move(uid));
     }

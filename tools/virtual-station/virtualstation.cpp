@@ -17,7 +17,7 @@
 
 namespace {
 
-const std::string cUnixScheme = "unix:";
+const std::string kUnixScheme = "unix:";
 
 using SocketCall = int (*)(int, const sockaddr*, socklen_t);
 
@@ -50,13 +50,13 @@ void PrepareUnixSocket(const std::string& path) {
   }
   const int answer = TrySocket(connect, path);
   if (answer == 0) {
-    throw std::runtime_error(cUnixScheme + path + " is in use");
+    throw std::runtime_error(kUnixScheme + path + " is in use");
   }
   if (answer == ECONNREFUSED && std::filesystem::is_socket(path, error)) {  // of one that is gone
     std::filesystem::remove(path, error);
   }
   if (const int reason = TrySocket(bind, path); reason != 0) {
-    throw std::runtime_error("cannot listen on " + cUnixScheme + path + ": " +
+    throw std::runtime_error("cannot listen on " + kUnixScheme + path + ": " +
                              std::generic_category().message(reason));
   }
   std::filesystem::remove(path, error);
@@ -190,8 +190,8 @@ class VirtualStation::Impl {
 
   static std::unique_ptr<grpc::Server> Serve(const std::string& address,
                                              const std::vector<grpc::Service*>& services) {
-    if (address.compare(0, cUnixScheme.size(), cUnixScheme) == 0) {
-      PrepareUnixSocket(address.substr(cUnixScheme.size()));
+    if (address.compare(0, kUnixScheme.size(), kUnixScheme) == 0) {
+      PrepareUnixSocket(address.substr(kUnixScheme.size()));
     }
     grpc::ServerBuilder builder;
     builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);

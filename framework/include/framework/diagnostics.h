@@ -18,10 +18,10 @@ struct CSignalDefinition {
 
 /// The catalogue's entries that this daemon publishes.
 namespace SignalCatalogue {
-extern const CSignalDefinition<std::string> RfidState;
-extern const CSignalDefinition<std::string> RfidLastUid;
-extern const CSignalDefinition<std::string> RfidLastTechnology;
-extern const CSignalDefinition<std::string> UserInteraction;
+extern const CSignalDefinition<std::string> kRfidState;
+extern const CSignalDefinition<std::string> kRfidLastUid;
+extern const CSignalDefinition<std::string> kRfidLastTechnology;
+extern const CSignalDefinition<std::string> kUserInteraction;
 }  // namespace SignalCatalogue
 
 /// Where published values go.

@@ -135,10 +135,10 @@ TEST_P(Conformance, WhatGoesWrongAtTheReader) {
 
 namespace {
 
-constexpr std::uint16_t cAsk = NLM_F_REQUEST | NLM_F_ACK;
-constexpr std::uint16_t cDump = cAsk | NLM_F_DUMP;
+constexpr std::uint16_t kAsk = NLM_F_REQUEST | NLM_F_ACK;
+constexpr std::uint16_t kDump = kAsk | NLM_F_DUMP;
 
-MessageBuilder Message(std::uint16_t family, std::uint8_t command, std::uint16_t flags = cAsk) {
+MessageBuilder Message(std::uint16_t family, std::uint8_t command, std::uint16_t flags = kAsk) {
   MessageBuilder message(family, flags, 7, 0);
   message.Genl(command, 1);
   return message;
@@ -151,41 +151,41 @@ struct Form {
   std::function<void(MessageBuilder&)> add;
 };
 
-const Form cForms[] = {
-    {"no device", cAsk, [](MessageBuilder&) {}},
+const Form kForms[] = {
+    {"no device", kAsk, [](MessageBuilder&) {}},
     {"no request flag", NLM_F_ACK, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
     {"no flag", 0, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
     {"no acknowledgement", NLM_F_REQUEST, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
-    {"unknown device", cAsk,
+    {"unknown device", kAsk,
      [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 7).U32(NFC_ATTR_PROTOCOLS, 4); }},
-    {"dump", cDump, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
-    {"dump, no device", cDump, [](MessageBuilder&) {}},
-    {"dump, unknown device", cDump, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 7); }},
-    {"dump, no acknowledgement", cDump & ~NLM_F_ACK,
+    {"dump", kDump, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
+    {"dump, no device", kDump, [](MessageBuilder&) {}},
+    {"dump, unknown device", kDump, [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 7); }},
+    {"dump, no acknowledgement", kDump & ~NLM_F_ACK,
      [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0); }},
-    {"short device", cAsk, [](MessageBuilder& m) { m.U16(NFC_ATTR_DEVICE_INDEX, 0); }},
-    {"long device", cAsk, [](MessageBuilder& m) { m.Raw(NFC_ATTR_DEVICE_INDEX, Bytes(8, 0)); }},
-    {"short mask", cAsk,
+    {"short device", kAsk, [](MessageBuilder& m) { m.U16(NFC_ATTR_DEVICE_INDEX, 0); }},
+    {"long device", kAsk, [](MessageBuilder& m) { m.Raw(NFC_ATTR_DEVICE_INDEX, Bytes(8, 0)); }},
+    {"short mask", kAsk,
      [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0).U8(NFC_ATTR_PROTOCOLS, 4); }},
-    {"two devices", cAsk,
+    {"two devices", kAsk,
      [](MessageBuilder& m) {
        m.U32(NFC_ATTR_DEVICE_INDEX, 7).U32(NFC_ATTR_DEVICE_INDEX, 0).U32(NFC_ATTR_PROTOCOLS, 4);
      }},
-    {"two masks", cAsk,
+    {"two masks", kAsk,
      [](MessageBuilder& m) {
        m.U32(NFC_ATTR_DEVICE_INDEX, 0).U32(NFC_ATTR_IM_PROTOCOLS, 4).U32(NFC_ATTR_PROTOCOLS, 0);
      }},
-    {"an attribute that is none", cAsk,
+    {"an attribute that is none", kAsk,
      [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX, 0).U32(NFC_ATTR_PROTOCOLS, 4).U32(200, 1); }},
-    {"an attribute that is too long", cAsk,
+    {"an attribute that is too long", kAsk,
      [](MessageBuilder& m) {
        m.U32(NFC_ATTR_DEVICE_INDEX, 0).Payload(Bytes{99, 0, 3, 0});
      }},
-    {"bytes that are no attribute", cAsk,
+    {"bytes that are no attribute", kAsk,
      [](MessageBuilder& m) {
        m.U32(NFC_ATTR_DEVICE_INDEX, 0).Payload(Bytes{1, 2});
      }},
-    {"a flag in the attribute's number", cAsk,
+    {"a flag in the attribute's number", kAsk,
      [](MessageBuilder& m) { m.U32(NFC_ATTR_DEVICE_INDEX | NLA_F_NESTED, 0).U32(NFC_ATTR_PROTOCOLS, 4); }},
 };
 
@@ -197,7 +197,7 @@ TEST_P(Conformance, RequestsOfEveryForm) {
         NFC_CMD_GET_TARGET, NFC_CMD_DEV_DOWN, NFC_EVENT_TARGETS_FOUND, NFC_EVENT_DEVICE_REMOVED}) {
     Compare(fmt::format("command {}", command), [&](Conversation& talk) {
       talk.Do("a up");
-      for (const Form& form : cForms) {
+      for (const Form& form : kForms) {
         MessageBuilder message = Message(talk.Ids().family, command, form.flags);
         form.add(message);
         talk.Send(form.name, message.Finish());
@@ -219,14 +219,14 @@ TEST_P(Conformance, MessagesOfEveryForm) {
     talk.Send("a controller's command that is none", Message(GENL_ID_CTRL, 77).Finish());
     talk.Send("another family's type", Message(999, NFC_CMD_DEV_UP).Finish());
     talk.Send("a type below all families", Message(5, NFC_CMD_DEV_UP).Finish());
-    talk.Send("an end", MessageBuilder(NLMSG_DONE, cAsk, 7, 0).Finish());
-    talk.Send("no header of the family", MessageBuilder(nfc, cAsk, 7, 0).Finish());
-    ask("half a header of the family", MessageBuilder(nfc, cAsk, 7, 0).Payload(Bytes{1}));
+    talk.Send("an end", MessageBuilder(NLMSG_DONE, kAsk, 7, 0).Finish());
+    talk.Send("no header of the family", MessageBuilder(nfc, kAsk, 7, 0).Finish());
+    ask("half a header of the family", MessageBuilder(nfc, kAsk, 7, 0).Payload(Bytes{1}));
     talk.Send("half a header", Bytes{16, 0, 0});
     talk.Send("a length of 0", Bytes(64, 0));
     for (const std::uint8_t version : Bytes{0, 9}) {
       ask("another version",
-          MessageBuilder(nfc, cAsk, 7, 0).Genl(NFC_CMD_GET_DEVICE, version).U32(NFC_ATTR_DEVICE_INDEX, 0));
+          MessageBuilder(nfc, kAsk, 7, 0).Genl(NFC_CMD_GET_DEVICE, version).U32(NFC_ATTR_DEVICE_INDEX, 0));
     }
     Bytes two = Message(nfc, NFC_CMD_DEV_UP).U32(NFC_ATTR_DEVICE_INDEX, 0).Finish();
     const Bytes second = Message(nfc, NFC_CMD_DEV_DOWN).U32(NFC_ATTR_DEVICE_INDEX, 0).Finish();
