@@ -21,8 +21,8 @@ grpc_channel* MakeChannel(const std::string& address) {
 
 }  // namespace
 
-ConnectionWatch::ConnectionWatch(const std::string& address, std::function<bool()> isConnected,
-                                 std::function<void()> lost)
+CConnectionWatch::CConnectionWatch(const std::string& address, std::function<bool()> isConnected,
+                                   std::function<void()> lost)
     : mIsConnected(std::move(isConnected)),
       mLost(std::move(lost)),
       mChange(MakeEvent(this, TakeChange)),
@@ -30,7 +30,7 @@ ConnectionWatch::ConnectionWatch(const std::string& address, std::function<bool(
       mQueue(grpc_completion_queue_create_for_callback(&mShutdown, nullptr)),
       mChannel(MakeChannel(address)) {}
 
-ConnectionWatch::~ConnectionWatch() {
+CConnectionWatch::~CConnectionWatch() {
   {
     const std::lock_guard<std::mutex> lock(mMutex);
     mIsEnding = true;
@@ -46,19 +46,19 @@ ConnectionWatch::~ConnectionWatch() {
   grpc_completion_queue_destroy(mQueue);
 }
 
-ConnectionWatch::Event ConnectionWatch::MakeEvent(ConnectionWatch* watch, void (*run)(Functor*, int)) {
+CConnectionWatch::Event CConnectionWatch::MakeEvent(CConnectionWatch* watch, void (*run)(Functor*, int)) {
   Event event{};
   event.functor_run = run;
   event.watch = watch;
   return event;
 }
 
-void ConnectionWatch::TakeShutdown(Functor* event, int /*ok*/) {
+void CConnectionWatch::TakeShutdown(Functor* event, int /*ok*/) {
   static_cast<Event*>(event)->watch->mIsShutDown.set_value();
 }
 
-void ConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
-  ConnectionWatch& watch = *static_cast<Event*>(event)->watch;
+void CConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
+  CConnectionWatch& watch = *static_cast<Event*>(event)->watch;
   if (watch.IsLost()) {
     watch.mLost();
     const std::lock_guard<std::mutex> lock(watch.mMutex);
@@ -67,12 +67,12 @@ void ConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
 }
 
 /// With mMutex held, last of all: the destructor may go on.
-void ConnectionWatch::EndWait() {
+void CConnectionWatch::EndWait() {
   --mWaits;
   mWaitEnded.notify_all();
 }
 
-void ConnectionWatch::Begin() {
+void CConnectionWatch::Begin() {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (!mIsWatching) {
     mIsWatching = true;
@@ -80,7 +80,7 @@ void ConnectionWatch::Begin() {
   }
 }
 
-void ConnectionWatch::WaitForChange(grpc_connectivity_state state) {
+void CConnectionWatch::WaitForChange(grpc_connectivity_state state) {
   mState = state;
   ++mWaits;
   grpc_channel_watch_connectivity_state(mChannel, state, gpr_inf_future(GPR_CLOCK_REALTIME), mQueue,
@@ -88,7 +88,7 @@ void ConnectionWatch::WaitForChange(grpc_connectivity_state state) {
 }
 
 /// After a change: whether the peer has gone. If it has not, waits for the next.
-bool ConnectionWatch::IsLost() {
+bool CConnectionWatch::IsLost() {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mIsEnding) {
     EndWait();

@@ -13,14 +13,14 @@
 /// A connection of its own, on which nothing is sent, ends with the server. The library reports that on one
 /// of its own threads: a thread that waits for it here would take part in the library's polling for
 /// everybody, at the cost of some ten system calls for every card.
-class ConnectionWatch {
+class CConnectionWatch {
  public:
   /// `isConnected` says whether the connection that matters is there. `lost` is called when it may have been
   /// lost. Both are called on threads of the library's and must not block.
-  ConnectionWatch(const std::string& address, std::function<bool()> isConnected, std::function<void()> lost);
-  ~ConnectionWatch();  ///< waits for calls in progress
-  ConnectionWatch(const ConnectionWatch&) = delete;
-  ConnectionWatch& operator=(const ConnectionWatch&) = delete;
+  CConnectionWatch(const std::string& address, std::function<bool()> isConnected, std::function<void()> lost);
+  ~CConnectionWatch();  ///< waits for calls in progress
+  CConnectionWatch(const CConnectionWatch&) = delete;
+  CConnectionWatch& operator=(const CConnectionWatch&) = delete;
 
   /// From now on until `lost` has been called the peer is watched. Does nothing when it already is.
   void Begin();
@@ -28,10 +28,10 @@ class ConnectionWatch {
  private:
   using Functor = grpc_completion_queue_functor;
   struct Event : Functor {
-    ConnectionWatch* watch = nullptr;
+    CConnectionWatch* watch = nullptr;
   };
 
-  static Event MakeEvent(ConnectionWatch* watch, void (*run)(Functor*, int));
+  static Event MakeEvent(CConnectionWatch* watch, void (*run)(Functor*, int));
   static void TakeChange(Functor* event, int ok);
   static void TakeShutdown(Functor* event, int ok);
   void WaitForChange(grpc_connectivity_state state);

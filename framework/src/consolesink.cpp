@@ -40,12 +40,12 @@ bool WriteAll(std::string_view text) {
 
 }  // namespace
 
-ConsoleSink::ConsoleSink()
+CConsoleSink::CConsoleSink()
     : mColours(spdlog::details::os::in_terminal(stderr) && spdlog::details::os::is_color_terminal()) {
   set_pattern(kPattern);
 }
 
-void ConsoleSink::sink_it_(const spdlog::details::log_msg& message) {
+void CConsoleSink::sink_it_(const spdlog::details::log_msg& message) {
   mTookLast = false;  // unless the rest succeeds
   message.color_range_start = 0;
   message.color_range_end = 0;

@@ -7,9 +7,9 @@
 ///
 /// Not spdlog's own sink: that one writes through the C library's stream, whose lock a write that is stuck
 /// would hold while the process ends. A write may block; one that fails costs its line.
-class ConsoleSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+class CConsoleSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
  public:
-  ConsoleSink();
+  CConsoleSink();
 
   /// Whether the console took the last line.
   bool TookLast() const { return mTookLast; }

@@ -32,11 +32,11 @@ constexpr std::chrono::milliseconds kCancelGrace{150};
 
 /// Everything that signals and the delivering thread share: what was sent last on every signal, and what is
 /// on its way.
-class Publisher {
+class CPublisher {
  public:
   // Never destroyed: signals may go on sending while the process exits.
-  static Publisher& Instance() {
-    static auto* const publisher = new Publisher;
+  static CPublisher& Instance() {
+    static auto* const publisher = new CPublisher;
     return *publisher;
   }
 
@@ -223,11 +223,11 @@ void CDiagnosticsCommClient::Initialize(AppCommunicationHost<GrpcBackend>& host)
 }
 
 void CDiagnosticsCommClient::Initialize(std::shared_ptr<IDiagnosticsTransport> transport) {
-  Publisher::Instance().Start(std::move(transport));
+  CPublisher::Instance().Start(std::move(transport));
 }
 
 void CDiagnosticsCommClient::Terminate() {
-  Publisher::Instance().Stop();
+  CPublisher::Instance().Stop();
 }
 
 class CDiagnosticsSignal<std::string>::Impl {
@@ -247,7 +247,7 @@ class CDiagnosticsSignal<std::string>::Impl {
     signal.set_name(mDefinition->name);
     signal.set_value(ValidUtf8(mValue));
     signal.set_unit(mDefinition->unit);
-    Publisher::Instance().Send(std::move(signal));
+    CPublisher::Instance().Send(std::move(signal));
   }
 
   void SendNoThrow(const std::string* value) noexcept {

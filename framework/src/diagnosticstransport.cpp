@@ -26,9 +26,9 @@ std::string Names(const ipc::MSignals& signals) {
   return names;
 }
 
-class DiagnosticsTransport final : public IDiagnosticsTransport {
+class CDiagnosticsTransport final : public IDiagnosticsTransport {
  public:
-  DiagnosticsTransport(std::string name, std::string address, std::chrono::milliseconds timeout)
+  CDiagnosticsTransport(std::string name, std::string address, std::chrono::milliseconds timeout)
       : mName(std::move(name)),
         mAddress(std::move(address)),
         mTimeout(timeout),
@@ -139,7 +139,7 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
   std::mutex mMutex;  // guards the rest
   grpc::ClientContext* mContext = nullptr;
   bool mCancelled = false;
-  std::optional<ConnectionWatch> mWatch;  // goes first: it asks for the channel's state
+  std::optional<CConnectionWatch> mWatch;  // goes first: it asks for the channel's state
 };
 
 }  // namespace
@@ -148,5 +148,5 @@ std::shared_ptr<IDiagnosticsTransport> CreateDiagnosticsTransport(const std::str
                                                                   const std::string& address,
                                                                   std::chrono::milliseconds timeout) {
   RpcLogging::CaptureLibraries();
-  return std::make_shared<DiagnosticsTransport>(name, address, timeout);
+  return std::make_shared<CDiagnosticsTransport>(name, address, timeout);
 }

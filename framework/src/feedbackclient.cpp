@@ -29,9 +29,9 @@ bool IsAnswer(const grpc::Status& status) {
 
 /// A hanging peer must not cost every card the whole timeout: once a call has waited in vain, each gets
 /// kShortPatience, connecting included, until the peer answers one.
-class FeedbackProxy final : public IFeedback {
+class CFeedbackProxy final : public IFeedback {
  public:
-  FeedbackProxy(std::string name, std::string address)
+  CFeedbackProxy(std::string name, std::string address)
       : mName(std::move(name)),
         mAddress(std::move(address)),
         mChannel(MakePeerChannel(mName, mAddress)),
@@ -105,16 +105,16 @@ class FeedbackProxy final : public IFeedback {
   std::atomic<bool> mHangs{false};
 };
 
-class FeedbackClient final : public IClient<IFeedback> {
+class CFeedbackClient final : public IClient<IFeedback> {
  public:
-  explicit FeedbackClient(std::shared_ptr<FeedbackProxy> proxy) : mProxy(std::move(proxy)) {}
+  explicit CFeedbackClient(std::shared_ptr<CFeedbackProxy> proxy) : mProxy(std::move(proxy)) {}
 
   void SetConnectTimeout(int seconds) override { mProxy->mConnectTimeout = std::max(seconds, 0); }
   void SetCallTimeout(int seconds) override { mProxy->mCallTimeout = std::max(seconds, 0); }
   std::shared_ptr<IFeedback> GetInterface() override { return mProxy; }
 
  private:
-  const std::shared_ptr<FeedbackProxy> mProxy;
+  const std::shared_ptr<CFeedbackProxy> mProxy;
 };
 
 }  // namespace
@@ -122,5 +122,5 @@ class FeedbackClient final : public IClient<IFeedback> {
 std::shared_ptr<IClient<IFeedback>> CreateFeedbackClient(const std::string& name,
                                                          const std::string& address) {
   RpcLogging::CaptureLibraries();
-  return std::make_shared<FeedbackClient>(std::make_shared<FeedbackProxy>(name, address));
+  return std::make_shared<CFeedbackClient>(std::make_shared<CFeedbackProxy>(name, address));
 }

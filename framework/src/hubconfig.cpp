@@ -67,24 +67,24 @@ std::string ErrorText(int error) {
 }
 
 /// What is wrong with a file's content: reading the same file again gives the same.
-class ContentError : public std::runtime_error {
+class CContentError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
 /// An open file, closed at the end.
-class ReadableFile {
+class CReadableFile {
  public:
   /// Does not wait for the writer of a pipe that stands where the file should be.
-  explicit ReadableFile(const std::string& path)
+  explicit CReadableFile(const std::string& path)
       : mDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-  ~ReadableFile() {
+  ~CReadableFile() {
     if (IsOpen()) {
       close(mDescriptor);
     }
   }
-  ReadableFile(const ReadableFile&) = delete;
-  ReadableFile& operator=(const ReadableFile&) = delete;
+  CReadableFile(const CReadableFile&) = delete;
+  CReadableFile& operator=(const CReadableFile&) = delete;
 
   bool IsOpen() const { return mDescriptor >= 0; }
 
@@ -102,7 +102,7 @@ class ReadableFile {
     char buffer[16384];
     for (;;) {
       if (std::max(size, content.size()) > kLargestFile) {
-        throw ContentError(fmt::format("is larger than {} MiB", kLargestFileMiB));
+        throw CContentError(fmt::format("is larger than {} MiB", kLargestFileMiB));
       }
       content.reserve(size);  // growing would hold the file twice
       const ssize_t count = read(mDescriptor, buffer, sizeof buffer);
@@ -158,7 +158,7 @@ class HubConfig::Impl {
       try {
         Load();
         return;
-      } catch (const ContentError& e) {
+      } catch (const CContentError& e) {
         mContentProblem = problem = e.what();
       } catch (const std::exception& e) {
         problem = e.what();
@@ -170,7 +170,7 @@ class HubConfig::Impl {
                           : "There are no values from before, so the defaults apply.");
   }
 
-  const SectionDocument& Values() const { return mValues; }
+  const CSectionDocument& Values() const { return mValues; }
 
   bool GetBool(const std::string& key, bool defaultValue) {
     const Json::Value* value = mValues.Find(key);
@@ -193,12 +193,12 @@ class HubConfig::Impl {
   void Load() {
     mContentProblem.reset();
     mLoaded = StatFile(mFile);
-    const ReadableFile file(mFile);
+    const CReadableFile file(mFile);
     if (!file.IsOpen()) {
       const int error = errno;
       if (error == ENOENT) {
         Log::Info("Configuration section {}: there is no {}, defaults are used.", mSection, mFile);
-        Take(SectionDocument());
+        Take(CSectionDocument());
         mHasValues = false;
         return;
       }
@@ -213,17 +213,17 @@ class HubConfig::Impl {
     mHasValues = true;
   }
 
-  static SectionDocument Parse(std::string text) {
+  static CSectionDocument Parse(std::string text) {
     try {
-      return SectionDocument(std::move(text));
+      return CSectionDocument(std::move(text));
     } catch (const std::bad_alloc&) {
       throw;  // says nothing about the file
     } catch (const std::exception& e) {
-      throw ContentError(std::string("cannot be used: ") + e.what());
+      throw CContentError(std::string("cannot be used: ") + e.what());
     }
   }
 
-  void Take(SectionDocument values) {
+  void Take(CSectionDocument values) {
     mValues = std::move(values);
     mFailed = false;
     mReportedKeys.clear();
@@ -244,7 +244,7 @@ class HubConfig::Impl {
   std::optional<std::string> mContentProblem;  ///< of the file in that state
   bool mFailed = false;                        ///< the last attempt
   bool mHasValues = false;                     ///< from a file, not from its absence
-  SectionDocument mValues;
+  CSectionDocument mValues;
   std::set<std::string> mReportedKeys;  ///< keys of the wrong type that were reported since the last load
 };
 

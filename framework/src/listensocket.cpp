@@ -34,7 +34,7 @@ void MakeFolder(const std::string& address, const std::filesystem::path& folder)
 
 }  // namespace
 
-ListenSocket::ListenSocket(std::string path) : mPath(std::move(path)), mLockPath(mPath + ".lock") {
+CListenSocket::CListenSocket(std::string path) : mPath(std::move(path)), mLockPath(mPath + ".lock") {
   MakeFolder(mPath, std::filesystem::path(mPath).parent_path());
   TakeLock();
   try {
@@ -50,7 +50,7 @@ ListenSocket::ListenSocket(std::string path) : mPath(std::move(path)), mLockPath
   }
 }
 
-ListenSocket::~ListenSocket() {
+CListenSocket::~CListenSocket() {
   RemoveTemporaryFolder();
   if (mPublished) {
     unlink(mPath.c_str());
@@ -60,7 +60,7 @@ ListenSocket::~ListenSocket() {
   close(mLock);
 }
 
-void ListenSocket::TakeLock() {
+void CListenSocket::TakeLock() {
   for (;;) {
     mLock = open(mLockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (mLock < 0) {
@@ -84,7 +84,7 @@ void ListenSocket::TakeLock() {
   }
 }
 
-void ListenSocket::MakeTemporaryFolder() {
+void CListenSocket::MakeTemporaryFolder() {
   std::string folder = (std::filesystem::path(mPath).parent_path() / ".XXXXXX").string();
   if (mkdtemp(folder.data()) == nullptr) {
     Fail(mPath, "no folder can be made beside it: " + ErrorText(errno));
@@ -92,7 +92,7 @@ void ListenSocket::MakeTemporaryFolder() {
   mTemporaryFolder = folder;
 }
 
-void ListenSocket::RemoveTemporaryFolder() {
+void CListenSocket::RemoveTemporaryFolder() {
   if (!mTemporaryFolder.empty()) {
     unlink(TemporaryPath().c_str());
     rmdir(mTemporaryFolder.c_str());
@@ -100,7 +100,7 @@ void ListenSocket::RemoveTemporaryFolder() {
   }
 }
 
-void ListenSocket::Publish() {
+void CListenSocket::Publish() {
   if (chmod(TemporaryPath().c_str(), 0660) != 0 || rename(TemporaryPath().c_str(), mPath.c_str()) != 0) {
     Fail(mPath, "the socket cannot be put in place: " + ErrorText(errno));
   }

@@ -8,14 +8,14 @@
 /// free as soon as its owner is gone, however it went. The socket itself is made in a folder that only this
 /// user can enter, gets its mode there and is then moved to its path: at no time can anybody connect whom the
 /// mode keeps out, whatever the umask, and a stale socket is replaced in one step.
-class ListenSocket {
+class CListenSocket {
  public:
   /// Creates the socket's folder where it is missing and takes the lock. Throws Rpc::ConfigurationException:
   /// in use by a running instance, or what the system refuses.
-  explicit ListenSocket(std::string path);
-  ~ListenSocket();  ///< removes the socket and then the lock
-  ListenSocket(const ListenSocket&) = delete;
-  ListenSocket& operator=(const ListenSocket&) = delete;
+  explicit CListenSocket(std::string path);
+  ~CListenSocket();  ///< removes the socket and then the lock
+  CListenSocket(const CListenSocket&) = delete;
+  CListenSocket& operator=(const CListenSocket&) = delete;
 
   /// Where the server has to listen before Publish.
   std::string TemporaryPath() const { return mTemporaryFolder + "/s"; }

@@ -57,7 +57,7 @@ void Send(spdlog::logger& logger, const LogLine& line) {
   logger.log(line.time, spdlog::source_loc{}, ToSpdlog(line.level), line.text);
 }
 
-LogWriter::Write ToSystemLog(std::string name) {
+CLogWriter::Write ToSystemLog(std::string name) {
   auto sink = std::make_shared<spdlog::sinks::syslog_sink_mt>(std::move(name), LOG_PID, LOG_DAEMON, false);
   return [logger = Register("syslog", std::move(sink))](const LogLine& line) {
     Send(*logger, line);
@@ -65,8 +65,8 @@ LogWriter::Write ToSystemLog(std::string name) {
   };
 }
 
-LogWriter::Write ToConsole() {
-  auto sink = std::make_shared<ConsoleSink>();
+CLogWriter::Write ToConsole() {
+  auto sink = std::make_shared<CConsoleSink>();
   return [sink, logger = Register("console", sink)](const LogLine& line) {
     Send(*logger, line);
     return sink->TookLast();
@@ -78,8 +78,8 @@ struct Logs {
       : system("log-system", ToSystemLog(std::move(name))), console("log-console", ToConsole()) {}
 
   std::mutex order;  // lines come to both writers in the same order
-  LogWriter system;
-  LogWriter console;
+  CLogWriter system;
+  CLogWriter console;
   std::atomic<bool> systemIsStuck{false};
   std::atomic<bool> consoleIsStuck{false};
 };

@@ -24,7 +24,7 @@ const char* LevelName(ipc::ELogLevel level) {
   return "unknown";
 }
 
-class LogConfigService : public ILogConfig {
+class CLogConfigService : public ILogConfig {
  public:
   ipc::MLogLevel GetLogLevel() override {
     ipc::MLogLevel level;
@@ -59,5 +59,5 @@ class LogConfigService : public ILogConfig {
 }  // namespace
 
 std::shared_ptr<ILogConfig> Log::CreateLogConfigService() {
-  return std::make_shared<LogConfigService>();
+  return std::make_shared<CLogConfigService>();
 }

@@ -38,15 +38,15 @@ constexpr std::size_t kLogBacklog = std::size_t{2} * 1024 * 1024;
 ///
 /// Threads: any; only Flush waits. The thread has every signal blocked, so that a console whose reader has
 /// gone is an error of the write instead of a SIGPIPE.
-class LogWriter {
+class CLogWriter {
  public:
   /// Writes one line, for as long as that takes; false, or an exception, when the log did not take it.
   using Write = std::function<bool(const LogLine&)>;
 
-  LogWriter(std::string threadName, Write write);  ///< throws std::system_error when there is no thread
-  ~LogWriter();                                    ///< drops what waits; waits for the line being written
-  LogWriter(const LogWriter&) = delete;
-  LogWriter& operator=(const LogWriter&) = delete;
+  CLogWriter(std::string threadName, Write write);  ///< throws std::system_error when there is no thread
+  ~CLogWriter();                                    ///< drops what waits; waits for the line being written
+  CLogWriter(const CLogWriter&) = delete;
+  CLogWriter& operator=(const CLogWriter&) = delete;
 
   void Push(std::shared_ptr<const LogLine> line);  ///< throws std::bad_alloc
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-Subscription::Next Subscription::Take() {
+CSubscription::Next CSubscription::Take() {
   const std::lock_guard<std::mutex> lock(mMutex);
   Next next;
   if (mQueue.empty()) {
@@ -15,12 +15,12 @@ Subscription::Next Subscription::Take() {
   return next;
 }
 
-Subscription::EEnd Subscription::GetEnd() {
+CSubscription::EEnd CSubscription::GetEnd() {
   const std::lock_guard<std::mutex> lock(mMutex);
   return mEnd;
 }
 
-void Subscription::End(EEnd end) {
+void CSubscription::End(EEnd end) {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mEnd == EEnd::No) {
     mEnd = end;
@@ -30,7 +30,7 @@ void Subscription::End(EEnd end) {
   }
 }
 
-void Subscription::Push(const Notification& message, std::size_t bound) {
+void CSubscription::Push(const Notification& message, std::size_t bound) {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mEnd != EEnd::No) {
     return;
@@ -43,13 +43,13 @@ void Subscription::Push(const Notification& message, std::size_t bound) {
   }
 }
 
-std::size_t NotificationHub::AddTopic() {
+std::size_t CNotificationHub::AddTopic() {
   const std::lock_guard<std::mutex> lock(mMutex);
   mTopics.emplace_back();
   return mTopics.size() - 1;
 }
 
-void NotificationHub::Send(std::size_t topic, Notification message, bool keep) {
+void CNotificationHub::Send(std::size_t topic, Notification message, bool keep) {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mStopping) {
     return;
@@ -66,7 +66,7 @@ void NotificationHub::Send(std::size_t topic, Notification message, bool keep) {
     // Nobody distributes. Who should have got the oldest is ended, and told so when this one is distributed.
     for (const auto& subscriber : to.subscribers) {
       if (subscriber->mFirst <= to.pending.front().number) {
-        subscriber->End(Subscription::EEnd::TooSlow);
+        subscriber->End(CSubscription::EEnd::TooSlow);
       }
     }
     to.pending.pop_front();
@@ -75,13 +75,13 @@ void NotificationHub::Send(std::size_t topic, Notification message, bool keep) {
   mWake.notify_all();
 }
 
-std::shared_ptr<Subscription> NotificationHub::Subscribe(std::size_t topic, std::function<void()> wake) {
-  std::shared_ptr<Subscription> subscription(new Subscription(std::move(wake)));
+std::shared_ptr<CSubscription> CNotificationHub::Subscribe(std::size_t topic, std::function<void()> wake) {
+  std::shared_ptr<CSubscription> subscription(new CSubscription(std::move(wake)));
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mStopping) {
-    subscription->End(Subscription::EEnd::Stopping);
+    subscription->End(CSubscription::EEnd::Stopping);
   } else if (mSubscribers >= mBounds.subscribers) {
-    subscription->End(Subscription::EEnd::TooMany);
+    subscription->End(CSubscription::EEnd::TooMany);
   } else {
     Topic& to = mTopics[topic];
     subscription->mFirst = mNextNumber;
@@ -94,7 +94,7 @@ std::shared_ptr<Subscription> NotificationHub::Subscribe(std::size_t topic, std:
   return subscription;
 }
 
-void NotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<Subscription>& subscription) {
+void CNotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<CSubscription>& subscription) {
   const std::lock_guard<std::mutex> lock(mMutex);
   auto& subscribers = mTopics[topic].subscribers;
   const auto found = std::find(subscribers.begin(), subscribers.end(), subscription);
@@ -104,7 +104,7 @@ void NotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<Subsc
   }
 }
 
-void NotificationHub::Run() {
+void CNotificationHub::Run() {
   std::unique_lock<std::mutex> lock(mMutex);
   while (!mStopping) {
     mWake.wait(lock, [this] { return mStopping || HasPending(); });
@@ -114,19 +114,19 @@ void NotificationHub::Run() {
   }
 }
 
-bool NotificationHub::HasPending() const {
+bool CNotificationHub::HasPending() const {
   return std::any_of(mTopics.begin(), mTopics.end(),
                      [](const Topic& topic) { return !topic.pending.empty(); });
 }
 
-void NotificationHub::Distribute() {
+void CNotificationHub::Distribute() {
   const std::lock_guard<std::mutex> distribution(mDistribution);
   std::unique_lock<std::mutex> lock(mMutex);
   for (std::size_t topic = 0; topic < mTopics.size(); ++topic) {
     while (!mTopics[topic].pending.empty()) {
       const Pending pending = std::move(mTopics[topic].pending.front());
       mTopics[topic].pending.pop_front();
-      std::vector<std::shared_ptr<Subscription>> receivers;
+      std::vector<std::shared_ptr<CSubscription>> receivers;
       for (const auto& subscriber : mTopics[topic].subscribers) {
         if (subscriber->mFirst <= pending.number) {
           receivers.push_back(subscriber);
@@ -142,14 +142,14 @@ void NotificationHub::Distribute() {
   }
 }
 
-void NotificationHub::Stop() {
+void CNotificationHub::Stop() {
   {
     const std::lock_guard<std::mutex> lock(mMutex);
     mStopping = true;
   }
   mWake.notify_all();
   Distribute();
-  std::vector<std::shared_ptr<Subscription>> all;
+  std::vector<std::shared_ptr<CSubscription>> all;
   {
     const std::lock_guard<std::mutex> lock(mMutex);
     for (const Topic& topic : mTopics) {
@@ -157,7 +157,7 @@ void NotificationHub::Stop() {
     }
   }
   for (const auto& subscription : all) {
-    subscription->End(Subscription::EEnd::Stopping);
+    subscription->End(CSubscription::EEnd::Stopping);
     subscription->mWake();
   }
 }

@@ -14,8 +14,8 @@
 /// A message to subscribers; shared by all of them.
 using Notification = std::shared_ptr<const google::protobuf::MessageLite>;
 
-/// One subscriber's place in a NotificationHub: its bounded queue and how it ended. Any thread.
-class Subscription {
+/// One subscriber's place in a CNotificationHub: its bounded queue and how it ended. Any thread.
+class CSubscription {
  public:
   enum class EEnd {
     No,        ///< goes on
@@ -38,8 +38,8 @@ class Subscription {
   void End(EEnd end);
 
  private:
-  friend class NotificationHub;
-  explicit Subscription(std::function<void()> wake) : mWake(std::move(wake)) {}
+  friend class CNotificationHub;
+  explicit CSubscription(std::function<void()> wake) : mWake(std::move(wake)) {}
   void Push(const Notification& message, std::size_t bound);
 
   const std::function<void()> mWake;
@@ -55,7 +55,7 @@ class Subscription {
 /// notifications to the subscribers' own queues and wakes each of them. A new subscriber of a topic gets what
 /// was sent last with `keep` (if anything was) and then everything that is sent after it subscribed: nothing
 /// is lost, doubled or reordered. A subscriber that lets its queue run over is ended.
-class NotificationHub {
+class CNotificationHub {
  public:
   struct Bounds {
     std::size_t pending = 1024;  ///< notifications of a topic that Run has not distributed yet
@@ -63,10 +63,10 @@ class NotificationHub {
     std::size_t subscribers = 256;
   };
 
-  NotificationHub() : NotificationHub(Bounds()) {}
-  explicit NotificationHub(const Bounds& bounds) : mBounds(bounds) {}
-  NotificationHub(const NotificationHub&) = delete;
-  NotificationHub& operator=(const NotificationHub&) = delete;
+  CNotificationHub() : CNotificationHub(Bounds()) {}
+  explicit CNotificationHub(const Bounds& bounds) : mBounds(bounds) {}
+  CNotificationHub(const CNotificationHub&) = delete;
+  CNotificationHub& operator=(const CNotificationHub&) = delete;
 
   /// A new topic's number.
   std::size_t AddTopic();
@@ -76,10 +76,10 @@ class NotificationHub {
 
   /// `wake` says that Take has something new. It is called on the thread of Run or Stop and must neither
   /// block nor throw nor subscribe; it is not called from here.
-  std::shared_ptr<Subscription> Subscribe(std::size_t topic, std::function<void()> wake);
+  std::shared_ptr<CSubscription> Subscribe(std::size_t topic, std::function<void()> wake);
 
   /// Frees the subscriber's place.
-  void Unsubscribe(std::size_t topic, const std::shared_ptr<Subscription>& subscription);
+  void Unsubscribe(std::size_t topic, const std::shared_ptr<CSubscription>& subscription);
 
   /// Distributes until Stop.
   void Run();
@@ -94,7 +94,7 @@ class NotificationHub {
   };
   struct Topic {
     std::deque<Pending> pending;
-    std::vector<std::shared_ptr<Subscription>> subscribers;
+    std::vector<std::shared_ptr<CSubscription>> subscribers;
     Notification last;
   };
   bool HasPending() const;

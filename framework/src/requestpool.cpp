@@ -4,26 +4,26 @@
 
 #include "framework/thread.h"
 
-RequestPool::RequestPool(std::string name, std::size_t threads, std::size_t queueBound)
+CRequestPool::CRequestPool(std::string name, std::size_t threads, std::size_t queueBound)
     : mName(std::move(name)), mThreadCount(threads), mQueueBound(queueBound) {}
 
-RequestPool::~RequestPool() {
+CRequestPool::~CRequestPool() {
   Abandon();
   Join(std::chrono::steady_clock::now());
 }
 
-void RequestPool::Start() {
+void CRequestPool::Start() {
   const std::lock_guard<std::mutex> threads(mThreadsMutex);
   while (mThreads.size() < mThreadCount) {
     {
       const std::lock_guard<std::mutex> lock(mState->mutex);
       ++mState->alive;
     }
-    mThreads.emplace_back(&RequestPool::Work, mState, mName);
+    mThreads.emplace_back(&CRequestPool::Work, mState, mName);
   }
 }
 
-RequestPool::ESubmit RequestPool::Submit(std::shared_ptr<IRequest> request) {
+CRequestPool::ESubmit CRequestPool::Submit(std::shared_ptr<IRequest> request) {
   const std::lock_guard<std::mutex> lock(mState->mutex);
   if (mState->stopping) {
     return ESubmit::Stopping;
@@ -36,7 +36,7 @@ RequestPool::ESubmit RequestPool::Submit(std::shared_ptr<IRequest> request) {
   return ESubmit::Taken;
 }
 
-void RequestPool::Abandon() {
+void CRequestPool::Abandon() {
   std::vector<std::shared_ptr<IRequest>> requests;
   {
     const std::lock_guard<std::mutex> lock(mState->mutex);
@@ -54,7 +54,7 @@ void RequestPool::Abandon() {
   }
 }
 
-bool RequestPool::Join(std::chrono::steady_clock::time_point deadline) {
+bool CRequestPool::Join(std::chrono::steady_clock::time_point deadline) {
   const std::lock_guard<std::mutex> threads(mThreadsMutex);
   std::unique_lock<std::mutex> lock(mState->mutex);
   const bool ended = mState->ended.wait_until(lock, deadline, [this] { return mState->alive == 0; });
@@ -67,7 +67,7 @@ bool RequestPool::Join(std::chrono::steady_clock::time_point deadline) {
   return ended;
 }
 
-void RequestPool::Work(const std::shared_ptr<State>& state, const std::string& name) {
+void CRequestPool::Work(const std::shared_ptr<State>& state, const std::string& name) {
   SetThreadName(name.c_str());
   std::unique_lock<std::mutex> lock(state->mutex);
   for (;;) {

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-/// A request that waits for, or is on, a thread of a RequestPool.
+/// A request that waits for, or is on, a thread of a CRequestPool.
 class IRequest {
  public:
   virtual ~IRequest() = default;
@@ -26,14 +26,14 @@ class IRequest {
 /// A bounded number of threads for the requests to one service, with a bounded queue before them.
 ///
 /// Knows no transport. All operations from any thread.
-class RequestPool {
+class CRequestPool {
  public:
   enum class ESubmit { Taken, Full, Stopping };
 
-  RequestPool(std::string name, std::size_t threads, std::size_t queueBound);
-  ~RequestPool();  ///< abandons what is left and lets go of threads that do not end
-  RequestPool(const RequestPool&) = delete;
-  RequestPool& operator=(const RequestPool&) = delete;
+  CRequestPool(std::string name, std::size_t threads, std::size_t queueBound);
+  ~CRequestPool();  ///< abandons what is left and lets go of threads that do not end
+  CRequestPool(const CRequestPool&) = delete;
+  CRequestPool& operator=(const CRequestPool&) = delete;
 
   /// Starts the threads, once.
   void Start();

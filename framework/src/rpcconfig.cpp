@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::size_t kMaxFileSize = std::size_t{1024} * 1024;
 constexpr std::size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
-// A listen socket is made under a name of this length in its folder first (see ListenSocket).
+// A listen socket is made under a name of this length in its folder first (see CListenSocket).
 constexpr std::size_t kTemporaryName = sizeof("/.XXXXXX/s") - 1;
 
 const char* TypeName(const Json::Value& value) {
@@ -64,9 +64,9 @@ bool IsLoopback(const std::string& host) {
   return host == "localhost" || host == "[::1]";
 }
 
-class Loader {
+class CRpcConfigLoader {
  public:
-  explicit Loader(const std::string& path) : mPath(path) {}
+  explicit CRpcConfigLoader(const std::string& path) : mPath(path) {}
 
   RpcConfig Load() const { return Parse(ReadFile()); }
 
@@ -226,9 +226,9 @@ class Loader {
 }  // namespace
 
 RpcConfig RpcConfig::Load(const std::string& path) {
-  return Loader(path).Load();
+  return CRpcConfigLoader(path).Load();
 }
 
 RpcConfig RpcConfig::Parse(const std::string& text, const std::string& path) {
-  return Loader(path).Parse(text);
+  return CRpcConfigLoader(path).Parse(text);
 }

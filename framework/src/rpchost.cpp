@@ -80,10 +80,10 @@ void GrpcBackend::Impl::Listen() {
     throw std::logic_error("StartServices: no service was added");
   }
   const bool isUnix = mConfig.listen.compare(0, kUnixScheme.size(), kUnixScheme) == 0;
-  std::unique_ptr<ListenSocket> socket;
+  std::unique_ptr<CListenSocket> socket;
   std::string address = mConfig.listen;
   if (isUnix) {
-    socket = std::make_unique<ListenSocket>(mConfig.listen.substr(kUnixScheme.size()));
+    socket = std::make_unique<CListenSocket>(mConfig.listen.substr(kUnixScheme.size()));
     address = kUnixScheme + socket->TemporaryPath();
   }
   for (const ServiceEntry& entry : mServices) {
@@ -98,7 +98,7 @@ void GrpcBackend::Impl::Listen() {
   for (const ServiceEntry& entry : mServices) {
     builder.RegisterService(entry.runtime->name, entry.service.get());
   }
-  const RpcLogging::ErrorCapture errors;
+  const RpcLogging::CErrorCapture errors;
   std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
   if (!server) {
     throw Rpc::ConfigurationException("Cannot listen on " + mConfig.listen + ": " + errors.Reason());

@@ -43,9 +43,9 @@ class GrpcBackend::Impl {
 
   const std::string mConfigPath;
   const RpcConfig mConfig;
-  const std::shared_ptr<NotificationHub> mHub = std::make_shared<NotificationHub>();
+  const std::shared_ptr<CNotificationHub> mHub = std::make_shared<CNotificationHub>();
   std::vector<ServiceEntry> mServices;
-  std::unique_ptr<ListenSocket> mSocket;
+  std::unique_ptr<CListenSocket> mSocket;
   std::unique_ptr<grpc::Server> mServer;  // uses the services
 
   std::mutex mLifeMutex;  // StartServices and Stop, one at a time

@@ -99,15 +99,15 @@ void Info(const std::string& message) noexcept {
   Write(&Rpc::ILogger::Info, message);
 }
 
-ErrorCapture::ErrorCapture() {
+CErrorCapture::CErrorCapture() {
   tCapture = &mLast;
 }
 
-ErrorCapture::~ErrorCapture() {
+CErrorCapture::~CErrorCapture() {
   tCapture = nullptr;
 }
 
-std::string ErrorCapture::Reason() const {
+std::string CErrorCapture::Reason() const {
   static const std::string key = "os_error:\"";
   const std::size_t start = mLast.find(key);
   if (start == std::string::npos) {

@@ -20,12 +20,12 @@ void Info(const std::string& message) noexcept;
 
 /// Remembers the errors that gRPC logs on this thread while it lives: gRPC's own calls only say that they
 /// failed.
-class ErrorCapture {
+class CErrorCapture {
  public:
-  ErrorCapture();
-  ~ErrorCapture();
-  ErrorCapture(const ErrorCapture&) = delete;
-  ErrorCapture& operator=(const ErrorCapture&) = delete;
+  CErrorCapture();
+  ~CErrorCapture();
+  CErrorCapture(const CErrorCapture&) = delete;
+  CErrorCapture& operator=(const CErrorCapture&) = delete;
 
   /// The system's reason in what was logged last, "unknown reason" when there is none.
   std::string Reason() const;

@@ -10,15 +10,15 @@
 
 /// One strict JSON document (see ParseStrictJson) that keeps the arrays of its top level as text: as values,
 /// a long list takes ten times the memory.
-class SectionDocument {
+class CSectionDocument {
  public:
   using Visitor = std::function<void(const Json::Value&)>;
 
   /// The empty document.
-  SectionDocument() = default;
+  CSectionDocument() = default;
 
   /// Throws what ParseStrictJson throws.
-  explicit SectionDocument(std::string text);
+  explicit CSectionDocument(std::string text);
 
   /// The value of a key, or null when there is none. Of an array only the type is there.
   const Json::Value* Find(const std::string& key) const;

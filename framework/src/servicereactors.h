@@ -23,12 +23,12 @@ inline grpc::Status StoppingStatus() {
 
 /// One request, from its arrival to its answer, which is given exactly once.
 template <typename Request, typename Response>
-class UnaryRequest final : public IRequest {
+class CUnaryRequest final : public IRequest {
  public:
   using Handler = std::function<Response(const Request&)>;
 
-  UnaryRequest(std::string name, Handler handler, const Request& request, Response* response,
-               grpc::CallbackServerContext* context)
+  CUnaryRequest(std::string name, Handler handler, const Request& request, Response* response,
+                grpc::CallbackServerContext* context)
       : mName(std::move(name)),
         mHandler(std::move(handler)),
         mRequest(request),
@@ -99,18 +99,18 @@ template <typename Request, typename Response>
 grpc::ServerUnaryReactor* ServeRequest(ServiceRuntime& runtime, const char* operation,
                                        grpc::CallbackServerContext* context, const Request* request,
                                        Response* response,
-                                       typename UnaryRequest<Request, Response>::Handler handler) {
-  auto call = std::make_shared<UnaryRequest<Request, Response>>(
+                                       typename CUnaryRequest<Request, Response>::Handler handler) {
+  auto call = std::make_shared<CUnaryRequest<Request, Response>>(
       runtime.name + "." + operation, std::move(handler), *request, response, context);
   grpc::ServerUnaryReactor* const reactor = call->Reactor();
   switch (runtime.pool.Submit(call)) {
-    case RequestPool::ESubmit::Taken:
+    case CRequestPool::ESubmit::Taken:
       break;
-    case RequestPool::ESubmit::Full:
+    case CRequestPool::ESubmit::Full:
       call->Answer(
           {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many requests are waiting for " + runtime.name});
       break;
-    case RequestPool::ESubmit::Stopping:
+    case CRequestPool::ESubmit::Stopping:
       call->Abandon();
       break;
   }
@@ -123,13 +123,13 @@ constexpr std::chrono::seconds kPatienceWithSubscribers{10};
 
 /// The stream of one subscriber. Keeps itself alive until gRPC is done with it.
 template <typename Message>
-class NotificationStream final : public grpc::ServerWriteReactor<Message> {
+class CNotificationStream final : public grpc::ServerWriteReactor<Message> {
  public:
   static grpc::ServerWriteReactor<Message>* Open(const ServiceRuntime& runtime,
                                                  grpc::CallbackServerContext* context) {
-    auto stream = std::make_shared<NotificationStream>(runtime, context);
+    auto stream = std::make_shared<CNotificationStream>(runtime, context);
     stream->mSelf = stream;
-    const std::weak_ptr<NotificationStream> weak = stream;
+    const std::weak_ptr<CNotificationStream> weak = stream;
     auto subscription = runtime.hub->Subscribe(runtime.topic, [weak] {
       if (const auto locked = weak.lock()) {
         locked->Advance();
@@ -144,7 +144,7 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
     return stream.get();
   }
 
-  NotificationStream(const ServiceRuntime& runtime, grpc::CallbackServerContext* context)
+  CNotificationStream(const ServiceRuntime& runtime, grpc::CallbackServerContext* context)
       : mName(runtime.name), mHub(runtime.hub), mTopic(runtime.topic), mContext(context) {}
 
   void OnWriteDone(bool ok) override {
@@ -152,7 +152,7 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
       const std::lock_guard<std::mutex> lock(mMutex);
       mWriting = false;
       if (!ok) {
-        mSubscription->End(Subscription::EEnd::Left);
+        mSubscription->End(CSubscription::EEnd::Left);
       }
     }
     Advance();
@@ -161,13 +161,13 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
   void OnCancel() override {
     {
       const std::lock_guard<std::mutex> lock(mMutex);
-      mSubscription->End(Subscription::EEnd::Left);
+      mSubscription->End(CSubscription::EEnd::Left);
     }
     Advance();
   }
 
   void OnDone() override {
-    std::shared_ptr<NotificationStream> self;
+    std::shared_ptr<CNotificationStream> self;
     {
       const std::lock_guard<std::mutex> lock(mMutex);
       mHub->Unsubscribe(mTopic, mSubscription);
@@ -187,12 +187,12 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
       LoseIfItDoesNotRead();
       return;
     }
-    Subscription::Next next = mSubscription->Take();
+    CSubscription::Next next = mSubscription->Take();
     if (next.message) {
       mWriting = true;
       mCurrent = std::move(next.message);
       this->StartWrite(static_cast<const Message*>(mCurrent.get()));
-    } else if (next.end != Subscription::EEnd::No) {
+    } else if (next.end != CSubscription::EEnd::No) {
       mFinished = true;
       this->Finish(EndStatus(next.end));
     }
@@ -200,7 +200,7 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
 
   // Comes with every notification. While a write goes on, gRPC's context is there.
   void LoseIfItDoesNotRead() {
-    if (mSubscription->GetEnd() != Subscription::EEnd::TooSlow) {
+    if (mSubscription->GetEnd() != CSubscription::EEnd::TooSlow) {
       return;
     }
     const auto now = std::chrono::steady_clock::now();
@@ -214,33 +214,33 @@ class NotificationStream final : public grpc::ServerWriteReactor<Message> {
     }
   }
 
-  grpc::Status EndStatus(Subscription::EEnd end) const {
+  grpc::Status EndStatus(CSubscription::EEnd end) const {
     switch (end) {
-      case Subscription::EEnd::TooSlow:
+      case CSubscription::EEnd::TooSlow:
         if (!mBehindSince) {
           RpcLogging::Warning("A subscriber of " + mName + " fell behind and was disconnected");
         }
         return {grpc::StatusCode::RESOURCE_EXHAUSTED,
                 "the subscriber fell behind and has missed notifications"};
-      case Subscription::EEnd::TooMany:
+      case CSubscription::EEnd::TooMany:
         RpcLogging::Warning("A subscriber of " + mName + " was refused: there are too many");
         return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many subscribers"};
-      case Subscription::EEnd::Stopping:
+      case CSubscription::EEnd::Stopping:
         return StoppingStatus();
-      case Subscription::EEnd::No:
-      case Subscription::EEnd::Left:
+      case CSubscription::EEnd::No:
+      case CSubscription::EEnd::Left:
         break;
     }
     return grpc::Status::CANCELLED;
   }
 
   const std::string mName;
-  const std::shared_ptr<NotificationHub> mHub;
+  const std::shared_ptr<CNotificationHub> mHub;
   const std::size_t mTopic;
   grpc::CallbackServerContext* const mContext;
   std::mutex mMutex;  // guards the rest
-  std::shared_ptr<NotificationStream> mSelf;
-  std::shared_ptr<Subscription> mSubscription;
+  std::shared_ptr<CNotificationStream> mSelf;
+  std::shared_ptr<CSubscription> mSubscription;
   Notification mCurrent;
   bool mWriting = false;
   bool mFinished = false;

@@ -15,9 +15,9 @@ namespace {
 constexpr std::size_t kThreadsPerService = 2;
 constexpr std::size_t kWaitingRequests = 64;
 
-class GenericControlService final : public ipc::GenericControl::CallbackService {
+class CGenericControlService final : public ipc::GenericControl::CallbackService {
  public:
-  GenericControlService(ServiceRuntime& runtime, std::shared_ptr<IGenericControl> service)
+  CGenericControlService(ServiceRuntime& runtime, std::shared_ptr<IGenericControl> service)
       : mRuntime(runtime), mService(std::move(service)) {}
 
   grpc::ServerUnaryReactor* Enable(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
@@ -36,7 +36,7 @@ class GenericControlService final : public ipc::GenericControl::CallbackService 
 
   grpc::ServerWriteReactor<ipc::MGenericControlNotification>* Subscribe(grpc::CallbackServerContext* context,
                                                                         const ipc::MEmpty*) override {
-    return NotificationStream<ipc::MGenericControlNotification>::Open(mRuntime, context);
+    return CNotificationStream<ipc::MGenericControlNotification>::Open(mRuntime, context);
   }
 
  private:
@@ -44,9 +44,9 @@ class GenericControlService final : public ipc::GenericControl::CallbackService 
   const std::shared_ptr<IGenericControl> mService;
 };
 
-class RfidService final : public ipc::Rfid::CallbackService {
+class CRfidService final : public ipc::Rfid::CallbackService {
  public:
-  RfidService(ServiceRuntime& runtime, std::shared_ptr<IRfid> service)
+  CRfidService(ServiceRuntime& runtime, std::shared_ptr<IRfid> service)
       : mRuntime(runtime), mService(std::move(service)) {}
 
   grpc::ServerUnaryReactor* EnableLearning(grpc::CallbackServerContext* context,
@@ -66,7 +66,7 @@ class RfidService final : public ipc::Rfid::CallbackService {
 
   grpc::ServerWriteReactor<ipc::MRfidNotification>* Subscribe(grpc::CallbackServerContext* context,
                                                               const ipc::MEmpty*) override {
-    return NotificationStream<ipc::MRfidNotification>::Open(mRuntime, context);
+    return CNotificationStream<ipc::MRfidNotification>::Open(mRuntime, context);
   }
 
  private:
@@ -74,9 +74,9 @@ class RfidService final : public ipc::Rfid::CallbackService {
   const std::shared_ptr<IRfid> mService;
 };
 
-class LogConfigService final : public ipc::LogConfig::CallbackService {
+class CLogConfigService final : public ipc::LogConfig::CallbackService {
  public:
-  LogConfigService(ServiceRuntime& runtime, std::shared_ptr<ILogConfig> service)
+  CLogConfigService(ServiceRuntime& runtime, std::shared_ptr<ILogConfig> service)
       : mRuntime(runtime), mService(std::move(service)) {}
 
   grpc::ServerUnaryReactor* GetLogLevel(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
@@ -99,7 +99,7 @@ class LogConfigService final : public ipc::LogConfig::CallbackService {
 };
 
 template <typename Service, typename Interface>
-ServiceEntry MakeEntry(const std::string& name, std::shared_ptr<NotificationHub> hub,
+ServiceEntry MakeEntry(const std::string& name, std::shared_ptr<CNotificationHub> hub,
                        std::shared_ptr<Interface> service) {
   ServiceEntry entry;
   entry.runtime = std::make_unique<ServiceRuntime>(name, std::move(hub));
@@ -109,15 +109,15 @@ ServiceEntry MakeEntry(const std::string& name, std::shared_ptr<NotificationHub>
 
 }  // namespace
 
-ServiceRuntime::ServiceRuntime(std::string registeredName, std::shared_ptr<NotificationHub> notificationHub)
+ServiceRuntime::ServiceRuntime(std::string registeredName, std::shared_ptr<CNotificationHub> notificationHub)
     : name(std::move(registeredName)),
       hub(std::move(notificationHub)),
       topic(hub->AddTopic()),
       pool("rpc-" + name, kThreadsPerService, kWaitingRequests) {}
 
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IGenericControl>& service) {
-  ServiceEntry entry = MakeEntry<GenericControlService>(name, hub, service);
+  ServiceEntry entry = MakeEntry<CGenericControlService>(name, hub, service);
   const std::size_t topic = entry.runtime->topic;
   service->SendState = [hub, topic](ipc::MState state) {
     auto message = std::make_shared<ipc::MGenericControlNotification>();
@@ -132,9 +132,9 @@ ServiceEntry MakeService(const std::string& name, const std::shared_ptr<Notifica
   return entry;
 }
 
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IRfid>& service) {
-  ServiceEntry entry = MakeEntry<RfidService>(name, hub, service);
+  ServiceEntry entry = MakeEntry<CRfidService>(name, hub, service);
   const std::size_t topic = entry.runtime->topic;
   service->SendRfidToken = [hub, topic](ipc::MRfidToken token) {
     auto message = std::make_shared<ipc::MRfidNotification>();
@@ -150,7 +150,7 @@ ServiceEntry MakeService(const std::string& name, const std::shared_ptr<Notifica
   return entry;
 }
 
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<ILogConfig>& service) {
-  return MakeEntry<LogConfigService>(name, hub, service);
+  return MakeEntry<CLogConfigService>(name, hub, service);
 }

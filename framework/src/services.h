@@ -13,12 +13,12 @@
 /// What the wire needs to offer one service object: the gRPC service, the threads for its requests and its
 /// topic.
 struct ServiceRuntime {
-  ServiceRuntime(std::string registeredName, std::shared_ptr<NotificationHub> notificationHub);
+  ServiceRuntime(std::string registeredName, std::shared_ptr<CNotificationHub> notificationHub);
 
   const std::string name;
-  const std::shared_ptr<NotificationHub> hub;
+  const std::shared_ptr<CNotificationHub> hub;
   const std::size_t topic;
-  RequestPool pool;
+  CRequestPool pool;
 };
 
 /// One registered service.
@@ -29,9 +29,9 @@ struct ServiceEntry {
 
 /// Make the gRPC side of a service object and install the object's Send* members. These stay valid for the
 /// life of the object, also when the host is gone.
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IGenericControl>& service);
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IRfid>& service);
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<ILogConfig>& service);

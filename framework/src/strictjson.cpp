@@ -121,9 +121,9 @@ void CheckStrictText(std::string_view text) {
   CheckNumbers(text);
 }
 
-JsonPartParser::JsonPartParser(int depth) : mReader(MakeBuilder(kDeepest - depth, false).newCharReader()) {}
+CJsonPartParser::CJsonPartParser(int depth) : mReader(MakeBuilder(kDeepest - depth, false).newCharReader()) {}
 
-Json::Value JsonPartParser::Parse(std::string_view part) const {
+Json::Value CJsonPartParser::Parse(std::string_view part) const {
   Json::Value value;
   if (!mReader->parse(part.data(), part.data() + part.size(), &value, nullptr)) {
     throw std::runtime_error("Malformed value");

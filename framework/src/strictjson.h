@@ -15,10 +15,10 @@ Json::Value ParseStrictJson(std::string_view text);
 void CheckStrictText(std::string_view text);
 
 /// Reads parts of a document, one after the other.
-class JsonPartParser {
+class CJsonPartParser {
  public:
   /// `depth` is the number of arrays and objects around the parts.
-  explicit JsonPartParser(int depth);
+  explicit CJsonPartParser(int depth);
 
   /// Reads one value of any type. Throws std::exception when it is malformed.
   Json::Value Parse(std::string_view part) const;

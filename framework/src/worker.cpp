@@ -18,18 +18,18 @@ using Clock = std::chrono::steady_clock;
 
 /// A condition variable on the monotonic clock on every C library: where the library cannot wait on that
 /// clock, std::condition_variable waits on the wall clock, and setting the clock back would delay every call.
-class MonotonicCondition {
+class CMonotonicCondition {
  public:
-  MonotonicCondition() {
+  CMonotonicCondition() {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
     pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
     pthread_cond_init(&mCondition, &attributes);
     pthread_condattr_destroy(&attributes);
   }
-  ~MonotonicCondition() { pthread_cond_destroy(&mCondition); }
-  MonotonicCondition(const MonotonicCondition&) = delete;
-  MonotonicCondition& operator=(const MonotonicCondition&) = delete;
+  ~CMonotonicCondition() { pthread_cond_destroy(&mCondition); }
+  CMonotonicCondition(const CMonotonicCondition&) = delete;
+  CMonotonicCondition& operator=(const CMonotonicCondition&) = delete;
 
   void NotifyAll() { pthread_cond_broadcast(&mCondition); }
   void Wait(std::unique_lock<std::mutex>& lock) {
@@ -60,16 +60,16 @@ using Schedule = std::multimap<Clock::time_point, std::shared_ptr<Entry>>;
 
 struct State {
   std::mutex mutex;
-  MonotonicCondition changed;
+  CMonotonicCondition changed;
   Schedule schedule;
   std::thread::id workerThread;  ///< none while the worker does not run
   bool stopping = false;
 };
 
 /// Keeps nothing alive, so a call may own the object that holds its handle.
-class Handle : public CWorkerCall {
+class CCallHandle : public CWorkerCall {
  public:
-  Handle(std::weak_ptr<State> state, std::weak_ptr<Entry> entry)
+  CCallHandle(std::weak_ptr<State> state, std::weak_ptr<Entry> entry)
       : mState(std::move(state)), mEntry(std::move(entry)) {}
 
   void Cancel() override {
@@ -175,7 +175,7 @@ class CWorker::Impl {
       throw std::invalid_argument("CWorker::AddCall needs a function and a period above zero");
     }
     auto entry = std::make_shared<Entry>(Entry{function, period, false});
-    auto handle = std::make_shared<Handle>(mState, entry);
+    auto handle = std::make_shared<CCallHandle>(mState, entry);
     const std::lock_guard lock(mState->mutex);
     mState->schedule.emplace(first, std::move(entry));
     mState->changed.NotifyAll();
