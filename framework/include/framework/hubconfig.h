@@ -48,7 +48,7 @@ class HubConfig {
   ~HubConfig();
 
  private:
-  class Impl;
+  struct Impl;
   explicit HubConfig(std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> mImpl;
 };
