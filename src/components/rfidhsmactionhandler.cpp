@@ -37,7 +37,8 @@ std::shared_ptr<CDiagnosticsSignal<std::string>> MakeSignal(
 CRfidHsmActionHandler::CRfidHsmActionHandler(std::shared_ptr<CRfidReader> reader,
                                              std::shared_ptr<CRfidConfig> config,
                                              std::shared_ptr<IFeedback> feedback)
-    : mRfidStateSignal(MakeSignal(SignalCatalogue::kRfidState)),
+    : CWorker("rfid-worker"),
+      mRfidStateSignal(MakeSignal(SignalCatalogue::kRfidState)),
       mLastUidSignal(MakeSignal(SignalCatalogue::kRfidLastUid)),
       mLastTechnologySignal(MakeSignal(SignalCatalogue::kRfidLastTechnology)),
       mUserInteractionSignal(MakeSignal(SignalCatalogue::kUserInteraction)),
