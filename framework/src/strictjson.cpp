@@ -70,13 +70,15 @@ std::size_t NumberLength(std::string_view text) {
   return at;
 }
 
-/// The parser accepts numbers that JSON does not have ("-", "007").
+/// The parser accepts numbers that JSON does not have ("-", "007") and a comment before a key.
 void CheckTokens(std::string_view text) {
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (text[at] == '"') {
       while (++at < text.size() && text[at] != '"') {
         at += text[at] == '\\' ? 1 : 0;
       }
+    } else if (text[at] == '/') {
+      FailAt(text, at, "Comment");
     } else if (text[at] == '-' || (text[at] >= '0' && text[at] <= '9')) {
       const auto rest = text.substr(at);
       const auto length = std::min(rest.find_first_not_of("+-.0123456789eE"), rest.size());
