@@ -73,6 +73,10 @@ class GrpcBackend {
   /// Where the framework's log output goes. The logger is kept for the life of the process.
   static void SetLogger(std::shared_ptr<Rpc::ILogger> logger);
 
+  /// Where the peer with this name listens. Throws Rpc::ConfigurationException when the configuration file
+  /// does not say.
+  const std::string& PeerAddress(const std::string& name) const;
+
   /// Takes the address and begins to accept requests. Throws Rpc::ConfigurationException when the address
   /// cannot be had: in use by a living instance, not permitted, not loopback.
   void StartServices();
@@ -94,8 +98,7 @@ class GrpcBackend {
   void Create(const std::string& name, std::shared_ptr<IClient<IFeedback>>& client);
 
  private:
-  friend class CDiagnosticsCommClient;
-  class Impl;
+  struct Impl;
   std::unique_ptr<Impl> mImpl;
 };
 
