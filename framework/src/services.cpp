@@ -5,119 +5,101 @@
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/log_config.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
-#include "servicereactors.h"
+#include "notificationstream.h"
+#include "unaryrequest.h"
 #include "utf8.h"
 
 namespace {
 
-// Two, so that one request that waits for the state machine does not hold up the next; the queue is for
-// bursts.
-constexpr std::size_t kThreadsPerService = 2;
-constexpr std::size_t kWaitingRequests = 64;
+using Context = grpc::CallbackServerContext;
+using Unary = grpc::ServerUnaryReactor;
+template <typename Message>
+using Stream = grpc::ServerWriteReactor<Message>;
 
-class CGenericControlService final : public ipc::GenericControl::CallbackService {
+/// The gRPC side of a service object.
+template <typename Service, typename Interface>
+class CAdapter : public Service {
  public:
-  CGenericControlService(ServiceRuntime& runtime, std::shared_ptr<IGenericControl> service)
+  CAdapter(ServiceRuntime& runtime, std::shared_ptr<Interface> service)
       : mRuntime(runtime), mService(std::move(service)) {}
 
-  grpc::ServerUnaryReactor* Enable(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
-                                   ipc::MResult* response) override {
-    return ServeRequest<ipc::MEmpty, ipc::MResult>(
-        mRuntime, "Enable", context, request, response,
-        [service = mService](const ipc::MEmpty&) { return service->Enable(); });
+ protected:
+  /// `call` gets the service object and the request.
+  template <typename Request, typename Response, typename Call>
+  Unary* Serve(const char* operation, Context* context, const Request* request, Response* response,
+               Call call) {
+    return ServeRequest(mRuntime, operation, context, request, response,
+                        [call, service = mService](const Request& r) { return call(*service, r); });
   }
 
-  grpc::ServerUnaryReactor* Disable(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
-                                    ipc::MResult* response) override {
-    return ServeRequest<ipc::MEmpty, ipc::MResult>(
-        mRuntime, "Disable", context, request, response,
-        [service = mService](const ipc::MEmpty&) { return service->Disable(); });
-  }
+  ServiceRuntime& mRuntime;
 
-  grpc::ServerWriteReactor<ipc::MGenericControlNotification>* Subscribe(grpc::CallbackServerContext* context,
-                                                                        const ipc::MEmpty*) override {
+ private:
+  const std::shared_ptr<Interface> mService;
+};
+
+class CGenericControlAdapter final : public CAdapter<ipc::GenericControl::CallbackService, IGenericControl> {
+ public:
+  using CAdapter::CAdapter;
+
+  Unary* Enable(Context* context, const ipc::MEmpty* request, ipc::MResult* response) override {
+    return Serve("Enable", context, request, response,
+                 [](auto& service, const auto&) { return service.Enable(); });
+  }
+  Unary* Disable(Context* context, const ipc::MEmpty* request, ipc::MResult* response) override {
+    return Serve("Disable", context, request, response,
+                 [](auto& service, const auto&) { return service.Disable(); });
+  }
+  Stream<ipc::MGenericControlNotification>* Subscribe(Context* context, const ipc::MEmpty*) override {
     return CNotificationStream<ipc::MGenericControlNotification>::Open(mRuntime, context);
   }
-
- private:
-  ServiceRuntime& mRuntime;
-  const std::shared_ptr<IGenericControl> mService;
 };
 
-class CRfidService final : public ipc::Rfid::CallbackService {
+class CRfidAdapter final : public CAdapter<ipc::Rfid::CallbackService, IRfid> {
  public:
-  CRfidService(ServiceRuntime& runtime, std::shared_ptr<IRfid> service)
-      : mRuntime(runtime), mService(std::move(service)) {}
+  using CAdapter::CAdapter;
 
-  grpc::ServerUnaryReactor* EnableLearning(grpc::CallbackServerContext* context,
-                                           const ipc::MEnableLearning* request,
-                                           ipc::MResult* response) override {
-    return ServeRequest<ipc::MEnableLearning, ipc::MResult>(
-        mRuntime, "EnableLearning", context, request, response,
-        [service = mService](const ipc::MEnableLearning& r) { return service->EnableLearning(r.enable()); });
+  Unary* EnableLearning(Context* context, const ipc::MEnableLearning* request,
+                        ipc::MResult* response) override {
+    return Serve("EnableLearning", context, request, response,
+                 [](auto& service, const auto& r) { return service.EnableLearning(r.enable()); });
   }
-
-  grpc::ServerUnaryReactor* InjectToken(grpc::CallbackServerContext* context,
-                                        const ipc::MInjectToken* request, ipc::MResult* response) override {
-    return ServeRequest<ipc::MInjectToken, ipc::MResult>(
-        mRuntime, "InjectToken", context, request, response,
-        [service = mService](const ipc::MInjectToken& r) { return service->InjectToken(r.uid()); });
+  Unary* InjectToken(Context* context, const ipc::MInjectToken* request, ipc::MResult* response) override {
+    return Serve("InjectToken", context, request, response,
+                 [](auto& service, const auto& r) { return service.InjectToken(r.uid()); });
   }
-
-  grpc::ServerWriteReactor<ipc::MRfidNotification>* Subscribe(grpc::CallbackServerContext* context,
-                                                              const ipc::MEmpty*) override {
+  Stream<ipc::MRfidNotification>* Subscribe(Context* context, const ipc::MEmpty*) override {
     return CNotificationStream<ipc::MRfidNotification>::Open(mRuntime, context);
   }
-
- private:
-  ServiceRuntime& mRuntime;
-  const std::shared_ptr<IRfid> mService;
 };
 
-class CLogConfigService final : public ipc::LogConfig::CallbackService {
+class CLogConfigAdapter final : public CAdapter<ipc::LogConfig::CallbackService, ILogConfig> {
  public:
-  CLogConfigService(ServiceRuntime& runtime, std::shared_ptr<ILogConfig> service)
-      : mRuntime(runtime), mService(std::move(service)) {}
+  using CAdapter::CAdapter;
 
-  grpc::ServerUnaryReactor* GetLogLevel(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
-                                        ipc::MLogLevel* response) override {
-    return ServeRequest<ipc::MEmpty, ipc::MLogLevel>(
-        mRuntime, "GetLogLevel", context, request, response,
-        [service = mService](const ipc::MEmpty&) { return service->GetLogLevel(); });
+  Unary* GetLogLevel(Context* context, const ipc::MEmpty* request, ipc::MLogLevel* response) override {
+    return Serve("GetLogLevel", context, request, response,
+                 [](auto& service, const auto&) { return service.GetLogLevel(); });
   }
-
-  grpc::ServerUnaryReactor* SetLogLevel(grpc::CallbackServerContext* context, const ipc::MLogLevel* request,
-                                        ipc::MResult* response) override {
-    return ServeRequest<ipc::MLogLevel, ipc::MResult>(
-        mRuntime, "SetLogLevel", context, request, response,
-        [service = mService](const ipc::MLogLevel& r) { return service->SetLogLevel(r); });
+  Unary* SetLogLevel(Context* context, const ipc::MLogLevel* request, ipc::MResult* response) override {
+    return Serve("SetLogLevel", context, request, response,
+                 [](auto& service, const auto& r) { return service.SetLogLevel(r); });
   }
-
- private:
-  ServiceRuntime& mRuntime;
-  const std::shared_ptr<ILogConfig> mService;
 };
 
-template <typename Service, typename Interface>
-ServiceEntry MakeEntry(const std::string& name, std::shared_ptr<CNotificationHub> hub,
-                       std::shared_ptr<Interface> service) {
-  ServiceEntry entry;
-  entry.runtime = std::make_unique<ServiceRuntime>(name, std::move(hub));
-  entry.service = std::make_unique<Service>(*entry.runtime, std::move(service));
-  return entry;
+template <typename Adapter, typename Interface>
+ServiceEntry MakeEntry(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
+                       const std::shared_ptr<Interface>& service) {
+  auto runtime = std::make_unique<ServiceRuntime>(name, hub);
+  auto adapter = std::make_unique<Adapter>(*runtime, service);
+  return {std::move(runtime), std::move(adapter)};
 }
 
 }  // namespace
 
-ServiceRuntime::ServiceRuntime(std::string registeredName, std::shared_ptr<CNotificationHub> notificationHub)
-    : name(std::move(registeredName)),
-      hub(std::move(notificationHub)),
-      topic(hub->AddTopic()),
-      pool("rpc-" + name, kThreadsPerService, kWaitingRequests) {}
-
 ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IGenericControl>& service) {
-  ServiceEntry entry = MakeEntry<CGenericControlService>(name, hub, service);
+  ServiceEntry entry = MakeEntry<CGenericControlAdapter>(name, hub, service);
   const std::size_t topic = entry.runtime->topic;
   service->SendState = [hub, topic](ipc::MState state) {
     auto message = std::make_shared<ipc::MGenericControlNotification>();
@@ -134,7 +116,7 @@ ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotific
 
 ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IRfid>& service) {
-  ServiceEntry entry = MakeEntry<CRfidService>(name, hub, service);
+  ServiceEntry entry = MakeEntry<CRfidAdapter>(name, hub, service);
   const std::size_t topic = entry.runtime->topic;
   service->SendRfidToken = [hub, topic](ipc::MRfidToken token) {
     auto message = std::make_shared<ipc::MRfidNotification>();
@@ -152,5 +134,5 @@ ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotific
 
 ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<ILogConfig>& service) {
-  return MakeEntry<CLogConfigService>(name, hub, service);
+  return MakeEntry<CLogConfigAdapter>(name, hub, service);
 }

@@ -2,24 +2,11 @@
 
 #include <grpcpp/impl/service_type.h>
 
-#include <cstddef>
 #include <memory>
 #include <string>
 
 #include "framework/interfaces.h"
-#include "notificationhub.h"
-#include "requestpool.h"
-
-/// What the wire needs to offer one service object: the gRPC service, the threads for its requests and its
-/// topic.
-struct ServiceRuntime {
-  ServiceRuntime(std::string registeredName, std::shared_ptr<CNotificationHub> notificationHub);
-
-  const std::string name;
-  const std::shared_ptr<CNotificationHub> hub;
-  const std::size_t topic;
-  CRequestPool pool;
-};
+#include "serviceruntime.h"
 
 /// One registered service.
 struct ServiceEntry {
