@@ -60,10 +60,11 @@ void CNotificationHub::Send(std::size_t topic, Notification message, bool keep) 
   }
   const std::uint64_t number = mNextNumber++;
   if (to.subscribers.empty()) {
-    return;  // nobody it is for: later subscribers get `last`
+    return;  // later subscribers get `last` only
   }
   if (to.pending.size() >= mBounds.pending) {
-    // Nobody distributes. Who should have got the oldest is ended, and told so when this one is distributed.
+    // The queue is full because nothing drains it. Drop the subscribers that still need the oldest
+    // notification; the next drain tells them.
     for (const auto& subscriber : to.subscribers) {
       if (subscriber->mFirst <= to.pending.front().number) {
         subscriber->End(CSubscription::EEnd::TooSlow);
@@ -80,7 +81,7 @@ std::shared_ptr<CSubscription> CNotificationHub::Subscribe(std::size_t topic, st
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mStopping) {
     subscription->End(CSubscription::EEnd::Stopping);
-  } else if (mSubscribers >= mBounds.subscribers) {
+  } else if (mTopics[topic].subscribers.size() >= mBounds.subscribers) {
     subscription->End(CSubscription::EEnd::TooMany);
   } else {
     Topic& to = mTopics[topic];
@@ -89,19 +90,13 @@ std::shared_ptr<CSubscription> CNotificationHub::Subscribe(std::size_t topic, st
       subscription->Push(to.last, mBounds.queued);
     }
     to.subscribers.push_back(subscription);
-    ++mSubscribers;
   }
   return subscription;
 }
 
 void CNotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<CSubscription>& subscription) {
   const std::lock_guard<std::mutex> lock(mMutex);
-  auto& subscribers = mTopics[topic].subscribers;
-  const auto found = std::find(subscribers.begin(), subscribers.end(), subscription);
-  if (found != subscribers.end()) {
-    subscribers.erase(found);
-    --mSubscribers;
-  }
+  std::erase(mTopics[topic].subscribers, subscription);
 }
 
 void CNotificationHub::Run() {

@@ -20,8 +20,8 @@ class CSubscription {
   enum class EEnd {
     No,        ///< goes on
     Left,      ///< the subscriber went away
-    TooSlow,   ///< it did not take its notifications: it has missed something
-    TooMany,   ///< it never was a subscriber, there are too many already
+    TooSlow,   ///< its queue ran over: it has missed something
+    TooMany,   ///< it was refused: the topic has too many subscribers
     Stopping,  ///< the hub stopped; comes after the notifications that were still waiting
   };
   struct Next {
@@ -43,7 +43,7 @@ class CSubscription {
   void Push(const Notification& message, std::size_t bound);
 
   const std::function<void()> mWake;
-  std::uint64_t mFirst = 0;  // number of the first notification that is for it; guarded by the hub
+  std::uint64_t mFirst = 0;  // the first notification sent after it subscribed; guarded by the hub
   std::mutex mMutex;
   std::deque<Notification> mQueue;
   EEnd mEnd = EEnd::No;
@@ -51,16 +51,16 @@ class CSubscription {
 
 /// Distributes notifications to subscribers, by topic. Knows no transport.
 ///
-/// Send only appends to a bounded queue and never waits for a subscriber; the thread in Run moves
-/// notifications to the subscribers' own queues and wakes each of them. A new subscriber of a topic gets what
-/// was sent last with `keep` (if anything was) and then everything that is sent after it subscribed: nothing
-/// is lost, doubled or reordered. A subscriber that lets its queue run over is ended.
+/// Send only appends to a bounded queue and never waits for a subscriber. The thread in Run moves
+/// notifications to the subscribers' own queues and wakes them. A new subscriber of a topic gets the last
+/// notification sent with `keep`, if any, and then everything sent after it subscribed: nothing is lost,
+/// doubled or reordered. A subscriber whose queue runs over is ended.
 class CNotificationHub {
  public:
   struct Bounds {
-    std::size_t pending = 1024;  ///< notifications of a topic that Run has not distributed yet
-    std::size_t queued = 256;    ///< notifications that wait for one subscriber
-    std::size_t subscribers = 256;
+    std::size_t pending = 1024;     ///< notifications of a topic that Run has not distributed yet
+    std::size_t queued = 256;       ///< notifications that wait for one subscriber
+    std::size_t subscribers = 256;  ///< of one topic, so that one topic's cannot take another's places
   };
 
   CNotificationHub() : CNotificationHub(Bounds()) {}
@@ -74,8 +74,8 @@ class CNotificationHub {
   /// Any thread, at any time; after Stop it does nothing.
   void Send(std::size_t topic, Notification message, bool keep);
 
-  /// `wake` says that Take has something new. It is called on the thread of Run or Stop and must neither
-  /// block nor throw nor subscribe; it is not called from here.
+  /// `wake` is called on the thread of Run or Stop, never from here, when Take has something new. It must not
+  /// block, throw or subscribe.
   std::shared_ptr<CSubscription> Subscribe(std::size_t topic, std::function<void()> wake);
 
   /// Frees the subscriber's place.
@@ -101,11 +101,10 @@ class CNotificationHub {
   void Distribute();
 
   const Bounds mBounds;
-  std::mutex mDistribution;  // held while distributing, so that Run and Stop keep the order between them
+  std::mutex mDistribution;  // held while distributing, so that Run and Stop keep the order
   std::mutex mMutex;         // guards all below
   std::condition_variable mWake;
   std::vector<Topic> mTopics;
-  std::size_t mSubscribers = 0;
   std::uint64_t mNextNumber = 0;
   bool mStopping = false;
 };

@@ -97,20 +97,24 @@ TEST_F(NotificationHubTest, WhenNobodyDistributesSendingGoesOnAndLosersAreToldSo
   EXPECT_EQ(early.End(), CSubscription::EEnd::TooSlow);
 }
 
-TEST_F(NotificationHubTest, PlacesAreLimitedAndFreedByLeaving) {
+TEST_F(NotificationHubTest, PlacesAreLimitedForEachTopicAndFreedByLeaving) {
   std::vector<std::unique_ptr<Reader>> readers;
   for (int i = 0; i < 3; ++i) {
-    readers.push_back(std::make_unique<Reader>(mHub, i == 0 ? mOther : mTopic));
+    readers.push_back(std::make_unique<Reader>(mHub, mTopic));
   }
   Reader refused(mHub, mTopic);
   refused.Read();
   EXPECT_EQ(refused.End(), CSubscription::EEnd::TooMany);
-  mHub.Unsubscribe(mOther, readers[0]->mSubscription);
-  mHub.Unsubscribe(mOther, readers[0]->mSubscription);
+  Reader other(mHub, mOther);
+  for (int i = 0; i < 2; ++i) {
+    mHub.Unsubscribe(mTopic, readers[0]->mSubscription);
+  }
   Reader next(mHub, mTopic);
   Run();
   mHub.Send(mTopic, Numbered(1), false);
+  mHub.Send(mOther, Numbered(2), false);
   EXPECT_EQ(next.Read(1), std::vector<int>{1});
+  EXPECT_EQ(other.Read(1), std::vector<int>{2});
 }
 
 TEST(NotificationHub, SubscribersThatComeAndGoAtRandomMissNothingAndSeeNothingTwice) {
