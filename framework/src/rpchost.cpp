@@ -1,3 +1,4 @@
+#include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
 
 #include <algorithm>
@@ -33,6 +34,24 @@ constexpr std::chrono::milliseconds kCloseGrace{800};
 
 const std::string kUnixScheme = "unix:";
 
+/// Refuses the calls that no service takes and says why: most often the client did not ask for the service by
+/// its registered name.
+class CUnknownCalls final : public grpc::CallbackGenericService {
+ public:
+  std::string names;  ///< of the services
+
+  grpc::ServerGenericBidiReactor* CreateReactor(grpc::GenericCallbackServerContext* context) override {
+    struct Reactor final : grpc::ServerGenericBidiReactor {
+      void OnDone() override { delete this; }
+    };
+    auto* const reactor = new Reactor;
+    reactor->Finish({grpc::StatusCode::UNIMPLEMENTED,
+                     "no service '" + context->host() + "' with a method " + context->method() +
+                         "; set the authority to the service's name, one of: " + names});
+    return reactor;
+  }
+};
+
 }  // namespace
 
 struct GrpcBackend::Impl {
@@ -50,6 +69,7 @@ struct GrpcBackend::Impl {
   const RpcConfig config;
   const std::shared_ptr<CNotificationHub> hub = std::make_shared<CNotificationHub>();
   std::vector<ServiceEntry> services{};
+  CUnknownCalls unknownCalls{};
   std::unique_ptr<CListenSocket> socket{};
   std::unique_ptr<grpc::Server> server{};  // uses the services
 
@@ -92,7 +112,9 @@ void GrpcBackend::Impl::Listen() {
   builder.AddListeningPort(address, grpc::InsecureServerCredentials());
   for (const ServiceEntry& entry : services) {
     builder.RegisterService(entry.runtime->name, entry.service.get());
+    unknownCalls.names += (unknownCalls.names.empty() ? "" : ", ") + entry.runtime->name;
   }
+  builder.RegisterCallbackGenericService(&unknownCalls);
   const RpcLogging::CErrorCapture errors;
   std::unique_ptr<grpc::Server> newServer = builder.BuildAndStart();
   if (!newServer) {
