@@ -37,11 +37,10 @@ CConnectionWatch::~CConnectionWatch() {
   }
   grpc_channel_destroy(mChannel);  // ends a wait for its change
   grpc_completion_queue_shutdown(mQueue);
-  mIsShutDown.get_future().wait();
   {
-    // The library does not promise that the end of the queue comes last.
+    // The shutdown need not be the last call.
     std::unique_lock<std::mutex> lock(mMutex);
-    mWaitEnded.wait(lock, [this] { return mWaits == 0; });
+    mCallEnded.wait(lock, [this] { return mCalls == 0; });
   }
   grpc_completion_queue_destroy(mQueue);
 }
@@ -54,7 +53,9 @@ CConnectionWatch::Event CConnectionWatch::MakeEvent(CConnectionWatch* watch, voi
 }
 
 void CConnectionWatch::TakeShutdown(Functor* event, int /*ok*/) {
-  static_cast<Event*>(event)->watch->mIsShutDown.set_value();
+  CConnectionWatch& watch = *static_cast<Event*>(event)->watch;
+  const std::lock_guard<std::mutex> lock(watch.mMutex);
+  watch.NoteCallEnded();
 }
 
 void CConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
@@ -62,14 +63,14 @@ void CConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
   if (watch.IsLost()) {
     watch.mLost();
     const std::lock_guard<std::mutex> lock(watch.mMutex);
-    watch.EndWait();
+    watch.NoteCallEnded();
   }
 }
 
-/// With mMutex held, last of all: the destructor may go on.
-void CConnectionWatch::EndWait() {
-  --mWaits;
-  mWaitEnded.notify_all();
+/// With mMutex held. The destructor may go on once the mutex is free.
+void CConnectionWatch::NoteCallEnded() {
+  --mCalls;
+  mCallEnded.notify_all();
 }
 
 void CConnectionWatch::Begin() {
@@ -82,26 +83,26 @@ void CConnectionWatch::Begin() {
 
 void CConnectionWatch::WaitForChange(grpc_connectivity_state state) {
   mState = state;
-  ++mWaits;
+  ++mCalls;
   grpc_channel_watch_connectivity_state(mChannel, state, gpr_inf_future(GPR_CLOCK_REALTIME), mQueue,
                                         &mChange);
 }
 
-/// After a change: whether the peer has gone. If it has not, waits for the next.
+/// After a change: returns whether the peer has gone; otherwise waits for the next change.
 bool CConnectionWatch::IsLost() {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mIsEnding) {
-    EndWait();
+    NoteCallEnded();
     return false;
   }
   const bool wasConnected = mState == GRPC_CHANNEL_READY;
   const auto state = grpc_channel_check_connectivity_state(mChannel, wasConnected ? 0 : 1);
-  // A server that went before this connection was there has taken the other one along.
+  // A server that went before this connection was up has closed the main connection too.
   mIsWatching = !wasConnected && state != GRPC_CHANNEL_TRANSIENT_FAILURE &&
                 (state != GRPC_CHANNEL_READY || mIsConnected());
   if (mIsWatching) {
     WaitForChange(state);
-    EndWait();  // of the one before
+    NoteCallEnded();  // the former one
   }
   return !mIsWatching;
 }

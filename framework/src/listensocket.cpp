@@ -26,7 +26,7 @@ std::string ErrorText(int code) {
 void MakeFolder(const std::string& address, const std::filesystem::path& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder.parent_path(), error);
-  // The socket's own folder is for the daemon and its group; one that exists already is left as it is.
+  // A new folder is for the daemon and its group only. An existing one keeps its mode.
   if (mkdir(folder.c_str(), 0750) != 0 && errno != EEXIST) {
     Fail(address, "the folder " + folder.string() + " cannot be made: " + ErrorText(errno));
   }
@@ -55,7 +55,7 @@ CListenSocket::~CListenSocket() {
   if (mPublished) {
     unlink(mPath.c_str());
   }
-  // While the lock is held nobody else can own the file of this name, so it is ours that goes.
+  // Nobody else can own a lock file of this name while we hold the lock, so this removes ours.
   unlink(mLockPath.c_str());
   close(mLock);
 }
@@ -73,7 +73,7 @@ void CListenSocket::TakeLock() {
                       ? "address in use by a running instance"
                       : "the lock file " + mLockPath + " cannot be locked: " + ErrorText(code));
     }
-    // The owner before us may have removed the file between our opening and our locking it.
+    // The former owner may have removed the file after we opened and before we locked it.
     struct stat locked {};
     struct stat named {};
     if (fstat(mLock, &locked) == 0 && stat(mLockPath.c_str(), &named) == 0 && locked.st_dev == named.st_dev &&

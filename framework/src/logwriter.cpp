@@ -11,7 +11,7 @@
 
 namespace {
 
-/// What a line takes while it waits, about: with what the allocator and the queue need for it.
+/// About what a queued line takes, with the allocator's and the queue's share.
 std::size_t SizeOf(const LogLine& line) {
   constexpr std::size_t kBookkeeping = 64;
   return sizeof(LogLine) + line.text.capacity() + kBookkeeping;
@@ -82,8 +82,8 @@ void CLogWriter::Run(const std::string& threadName) {
   }
 }
 
-/// Writes the line, before it what is missing, and leaves in `dropped` what is still to be said. The line
-/// that says it has the time of the one after the gap, so that times do not jump back.
+/// Writes the report of dropped lines, if any, and the line. Leaves in `dropped` what is still to be
+/// reported. The report has the time of the line after the gap, so that times do not jump back.
 void CLogWriter::WriteAfterGap(std::size_t& dropped, const LogLine& line) const {
   try {
     bool isTaken = true;

@@ -37,16 +37,14 @@ CRequestPool::ESubmit CRequestPool::Submit(std::shared_ptr<IRequest> request) {
 }
 
 void CRequestPool::Abandon() {
-  std::vector<std::shared_ptr<IRequest>> requests;
+  std::list<std::shared_ptr<IRequest>> requests;
   {
     const std::lock_guard<std::mutex> lock(mState->mutex);
-    if (mState->stopping) {
+    if (std::exchange(mState->stopping, true)) {
       return;
     }
-    mState->stopping = true;
-    requests.assign(mState->waiting.begin(), mState->waiting.end());
-    requests.insert(requests.end(), mState->running.begin(), mState->running.end());
-    mState->waiting.clear();
+    requests = mState->running;
+    requests.splice(requests.end(), mState->waiting);
   }
   mState->wake.notify_all();
   for (const auto& request : requests) {
@@ -60,7 +58,7 @@ bool CRequestPool::Join(std::chrono::steady_clock::time_point deadline) {
   const bool ended = mState->ended.wait_until(lock, deadline, [this] { return mState->alive == 0; });
   lock.unlock();
   for (std::thread& thread : mThreads) {
-    // With one thread stuck the others, idle and about to end, may be let go as well.
+    // When one thread is stuck, the others are idle and about to end, so they may be detached too.
     ended ? thread.join() : thread.detach();
   }
   mThreads.clear();
@@ -75,17 +73,14 @@ void CRequestPool::Work(const std::shared_ptr<State>& state, const std::string& 
     if (state->waiting.empty()) {
       break;
     }
-    state->running.push_front(std::move(state->waiting.front()));
-    const auto running = state->running.begin();
-    state->waiting.pop_front();
+    auto request = state->waiting.front();
+    state->running.splice(state->running.end(), state->waiting, state->waiting.begin());
     lock.unlock();
-    (*running)->Run();
-    std::shared_ptr<IRequest> done;  // released without the lock: it may own the service
+    request->Run();
     lock.lock();
-    done = std::move(*running);
-    state->running.erase(running);
+    state->running.remove(request);
     lock.unlock();
-    done.reset();
+    request.reset();  // without the lock: it may own the service
     lock.lock();
   }
   --state->alive;

@@ -14,7 +14,7 @@ struct Holder {
   std::shared_ptr<Rpc::ILogger> logger;
 };
 
-// Never destroyed: threads of gRPC may still log while the process exits.
+// Never destroyed: gRPC's threads may still log while the process exits.
 Holder& TheHolder() {
   static auto* const holder = new Holder;
   return *holder;
@@ -36,7 +36,7 @@ void Write(Operation operation, const std::string& message) noexcept {
       ((*logger).*operation)(message);
     }
   } catch (const std::exception&) {
-    // A line that cannot be written has nowhere to be reported.
+    // There is nowhere to report a line that cannot be written.
   }
 }
 
@@ -47,7 +47,7 @@ void OnGrpcLog(gpr_log_func_args* args) {
     }
     Write(&Rpc::ILogger::Error, args->message);
   } else if (args->severity == GPR_LOG_SEVERITY_INFO) {
-    // What gRPC tells for information is about single connections: detail for us.
+    // gRPC's info messages are per connection; we log them at debug.
     Write(&Rpc::ILogger::Debug, args->message);
   } else {
     Write(&Rpc::ILogger::Trace, args->message);

@@ -18,7 +18,7 @@ bool IsClosing(char c) {
   return c == ']' || c == '}';
 }
 
-/// The place behind the string that begins at `at`.
+/// The position after the string that begins at `at`.
 std::size_t SkipString(std::string_view text, std::size_t at) {
   while (++at < text.size() && text[at] != '"') {
     at += text[at] == '\\' ? 1 : 0;
@@ -26,8 +26,8 @@ std::size_t SkipString(std::string_view text, std::size_t at) {
   return std::min(at + 1, text.size());
 }
 
-/// Where the array's element that begins at `at` ends: at a comma, a closing bracket or the end of the text.
-/// Whether the element is well-formed is for the parser to say.
+/// The end of the array element that begins at `at`: a comma, a closing bracket or the end of the text. The
+/// parser decides whether the element is well-formed.
 std::size_t FindEndOfElement(std::string_view text, std::size_t at) {
   std::size_t depth = 0;
   while (at < text.size()) {
@@ -42,8 +42,8 @@ std::size_t FindEndOfElement(std::string_view text, std::size_t at) {
   return at;
 }
 
-/// Reads the elements of the array that begins at `at`, one at a time, and returns the place behind the
-/// array. Throws when the array is malformed.
+/// Reads the elements of the array that begins at `at`, one at a time. Returns the position after the array.
+/// Throws when the array is malformed.
 std::size_t ReadArray(std::string_view text, std::size_t at, const CSectionDocument::Visitor& visit) {
   const CJsonPartParser parser(2);
   bool isFirst = true;
@@ -73,7 +73,7 @@ CSectionDocument::CSectionDocument(std::string text) : mText(std::move(text)) {
     CutArraysOut();
     CheckStrictText(mText);
   } catch (const std::exception&) {
-    ParseStrictJson(mText);  // says what is wrong, and where
+    ParseStrictJson(mText);  // throws the error with its position
     throw;
   }
 }
