@@ -1,6 +1,5 @@
 #include "notificationhub.h"
 
-#include <algorithm>
 #include <utility>
 
 CSubscription::Next CSubscription::Take() {
@@ -32,12 +31,9 @@ void CSubscription::End(EEnd end) {
 
 void CSubscription::Push(const Notification& message, std::size_t bound) {
   const std::lock_guard<std::mutex> lock(mMutex);
-  if (mEnd != EEnd::No) {
-    return;
-  }
-  if (mQueue.size() < bound) {
+  if (mEnd == EEnd::No && mQueue.size() < bound) {
     mQueue.push_back(message);
-  } else {
+  } else if (mEnd == EEnd::No) {
     mEnd = EEnd::TooSlow;
     mQueue.clear();
   }
@@ -49,7 +45,7 @@ std::size_t CNotificationHub::AddTopic() {
   return mTopics.size() - 1;
 }
 
-void CNotificationHub::Send(std::size_t topic, Notification message, bool keep) {
+void CNotificationHub::Send(std::size_t topic, const Notification& message, bool keep) {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mStopping) {
     return;
@@ -58,34 +54,24 @@ void CNotificationHub::Send(std::size_t topic, Notification message, bool keep) 
   if (keep) {
     to.last = message;
   }
-  const std::uint64_t number = mNextNumber++;
-  if (to.subscribers.empty()) {
-    return;  // later subscribers get `last` only
+  for (const auto& subscriber : to.subscribers) {
+    subscriber->Push(message, mBounds.queued);
+    mHasNews = to.hasNews = true;
   }
-  if (to.pending.size() >= mBounds.pending) {
-    // The queue is full because nothing drains it. Drop the subscribers that still need the oldest
-    // notification; the next drain tells them.
-    for (const auto& subscriber : to.subscribers) {
-      if (subscriber->mFirst <= to.pending.front().number) {
-        subscriber->End(CSubscription::EEnd::TooSlow);
-      }
-    }
-    to.pending.pop_front();
+  if (to.hasNews) {
+    mWake.notify_all();
   }
-  to.pending.push_back({number, std::move(message)});
-  mWake.notify_all();
 }
 
 std::shared_ptr<CSubscription> CNotificationHub::Subscribe(std::size_t topic, std::function<void()> wake) {
   std::shared_ptr<CSubscription> subscription(new CSubscription(std::move(wake)));
   const std::lock_guard<std::mutex> lock(mMutex);
+  Topic& to = mTopics[topic];
   if (mStopping) {
     subscription->End(CSubscription::EEnd::Stopping);
-  } else if (mTopics[topic].subscribers.size() >= mBounds.subscribers) {
+  } else if (to.subscribers.size() >= mBounds.subscribers) {
     subscription->End(CSubscription::EEnd::TooMany);
   } else {
-    Topic& to = mTopics[topic];
-    subscription->mFirst = mNextNumber;
     if (to.last) {
       subscription->Push(to.last, mBounds.queued);
     }
@@ -101,56 +87,42 @@ void CNotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<CSub
 
 void CNotificationHub::Run() {
   std::unique_lock<std::mutex> lock(mMutex);
-  while (!mStopping) {
-    mWake.wait(lock, [this] { return mStopping || HasPending(); });
+  for (;;) {
+    mWake.wait(lock, [this] { return mStopping || mHasNews; });
+    if (mStopping) {
+      return;
+    }
+    const Subscriptions receivers = TakeReceivers();
     lock.unlock();
-    Distribute();
+    for (const auto& receiver : receivers) {
+      receiver->mWake();
+    }
     lock.lock();
   }
 }
 
-bool CNotificationHub::HasPending() const {
-  return std::any_of(mTopics.begin(), mTopics.end(),
-                     [](const Topic& topic) { return !topic.pending.empty(); });
-}
-
-void CNotificationHub::Distribute() {
-  const std::lock_guard<std::mutex> distribution(mDistribution);
-  std::unique_lock<std::mutex> lock(mMutex);
-  for (std::size_t topic = 0; topic < mTopics.size(); ++topic) {
-    while (!mTopics[topic].pending.empty()) {
-      const Pending pending = std::move(mTopics[topic].pending.front());
-      mTopics[topic].pending.pop_front();
-      std::vector<std::shared_ptr<CSubscription>> receivers;
-      for (const auto& subscriber : mTopics[topic].subscribers) {
-        if (subscriber->mFirst <= pending.number) {
-          receivers.push_back(subscriber);
-        }
-      }
-      lock.unlock();
-      for (const auto& receiver : receivers) {
-        receiver->Push(pending.message, mBounds.queued);
-        receiver->mWake();
-      }
-      lock.lock();
+/// The subscribers of topics with news, which then count as told.
+CNotificationHub::Subscriptions CNotificationHub::TakeReceivers() {
+  Subscriptions receivers;
+  for (Topic& topic : mTopics) {
+    if (std::exchange(topic.hasNews, false)) {
+      receivers.insert(receivers.end(), topic.subscribers.begin(), topic.subscribers.end());
     }
   }
+  mHasNews = false;
+  return receivers;
 }
 
 void CNotificationHub::Stop() {
+  Subscriptions all;
   {
     const std::lock_guard<std::mutex> lock(mMutex);
     mStopping = true;
-  }
-  mWake.notify_all();
-  Distribute();
-  std::vector<std::shared_ptr<CSubscription>> all;
-  {
-    const std::lock_guard<std::mutex> lock(mMutex);
     for (const Topic& topic : mTopics) {
       all.insert(all.end(), topic.subscribers.begin(), topic.subscribers.end());
     }
   }
+  mWake.notify_all();
   for (const auto& subscription : all) {
     subscription->End(CSubscription::EEnd::Stopping);
     subscription->mWake();

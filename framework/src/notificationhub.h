@@ -4,7 +4,6 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -22,10 +21,10 @@ class CSubscription {
     Left,      ///< the subscriber went away
     TooSlow,   ///< its queue ran over: it has missed something
     TooMany,   ///< it was refused: the topic has too many subscribers
-    Stopping,  ///< the hub stopped; comes after the notifications that were still waiting
+    Stopping,  ///< the hub stopped; comes after the queued notifications
   };
   struct Next {
-    Notification message;  ///< empty when there is nothing to be sent now
+    Notification message;  ///< empty when there is nothing to send now
     EEnd end = EEnd::No;
   };
 
@@ -43,7 +42,6 @@ class CSubscription {
   void Push(const Notification& message, std::size_t bound);
 
   const std::function<void()> mWake;
-  std::uint64_t mFirst = 0;  // the first notification sent after it subscribed; guarded by the hub
   std::mutex mMutex;
   std::deque<Notification> mQueue;
   EEnd mEnd = EEnd::No;
@@ -51,15 +49,14 @@ class CSubscription {
 
 /// Distributes notifications to subscribers, by topic. Knows no transport.
 ///
-/// Send only appends to a bounded queue and never waits for a subscriber. The thread in Run moves
-/// notifications to the subscribers' own queues and wakes them. A new subscriber of a topic gets the last
-/// notification sent with `keep`, if any, and then everything sent after it subscribed: nothing is lost,
-/// doubled or reordered. A subscriber whose queue runs over is ended.
+/// Send only appends to the subscribers' bounded queues and never waits for a subscriber; the thread in Run
+/// wakes them. A new subscriber of a topic gets the last notification sent with `keep`, if any, and then
+/// everything sent after it subscribed: nothing is lost, doubled or reordered. A subscriber whose queue runs
+/// over is ended.
 class CNotificationHub {
  public:
   struct Bounds {
-    std::size_t pending = 1024;     ///< notifications of a topic that Run has not distributed yet
-    std::size_t queued = 256;       ///< notifications that wait for one subscriber
+    std::size_t queued = 256;       ///< notifications in one subscriber's queue
     std::size_t subscribers = 256;  ///< of one topic, so that one topic's cannot take another's places
   };
 
@@ -72,7 +69,7 @@ class CNotificationHub {
   std::size_t AddTopic();
 
   /// Any thread, at any time; after Stop it does nothing.
-  void Send(std::size_t topic, Notification message, bool keep);
+  void Send(std::size_t topic, const Notification& message, bool keep);
 
   /// `wake` is called on the thread of Run or Stop, never from here, when Take has something new. It must not
   /// block, throw or subscribe.
@@ -81,30 +78,25 @@ class CNotificationHub {
   /// Frees the subscriber's place.
   void Unsubscribe(std::size_t topic, const std::shared_ptr<CSubscription>& subscription);
 
-  /// Distributes until Stop.
+  /// Wakes subscribers until Stop.
   void Run();
 
-  /// Distributes what is still pending, then ends every subscription. Once or more.
+  /// Ends every subscription. Later calls do nothing.
   void Stop();
 
  private:
-  struct Pending {
-    std::uint64_t number = 0;
-    Notification message;
-  };
+  using Subscriptions = std::vector<std::shared_ptr<CSubscription>>;
   struct Topic {
-    std::deque<Pending> pending;
-    std::vector<std::shared_ptr<CSubscription>> subscribers;
+    Subscriptions subscribers;
     Notification last;
+    bool hasNews = false;
   };
-  bool HasPending() const;
-  void Distribute();
+  Subscriptions TakeReceivers();
 
   const Bounds mBounds;
-  std::mutex mDistribution;  // held while distributing, so that Run and Stop keep the order
-  std::mutex mMutex;         // guards all below
+  std::mutex mMutex;  // guards all below
   std::condition_variable mWake;
   std::vector<Topic> mTopics;
-  std::uint64_t mNextNumber = 0;
+  bool mHasNews = false;  // in any topic
   bool mStopping = false;
 };

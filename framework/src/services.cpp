@@ -104,12 +104,12 @@ ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotific
   service->SendState = [hub, topic](ipc::MState state) {
     auto message = std::make_shared<ipc::MGenericControlNotification>();
     *message->mutable_state() = std::move(state);
-    hub->Send(topic, std::move(message), true);
+    hub->Send(topic, message, true);
   };
   service->SendAlive = [hub, topic] {
     auto message = std::make_shared<ipc::MGenericControlNotification>();
     message->mutable_alive();
-    hub->Send(topic, std::move(message), false);
+    hub->Send(topic, message, false);
   };
   return entry;
 }
@@ -122,12 +122,12 @@ ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotific
     auto message = std::make_shared<ipc::MRfidNotification>();
     *message->mutable_token() = std::move(token);
     message->mutable_token()->set_uid(ValidUtf8(message->token().uid()));
-    hub->Send(topic, std::move(message), false);
+    hub->Send(topic, message, false);
   };
   service->SendRfidLearningToken = [hub, topic](const std::string& uid) {
     auto message = std::make_shared<ipc::MRfidNotification>();
     message->mutable_learning_token()->set_uid(ValidUtf8(uid));
-    hub->Send(topic, std::move(message), false);
+    hub->Send(topic, message, false);
   };
   return entry;
 }
