@@ -17,10 +17,6 @@ namespace {
 
 using Stub = ipc::Diagnostics::Stub;
 
-std::string Names(const ipc::MSignal& signal) {
-  return "the signal '" + signal.name() + "'";
-}
-
 std::string Names(const ipc::MSignals& signals) {
   std::string names = signals.signals_size() == 1 ? "the signal" : "one of the signals";
   for (const ipc::MSignal& signal : signals.signals()) {
@@ -52,7 +48,9 @@ class CDiagnosticsTransport final : public IDiagnosticsTransport {
       mTakesSeveral = false;
     }
     return std::all_of(signals.signals().begin(), signals.signals().end(), [this](const auto& signal) {
-      return Take(Call(&Stub::UpdateSignal, signal), signal);
+      ipc::MSignals one;
+      *one.add_signals() = signal;
+      return Take(Call(&Stub::UpdateSignal, signal), one);
     });
   }
 
@@ -96,15 +94,14 @@ class CDiagnosticsTransport final : public IDiagnosticsTransport {
   }
 
   /// Returns false when the values have to be sent again.
-  template <typename Request>
-  bool Take(const grpc::Status& status, const Request& request) {
+  bool Take(const grpc::Status& status, const ipc::MSignals& signals) {
     if (IsTransient(status)) {
       NotePeer(false, StatusText(status));
       return false;
     }
     NotePeer(true);
     if (!status.ok()) {
-      RpcLogging::Warning(mName + " refused " + Names(request) + ": " + StatusText(status));
+      RpcLogging::Warning(mName + " refused " + Names(signals) + ": " + StatusText(status));
     }
     return true;
   }

@@ -7,6 +7,7 @@
 #include <new>
 #include <set>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 #include "framework/log.h"
@@ -22,33 +23,22 @@ constexpr std::size_t kLargestFileMiB = 64;
 std::mutex gStoreMutex;
 std::string gStore;
 
-/// What tells one state of a file from another. A missing or unreadable file counts as a state of its own.
-/// The change time counts too: it shows that a file was made readable, or overwritten by a copy that keeps
-/// the old modification time.
-struct FileState {
-  int error = 0;  ///< errno when there is no file to look at; the rest is 0 then
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  time_t modified = 0;
-  long modifiedNs = 0;
-  time_t changed = 0;
-  long changedNs = 0;
-
-  bool operator==(const FileState&) const = default;
-};
+/// Tells one state of a file from another: errno when there is no file to look at, device, inode, size, time
+/// of modification and of change. A missing or unreadable file counts as a state of its own. The change time
+/// shows that a file was made readable, or overwritten by a copy that keeps the old modification time.
+using FileState = std::tuple<int, dev_t, ino_t, off_t, time_t, long, time_t, long>;
 
 FileState LookAt(const std::string& path) {
-  struct stat data {};
-  const int error = stat(path.c_str(), &data) == 0 ? 0 : errno;
+  struct stat s {};
+  const int error = stat(path.c_str(), &s) == 0 ? 0 : errno;
   return {error,
-          data.st_dev,
-          data.st_ino,
-          data.st_size,
-          data.st_mtim.tv_sec,
-          data.st_mtim.tv_nsec,
-          data.st_ctim.tv_sec,
-          data.st_ctim.tv_nsec};
+          s.st_dev,
+          s.st_ino,
+          s.st_size,
+          s.st_mtim.tv_sec,
+          s.st_mtim.tv_nsec,
+          s.st_ctim.tv_sec,
+          s.st_ctim.tv_nsec};
 }
 
 }  // namespace

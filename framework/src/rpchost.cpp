@@ -57,12 +57,6 @@ class CUnknownCalls final : public grpc::CallbackGenericService {
 struct GrpcBackend::Impl {
   void Listen();
 
-  template <typename Interface>
-  std::shared_ptr<IServer> Add(const std::string& name, const std::shared_ptr<Interface>& service) {
-    CheckAddition(name, service != nullptr);
-    services.push_back(MakeService(name, hub, service));
-    return std::make_shared<IServer>();
-  }
   void CheckAddition(const std::string& name, bool hasService) const;
 
   const std::string configPath;
@@ -208,17 +202,16 @@ void GrpcBackend::Stop() {
   me.stopped.set_value();
 }
 
-std::shared_ptr<IServer> GrpcBackend::Add(const std::string& name, std::shared_ptr<IGenericControl> service) {
-  return mImpl->Add(name, std::move(service));
+template <typename Interface>
+std::shared_ptr<IServer> GrpcBackend::Add(const std::string& name, std::shared_ptr<Interface> service) {
+  mImpl->CheckAddition(name, service != nullptr);
+  mImpl->services.push_back(MakeService(name, mImpl->hub, service));
+  return std::make_shared<IServer>();
 }
 
-std::shared_ptr<IServer> GrpcBackend::Add(const std::string& name, std::shared_ptr<IRfid> service) {
-  return mImpl->Add(name, std::move(service));
-}
-
-std::shared_ptr<IServer> GrpcBackend::Add(const std::string& name, std::shared_ptr<ILogConfig> service) {
-  return mImpl->Add(name, std::move(service));
-}
+template std::shared_ptr<IServer> GrpcBackend::Add(const std::string&, std::shared_ptr<IGenericControl>);
+template std::shared_ptr<IServer> GrpcBackend::Add(const std::string&, std::shared_ptr<IRfid>);
+template std::shared_ptr<IServer> GrpcBackend::Add(const std::string&, std::shared_ptr<ILogConfig>);
 
 void GrpcBackend::Create(const std::string& name, std::shared_ptr<IClient<IFeedback>>& client) {
   client = CreateFeedbackClient(name, PeerAddress(name));

@@ -3,6 +3,7 @@
 #include <google/protobuf/stubs/logging.h>
 #include <grpc/support/log.h>
 
+#include <array>
 #include <exception>
 #include <mutex>
 
@@ -55,20 +56,10 @@ void OnGrpcLog(gpr_log_func_args* args) {
 }
 
 void OnProtobufLog(google::protobuf::LogLevel level, const char*, int, const std::string& message) {
-  switch (level) {
-    case google::protobuf::LOGLEVEL_INFO:
-      Write(&Rpc::ILogger::Debug, message);
-      break;
-    case google::protobuf::LOGLEVEL_WARNING:
-      Write(&Rpc::ILogger::Warning, message);
-      break;
-    case google::protobuf::LOGLEVEL_ERROR:
-      Write(&Rpc::ILogger::Error, message);
-      break;
-    case google::protobuf::LOGLEVEL_FATAL:
-      Write(&Rpc::ILogger::Critical, message);
-      break;
-  }
+  static constexpr std::array<Operation, 4> kByLevel{&Rpc::ILogger::Debug, &Rpc::ILogger::Warning,
+                                                     &Rpc::ILogger::Error, &Rpc::ILogger::Critical};
+  static_assert(google::protobuf::LOGLEVEL_FATAL == kByLevel.size() - 1);
+  Write(kByLevel.at(level), message);
 }
 
 }  // namespace

@@ -91,9 +91,9 @@ class GrpcBackend {
   void Stop();
 
  protected:
-  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<IGenericControl> service);
-  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<IRfid> service);
-  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<ILogConfig> service);
+  /// For IGenericControl, IRfid and ILogConfig.
+  template <typename Interface>
+  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<Interface> service);
   void Create(const std::string& name, std::shared_ptr<IClient<IFeedback>>& client);
 
  private:
