@@ -2,11 +2,11 @@
 
 #include <gmock/gmock.h>
 
-#include "fakenfcnetlink.h"
-#include "framework/handover.h"
-#include "framework/logcapture.h"
 #include "src/components/rfidhsm.h"
-#include "temporarystore.h"
+#include "tests/components/fakenfcnetlink.h"
+#include "tests/components/temporarystore.h"
+#include "tests/framework/handover.h"
+#include "tests/framework/logcapture.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;

@@ -5,8 +5,8 @@
 #include <future>
 #include <thread>
 
-#include "fakenfcnetlink.h"
-#include "framework/logcapture.h"
+#include "tests/components/fakenfcnetlink.h"
+#include "tests/framework/logcapture.h"
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
