@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "src/components/nfcnetlink.h"
+#include "tests/components/says.h"
 #include "tests/framework/handover.h"
 #include "tests/framework/logcapture.h"
 #include "tools/virtual-nfc/inprocess.h"
@@ -89,8 +90,3 @@ inline constexpr auto kNotOpen =
     "Netlink sockets not initialized. Initialize controller first. 3 recoverable";
 inline constexpr auto kNoDevice =
     "No device to power on/off. Initialize controller to find device. 31 recoverable";
-
-/// Matches a log line by its text behind the source position.
-inline auto Says(const std::string& text) {
-  return ::testing::EndsWith(") " + text);
-}

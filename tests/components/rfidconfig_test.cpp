@@ -5,12 +5,12 @@
 
 #include <vector>
 
+#include "tests/components/says.h"
 #include "tests/components/temporarystore.h"
 #include "tests/framework/logcapture.h"
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -27,8 +27,8 @@ class RfidConfig : public ::testing::Test {
   CRfidConfig mConfig = MakeConfig();
 };
 
-constexpr auto kNoUid = ") Token has no member RfidTokenUid. Skipping...";
-constexpr auto kNoText = ") RfidTokenUid is not a text. Skipping...";
+constexpr auto kNoUid = "Token has no member RfidTokenUid. Skipping...";
+constexpr auto kNoText = "RfidTokenUid is not a text. Skipping...";
 
 }  // namespace
 
@@ -50,11 +50,11 @@ TEST_F(RfidConfig, SwitchesFollowTheFileAtTheNextQuestion) {
     mLog.Clear();
     EXPECT_EQ(mConfig.GetOcppStatus(), c.ocpp);
     EXPECT_EQ(mConfig.GetAuthorizationEnabled(), c.authorisation);
-    EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug),
-                ElementsAre(EndsWith(") Settings have been updated, reloading."),
-                            EndsWith(c.ocpp ? ") OCPP Status: Active" : ") OCPP Status: Inactive"),
-                            EndsWith(c.authorisation ? ") Authorization enabled: true"
-                                                     : ") Authorization enabled: false")));
+    EXPECT_THAT(
+        mLog.Texts(Log::ELogLevel::Debug),
+        ElementsAre(Says("Settings have been updated, reloading."),
+                    Says(c.ocpp ? "OCPP Status: Active" : "OCPP Status: Inactive"),
+                    Says(c.authorisation ? "Authorization enabled: true" : "Authorization enabled: false")));
   }
 }
 
@@ -72,16 +72,16 @@ TEST_F(RfidConfig, TheListLetsInWhoIsInItAndNobodyElse) {
             {}},
            {R"({"Tokens": [{"Uid": 1}, {"RfidTokenUid": "0A1B2C3D"}, 1, {"RfidTokenUid": "0A1B2C3D"}]})",
             true,
-            {EndsWith(kNoUid)}},
+            {Says(kNoUid)}},
            {R"({"Tokens": [[], {"RfidTokenUid": {}}, {"RfidTokenUid": "0A1B2C3D"}]})",
             true,
-            {EndsWith(kNoUid), EndsWith(kNoText)}},
+            {Says(kNoUid), Says(kNoText)}},
            {R"({"Tokens": ["0A1B2C3D", 7, null, ["0A1B2C3D"]]})",
             false,
-            {EndsWith(kNoUid), EndsWith(kNoUid), EndsWith(kNoUid), EndsWith(kNoUid)}},
+            {Says(kNoUid), Says(kNoUid), Says(kNoUid), Says(kNoUid)}},
            {R"({"Tokens": [{"RfidTokenUid": "0a1b2c3d"}, {"RfidTokenUid": " 0A1B2C3D"}]})", false, {}},
            {R"({"Tokens": [{"RfidTokenUid": null}]})", false, {}},
-           {R"({"Tokens": [{"RfidTokenUid": ["0A1B2C3D"]}]})", false, {EndsWith(kNoText)}},
+           {R"({"Tokens": [{"RfidTokenUid": ["0A1B2C3D"]}]})", false, {Says(kNoText)}},
            {R"({"Tokens": {"RfidTokenUid": "0A1B2C3D"}})", false, {}},
            {R"({"Tokens": []})", false, {}},
            {R"({"Tokens": null})", false, {}},
@@ -92,13 +92,13 @@ TEST_F(RfidConfig, TheListLetsInWhoIsInItAndNobodyElse) {
     mLog.Clear();
     mConfig.AuthenticateToken("FFFFFFFF");
     EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug),
-                ElementsAre(EndsWith(") Standalone list has been updated"),
-                            EndsWith(") Checking standalone list for: FFFFFFFF")));
+                ElementsAre(Says("Standalone list has been updated"),
+                            Says("Checking standalone list for: FFFFFFFF")));
     mLog.Clear();
     EXPECT_EQ(mConfig.AuthenticateToken("0A1B2C3D"),
               c.permitted ? ipc::ERfidUidInStandAloneList : ipc::ERfidUidNotInList);
     EXPECT_THAT(mLog.Texts(Log::ELogLevel::Info),
-                ElementsAre(EndsWith(c.permitted ? ") Found Match!" : ") UID not in list.")));
+                ElementsAre(Says(c.permitted ? "Found Match!" : "UID not in list.")));
     EXPECT_THAT(mLog.Texts(Log::ELogLevel::Warning), ::testing::ElementsAreArray(c.warnings));
   }
 }
@@ -141,14 +141,15 @@ TEST_F(RfidConfig, EveryEntryThatLetsNobodyInIsNamedOnceForEachLoad) {
     const auto logged = mLog.Texts(Log::ELogLevel::Warning);
     ASSERT_EQ(logged.size(), warnings.size());
     for (size_t i = 0; i < logged.size(); ++i) {
-      EXPECT_THAT(logged[i], EndsWith(") Standalone list: " + warnings[i]));
+      EXPECT_THAT(logged[i], Says("Standalone list: " + warnings[i]));
     }
   }
   mStore.Write("rfid_standalone", R"({"Tokens": [)" + many + R"({"RfidTokenUid": "0A1B2C3D"}]})");
   mLog.Clear();
   mConfig.AuthenticateToken("FFFFFFFF");
   EXPECT_EQ(mLog.Texts(Log::ELogLevel::Warning).size(), 11U);
-  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Warning).back(), EndsWith(": 2 more elements match no card."));
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Warning).back(),
+              Says("Standalone list: 2 more elements match no card."));
 }
 
 TEST(StandaloneList, IsTakenFromAClientThatGivesItOnlyAsAWhole) {
@@ -209,5 +210,5 @@ TEST_F(RfidConfig, ABrokenListKeepsTheLastGoodOneAndIsReadOnce) {
   EXPECT_EQ(mLog.Texts(Log::ELogLevel::Error).size(), 1U);
   mLog.Clear();
   EXPECT_EQ(mConfig.AuthenticateToken("0A1B2C3D"), ipc::ERfidUidInStandAloneList);
-  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Not(Contains(EndsWith("Standalone list has been updated"))));
+  EXPECT_THAT(mLog.Texts(Log::ELogLevel::Debug), Not(Contains(Says("Standalone list has been updated"))));
 }
