@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -33,7 +32,6 @@ class CRfid {
 
  private:
   void ConnectInterfaces();
-  void ConnectInterruption() const;
   void ConnectIStatemachine() const;
   void ConnectIRfid() const;
   void AddServices();
@@ -51,5 +49,4 @@ class CRfid {
   std::shared_ptr<CRfidReader> mRfidReader;
   std::thread mServerThread;
   std::thread mNotificationThread;
-  mutable std::atomic<bool> mInterrupted{false};  // a SIGINT was taken
 };
