@@ -17,7 +17,7 @@
 
 #include "framework/handover.h"
 #include "framework/logcapture.h"
-#include "inprocess.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 using namespace std::chrono_literals;
 using namespace virtualnfc;

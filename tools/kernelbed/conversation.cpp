@@ -1,4 +1,4 @@
-#include "kernelbed/conversation.h"
+#include "tools/kernelbed/conversation.h"
 
 #include <fmt/format.h>
 #include <linux/nfc.h>
@@ -12,8 +12,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "netlinksocket.h"
 #include "tools/harness/process.h"
+#include "tools/virtual-nfc/preload/netlinksocket.h"
 
 using namespace virtualnfc;
 

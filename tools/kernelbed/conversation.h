@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "kernelbed/kernelbench.h"
-#include "netlinktext.h"
+#include "tools/kernelbed/kernelbench.h"
+#include "tools/virtual-nfc/trace/netlinktext.h"
 
 /// One talk with a kernel by programs 'a', 'b' and so on, each with a socket of its own; 'e' listens to the
 /// events. One thread.

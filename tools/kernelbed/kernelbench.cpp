@@ -1,4 +1,4 @@
-#include "kernelbed/kernelbench.h"
+#include "tools/kernelbed/kernelbench.h"
 
 #include <fmt/format.h>
 #include <sys/syscall.h>
@@ -7,10 +7,10 @@
 #include <future>
 #include <map>
 
-#include "inprocess.h"
-#include "kernelbed/digitalreader.h"
-#include "kernelbed/ncichip.h"
 #include "tools/harness/process.h"
+#include "tools/kernelbed/digitalreader.h"
+#include "tools/kernelbed/ncichip.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 using namespace virtualnfc;
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "nfcdevice.h"
-#include "uniquefd.h"
+#include "tools/virtual-nfc/kernel/nfcdevice.h"
+#include "tools/virtual-nfc/server/uniquefd.h"
 
 /// A kernel with one reader, number 0, that was just plugged in, and a hand that moves it and its tags: the
 /// same for the machine's own kernel and for the simulated one. One at a time. All operations throw

@@ -11,12 +11,12 @@
 #include <string>
 #include <system_error>
 
-#include "common/commandline.h"
-#include "controlprotocol.h"
-#include "controlserver.h"
-#include "recordclient.h"
-#include "tag.h"
-#include "virtualnfc.h"
+#include "tools/common/commandline.h"
+#include "tools/virtual-nfc/kernel/tag.h"
+#include "tools/virtual-nfc/server/controlprotocol.h"
+#include "tools/virtual-nfc/server/controlserver.h"
+#include "tools/virtual-nfc/server/virtualnfc.h"
+#include "tools/virtual-nfc/trace/recordclient.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <linux/nfc.h>
 
-#include "kernelbed/conversation.h"
+#include "tools/kernelbed/conversation.h"
 
 using namespace virtualnfc;
 
