@@ -12,7 +12,7 @@
 #include "tools/harness/station.h"
 #include "tools/virtual-nfc/server/controlprotocol.h"
 #include "tools/virtual-nfc/server/controlserver.h"
-#include "tools/virtual-nfc/trace/record.h"
+#include "tools/virtual-nfc/trace/netlinktext.h"
 
 namespace {
 
@@ -73,33 +73,33 @@ TEST(Record, OfACardIsWhatTheDocumentShows) {
   if (HasFailure()) station.KeepFolder();
 }
 
-TEST(RecordText, IsAnotherOneForEveryByteThatIsOther) {
-  const NetlinkIds ids{20, 3, 4711};
+TEST(RecordText, ShowsDamagedMessages) {
   NfcKernel kernel({});
-  kernel.AddDevice(0);
-  MessageBuilder odd(20, NLM_F_REQUEST | NLM_F_DUMP | 0x1000, 7, 4711);
-  odd.Genl(NFC_CMD_START_POLL, 1).U32(NFC_ATTR_PROTOCOLS, 0xFFFF).U8(NFC_ATTR_DEVICE_INDEX, 1);
-  odd.String(NFC_ATTR_DEVICE_NAME, "\"a\\\x01(b) unpadded").U16(99, 5).Raw(NFC_ATTR_SE | NLA_F_NESTED, {});
-  const Request lookUp = ParseRequest(MessageBuilder(GENL_ID_CTRL, NLM_F_REQUEST | NLM_F_ACK, 1, 4711)
-                                          .Genl(CTRL_CMD_GETFAMILY, 1)
-                                          .String(CTRL_ATTR_FAMILY_NAME, "nlctrl")
-                                          .Finish());
-  const Request request = ParseRequest(odd.Finish());
-  Bytes all = kernel.Handle(lookUp, 4711).answer.messages.front();
-  for (const Bytes& message : {request.whole, kernel.Refuse(request, 4711, 300).answer.messages.front(),
-                               MakeDoneMessage(request, 1, EINVAL), kernel.DeviceRemovedEvent(0)}) {
-    all.insert(all.end(), message.begin(), message.end());
-  }
-  std::map<std::string, Bytes> texts;
-  for (std::size_t i = 0; i < 2 * all.size(); ++i) {
-    // Cut off after each byte, then with each byte damaged.
-    Bytes bytes(all.begin(), i < all.size() ? all.begin() + static_cast<std::ptrdiff_t>(i) : all.end());
-    if (i >= all.size()) bytes[i - all.size()] ^= static_cast<std::uint8_t>(i | 1);
-    RecordEntry entry;
-    entry.kind = EntryKind::Delivery;
-    entry.messages = DescribeDatagram(bytes, ids, false);
-    const auto& [text, first] = *texts.emplace(FormatEntry(entry), bytes).first;
-    ASSERT_EQ(first, bytes) << text;
+  const Request odd = ParseRequest(MessageBuilder(20, NLM_F_REQUEST | NLM_F_DUMP | 0x1000, 7, 4711)
+                                       .Genl(NFC_CMD_START_POLL, 9)
+                                       .U32(NFC_ATTR_PROTOCOLS, 0xFF)
+                                       .U8(NFC_ATTR_DEVICE_INDEX, 1)
+                                       .String(NFC_ATTR_DEVICE_NAME, "\"a\x01")
+                                       .Raw(99 | NLA_F_NESTED, Bytes{5})
+                                       .Payload(Bytes{60, 0, 1, 0})
+                                       .Finish());
+  const Bytes error = kernel.Refuse(odd, 4711, 300).answer.messages.front();
+  EXPECT_THAT(DescribeDatagram(error, 20, 4711), testing::ElementsAre(R"(error 300 seq=7
+      to nfc START_POLL version=9 flags=REQUEST|DUMP|0x1000 seq=7
+        NFC_ATTR_PROTOCOLS JEWEL|MIFARE|FELICA|ISO14443|NFC_DEP|ISO14443_B|ISO15693|0x1 (0xff)
+        NFC_ATTR_DEVICE_INDEX hex 01
+        NFC_ATTR_DEVICE_NAME "\x22a\x01"
+        attribute 99 flags=0x8000 hex 05
+        undecodable hex 3c000100)"));
+  EXPECT_THAT(DescribeDatagram(MakeDoneMessage(odd, 1, EBUSY), 20, 4711),
+              testing::ElementsAre("done EBUSY flags=MULTI seq=7 pid=1"));
+  // Cut off after each byte, then with each byte damaged.
+  for (std::size_t i = 0; i < 2 * error.size(); ++i) {
+    Bytes bytes(error.begin(), error.begin() + static_cast<std::ptrdiff_t>(std::min(i, error.size())));
+    if (i >= error.size()) {
+      bytes[i - error.size()] ^= 0xFF;
+    }
+    EXPECT_THAT(DescribeDatagram(bytes, 20, 4711), testing::Not(testing::IsEmpty()));
   }
 }
 
@@ -114,7 +114,7 @@ TEST(RecordServer, CutsOffARecorderThatDoesNotRead) {
   std::string text(4'000'000, ' ');
   text.resize(static_cast<std::size_t>(::recv(recorder.Get(), text.data(), text.size(), MSG_WAITALL)));
   EXPECT_LT(text.size(), 2'500'000U);  // of 3,000,000
-  EXPECT_THAT(text.substr(text.size() - 100), HasSubstr("\nerror: the record ends here"));
+  EXPECT_THAT(text.substr(text.size() - 100), HasSubstr("\n# error: the record ends here"));
 }
 
 }  // namespace

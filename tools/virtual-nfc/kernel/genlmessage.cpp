@@ -1,5 +1,6 @@
 #include "tools/virtual-nfc/kernel/genlmessage.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -7,60 +8,30 @@ namespace virtualnfc {
 
 namespace {
 
-/// The kernel's mark on an answer that does not repeat the whole request.
-constexpr std::uint16_t kFlagCapped = 0x100;
-
 /// What fits into the buffer of one part of a dump.
 constexpr std::size_t kDumpDatagram = 3776;
 
-/// A message of a dump that is as long as it says; the next one may follow it in the same datagram.
+/// Whether the next message of a dump may follow in the same datagram: this one is as long as it says.
 bool MayShareDatagram(const Bytes& message) {
-  nlmsghdr header{};
-  if (message.size() < sizeof(header)) {
-    return false;
-  }
-  std::memcpy(&header, message.data(), sizeof(header));
+  const nlmsghdr header = ParseRequest(message).header;
   return (header.nlmsg_flags & NLM_F_MULTI) != 0 && header.nlmsg_type != NLMSG_DONE &&
          NLMSG_ALIGN(header.nlmsg_len) == message.size();
 }
 
-void Pad(Bytes& bytes) {
-  bytes.resize(NLMSG_ALIGN(bytes.size()), 0);
+/// Removes the first bytes, or all when there are fewer.
+ByteView Skip(ByteView bytes, std::size_t count) {
+  return bytes.subspan(std::min(count, bytes.size()));
 }
 
 }  // namespace
 
 MessageBuilder::MessageBuilder(std::uint16_t type, std::uint16_t flags, std::uint32_t sequence,
                                std::uint32_t port) {
-  nlmsghdr header{};
-  header.nlmsg_type = type;
-  header.nlmsg_flags = flags;
-  header.nlmsg_seq = sequence;
-  header.nlmsg_pid = port;
-  AppendStruct(mBytes, header);
+  Payload(BytesOf(nlmsghdr{0, type, flags, sequence, port}));
 }
 
 MessageBuilder& MessageBuilder::Genl(std::uint8_t command, std::uint8_t version) {
-  genlmsghdr header{};
-  header.cmd = command;
-  header.version = version;
-  AppendStruct(mBytes, header);
-  return *this;
-}
-
-template <typename Value>
-MessageBuilder& MessageBuilder::Number(std::uint16_t type, Value value) {
-  return Raw(type, ByteView(reinterpret_cast<const std::uint8_t*>(&value), sizeof(value)));
-}
-
-MessageBuilder& MessageBuilder::U8(std::uint16_t type, std::uint8_t value) {
-  return Number(type, value);
-}
-MessageBuilder& MessageBuilder::U16(std::uint16_t type, std::uint16_t value) {
-  return Number(type, value);
-}
-MessageBuilder& MessageBuilder::U32(std::uint16_t type, std::uint32_t value) {
-  return Number(type, value);
+  return Payload(BytesOf(genlmsghdr{command, version, 0}));
 }
 
 MessageBuilder& MessageBuilder::String(std::uint16_t type, std::string_view value) {
@@ -70,18 +41,13 @@ MessageBuilder& MessageBuilder::String(std::uint16_t type, std::string_view valu
 }
 
 MessageBuilder& MessageBuilder::Raw(std::uint16_t type, ByteView value) {
-  nlattr header{};
-  header.nla_type = type;
-  header.nla_len = static_cast<std::uint16_t>(NLA_HDRLEN + value.size());
-  AppendStruct(mBytes, header);
+  Payload(BytesOf(nlattr{static_cast<std::uint16_t>(NLA_HDRLEN + value.size()), type}));
   return Payload(value);
 }
 
 std::size_t MessageBuilder::Begin(std::uint16_t type) {
   const std::size_t begun = mBytes.size();
-  nlattr header{};
-  header.nla_type = type;
-  AppendStruct(mBytes, header);
+  Raw(type, {});
   return begun;
 }
 
@@ -92,7 +58,7 @@ void MessageBuilder::End(std::size_t begun) {
 
 MessageBuilder& MessageBuilder::Payload(ByteView value) {
   mBytes.insert(mBytes.end(), value.begin(), value.end());
-  Pad(mBytes);
+  mBytes.resize(NLMSG_ALIGN(mBytes.size()), 0);
   return *this;
 }
 
@@ -111,26 +77,29 @@ std::vector<Bytes> SplitMessages(ByteView datagram) {
       break;
     }
     messages.emplace_back(datagram.begin(), datagram.begin() + static_cast<std::ptrdiff_t>(length));
-    const std::size_t step = NLMSG_ALIGN(static_cast<std::size_t>(length));
-    datagram = datagram.subspan(step < datagram.size() ? step : datagram.size());
+    datagram = Skip(datagram, NLMSG_ALIGN(static_cast<std::size_t>(length)));
   }
   return messages;
 }
 
-std::map<std::uint16_t, Bytes> ParseAttributes(ByteView attributes) {
-  std::map<std::uint16_t, Bytes> parsed;
-  while (attributes.size() >= NLA_HDRLEN) {
-    nlattr header{};
-    std::memcpy(&header, attributes.data(), sizeof(header));
-    if (header.nla_len < NLA_HDRLEN || header.nla_len > attributes.size()) {
+ByteView ForEachAttribute(ByteView bytes, const std::function<void(std::uint16_t, ByteView)>& visit) {
+  nlattr header{};
+  while (bytes.size() >= sizeof(header)) {
+    std::memcpy(&header, bytes.data(), sizeof(header));
+    if (header.nla_len < NLA_HDRLEN || header.nla_len > bytes.size()) {
       break;
     }
-    const auto type = static_cast<std::uint16_t>(header.nla_type & NLA_TYPE_MASK);
-    const ByteView value = attributes.subspan(NLA_HDRLEN, header.nla_len - NLA_HDRLEN);
-    parsed[type] = Bytes(value.begin(), value.end());
-    const std::size_t step = NLA_ALIGN(static_cast<std::size_t>(header.nla_len));
-    attributes = attributes.subspan(step < attributes.size() ? step : attributes.size());
+    visit(header.nla_type, bytes.subspan(NLA_HDRLEN, header.nla_len - NLA_HDRLEN));
+    bytes = Skip(bytes, NLA_ALIGN(std::size_t{header.nla_len}));
   }
+  return bytes;
+}
+
+Attributes ParseAttributes(ByteView bytes) {
+  Attributes parsed;
+  ForEachAttribute(bytes, [&parsed](std::uint16_t type, ByteView value) {
+    parsed[type & NLA_TYPE_MASK] = Bytes(value.begin(), value.end());
+  });
   return parsed;
 }
 
@@ -150,7 +119,7 @@ Request ParseRequest(Bytes message) {
   return request;
 }
 
-std::optional<std::uint32_t> GetU32(const std::map<std::uint16_t, Bytes>& attributes, std::uint16_t type) {
+std::optional<std::uint32_t> GetU32(const Attributes& attributes, std::uint16_t type) {
   const auto found = attributes.find(type);
   std::uint32_t value = 0;
   if (found == attributes.end() || found->second.size() < sizeof(value)) {
@@ -161,20 +130,17 @@ std::optional<std::uint32_t> GetU32(const std::map<std::uint16_t, Bytes>& attrib
 }
 
 Bytes MakeErrorMessage(const Request& request, std::uint32_t port, int error) {
-  const std::uint16_t flags = error == 0 ? kFlagCapped : std::uint16_t{0};
-  MessageBuilder builder(NLMSG_ERROR, flags, request.header.nlmsg_seq, port);
-  const int code = -error;
-  builder.Payload(ByteView(reinterpret_cast<const std::uint8_t*>(&code), sizeof(code)));
-  const ByteView whole(request.whole);
-  builder.Payload(error == 0 ? whole.first(NLMSG_HDRLEN) : whole);
-  return builder.Finish();
+  const ByteView repeated(request.whole);
+  return MessageBuilder(NLMSG_ERROR, error == 0 ? NLM_F_CAPPED : 0, request.header.nlmsg_seq, port)
+      .Payload(BytesOf(-error))
+      .Payload(error == 0 ? repeated.first(NLMSG_HDRLEN) : repeated)
+      .Finish();
 }
 
 Bytes MakeDoneMessage(const Request& request, std::uint32_t port, int error) {
-  MessageBuilder builder(NLMSG_DONE, NLM_F_MULTI, request.header.nlmsg_seq, port);
-  const int code = -error;
-  builder.Payload(ByteView(reinterpret_cast<const std::uint8_t*>(&code), sizeof(code)));
-  return builder.Finish();
+  return MessageBuilder(NLMSG_DONE, NLM_F_MULTI, request.header.nlmsg_seq, port)
+      .Payload(BytesOf(-error))
+      .Finish();
 }
 
 std::vector<Bytes> PackDatagrams(const std::vector<Bytes>& messages) {

@@ -7,7 +7,7 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
-#include <cstring>
+#include <functional>
 #include <map>
 #include <optional>
 #include <span>
@@ -20,12 +20,9 @@ namespace virtualnfc {
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<const std::uint8_t>;
 
-/// Its bytes as they lie in memory.
-template <typename Struct>
-void AppendStruct(Bytes& bytes, const Struct& value) {
-  const std::size_t end = bytes.size();
-  bytes.resize(end + sizeof(value));
-  std::memcpy(bytes.data() + end, &value, sizeof(value));
+template <typename Value>
+ByteView BytesOf(const Value& value) {
+  return {reinterpret_cast<const std::uint8_t*>(&value), sizeof(value)};
 }
 
 /// Builds one netlink message. Attributes are appended in the order of the calls.
@@ -34,9 +31,9 @@ class MessageBuilder {
   MessageBuilder(std::uint16_t type, std::uint16_t flags, std::uint32_t sequence, std::uint32_t port);
 
   MessageBuilder& Genl(std::uint8_t command, std::uint8_t version);
-  MessageBuilder& U8(std::uint16_t type, std::uint8_t value);
-  MessageBuilder& U16(std::uint16_t type, std::uint16_t value);
-  MessageBuilder& U32(std::uint16_t type, std::uint32_t value);
+  MessageBuilder& U8(std::uint16_t type, std::uint8_t value) { return Raw(type, BytesOf(value)); }
+  MessageBuilder& U16(std::uint16_t type, std::uint16_t value) { return Raw(type, BytesOf(value)); }
+  MessageBuilder& U32(std::uint16_t type, std::uint32_t value) { return Raw(type, BytesOf(value)); }
   /// Zero-terminated, as the kernel writes strings.
   MessageBuilder& String(std::uint16_t type, std::string_view value);
   MessageBuilder& Raw(std::uint16_t type, ByteView value);
@@ -50,18 +47,17 @@ class MessageBuilder {
   Bytes Finish();
 
  private:
-  template <typename Value>
-  MessageBuilder& Number(std::uint16_t type, Value value);
-
   Bytes mBytes;
 };
+
+using Attributes = std::map<std::uint16_t, Bytes>;
 
 /// One request message, taken apart. A later attribute of the same type replaces an earlier one.
 struct Request {
   nlmsghdr header{};
   bool hasGenlHeader = false;
   genlmsghdr genl{};
-  std::map<std::uint16_t, Bytes> attributes;
+  Attributes attributes;
   /// The message as it came, for the error answer that repeats it.
   Bytes whole;
 
@@ -69,17 +65,20 @@ struct Request {
   bool WantsAck() const { return (header.nlmsg_flags & NLM_F_ACK) != 0; }
 };
 
-/// Splits what one sendmsg carried into its messages, as the kernel walks it: ends silently at a header that
+/// Splits what one sendmsg carried into its messages, as the kernel does: it ends silently at a header that
 /// is cut off or whose length is impossible.
 std::vector<Bytes> SplitMessages(ByteView datagram);
 
 /// @param message one whole message as SplitMessages gives it
 Request ParseRequest(Bytes message);
 
-std::map<std::uint16_t, Bytes> ParseAttributes(ByteView attributes);
+/// Calls `visit` with the type, flag bits included, and the value of each attribute.
+/// @returns the bytes that are no attribute, such as the rest of one that was cut off
+ByteView ForEachAttribute(ByteView bytes, const std::function<void(std::uint16_t, ByteView)>& visit);
+Attributes ParseAttributes(ByteView bytes);
 
 /// The number in an attribute of at least four bytes; none when it is absent or shorter.
-std::optional<std::uint32_t> GetU32(const std::map<std::uint16_t, Bytes>& attributes, std::uint16_t type);
+std::optional<std::uint32_t> GetU32(const Attributes& attributes, std::uint16_t type);
 
 /// Error 0: the acknowledgement, with the request's header only. Otherwise -error and the request repeated.
 /// @param error a positive errno or 0

@@ -52,16 +52,26 @@ std::uint32_t NfcDevice::Protocols() const {
 }
 
 int NfcDevice::PowerUp() {
-  if (mRemoved) return ENODEV;
-  if (mPowered) return EALREADY;
+  if (mRemoved) {
+    return ENODEV;
+  }
+  if (mPowered) {
+    return EALREADY;
+  }
   mPowered = true;
   return 0;
 }
 
 int NfcDevice::PowerDown() {
-  if (mRemoved) return ENODEV;
-  if (!mPowered) return EALREADY;
-  if (mPolling || Has(Fault::TargetActive)) return EBUSY;
+  if (mRemoved) {
+    return ENODEV;
+  }
+  if (!mPowered) {
+    return EALREADY;
+  }
+  if (mPolling || Has(Fault::TargetActive)) {
+    return EBUSY;
+  }
   mPowered = false;
   SetFault(Fault::OutOfStep, false);
   SetFault(Fault::ChipPolls, false);
@@ -69,15 +79,25 @@ int NfcDevice::PowerDown() {
 }
 
 int NfcDevice::CheckStartPoll(std::uint32_t mask) const {
-  if (mRemoved || !mPowered) return ENODEV;
-  if (mPolling) return mAssumeAlready ? EALREADY : EBUSY;
-  if (Has(Fault::TargetActive) || Has(Fault::OutOfStep) || Has(Fault::Runaway)) return EBUSY;
-  if (Has(Fault::ChipPolls)) return EALREADY;
+  if (mRemoved || !mPowered) {
+    return ENODEV;
+  }
+  if (mPolling) {
+    return mAssumeAlready ? EALREADY : EBUSY;
+  }
+  if (Has(Fault::TargetActive) || Has(Fault::OutOfStep) || Has(Fault::Runaway)) {
+    return EBUSY;
+  }
+  if (Has(Fault::ChipPolls)) {
+    return EALREADY;
+  }
   return mStack == Stack::Nci || (mask & Protocols()) != 0 ? 0 : EINVAL;
 }
 
 int NfcDevice::StartPoll(std::uint32_t port, std::uint32_t mask) {
-  if (const int error = CheckStartPoll(mask); error != 0) return error;
+  if (const int error = CheckStartPoll(mask); error != 0) {
+    return error;
+  }
   mPolling = true;
   mOwnerPort = port;
   mMask = mask;
@@ -86,31 +106,43 @@ int NfcDevice::StartPoll(std::uint32_t port, std::uint32_t mask) {
 }
 
 int NfcDevice::CheckStopPoll(std::uint32_t port) const {
-  if (!mPolling) return mAssumeAlready ? EALREADY : EINVAL;
-  if (mOwnerPort != port) return EBUSY;
+  if (!mPolling) {
+    return mAssumeAlready ? EALREADY : EINVAL;
+  }
+  if (mOwnerPort != port) {
+    return EBUSY;
+  }
   return mRemoved ? ENODEV : 0;
 }
 
 int NfcDevice::StopPoll(std::uint32_t port) {
   const int error = CheckStopPoll(port);
-  if (error == 0) EndPoll();
+  if (error == 0) {
+    EndPoll();
+  }
   return error;
 }
 
 void NfcDevice::PortClosed(std::uint32_t port) {
-  if (CheckStopPoll(port) == 0) EndPoll();
+  if (CheckStopPoll(port) == 0) {
+    EndPoll();
+  }
 }
 
 void NfcDevice::SetFault(Fault fault, bool on) {
   const bool endsPoll = fault == Fault::OutOfStep || fault == Fault::ChipPolls || fault == Fault::Runaway;
-  if (on && endsPoll) EndPoll();
+  if (on && endsPoll) {
+    EndPoll();
+  }
   mFaults[static_cast<std::size_t>(fault)] = on && (mPolling || fault != Fault::PollDead);
 }
 
 std::vector<Fault> NfcDevice::Faults() const {
   std::vector<Fault> all;
   for (std::size_t i = 0; i < kFaults; ++i) {
-    if (mFaults[i]) all.push_back(static_cast<Fault>(i));
+    if (mFaults[i]) {
+      all.push_back(static_cast<Fault>(i));
+    }
   }
   return all;
 }
@@ -125,18 +157,24 @@ std::vector<Tag> NfcDevice::KnownOf(std::vector<Tag> seen) const {
   // One technology at a time, and two tags of the same answer at once, which nobody understands.
   for (const Tag& tag : seen) {
     const auto sameRadio = [&tag](const Tag& other) { return other.radio == tag.radio; };
-    if (tag.protocols != 0 && std::count_if(seen.begin(), seen.end(), sameRadio) == 1) return {tag};
+    if (tag.protocols != 0 && std::count_if(seen.begin(), seen.end(), sameRadio) == 1) {
+      return {tag};
+    }
   }
   return {};
 }
 
 bool NfcDevice::Detect(const std::vector<Tag>& field) {
-  if (Has(Fault::Deaf) || mRemoved) return false;
+  if (Has(Fault::Deaf) || mRemoved) {
+    return false;
+  }
   if (Has(Fault::Runaway)) {
     SetFault(Fault::Runaway, field.empty());
     return false;
   }
-  if (!mPolling || Has(Fault::PollDead)) return false;
+  if (!mPolling || Has(Fault::PollDead)) {
+    return false;
+  }
   const std::uint32_t mask = mStack == Stack::Nci ? mMask : mMask & Protocols();
   std::vector<Tag> seen = field;
   std::erase_if(seen, [mask](const Tag& tag) { return !IsPolled(mask, tag.radio); });

@@ -10,49 +10,9 @@ namespace virtualnfc {
 
 namespace {
 
-/// The kernel's number for "restart the call", which escapes to the program when a signal ends the wait for
-/// the chip.
+/// The kernel's number for "restart the call". It reaches the program when a signal ends the wait for the
+/// chip.
 constexpr int kRestartSys = 512;
-
-constexpr std::uint32_t kDo = GENL_CMD_CAP_DO | GENL_CMD_CAP_HASPOL;
-constexpr std::uint32_t kDump = GENL_CMD_CAP_DUMP | GENL_CMD_CAP_HASPOL;
-constexpr std::uint32_t kAdmin = GENL_ADMIN_PERM;
-
-struct Operation {
-  std::uint8_t command;
-  std::uint32_t flags;
-};
-
-constexpr Operation kControllerOperations[] = {{CTRL_CMD_GETFAMILY, kDo | kDump},
-                                               {CTRL_CMD_GETPOLICY, kDump}};
-
-constexpr Operation kNfcOperations[] = {
-    {NFC_CMD_GET_DEVICE, kDo | kDump},
-    {NFC_CMD_DEV_UP, kDo | kAdmin},
-    {NFC_CMD_DEV_DOWN, kDo | kAdmin},
-    {NFC_CMD_START_POLL, kDo | kAdmin},
-    {NFC_CMD_STOP_POLL, kDo | kAdmin},
-    {NFC_CMD_DEP_LINK_UP, kDo | kAdmin},
-    {NFC_CMD_DEP_LINK_DOWN, kDo | kAdmin},
-    {NFC_CMD_GET_TARGET, kDump},
-    {NFC_CMD_LLC_GET_PARAMS, kDo},
-    {NFC_CMD_LLC_SET_PARAMS, kDo | kAdmin},
-    {NFC_CMD_LLC_SDREQ, kDo | kAdmin},
-    {NFC_CMD_FW_DOWNLOAD, kDo | kAdmin},
-    {NFC_CMD_ENABLE_SE, kDo | kAdmin},
-    {NFC_CMD_DISABLE_SE, kDo | kAdmin},
-    {NFC_CMD_GET_SE, kDump},
-    {NFC_CMD_SE_IO, kDo | kAdmin},
-    {NFC_CMD_ACTIVATE_TARGET, kDo | kAdmin},
-    {NFC_CMD_VENDOR, kDo | kAdmin},
-    {NFC_CMD_DEACTIVATE_TARGET, kDo | kAdmin},
-};
-
-const Operation* FindNfcOperation(std::uint8_t command) {
-  const auto* found = std::find_if(std::begin(kNfcOperations), std::end(kNfcOperations),
-                                   [command](const Operation& op) { return op.command == command; });
-  return found == std::end(kNfcOperations) ? nullptr : found;
-}
 
 /// The protocols a START_POLL asks for; 0 when it names none.
 std::uint32_t MaskOf(const Request& request) {
@@ -63,7 +23,9 @@ std::uint32_t MaskOf(const Request& request) {
 /// The kernel looks at the lengths of numbers before any command sees them.
 bool HasShortNumber(const Request& request) {
   for (const std::uint16_t type : {NFC_ATTR_DEVICE_INDEX, NFC_ATTR_PROTOCOLS, NFC_ATTR_IM_PROTOCOLS}) {
-    if (request.attributes.contains(type) && !GetU32(request.attributes, type)) return true;
+    if (request.attributes.contains(type) && !GetU32(request.attributes, type)) {
+      return true;
+    }
   }
   return false;
 }
@@ -101,25 +63,27 @@ NfcKernel::Result NfcKernel::Acknowledge(const Request& request, std::uint32_t p
 }
 
 std::optional<Occurrence> NfcKernel::Classify(const Request& request, std::uint32_t port) const {
-  if ((request.header.nlmsg_flags & NLM_F_REQUEST) == 0 || !request.hasGenlHeader) return std::nullopt;
+  if ((request.header.nlmsg_flags & NLM_F_REQUEST) == 0 || !request.hasGenlHeader) {
+    return std::nullopt;
+  }
   Occurrence occurrence;
   if (request.header.nlmsg_type == GENL_ID_CTRL) {
-    occurrence.family = Occurrence::Family::Controller;
+    occurrence.family = Family::Controller;
   } else if (request.header.nlmsg_type != mSettings.familyId || !mSettings.hasFamily) {
     return std::nullopt;
   }
   occurrence.command = request.genl.cmd;
   occurrence.port = port;
-  if (occurrence.family == Occurrence::Family::Nfc) {
+  if (occurrence.family == Family::Nfc) {
     occurrence.device = GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX);
   }
   return occurrence;
 }
 
-// --- the controller family ---
-
 NfcKernel::Result NfcKernel::HandleController(const Request& request, std::uint32_t port) const {
-  if (request.genl.cmd != CTRL_CMD_GETFAMILY) return Refuse(request, port, EOPNOTSUPP);
+  if (request.genl.cmd != CTRL_CMD_GETFAMILY) {
+    return Refuse(request, port, EOPNOTSUPP);
+  }
   Result result;
   if (request.IsDump()) {
     result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, GENL_ID_CTRL));
@@ -154,10 +118,6 @@ NfcKernel::Result NfcKernel::HandleController(const Request& request, std::uint3
 Bytes NfcKernel::FamilyMessage(const Request& request, std::uint16_t flags, std::uint32_t port,
                                std::uint16_t familyId) const {
   const bool isController = familyId == GENL_ID_CTRL;
-  const std::span<const Operation> operations = isController
-                                                    ? std::span<const Operation>(kControllerOperations)
-                                                    : std::span<const Operation>(kNfcOperations);
-
   MessageBuilder message(GENL_ID_CTRL, flags, request.header.nlmsg_seq, port);
   message.Genl(CTRL_CMD_NEWFAMILY, 2)
       .String(CTRL_ATTR_FAMILY_NAME, isController ? "nlctrl" : NFC_GENL_NAME)
@@ -168,10 +128,12 @@ Bytes NfcKernel::FamilyMessage(const Request& request, std::uint16_t flags, std:
 
   const std::size_t list = message.Begin(CTRL_ATTR_OPS);
   std::uint16_t entry = 1;
-  for (const Operation& operation : operations) {
-    const std::size_t one = message.Begin(entry++);
-    message.U32(CTRL_ATTR_OP_ID, operation.command).U32(CTRL_ATTR_OP_FLAGS, operation.flags);
-    message.End(one);
+  for (const Command& command : Commands(isController ? Family::Controller : Family::Nfc)) {
+    if (command.IsOperation()) {
+      const std::size_t one = message.Begin(entry++);
+      message.U32(CTRL_ATTR_OP_ID, command.number).U32(CTRL_ATTR_OP_FLAGS, command.flags);
+      message.End(one);
+    }
   }
   message.End(list);
 
@@ -184,16 +146,24 @@ Bytes NfcKernel::FamilyMessage(const Request& request, std::uint16_t flags, std:
   return message.Finish();
 }
 
-// --- the family "nfc" ---
-
 NfcKernel::Result NfcKernel::HandleNfc(const Request& request, std::uint32_t port) {
-  const Operation* operation = FindNfcOperation(request.genl.cmd);
-  if (operation == nullptr) return Refuse(request, port, EOPNOTSUPP);
-  if ((operation->flags & kAdmin) != 0 && !mSettings.privileged) return Refuse(request, port, EPERM);
+  const Command* operation = FindCommand(Family::Nfc, request.genl.cmd);
+  if (operation == nullptr || !operation->IsOperation()) {
+    return Refuse(request, port, EOPNOTSUPP);
+  }
+  if ((operation->flags & GENL_ADMIN_PERM) != 0 && !mSettings.privileged) {
+    return Refuse(request, port, EPERM);
+  }
   const std::uint32_t way = request.IsDump() ? GENL_CMD_CAP_DUMP : GENL_CMD_CAP_DO;
-  if ((operation->flags & way) == 0) return Refuse(request, port, EOPNOTSUPP);
-  if (HasShortNumber(request)) return Refuse(request, port, ERANGE);
-  if (request.IsDump()) return HandleDump(request, port);
+  if ((operation->flags & way) == 0) {
+    return Refuse(request, port, EOPNOTSUPP);
+  }
+  if (HasShortNumber(request)) {
+    return Refuse(request, port, ERANGE);
+  }
+  if (request.IsDump()) {
+    return HandleDump(request, port);
+  }
   Result result;
   const int error = Execute(request, port, result);
   return Acknowledge(request, port, error, std::move(result));
@@ -204,19 +174,16 @@ NfcKernel::Result NfcKernel::HandleDump(const Request& request, std::uint32_t po
   std::vector<Bytes>& messages = result.answer.messages;
   if (request.genl.cmd == NFC_CMD_GET_DEVICE) {
     for (const auto& device : mDevices) {
-      MessageBuilder message(mSettings.familyId, NLM_F_MULTI, request.header.nlmsg_seq, port);
-      message.Genl(NFC_CMD_GET_DEVICE, NFC_GENL_VERSION);
-      PutDevice(message, *device);
-      messages.push_back(message.Finish());
+      messages.push_back(PutDevice(Reply(request, NLM_F_MULTI, port), *device));
     }
   } else if (request.genl.cmd == NFC_CMD_GET_TARGET) {
-    const auto index = GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX);
-    const NfcDevice* device = index ? FindDevice(*index) : nullptr;
-    result.error = !index ? EINVAL : device == nullptr ? ENODEV : 0;
-    if (device != nullptr) {
+    const NfcDevice* device = DeviceOf(request);
+    if (device == nullptr) {
+      result.error = GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX) ? ENODEV : EINVAL;
+    } else {
       for (const Target& target : device->Targets()) {
-        MessageBuilder message(mSettings.familyId, NLM_F_MULTI, request.header.nlmsg_seq, port);
-        message.Genl(NFC_CMD_GET_TARGET, NFC_GENL_VERSION).U32(NFC_ATTR_TARGET_INDEX, target.index);
+        MessageBuilder message = Reply(request, NLM_F_MULTI, port);
+        message.U32(NFC_ATTR_TARGET_INDEX, target.index);
         for (const auto& [type, value] : target.tag.attributes) {
           message.Raw(type, value);
         }
@@ -232,35 +199,33 @@ NfcKernel::Result NfcKernel::HandleDump(const Request& request, std::uint32_t po
 }
 
 int NfcKernel::Execute(const Request& request, std::uint32_t port, Result& result) {
-  const std::uint8_t command = request.genl.cmd;
   const auto index = GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX);
-  if (!index) return EINVAL;
-  if (command == NFC_CMD_START_POLL && MaskOf(request) == 0) return EINVAL;
-
+  if (!index || (request.genl.cmd == NFC_CMD_START_POLL && MaskOf(request) == 0)) {
+    return EINVAL;
+  }
   NfcDevice* device = FindDevice(*index);
-  if (device == nullptr) return ENODEV;
-
-  switch (command) {
-    case NFC_CMD_GET_DEVICE: {
-      MessageBuilder message(mSettings.familyId, 0, request.header.nlmsg_seq, port);
-      message.Genl(NFC_CMD_GET_DEVICE, NFC_GENL_VERSION);
-      PutDevice(message, *device);
-      result.answer.messages.push_back(message.Finish());
+  if (device == nullptr) {
+    return ENODEV;
+  }
+  switch (request.genl.cmd) {
+    case NFC_CMD_GET_DEVICE:
+      result.answer.messages.push_back(PutDevice(Reply(request, 0, port), *device));
       return 0;
-    }
     case NFC_CMD_DEV_UP:
       return device->PowerUp();
     case NFC_CMD_DEV_DOWN:
       return device->PowerDown();
     case NFC_CMD_START_POLL: {
       const int error = device->StartPoll(port, MaskOf(request));
-      if (error == 0) result.startedPoll = *index;
+      if (error == 0) {
+        result.startedPoll = *index;
+      }
       return error;
     }
     case NFC_CMD_STOP_POLL:
       return device->StopPoll(port);
     default:
-      // The family lists more commands; this reader can none of them.
+      // The family lists more commands; this reader supports none of them.
       return EOPNOTSUPP;
   }
 }
@@ -274,20 +239,9 @@ int NfcKernel::ErrorOfVanishedChip(const Request& request, std::optional<std::ui
   return found == nullptr || found->IsRemoved() ? ETIMEDOUT : 0;
 }
 
-bool NfcKernel::SwitchesPower(const Request& request) {
+bool NfcKernel::IsOneOf(const Request& request, std::initializer_list<int> commands) {
   return request.header.nlmsg_type != GENL_ID_CTRL &&
-         (request.genl.cmd == NFC_CMD_DEV_UP || request.genl.cmd == NFC_CMD_DEV_DOWN);
-}
-
-bool NfcKernel::NeedsChip(const Request& request) {
-  return request.header.nlmsg_type != GENL_ID_CTRL &&
-         (request.genl.cmd == NFC_CMD_DEV_UP || request.genl.cmd == NFC_CMD_START_POLL);
-}
-
-bool NfcKernel::UsesDevice(const Request& request) {
-  return NeedsChip(request) ||
-         (request.header.nlmsg_type != GENL_ID_CTRL &&
-          (request.genl.cmd == NFC_CMD_DEV_DOWN || request.genl.cmd == NFC_CMD_STOP_POLL));
+         std::find(commands.begin(), commands.end(), request.genl.cmd) != commands.end();
 }
 
 bool NfcKernel::IsInterruptible(const Request& request) const {
@@ -296,16 +250,20 @@ bool NfcKernel::IsInterruptible(const Request& request) const {
 
 bool NfcKernel::CanCross(const Request& request, std::uint32_t port) {
   const NfcDevice* device = DeviceOf(request);
-  return mSettings.stack == Stack::Nci && request.header.nlmsg_type != GENL_ID_CTRL &&
-         request.genl.cmd == NFC_CMD_STOP_POLL && device != nullptr && device->CheckStopPoll(port) == 0;
+  return mSettings.stack == Stack::Nci && IsOneOf(request, {NFC_CMD_STOP_POLL}) && device != nullptr &&
+         device->CheckStopPoll(port) == 0;
 }
 
 NfcKernel::Result NfcKernel::Interrupt(const Request& request, std::uint32_t port) {
   NfcDevice* device = DeviceOf(request);
-  if (device == nullptr || !NeedsChip(request) || !mSettings.privileged) return Handle(request, port);
+  if (device == nullptr || !NeedsChip(request) || !mSettings.privileged) {
+    return Handle(request, port);
+  }
   if (request.genl.cmd == NFC_CMD_START_POLL) {
     const std::uint32_t mask = MaskOf(request);
-    if (mask == 0 || device->CheckStartPoll(mask) != 0) return Handle(request, port);
+    if (mask == 0 || device->CheckStartPoll(mask) != 0) {
+      return Handle(request, port);
+    }
     // The chip polls and the kernel does not know.
     device->SetFault(Fault::OutOfStep);
   } else if (device->IsPowered() || device->IsRemoved()) {
@@ -314,15 +272,20 @@ NfcKernel::Result NfcKernel::Interrupt(const Request& request, std::uint32_t por
   return Refuse(request, port, kRestartSys);
 }
 
-void NfcKernel::PutDevice(MessageBuilder& message, const NfcDevice& device) const {
-  message.String(NFC_ATTR_DEVICE_NAME, device.Name())
+MessageBuilder NfcKernel::Reply(const Request& request, std::uint16_t flags, std::uint32_t port) const {
+  MessageBuilder message(mSettings.familyId, flags, request.header.nlmsg_seq, port);
+  message.Genl(request.genl.cmd, NFC_GENL_VERSION);
+  return message;
+}
+
+Bytes NfcKernel::PutDevice(MessageBuilder message, const NfcDevice& device) {
+  return message.String(NFC_ATTR_DEVICE_NAME, device.Name())
       .U32(NFC_ATTR_DEVICE_INDEX, device.Index())
       .U32(NFC_ATTR_PROTOCOLS, device.Protocols())
       .U8(NFC_ATTR_DEVICE_POWERED, device.IsPowered() ? 1 : 0)
-      .U8(NFC_ATTR_RF_MODE, device.RfMode());
+      .U8(NFC_ATTR_RF_MODE, device.RfMode())
+      .Finish();
 }
-
-// --- devices and events ---
 
 NfcDevice& NfcKernel::AddDevice(std::uint32_t index) {
   mDevices.push_back(std::make_unique<NfcDevice>(index, mSettings.stack, mSettings.assumeAlready));
@@ -335,7 +298,9 @@ void NfcKernel::EraseDevice(std::uint32_t index) {
 
 NfcDevice* NfcKernel::FindDevice(std::uint32_t index) {
   for (const auto& device : mDevices) {
-    if (device->Index() == index) return device.get();
+    if (device->Index() == index) {
+      return device.get();
+    }
   }
   return nullptr;
 }
@@ -345,24 +310,11 @@ NfcDevice* NfcKernel::DeviceOf(const Request& request) {
   return index ? FindDevice(*index) : nullptr;
 }
 
-MessageBuilder NfcKernel::Event(std::uint8_t command) const {
+Bytes NfcKernel::Event(std::uint8_t event, std::uint32_t index) {
   MessageBuilder message(mSettings.familyId, 0, 0, 0);
-  message.Genl(command, NFC_GENL_VERSION);
-  return message;
-}
-
-Bytes NfcKernel::DeviceAddedEvent(const NfcDevice& device) const {
-  MessageBuilder message = Event(NFC_EVENT_DEVICE_ADDED);
-  PutDevice(message, device);
-  return message.Finish();
-}
-
-Bytes NfcKernel::DeviceRemovedEvent(std::uint32_t index) const {
-  return Event(NFC_EVENT_DEVICE_REMOVED).U32(NFC_ATTR_DEVICE_INDEX, index).Finish();
-}
-
-Bytes NfcKernel::TargetsFoundEvent(std::uint32_t index) const {
-  return Event(NFC_EVENT_TARGETS_FOUND).U32(NFC_ATTR_DEVICE_INDEX, index).Finish();
+  message.Genl(event, NFC_GENL_VERSION);
+  return event == NFC_EVENT_DEVICE_ADDED ? PutDevice(std::move(message), *FindDevice(index))
+                                         : message.U32(NFC_ATTR_DEVICE_INDEX, index).Finish();
 }
 
 }  // namespace virtualnfc

@@ -3,7 +3,10 @@
 // The generic-netlink side of a kernel with NFC: the controller family and the family "nfc" over a number of
 // devices. Request in, answer out. No clock, no threads, no sockets.
 
+#include <linux/nfc.h>
+
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -64,11 +67,16 @@ class NfcKernel {
   /// @param device the one that was there when the command began
   int ErrorOfVanishedChip(const Request& request, std::optional<std::uint32_t> device);
 
-  static bool SwitchesPower(const Request& request);
-  /// DEV_UP and START_POLL: nothing comes of them without an answer of the chip.
-  static bool NeedsChip(const Request& request);
-  /// DEV_UP, DEV_DOWN, START_POLL and STOP_POLL.
-  static bool UsesDevice(const Request& request);
+  static bool SwitchesPower(const Request& request) {
+    return IsOneOf(request, {NFC_CMD_DEV_UP, NFC_CMD_DEV_DOWN});
+  }
+  /// These commands need an answer of the chip.
+  static bool NeedsChip(const Request& request) {
+    return IsOneOf(request, {NFC_CMD_DEV_UP, NFC_CMD_START_POLL});
+  }
+  static bool UsesDevice(const Request& request) {
+    return IsOneOf(request, {NFC_CMD_DEV_UP, NFC_CMD_DEV_DOWN, NFC_CMD_START_POLL, NFC_CMD_STOP_POLL});
+  }
   /// Whether a signal ends the wait for this command's chip. The others wait for something else, and go on;
   /// with Digital all do.
   bool IsInterruptible(const Request& request) const;
@@ -87,9 +95,8 @@ class NfcKernel {
   /// In the order they came.
   const std::vector<std::unique_ptr<NfcDevice>>& Devices() const { return mDevices; }
 
-  Bytes DeviceAddedEvent(const NfcDevice& device) const;
-  Bytes DeviceRemovedEvent(std::uint32_t index) const;
-  Bytes TargetsFoundEvent(std::uint32_t index) const;
+  /// DEVICE_ADDED, DEVICE_REMOVED or TARGETS_FOUND of the device with this number.
+  Bytes Event(std::uint8_t event, std::uint32_t index);
 
  private:
   Result HandleController(const Request& request, std::uint32_t port) const;
@@ -99,10 +106,11 @@ class NfcKernel {
   int Execute(const Request& request, std::uint32_t port, Result& result);
   /// The device that the request is about; null when it names none, or one that is not there.
   NfcDevice* DeviceOf(const Request& request);
-  void PutDevice(MessageBuilder& message, const NfcDevice& device) const;
+  MessageBuilder Reply(const Request& request, std::uint16_t flags, std::uint32_t port) const;
+  static Bytes PutDevice(MessageBuilder message, const NfcDevice& device);
+  static bool IsOneOf(const Request& request, std::initializer_list<int> commands);
   Bytes FamilyMessage(const Request& request, std::uint16_t flags, std::uint32_t port,
                       std::uint16_t familyId) const;
-  MessageBuilder Event(std::uint8_t command) const;
 
   const KernelSettings mSettings;
   std::vector<std::unique_ptr<NfcDevice>> mDevices;

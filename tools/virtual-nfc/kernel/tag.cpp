@@ -40,9 +40,15 @@ Bytes NumberBytes(Value value) {
 }
 
 int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  if (c >= 'a' && c <= 'f') {
+    return c - 'a' + 10;
+  }
+  if (c >= 'A' && c <= 'F') {
+    return c - 'A' + 10;
+  }
   return -1;
 }
 
@@ -115,7 +121,9 @@ Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
       if (bytes.size() == 4) {
         bytes = Completed(std::move(bytes), {0x00, 0x00, 0x00, 0x00, 0x80, 0x80, 0x71});
       }
-      if (stack == Stack::Nci) tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSB_RES, std::move(bytes));
+      if (stack == Stack::Nci) {
+        tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSB_RES, std::move(bytes));
+      }
       break;
     case Radio::F:
       RequireLength(info, bytes, {8, std::size_t{stack == Stack::Nci ? 16U : 17U}, 18});

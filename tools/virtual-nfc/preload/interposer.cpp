@@ -23,28 +23,20 @@
 #include "tools/virtual-nfc/server/uniquefd.h"
 #include "tools/virtual-nfc/server/wire.h"
 
-// The C library of GNU declares some of these calls as throwing nothing; others do not.
-#ifdef __GLIBC__
-#define VIRTUAL_NFC_NOEXCEPT noexcept
-#else
-#define VIRTUAL_NFC_NOEXCEPT
-#endif
-
 namespace virtualnfc {
 
 namespace {
 
-/// Which descriptors are netlink sockets of ours. Looking at one that is not costs one load and takes no
-/// lock.
+/// The descriptors that are netlink sockets of ours. Looking up any other costs one load and takes no lock.
 class SocketTable {
  public:
   bool Add(int fd, std::shared_ptr<NetlinkSocket> socket) {
     if (fd < 0 || static_cast<std::size_t>(fd) >= mIsOurs.size()) {
       return false;
     }
-    std::shared_ptr<NetlinkSocket> stale;
+    const std::shared_ptr<NetlinkSocket> stale = Take(fd);
     const std::lock_guard lock(mMutex);
-    stale = std::exchange(mSockets[fd], std::move(socket));
+    mSockets[fd] = std::move(socket);
     mIsOurs[static_cast<std::size_t>(fd)] = true;
     return true;
   }
@@ -57,9 +49,7 @@ class SocketTable {
     {
       const std::lock_guard lock(mMutex);
       const auto found = mSockets.find(fd);
-      if (found != mSockets.end()) {
-        socket = found->second;
-      }
+      socket = found == mSockets.end() ? nullptr : found->second;
     }
     if (socket && !socket->IsAt(fd)) {
       Take(fd);
@@ -106,14 +96,9 @@ std::string& GivenAddress() {
 }
 
 std::string ServerAddress() {
-  {
-    const std::lock_guard lock(gAddressMutex);
-    if (!GivenAddress().empty()) {
-      return GivenAddress();
-    }
-  }
+  const std::lock_guard lock(gAddressMutex);
   const char* fromEnvironment = std::getenv("VIRTUAL_NFC_SOCKET");
-  return fromEnvironment != nullptr ? fromEnvironment : "";
+  return !GivenAddress().empty() ? GivenAddress() : fromEnvironment != nullptr ? fromEnvironment : "";
 }
 
 int MakeSocket(int type) {
@@ -127,15 +112,13 @@ int MakeSocket(int type) {
     const std::string reason = address.empty() ? "VIRTUAL_NFC_SOCKET is not set" : std::strerror(errno);
     std::fprintf(stderr, "virtual-nfc: cannot reach the server at '%s': %s\n", address.c_str(),
                  reason.c_str());
-    errno = EPROTONOSUPPORT;
-    return -1;
+    return Fail(EPROTONOSUPPORT);
   }
   if ((type & SOCK_NONBLOCK) != 0) {
     ::fcntl(data.Get(), F_SETFL, ::fcntl(data.Get(), F_GETFL) | O_NONBLOCK);
   }
   if (!Table().Add(data.Get(), std::move(socket))) {
-    errno = EMFILE;
-    return -1;
+    return Fail(EMFILE);
   }
   return data.Release();
 }
@@ -145,12 +128,10 @@ ssize_t SendMessage(NetlinkSocket& socket, const msghdr& message) {
     sockaddr_nl to{};
     std::memcpy(&to, message.msg_name, std::min<std::size_t>(message.msg_namelen, sizeof(to)));
     if (message.msg_namelen < sizeof(to) || to.nl_family != AF_NETLINK) {
-      errno = EINVAL;
-      return -1;
+      return Fail(EINVAL);
     }
     if (to.nl_pid != 0) {
-      errno = ECONNREFUSED;
-      return -1;
+      return Fail(ECONNREFUSED);
     }
   }
   std::size_t length = 0;
@@ -158,8 +139,7 @@ ssize_t SendMessage(NetlinkSocket& socket, const msghdr& message) {
     length += message.msg_iov[i].iov_len;
   }
   if (length > wire::kMaxMessage) {
-    errno = EMSGSIZE;
-    return -1;
+    return Fail(EMSGSIZE);
   }
   if (socket.Ask(wire::Operation::Send, 0, 0, message.msg_iov,
                  static_cast<std::size_t>(message.msg_iovlen)) != 0) {
@@ -171,8 +151,7 @@ ssize_t SendMessage(NetlinkSocket& socket, const msghdr& message) {
 int SetMembership(NetlinkSocket& socket, int option, const void* value, socklen_t length) {
   std::uint32_t group = 0;
   if (value == nullptr || length < sizeof(group)) {
-    errno = EINVAL;
-    return -1;
+    return Fail(EINVAL);
   }
   std::memcpy(&group, value, sizeof(group));
   const bool joins = option == NETLINK_ADD_MEMBERSHIP;
@@ -185,8 +164,7 @@ int SetMembership(NetlinkSocket& socket, int option, const void* value, socklen_
 
 int AnswerNumber(int number, void* value, socklen_t* length) {
   if (*length < sizeof(number)) {
-    errno = EINVAL;
-    return -1;
+    return Fail(EINVAL);
   }
   std::memcpy(value, &number, sizeof(number));
   *length = sizeof(number);
@@ -212,7 +190,7 @@ namespace wire = virtualnfc::wire;
 
 extern "C" {
 
-int socket(int domain, int type, int protocol) VIRTUAL_NFC_NOEXCEPT {
+int socket(int domain, int type, int protocol) noexcept {
   if (domain == AF_NETLINK && protocol == NETLINK_GENERIC) {
     return virtualnfc::MakeSocket(type);
   }
@@ -220,20 +198,19 @@ int socket(int domain, int type, int protocol) VIRTUAL_NFC_NOEXCEPT {
 }
 
 int close(int fd) {
-  // The control connection closes first, so that the server never sees half a socket.
+  // The control connection closes first, so that the server sees the whole socket close.
   Table().Take(fd).reset();
   return Real().close(fd);
 }
 
-int bind(int fd, const sockaddr* address, socklen_t length) VIRTUAL_NFC_NOEXCEPT {
+int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
   const auto ours = Table().Find(fd);
   if (!ours) {
     return Real().bind(fd, address, length);
   }
   sockaddr_nl wanted{};
   if (address == nullptr || length < sizeof(wanted) || address->sa_family != AF_NETLINK) {
-    errno = EINVAL;
-    return -1;
+    return virtualnfc::Fail(EINVAL);
   }
   std::memcpy(&wanted, address, sizeof(wanted));
   if (ours->Ask(wire::Operation::Bind, wanted.nl_pid, wanted.nl_groups) != 0) {
@@ -247,7 +224,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) VIRTUAL_NFC_NOEXCEPT
   return 0;
 }
 
-int getsockname(int fd, sockaddr* address, socklen_t* length) VIRTUAL_NFC_NOEXCEPT {
+int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
   const auto ours = Table().Find(fd);
   if (!ours) {
     return Real().getsockname(fd, address, length);
@@ -257,7 +234,7 @@ int getsockname(int fd, sockaddr* address, socklen_t* length) VIRTUAL_NFC_NOEXCE
   return 0;
 }
 
-int getpeername(int fd, sockaddr* address, socklen_t* length) VIRTUAL_NFC_NOEXCEPT {
+int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
   const auto ours = Table().Find(fd);
   if (!ours) {
     return Real().getpeername(fd, address, length);
@@ -266,18 +243,17 @@ int getpeername(int fd, sockaddr* address, socklen_t* length) VIRTUAL_NFC_NOEXCE
   return 0;
 }
 
-int setsockopt(int fd, int level, int option, const void* value, socklen_t length) VIRTUAL_NFC_NOEXCEPT {
+int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
   const auto ours = Table().Find(fd);
   if (ours && level == SOL_NETLINK) {
     if (option == NETLINK_ADD_MEMBERSHIP || option == NETLINK_DROP_MEMBERSHIP) {
       return virtualnfc::SetMembership(*ours, option, value, length);
     }
     if (option == NETLINK_EXT_ACK) {
-      // Allows the kernel to explain its errors; this one has nothing to add.
+      // The simulated kernel never explains its errors.
       return 0;
     }
-    errno = ENOPROTOOPT;
-    return -1;
+    return virtualnfc::Fail(ENOPROTOOPT);
   }
   if (ours && level == SOL_SOCKET && (option == SO_RCVBUF || option == SO_RCVBUFFORCE) && value != nullptr &&
       length >= sizeof(std::uint32_t)) {
@@ -290,14 +266,13 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
   return Real().setsockopt(fd, level, option, value, length);
 }
 
-int getsockopt(int fd, int level, int option, void* value, socklen_t* length) VIRTUAL_NFC_NOEXCEPT {
+int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
   const auto ours = Table().Find(fd);
   if (ours && level == SOL_NETLINK) {
-    errno = ENOPROTOOPT;
-    return -1;
+    return virtualnfc::Fail(ENOPROTOOPT);
   }
   if (ours && level == SOL_SOCKET) {
-    // The rest is true of the data socket as well.
+    // All other options have the right value on the data socket.
     constexpr std::pair<int, int> kOwn[] = {
         {SO_DOMAIN, AF_NETLINK}, {SO_PROTOCOL, NETLINK_GENERIC}, {SO_TYPE, SOCK_RAW}};
     for (const auto& [name, number] : kOwn) {

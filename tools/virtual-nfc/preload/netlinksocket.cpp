@@ -1,7 +1,6 @@
 #include "tools/virtual-nfc/preload/netlinksocket.h"
 
 #include <poll.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -35,34 +34,12 @@ class SignalsHeld {
   sigset_t mBefore{};
 };
 
-/// The reply to Open with its two descriptors. @returns false with errno
-bool ReceiveOpened(int control, UniqueFd& data, UniqueFd& memory) {
-  int fds[2] = {-1, -1};
-  wire::Reply reply{};
-  iovec part{&reply, sizeof(reply)};
-  alignas(cmsghdr) char room[CMSG_SPACE(sizeof(fds))] = {};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = room;
-  message.msg_controllen = sizeof(room);
-  ssize_t length = 0;
-  do {
-    length = Real().recvmsg(control, &message, MSG_CMSG_CLOEXEC);
-  } while (length < 0 && errno == EINTR);
-  const cmsghdr* header = CMSG_FIRSTHDR(&message);
-  if (length != sizeof(reply) || reply.error != 0 || header == nullptr || header->cmsg_type != SCM_RIGHTS ||
-      header->cmsg_len != CMSG_LEN(sizeof(fds))) {
-    errno = length == sizeof(reply) && reply.error != 0 ? reply.error : ECONNRESET;
-    return false;
-  }
-  std::memcpy(fds, CMSG_DATA(header), sizeof(fds));
-  data.Reset(fds[0]);
-  memory.Reset(fds[1]);
-  return true;
-}
-
 }  // namespace
+
+int Fail(int error) {
+  errno = error;
+  return -1;
+}
 
 sockaddr_nl MakeNetlinkAddress(std::uint32_t port, std::uint32_t groups) {
   sockaddr_nl address{};
@@ -82,27 +59,21 @@ std::shared_ptr<NetlinkSocket> NetlinkSocket::Connect(const std::string& address
   UniqueFd memory;
   const wire::OperationHeader open{wire::Operation::Open, 0, 0};
   if (!control || Real().send(control.Get(), &open, sizeof(open), MSG_NOSIGNAL) < 0 ||
-      !ReceiveOpened(control.Get(), data, memory)) {
+      !wire::ReceiveOpened(control.Get(), data, memory)) {
     return nullptr;
   }
   struct stat info {};
   if (::fstat(data.Get(), &info) != 0) {
     return nullptr;
   }
-  void* page = ::mmap(nullptr, sizeof(wire::SharedPage), PROT_READ | PROT_WRITE, MAP_SHARED, memory.Get(), 0);
-  if (page == MAP_FAILED) {
-    return nullptr;
-  }
-  return std::shared_ptr<NetlinkSocket>(
-      new NetlinkSocket(std::move(control), static_cast<wire::SharedPage*>(page), info.st_ino, info.st_dev));
+  wire::MappedPage page = wire::MapPage(memory);
+  return page == nullptr
+             ? nullptr
+             : std::shared_ptr<NetlinkSocket>(new NetlinkSocket(std::move(control), std::move(page), info));
 }
 
-NetlinkSocket::NetlinkSocket(UniqueFd control, wire::SharedPage* page, ino_t inode, dev_t device)
-    : mControl(std::move(control)), mPage(page), mInode(inode), mDevice(device) {}
-
-NetlinkSocket::~NetlinkSocket() {
-  ::munmap(mPage, sizeof(wire::SharedPage));
-}
+NetlinkSocket::NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data)
+    : mControl(std::move(control)), mPage(std::move(page)), mInode(data.st_ino), mDevice(data.st_dev) {}
 
 bool NetlinkSocket::IsAt(int fd) const {
   struct stat info {};
@@ -113,8 +84,7 @@ int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t first, std::uint
                        const iovec* parts, std::size_t count) {
   const std::lock_guard lock(mExchange);
   if (mPage->closed != 0) {
-    errno = EBADF;
-    return -1;
+    return Fail(EBADF);
   }
   wire::OperationHeader header{operation, first, second};
   std::vector<iovec> all{{&header, sizeof(header)}};
@@ -125,7 +95,7 @@ int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t first, std::uint
   wire::Reply reply{};
   bool isAnswered = false;
   {
-    // A signal between the sending and the waiting must end the waiting too.
+    // A signal that comes between sending and waiting must end the wait as well.
     const SignalsHeld signals;
     isAnswered =
         Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, signals.Before());
@@ -134,13 +104,10 @@ int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t first, std::uint
     mPort = reply.port;
   }
   const int error = isAnswered ? reply.error : ECONNREFUSED;
-  if (error != 0) {
-    errno = error;
-  }
-  return error == 0 ? 0 : -1;
+  return error == 0 ? 0 : Fail(error);
 }
 
-/// Waits as a command waits in the kernel: without a limit, and told of each signal.
+/// Waits as a command waits in the kernel: without a timeout. The server learns of each signal.
 bool NetlinkSocket::AwaitReply(wire::Reply& reply, const sigset_t& signals) const {
   for (;;) {
     pollfd waiting{mControl.Get(), POLLIN, 0};
@@ -163,12 +130,10 @@ bool NetlinkSocket::AwaitReply(wire::Reply& reply, const sigset_t& signals) cons
 ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
   for (;;) {
     if (const std::uint32_t overruns = mPage->overruns.load(); mSeenOverruns.exchange(overruns) != overruns) {
-      errno = ENOBUFS;
-      return -1;
+      return Fail(ENOBUFS);
     }
     if (mPage->closed != 0) {
-      errno = EBADF;
-      return -1;
+      return Fail(EBADF);
     }
     wire::DatagramHeader header{};
     std::vector<iovec> parts{{&header, sizeof(header)}};
@@ -181,7 +146,7 @@ ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
       return -1;
     }
     if (length < static_cast<ssize_t>(sizeof(header))) {
-      // Only there to wake us up.
+      // This datagram only wakes the reader.
       if ((flags & MSG_PEEK) != 0) {
         (void)Real().recv(fd, nullptr, 0, MSG_DONTWAIT);
       }
@@ -198,21 +163,12 @@ ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
 }
 
 void NetlinkSocket::SetMembership(std::uint32_t group, bool isMember) {
-  const std::lock_guard lock(mGroupsMutex);
+  const std::uint32_t bit = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
   if (isMember) {
-    mGroups.insert(group);
+    mGroups |= bit;
   } else {
-    mGroups.erase(group);
+    mGroups &= ~bit;
   }
-}
-
-std::uint32_t NetlinkSocket::GroupMask() const {
-  const std::lock_guard lock(mGroupsMutex);
-  std::uint32_t mask = 0;
-  for (const std::uint32_t group : mGroups) {
-    mask |= group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
-  }
-  return mask;
 }
 
 }  // namespace virtualnfc

@@ -1,14 +1,15 @@
 #pragma once
 
-// The words with which a running server is steered, one line each:
-//   tap KIND UID [HOLD_MS]   puts a tag in front of the reader, for good or for that time
-//   remove                   takes all tags away
-//   plug [N] / unplug [N]    the device comes or goes
-//   fault NAME on|off [N]    what goes wrong with it without a word, see nfcdevice.h
-//   status / status json     what the server knows
+// The text protocol that controls a running server, one line per request:
+//   tap KIND UID [HOLD_MS]   put a tag in front of the reader, for this time or until it is removed
+//   remove                   take all tags away
+//   plug [N] / unplug [N]    plug a device in, unplug it
+//   fault NAME on|off [N]    start or end a fault of the device, see nfcdevice.h
+//   status [json]            show what the server knows
 //   rule add RULE / rule list / rule clear
-//   record [N]               what happens from now on, see record.h; "done" ends it after N messages
-// The reply is "ok", or "error: " and why, in a line of its own; what was asked for follows.
+//   record [N]               record what happens from now on, up to N messages
+// Without N, unplug and fault mean the first device. The reply is "ok" or "error: REASON" in a line of its
+// own; the requested text follows. The reply to "record" is the record alone, see recorder.h.
 
 #include <cstdint>
 #include <optional>
@@ -19,11 +20,11 @@
 
 namespace virtualnfc {
 
-/// What "record [N]" asks for: N, or 0; none when the line is another one. @throws std::invalid_argument
+/// The N of a line "record [N]", 0 without one; nothing for any other line. @throws std::invalid_argument
 std::optional<std::uint32_t> ParseRecordLine(std::string_view line);
 
-/// Carries one line out, but "record", whose reply has no end. Never throws for anything the line may hold;
-/// does not block.
+/// Carries out one line other than "record" and returns the reply. Does not throw for bad input; does not
+/// block.
 std::string HandleControlLine(VirtualNfc& server, std::string_view line);
 
 /// Where a server at this address listens for these lines.

@@ -50,10 +50,9 @@ void ControlServer::Wake() const {
 
 std::string ControlServer::BeginRecord(Connection& connection, std::uint32_t count) {
   if (mRecorders == kMaxRecorders) {
-    return fmt::format("error: {} programs record already\n", kMaxRecorders);
+    return fmt::format("{}{} programs record already\n", kRecordError, kMaxRecorders);
   }
   connection.recorder = std::make_unique<Recorder>(mServer, count, [this] { Wake(); });
-  connection.unsent = "ok\n";
   ++mRecorders;
   Wake();
   return {};
@@ -68,7 +67,9 @@ bool ControlServer::Record(Connection& connection, short happened) {
     if (connection.unsent.empty()) {
       isOver = connection.isLast;
       connection.unsent = connection.recorder->Take(connection.isLast);
-      if (connection.unsent.empty()) break;
+      if (connection.unsent.empty()) {
+        break;
+      }
     }
     const ssize_t sent = ::send(connection.fd.Get(), connection.unsent.data(), connection.unsent.size(),
                                 MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -100,7 +101,9 @@ bool ControlServer::Serve(Connection& connection) {
     const auto count = isTooLong ? std::nullopt : ParseRecordLine(line);
     if (count) {
       reply = BeginRecord(connection, *count);
-      if (connection.recorder) return true;
+      if (connection.recorder) {
+        return true;
+      }
     } else if (!isTooLong) {
       reply = HandleControlLine(mServer, line);
     }

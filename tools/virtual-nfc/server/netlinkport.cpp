@@ -6,8 +6,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstring>
-#include <new>
+#include <utility>
 
 namespace virtualnfc {
 
@@ -25,54 +24,23 @@ NetlinkPort::NetlinkPort(UniqueFd control) : mControl(std::move(control)) {
   }
 }
 
-NetlinkPort::~NetlinkPort() {
-  if (mPage != nullptr) {
-    ::munmap(mPage, sizeof(wire::SharedPage));
-  }
-}
-
 int NetlinkPort::Open() {
   int ends[2] = {-1, -1};
-  if (mData || ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends) != 0) {
-    const int error = mData ? EALREADY : errno;
-    Reply(error);
-    return error;
-  }
-  UniqueFd ours(ends[0]);
-  const UniqueFd theirs(ends[1]);
   const UniqueFd memory(::memfd_create("virtual-nfc", MFD_CLOEXEC));
-  void* page = MAP_FAILED;
   if (memory && ::ftruncate(memory.Get(), sizeof(wire::SharedPage)) == 0) {
-    page = ::mmap(nullptr, sizeof(wire::SharedPage), PROT_READ | PROT_WRITE, MAP_SHARED, memory.Get(), 0);
+    mPage = wire::MapPage(memory);
   }
-  if (page == MAP_FAILED) {
+  if (!mPage || ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends) != 0) {
     const int error = errno;
     Reply(error);
     return error;
   }
-  mPage = new (page) wire::SharedPage{};
-  mData = std::move(ours);
-
-  const wire::Reply reply{0, 0};
-  iovec data{const_cast<wire::Reply*>(&reply), sizeof(reply)};
-  const int handedOver[2] = {theirs.Get(), memory.Get()};
-  alignas(cmsghdr) char room[CMSG_SPACE(sizeof(handedOver))] = {};
-  msghdr message{};
-  message.msg_iov = &data;
-  message.msg_iovlen = 1;
-  message.msg_control = room;
-  message.msg_controllen = sizeof(room);
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof(handedOver));
-  std::memcpy(CMSG_DATA(header), handedOver, sizeof(handedOver));
-  return ::sendmsg(mControl.Get(), &message, kSendFlags) < 0 ? errno : 0;
+  mData.Reset(ends[0]);
+  return wire::SendOpened(mControl.Get(), UniqueFd(ends[1]), memory) ? 0 : errno;
 }
 
 void NetlinkPort::Reply(int error) const {
   const wire::Reply reply{error, port};
-  // A program that is gone needs no reply; its end shows as the end of the connection.
   (void)::send(mControl.Get(), &reply, sizeof(reply), kSendFlags);
 }
 
@@ -114,7 +82,7 @@ void NetlinkPort::Close() {
   }
 }
 
-/// Data that is there wakes it as well.
+/// Unread data wakes the reader as well.
 void NetlinkPort::WakeReader() const {
   if (IsDrained()) {
     (void)::send(mData.Get(), "", 0, kSendFlags);
@@ -122,7 +90,7 @@ void NetlinkPort::WakeReader() const {
 }
 
 void NetlinkPort::SetReceiveBuffer(std::uint32_t bytes) const {
-  // What has been sent and not been read counts against the sender's buffer, so this is the receiver's.
+  // Unread datagrams count against the sender's buffer, so its size acts as the receive buffer.
   const int size = static_cast<int>(bytes);
   (void)::setsockopt(mData.Get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
 }

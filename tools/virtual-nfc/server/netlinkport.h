@@ -17,26 +17,23 @@ namespace virtualnfc {
 class NetlinkPort {
  public:
   explicit NetlinkPort(UniqueFd control);
-  ~NetlinkPort();
-  NetlinkPort(const NetlinkPort&) = delete;
-  NetlinkPort& operator=(const NetlinkPort&) = delete;
 
   int ControlFd() const { return mControl.Get(); }
   /// The process that made the socket.
   pid_t ProcessId() const { return mProcessId; }
 
-  /// Makes the data socket and the shared page and hands the program its ends, with the reply to Open.
-  /// @returns 0 or an errno, which has then been replied
+  /// Makes the data socket and the shared page and replies with the program's ends.
+  /// @returns 0, or the errno that was replied
   int Open();
   bool IsOpen() const { return static_cast<bool>(mData); }
 
   void Reply(int error) const;
-  /// Hands one datagram to the program, or takes note that it did not fit into the receive buffer.
-  /// @returns false when it did not fit
+  /// Hands one datagram to the program.
+  /// @returns false when it did not fit into the receive buffer; the program is told
   bool Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   /// The program's next receive call fails with ENOBUFS.
   void MarkOverrun();
-  /// Whatever the program does with the socket from now on fails. The connection can go then.
+  /// Every call of the program on this socket fails from now on.
   void Close();
   void SetReceiveBuffer(std::uint32_t bytes) const;
 
@@ -51,8 +48,8 @@ class NetlinkPort {
   const UniqueFd mControl;
   pid_t mProcessId = 0;
   UniqueFd mData;
-  wire::SharedPage* mPage = nullptr;
-  /// Since the receive buffer was full nothing more is put into it until it has been read empty.
+  wire::MappedPage mPage;
+  /// The receive buffer was full. As in the kernel, it takes nothing more until it has been read empty.
   bool mCongested = false;
 };
 

@@ -49,20 +49,18 @@ void VirtualNfc::Stop() {
   {
     const std::lock_guard lock(mMutex);
     mStop = true;
-    Wake();
+    Changed();
   }
   if (mThread.joinable()) {
     mThread.join();
   }
   const std::lock_guard lock(mMutex);
   for (const auto& [id, socket] : mConnections) {
-    // Nobody shall wait for events that cannot come any more.
+    // Wakes programs that wait for events.
     socket->MarkOverrun();
   }
   mConnections.clear();
 }
-
-// --- what tests and tools ask for ---
 
 std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
   const std::lock_guard lock(mMutex);
@@ -71,7 +69,8 @@ std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
     throw std::invalid_argument(fmt::format("there is a device {} already", number));
   }
   TellOfReader(fmt::format("plug {}", number));
-  SendEvent(mKernel.DeviceAddedEvent(mKernel.AddDevice(number)));
+  mKernel.AddDevice(number);
+  SendEvent(NFC_EVENT_DEVICE_ADDED, number);
   Changed();
   return number;
 }
@@ -102,18 +101,14 @@ void VirtualNfc::PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point n
 }
 
 void VirtualNfc::PresentTag(Tag tag) {
-  std::vector<Tag> tags;
-  tags.push_back(std::move(tag));
-  PresentTags(std::move(tags));
+  PresentTags({std::move(tag)});
 }
 
 void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
-  std::vector<Tag> tags;
-  tags.push_back(std::move(tag));
   const std::lock_guard lock(mMutex);
-  // One time for both: whoever is late, what is due first happens first.
+  // The same time for both, so that a late thread does not change the order of find and removal.
   const auto now = Timers::Clock::now();
-  PutIntoField(std::move(tags), now);
+  PutIntoField({std::move(tag)}, now);
   mTimers.At(now + hold, [this, version = mFieldVersion] {
     if (mFieldVersion == version) {
       ChangeField({});
@@ -158,14 +153,8 @@ void VirtualNfc::ChangeFault(std::uint32_t index, Fault fault, bool on) {
 
 void VirtualNfc::OverrunEvents() {
   const std::lock_guard lock(mMutex);
-  MarkListenersOverrun();
-}
-
-void VirtualNfc::MarkListenersOverrun() {
-  for (const auto& [id, socket] : mConnections) {
-    if (socket->groups.contains(mSettings.kernel.groupId)) {
-      socket->MarkOverrun();
-    }
+  for (const std::uint64_t id : Listeners()) {
+    mConnections.at(id)->MarkOverrun();
   }
 }
 
@@ -202,8 +191,8 @@ Status VirtualNfc::MakeStatus() const {
   }
   for (const auto& [id, socket] : mConnections) {
     status.openSockets += socket->IsOpen() ? 1 : 0;
-    status.listeners += socket->groups.contains(mSettings.kernel.groupId) ? 1 : 0;
   }
+  status.listeners = Listeners().size();
   status.commands = mCommands;
   status.events = mEvents;
   status.commandWaits = mWaiting.has_value();
@@ -212,18 +201,11 @@ Status VirtualNfc::MakeStatus() const {
   return status;
 }
 
-void VirtualNfc::Wake() {
-  const std::uint64_t one = 1;
-  // A counter that is full wakes as well.
-  (void)!::write(mWake.Get(), &one, sizeof(one));
-}
-
 void VirtualNfc::Changed() {
-  Wake();
+  const std::uint64_t one = 1;
+  (void)!::write(mWake.Get(), &one, sizeof(one));
   mChanged.notify_all();
 }
-
-// --- devices ---
 
 bool VirtualNfc::IsDeviceThere(std::uint32_t index) {
   const NfcDevice* device = mKernel.FindDevice(index);
@@ -256,7 +238,7 @@ void VirtualNfc::RemoveDevice(std::uint32_t index) {
   NfcDevice* device = mKernel.FindDevice(index);
   const bool staysListed = device->IsPowered() && mSettings.kernel.stack == Stack::Nci;
   device->Remove();
-  SendEvent(mKernel.DeviceRemovedEvent(index));
+  SendEvent(NFC_EVENT_DEVICE_REMOVED, index);
   const auto forget = [this, index] {
     mKernel.EraseDevice(index);
     mTakenNumbers.push_back(index);
@@ -277,52 +259,50 @@ void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_poin
   mTimers.At(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
     NfcDevice* device = mKernel.FindDevice(index);
     if (device != nullptr && device->PollId() == poll && device->Detect(mField)) {
-      SendEvent(mKernel.TargetsFoundEvent(index));
+      SendEvent(NFC_EVENT_TARGETS_FOUND, index);
     }
   });
 }
 
-void VirtualNfc::SendEvent(Bytes message) {
-  const Request event = ParseRequest(message);
-  Occurrence occurrence;
-  occurrence.command = event.genl.cmd;
-  occurrence.isEvent = true;
-  occurrence.device = GetU32(event.attributes, NFC_ATTR_DEVICE_INDEX);
-  ++mEvents[occurrence.command];
-
-  Answer answer{{std::move(message)}, 0};
-  if (const auto rule = mRules.Match(occurrence)) {
-    ApplyChanges(rule->changes, answer);
-    if (rule->fault && occurrence.device && IsDeviceThere(*occurrence.device)) {
-      ChangeFault(*occurrence.device, *rule->fault, true);
+void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
+  ++mEvents[event];
+  Answer answer{{mKernel.Event(event, device)}};
+  if (const auto rule = mRules.Match({Family::Nfc, event, true, 0, device})) {
+    for (const Change& change : rule->changes) {
+      ApplyChange(change, answer);
+    }
+    if (rule->fault && IsDeviceThere(device)) {
+      ChangeFault(device, *rule->fault, true);
     }
   }
-  for (const Bytes& one : answer.messages) {
-    Multicast(answer.sender, one);
+  for (const Bytes& message : answer.messages) {
+    Multicast(answer.sender, message);
   }
-  if (answer.overruns) {
-    MarkListenersOverrun();
-  }
-  if (answer.closes) {
-    std::vector<std::uint64_t> listeners;
-    for (const auto& [id, socket] : mConnections) {
-      if (socket->groups.contains(mSettings.kernel.groupId)) {
-        listeners.push_back(id);
-      }
+  for (const std::uint64_t id : Listeners()) {
+    if (answer.overruns) {
+      mConnections.at(id)->MarkOverrun();
     }
-    for (const std::uint64_t id : listeners) {
+    if (answer.closes) {
       BreakConnection(id);
     }
   }
 }
 
+std::vector<std::uint64_t> VirtualNfc::Listeners() const {
+  std::vector<std::uint64_t> listeners;
+  for (const auto& [id, socket] : mConnections) {
+    if (socket->groups.contains(mSettings.kernel.groupId)) {
+      listeners.push_back(id);
+    }
+  }
+  return listeners;
+}
+
 void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
   const std::uint32_t group = mSettings.kernel.groupId;
   const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
-  for (const auto& [id, socket] : mConnections) {
-    if (socket->groups.contains(group)) {
-      Deliver(id, sender, mask, message);
-    }
+  for (const std::uint64_t id : Listeners()) {
+    Deliver(id, sender, mask, message);
   }
 }
 

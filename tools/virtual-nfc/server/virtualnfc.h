@@ -1,8 +1,8 @@
 #pragma once
 
-// A kernel with NFC, simulated: the generic-netlink controller, the family "nfc", its devices and the tags in
-// front of them, for programs whose netlink sockets the interposer has turned into connections to this
-// server.
+// A simulated kernel with NFC: the generic-netlink controller, the family "nfc", its devices and the tags in
+// front of them. Programs reach it because the interposer turns their netlink sockets into connections to
+// this server.
 
 #include <algorithm>
 #include <array>
@@ -32,17 +32,18 @@ namespace virtualnfc {
 
 struct VirtualNfcSettings {
   KernelSettings kernel;
-  /// Devices that are there from the start, numbered from 0.
+  /// Devices at the start, numbered from 0.
   std::uint32_t devices = 1;
-  /// From START_POLL, or from the tag's coming, until the chip has found it.
+  /// From START_POLL, or from presenting a tag, until the chip has found the tag.
   std::chrono::milliseconds detectionDelay{20};
-  /// From the close of the socket that owns the poll until the poll ends; 0 ends it with the close.
+  /// From the close of the socket that owns the poll until the poll ends; 0: at once.
   std::chrono::milliseconds ownerReleaseDelay{5};
-  /// How long a powered device stays listed after it has gone; with Digital none does.
+  /// How long a powered Nci device stays listed after it was unplugged. A Digital device does not.
   std::chrono::milliseconds removedListing{5000};
-  /// How long the number of a device stays taken after that.
+  /// How long its number stays taken after that.
   std::chrono::milliseconds numberRelease{20};
-  /// How long a STOP_POLL waits that meets a find, and how long nothing may be sent to the device after it.
+  /// How long a STOP_POLL takes when the chip finds a tag at that moment, and for how long after it a command
+  /// to the device hangs.
   std::chrono::milliseconds crossingWait{30000};
   std::chrono::milliseconds crossingPause{250};
 };
@@ -52,11 +53,11 @@ struct DeviceStatus {
   std::string name;
   bool powered = false;
   bool polling = false;
-  /// Gone, and still listed.
+  /// Unplugged, but still listed.
   bool removed = false;
   std::uint32_t ownerPort = 0;
   std::uint32_t mask = 0;
-  /// Targets found since the device came.
+  /// Targets found since the device was plugged in.
   std::uint32_t targetsFound = 0;
   std::vector<Fault> faults;
 
@@ -70,25 +71,24 @@ struct Status {
   std::size_t openSockets = 0;
   /// Sockets that have joined the events group.
   std::size_t listeners = 0;
-  /// Commands of the nfc family received so far, by number; a command that waits is counted already.
+  /// Commands of the nfc family received so far, by number, including one that still waits.
   std::array<std::uint32_t, 256> commands{};
-  /// Events of the nfc family sent so far, by number, whether or not anybody listened.
+  /// Events of the nfc family sent so far, by number, with or without listeners.
   std::array<std::uint32_t, 256> events{};
   /// A command waits for its chip.
   bool commandWaits = false;
-  /// Messages whose senders wait behind it.
+  /// Messages that wait behind it.
   std::size_t queued = 0;
-  /// A command came too early after a STOP_POLL that met a find: no command is answered any more.
+  /// A command came too soon after a STOP_POLL that crossed a find: no command is answered any more.
   bool hung = false;
 
-  /// The device that was there first and is there still; one that is nowhere (no power, no poll) when none
-  /// is.
+  /// The first device that is plugged in; without one, a status without power and poll.
   DeviceStatus Device() const;
   std::uint32_t Commands(std::uint8_t command) const { return commands[command]; }
   std::uint32_t Events(std::uint8_t event) const { return events[event]; }
 };
 
-/// One command of the nfc family and what became of it.
+/// One command of the nfc family and its result.
 struct CommandRecord {
   std::uint8_t command = 0;
   std::uint32_t port = 0;
@@ -96,35 +96,34 @@ struct CommandRecord {
   int error = 0;
 };
 
-/// Serves from construction to destruction, on a thread of its own. All operations may be called from any
-/// thread at any time but from within a predicate given to WaitFor; all but WaitFor return at once.
+/// Serves from construction to destruction, on a thread of its own. Any thread may call any operation at any
+/// time, except from a predicate given to WaitFor. Only WaitFor blocks.
 class VirtualNfc {
  public:
-  /// @param address where the interposer connects to: a path, "@name" for an abstract name, or empty for an
-  /// abstract name of its own
+  /// @param address where the interposer connects: a path, "@name" for an abstract name, or empty for a new
+  /// abstract name
   /// @throws std::runtime_error when it cannot listen there
   explicit VirtualNfc(VirtualNfcSettings settings = {}, std::string address = {});
   ~VirtualNfc() { Stop(); }
   VirtualNfc(const VirtualNfc&) = delete;
   VirtualNfc& operator=(const VirtualNfc&) = delete;
 
-  /// Ends all connections, for good. Programs that wait for an answer get an error. For one caller at a time.
+  /// Closes all connections for good. Programs that wait for an answer get an error. One caller at a time.
   void Stop();
 
   const std::string& Address() const { return mListener.Address(); }
   const VirtualNfcSettings& Settings() const { return mSettings; }
 
-  /// A new device comes, with the lowest free number, or the given one.
+  /// Plugs in a device with this number, by default the lowest free one.
   /// @throws std::invalid_argument when the given number is taken
   std::uint32_t Plug(std::optional<std::uint32_t> index = std::nullopt);
-  /// The device goes.
   /// @returns false when there is no such device
   bool Unplug(std::uint32_t index = 0);
 
-  /// Puts these tags in front of the readers, in place of those that were there.
+  /// Puts these tags in front of the readers and takes all others away.
   void PresentTags(std::vector<Tag> tags);
   void PresentTag(Tag tag);
-  /// The tag goes again by itself after that time.
+  /// Takes the tag away again after that time.
   void PresentTagFor(Tag tag, std::chrono::milliseconds hold);
   void RemoveTags() { PresentTags({}); }
 
@@ -133,47 +132,47 @@ class VirtualNfc {
   std::vector<RuleStatus> ListRules() const;
   void ClearRules();
 
-  /// The device has this fault from now on, or no more. @returns false when there is no such device
+  /// Starts or ends a fault of the device. @returns false when there is no such device
   bool SetFault(Fault fault, bool on = true, std::uint32_t index = 0);
   /// A transfer to the reader fails, once: its poll is dead.
   bool KillPoll(std::uint32_t index = 0) { return SetFault(Fault::PollDead, true, index); }
 
-  /// Ends now what the kernel ends some time after a socket was closed.
+  /// Ends the polls of closed sockets now instead of after ownerReleaseDelay.
   void EndPollsOfClosedSockets();
-  /// All listeners have lost events: their next receive call fails with ENOBUFS.
+  /// Makes the next receive call of every listener fail with ENOBUFS, as after lost events.
   void OverrunEvents();
   /// Sends these bytes to all listeners, as if the kernel had.
   void SendRawEvent(const Bytes& message);
 
-  /// From now on until it is removed it is told of everything, first of what is there already: the sockets,
-  /// their groups, the rules, the tags.
+  /// Reports everything to the observer until it is removed, beginning with the present sockets, groups,
+  /// rules and tags.
   void AddObserver(NetlinkObserver& observer);
-  /// It gets no call any more when this returns.
+  /// The observer gets no calls after this returns.
   void RemoveObserver(NetlinkObserver& observer);
 
   Status GetStatus() const;
   /// The commands of the nfc family since the start, the latest thousand.
   std::vector<CommandRecord> History() const;
-  /// @param predicate called with the lock held, at each change @returns false when the time is over before
-  /// it holds
+  /// Waits until the predicate holds; it is called with the lock held, after each change.
+  /// @returns false on timeout
   bool WaitFor(const std::function<bool(const Status&)>& predicate,
                std::chrono::milliseconds timeout = std::chrono::seconds(60)) const;
 
  private:
-  /// A message on its way to the kernel. The socket's Send is answered with the last of its messages.
+  /// A message on its way to the kernel. The reply to the socket's Send comes with its last message.
   struct Work {
     std::uint64_t connection = 0;
     Bytes message;
     bool isLast = false;
   };
-  /// The command that waits for its chip; all others wait behind it.
+  /// A command that is being carried out. All others wait behind it.
   struct Waiting {
     Work work;
     Request request;
     Rule rule;
-    /// A find holds it up.
+    /// A STOP_POLL that the find of a tag delays.
     bool crosses = false;
-    /// The device that was there when it began: the one it names, or the first.
+    /// The device it named, or the first one, when it began.
     std::optional<std::uint32_t> device;
     std::uint64_t id = 0;
   };
@@ -183,7 +182,7 @@ class VirtualNfc {
   void ReadConnections(const std::vector<std::uint64_t>& readable);
   void CloseEndedConnections();
   void CloseConnection(std::uint64_t id);
-  void MarkListenersOverrun();
+  std::vector<std::uint64_t> Listeners() const;
   void BreakConnection(std::uint64_t id);
   void HandleRecord(std::uint64_t id, const Bytes& record);
   int Bind(std::uint64_t id, std::uint32_t wanted, std::uint32_t groups);
@@ -194,7 +193,7 @@ class VirtualNfc {
   void Begin(Work work);
   void FinishWaiting(bool interrupted);
 
-  void SendEvent(Bytes message);
+  void SendEvent(std::uint8_t event, std::uint32_t device);
   void Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   void Multicast(std::uint32_t sender, const Bytes& message);
   void RemoveDevice(std::uint32_t index);
@@ -207,10 +206,10 @@ class VirtualNfc {
   Status MakeStatus() const;
   void ChangeField(std::vector<Tag> tags);
   std::string FieldWords() const;
+  void ReleasePoll(std::uint32_t port);
   void TellOfSocket(std::uint64_t id, SocketChange change, std::uint32_t number = 0, int error = 0);
   void TellOfReader(std::string_view words);
-  void Wake();
-  /// Every change by a caller's thread: the server looks again and waiting predicates are asked again.
+  /// After a change by a caller's thread: wakes the server and the callers of WaitFor.
   void Changed();
 
   const VirtualNfcSettings mSettings;
@@ -225,18 +224,18 @@ class VirtualNfc {
   NfcKernel mKernel;
   RuleSet mRules;
   std::vector<Tag> mField;
-  /// Counts the changes of the field, so that a hold that is over removes only its own tag.
+  /// Counts the changes of the field, so that the end of a hold removes only its own tag.
   std::uint64_t mFieldVersion = 0;
-  /// Numbers of devices that have gone, not free yet.
+  /// Numbers of unplugged devices that are not free yet.
   std::vector<std::uint32_t> mTakenNumbers;
   std::map<std::uint64_t, std::unique_ptr<NetlinkPort>> mConnections;
   std::uint64_t mNextConnection = 1;
-  /// Sockets that were closed and whose polls may go on for ownerReleaseDelay.
+  /// Closed sockets whose polls end after ownerReleaseDelay.
   std::vector<std::uint32_t> mClosedPorts;
   std::deque<Work> mWork;
   std::optional<Waiting> mWaiting;
   std::uint64_t mNextWaiting = 1;
-  /// Until then a find waits for the device's lock, and a command that takes it first waits for ever.
+  /// Until then a find waits for the lock of the device; a command that takes the lock first waits for ever.
   std::optional<Timers::Clock::time_point> mFindWaitsUntil;
   /// mWaiting is never finished.
   bool mHung = false;

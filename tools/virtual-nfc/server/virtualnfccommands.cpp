@@ -1,4 +1,5 @@
-// The part of the server that carries commands out, one after the other, and lets them wait for their chip.
+// The part of the server that carries out commands, one after the other, and delays them when their chip is
+// slow.
 
 #include <cerrno>
 #include <utility>
@@ -9,11 +10,7 @@ namespace virtualnfc {
 
 using namespace std::chrono_literals;
 
-namespace {
-
-constexpr std::size_t kHistoryLength = 1000;
-
-}  // namespace
+static constexpr std::size_t kHistoryLength = 1000;
 
 void VirtualNfc::WorkOff() {
   while (!mWaiting && !mWork.empty()) {
@@ -34,7 +31,7 @@ void VirtualNfc::Begin(Work work) {
   std::optional<std::uint32_t> device;
   if (occurrence) {
     rule = mRules.Match(*occurrence).value_or(Rule{});
-    if (occurrence->family == Occurrence::Family::Nfc) {
+    if (occurrence->family == Family::Nfc) {
       ++mCommands[occurrence->command];
       device = DeviceOf(*occurrence);
     }
@@ -70,8 +67,8 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   const int vanished = mKernel.ErrorOfVanishedChip(request, waiting.device);
 
   if (waiting.rule.error == EALREADY && NfcKernel::SwitchesPower(request)) {
-    // The kernel says so only of a device that is in that state, because rfkill or another program put it
-    // there.
+    // The kernel gives this answer only when the device is in that state already; rfkill or another program
+    // may have switched it.
     mKernel.Handle(request, port);
   }
   NfcKernel::Result result = interrupted          ? mKernel.Interrupt(request, port)
@@ -79,7 +76,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
                              : vanished != 0      ? mKernel.Refuse(request, port, vanished)
                                                   : mKernel.Handle(request, port);
   const auto occurrence = mKernel.Classify(request, port);
-  if (occurrence && occurrence->family == Occurrence::Family::Nfc) {
+  if (occurrence && occurrence->family == Family::Nfc) {
     mHistory.push_back({occurrence->command, port, result.error});
     if (mHistory.size() > kHistoryLength) {
       mHistory.pop_front();
@@ -98,12 +95,14 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   if (result.startedPoll) {
     ScheduleDetection(*result.startedPoll, Timers::Clock::now());
   }
-  // An event that this brought about may have closed it.
+  // A rule for an event that was sent meanwhile may have closed the connection.
   const auto connection = mConnections.find(waiting.work.connection);
   if (connection == mConnections.end()) {
     return;
   }
-  ApplyChanges(waiting.rule.changes, result.answer);
+  for (const Change& change : waiting.rule.changes) {
+    ApplyChange(change, result.answer);
+  }
   for (const Bytes& datagram : PackDatagrams(result.answer.messages)) {
     Deliver(connection->first, result.answer.sender, 0, datagram);
   }

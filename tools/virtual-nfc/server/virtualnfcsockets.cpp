@@ -1,4 +1,4 @@
-// The part of the server that knows the programs' sockets, and who looks on.
+// The part of the server that handles the programs' sockets and the observers.
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -11,15 +11,8 @@
 
 namespace virtualnfc {
 
-namespace {
-
-/// Where the kernel looks for a free port when the process id is taken: downwards from here, as unsigned
-/// numbers.
-constexpr std::uint32_t kHighestSparePort = 0xFFFFF000;
-
-}  // namespace
-
-// --- observers ---
+/// When the process id is taken, the kernel looks for a free port downwards from here.
+static constexpr std::uint32_t kHighestSparePort = 0xFFFFF000;
 
 void VirtualNfc::AddObserver(NetlinkObserver& observer) {
   const std::lock_guard lock(mMutex);
@@ -30,15 +23,23 @@ void VirtualNfc::AddObserver(NetlinkObserver& observer) {
                                   device->IsPolling() ? "polling" : "not polling"));
   }
   for (const auto& [id, socket] : mConnections) {
-    if (!socket->IsOpen()) continue;
+    if (!socket->IsOpen()) {
+      continue;
+    }
     observer.OnSocket(id, SocketChange::Opened, 0, 0);
-    if (socket->port != 0) observer.OnSocket(id, SocketChange::Bound, socket->port, 0);
-    for (const std::uint32_t group : socket->groups) observer.OnSocket(id, SocketChange::Joined, group, 0);
+    if (socket->port != 0) {
+      observer.OnSocket(id, SocketChange::Bound, socket->port, 0);
+    }
+    for (const std::uint32_t group : socket->groups) {
+      observer.OnSocket(id, SocketChange::Joined, group, 0);
+    }
   }
   for (const RuleStatus& rule : mRules.List()) {
     observer.OnReader(fmt::format("rule add {}", rule.text));
   }
-  if (!mField.empty()) observer.OnReader(FieldWords());
+  if (!mField.empty()) {
+    observer.OnReader(FieldWords());
+  }
 }
 
 void VirtualNfc::RemoveObserver(NetlinkObserver& observer) {
@@ -60,16 +61,20 @@ void VirtualNfc::TellOfReader(std::string_view words) {
 
 void VirtualNfc::ChangeField(std::vector<Tag> tags) {
   mField = std::move(tags);
-  if (!mObservers.empty()) TellOfReader(FieldWords());
+  if (!mObservers.empty()) {
+    TellOfReader(FieldWords());
+  }
 }
 
 std::string VirtualNfc::FieldWords() const {
-  if (mField.empty()) return "remove";
-  if (mField.size() == 1 && !mField.front().words.empty()) return fmt::format("tap {}", mField.front().words);
+  if (mField.empty()) {
+    return "remove";
+  }
+  if (mField.size() == 1 && !mField.front().words.empty()) {
+    return fmt::format("tap {}", mField.front().words);
+  }
   return fmt::format("# {} tag(s) that no control line can bring", mField.size());
 }
-
-// --- sockets ---
 
 bool VirtualNfc::IsPortTaken(std::uint32_t port) const {
   return std::any_of(mConnections.begin(), mConnections.end(),
@@ -182,53 +187,47 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
 
 void VirtualNfc::CloseConnection(std::uint64_t id) {
   if (!mConnections.contains(id)) {
-    // Closing another has made a rule close this one.
+    // A rule has closed it while another connection was closed.
     return;
   }
   const std::uint32_t port = mConnections.at(id)->port;
   if (mWaiting && mWaiting->work.connection == id && !mHung && mKernel.IsInterruptible(mWaiting->request)) {
-    // The process was killed while its command waited: for the kernel that is a signal as any other.
+    // The process was killed while its command waited, which counts as a signal.
     TellOfSocket(id, SocketChange::Interrupted);
     FinishWaiting(true);
   }
   const auto connection = mConnections.find(id);
   if (connection == mConnections.end()) {
-    // A rule for that command has closed it.
+    // A rule for that command has closed the connection.
     return;
   }
   if (connection->second->IsOpen()) {
     TellOfSocket(id, SocketChange::Closed);
   }
   mConnections.erase(connection);
-  const auto release = [this, port] {
-    for (const auto& device : mKernel.Devices()) {
-      device->PortClosed(port);
-    }
-  };
-  if (port == 0) {
-    return;
-  }
-  if (mSettings.ownerReleaseDelay.count() == 0) {
-    release();
-  } else {
+  if (port != 0 && mSettings.ownerReleaseDelay.count() == 0) {
+    ReleasePoll(port);
+  } else if (port != 0) {
     mClosedPorts.push_back(port);
-    mTimers.After(mSettings.ownerReleaseDelay, release);
+    mTimers.After(mSettings.ownerReleaseDelay, [this, port] { ReleasePoll(port); });
+  }
+}
+
+void VirtualNfc::ReleasePoll(std::uint32_t port) {
+  for (const auto& device : mKernel.Devices()) {
+    device->PortClosed(port);
   }
 }
 
 void VirtualNfc::EndPollsOfClosedSockets() {
-  {
-    const std::lock_guard lock(mMutex);
-    for (const auto port : std::exchange(mClosedPorts, {})) {
-      for (const auto& device : mKernel.Devices()) {
-        device->PortClosed(port);
-      }
-    }
+  const std::lock_guard lock(mMutex);
+  for (const auto port : std::exchange(mClosedPorts, {})) {
+    ReleasePoll(port);
   }
   Changed();
 }
 
-/// Closes the program's socket under it.
+/// Closes the socket although the program still uses it.
 void VirtualNfc::BreakConnection(std::uint64_t id) {
   if (const auto connection = mConnections.find(id); connection != mConnections.end()) {
     connection->second->Close();
@@ -270,11 +269,11 @@ void VirtualNfc::ReadConnections(const std::vector<std::uint64_t>& readable) {
     if (length < 0 && errno == EAGAIN) {
       continue;
     }
-    // An empty record is none of ours, or the end.
+    // An empty record stands for the end of the connection.
     record.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
     records.emplace_back(id, std::move(record));
   }
-  // A program that closes a socket and then uses another shall find the first one closed.
+  // When a program closes one socket and then uses another, the first must be closed before.
   CloseEndedConnections();
   for (const auto& [id, record] : records) {
     if (mConnections.contains(id)) {

@@ -1,16 +1,19 @@
 #pragma once
 
-// What the interposer and the server say to each other. One SOCK_SEQPACKET control connection stands for one
-// netlink socket of the program and lives as long as it: the server takes its end for the socket's close.
-// Each operation is one record with this header, answered by one Reply, but Interrupt, which is not answered.
+// The protocol between the interposer and the server. One SOCK_SEQPACKET control connection stands for one
+// netlink socket of the program: when it ends, the server closes the socket. Each operation is one record
+// with an OperationHeader, answered by one Reply; only Interrupt has no answer.
 //
-// Open is answered with two descriptors: the data socket, which the program takes for its netlink socket, and
-// a page of shared memory with the receive errors, which overtake the data. On the data socket each datagram
-// begins with a DatagramHeader; an empty one only wakes the reader up to look there.
+// The reply to Open carries two descriptors: the data socket, which becomes the program's netlink socket, and
+// a shared page for receive errors, which overtake the data. Each datagram on the data socket begins with a
+// DatagramHeader; an empty one only wakes the reader so that it looks at the page.
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+
+#include "tools/virtual-nfc/server/uniquefd.h"
 
 namespace virtualnfc::wire {
 
@@ -21,9 +24,9 @@ enum class Operation : std::uint32_t {
   /// first: group number
   Join,
   Leave,
-  /// followed by the bytes of the netlink message; answered when the kernel has dealt with it
+  /// followed by the bytes of the netlink message; the reply comes when the kernel has handled it
   Send,
-  /// a signal has reached the thread that waits for the answer to Send
+  /// a signal has reached the thread that waits for the reply to Send
   Interrupt,
   /// first: the size of the receive buffer in bytes
   ReceiveBuffer,
@@ -48,12 +51,25 @@ struct DatagramHeader {
 };
 
 struct SharedPage {
-  /// Counts the losses; each is reported once by the next receive call.
+  /// Counts losses. The next receive call reports a change once.
   std::atomic<std::uint32_t> overruns;
-  /// Not 0: the socket is closed, whatever is asked of it fails.
+  /// Not 0: the socket is closed and every call on it fails.
   std::atomic<std::uint32_t> closed;
 };
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
+
+struct Unmap {
+  void operator()(SharedPage* page) const;
+};
+using MappedPage = std::unique_ptr<SharedPage, Unmap>;
+
+/// The page in that memory; null with errno.
+MappedPage MapPage(const UniqueFd& memory);
+
+/// The reply to Open, sent by the server and received by the program.
+/// @returns false with errno
+bool SendOpened(int control, const UniqueFd& data, const UniqueFd& memory);
+bool ReceiveOpened(int control, UniqueFd& data, UniqueFd& memory);
 
 /// The largest netlink message a program may send.
 inline constexpr std::size_t kMaxMessage = 65536;

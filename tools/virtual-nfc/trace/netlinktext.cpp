@@ -3,180 +3,186 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 
-#include "tools/virtual-nfc/kernel/netlinknames.h"
-#include "tools/virtual-nfc/trace/valuetext.h"
+#include "tools/virtual-nfc/kernel/names.h"
 
 namespace virtualnfc {
 
 namespace {
 
-constexpr std::string_view kUndecodable = "undecodable";
-constexpr std::string_view kRepeated = "to";
-constexpr std::string_view kFragment = "fragment";
-constexpr std::string_view kNoCode = "none";
-
-constexpr NamedNumber kControlTypes[] = {
-    {NLMSG_NOOP, "noop"}, {NLMSG_ERROR, "error"}, {NLMSG_DONE, "done"}, {NLMSG_OVERRUN, "overrun"}};
-
-bool HasCode(std::uint16_t type) {
-  return type == NLMSG_ERROR || type == NLMSG_DONE;
+std::string Hex(ByteView bytes) {
+  return fmt::format("hex {:02x}", fmt::join(bytes, ""));
 }
 
-/// Whether attributes follow, after a generic-netlink header.
-bool IsGeneric(std::uint16_t type) {
-  return type > NLMSG_OVERRUN;
-}
-
-struct Family {
-  std::string name;
-  const AttributeSchema& schema;
-  std::span<const NamedNumber> commands;
-};
-
-Family FamilyOf(std::uint16_t type, const NetlinkIds& ids) {
-  if (type == GENL_ID_CTRL) return {"nlctrl", ControllerSchema(), ControllerCommands()};
-  if (type == ids.family && type != 0) return {"nfc", NfcSchema(), NfcCommands()};
-  return {std::to_string(type), UnknownSchema(), {}};
-}
-
-std::uint8_t UsualVersion(const nlmsghdr& header) {
-  return header.nlmsg_type == GENL_ID_CTRL && (header.nlmsg_flags & NLM_F_REQUEST) == 0 ? 2 : 1;
-}
-
-/// The bytes that belong to the message at the beginning of these.
-std::size_t ExtentOf(ByteView bytes) {
-  std::uint32_t length = 0;
-  std::memcpy(&length, bytes.data(), sizeof(length));
-  if (length < NLMSG_HDRLEN || length >= bytes.size()) return bytes.size();
-  return std::min<std::size_t>(bytes.size(), NLMSG_ALIGN(length));
-}
-
-void DescribeRest(ByteView rest, std::size_t depth, std::string remark, std::vector<TextLine>& lines) {
-  if (!rest.empty()) {
-    lines.push_back({depth, std::string(kUndecodable), HexValue(rest), false, std::move(remark)});
+std::string Quoted(ByteView text) {
+  std::string quoted = "\"";
+  for (const std::uint8_t byte : text) {
+    const bool isPlain = byte >= 0x20 && byte < 0x7F && byte != '"' && byte != '\\';
+    quoted += isPlain ? std::string(1, static_cast<char>(byte)) : fmt::format("\\x{:02x}", byte);
   }
+  return quoted + '"';
 }
 
-/// @returns what is left where the attributes cannot be told apart any more
-ByteView DescribeAttributes(ByteView bytes, const AttributeSchema& schema, const NetlinkIds& ids,
-                            std::size_t depth, std::vector<TextLine>& lines) {
-  while (bytes.size() >= NLA_HDRLEN) {
-    nlattr header{};
+/// A value that does not have the form of its kind is shown as bytes.
+std::string DescribeValue(ValueKind kind, ByteView value) {
+  if (kind == ValueKind::String) {
+    const bool isString = !value.empty() && std::find(value.begin(), value.end(), 0) == value.end() - 1;
+    return isString ? Quoted(value.first(value.size() - 1)) : Hex(value);
+  }
+  const std::size_t width = kind == ValueKind::U8 ? 1 : kind == ValueKind::U16 ? 2 : 4;
+  if (kind == ValueKind::Hex || kind == ValueKind::Nested || value.size() != width) {
+    return Hex(value);
+  }
+  std::uint32_t number = 0;
+  std::memcpy(&number, value.data(), width);
+  return kind == ValueKind::Protocols        ? fmt::format("{} ({:#04x})", ProtocolNames(number), number)
+         : kind == ValueKind::OperationFlags ? OperationFlagNames(number)
+                                             : std::to_string(number);
+}
+
+/// The text of one message: its first line, and the lines below it.
+class Description {
+ public:
+  Description(std::uint16_t familyId, std::uint32_t port) : mFamilyId(familyId), mPort(port) {}
+
+  /// @param bytes one message; more, or fewer, bytes when its length is wrong
+  std::string Describe(ByteView bytes) {
+    const std::string head = DescribeMessage(bytes, kDepth);
+    return head + mLines;
+  }
+
+ private:
+  static constexpr std::size_t kDepth = 3;
+
+  std::string DescribeMessage(ByteView bytes, std::size_t depth) {
+    nlmsghdr header{};
+    if (bytes.size() < sizeof(header)) {
+      AddRest(bytes, depth);
+      return "fragment";
+    }
     std::memcpy(&header, bytes.data(), sizeof(header));
-    if (header.nla_len < NLA_HDRLEN || header.nla_len > bytes.size()) break;
-    const std::size_t step = NLA_ALIGN(std::size_t{header.nla_len});
-    const bool isUnpadded = step > bytes.size();
-    const ByteView padding = isUnpadded ? ByteView{} : bytes.subspan(header.nla_len, step - header.nla_len);
-    if (std::any_of(padding.begin(), padding.end(), [](std::uint8_t byte) { return byte != 0; })) break;
-
-    const ByteView value = bytes.subspan(NLA_HDRLEN, header.nla_len - NLA_HDRLEN);
-    const AttributeInfo* info = FindAttribute(schema, header.nla_type);
-    TextLine line{depth, AttributeName(schema, header.nla_type), "", isUnpadded, ""};
-    std::vector<TextLine> inner;
-    const bool isNested = info != nullptr && info->kind == ValueKind::Nested;
-    if (isNested && DescribeAttributes(value, *info->nested, ids, depth + 1, inner).empty() &&
-        std::none_of(inner.begin(), inner.end(), [](const TextLine& one) { return one.isUnpadded; })) {
-      lines.push_back(std::move(line));
-      lines.insert(lines.end(), inner.begin(), inner.end());
-    } else {
-      line.value = DescribeValue(info == nullptr ? ValueKind::Hex : info->kind, value, ids, line.remark);
-      lines.push_back(std::move(line));
+    const ByteView content = bytes.subspan(NLMSG_HDRLEN);
+    const bool isError = header.nlmsg_type == NLMSG_ERROR;
+    std::string head = header.nlmsg_type >= NLMSG_MIN_TYPE ? DescribeGeneric(header, content, depth)
+                                                           : DescribeControl(header, content, depth);
+    if (header.nlmsg_flags != 0) {
+      head += " flags=" + MessageFlagNames(header.nlmsg_flags, isError);
     }
-    bytes = bytes.subspan(isUnpadded ? header.nla_len : step);
-  }
-  return bytes;
-}
-
-/// A list of operations has numbers only; the reader wants to know which commands they are.
-void NameOperations(std::vector<TextLine>& lines) {
-  std::span<const NamedNumber> commands;
-  for (TextLine& line : lines) {
-    if (line.name == "CTRL_ATTR_FAMILY_NAME") {
-      commands = line.value == "\"nfc\"" ? NfcCommands() : std::span<const NamedNumber>{};
-    } else if (line.name == "CTRL_ATTR_OP_ID" && !commands.empty()) {
-      int number = 0;
-      std::from_chars(line.value.data(), line.value.data() + line.value.size(), number);
-      line.remark = NameOf(commands, number);
+    head += fmt::format(" seq={}", header.nlmsg_seq);
+    if (header.nlmsg_pid != mPort) {
+      head += fmt::format(" pid={}", header.nlmsg_pid);
     }
+    if (header.nlmsg_len != bytes.size()) {
+      head += fmt::format(" len={}", header.nlmsg_len);
+    }
+    return head;
   }
-}
 
-std::string DescribeMessage(ByteView bytes, const NetlinkIds& ids, bool isEvent, std::size_t depth,
-                            std::vector<TextLine>& lines) {
-  if (bytes.size() < NLMSG_HDRLEN) {
-    DescribeRest(bytes, depth, "", lines);
-    return std::string(kFragment);
+  std::string DescribeGeneric(const nlmsghdr& header, ByteView content, std::size_t depth) {
+    const bool isController = header.nlmsg_type == GENL_ID_CTRL;
+    const bool isNfc = header.nlmsg_type == mFamilyId;
+    std::string head = isController ? "nlctrl" : isNfc ? "nfc" : std::to_string(header.nlmsg_type);
+    genlmsghdr genl{};
+    if (content.size() < sizeof(genl)) {
+      AddRest(content, depth);
+      return head;
+    }
+    std::memcpy(&genl, content.data(), sizeof(genl));
+    head += " " + CommandName(isController ? Family::Controller
+                              : isNfc      ? Family::Nfc
+                                           : Family::Unknown,
+                              genl.cmd);
+    const bool isFamilyAnswer = isController && (header.nlmsg_flags & NLM_F_REQUEST) == 0;
+    if (genl.version != (isFamilyAnswer ? 2 : 1)) {
+      head += fmt::format(" version={}", genl.version);
+    }
+    AddAttributes(content.subspan(GENL_HDRLEN),
+                  isController ? Scope::Controller
+                  : isNfc      ? Scope::Nfc
+                               : Scope::Unknown,
+                  depth);
+    return head;
   }
-  nlmsghdr header{};
-  std::memcpy(&header, bytes.data(), sizeof(header));
-  ByteView content = bytes.subspan(NLMSG_HDRLEN);
-  std::string head;
-  genlmsghdr genl{};
-  genl.version = UsualVersion(header);
-  const Family family = FamilyOf(header.nlmsg_type, ids);
-  std::string remark;
-  if (HasCode(header.nlmsg_type)) {
-    head = NameOf(kControlTypes, header.nlmsg_type);
+
+  /// Errors and ends of dumps begin with a code; an error then repeats the request.
+  std::string DescribeControl(const nlmsghdr& header, ByteView content, std::size_t depth) {
+    const bool isError = header.nlmsg_type == NLMSG_ERROR;
     std::int32_t code = 0;
-    if (content.size() < sizeof(code)) {
-      head += fmt::format(" {}", kNoCode);
+    if ((!isError && header.nlmsg_type != NLMSG_DONE) || content.size() < sizeof(code)) {
+      AddRest(content, depth);
+      return fmt::format("control message {}", header.nlmsg_type);
+    }
+    std::memcpy(&code, content.data(), sizeof(code));
+    content = content.subspan(sizeof(code));
+    if (isError && content.size() >= NLMSG_HDRLEN) {
+      const std::size_t place = mLines.size();
+      const std::string request = DescribeMessage(content, depth + 1);
+      mLines.insert(place, fmt::format("\n{:{}}to {}", "", depth * 2, request));
     } else {
-      std::memcpy(&code, content.data(), sizeof(code));
-      content = content.subspan(sizeof(code));
-      if (code != 0) {
-        head += " " + DescribeCode(code);
-      } else if (header.nlmsg_type == NLMSG_ERROR) {
-        head = "ack";
-      }
+      AddRest(content, depth);
     }
-    if (header.nlmsg_type == NLMSG_ERROR && content.size() >= NLMSG_HDRLEN) {
-      const std::size_t place = lines.size();
-      lines.push_back({depth, std::string(kRepeated), "", false, ""});
-      const std::size_t extent = ExtentOf(content);
-      std::string repeated = DescribeMessage(content.first(extent), ids, false, depth + 1, lines);
-      lines[place].value = std::move(repeated);
-      content = content.subspan(extent);
-    }
-  } else if (!IsGeneric(header.nlmsg_type)) {
-    head = NameOf(kControlTypes, header.nlmsg_type);
-  } else {
-    head = family.name;
-    if (content.size() >= GENL_HDRLEN) {
-      std::memcpy(&genl, content.data(), sizeof(genl));
-      head += " " + NameOf(family.commands, genl.cmd);
-      content = DescribeAttributes(content.subspan(GENL_HDRLEN), family.schema, ids, depth, lines);
-      if (content.size() >= NLA_HDRLEN) {
-        std::uint16_t length = 0;
-        std::memcpy(&length, content.data(), sizeof(length));
-        remark = fmt::format("an attribute says it has {} bytes, {} are left", length, content.size());
-      }
-    }
+    const std::string name = code < 0 ? ErrorName(-code) : std::to_string(code);
+    return isError ? code == 0 ? "ack" : "error " + name : code == 0 ? "done" : "done " + name;
   }
-  DescribeRest(content, depth, remark, lines);
-  NameOperations(lines);
 
-  if (header.nlmsg_flags != 0) {
-    head += " flags=" + BitNames(MessageFlags(header.nlmsg_type == NLMSG_ERROR), header.nlmsg_flags);
+  void AddAttributes(ByteView bytes, Scope scope, std::size_t depth) {
+    const ByteView rest = ForEachAttribute(bytes, [&](std::uint16_t typeAndFlags, ByteView value) {
+      const auto type = static_cast<std::uint16_t>(typeAndFlags & NLA_TYPE_MASK);
+      const Attribute* attribute = FindAttribute(scope, type);
+      std::string line = attribute == nullptr         ? fmt::format("attribute {}", type)
+                         : attribute->name == nullptr ? fmt::format("[{}]", type)
+                                                      : attribute->name;
+      if (typeAndFlags != type) {
+        line += fmt::format(" flags={:#x}", typeAndFlags - type);
+      }
+      if (attribute != nullptr && attribute->kind == ValueKind::Nested) {
+        AddLine(depth, line);
+        AddAttributes(value, attribute->inner, depth + 1);
+        return;
+      }
+      const std::string text = DescribeValue(attribute == nullptr ? ValueKind::Hex : attribute->kind, value);
+      line += " " + text;
+      if (scope == Scope::Controller && type == CTRL_ATTR_FAMILY_NAME) {
+        mListed = text == "\"nfc\"" ? Family::Nfc : Family::Controller;
+      } else if (scope == Scope::Operation && type == CTRL_ATTR_OP_ID && !value.empty()) {
+        line += fmt::format(" ({})", CommandName(mListed, value[0]));
+      }
+      AddLine(depth, line);
+    });
+    AddRest(rest, depth);
   }
-  head += fmt::format(" seq={}", header.nlmsg_seq);
-  if (header.nlmsg_pid != (isEvent ? 0 : ids.port)) head += fmt::format(" pid={}", header.nlmsg_pid);
-  if (genl.version != UsualVersion(header)) head += fmt::format(" version={}", genl.version);
-  if (genl.reserved != 0) head += fmt::format(" reserved={}", genl.reserved);
-  if (header.nlmsg_len != bytes.size()) head += fmt::format(" len={}", header.nlmsg_len);
-  return head;
-}
+
+  void AddRest(ByteView rest, std::size_t depth) {
+    if (!rest.empty()) {
+      AddLine(depth, "undecodable " + Hex(rest));
+    }
+  }
+
+  void AddLine(std::size_t depth, const std::string& text) {
+    mLines += fmt::format("\n{:{}}{}", "", depth * 2, text);
+  }
+
+  const std::uint16_t mFamilyId;
+  const std::uint32_t mPort;
+  /// The family whose operations a message of the controller lists.
+  Family mListed = Family::Unknown;
+  std::string mLines;
+};
 
 }  // namespace
 
-std::vector<MessageText> DescribeDatagram(ByteView datagram, const NetlinkIds& ids, bool isEvent) {
-  std::vector<MessageText> messages;
+std::vector<std::string> DescribeDatagram(ByteView datagram, std::uint16_t familyId, std::uint32_t port) {
+  std::vector<std::string> messages;
   do {
-    const std::size_t extent = datagram.size() < NLMSG_HDRLEN ? datagram.size() : ExtentOf(datagram);
-    MessageText& message = messages.emplace_back();
-    message.head = DescribeMessage(datagram.first(extent), ids, isEvent, 0, message.lines);
+    std::uint32_t length = 0;
+    if (datagram.size() >= NLMSG_HDRLEN) {
+      std::memcpy(&length, datagram.data(), sizeof(length));
+    }
+    const std::size_t aligned = NLMSG_ALIGN(static_cast<std::size_t>(length));
+    const bool isWhole = length >= NLMSG_HDRLEN && aligned <= datagram.size();
+    const std::size_t extent = isWhole ? aligned : datagram.size();
+    messages.push_back(Description(familyId, port).Describe(datagram.first(extent)));
     datagram = datagram.subspan(extent);
   } while (!datagram.empty());
   return messages;

@@ -7,10 +7,9 @@ namespace virtualnfc {
 
 enum class RecordEnd { Done, Refused, NoServer };
 
-/// Records what the server at this address sees, line by line as it comes, until SIGINT or SIGTERM, until so
-/// many messages have come (0: no limit), the server ends, or nobody reads the output any more. Says on
-/// standard error why it ended when it was not asked to. To be called before the process has threads: it
-/// takes the two signals.
+/// Writes down what the server at this address sees, line by line. Ends after that many messages (0: no
+/// limit), on SIGINT and SIGTERM (exit status 0), when the server ends, or when nobody reads the output. Says
+/// on standard error why it ended early.
 /// @param file its path; empty for standard output
 RecordEnd RecordTo(const std::string& address, const std::string& file, std::uint32_t count);
 

@@ -4,39 +4,23 @@
 
 #include <utility>
 
+#include "tools/virtual-nfc/kernel/names.h"
+#include "tools/virtual-nfc/trace/netlinktext.h"
+
 namespace virtualnfc {
 
 namespace {
 
 constexpr std::size_t kMaxText = 1 << 20;
 
-EntryKind KindOf(SocketChange change) {
-  switch (change) {
-    case SocketChange::Opened:
-      return EntryKind::Open;
-    case SocketChange::Bound:
-      return EntryKind::Port;
-    case SocketChange::Joined:
-      return EntryKind::Join;
-    case SocketChange::Left:
-      return EntryKind::Leave;
-    case SocketChange::Interrupted:
-      return EntryKind::Signal;
-    case SocketChange::Closed:
-      return EntryKind::Close;
-  }
-  return EntryKind::Close;
-}
-
-NetlinkIds IdsOfKernel(const KernelSettings& kernel) {
-  return {kernel.hasFamily ? kernel.familyId : std::uint16_t{0}, kernel.hasFamily ? kernel.groupId : 0, 0};
-}
+/// In the order of SocketChange.
+constexpr const char* kChangeNames[] = {"open", "port", "join", "leave", "signal", "close"};
 
 }  // namespace
 
 Recorder::Recorder(VirtualNfc& server, std::uint32_t count, std::function<void()> wake)
-    : mServer(server), mIds(IdsOfKernel(server.Settings().kernel)), mCount(count), mWake(std::move(wake)) {
-  mText = FormatRecordHead(mIds);
+    : mServer(server), mKernel(server.Settings().kernel), mCount(count), mWake(std::move(wake)) {
+  mText = fmt::format("# virtual-nfc record: nfc={} nfc.events={}\n", mKernel.familyId, mKernel.groupId);
   mServer.AddObserver(*this);
 }
 
@@ -50,83 +34,71 @@ std::string Recorder::Take(bool& isLast) {
   return std::exchange(mText, {});
 }
 
-RecordEntry Recorder::Entry(EntryKind kind, std::uint64_t socket) {
-  RecordEntry entry;
-  entry.kind = kind;
-  entry.time =
-      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - mStart);
-  if (kind != EntryKind::Reader) {
-    Socket& known = mSockets[socket];
-    if (known.number == 0) known.number = mNextSocket++;
-    entry.socket = known.number;
+Recorder::Socket& Recorder::Of(std::uint64_t socket) {
+  Socket& known = mSockets[socket];
+  if (known.number == 0) {
+    known.number = mNextSocket++;
   }
-  return entry;
+  return known;
 }
 
-NetlinkIds Recorder::IdsOf(std::uint64_t socket) {
-  NetlinkIds ids = mIds;
-  ids.port = mSockets[socket].port;
-  return ids;
-}
-
-void Recorder::Write(const RecordEntry& entry) {
-  const std::string text = FormatEntry(entry);
+void Recorder::Write(const std::string& text, std::size_t messages) {
   const std::lock_guard lock(mMutex);
-  if (mEnded) return;
-  mMessages += static_cast<std::uint32_t>(entry.messages.size());
-  mText += text;
+  if (mEnded) {
+    return;
+  }
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - mStart;
+  mText +=
+      text.starts_with('#') && text[1] == ' ' ? text + "\n" : fmt::format("{:.3f} {}\n", time.count(), text);
+  mMessages += messages;
   if (mText.size() > kMaxText) {
     mEnded = true;
-    mText += "error: the record ends here: what was recorded is not read fast enough\n";
+    mText += fmt::format("{}the record ends here: it is not read fast enough\n", kRecordError);
   } else if (mCount != 0 && mMessages >= mCount) {
     mEnded = true;
-    mText += fmt::format("{}\n", kRecordDone);
+    mText += kRecordDone;
   }
   mWake();
 }
 
 void Recorder::OnSocket(std::uint64_t socket, SocketChange change, std::uint32_t number, int error) {
-  RecordEntry entry = Entry(KindOf(change), socket);
-  switch (change) {
-    case SocketChange::Bound:
-      mSockets[socket].port = number;
-      entry.port = number;
-      break;
-    case SocketChange::Joined:
-    case SocketChange::Left:
-      entry.words = GroupText(number, mIds);
-      entry.error = error;
-      break;
-    case SocketChange::Closed:
-      mSockets.erase(socket);
-      break;
-    case SocketChange::Opened:
-    case SocketChange::Interrupted:
-      break;
+  Socket& known = Of(socket);
+  std::string text = fmt::format("#{} {}", known.number, kChangeNames[static_cast<std::size_t>(change)]);
+  if (change == SocketChange::Bound) {
+    known.port = number;
+    text += fmt::format(" {}", number);
+  } else if (change == SocketChange::Joined || change == SocketChange::Left) {
+    text += number == mKernel.groupId ? " nfc.events" : fmt::format(" {}", number);
+    text += error != 0 ? " " + ErrorName(error) : "";
+  } else if (change == SocketChange::Closed) {
+    mSockets.erase(socket);
   }
-  Write(entry);
+  Write(text);
+}
+
+void Recorder::WriteDatagram(std::uint64_t socket, const char* arrow, ByteView datagram, bool isEvent,
+                             const std::string& remarks) {
+  const Socket& known = Of(socket);
+  const auto messages = DescribeDatagram(datagram, mKernel.familyId, isEvent ? 0 : known.port);
+  for (std::string message : messages) {
+    message.insert(std::min(message.find('\n'), message.size()), remarks);
+    Write(fmt::format("#{} {} {}", known.number, arrow, message), 1);
+  }
 }
 
 void Recorder::OnSent(std::uint64_t socket, ByteView datagram) {
-  RecordEntry entry = Entry(EntryKind::Request, socket);
-  entry.messages = DescribeDatagram(datagram, IdsOf(socket), false);
-  Write(entry);
+  WriteDatagram(socket, "->", datagram, false, "");
 }
 
 void Recorder::OnDelivered(std::uint64_t socket, std::uint32_t sender, std::uint32_t groups,
                            ByteView datagram, bool isLost) {
-  RecordEntry entry = Entry(EntryKind::Delivery, socket);
-  entry.sender = sender;
-  entry.isEvent = groups != 0;
-  entry.isLost = isLost;
-  entry.messages = DescribeDatagram(datagram, IdsOf(socket), entry.isEvent);
-  Write(entry);
+  WriteDatagram(socket, "<-", datagram, groups != 0,
+                (groups != 0 ? " group=nfc.events" : "") +
+                    (sender != 0 ? fmt::format(" sender={}", sender) : "") + (isLost ? " lost" : ""));
 }
 
 void Recorder::OnReader(std::string_view words) {
-  RecordEntry entry = Entry(EntryKind::Reader, 0);
-  entry.words = words;
-  Write(entry);
+  Write(std::string(words));
 }
 
 }  // namespace virtualnfc
