@@ -1,8 +1,8 @@
 #include <csignal>
 
 #include "browser.h"
-#include "controlserver.h"
 #include "endtoend/daemontest.h"
+#include "tools/virtual-nfc/server/controlserver.h"
 
 using namespace virtualnfc;
 using ::testing::HasSubstr;

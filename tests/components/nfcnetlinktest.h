@@ -15,7 +15,7 @@
 #include "tests/components/says.h"
 #include "tests/framework/handover.h"
 #include "tests/framework/logcapture.h"
-#include "tools/virtual-nfc/inprocess.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 /// A controller on a simulated kernel, and what the controller reported: "PROTOCOL UID" for a tag and
 /// "error CODE: TEXT" for a failure.

@@ -9,7 +9,7 @@
 #include <cerrno>
 
 #include "src/components/nfcrequests.h"
-#include "tools/virtual-nfc/inprocess.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 using namespace std::chrono_literals;
 using namespace virtualnfc;

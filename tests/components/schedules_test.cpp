@@ -8,7 +8,7 @@
 
 #include "src/components/nfcnetlink.h"
 #include "tests/jitter.h"
-#include "tools/virtual-nfc/inprocess.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 using namespace std::chrono_literals;
 using namespace virtualnfc;

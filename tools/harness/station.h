@@ -8,8 +8,8 @@
 
 #include "tools/harness/process.h"
 #include "tools/harness/supervisor.h"
+#include "tools/virtual-nfc/server/virtualnfc.h"
 #include "tools/virtual-station/virtualstation.h"
-#include "virtualnfc.h"
 
 /// A station in a folder of its own, on this machine's own kernel: feedback and diagnostics services,
 /// configuration, the real daemon and its supervisor. One thread.
