@@ -1,8 +1,8 @@
 #include <csignal>
 
-#include "browser.h"
 #include "controlserver.h"
-#include "endtoend/daemontest.h"
+#include "tests/browser/browser.h"
+#include "tests/endtoend/daemontest.h"
 
 using namespace virtualnfc;
 using ::testing::HasSubstr;

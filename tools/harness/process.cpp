@@ -12,7 +12,6 @@
 #include <fstream>
 #include <sstream>
 #include <system_error>
-#include <thread>
 
 namespace {
 
@@ -23,10 +22,6 @@ size_t CountEntries(const std::string& folder) {
 }
 
 }  // namespace
-
-void PauseBeforeAskingAgain() {
-  std::this_thread::sleep_for(std::chrono::milliseconds(5));
-}
 
 Process::Process(const std::vector<std::string>& command,
                  const std::map<std::string, std::string>& environment, const std::string& outputFile,

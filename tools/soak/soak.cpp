@@ -39,7 +39,7 @@ bool IsOfCard(const std::string& told) {
 
 Soak::Soak(unsigned seed)
     : mRandom(seed),
-      mStation("soak",
+      mStation(NewFolder("soak"),
                {.kernel = {.stack = seed % 2 == 1 ? Stack::Nci : Stack::Digital}, .detectionDelay = 50ms},
                {"/usr/bin/setsid"}) {
   mStation.UseProgram("soak-rfidd");
