@@ -79,10 +79,12 @@ bool StationOnKernel::IsTold(const std::string& notification) {
   const auto isTold = [&](std::chrono::seconds limit) {
     return mSupervisor->WaitFor(notification, 1, limit);
   };
-  return Eventually([&] {
-           return isTold(std::chrono::seconds(1)) || mDaemon->Wait(std::chrono::seconds(0)).has_value();
-         }) &&
+  return Eventually([&] { return isTold(std::chrono::seconds(1)) || DaemonsEnd().has_value(); }) &&
          isTold(std::chrono::seconds(0));
+}
+
+std::optional<std::string> StationOnKernel::DaemonsEnd() {
+  return mDaemon ? mDaemon->Wait(std::chrono::seconds(0)) : std::nullopt;
 }
 
 std::string StationOnKernel::Log() const {

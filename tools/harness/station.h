@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,9 @@ class StationOnKernel {
   Supervisor& Control() { return *mSupervisor; }
   const Process& Daemon() const { return *mDaemon; }
   bool HasDaemon() const { return mDaemon != nullptr; }
+  bool HasPeers() const { return mPeers != nullptr; }
+  /// How the daemon ended by itself; nothing while it runs or when there is none.
+  std::optional<std::string> DaemonsEnd();
 
   /// What the latest daemon has written to its console; empty when that is a pipe. A line comes a moment
   /// later than what it tells of.
