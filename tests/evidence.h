@@ -2,20 +2,11 @@
 
 #include <gmock/gmock.h>
 
-#include <string>
 #include <string_view>
 #include <type_traits>
 
 #include "tools/common/eventually.h"
-
-/// The last lines of a text, for messages.
-inline std::string Tail(std::string_view text, size_t lines = 20) {
-  size_t begin = text.size();
-  for (size_t line = 0; line <= lines && begin != std::string_view::npos && begin > 0; ++line) {
-    begin = text.rfind('\n', begin - 1);
-  }
-  return std::string(text.substr(begin == std::string_view::npos ? 0 : begin));
-}
+#include "tools/common/tail.h"
 
 /// Polls `ask` until its value matches. On timeout the failure shows the last value, of a text its last
 /// lines:

@@ -75,14 +75,6 @@ std::string TimeForPrograms() {
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", second, milliseconds);
 }
 
-std::string Tail(std::string_view text, size_t lines) {
-  size_t begin = text.size();
-  for (size_t line = 0; line <= lines && begin != std::string_view::npos && begin > 0; ++line) {
-    begin = text.rfind('\n', begin - 1);
-  }
-  return std::string(text.substr(begin == std::string_view::npos ? 0 : begin));
-}
-
 void PrintError(std::string_view tool, std::string_view message) {
   const std::string line = fmt::format("{}: {}\n", tool, Printable(message));
   std::fwrite(line.data(), 1, line.size(), stderr);

@@ -31,8 +31,5 @@ std::string Printable(std::string_view text);
 std::string TimeForPeople();    ///< the local time: "2024-05-17 09:30:01.250"
 std::string TimeForPrograms();  ///< ISO 8601, UTC: "2024-05-17T07:30:01.250Z"
 
-/// The last lines of a text.
-std::string Tail(std::string_view text, size_t lines = 20);
-
 /// One line on standard error, after the tool's name.
 void PrintError(std::string_view tool, std::string_view message);

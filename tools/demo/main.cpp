@@ -7,6 +7,7 @@
 
 #include "controlserver.h"
 #include "tools/common/commandline.h"
+#include "tools/common/tail.h"
 #include "tools/demo/story.h"
 
 namespace {
