@@ -10,7 +10,7 @@
 #include "common/commandline.h"
 #include "common/output.h"
 #include "common/stopsignals.h"
-#include "soak.h"
+#include "tools/soak/soak.h"
 
 namespace {
 
