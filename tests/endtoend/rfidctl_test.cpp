@@ -47,6 +47,7 @@ TEST_F(Rfidctl, WhatTheDaemonDoesAndWhatItRefusesIsSeenFromTheStatus) {
   Expect({"enable"}, "exit 1", "", "refuses");
   Expect({"inject", "04A12B5C"}, "exit 1", "", "needs the daemon to be enabled");
   Expect({"--json", "learning", "on"}, "exit 1", "{\"result\":\"Illegal\"}\n", "refuses");
+  Expect({"inject", std::string(70'000, 'A')}, "exit 1", "", "the daemon refuses: ");
   Expect({"disable"}, "exit 0", "", "");
   Expect({"enable", "--json"}, "exit 0", "{\"result\":\"Ok\"}\n", "");
   EXPECT_TRUE(Notifies("Enabled"));
