@@ -134,6 +134,9 @@ TEST_F(BenchPage, ACardThatIsTappedShowsItsOutcomeToDriverAndEngineer) {
 TEST_F(BenchPage, TheSwitchesAndTheReaderDoWhatTheySay) {
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToSay("#toast", "The daemon refuses"));
+  EXPECT_EQ(mBrowser->Text(".primary"), "Disable");  // what Uninitialized needs
+  mBrowser->Click("[data-do=disable]");
+  EXPECT_TRUE(ComesToSay(".primary", "Enable"));
   Enable();
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToShow("#learning[aria-checked=true]"));
