@@ -47,7 +47,7 @@ std::map<std::string, std::string> Conversations(const std::string& record) {
 }
 
 TEST(Record, OfACardIsWhatTheDocumentShows) {
-  Station station("record");
+  Station station(NewFolder("record"));
   const ControlServer control(station.Kernel());
   const auto recorder = Tool(station, station.Kernel(), {"record", station.Path("file")});
   ASSERT_TRUE(Eventually([&] { return !ReadFile(station.Path("file")).empty(); }));

@@ -46,7 +46,7 @@ std::string StackName(const ::testing::TestParamInfo<EStack>& info) {
 }
 
 KernelTest::KernelTest(EStack stack, std::vector<std::string> launcher)
-    : StationOnKernel("kernel", std::move(launcher)),
+    : StationOnKernel(NewFolder("kernel"), std::move(launcher)),
       mStack(stack),
       mReaderLog(fopen(Path("reader.log").c_str(), "w"), fclose),
       mReader(MakeReader(stack, mReaderLog.get())) {

@@ -1,4 +1,5 @@
-{
+// Where the states stand on the page. "Start" is the dot that the first state is entered from.
+export const layouts = {
   "wide": {
     "width": 720, "height": 385, "box": [118, 42],
     "at": {
@@ -15,4 +16,4 @@
       "AnyState": [180, 372], "FatalError": [300, 442], "Terminating": [60, 442], "_Final_Statemachine": [180, 442]
     }
   }
-}
+};

@@ -1,4 +1,4 @@
-#include "chart.h"
+#include "tools/soak/measurements.h"
 
 #include <fmt/format.h>
 
@@ -9,8 +9,7 @@ namespace {
 constexpr size_t kColumns = 72;
 constexpr size_t kRows = 6;
 
-}  // namespace
-
+/// A small chart of text. `marks` are drawn under it, one character for each value.
 std::string MakeChart(const std::string& title, const std::vector<size_t>& values, const std::string& marks) {
   if (values.empty()) {
     return title + ": nothing measured\n";
@@ -38,4 +37,24 @@ std::string MakeChart(const std::string& title, const std::vector<size_t>& value
     chart += "\n";
   }
   return chart + std::string(9, ' ') + "+" + marked + "\n";
+}
+
+}  // namespace
+
+void Measurements::Take(const Process& daemon, unsigned starts) {
+  const size_t memory = daemon.Memory("VmRSS");
+  if (memory == 0) {
+    return;  // it has ended
+  }
+  mMemory.push_back(memory);
+  mDescriptors.push_back(daemon.OpenDescriptors());
+  mThreads.push_back(daemon.Threads());
+  mMarks += starts > mStarts ? 'R' : '-';
+  mStarts = starts;
+}
+
+std::string Measurements::Charts() const {
+  return MakeChart("resident memory, KiB", mMemory, mMarks) + "\n" +
+         MakeChart("open descriptors", mDescriptors, mMarks) + "\n" + MakeChart("threads", mThreads, mMarks) +
+         fmt::format("\nR: a daemon started; {} in all\n", mStarts);
 }
