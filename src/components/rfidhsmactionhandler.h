@@ -40,6 +40,9 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   void IntAuthenticateToken(const std::shared_ptr<IntOnAuthTokenFound>& event) override;
   void IntInjectToken(const std::shared_ptr<ExtOnInjectToken>& event) override;
 
+  /// What keeps the reader from reading, until a recovery succeeded. Any thread.
+  std::optional<CRfidError> GetLastError() const;
+
   /// The reader front's token callback: one new sighting.
   void OnTokenFound(const CToken& token, bool valid);
 
@@ -51,7 +54,6 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   void OnReaderFailed(const CRfidError& cause);
   void PostError();
   void KeepError(const CRfidError& error);
-  std::optional<CRfidError> GetLastError() const;
   void ProcessToken(const CToken& token, bool valid, const CTokensUnderWay::Handle& handle);
   void TriggerFeedback(ipc::ERfidAuthState state);
   void TriggerFeedbackEventCall(ipc::EFbEventType type);
