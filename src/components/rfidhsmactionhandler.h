@@ -46,6 +46,9 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   /// Closes the reader and publishes that. For the machine's thread, after the machine has ended.
   void CloseReader();
 
+  /// What keeps the reader from reading, until a recovery succeeded. Any thread.
+  std::optional<CRfidError> GetLastError() const;
+
   /// The reader front's token callback: one new sighting.
   void OnTokenFound(const CToken& token, bool valid);
 
@@ -59,7 +62,6 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   void PostFailure();
   void PostReaderFailure();
   void KeepError(const CRfidError& error);
-  std::optional<CRfidError> GetLastError() const;
   void ProcessToken(const CToken& token, bool valid, const CTokensUnderWay::Handle& handle);
   void TriggerFeedback(ipc::ERfidAuthState state);
   void TriggerFeedbackEventCall(ipc::EFbEventType type);
