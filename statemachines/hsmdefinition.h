@@ -68,7 +68,7 @@ std::vector<CHsmLeaf<Machine>> LeavesInOrder(CHsmRow<Machine, States>... rows) {
         return ((States::kId == ++id) && ...);
       }(),
       "each row must stand at its leaf's id");
-  ((rows.state = &States::Instance), ...);
+  ((rows.state = &States::kInstance), ...);
   return {std::move(rows)...};
 }
 

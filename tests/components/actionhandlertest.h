@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "framework/src/diagnosticstransport.h"
 #include "src/components/rfidhsmactionhandler.h"
 #include "tests/components/fakenfcnetlink.h"
 #include "tests/components/says.h"
