@@ -69,7 +69,7 @@ Station::Station(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
 }
 
 Station::~Station() {
-  mMachine->PostEvent(std::make_shared<IntTerminate>());
+  mHandler->RequestTermination();  // as the interrupt does
   if (mRun.wait_for(kBound) != std::future_status::ready) {
     Stuck("the machine does not end");
   }
