@@ -29,13 +29,19 @@ bool IsAnswer(const grpc::Status& status) {
 
 /// A hanging peer must not cost every card the whole timeout: after a call that timed out, each call gets
 /// kShortTimeout, connecting included, until the peer answers one.
-class CFeedbackProxy final : public IFeedback {
+class CFeedbackClient final : public IFeedback,
+                              public IClient<IFeedback>,
+                              public std::enable_shared_from_this<CFeedbackClient> {
  public:
-  CFeedbackProxy(std::string name, std::string address)
+  CFeedbackClient(std::string name, std::string address)
       : mName(std::move(name)),
         mAddress(std::move(address)),
         mChannel(MakePeerChannel(mName, mAddress)),
         mStub(ipc::Feedback::NewStub(mChannel)) {}
+
+  void SetConnectTimeout(int seconds) override { mConnectTimeout = std::max(seconds, 0); }
+  void SetCallTimeout(int seconds) override { mCallTimeout = std::max(seconds, 0); }
+  std::shared_ptr<IFeedback> GetInterface() override { return shared_from_this(); }
 
   ipc::MResult TriggerFeedbackEvent(const ipc::MFbEventType& event) override {
     static const char* const operation = "TriggerFeedbackEvent";
@@ -57,9 +63,6 @@ class CFeedbackProxy final : public IFeedback {
     }
     return result;
   }
-
-  std::atomic<int> mConnectTimeout{5};
-  std::atomic<int> mCallTimeout{5};
 
  private:
   static milliseconds Limit(int seconds, bool hangs) {
@@ -102,19 +105,9 @@ class CFeedbackProxy final : public IFeedback {
   const std::string mAddress;
   const std::shared_ptr<grpc::Channel> mChannel;
   const std::unique_ptr<ipc::Feedback::Stub> mStub;
+  std::atomic<int> mConnectTimeout{5};  // seconds
+  std::atomic<int> mCallTimeout{5};     // seconds
   std::atomic<bool> mHangs{false};
-};
-
-class CFeedbackClient final : public IClient<IFeedback> {
- public:
-  explicit CFeedbackClient(std::shared_ptr<CFeedbackProxy> proxy) : mProxy(std::move(proxy)) {}
-
-  void SetConnectTimeout(int seconds) override { mProxy->mConnectTimeout = std::max(seconds, 0); }
-  void SetCallTimeout(int seconds) override { mProxy->mCallTimeout = std::max(seconds, 0); }
-  std::shared_ptr<IFeedback> GetInterface() override { return mProxy; }
-
- private:
-  const std::shared_ptr<CFeedbackProxy> mProxy;
 };
 
 }  // namespace
@@ -122,5 +115,5 @@ class CFeedbackClient final : public IClient<IFeedback> {
 std::shared_ptr<IClient<IFeedback>> CreateFeedbackClient(const std::string& name,
                                                          const std::string& address) {
   RpcLogging::CaptureLibraries();
-  return std::make_shared<CFeedbackClient>(std::make_shared<CFeedbackProxy>(name, address));
+  return std::make_shared<CFeedbackClient>(name, address);
 }

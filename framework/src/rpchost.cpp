@@ -23,9 +23,10 @@
 namespace {
 
 constexpr int kMaxRequestSize = 64 * 1024;
-// The client holds back what exceeds this. A request takes some 60 KiB from its arrival on, even one that is
-// refused, so the pools' bounds alone would not bound what a flood costs.
-constexpr int kMaxStreamsPerConnection = 128;
+// The client holds back what exceeds this. One client must not fill the queue of a service (64), so that
+// there is room for the supervisor's request. It also bounds the memory of a flood: a request takes some 60
+// KiB from its arrival on, even one that is refused.
+constexpr int kMaxStreamsPerConnection = 48;
 // These keep Stop within its second. All count from its start: how long streams may take to send their last
 // messages, how long a request's handler may take to return, and how long connections may take to close.
 constexpr std::chrono::milliseconds kShutdownGrace{300};

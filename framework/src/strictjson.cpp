@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstddef>
 #include <cstdio>
 #include <stdexcept>
@@ -42,32 +43,20 @@ Json::CharReaderBuilder MakeBuilder(int deepest, bool isWhole) {
   FailAt(line, column, reason);
 }
 
-/// Length of the number at the start of `text` as JSON writes it; 0 when there is none.
-std::size_t NumberLength(std::string_view text) {
-  std::size_t at = 0;
-  const auto take = [&](std::string_view oneOf) {
-    const bool found = at < text.size() && oneOf.find(text[at]) != std::string_view::npos;
-    at += found ? 1 : 0;
-    return found;
-  };
-  const auto takeDigits = [&] {
-    const std::size_t before = at;
-    while (take("0123456789")) {
+/// Whether a number is JSON that the parser has taken for one: optional sign, digits, fraction and exponent.
+bool IsStrict(std::string_view number) {
+  const auto isDigitAt = [&](std::size_t at) { return at < number.size() && std::isdigit(number[at]) != 0; };
+  const std::size_t first = number[0] == '-' ? 1 : 0;
+  if (isDigitAt(first + 1) && number[first] == '0') {
+    return false;
+  }
+  for (std::size_t at = 0; at < number.size(); ++at) {
+    const bool hasSign = (number[at] == 'e' || number[at] == 'E') && number.find_first_of("+-", at) == at + 1;
+    if (!isDigitAt(at) && !isDigitAt(at + (hasSign ? 2 : 1))) {
+      return false;
     }
-    return at > before;
-  };
-  take("-");
-  if (!take("0") && !takeDigits()) {
-    return 0;
   }
-  if (take(".") && !takeDigits()) {
-    return 0;
-  }
-  if (take("eE")) {
-    take("+-");
-    return takeDigits() ? at : 0;
-  }
-  return at;
+  return true;
 }
 
 /// The parser accepts numbers that JSON does not have ("-", "007") and a comment before a key.
@@ -80,12 +69,11 @@ void CheckTokens(std::string_view text) {
     } else if (text[at] == '/') {
       FailAt(text, at, "Comment");
     } else if (text[at] == '-' || (text[at] >= '0' && text[at] <= '9')) {
-      const auto rest = text.substr(at);
-      const auto length = std::min(rest.find_first_not_of("+-.0123456789eE"), rest.size());
-      if (NumberLength(rest) != length) {
+      const auto end = std::min(text.find_first_not_of("+-.0123456789eE", at), text.size());
+      if (!IsStrict(text.substr(at, end - at))) {
         FailAt(text, at, "Malformed number");
       }
-      at += length - 1;
+      at = end - 1;
     }
   }
 }

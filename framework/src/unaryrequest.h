@@ -39,11 +39,7 @@ class CUnaryRequest final : public IRequest {
       Answer(grpc::Status::OK, &response);
     } catch (const std::future_error& e) {
       // When the daemon stops, the promise that a handler waits for is dropped.
-      if (e.code() == std::future_errc::broken_promise) {
-        Abandon();
-      } else {
-        AnswerFailure(e.what());
-      }
+      e.code() == std::future_errc::broken_promise ? Abandon() : AnswerFailure(e.what());
     } catch (const std::exception& e) {
       AnswerFailure(e.what());
     } catch (...) {

@@ -6,22 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 
 namespace {
-
-class CDescriptor {
- public:
-  explicit CDescriptor(int descriptor) : mDescriptor(descriptor) {}
-  ~CDescriptor() { close(mDescriptor); }
-  CDescriptor(const CDescriptor&) = delete;
-  CDescriptor& operator=(const CDescriptor&) = delete;
-  int Get() const { return mDescriptor; }
-
- private:
-  const int mDescriptor;
-};
 
 template <typename Result>
 Result Checked(Result result) {
@@ -31,9 +20,10 @@ Result Checked(Result result) {
 }  // namespace
 
 std::string ReadWholeFile(const std::string& path, std::size_t limitMiB) {
-  const CDescriptor file(Checked(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)));
+  const int file = Checked(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const std::shared_ptr<void> closer(nullptr, [file](void*) { close(file); });
   struct stat status {};
-  Checked(fstat(file.Get(), &status));
+  Checked(fstat(file, &status));
   if (!S_ISREG(status.st_mode)) {
     throw std::runtime_error(S_ISDIR(status.st_mode) ? "it is a folder" : "it is not a regular file");
   }
@@ -46,7 +36,7 @@ std::string ReadWholeFile(const std::string& path, std::size_t limitMiB) {
     }
     content.reserve(size);  // growing would hold the file twice
     char buffer[16384];
-    const ssize_t count = read(file.Get(), buffer, sizeof buffer);
+    const ssize_t count = read(file, buffer, sizeof buffer);
     if (count == 0) {
       return content;
     }

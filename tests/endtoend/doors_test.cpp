@@ -184,7 +184,7 @@ TEST_F(Doors, ASubscriberThatNeverReadsIsEndedAndTheOthersGoOn) {
 }
 
 TEST_F(Doors, EverySubscriberThatThereIsRoomForGetsATokenAndTheNextIsRefused) {
-  constexpr size_t kRoom = 256 - 2;  // two streams are the supervisor's
+  constexpr size_t kRoom = 256 - 1;  // one stream is the supervisor's
   StartDaemon({});
   EnableDaemon();
   const size_t threads = mDaemon->Threads();

@@ -86,7 +86,7 @@ class DiagnosticsTest : public testing::Test {
   const std::shared_ptr<Peer> mPeer = std::make_shared<Peer>();
 };
 
-TEST_F(DiagnosticsTest, WhatWasSentBeforeInitializeArrivesAsTheLatestOfEachSignalInOrder) {
+TEST_F(DiagnosticsTest, OfWhatWasSentBeforeInitializeTheLatestValuesArrive) {
   CDiagnosticsSignal<std::string> first(&mFirst);
   CDiagnosticsSignal<std::string> second(&mSecond);
   second.Send("a");
@@ -98,7 +98,7 @@ TEST_F(DiagnosticsTest, WhatWasSentBeforeInitializeArrivesAsTheLatestOfEachSigna
   EXPECT_THAT(mPeer->Receive(1), ElementsAre(Second("b")));
 }
 
-TEST_F(DiagnosticsTest, APeerThatWasAwayGetsTheLatestOfEverySignalWhenItIsBack) {
+TEST_F(DiagnosticsTest, APeerThatIsBackGetsTheLatestOfEverySignal) {
   ASSERT_NO_FATAL_FAILURE(Start());
   CDiagnosticsSignal<std::string> first(&mFirst);
   CDiagnosticsSignal<std::string> second(&mSecond);
@@ -119,7 +119,7 @@ TEST_F(DiagnosticsTest, APeerThatWasAwayGetsTheLatestOfEverySignalWhenItIsBack) 
   }
 }
 
-TEST_F(DiagnosticsTest, APeerThatCannotKeepUpGetsWhatCounts) {
+TEST_F(DiagnosticsTest, ASlowPeerGetsTheLatestValues) {
   ASSERT_NO_FATAL_FAILURE(Start());
   CDiagnosticsSignal<std::string> first(&mFirst);
   mPeer->mHangs = true;
@@ -135,7 +135,7 @@ TEST_F(DiagnosticsTest, APeerThatCannotKeepUpGetsWhatCounts) {
   }
 }
 
-TEST_F(DiagnosticsTest, APeerThatWentWhileNothingWasSentGetsEverythingAgain) {
+TEST_F(DiagnosticsTest, APeerThatLeftWhileIdleGetsEverythingAgain) {
   ASSERT_NO_FATAL_FAILURE(Start());
   mPeer->mPresent = false;
   mPeer->mLost();
@@ -148,7 +148,7 @@ TEST_F(DiagnosticsTest, APeerThatWentWhileNothingWasSentGetsEverythingAgain) {
   former();  // too late, which is nobody's loss
 }
 
-TEST_F(DiagnosticsTest, ValuesThatAreSentTogetherLeaveInOneCallInTheirOrder) {
+TEST_F(DiagnosticsTest, ValuesSentTogetherLeaveInOneCallInOrder) {
   ASSERT_NO_FATAL_FAILURE(Start());
   mPeer->mHangs = true;
   CDiagnosticsSignal<std::string> first(&mFirst);
@@ -167,7 +167,7 @@ TEST_F(DiagnosticsTest, ValuesThatAreSentTogetherLeaveInOneCallInTheirOrder) {
   EXPECT_EQ(mPeer->mCalls.Take(), 4);
 }
 
-TEST_F(DiagnosticsTest, ACallHasNoMoreThanAPeerTakes) {
+TEST_F(DiagnosticsTest, ACallIsNotLargerThanAPeerAccepts) {
   ASSERT_NO_FATAL_FAILURE(Start());
   while (mPeer->mCalls.Take(Clock::duration::zero())) {  // with what other tests sent
   }
@@ -199,7 +199,7 @@ TEST_F(DiagnosticsTest, TerminateIsBoundedWhateverTheTransportDoes) {
   }
 }
 
-TEST_F(DiagnosticsTest, BytesThatAreNoUtf8AreReplaced) {
+TEST_F(DiagnosticsTest, BytesThatAreNotUtf8AreReplaced) {
   ASSERT_NO_FATAL_FAILURE(Start());
   CDiagnosticsSignal<std::string> first(&mFirst);
   const std::vector<std::pair<std::string, std::string>> cases{
@@ -218,7 +218,7 @@ TEST_F(DiagnosticsTest, BytesThatAreNoUtf8AreReplaced) {
   }
 }
 
-TEST_F(DiagnosticsTest, SignalsMaySendFromSeveralThreadsWhileTheClientComesAndGoes) {
+TEST_F(DiagnosticsTest, SeveralThreadsSendWhileTheClientStartsAndStops) {
   std::atomic<bool> done{false};
   std::vector<std::thread> threads;
   for (int t = 0; t < 2; ++t) {

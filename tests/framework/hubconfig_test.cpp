@@ -40,7 +40,7 @@ class HubConfigTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(HubConfigTest, AFileThatComesChangesAndGoesIsSeenAtTheNextLook) {
+TEST_F(HubConfigTest, ANewChangedOrRemovedFileIsSeenAtTheNextLook) {
   const auto section = HubConfig::Create("settings", "/", {});
   EXPECT_TRUE(section->IsUpdated()) << "nothing was loaded yet";
   section->Reload();
@@ -62,7 +62,7 @@ TEST_F(HubConfigTest, AFileThatComesChangesAndGoesIsSeenAtTheNextLook) {
   EXPECT_THAT(mLog.Texts(Level::Error), IsEmpty());
 }
 
-TEST_F(HubConfigTest, AFileThatCannotBeUsedIsReportedOnceAndTheLastGoodValuesStay) {
+TEST_F(HubConfigTest, ABrokenFileIsReportedOnceAndTheLastValuesStay) {
   const struct {
     std::string content;
     std::string reported;
@@ -95,7 +95,7 @@ TEST_F(HubConfigTest, AFileThatCannotBeUsedIsReportedOnceAndTheLastGoodValuesSta
   }
 }
 
-TEST_F(HubConfigTest, AFileThatLeavesNoValuesIsReportedAtEveryLookUntilItIsMended) {
+TEST_F(HubConfigTest, ABrokenFileWithoutFormerValuesIsReportedAtEveryLook) {
   const auto section = HubConfig::Create("settings", "/", {});
   section->Reload();  // there is none: nothing to report
   EXPECT_FALSE(section->IsUpdated());
@@ -126,7 +126,7 @@ TEST_F(HubConfigTest, AFileThatLeavesNoValuesIsReportedAtEveryLookUntilItIsMende
   EXPECT_FALSE(section->IsUpdated()) << "there are good values now";
 }
 
-TEST_F(HubConfigTest, WhatCannotBeReadIsNoEmptySection) {
+TEST_F(HubConfigTest, AnUnreadableFileIsNotAnEmptySection) {
   Replace(R"({"On": true})");
   const auto section = HubConfig::Create("settings", "/", {});
   section->Reload();
@@ -176,7 +176,7 @@ TEST_F(HubConfigTest, AChangeMadeWhileTheSectionIsLoadedIsSeenNextTime) {
   EXPECT_EQ(mLog.Texts(Level::Error).size(), 2U);
 }
 
-TEST_F(HubConfigTest, ASectionMayStandInAFolderOfTheStoreAndBeginWithAByteOrderMark) {
+TEST_F(HubConfigTest, ASectionMayBeInAFolderAndHaveAByteOrderMark) {
   std::filesystem::create_directory(mFolder / "site");
   std::ofstream(mFolder / "site" / "settings.json") << "\xEF\xBB\xBF{\"On\": true}";
   const auto section = HubConfig::Create("settings", "/site", {});

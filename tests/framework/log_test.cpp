@@ -173,7 +173,7 @@ TEST(Log, AStatementBelowTheLevelFormatsNothing) {
   EXPECT_THAT(capture.Texts(Level::Warning), ElementsAre("probe"));
 }
 
-TEST(Log, AStatementThatCannotBeFormattedIsWrittenAsItStandsAndNeverThrows) {
+TEST(Log, AStatementThatCannotBeFormattedIsWrittenAsItIs) {
   const LogCapture capture;
   int formatted = 0;
   errno = ENOENT;

@@ -82,7 +82,7 @@ std::string OnATerminal(const std::function<std::shared_ptr<spdlog::sinks::sink>
 
 }  // namespace
 
-TEST_F(LogWriterTest, ALogThatIsStuckLosesItsOldestLinesAndSaysWhere) {
+TEST_F(LogWriterTest, AStuckLogLosesItsOldestLinesAndSaysWhere) {
   constexpr int Count = 30000;
   const std::string padding(100, '.');
   for (int i = 0; i < Count; ++i) {
@@ -112,7 +112,7 @@ TEST_F(LogWriterTest, ALogThatIsStuckLosesItsOldestLinesAndSaysWhere) {
   EXPECT_EQ(mLog.Next(), "last") << "it is said once";
 }
 
-TEST_F(LogWriterTest, LinesThatALogRefusesAreCountedUntilItTakesOneAgain) {
+TEST_F(LogWriterTest, RefusedLinesAreCountedUntilTheLogTakesOne) {
   mLog.mGate.Open();
   mLog.mRefuses = true;
   for (const auto* refused : {"1", "1 log lines were dropped: this log did not take them.",
@@ -156,7 +156,7 @@ TEST(LogThread, HasANameAndEverySignalBlocked) {
   EXPECT_EQ(names.Take(), "log-test");
 }
 
-TEST(ConsoleSink, ShowsTheLevelsOnATerminalInTheColoursOfSpdlog) {
+TEST(ConsoleSink, ColoursTheLevelsOnATerminalAsSpdlogDoes) {
   setenv("TERM", "xterm", 1);
   const auto shown = OnATerminal([] { return std::make_shared<CConsoleSink>(); });
   EXPECT_EQ(shown, OnATerminal([] {
@@ -167,7 +167,7 @@ TEST(ConsoleSink, ShowsTheLevelsOnATerminalInTheColoursOfSpdlog) {
   EXPECT_THAT(shown, testing::HasSubstr("\033[31m\033[1merror   \033[m text\n"));
 }
 
-TEST(ConsoleSink, SaysWhetherTheConsoleTookTheLineAndWaitsForOneThatIsNonBlocking) {
+TEST(ConsoleSink, ReportsFailedWritesAndWaitsForANonBlockingConsole) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
   ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);

@@ -71,7 +71,7 @@ class NotificationHubTest : public testing::Test {
   std::thread mThread;
 };
 
-TEST_F(NotificationHubTest, WhatWasSentBeforeStopArrivesBeforeTheEnd) {
+TEST_F(NotificationHubTest, NotificationsSentBeforeStopArrive) {
   Reader reader(mHub, mTopic);
   mHub.Send(mTopic, Numbered(1), false);
   mHub.Send(mTopic, Numbered(2), false);
@@ -84,7 +84,7 @@ TEST_F(NotificationHubTest, WhatWasSentBeforeStopArrivesBeforeTheEnd) {
   EXPECT_EQ(late.End(), CSubscription::EEnd::Stopping);
 }
 
-TEST_F(NotificationHubTest, ASubscriberWhoseQueueRunsOverIsEndedAndAnotherGetsAll) {
+TEST_F(NotificationHubTest, OnlyTheSubscriberWhoseQueueRunsOverIsEnded) {
   Reader slow(mHub, mTopic);
   Reader quick(mHub, mTopic);
   for (int i = 0; i < 5; ++i) {
@@ -119,7 +119,7 @@ TEST_F(NotificationHubTest, PlacesAreLimitedForEachTopicAndFreedByLeaving) {
   EXPECT_EQ(other.Read(1), std::vector<int>{2});
 }
 
-TEST(NotificationHub, SubscribersThatComeAndGoAtRandomMissNothingAndSeeNothingTwice) {
+TEST(NotificationHub, RandomSubscribersMissNothingAndSeeNothingTwice) {
   for (unsigned round = 0; round < 30; ++round) {
     CNotificationHub hub({100000, 100});
     const std::size_t topic = hub.AddTopic();

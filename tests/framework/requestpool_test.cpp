@@ -22,7 +22,7 @@ struct Request final : IRequest {
   Mailbox<std::string> mOutcome;
 };
 
-TEST(RequestPool, AbandonsRunningAndWaitingRequestsAndOutlivesAThreadThatComesBackLate) {
+TEST(RequestPool, AbandonsRequestsAndOutlivesAThreadThatReturnsLate) {
   const auto gate = std::make_shared<Gate>();
   const auto stuck = std::make_shared<Request>([gate] { gate->Pass(); });
   const auto waiting = std::make_shared<Request>([] { FAIL() << "an abandoned request was carried out"; });

@@ -136,7 +136,7 @@ class FeedbackClientTest : public testing::Test {
   FeedbackService mService;
 };
 
-TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItWhenItComes) {
+TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItLater) {
   // Neither waits for the connect timeout, which would be DEADLINE_EXCEEDED.
   EXPECT_THAT(ErrorOfCall(),
               AllOf(HasSubstr("Feedback.TriggerFeedbackEvent: UNAVAILABLE: "), HasSubstr(mAddress)));
@@ -152,7 +152,7 @@ TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItWhenItComes) {
   }
 }
 
-TEST_F(FeedbackClientTest, PassesEventAndAnswerOnFromTwoThreadsAtOnce) {
+TEST_F(FeedbackClientTest, PassesEventsAndAnswersForTwoThreadsAtOnce) {
   const PeerServer peer(mAddress, "Feedback", mService);
   mService.mGate.Open();
   const auto call = [&] {
@@ -168,7 +168,7 @@ TEST_F(FeedbackClientTest, PassesEventAndAnswerOnFromTwoThreadsAtOnce) {
   other.join();
 }
 
-TEST_F(FeedbackClientTest, APeerThatDoesNotAnswerOrDiesInTheCallEndsTheCall) {
+TEST_F(FeedbackClientTest, ACallEndsWhenItsPeerHangsOrDies) {
   auto peer = std::make_unique<PeerServer>(mAddress, "Feedback", mService);
   MakeClient(60, 1);
   EXPECT_TRUE(Eventually([&] {
@@ -188,7 +188,7 @@ TEST_F(FeedbackClientTest, APeerThatDoesNotAnswerOrDiesInTheCallEndsTheCall) {
   EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE"));
 }
 
-TEST_F(FeedbackClientTest, APeerThatHangsCostsOneCallItsTimeoutUntilItAnswersAgain) {
+TEST_F(FeedbackClientTest, AHangingPeerCostsOneCallItsWholeTimeout) {
   const PeerServer peer(mAddress, "Feedback", mService);
   const auto lines = std::make_shared<Lines>();
   GrpcBackend::SetLogger(lines);
@@ -212,7 +212,7 @@ TEST_F(FeedbackClientTest, APeerThatHangsCostsOneCallItsTimeoutUntilItAnswersAga
                       ")\ninfo: Feedback answers again (" + mAddress + ")\n");
 }
 
-TEST_F(FeedbackClientTest, APeerWhoseProcessIsFrozenIsFoundBeforeTheCallsTimeout) {
+TEST_F(FeedbackClientTest, AFrozenPeerIsFoundBeforeTheCallTimesOut) {
   Listener listener(mRoot.At("feedback.sock"));
   std::thread frozen([&] {
     const int connection = accept4(listener.mSocket, nullptr, nullptr, SOCK_CLOEXEC);
@@ -228,13 +228,13 @@ TEST_F(FeedbackClientTest, APeerWhoseProcessIsFrozenIsFoundBeforeTheCallsTimeout
   frozen.join();
 }
 
-TEST_F(FeedbackClientTest, APeerThatAcceptsAndSaysNothingEndsTheCallWithinTheConnectTimeout) {
+TEST_F(FeedbackClientTest, ASilentPeerEndsTheCallAtTheConnectTimeout) {
   const Listener listener(mRoot.At("feedback.sock"));
   MakeClient(1);
   EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED: no connection within 1000 ms"));
 }
 
-TEST_F(FeedbackClientTest, APeerThatTheConfigurationDoesNotNameIsAConfigurationError) {
+TEST_F(FeedbackClientTest, AnUnknownPeerIsAConfigurationError) {
   try {
     mHost.CreateClient<IFeedback>("Light");
     ADD_FAILURE() << "no error";
@@ -249,7 +249,7 @@ class DiagnosticsTransport : public testing::Test {};
 using Services = testing::Types<DiagnosticsService, DiagnosticsServiceForSeveral>;
 TYPED_TEST_SUITE(DiagnosticsTransport, Services);
 
-TYPED_TEST(DiagnosticsTransport, ARestartedPeerGetsEverythingAgainAndARefusedValueIsNotRepeated) {
+TYPED_TEST(DiagnosticsTransport, OnlyARestartedPeerGetsValuesAgain) {
   const Root root;
   const std::string address = "unix:" + root.At("diagnostics.sock");
   const CSignalDefinition<std::string> definition{ipc::ESignalRfidState, "state", "", ""};
@@ -277,7 +277,7 @@ TYPED_TEST(DiagnosticsTransport, ARestartedPeerGetsEverythingAgainAndARefusedVal
   CDiagnosticsCommClient::Terminate();
 }
 
-TEST(DiagnosticsTransportEnd, APeerThatDoesNotAnswerIsLeftAtOnceOnTermination) {
+TEST(DiagnosticsTransportEnd, TerminateDoesNotWaitForASilentPeer) {
   const Root root;
   const std::string address = "unix:" + root.At("diagnostics.sock");
   struct Silent final : ipc::Diagnostics::Service {

@@ -27,7 +27,7 @@ std::string WithListen(const std::string& listen, const std::string& more = "") 
   return R"({"listen": ")" + listen + R"(", "configuration": "hub")" + more + "}";
 }
 
-TEST(RpcConfig, RelativePathsAreBelowTheRootAndAbsoluteOnesStay) {
+TEST(RpcConfig, RelativePathsStartAtTheRoot) {
   const Root root;
   const RpcConfig config = RpcConfig::Load(root.Configure(
       R"({"listen": "unix:run/rfid/../rfid.sock", "allowRemote": false,
@@ -39,7 +39,7 @@ TEST(RpcConfig, RelativePathsAreBelowTheRootAndAbsoluteOnesStay) {
   EXPECT_EQ(config.configuration, root.At("var/lib/hub"));
 }
 
-TEST(RpcConfig, ListensOnLoopbackAddressesAndOnOthersOnlyWhenTheFileSaysSo) {
+TEST(RpcConfig, ListensOnOtherThanLoopbackOnlyIfTheFileAllowsIt) {
   const Root root;
   for (const char* address : {"127.0.0.1:5000", "127.9.8.7:5000", "localhost:5000", "[::1]:5000"}) {
     EXPECT_EQ(RpcConfig::Load(root.Configure(WithListen(address))).listen, address);

@@ -41,7 +41,7 @@ void ExpectTheSameAsWholeDocument(const std::string& text) {
 
 }  // namespace
 
-TEST(SectionDocument, ReadsWhatTheParserOfWholeDocumentsReads) {
+TEST(SectionDocument, ReadsTheSameAsTheParserOfWholeDocuments) {
   for (const std::string text : {
            R"({})",
            R"({"a": []})",
@@ -75,7 +75,7 @@ TEST(SectionDocument, ReadsWhatTheParserOfWholeDocumentsReads) {
   }
 }
 
-TEST(SectionDocument, ReadsRandomTextsAsTheParserOfWholeDocumentsDoes) {
+TEST(SectionDocument, ReadsRandomTextsLikeTheParserOfWholeDocuments) {
   static const std::string seeds[] = {
       R"({"Tokens": [{"RfidTokenUid": "0A1B2C3D"}, {"Name": "x,]}"}, [1, 2], null], "On": true})",
       R"({"a": [], "b": {"c": [{"d": [1.5, "\u00e9\\"]}]}, "e": [[], [[]], {}], "f": "\""})",

@@ -89,7 +89,7 @@ TEST(Worker, ACallThatThrowsDoesNotEndTheWorker) {
                                    "A scheduled call failed with an unknown exception."));
 }
 
-TEST(Worker, SyncWaitsForTheCallInProgressAlthoughItWasCancelled) {
+TEST(Worker, SyncWaitsForACancelledCallInProgress) {
   CWorker worker;
   worker.Start();
   Gate gate;
@@ -163,7 +163,7 @@ TEST(Worker, ACallMayCancelItselfAddOthersAndSync) {
   EXPECT_EQ(result.get(), 1);
 }
 
-TEST(Worker, StopEndsSyncsAndForgetsNothingThatMattersToHandles) {
+TEST(Worker, StopEndsSyncsAndHandlesOutliveTheWorker) {
   auto worker = std::make_unique<CWorker>();
   worker->Sync();  // not running: at once
   Gate gate;

@@ -1,0 +1,211 @@
+#include <gmock/gmock.h>
+
+#include <array>
+#include <atomic>
+#include <future>
+#include <vector>
+
+#include "framework/hosttesting.h"
+
+namespace {
+
+using namespace rpctesting;
+
+/// Enable requests that are on their way at once, on a connection of their own.
+class Flood {
+ public:
+  explicit Flood(const std::string& address) : mClient(OwnConnection(address)) {}
+
+  static std::shared_ptr<grpc::Channel> OwnConnection(const std::string& address) {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    return ChannelTo(address, "RfidGenCtrl", arguments);
+  }
+
+  void Add(int count) {
+    for (int i = 0; i < count; ++i) {
+      mCalls.push_back(std::make_unique<Call>());
+      static const ipc::MEmpty empty;
+      mClient.stub->async()->Enable(
+          &mCalls.back()->context, &empty, &mCalls.back()->result,
+          [this](const grpc::Status& status) { mAnswers.Put(status.error_code()); });
+    }
+  }
+  void Cancel() {
+    for (const auto& call : mCalls) {
+      call->context.TryCancel();
+    }
+  }
+  /// Calls on this connection, so that the server has seen all earlier ones.
+  void AwaitArrival() {
+    for (int i = 0; i < 3; ++i) {
+      Context context;
+      mClient.stub->Subscribe(&context, {})->WaitForInitialMetadata();
+      context.TryCancel();
+    }
+  }
+
+  Mailbox<grpc::StatusCode> mAnswers;
+
+ private:
+  struct Call {
+    Context context;
+    ipc::MResult result;
+  };
+  ControlClient mClient;
+  std::vector<std::unique_ptr<Call>> mCalls;
+};
+
+constexpr int kRunning = 2;
+constexpr int kWaiting = 64;
+
+TEST_F(RpcHostTest, OnlyASubscriberThatDoesNotReadIsDisconnected) {
+  Start();
+  // A window that does not grow, so that what the transport takes for the slow one is small.
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
+  const auto slowStub = ipc::Rfid::NewStub(ChannelTo(mAddress, "Rfid", arguments));
+  const auto quickStub = RfidStub();
+  Context slowContext;
+  Context quickContext;
+  const auto slow = slowStub->Subscribe(&slowContext, {});
+  const auto quick = quickStub->Subscribe(&quickContext, {});
+  slow->WaitForInitialMetadata();
+  quick->WaitForInitialMetadata();
+
+  // Far more than fits into the transport's buffers and the subscriber's queue; but none once it has fallen
+  // behind, as one that goes on not reading is cut off after a while.
+  constexpr int kCount = 500;
+  const auto lines = std::make_shared<Lines>();
+  GrpcBackend::SetLogger(lines);
+  const std::string padding(4096, 'A');
+  ipc::MRfidNotification notification;
+  int sent = 0;
+  for (; sent < kCount && lines->Text().find("fell behind") == std::string::npos; ++sent) {
+    mRfid->SendRfidLearningToken(std::to_string(sent) + padding);
+    ASSERT_TRUE(quick->Read(&notification));
+    ASSERT_EQ(notification.learning_token().uid(), std::to_string(sent) + padding);
+  }
+  GrpcBackend::SetLogger(nullptr);
+  int read = 0;
+  while (slow->Read(&notification)) {
+    EXPECT_EQ(notification.learning_token().uid(), std::to_string(read) + padding);
+    ++read;
+  }
+  EXPECT_LT(read, sent);
+  EXPECT_EQ(slow->Finish().error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+  quickContext.TryCancel();
+}
+
+TEST_F(RpcHostTest, AFloodIsRefusedBeyondItsBound) {
+  const auto gate = std::make_shared<Gate>();
+  mControl->OnEnable([gate] { gate->Pass(); });
+  Start();
+  constexpr int kShare = 33;
+  std::array<Flood, 3> floods{Flood(mAddress), Flood(mAddress), Flood(mAddress)};
+  floods[0].Add(kRunning);
+  ASSERT_TRUE(gate->AwaitWaiting(kRunning));
+  for (Flood& flood : floods) {
+    flood.Add(kShare);
+  }
+  const auto answers = [&](grpc::StatusCode code, int count) {
+    return Eventually([&] {
+      for (Flood& flood : floods) {
+        if (const auto answer = flood.mAnswers.Take(Clock::duration::zero())) {
+          EXPECT_EQ(answer, code);
+          --count;
+        }
+      }
+      return count == 0;
+    });
+  };
+  EXPECT_TRUE(answers(grpc::StatusCode::RESOURCE_EXHAUSTED, 3 * kShare - kWaiting));
+  Context context;
+  ipc::MResult result;
+  EXPECT_TRUE(RfidStub()->InjectToken(&context, {}, &result).ok()) << "another service answers";
+  gate->Open();
+  EXPECT_TRUE(answers(grpc::StatusCode::OK, kRunning + kWaiting));
+}
+
+TEST_F(RpcHostTest, OneClientsFloodLeavesRoomForTheSupervisor) {
+  const auto gate = std::make_shared<Gate>();
+  mControl->OnEnable([gate] { gate->Pass(); });
+  Start();
+  constexpr int kRequests = 1000;
+  Flood flood(mAddress);
+  flood.Add(kRequests);
+  ASSERT_TRUE(gate->AwaitWaiting(kRunning));
+  Flood supervisor(mAddress);
+  supervisor.Add(1);
+  supervisor.AwaitArrival();
+  gate->Open();
+  EXPECT_EQ(supervisor.mAnswers.Take(), grpc::StatusCode::OK);
+  for (int i = 0; i < kRequests; ++i) {
+    ASSERT_EQ(flood.mAnswers.Take(), grpc::StatusCode::OK);
+  }
+}
+
+TEST_F(RpcHostTest, ARequestWhoseClientGaveUpIsNotCarriedOut) {
+  Start();
+  const auto areNotCarriedOut = [&] {
+    const auto gate = std::make_shared<Gate>();
+    const auto count = std::make_shared<std::atomic<int>>(0);
+    mControl->OnEnable([gate, count] {
+      ++*count;
+      gate->Pass();
+    });
+    Flood flood(mAddress);
+    constexpr int kQueued = 40;
+    flood.Add(kRunning);
+    EXPECT_TRUE(gate->AwaitWaiting(kRunning));
+    flood.Add(kQueued);
+    flood.AwaitArrival();
+    flood.Cancel();
+    flood.AwaitArrival();
+    gate->Open();
+    EXPECT_TRUE(Client().Enable().ok());  // the last in the queue
+    for (int i = 0; i < kRunning + kQueued; ++i) {
+      EXPECT_TRUE(flood.mAnswers.Take().has_value());
+    }
+    return *count <= kRunning + 4;
+  };
+  // A thread of gRPC's that is not scheduled passes a cancellation on too late: try again.
+  EXPECT_TRUE(Eventually(areNotCarriedOut));
+}
+
+TEST_F(RpcHostTest, StopIsBoundedEvenWhenARequestNeverReturns) {
+  const auto gate = std::make_shared<Gate>();
+  mControl->OnEnable([gate] { gate->Pass(); });
+  Start();
+  std::vector<std::future<grpc::Status>> answers;
+  for (int i = 0; i < 4; ++i) {  // two run, two wait
+    answers.push_back(std::async(std::launch::async, [&] { return Client().Enable(); }));
+  }
+  ASSERT_TRUE(gate->AwaitWaiting(2));
+  ControlClient client = Client();
+  Context context;
+  const auto stream = client.stub->Subscribe(&context, {});
+  stream->WaitForInitialMetadata();
+
+  const auto start = Clock::now();
+  mRunning.Stop();  // although the gate stays shut
+  EXPECT_LT(Clock::now() - start, seconds(30)) << "it waits for the request";
+  int unavailable = 0;
+  for (auto& answer : answers) {
+    // Nothing shows that one waits in the queue: it may as well arrive while the server closes, which cancels
+    // it.
+    const grpc::StatusCode code = answer.get().error_code();
+    EXPECT_THAT(code, testing::AnyOf(grpc::StatusCode::UNAVAILABLE, grpc::StatusCode::CANCELLED));
+    unavailable += code == grpc::StatusCode::UNAVAILABLE ? 1 : 0;
+  }
+  EXPECT_GE(unavailable, 2);
+  EXPECT_EQ(stream->Finish().error_code(), grpc::StatusCode::UNAVAILABLE);
+  EXPECT_FALSE(std::filesystem::exists(mRoot.At("run/rfid/rfid.sock")));
+  EXPECT_FALSE(std::filesystem::exists(mRoot.At("run/rfid/rfid.sock.lock")));
+
+  mControl->SendAlive();  // the service may go on sending
+  gate->Open();           // a late return harms nobody
+  EXPECT_TRUE(Eventually([&] { return gate.use_count() == 2; }));
+}
+
+}  // namespace
