@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kPeerTimeoutSeconds = 5;
 
-/// What a SIGINT does; set by the application that runs and never cleared again.
+/// What a SIGINT does. Set by the application that runs, and never cleared.
 std::function<void(int)> signalHook;
 
 }  // namespace
@@ -30,7 +30,7 @@ CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod)
   mRfidConfig = std::make_shared<CRfidConfig>(settings, standaloneList);
   mRfidReader = std::make_shared<CRfidReader>(
       std::make_shared<CNfcNetlink>(CNfcNetlink::Settings{.watchPeriod = pollWatchPeriod}));
-  const CInterruptBlock block;  // from here on threads are started that have no use for signals
+  const CInterruptBlock block;  // the threads started from here on must not take signals
   const auto feedbackClient = mAppCommunicationHost->CreateClient<IFeedback>("Feedback");
   feedbackClient->SetConnectTimeout(kPeerTimeoutSeconds);
   feedbackClient->SetCallTimeout(kPeerTimeoutSeconds);
