@@ -8,7 +8,7 @@
 #include "src/rfid.h"
 #include "src/terminatehandler.h"
 
-// Nothing is caught here, so the terminate handler logs why the daemon cannot start.
+// Nothing is caught here: the terminate handler logs what ends the daemon.
 int main(int argc, char** argv) {
   Log::Init("Rfid", Log::ELogLevel::Info);
   std::set_terminate(HandleTerminate);

@@ -8,7 +8,7 @@
 /// The NFC controller: the daemon's way to the reader.
 ///
 /// Threads: the operations are called on one thread at a time and may block for as long as the reader's chip
-/// takes (seconds, 30 at worst). Both callbacks come on the controller's own thread, never after
+/// takes (seconds, 30 at worst). Both callbacks run on the controller's own thread, never after
 /// DeinitializeController has returned. Errors: every operation but SetErrorCallback throws CRfidError.
 class INfcNetlink {
  public:

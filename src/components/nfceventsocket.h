@@ -42,11 +42,12 @@ class CNfcEventSocket {
 
   /// Connects and joins the multicast group. After a failure, AwaitSetUp waits until Close.
   Failure SetUp(int group);
-  /// Sleeps until an event can be read or somebody wakes the monitor. False when the time has come instead.
+  /// Sleeps until an event can be read, somebody wakes the monitor, or the time has come. False in the last
+  /// case.
   bool Wait(Clock::time_point until);
   /// True when an event can be read within that time.
   bool HasEvents(std::chrono::milliseconds patience) const;
-  /// Reads what has arrived; libnl's result.
+  /// Reads what has arrived. Returns libnl's result.
   int Receive(nl_recvmsg_msg_cb_t onEvent, void* argument);
   /// Drops a datagram that is too short for any message. libnl leaves such a datagram in the socket.
   void DropEmpty();

@@ -174,7 +174,7 @@ void CNfcNetlink::CheckPolling() {
   }
 }
 
-/// False when the event of a find is still to come, whose handling restarts polling.
+/// False when the event of a find has come. Handling it restarts polling.
 bool CNfcNetlink::RenewPolling() {
   const bool wasPolling = SendStopPoll();
   std::this_thread::sleep_for(kRestPause);
