@@ -31,7 +31,7 @@ TEST_F(Lifecycle, TheSupervisorDrivesTheDaemonAndIsToldEveryState) {
   EXPECT_FALSE(mKernel->GetStatus().Device().powered);
 }
 
-TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecoveredButNotEnabled) {
+TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecovered) {
   StartDaemon();
   EnableDaemon();
   mKernel->AddRule("START_POLL nth=1 errno=EPROTO");

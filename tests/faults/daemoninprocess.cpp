@@ -1,4 +1,4 @@
-#include "station.h"
+#include "tests/faults/daemoninprocess.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -15,12 +15,12 @@ using namespace virtualnfc;
 namespace {
 
 /// A card that lies longer than one detection and shorter than two is found once.
-constexpr auto kDetection = 20ms;
-constexpr auto kHold = 30ms;
+constexpr auto Detection = 20ms;
+constexpr auto Hold = 30ms;
 
 VirtualNfcSettings Settings() {
   VirtualNfcSettings settings;
-  settings.detectionDelay = kDetection;
+  settings.detectionDelay = Detection;
   settings.ownerReleaseDelay = 60s;  // within some milliseconds, as the kernel does it, is a matter of luck
   settings.removedListing = 5ms;
   settings.numberRelease = 0ms;
@@ -44,7 +44,7 @@ bool Holds(const List& list, const Value& value, size_t since = 0) {
 
 }  // namespace
 
-Station::Station(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
+DaemonInProcess::DaemonInProcess(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
   mReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>(
       CNfcNetlink::Settings{.answerTimeout = kAnswerTimeout, .watchPeriod = watchPeriod}));
   mHandler = std::make_shared<CRfidHsmActionHandler>(
@@ -68,7 +68,7 @@ Station::Station(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
   Disable();
 }
 
-Station::~Station() {
+DaemonInProcess::~DaemonInProcess() {
   mMachine->PostEvent(std::make_shared<IntTerminate>());
   if (mRun.wait_for(kBound) != std::future_status::ready) {
     Stuck("the machine does not end");
@@ -87,7 +87,7 @@ Station::~Station() {
 }
 
 template <typename Event, typename... Payload>
-bool Station::Post(Payload... payload) {
+bool DaemonInProcess::Post(Payload... payload) {
   const auto event = std::make_shared<Event>(payload...);
   auto handled = event->mHandled.get_future();
   mMachine->PostEvent(event);
@@ -97,17 +97,17 @@ bool Station::Post(Payload... payload) {
   return handled.get();
 }
 
-Station::State Station::Enable() {
+DaemonInProcess::State DaemonInProcess::Enable() {
   Post<ExtEnableReq>();
   return Settle();
 }
 
-Station::State Station::Disable() {
+DaemonInProcess::State DaemonInProcess::Disable() {
   Post<ExtDisableReq>();
   return Settle();
 }
 
-Station::State Station::Settle() {
+DaemonInProcess::State DaemonInProcess::Settle() {
   for (;;) {
     State last{};
     {
@@ -134,23 +134,23 @@ Station::State Station::Settle() {
   }
 }
 
-void Station::Tell(State state) {
+void DaemonInProcess::Tell(State state) {
   const std::lock_guard lock(mMutex);
   mTold.push_back(state);
   mChanged.notify_all();
 }
 
-Tag Station::NextCard() {
+Tag DaemonInProcess::NextCard() {
   mPresented.push_back(fmt::format("04{:06X}", mPresented.size() + 1));
   return MakeTag(TagKind::Mifare, mPresented.back());
 }
 
-std::string Station::Tap() {
-  mKernel.PresentTagFor(NextCard(), kHold);
+std::string DaemonInProcess::Tap() {
+  mKernel.PresentTagFor(NextCard(), Hold);
   return mPresented.back();
 }
 
-bool Station::ReadsCardOrTells(std::chrono::milliseconds timeout) {
+bool DaemonInProcess::ReadsCardOrTells(std::chrono::milliseconds timeout) {
   mKernel.PresentTag(NextCard());
   std::unique_lock lock(mMutex);
   const bool heard = mChanged.wait_for(
@@ -160,7 +160,7 @@ bool Station::ReadsCardOrTells(std::chrono::milliseconds timeout) {
   return heard;
 }
 
-void Station::Repair() {
+void DaemonInProcess::Repair() {
   mKernel.ClearRules();
   const auto isGone = [](const DeviceStatus& device) { return device.removed; };
   const auto devices = mKernel.GetStatus().devices;
@@ -170,27 +170,27 @@ void Station::Repair() {
   }
 }
 
-size_t Station::CountTold() const {
+size_t DaemonInProcess::CountTold() const {
   const std::lock_guard lock(mMutex);
   return mTold.size();
 }
 
-bool Station::WaitForMoreTold(size_t than) const {
+bool DaemonInProcess::WaitForMoreTold(size_t than) const {
   std::unique_lock lock(mMutex);
   return mChanged.wait_for(lock, kBound, [&] { return mTold.size() > than; });
 }
 
-bool Station::WasTold(State state, size_t since) const {
+bool DaemonInProcess::WasTold(State state, size_t since) const {
   const std::lock_guard lock(mMutex);
   return Holds(mTold, state, since);
 }
 
-bool Station::WasNotified(const std::string& uid) const {
+bool DaemonInProcess::WasNotified(const std::string& uid) const {
   const std::lock_guard lock(mMutex);
   return Holds(mNotified, uid);
 }
 
-bool Station::HasInvented() const {
+bool DaemonInProcess::HasInvented() const {
   const std::lock_guard lock(mMutex);
   return std::any_of(mNotified.begin(), mNotified.end(),
                      [this](const auto& uid) { return !uid.empty() && !Holds(mPresented, uid); });

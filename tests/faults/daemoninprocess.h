@@ -8,15 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "components/temporarystore.h"
 #include "inprocess.h"
 #include "src/components/rfidhsm.h"
 #include "src/components/rfidhsmactionhandler.h"
+#include "tests/components/temporarystore.h"
 
 /// The daemon from its machine down to the simulated kernel, without RPC; the test plays the supervisor.
 /// Disabled after construction. The destructor interrupts the machine, joins it and closes the reader. A
 /// daemon that hangs ends the program: nothing could be joined.
-class Station {
+class DaemonInProcess {
  public:
   enum class State { Uninitialized, Disabled, Enabled, Error, FatalError };
 
@@ -26,10 +26,10 @@ class Station {
   static constexpr std::chrono::milliseconds kAnswerTimeout{50};
 
   /// `watchPeriod`: for how long the daemon trusts polling that finds nothing.
-  explicit Station(std::chrono::milliseconds watchPeriod = std::chrono::hours(1));
-  ~Station();
-  Station(const Station&) = delete;
-  Station& operator=(const Station&) = delete;
+  explicit DaemonInProcess(std::chrono::milliseconds watchPeriod = std::chrono::hours(1));
+  ~DaemonInProcess();
+  DaemonInProcess(const DaemonInProcess&) = delete;
+  DaemonInProcess& operator=(const DaemonInProcess&) = delete;
 
   /// The supervisor's requests: the state told last when the machine rests again.
   State Enable();
