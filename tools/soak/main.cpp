@@ -7,9 +7,9 @@
 #include <chrono>
 #include <random>
 
-#include "common/commandline.h"
-#include "common/output.h"
-#include "common/stopsignals.h"
+#include "tools/common/commandline.h"
+#include "tools/common/output.h"
+#include "tools/common/stopsignals.h"
 #include "tools/soak/soak.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "virtual-station/bench.h"
+#include "tools/virtual-station/bench.h"
 
 #include <json/reader.h>
 
@@ -8,8 +8,8 @@
 #include <system_error>
 #include <utility>
 
-#include "common/channel.h"
-#include "common/statetext.h"
+#include "tools/common/channel.h"
+#include "tools/common/statetext.h"
 #include "virtual-nfc/controlserver.h"
 #include "virtual-nfc/tag.h"
 

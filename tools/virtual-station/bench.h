@@ -12,14 +12,14 @@
 #include <string>
 #include <thread>
 
-#include "common/subscriber.h"
 #include "framework/rpcconfig.h"
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
-#include "virtual-station/benchmodel.h"
-#include "virtual-station/logtail.h"
-#include "virtual-station/sectionfile.h"
-#include "virtual-station/virtualstation.h"
+#include "tools/common/subscriber.h"
+#include "tools/virtual-station/benchmodel.h"
+#include "tools/virtual-station/logtail.h"
+#include "tools/virtual-station/sectionfile.h"
+#include "tools/virtual-station/virtualstation.h"
 
 /// What a bench works with.
 struct BenchSettings {

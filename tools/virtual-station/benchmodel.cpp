@@ -1,9 +1,9 @@
-#include "virtual-station/benchmodel.h"
+#include "tools/virtual-station/benchmodel.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "common/output.h"
+#include "tools/common/output.h"
 
 namespace {
 

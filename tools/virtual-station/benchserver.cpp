@@ -1,4 +1,4 @@
-#include "virtual-station/benchserver.h"
+#include "tools/virtual-station/benchserver.h"
 
 #include <httplib.h>
 #include <json/reader.h>
@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "common/output.h"
+#include "tools/common/output.h"
 
 namespace {
 

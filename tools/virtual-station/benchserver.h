@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "virtual-station/benchmodel.h"
+#include "tools/virtual-station/benchmodel.h"
 
 namespace httplib {
 class Server;

@@ -1,11 +1,11 @@
-#include "virtual-station/logtail.h"
+#include "tools/virtual-station/logtail.h"
 
 #include <sys/stat.h>
 
 #include <fstream>
 #include <regex>
 
-#include "common/output.h"
+#include "tools/common/output.h"
 
 namespace {
 

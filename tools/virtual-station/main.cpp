@@ -10,14 +10,14 @@
 #include <optional>
 #include <thread>
 
-#include "common/channel.h"
-#include "common/commandline.h"
-#include "common/output.h"
-#include "common/stopsignals.h"
-#include "virtual-station/bench.h"
-#include "virtual-station/benchserver.h"
-#include "virtual-station/sectionfile.h"
-#include "virtual-station/virtualstation.h"
+#include "tools/common/channel.h"
+#include "tools/common/commandline.h"
+#include "tools/common/output.h"
+#include "tools/common/stopsignals.h"
+#include "tools/virtual-station/bench.h"
+#include "tools/virtual-station/benchserver.h"
+#include "tools/virtual-station/sectionfile.h"
+#include "tools/virtual-station/virtualstation.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "virtual-station/virtualstation.h"
+#include "tools/virtual-station/virtualstation.h"
 
 #include <grpcpp/grpcpp.h>
 #include <sys/socket.h>
