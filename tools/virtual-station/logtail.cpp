@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr std::uint64_t kMost = 64UL * 1024;  ///< that is read at once
+constexpr std::uint64_t kMost = 64UL * 1024;  ///< bytes per call
 constexpr std::size_t kLongestLine = 4096;
 
 std::string Plain(const std::string& line) {
