@@ -12,7 +12,7 @@ namespace {
 const std::string kKnownCard = R"([data-uid="04A12B5C"])";
 const std::string kUnknownCard = R"([data-uid="5A3C91F0"])";
 
-/// Lamp, display and the diagram's state show some things for seconds only.
+/// Collects what the lamp, the display and the diagram show only for seconds.
 const std::string kKeepWhatIsShown = R"(
   window.shown = new Set();
   const keep = () => {
@@ -24,11 +24,12 @@ const std::string kKeepWhatIsShown = R"(
   for (const id of ['post', 'diagram']) new MutationObserver(keep).observe(document.getElementById(id), all);
 )";
 
-/// The bench's page in a browser, the bench and the daemon as processes of their own.
+/// The bench's page in a browser. The bench and the daemon are processes.
 class BenchPage : public DaemonTest {
  protected:
   void SetUp() override {
     WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");
+    StopPeers();  // the bench takes their places
     StartRfidd();
     StartBench("0");
     mBrowser = std::make_unique<Browser>(mRoot);

@@ -69,7 +69,7 @@ class Doors : public DaemonTest {
   }
 };
 
-/// kRequests that all wait for their answers at the same time.
+/// kRequests that all wait for their answers at once.
 class Flood {
  public:
   explicit Flood(ipc::Rfid::Stub& stub) : mStub(stub) {}
@@ -83,7 +83,7 @@ class Flood {
         [answers = mAnswers](const grpc::Status& status) { answers->Put(status.error_code()); });
   }
 
-  /// How often each status was answered, when all are.
+  /// Waits for all answers. Returns how often each status came.
   std::map<grpc::StatusCode, size_t> Answers() {
     std::map<grpc::StatusCode, size_t> answers;
     for (size_t i = 0; i < mCalls.size(); ++i) {
@@ -166,7 +166,7 @@ TEST_F(Doors, ASubscriberThatNeverReadsIsEndedAndTheOthersGoOn) {
   EnableDaemon();
   TokenStream idle(Stub());
   TokenStream busy(Stub());
-  // More than what the transport takes on its way and what waits for one subscriber.
+  // More than fits into the transport and into the queue of one subscriber.
   const std::string padding(48 * 1024, 'A');
   for (int i = 0; i < 500; ++i) {
     const auto uid = fmt::format("{}X{}", i, padding);

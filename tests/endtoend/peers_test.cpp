@@ -15,7 +15,7 @@ namespace {
 
 class Peers : public DaemonTest {
  protected:
-  /// Every card is notified, whatever the peers do.
+  /// Every card must be notified, whatever the peers do.
   void TapNewCard() {
     const auto uid = fmt::format("{:08X}", ++mCard);
     Tap(uid);
@@ -50,7 +50,7 @@ TEST_F(Peers, NoneIsNeededAndOneThatComesLaterIsFound) {
   EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidNotInList"));
   EXPECT_TRUE(Logs("Failed to trigger feedback event 'EFbTokenScanned'. Error: 'Feedback."));
   StartPeers();
-  // Every signal's latest value comes to the peer that is back.
+  // The peer that is back gets the latest value of every signal.
   EXPECT_TRUE(Becomes([this] { return mPeers->SignalValues(ipc::ESignalRfidLastUid); },
                       AllOf(Not(IsEmpty()), Each("04A12B5C"))));
   const auto feedback = [this] {

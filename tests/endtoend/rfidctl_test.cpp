@@ -9,7 +9,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-/// rfidctl as a person at a shell meets it.
+/// rfidctl as a process with arguments, output and status.
 class Rfidctl : public DaemonTest {
  protected:
   std::unique_ptr<Process> Start(const Words& command) const {
@@ -23,7 +23,7 @@ class Rfidctl : public DaemonTest {
   std::string Out() const { return ReadFile(Path("out")); }
   std::string Err() const { return ReadFile(Path("err")); }
 
-  /// Runs it; anything on standard error is one line with this in it.
+  /// Runs it. Standard error must be empty, or one line that contains `err`.
   void Expect(const Words& arguments, const std::string& end, const std::string& out,
               const std::string& err) {
     SCOPED_TRACE(::testing::PrintToString(arguments));
@@ -80,7 +80,7 @@ TEST_F(Rfidctl, SignalsAreListedByAServiceThatCanListThem) {
 
 TEST_F(Rfidctl, WatchingTooFewNotificationsIsAFailure) {
   StartDaemon();
-  // A slow machine may need more time until the daemon is heard of.
+  // A slow machine may take longer to reach the daemon.
   std::string end;
   for (int seconds = 2; end != "exit 4" && seconds < 100; seconds *= 4) {
     end = StartCtl({"watch", "--only", "token", "--count", "1", "--timeout", std::to_string(seconds)})

@@ -14,7 +14,7 @@ using namespace virtualnfc;
 
 namespace {
 
-/// A card that lies longer than one detection and shorter than two is found once.
+/// A card held for longer than one detection and shorter than two is found once.
 constexpr auto Detection = 20ms;
 constexpr auto Hold = 30ms;
 
@@ -73,7 +73,7 @@ DaemonInProcess::~DaemonInProcess() {
   if (mRun.wait_for(kBound) != std::future_status::ready) {
     Stuck("the machine does not end");
   }
-  // As the application does at its end. Until then the kernel has long ended the polls of closed sockets.
+  // As the application does at its end. By then the real kernel has ended the polls of closed sockets.
   mKernel.WaitFor([](const Status& status) {
     return status.openSockets == static_cast<size_t>(CountInterposedSockets());
   });
@@ -83,7 +83,7 @@ DaemonInProcess::~DaemonInProcess() {
   } catch (const CRfidError&) {
   }
   const auto reader = mKernel.GetStatus().Device();
-  EXPECT_FALSE((reader.powered || reader.polling) && !mMayStayOn) << "on after the end";
+  EXPECT_FALSE((reader.powered || reader.polling) && !mMayStayOn) << "the reader is on after the end";
 }
 
 template <typename Event, typename... Payload>
@@ -114,20 +114,20 @@ DaemonInProcess::State DaemonInProcess::Settle() {
       std::unique_lock lock(mMutex);
       if (!mChanged.wait_for(lock, kBound,
                              [this] { return !mTold.empty() && mTold.back() != State::Error; })) {
-        Stuck("Error is no state to rest in");
+        Stuck("it stays in Error");
       }
       mSettled = mTold.size();
       last = mTold.back();
     }
-    // Each of these comes behind everything that the dispatch of the one before it has posted. Between two
-    // states that are told there is at most one that is not.
+    // Each of these events is dispatched after everything that the one before it has posted. Between two
+    // reported states there is at most one that is not reported.
     bool enabled = false;
     for (int i = 0; i < 3; ++i) {
       enabled = Post<ExtOnEnableLearning>(false);
     }
     if (CountTold() == mSettled) {
       if (enabled != (last == State::Enabled)) {
-        Stuck("the state told last is not the state");
+        Stuck("the last reported state is not the state");
       }
       return last;
     }

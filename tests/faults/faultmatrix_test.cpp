@@ -36,12 +36,12 @@ class Leftovers {
   ~Leftovers() {
     EXPECT_EQ(CountInterposedSockets(), 0);
     EXPECT_TRUE(Becomes([] { return CountEntries("/proc/self/fd"); }, Le(mDescriptors)));
-    // A thread that was joined is listed for a moment longer.
+    // A joined thread is listed for a moment longer.
     EXPECT_TRUE(Becomes([] { return CountEntries("/proc/self/task"); }, Le(mThreads)));
   }
 
  private:
-  /// A sanitizer starts a thread of its own with the first of ours.
+  /// A sanitizer starts a thread of its own together with the first thread.
   const bool mStarted = [] {
     std::thread([] {}).join();
     return true;
@@ -50,14 +50,14 @@ class Leftovers {
   const size_t mThreads = CountEntries("/proc/self/task");
 };
 
-/// What a fault hits.
+/// The message that a fault disturbs.
 struct Exchange {
   const char* name;
   const char* rule;    ///< the command or event, and which of its occurrences
-  uint8_t number = 0;  ///< of that command or event, where a card brings it about
+  uint8_t number = 0;  ///< of that command or event if a card triggers it
 };
 
-/// One daemon, one fault, what it came to, and whether it may come to that.
+/// One daemon with one fault, and the outcome.
 class Cell {
  public:
   explicit Cell(std::chrono::milliseconds watchPeriod) : mDaemon(watchPeriod) {}
@@ -66,7 +66,7 @@ class Cell {
     EXPECT_EQ(mDaemon.Enable(), State::Enabled);
     mTold = mDaemon.CountTold();
   }
-  /// A card, until it has brought this command or event about.
+  /// Holds a card to the reader until this command or event has occurred.
   void TapUntil(uint8_t number) {
     const auto had = [number](const Status& status) {
       return status.Commands(number) + status.Events(number);
@@ -80,7 +80,7 @@ class Cell {
     mDaemon.mKernel.OverrunEvents();
     AwaitTold();
   }
-  /// Until the fault has happened.
+  /// Waits until the fault has happened.
   void AwaitFired() const {
     EXPECT_TRUE(Becomes([this] { return mDaemon.mKernel.ListRules().back().fired; }, Gt(0U)));
   }
@@ -112,7 +112,7 @@ class Cell {
   DaemonInProcess mDaemon;
 
  private:
-  /// Whether it reads two cards, or ends in another state than Enabled.
+  /// Whether it reads two cards or leaves Enabled.
   bool GoesOnReading(State& state) {
     for (int cards = 0; cards < 2 && state == State::Enabled; ++cards) {
       if (!mDaemon.ReadsCardOrTells(DaemonInProcess::Bound)) {
@@ -214,7 +214,7 @@ constexpr const char* kFaults[] = {
     "sender=4711",    "overrun",   "close",       "unplug",
 };
 
-/// What becomes of one fault in one exchange; "-" when it cannot happen there.
+/// The outcome of one fault in one exchange; "-" if it cannot happen there.
 std::string Try(const Phase& phase, const Exchange& exchange, std::string_view fault) {
   const auto is = [rule = std::string_view(exchange.rule)](const char* command) {
     return rule.starts_with(command);
@@ -228,7 +228,7 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
       (fault == "reverse" && !isDump && !isLookUp) || (fault == "unplug" && (isEvent || isLookUp))) {
     return "-";
   }
-  // Where nothing but the watch can notice it, it must do so soon; elsewhere it stays out of the way.
+  // Let the daemon check its polling often only where nothing else can notice the fault.
   const bool isUnheard = isEvent && (fault == "drop" || fault == "sender=4711");
   const bool isClaimed = is("START_POLL") && fault == "errno=EALREADY";
   const bool isWatched = isUnheard || isClaimed || phase.isWatched;
@@ -237,8 +237,8 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
   const Leftovers leftovers;
   Cell cell(isWatched ? kWatchful : kUnwatched);
   if (fault == "close") {
-    // The simulated kernel takes a minute to end the poll of a closed socket, and is busy for others until
-    // then.
+    // The simulated kernel takes a minute to end the poll of a closed socket. Until then other sockets get
+    // EBUSY.
     cell.mDaemon.AllowOnAfterTheEnd();
   }
   if (phase.isEnabled) {
@@ -247,8 +247,8 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
   cell.mDaemon.mKernel.AddRule(fmt::format("{} {}", exchange.rule, fault));
   phase.begin(cell, exchange);
   const bool isUnplugged = fault == "unplug" && (exchange.number != 0 || phase.isWatched);
-  // A kernel that denies a poll that is alive: no card may come while the daemon waits for a find to explain
-  // it.
+  // The kernel denies a poll that is alive. No card may come while the daemon waits for a find as the
+  // explanation.
   const bool isDenied =
       phase.isWatched && is("STOP_POLL") && (fault == "errno=EINVAL" || fault == "errno=EALREADY");
   if (isUnplugged || isDenied || (isEvent && fault == "duplicate")) {
@@ -257,7 +257,7 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
   return cell.Judge();
 }
 
-/// Checks this part of the documented tables, or writes it where the environment says.
+/// Checks this part of the documented tables, or appends it to the file that the environment names.
 void Document(const std::string& part) {
   if (const char* report = std::getenv("RFID_FAULTS_REPORT")) {
     std::ofstream(report, std::ios::app) << part;
@@ -268,8 +268,8 @@ void Document(const std::string& part) {
   EXPECT_NE(documented.str().find(part), std::string::npos) << "documented otherwise:\n" << part;
 }
 
-/// What becomes of a message that ends early: each length, or each `step`th, those with the same outcome
-/// together.
+/// The outcomes of a message cut off at each length, or each `step`th; lengths with the same outcome share an
+/// entry.
 std::string TryLengths(const Phase& phase, std::string_view name, int longest, int step = 1) {
   const auto exchange = std::find_if(phase.exchanges.begin(), phase.exchanges.end(),
                                      [name](const auto& one) { return one.name == name; });
