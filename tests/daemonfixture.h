@@ -33,13 +33,16 @@ class DaemonFixture : public ::testing::Test, public StationType {
     mSupervisor->Clear();
   }
 
-  /// Waits until the supervisor was notified of this so many times.
-  ::testing::AssertionResult Notifies(const std::string& notification, size_t count = 1) const {
-    if (mSupervisor->WaitFor(notification, count)) {
+  /// Waits until the supervisor was notified of this so many times. Fails at once when the daemon has ended.
+  ::testing::AssertionResult Notifies(const std::string& notification, size_t count = 1) {
+    const auto isTold = [&](std::chrono::seconds timeout) {
+      return mSupervisor->WaitFor(notification, count, timeout);
+    };
+    Eventually([&] { return isTold(std::chrono::seconds(1)) || StationType::DaemonsEnd(); });
+    if (isTold({})) {
       return ::testing::AssertionSuccess();
     }
-    return ::testing::AssertionFailure() << "timeout: no notification \"" << notification << "\"\n"
-                                         << Evidence();
+    return ::testing::AssertionFailure() << "no notification \"" << notification << "\"\n" << Evidence();
   }
 
   /// Waits until the daemon has logged this.

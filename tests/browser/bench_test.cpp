@@ -12,7 +12,7 @@ namespace {
 const std::string kKnownCard = R"([data-uid="04A12B5C"])";
 const std::string kUnknownCard = R"([data-uid="5A3C91F0"])";
 
-/// Lamp, display and the diagram's state show some things for seconds only.
+/// Collects what the lamp, the display and the diagram show only for seconds.
 const std::string kKeepWhatIsShown = R"(
   window.shown = new Set();
   const keep = () => {
@@ -24,11 +24,12 @@ const std::string kKeepWhatIsShown = R"(
   for (const id of ['post', 'diagram']) new MutationObserver(keep).observe(document.getElementById(id), all);
 )";
 
-/// The bench's page in a browser, the bench and the daemon as processes of their own.
+/// The bench's page in a browser. The bench and the daemon are processes.
 class BenchPage : public DaemonTest {
  protected:
   void SetUp() override {
     WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");
+    StopPeers();  // the bench takes their places
     StartRfidd();
     StartBench("0");
     mBrowser = std::make_unique<Browser>(mRoot);
@@ -46,47 +47,53 @@ class BenchPage : public DaemonTest {
         std::vector<std::string>{STATION_PATH, "--root", mRoot, "bench", "--nfc", mKernel->Address(), "--log",
                                  Path("log"), "--port", port},
         std::map<std::string, std::string>{}, Path("bench.out"), Path("bench.err"));
-    ASSERT_TRUE(Eventually([&] { return ReadFile(Path("bench.out")).find('\n') != std::string::npos; }))
+    ASSERT_TRUE(Becomes([&] { return ReadFile(Path("bench.out")); }, HasSubstr("\n")))
         << ReadFile(Path("bench.err"));
     mUrl = ReadFile(Path("bench.out"));
     mUrl.pop_back();
   }
 
-  /// The diagram comes to light this state, and no other.
-  bool IsIn(const std::string& state) {
-    return Eventually([&] {
-      return mBrowser->Run(
-                 "return [...document.querySelectorAll('.node.current')].map(n => n.dataset.state).join()") ==
-             state;
-    });
+  using Result = ::testing::AssertionResult;
+
+  /// Waits until the diagram highlights this state and no other.
+  Result IsIn(const std::string& state) {
+    const auto highlighted = [&] {
+      return mBrowser
+          ->Run("return [...document.querySelectorAll('.node.current')].map(n => n.dataset.state).join()")
+          .asString();
+    };
+    return Becomes(highlighted, state);
   }
-  bool ComesToShow(const std::string& selector) {
-    return Eventually([&] { return mBrowser->Shows(selector); });
+  Result ComesToShow(const std::string& selector, bool shows = true) {
+    return Becomes([&] { return mBrowser->Shows(selector); }, shows) << " (" << selector << ")";
   }
-  bool Says(const std::string& selector, const std::string& text) {
-    return mBrowser->Text(selector).find(text) != std::string::npos;
+  Result ComesToSay(const std::string& selector, const std::string& text,
+                    std::chrono::seconds timeout = kLongestWait) {
+    return Becomes([&] { return mBrowser->Text(selector); }, HasSubstr(text), timeout);
   }
-  bool ComesToSay(const std::string& selector, const std::string& text) {
-    return Eventually([&] { return Says(selector, text); });
+  Result ComesToHaveShown(const std::string& what, std::chrono::seconds timeout = kLongestWait) {
+    return Becomes([&] { return mBrowser->Run("return [...shown].join('\\n')").asString(); }, HasSubstr(what),
+                   timeout);
   }
 
-  bool HasShown(const std::string& what) {
-    return mBrowser->Run("return shown.has('" + what + "')").asBool();
-  }
-  /// Does it until this comes of it: a card is held for a moment only, and a daemon that is not scheduled
-  /// then does not see it; nor does the bench wait for long for the reader.
-  template <typename Action, typename Condition>
-  bool Brings(Action action, Condition condition) {
+  /// Repeats the action until the check holds. A card is held for a moment only, and a daemon that is not
+  /// scheduled then does not see it.
+  template <typename Action, typename Check>
+  Result Brings(Action action, Check check) {
     for (int attempt = 0; attempt < 5; ++attempt) {
       action();
-      if (Eventually(condition, std::chrono::seconds(20))) {
-        return true;
+      if (Result result = check(std::chrono::seconds(20)); result || attempt == 4) {
+        return result;
       }
     }
-    return false;
+    return ::testing::AssertionFailure();
   }
-  bool ClickBrings(const std::string& card, const std::string& outcome) {
-    return Brings([&] { mBrowser->Click(card); }, [&] { return Says("#outcome", outcome); });
+  template <typename Action>
+  Result BringsOutcome(Action action, const std::string& outcome) {
+    return Brings(action, [&](auto timeout) { return ComesToSay("#outcome", outcome, timeout); });
+  }
+  Result ClickBrings(const std::string& card, const std::string& outcome) {
+    return BringsOutcome([&] { mBrowser->Click(card); }, outcome);
   }
 
   void Enable() {
@@ -110,28 +117,25 @@ TEST_F(BenchPage, ACardThatIsTappedShowsItsOutcomeToDriverAndEngineer) {
               HasSubstr("Disabled → ExtEnableReq → Enabling → IntEnablingDone → Enabled"));
   EXPECT_EQ(mBrowser->Run("return document.querySelectorAll('.edge.last').length"), 2);
 
-  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: accepted")) << mBrowser->Text("#outcome");
-  EXPECT_TRUE(Eventually([&] { return HasShown("lamp accepted") && HasShown("display Welcome!"); }));
+  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: accepted"));
+  EXPECT_TRUE(ComesToHaveShown("lamp accepted"));
+  EXPECT_TRUE(ComesToHaveShown("display Welcome!"));
   EXPECT_TRUE(ComesToShow("#timeline li:first-child [data-outcome=accepted]"));
   EXPECT_TRUE(ComesToSay("[data-signal='101'] dd", "04A12B5C"));
   EXPECT_TRUE(ComesToSay("#log", "Found Match!"));
   EXPECT_TRUE(ComesToSay("#alive-text", "alive "));
 
-  EXPECT_TRUE(Brings([this] { mBrowser->Type(kUnknownCard, "\uE007"); },
-                     [this] { return Says("#outcome", "5A3C91F0: rejected"); }))
-      << mBrowser->Text("#outcome");
-  EXPECT_TRUE(Eventually([&] { return HasShown("lamp rejected"); }));
+  EXPECT_TRUE(BringsOutcome([this] { mBrowser->Type(kUnknownCard, "\uE007"); }, "5A3C91F0: rejected"));
+  EXPECT_TRUE(ComesToHaveShown("lamp rejected"));
   mBrowser->Click("[data-permit='5A3C91F0']");
   EXPECT_TRUE(ComesToShow("[data-permit='5A3C91F0'][aria-pressed=true]"));
-  EXPECT_TRUE(Brings([this] { mBrowser->Drag("[data-uid='E007060504030201']", "#reader-zone"); },
-                     [this] { return Says("#outcome", "E007060504030201: rejected"); }))
-      << mBrowser->Text("#outcome");
-  EXPECT_TRUE(ClickBrings("[data-uid='0102030405060708']", "0102030405060708: invalid"))
-      << mBrowser->Text("#outcome");
-  EXPECT_TRUE(ClickBrings("[data-uid=XYZ]", "XYZ: invalid")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(BringsOutcome([this] { mBrowser->Drag("[data-uid='E007060504030201']", "#reader-zone"); },
+                            "E007060504030201: rejected"));
+  EXPECT_TRUE(ClickBrings("[data-uid='0102030405060708']", "0102030405060708: invalid"));
+  EXPECT_TRUE(ClickBrings("[data-uid=XYZ]", "XYZ: invalid"));
 }
 
-TEST_F(BenchPage, TheSwitchesAndTheReaderDoWhatTheySay) {
+TEST_F(BenchPage, TheSwitchesDoWhatTheySay) {
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToSay("#toast", "The daemon refuses"));
   EXPECT_EQ(mBrowser->Text(".primary"), "Disable");  // what Uninitialized needs
@@ -140,23 +144,25 @@ TEST_F(BenchPage, TheSwitchesAndTheReaderDoWhatTheySay) {
   Enable();
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToShow("#learning[aria-checked=true]"));
-  EXPECT_TRUE(ClickBrings(kUnknownCard, "5A3C91F0: learned")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kUnknownCard, "5A3C91F0: learned"));
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToShow("#learning[aria-checked=false]"));
 
   mBrowser->Click("#ocpp");
   EXPECT_TRUE(ComesToShow("#ocpp[aria-checked=true]"));
-  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: deferred")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: deferred"));
   mBrowser->Click("#free");
   EXPECT_TRUE(ComesToShow("#free[aria-checked=true]"));
   mBrowser->Type("#uid", "\uE007");  // as it stands there, injected
-  EXPECT_TRUE(ComesToSay("#outcome", "04A1B2C3: scanned")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ComesToSay("#outcome", "04A1B2C3: scanned"));
+}
 
+TEST_F(BenchPage, AReaderThatFailsOrIsUnpluggedIsSeen) {
+  Enable();
   EXPECT_TRUE(Brings([this] { mBrowser->Click("[data-do=fault]"); },
-                     [this] { return Says("#toast", "The reader fails"); }));
+                     [this](auto timeout) { return ComesToSay("#toast", "The reader fails", timeout); }));
   EXPECT_TRUE(Brings([this] { mBrowser->Click("[data-uid='04C2B7A25E6180']"); },
-                     [this] { return HasShown("state Error"); }))
-      << mBrowser->Text("body");
+                     [this](auto timeout) { return ComesToHaveShown("state Error", timeout); }));
   EXPECT_TRUE(IsIn("Disabled")) << mBrowser->Text("body");
   mBrowser->Click("#plug");
   EXPECT_TRUE(ComesToSay("#reader-text", "reader unplugged"));
@@ -171,13 +177,13 @@ TEST_F(BenchPage, ADaemonThatIsKilledIsMissedAndFoundAgain) {
   EXPECT_TRUE(ComesToShow("#banner"));
   EXPECT_THAT(mBrowser->Text("#banner"), HasSubstr("The daemon is gone"));
   EXPECT_TRUE(IsIn(""));
-  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: no answer")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: no answer"));
 
   StartRfidd();
   EXPECT_TRUE(IsIn("Uninitialized"));
-  EXPECT_TRUE(Eventually([&] { return !mBrowser->Shows("#banner"); })) << mBrowser->Text("#banner");
+  EXPECT_TRUE(ComesToShow("#banner", false)) << mBrowser->Text("#banner");
   Enable();
-  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: accepted")) << mBrowser->Text("#outcome");
+  EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: accepted"));
 }
 
 TEST_F(BenchPage, ABenchThatEndsIsMissedAndFoundAgain) {
@@ -186,6 +192,6 @@ TEST_F(BenchPage, ABenchThatEndsIsMissedAndFoundAgain) {
   EXPECT_TRUE(ComesToShow("#banner"));
   EXPECT_THAT(mBrowser->Text("#banner"), HasSubstr("The bench does not answer"));
   StartBench(mUrl.substr(mUrl.rfind(':') + 1, mUrl.size() - mUrl.rfind(':') - 2));
-  EXPECT_TRUE(Eventually([&] { return !mBrowser->Shows("#banner"); })) << mBrowser->Text("#banner");
+  EXPECT_TRUE(ComesToShow("#banner", false)) << mBrowser->Text("#banner");
   Enable();
 }

@@ -8,8 +8,8 @@
 
 #include "tools/harness/process.h"
 
-/// A headless Chromium, driven by chromedriver. One thread. Everything fails by std::runtime_error with the
-/// browser's own words.
+/// A headless Chromium, driven by chromedriver. One thread. Errors are std::runtime_error with the browser's
+/// text.
 class Browser {
  public:
   /// Starts both; their files go to the folder.
@@ -20,16 +20,16 @@ class Browser {
 
   void Open(const std::string& url);
 
-  /// What the script returns; it is the body of a function.
+  /// Runs the script, the body of a function, and returns its result.
   Json::Value Run(const std::string& script);
 
-  /// As a person does it: the element is scrolled to, and has to be where it can be clicked.
+  /// Clicks as a person does: scrolls to the element, which must not be covered.
   void Click(const std::string& selector);
-  /// Keys for the element that has the focus then; "\uE007" is Enter.
+  /// Focuses the element and types; "\uE007" is Enter.
   void Type(const std::string& selector, const std::string& keys);
   void Drag(const std::string& from, const std::string& to);
 
-  /// Whether the element is there and is shown, and its text.
+  /// Whether the element is visible; its text.
   bool Shows(const std::string& selector);
   std::string Text(const std::string& selector);
 

@@ -32,7 +32,7 @@ class Cards : public DaemonTest {
 }  // namespace
 
 TEST_F(Cards, ACardInTheListIsAcceptedOnceForAsLongAsItStays) {
-  // A daemon that is not scheduled for longer than a card is remembered reports it again, and rightly so.
+  // If the daemon is not scheduled for longer than it remembers a card, it rightly reports the card again.
   for (int attempt = 0; attempt < 3; ++attempt) {
     const auto earlier = static_cast<std::ptrdiff_t>(mPeers->FeedbackEvents().size());
     const auto found = mKernel->GetStatus().Device().targetsFound;

@@ -51,7 +51,7 @@ TEST_F(CommandLine, WhatItDoesNotKnowEndsWithTheUsageAndStatusOne) {
   EXPECT_THAT(Output(), HasSubstr("defaults to '/opt/x'\n"));
 }
 
-TEST_F(CommandLine, ABrokenRpcConfigurationIsOneClearCriticalLineAndAnAbort) {
+TEST_F(CommandLine, ABrokenRpcConfigurationIsOneCriticalLineAndAnAbort) {
   for (const auto& [content, named] : std::vector<std::pair<const char*, const char*>>{
            {R"({"listen": 7, "configuration": "hub"})", "listen"},
            {R"({"listen": "unix:run/rfid.sock", "configuration": "hub"})", "Feedback"}}) {
@@ -71,7 +71,7 @@ TEST_F(CommandLine, ABrokenRpcConfigurationIsOneClearCriticalLineAndAnAbort) {
   EXPECT_THAT(Log(), HasSubstr(mRoot.string() + "etc/plex.json"));
 }
 
-TEST_F(CommandLine, VerbosityIsLoweredStepByStepAndQuietSilencesTheConsole) {
+TEST_F(CommandLine, EachVerboseShowsMoreAndQuietSilencesTheConsole) {
   struct Case {
     std::vector<std::string> arguments;
     bool info, debug, trace;

@@ -20,8 +20,7 @@ using ::testing::StartsWith;
 
 namespace {
 
-/// Holds the machine's thread, which is the process's main thread, once it has nothing to do. The others go
-/// on.
+/// Stops the main thread, which runs the machine, once it has nothing to do. The other threads go on.
 class HeldMachine {
  public:
   explicit HeldMachine(pid_t daemon) : mPid(daemon) {
@@ -40,12 +39,12 @@ class HeldMachine {
   const pid_t mPid;
 };
 
-/// Only a reader whose chip does the protocol shows a signal that reaches a command.
+/// Uses an NCI reader: only there does a signal that interrupts a command have an effect.
 class Interruption : public DaemonTest {
  protected:
   Interruption() : DaemonTest({.kernel = {.stack = Stack::Nci}}) {}
 
-  /// Interrupts the daemon and waits until its thread for signals has posted the event and sleeps again.
+  /// Sends SIGINT and waits until the daemon's signal thread has posted the event and sleeps again.
   void ExpectInterruptPosted() {
     const auto sleeps = [this] {
       for (const auto& task :
@@ -67,7 +66,7 @@ class Interruption : public DaemonTest {
     EXPECT_THAT(Log(), HasSubstr("State machine stopped"));
     EXPECT_FALSE(mKernel->GetStatus().Device().powered);
   }
-  /// Until the kernel has begun to hold up the command that the last rule is about.
+  /// Waits until the kernel delays the command of the last rule.
   void ExpectHeldUp() {
     EXPECT_TRUE(Becomes([this] { return mKernel->ListRules().back().fired; }, ::testing::Gt(0U)))
         << Evidence();
@@ -129,8 +128,7 @@ TEST_F(Interruption, EndsTheDaemonInStatesThatItOnlyPassesThrough) {
        }) {
     SCOPED_TRACE(c.state);
     const auto sawIt = std::string("State ") + c.state + ": event recv IntTerminate";
-    // What leads into the state is logged shortly before it is queued. Should the signal be quicker, try
-    // again.
+    // The event is logged shortly before it is queued. If the signal is quicker, try again.
     for (int attempt = 0; attempt < 20 && Log().find(sawIt) == std::string::npos; ++attempt) {
       StartDaemon();
       c.prepare();
@@ -151,7 +149,7 @@ TEST_F(Interruption, EndsTheDaemonInStatesThatItOnlyPassesThrough) {
 }
 
 TEST_F(Interruption, LetsANetlinkCommandThatWaitsForTheReaderFinish) {
-  // In each passing state a command is held up; the signal must neither be lost nor interrupt the command.
+  // A command is delayed in each transient state. The signal must neither be lost nor interrupt the command.
   struct Case {
     const char* state;
     const char* rule;
@@ -172,7 +170,7 @@ TEST_F(Interruption, LetsANetlinkCommandThatWaitsForTheReaderFinish) {
       EXPECT_EQ(mSupervisor->Disable(), "Ok");
       EXPECT_TRUE(Notifies("Disabled"));
     }
-    // The kernel is busy for a moment after the socket of a poll was closed: for who stops it a second time.
+    // For a moment after the polling socket was closed, the kernel answers EBUSY to a second STOP_POLL.
     mKernel->AddRule("STOP_POLL nth=2 errno=EBUSY");
     mKernel->AddRule(c.rule);
     EXPECT_EQ(c.disable ? mSupervisor->Disable() : mSupervisor->Enable(), "Ok");
@@ -244,13 +242,12 @@ TEST_F(Interruption, EveryRequestThatIsOnItsWayGetsAStatus) {
   mDaemon->Signal(SIGINT);
   ExpectOrderlyEnd();
   mDaemon.reset();
-  // Those that came after the end wait for a daemon; it answers them.
+  // The requests that come after the end wait for the next daemon, which answers them.
   mDaemon = Spawn({"-r", mRoot.string() + "/"});
   EXPECT_EQ(mSupervisor->Enable(), "Illegal");
   isOver = true;
   for (auto& request : requests) {
-    // Those before it are told that the daemon is stopping, or are cancelled because the server closes
-    // already.
+    // The earlier ones are told that the daemon is stopping, or are cancelled because the server is closing.
     const auto answer = request.get();
     EXPECT_THAT(answer, AnyOf(Eq("Illegal"), StartsWith("status 14: "), StartsWith("status 1: ")));
   }

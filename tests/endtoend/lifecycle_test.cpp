@@ -31,13 +31,13 @@ TEST_F(Lifecycle, TheSupervisorDrivesTheDaemonAndIsToldEveryState) {
   EXPECT_FALSE(mKernel->GetStatus().Device().powered);
 }
 
-TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecoveredButNotEnabled) {
+TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecovered) {
   StartDaemon();
   EnableDaemon();
   mKernel->AddRule("START_POLL nth=1 errno=EPROTO");
   Tap("04A12B5C");
   EXPECT_TRUE(Notifies("Disabled"));
-  // The card that was read last may still get its answer; what matters is that the supervisor knows.
+  // The last card may still be notified. What matters is that the supervisor is told of the error.
   auto states = mSupervisor->Notified();
   std::erase(states, "token 04A12B5C ERfidUidNotInList");
   EXPECT_THAT(states, ElementsAre("Error", "Disabled"));

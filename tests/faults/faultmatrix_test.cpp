@@ -9,12 +9,14 @@
 #include <sstream>
 #include <thread>
 
-#include "framework/handover.h"
-#include "station.h"
+#include "tests/evidence.h"
+#include "tests/faults/daemoninprocess.h"
 
 using namespace std::chrono_literals;
 using namespace virtualnfc;
-using State = Station::State;
+using State = DaemonInProcess::State;
+using ::testing::Gt;
+using ::testing::Le;
 
 namespace {
 
@@ -28,24 +30,18 @@ size_t CountEntries(const char* folder) {
   return count;
 }
 
-/// Sees to it that what lives after it leaves no descriptor and no thread behind.
+/// Checks that whatever lives between its construction and its end leaves no descriptor and no thread behind.
 class Leftovers {
  public:
   ~Leftovers() {
     EXPECT_EQ(CountInterposedSockets(), 0);
-    // A thread that was joined is listed for a moment longer.
-    const auto end = std::chrono::steady_clock::now() + Station::kBound;
-    while (CountEntries("/proc/self/fd") > mDescriptors || CountEntries("/proc/self/task") > mThreads) {
-      if (std::chrono::steady_clock::now() > end) {
-        ADD_FAILURE() << "descriptors or threads are left over";
-        return;
-      }
-      std::this_thread::yield();
-    }
+    EXPECT_TRUE(Becomes([] { return CountEntries("/proc/self/fd"); }, Le(mDescriptors)));
+    // A joined thread is listed for a moment longer.
+    EXPECT_TRUE(Becomes([] { return CountEntries("/proc/self/task"); }, Le(mThreads)));
   }
 
  private:
-  /// A sanitizer starts a thread of its own with the first of ours.
+  /// A sanitizer starts a thread of its own together with the first thread.
   const bool mStarted = [] {
     std::thread([] {}).join();
     return true;
@@ -54,86 +50,86 @@ class Leftovers {
   const size_t mThreads = CountEntries("/proc/self/task");
 };
 
-/// What a fault hits.
+/// The message that a fault disturbs.
 struct Exchange {
   const char* name;
   const char* rule;    ///< the command or event, and which of its occurrences
-  uint8_t number = 0;  ///< of that command or event, where a card brings it about
+  uint8_t number = 0;  ///< of that command or event if a card triggers it
 };
 
-/// One daemon, one fault, what it came to, and whether it may come to that.
+/// One daemon with one fault, and the outcome.
 class Cell {
  public:
-  explicit Cell(std::chrono::milliseconds watchPeriod) : mStation(watchPeriod) {}
+  explicit Cell(std::chrono::milliseconds watchPeriod) : mDaemon(watchPeriod) {}
 
   void Enable() {
-    EXPECT_EQ(mStation.Enable(), State::Enabled);
-    mTold = mStation.CountTold();
+    EXPECT_EQ(mDaemon.Enable(), State::Enabled);
+    mTold = mDaemon.CountTold();
   }
-  /// A card, until it has brought this command or event about.
+  /// Holds a card to the reader until this command or event has occurred.
   void TapUntil(uint8_t number) {
     const auto had = [number](const Status& status) {
       return status.Commands(number) + status.Events(number);
     };
-    const auto before = had(mStation.mKernel.GetStatus());
-    mCard = mStation.Tap();
-    EXPECT_TRUE(mStation.mKernel.WaitFor([&](const Status& status) { return had(status) > before; },
-                                         Station::kBound));
+    const auto before = had(mDaemon.mKernel.GetStatus());
+    mCard = mDaemon.Tap();
+    EXPECT_TRUE(mDaemon.mKernel.WaitFor([&](const Status& status) { return had(status) > before; },
+                                        DaemonInProcess::Bound));
   }
   void LoseEvents() {
-    mStation.mKernel.OverrunEvents();
+    mDaemon.mKernel.OverrunEvents();
     AwaitTold();
   }
-  /// Until the fault has happened.
+  /// Waits until the fault has happened.
   void AwaitFired() const {
-    EXPECT_TRUE(handover::Eventually([this] { return mStation.mKernel.ListRules().back().fired > 0; }));
+    EXPECT_TRUE(Becomes([this] { return mDaemon.mKernel.ListRules().back().fired; }, Gt(0U)));
   }
-  void AwaitTold() const { EXPECT_TRUE(mStation.WaitForMoreTold(mTold)); }
+  void AwaitTold() const { EXPECT_TRUE(mDaemon.WaitForMoreTold(mTold)); }
 
   std::string Judge() {
-    auto state = mStation.Settle();
-    mStation.Repair();
+    auto state = mDaemon.Settle();
+    mDaemon.Repair();
     if (state == State::Enabled && !GoesOnReading(state)) {
       ADD_FAILURE() << "quietly deaf";
       return "deaf";
     }
-    EXPECT_FALSE(mStation.HasInvented());
-    const bool told = mStation.WasTold(State::Error, mTold);
+    EXPECT_FALSE(mDaemon.HasInvented());
+    const bool told = mDaemon.WasTold(State::Error, mTold);
     if (state == State::FatalError) {
       return "fatal";
     }
     if (state == State::Enabled) {
       EXPECT_FALSE(told);
-      return mCard.empty() || mStation.WasNotified(mCard) ? "works on" : "card lost";
+      return mCard.empty() || mDaemon.WasNotified(mCard) ? "works on" : "card lost";
     }
     EXPECT_EQ(state, State::Disabled);
-    const auto reader = mStation.mKernel.GetStatus().Device();
+    const auto reader = mDaemon.mKernel.GetStatus().Device();
     EXPECT_FALSE(reader.powered || reader.polling) << "told Disabled, and the reader is on";
     CheckEnabling();
     return told ? "recovered" : "works on";
   }
 
-  Station mStation;
+  DaemonInProcess mDaemon;
 
  private:
-  /// Whether it reads two cards, or ends in another state than Enabled.
+  /// Whether it reads two cards or leaves Enabled.
   bool GoesOnReading(State& state) {
     for (int cards = 0; cards < 2 && state == State::Enabled; ++cards) {
-      if (!mStation.ReadsCardOrTells(Station::kBound)) {
+      if (!mDaemon.ReadsCardOrTells(DaemonInProcess::Bound)) {
         return false;
       }
-      state = mStation.Settle();
+      state = mDaemon.Settle();
     }
     return true;
   }
   void CheckEnabling() {
-    auto state = mStation.Enable();
+    auto state = mDaemon.Enable();
     EXPECT_TRUE(GoesOnReading(state));
     EXPECT_EQ(state, State::Enabled);
   }
 
   std::string mCard;
-  size_t mTold = mStation.CountTold();
+  size_t mTold = mDaemon.CountTold();
 };
 
 struct Phase {
@@ -152,7 +148,7 @@ const Phase kPhases[] = {
     {"Enabling",
      false,
      false,
-     [](Cell& cell, const Exchange&) { cell.mStation.Enable(); },
+     [](Cell& cell, const Exchange&) { cell.mDaemon.Enable(); },
      {{"find family nfc", "GETFAMILY nth=1"},
       {"find family nlctrl", "GETFAMILY nth=2"},
       {"find group events", "GETFAMILY nth=3"},
@@ -172,7 +168,7 @@ const Phase kPhases[] = {
     {"Disabling",
      true,
      false,
-     [](Cell& cell, const Exchange&) { cell.mStation.Disable(); },
+     [](Cell& cell, const Exchange&) { cell.mDaemon.Disable(); },
      {{"STOP_POLL", "STOP_POLL nth=1"},
       {"every STOP_POLL", "STOP_POLL"},
       {"DEV_DOWN", "DEV_DOWN nth=1"},
@@ -196,7 +192,7 @@ const Phase kPhases[] = {
      [](Cell& cell, const Exchange& exchange) {
        // The second half of the exchanges only happens when kernel and reader disagree.
        if (exchange.number != 0) {
-         cell.mStation.mKernel.SetFault(Fault::OutOfStep);
+         cell.mDaemon.mKernel.SetFault(Fault::OutOfStep);
        }
        cell.AwaitFired();
      },
@@ -218,7 +214,7 @@ constexpr const char* kFaults[] = {
     "sender=4711",    "overrun",   "close",       "unplug",
 };
 
-/// What becomes of one fault in one exchange; "-" when it cannot happen there.
+/// The outcome of one fault in one exchange; "-" if it cannot happen there.
 std::string Try(const Phase& phase, const Exchange& exchange, std::string_view fault) {
   const auto is = [rule = std::string_view(exchange.rule)](const char* command) {
     return rule.starts_with(command);
@@ -232,7 +228,7 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
       (fault == "reverse" && !isDump && !isLookUp) || (fault == "unplug" && (isEvent || isLookUp))) {
     return "-";
   }
-  // Where nothing but the watch can notice it, it must do so soon; elsewhere it stays out of the way.
+  // Let the daemon check its polling often only where nothing else can notice the fault.
   const bool isUnheard = isEvent && (fault == "drop" || fault == "sender=4711");
   const bool isClaimed = is("START_POLL") && fault == "errno=EALREADY";
   const bool isWatched = isUnheard || isClaimed || phase.isWatched;
@@ -241,18 +237,18 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
   const Leftovers leftovers;
   Cell cell(isWatched ? kWatchful : kUnwatched);
   if (fault == "close") {
-    // The simulated kernel takes a minute to end the poll of a closed socket, and is busy for others until
-    // then.
-    cell.mStation.AllowOnAfterTheEnd();
+    // The simulated kernel takes a minute to end the poll of a closed socket. Until then other sockets get
+    // EBUSY.
+    cell.mDaemon.AllowOnAfterTheEnd();
   }
   if (phase.isEnabled) {
     cell.Enable();
   }
-  cell.mStation.mKernel.AddRule(fmt::format("{} {}", exchange.rule, fault));
+  cell.mDaemon.mKernel.AddRule(fmt::format("{} {}", exchange.rule, fault));
   phase.begin(cell, exchange);
   const bool isUnplugged = fault == "unplug" && (exchange.number != 0 || phase.isWatched);
-  // A kernel that denies a poll that is alive: no card may come while the daemon waits for a find to explain
-  // it.
+  // The kernel denies a poll that is alive. No card may come while the daemon waits for a find as the
+  // explanation.
   const bool isDenied =
       phase.isWatched && is("STOP_POLL") && (fault == "errno=EINVAL" || fault == "errno=EALREADY");
   if (isUnplugged || isDenied || (isEvent && fault == "duplicate")) {
@@ -261,7 +257,7 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
   return cell.Judge();
 }
 
-/// Checks this part of the documented tables, or writes it where the environment says.
+/// Checks this part of the documented tables, or appends it to the file that the environment names.
 void Document(const std::string& part) {
   if (const char* report = std::getenv("RFID_FAULTS_REPORT")) {
     std::ofstream(report, std::ios::app) << part;
@@ -272,8 +268,8 @@ void Document(const std::string& part) {
   EXPECT_NE(documented.str().find(part), std::string::npos) << "documented otherwise:\n" << part;
 }
 
-/// What becomes of a message that ends early: each length, or each `step`th, those with the same outcome
-/// together.
+/// The outcomes of a message cut off at each length, or each `step`th; lengths with the same outcome share an
+/// entry.
 std::string TryLengths(const Phase& phase, std::string_view name, int longest, int step = 1) {
   const auto exchange = std::find_if(phase.exchanges.begin(), phase.exchanges.end(),
                                      [name](const auto& one) { return one.name == name; });
@@ -293,7 +289,7 @@ class FaultMatrix : public ::testing::TestWithParam<Phase> {};
 
 }  // namespace
 
-TEST_P(FaultMatrix, LeavesTheDaemonReadingCardsOrTheSupervisorTold) {
+TEST_P(FaultMatrix, IsSurvivedOrReported) {
   const auto& phase = GetParam();
   auto table = fmt::format("\n## {}\n\n| fault |", phase.name);
   std::string line = "|---|";
@@ -319,7 +315,7 @@ INSTANTIATE_TEST_SUITE_P(Every, FaultMatrix, ::testing::ValuesIn(kPhases), [](co
   return name;
 });
 
-TEST(kFaults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
+TEST(kFaults, BetweenExchangesAreSurvivedOrReported) {
   struct Event {
     const char* name;
     std::chrono::milliseconds watchPeriod;
@@ -330,33 +326,33 @@ TEST(kFaults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
            Event{"events lost (ENOBUFS)", kUnwatched, [](Cell& cell) { cell.LoseEvents(); }},
            Event{"an event that names no device", kUnwatched,
                  [](Cell& cell) {
-                   cell.mStation.mKernel.SendRawEvent(
+                   cell.mDaemon.mKernel.SendRawEvent(
                        MessageBuilder(20, 0, 0, 0).Genl(NFC_EVENT_TARGETS_FOUND, 1).Finish());
                    cell.AwaitTold();
                  }},
            Event{"unplug", kUnwatched,
                  [](Cell& cell) {
-                   cell.mStation.mKernel.Unplug();
+                   cell.mDaemon.mKernel.Unplug();
                    cell.AwaitTold();
                  }},
            Event{"unplug and plug in again, the event is lost", kWatchful,
                  [](Cell& cell) {
-                   cell.mStation.mKernel.AddRule("DEVICE_REMOVED drop");
-                   cell.mStation.mKernel.Unplug();
-                   cell.mStation.Repair();
+                   cell.mDaemon.mKernel.AddRule("DEVICE_REMOVED drop");
+                   cell.mDaemon.mKernel.Unplug();
+                   cell.mDaemon.Repair();
                    cell.AwaitTold();
                  }},
            Event{"unplug, disable", kUnwatched,
                  [](Cell& cell) {
-                   cell.mStation.mKernel.Unplug();
-                   cell.mStation.Disable();
+                   cell.mDaemon.mKernel.Unplug();
+                   cell.mDaemon.Disable();
                  }},
            Event{"a transfer to the reader fails", kWatchful,
-                 [](Cell& cell) { cell.mStation.mKernel.KillPoll(); }},
+                 [](Cell& cell) { cell.mDaemon.mKernel.KillPoll(); }},
            Event{"kernel and reader disagree", kWatchful,
-                 [](Cell& cell) { cell.mStation.mKernel.SetFault(Fault::OutOfStep); }},
+                 [](Cell& cell) { cell.mDaemon.mKernel.SetFault(Fault::OutOfStep); }},
            Event{"the chip goes on polling after its stop", kWatchful,
-                 [](Cell& cell) { cell.mStation.mKernel.SetFault(Fault::ChipPolls); }},
+                 [](Cell& cell) { cell.mDaemon.mKernel.SetFault(Fault::ChipPolls); }},
        }) {
     SCOPED_TRACE(event.name);
     const Leftovers leftovers;
@@ -368,7 +364,7 @@ TEST(kFaults, WithoutAnExchangeLeaveTheDaemonReadingCardsOrTheSupervisorTold) {
   Document(table);
 }
 
-TEST(kFaults, AMessageThatEndsAtAnyLengthLeavesTheDaemonReadingCardsOrTheSupervisorTold) {
+TEST(kFaults, AMessageCutOffAtAnyLengthIsSurvivedOrReported) {
   const auto& enabling = kPhases[0];
   const auto& reading = kPhases[1];
   Document("\n## Messages cut off at every length\n\n| message | from so many bytes on |\n|---|---|\n" +
@@ -377,20 +373,20 @@ TEST(kFaults, AMessageThatEndsAtAnyLengthLeavesTheDaemonReadingCardsOrTheSupervi
            TryLengths(reading, "START_POLL", 40));
 }
 
-TEST(kFaults, AKernelThatAnswersNothingAnyMoreDoesNotKeepTheDaemonFromEnding) {
+TEST(kFaults, AKernelThatNoLongerAnswersDoesNotKeepTheDaemonAlive) {
   for (const auto* command : {"any", "GETFAMILY", "UNSPEC", "START_POLL", "STOP_POLL", "DEV_DOWN"}) {
     for (const bool enabled : {false, true}) {
       SCOPED_TRACE(fmt::format("{} {}", command, enabled));
       const Leftovers leftovers;
-      Station station;
+      DaemonInProcess daemon;
       if (enabled) {
-        EXPECT_EQ(station.Enable(), State::Enabled);
-        station.Tap();
+        EXPECT_EQ(daemon.Enable(), State::Enabled);
+        daemon.Tap();
       }
-      station.mKernel.AddRule(fmt::format("{} drop", command));
-      station.AllowOnAfterTheEnd();
+      daemon.mKernel.AddRule(fmt::format("{} drop", command));
+      daemon.AllowOnAfterTheEnd();
       if (!enabled) {
-        station.Enable();
+        daemon.Enable();
       }
     }
   }

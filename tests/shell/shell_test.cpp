@@ -13,14 +13,14 @@
 #include <thread>
 #include <vector>
 
-#include "framework/logcapture.h"
 #include "src/commandline.h"
 #include "src/hublogger.h"
 #include "src/interruptrelay.h"
 #include "src/processcontrolservice.h"
 #include "src/rfidservice.h"
 #include "src/terminatehandler.h"
-#include "statemachines/doormachine.h"
+#include "tests/framework/logcapture.h"
+#include "tests/statemachines/doormachine.h"
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -108,7 +108,7 @@ TEST(InterruptRelay, CatchesSigintOnlyWhileItLivesAndOnAnotherThread) {
       KilledBySignal(SIGINT), "");
 }
 
-TEST(CommandLine, WhatStandsBeforeARejectedOptionIsInForceWhenTheUsageIsPrinted) {
+TEST(CommandLine, OptionsBeforeARejectedOneCountWhenTheUsageIsPrinted) {
   const LogCapture log;
   Log::SetLogLevel(Log::ELogLevel::Info);
   std::vector<std::string> words{"rfidd", "-q", "-v", "-x"};

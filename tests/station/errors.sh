@@ -1,5 +1,5 @@
 #!/bin/bash
-# What cannot be done is said in one line, with the tool's name, on standard error. Argument: the tools' folder.
+# Every failure of a tool is one line on standard error that begins with the tool's name. Argument: the tools' folder.
 set -uo pipefail
 PATH=$1:$PATH
 cd "$(mktemp -d "${TMPDIR:-/tmp}/rfid-errors.XXXXXX")" || exit 1
@@ -10,7 +10,7 @@ long=$(printf 'x%.0s' {1..200})
 plex() { printf '{"listen": "unix:r", "peers": {%s}, "configuration": "%s"}' "$1" "$2" >etc/plex.json; }
 failed=0
 
-# expect STATUS TEXT COMMAND: by the shell, so that it may redirect.
+# expect STATUS TEXT COMMAND: the shell runs the command, so that it may redirect.
 expect() {
   local error status
   error=$(bash -c "timeout 200 $3" 2>&1 >/dev/null </dev/null)

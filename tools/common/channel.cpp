@@ -1,4 +1,4 @@
-#include "common/channel.h"
+#include "tools/common/channel.h"
 
 #include <grpc/support/log.h>
 

@@ -13,16 +13,16 @@ constexpr const char* kRfidService = "Rfid";
 constexpr const char* kLogService = "RfidLog";
 constexpr const char* kDiagnosticsService = "Diagnostics";
 
-/// The RPC configuration file of the station below `root`. Throws Rpc::ConfigurationException.
+/// Reads the RPC configuration file of the station below `root`. Throws Rpc::ConfigurationException.
 RpcConfig LoadRpcConfig(const std::string& root);
 
-/// A channel to the service registered under `name` at `address` ("unix:/path" or "host:port"). Connects at
-/// the first call and again, within a second, when the service comes back.
+/// Makes a channel to the service registered under `name` at `address` ("unix:/path" or "host:port"). It
+/// connects at the first call, and again within a second when the service comes back.
 std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address, const std::string& name);
 
-/// From now on the RPC library says nothing on standard error of its own, where a tool has one line for what
-/// failed. Not when the environment asks for it by GRPC_VERBOSITY.
+/// Keeps the RPC library from writing to standard error, where a tool prints one line for a failure. The
+/// environment variable GRPC_VERBOSITY allows it again.
 void SilenceRpcLibrary();
 
-/// Why a call failed, without the RPC library's own words around it.
+/// The reason why a call failed, without the RPC library's words around it.
 std::string ReasonOf(const grpc::Status& status);

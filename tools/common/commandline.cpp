@@ -1,4 +1,4 @@
-#include "common/commandline.h"
+#include "tools/common/commandline.h"
 
 #include <fcntl.h>
 
@@ -6,8 +6,9 @@ namespace {
 
 constexpr int kFailureStatus = 1;
 
-/// A tool that is started without its standard streams must not take a socket for one of them later. What is
-/// put in their places can be neither read nor written, so that output fails as it should.
+/// A tool may be started without its standard streams. Then the next sockets would get their numbers. This
+/// occupies the numbers with descriptors that can be neither read nor written, so that output fails as it
+/// should.
 void OccupyStandardStreams() {
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
     if (fcntl(descriptor, F_GETFD) < 0) {
@@ -16,7 +17,7 @@ void OccupyStandardStreams() {
   }
 }
 
-/// The library says that a command is missing also when there is a word that is none.
+/// The library says "a subcommand is required" even if the command line has an unknown word: name that word.
 std::string Reason(const CLI::App& app, const CLI::ParseError& error) {
   const auto unknown = app.remaining(true);
   if (error.get_name() != "RequiredError" || unknown.empty()) {

@@ -6,12 +6,11 @@
 
 constexpr int kUsageStatus = 2;  ///< exit status for a command line that cannot be understood
 
-/// To be called first. Adds what every tool has: --version, and options of the whole tool accepted after a
-/// subcommand, too.
+/// Call this first. Adds --version, and lets the tool's own options stand after a subcommand, too.
 void SetUpTool(CLI::App& app);
 
-/// Reads the command line. A value is the exit status with which the tool ends at once: help or version were
-/// printed, or an error was.
+/// Reads the command line. If it returns a value, help, version or an error were printed: end with that exit
+/// status.
 std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv);
 
 /// Adds the argument "on|off".

@@ -1,4 +1,4 @@
-#include "common/output.h"
+#include "tools/common/output.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -55,7 +55,7 @@ std::string Printable(std::string_view text) {
 
 namespace {
 
-/// The present second by `calendar` (fmt::localtime or fmt::gmtime), and the milliseconds beside it.
+/// The current second, in the time zone of `calendar` (fmt::localtime or fmt::gmtime), and the milliseconds.
 std::pair<std::tm, int> Now(std::tm (*calendar)(std::time_t)) {
   const auto now = std::chrono::system_clock::now();
   const auto second = std::chrono::floor<std::chrono::seconds>(now);

@@ -4,7 +4,7 @@
 
 #include "ipc/common.pb.h"
 
-/// "Enabled" for EStateEnabled; the number for a state that this program does not know.
+/// "Enabled" for EStateEnabled. A state that this program does not know becomes its number.
 inline std::string StateText(ipc::EState state) {
   constexpr std::size_t kPrefix = 6;  // "EState"
   const std::string& name = ipc::EState_Name(state);

@@ -1,4 +1,4 @@
-#include "common/stopsignals.h"
+#include "tools/common/stopsignals.h"
 
 #include <poll.h>
 #include <signal.h>

@@ -2,8 +2,8 @@
 
 #include <chrono>
 
-/// SIGINT and SIGTERM as something to wait for. To be made before the process has other threads: they inherit
-/// that the two signals are blocked, so that the signals come here.
+/// Blocks SIGINT and SIGTERM and makes them something to wait for. Create it before the process has other
+/// threads: they inherit the blocked signals, so that the signals arrive here.
 class StopSignals {
  public:
   StopSignals();

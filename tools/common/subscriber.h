@@ -42,7 +42,7 @@ class Subscriber {
     mThread.join();
   }
 
-  /// Blocks until the service has confirmed the first subscription, or has failed it, or the time is over.
+  /// Blocks until the service has confirmed or refused the first subscription, or the timeout is over.
   void WaitUntilSubscribed(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mMutex);
     mChanged.wait_for(lock, timeout, [this] { return mSubscribed; });

@@ -1,4 +1,4 @@
-// rfid-demo: a day of a station with the real daemon, in front of an audience.
+// rfid-demo: plays a day of a station with the real daemon.
 
 #include <fmt/format.h>
 
@@ -28,7 +28,7 @@ fs::path MakeRoot(const fs::path& wanted) {
   return fs::absolute(wanted).lexically_normal();
 }
 
-/// The word as the shell reads it again.
+/// The word, quoted for the shell where necessary.
 std::string Quoted(std::string word) {
   constexpr const char* kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+./:=@,";
   if (word.find_first_not_of(kPlain) == std::string::npos) {
@@ -80,7 +80,7 @@ Ctrl-C ends it all.)",
                            fmt::arg("settings", settings), fmt::arg("log", Quoted(station.Path("log")))));
 }
 
-/// Leaves the station running, with the bench instead of the story's own peers, until a signal comes.
+/// Runs the station, with the bench as its peers, until a signal comes.
 void Stay(Station& station, Narrator& narrator, const StopSignals& signals) {
   const std::string programs = fs::read_symlink("/proc/self/exe").parent_path();
   const virtualnfc::ControlServer control(station.Kernel());
@@ -107,7 +107,7 @@ void Stay(Station& station, Narrator& narrator, const StopSignals& signals) {
 int Run(const fs::path& root, bool stays) {
   const StopSignals signals;
   Narrator narrator;
-  // A session of its own keeps the terminal's Ctrl-C from the daemon: this program ends it.
+  // The daemon runs in a session of its own, so that Ctrl-C does not reach it: this program ends it.
   Station station(MakeRoot(root), {}, {"/usr/bin/setsid"});
   station.KeepFolder();
   station.WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");

@@ -138,7 +138,7 @@ class Story {
   }
 
  private:
-  /// What the station sees. Each kind has its own order; how two kinds interleave is left to chance.
+  /// What the station sees of one kind, in its order. The order between two kinds is left to chance.
   struct Stream {
     const char* what;
     std::deque<std::string> seen;

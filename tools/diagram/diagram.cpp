@@ -1,4 +1,4 @@
-#include "diagram/diagram.h"
+#include "tools/diagram/diagram.h"
 
 #include <fmt/format.h>
 

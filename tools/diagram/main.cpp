@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "diagram/diagram.h"
+#include "tools/diagram/diagram.h"
 
 int main(int argc, char** argv) {
   const std::string_view form = argc == 2 ? argv[1] : "";

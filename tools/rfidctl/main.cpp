@@ -1,26 +1,52 @@
 // rfidctl: controls the RFID daemon and shows what it notifies.
 
 #include <algorithm>
-#include <cstdlib>
+#include <functional>
 
-#include "common/channel.h"
-#include "common/commandline.h"
-#include "common/output.h"
 #include "framework/rpc.h"
-#include "rfidctl/requests.h"
-#include "rfidctl/watch.h"
+#include "tools/common/channel.h"
+#include "tools/common/commandline.h"
+#include "tools/common/output.h"
+#include "tools/rfidctl/requests.h"
+#include "tools/rfidctl/watch.h"
 
 namespace {
 
 constexpr const char* kFooter =
     "Exit status:\n"
-    "  0  done; watch: also when Ctrl-C, SIGTERM or --timeout ended it and there was no --count,\n"
-    "     and when nobody reads its output any more\n"
-    "  1  the daemon refused the request: it does not fit its present state; or the diagnostics service\n"
-    "     does not list its signals; or the output cannot be written\n"
+    "  0  done; for watch also: ended by Ctrl-C, SIGTERM or --timeout without --count, or nobody reads\n"
+    "     the output any more\n"
+    "  1  the daemon refused the request, the diagnostics service does not list its signals, or the\n"
+    "     output cannot be written\n"
     "  2  the command line cannot be understood\n"
     "  3  the daemon, or for signals the diagnostics service, cannot be reached\n"
     "  4  watch ended before --count";
+
+/// The daemon judges the UID, but only text can be sent to it.
+std::string CheckText(const std::string& text) {
+  const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+  return std::all_of(text.begin(), text.end(), isAscii) ? "" : "a UID has hexadecimal digits only";
+}
+
+/// A number may also be "nan" for the library.
+std::string CheckDigits(const std::string& text) {
+  return text.find_first_not_of("0123456789.") == std::string::npos ? ""
+                                                                    : text + " is not a number of seconds";
+}
+
+std::string CheckAddress(const std::string& text) {
+  constexpr std::size_t kLongestPath = 107;  // what the system has room for
+  if (text.starts_with("unix:")) {
+    return text.size() > 5 + kLongestPath ? "a socket's path has no more than 107 characters" : "";
+  }
+  const auto colon = text.rfind(':');
+  const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
+  return colon > 0 && CLI::Range(1, 65535)(std::string(port)).empty()
+             ? ""
+             : "'" + text + "' is neither unix:PATH nor HOST:PORT";
+}
+
+using Command = std::function<EExit(const Daemon&)>;
 
 struct Options {
   std::string root = "/";
@@ -29,74 +55,51 @@ struct Options {
   bool on = false;
   std::string uid;
   std::string level;
-  double timeout = 0;
-  std::vector<std::string> kinds;
   WatchOptions watch;
+  Command command;
 };
 
-/// The checks of command line arguments: empty when the text can be used, what is wrong otherwise.
-
-std::string CheckCount(const std::string& text) {
-  const bool isNumber = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-  return isNumber && text.size() <= 9 && text.find_first_not_of('0') != std::string::npos
-             ? ""
-             : text + " is no number from 1 to 999999999";
-}
-
-std::string CheckSeconds(const std::string& text) {
-  constexpr double kYear = 366.0 * 24 * 60 * 60;
-  char* end = nullptr;
-  const double seconds = std::strtod(text.c_str(), &end);
-  return *end == '\0' && seconds > 0 && seconds <= kYear ? ""
-                                                         : text + " is no number of seconds up to a year";
-}
-
-/// The daemon judges the UID, but what is no text cannot be sent to it.
-std::string CheckText(const std::string& text) {
-  const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
-  return std::all_of(text.begin(), text.end(), isAscii) ? "" : "a UID has hexadecimal digits only";
-}
-
-std::string CheckAddress(const std::string& text) {
-  constexpr std::size_t kLongest = 5 + 107;  // "unix:" and what the system has room for
-  const auto colon = text.rfind(':');
-  const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
-  const bool isUnix = text.rfind("unix:", 0) == 0 && text.size() > 5;
-  const bool isTcp = colon != 0 && !port.empty() && port.size() <= 5 &&
-                     port.find_first_not_of("0123456789") == std::string::npos && std::stoi(port) >= 1 &&
-                     std::stoi(port) <= 65535;
-  if (isUnix && text.size() > kLongest) {
-    return "a socket's path has no more than 107 characters";
-  }
-  return isUnix || isTcp ? "" : "'" + text + "' is neither unix:PATH nor HOST:PORT";
-}
-
 void AddCommands(CLI::App& app, Options& options) {
-  app.add_subcommand("state", "Print the daemon's state");
-  app.add_subcommand("enable", "Start reading cards");
-  app.add_subcommand("disable", "Stop reading cards; the first one completes the daemon's start-up");
-
-  AddSwitch(*app.add_subcommand("learning", "Notify cards as learning tokens instead of authorising them"),
+  const auto add = [&](const char* name, const char* description, const Command& command) -> CLI::App& {
+    return *app.add_subcommand(name, description)->callback([&options, command] {
+      options.command = command;
+    });
+  };
+  add("state", "Print the daemon's state", PrintState);
+  add("enable", "Start reading cards", Enable);
+  add("disable", "Stop reading cards; the first one completes the daemon's start-up", Disable);
+  AddSwitch(add("learning", "Notify cards as learning tokens instead of authorising them",
+                [&](const Daemon& daemon) { return SetLearning(daemon, options.on); }),
             options.on);
-
-  app.add_subcommand("inject", "Simulate a card at the reader; this can start a charge")
-      ->add_option("UID", options.uid, "Hexadecimal, 8 to 16 digits; the daemon judges it")
+  add("inject", "Simulate a card at the reader; this can start a charge",
+      [&](const Daemon& daemon) { return InjectToken(daemon, options.uid); })
+      .add_option("UID", options.uid, "Hexadecimal, 8 to 16 digits; the daemon judges it")
       ->required()
       ->check(CheckText);
 
-  auto* watch = app.add_subcommand("watch", "Print states, signs of life and cards as they are notified");
-  watch->add_option("--count", options.watch.count, "End after so many lines")->check(CheckCount);
-  watch->add_option("--timeout", options.timeout, "End after so many seconds")->check(CheckSeconds);
-  watch->add_option("--only", options.kinds, "Show and count these kinds only")
+  auto& watch = add("watch", "Print states, signs of life and cards as they are notified",
+                    [&](const Daemon& daemon) { return Watch(daemon, options.watch); });
+  watch.add_option("--count", options.watch.count, "End after so many lines")
+      ->check(CLI::Range(1, 999'999'999));
+  watch
+      .add_option_function<double>(
+          "--timeout",
+          [&](double seconds) { options.watch.timeout = std::chrono::duration<double>(seconds); },
+          "End after so many seconds")
+      ->check(CLI::Range(0.001, 366.0 * 24 * 60 * 60))
+      ->check(CheckDigits);
+  watch.add_option("--only", options.watch.kinds, "Show and count these kinds only")
       ->delimiter(',')
       ->check(CLI::IsMember({"state", "alive", "token", "learning-token"}));
 
-  app.add_subcommand("log-level", "Print the daemon's log level, or change it")
-      ->add_option("LEVEL", options.level)
+  add("log-level", "Print the daemon's log level, or change it",
+      [&](const Daemon& daemon) {
+        return options.level.empty() ? PrintLogLevel(daemon) : SetLogLevel(daemon, options.level);
+      })
+      .add_option("LEVEL", options.level)
       ->check(CLI::IsMember(LogLevelNames()));
-
-  app.add_subcommand("signals",
-                     "Print what the station's diagnostics service has: the last value of every signal");
+  add("signals", "Print what the station's diagnostics service has: the last value of every signal",
+      PrintSignals);
 }
 
 /// Where the command's request goes.
@@ -116,37 +119,6 @@ Daemon Addressee(const Options& options, bool isDiagnostics) {
     addressee.address = peer->second;
   }
   return addressee;
-}
-
-EExit Run(const CLI::App& app, Options& options) {
-  const auto wanted = [&](const char* command) { return app.got_subcommand(command); };
-  const Daemon daemon = Addressee(options, wanted("signals"));
-  if (wanted("signals")) {
-    return PrintSignals(daemon);
-  }
-  if (wanted("state")) {
-    return PrintState(daemon);
-  }
-  if (wanted("enable")) {
-    return Enable(daemon);
-  }
-  if (wanted("disable")) {
-    return Disable(daemon);
-  }
-  if (wanted("learning")) {
-    return SetLearning(daemon, options.on);
-  }
-  if (wanted("inject")) {
-    return InjectToken(daemon, options.uid);
-  }
-  if (wanted("log-level")) {
-    return options.level.empty() ? PrintLogLevel(daemon) : SetLogLevel(daemon, options.level);
-  }
-  options.watch.kinds.insert(options.kinds.begin(), options.kinds.end());
-  if (options.timeout > 0) {
-    options.watch.timeout = std::chrono::duration<double>(options.timeout);
-  }
-  return Watch(daemon, options.watch);
 }
 
 int RunCommandLine(int argc, char** argv) {
@@ -170,7 +142,7 @@ int RunCommandLine(int argc, char** argv) {
   }
   SilenceRpcLibrary();
   try {
-    return static_cast<int>(Run(app, options));
+    return static_cast<int>(options.command(Addressee(options, app.got_subcommand("signals"))));
   } catch (const Rpc::ConfigurationException& e) {
     PrintError(kTool, std::string("cannot tell where to ask: ") + e.what());
     return static_cast<int>(EExit::Unreachable);

@@ -1,23 +1,23 @@
-#include "rfidctl/requests.h"
+#include "tools/rfidctl/requests.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <chrono>
 
-#include "common/channel.h"
-#include "common/output.h"
-#include "common/statetext.h"
 #include "ipc/diagnostics.grpc.pb.h"
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/log_config.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
+#include "tools/common/channel.h"
+#include "tools/common/output.h"
+#include "tools/common/statetext.h"
 
 namespace {
 
 // A command to the reader may keep the daemon's machine busy for half a minute.
 constexpr auto kAnswerTime = std::chrono::seconds(60);
-constexpr auto kLookTime = std::chrono::seconds(10);  ///< what is only looked at is there at once
+constexpr auto kLookTime = std::chrono::seconds(10);  ///< for values that are at hand
 
 [[noreturn]] void Fail(const Daemon& daemon, const grpc::Status& status) {
   if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
@@ -29,7 +29,7 @@ constexpr auto kLookTime = std::chrono::seconds(10);  ///< what is only looked a
   throw Unreachable("cannot reach the " + daemon.who + " at " + daemon.address + ": " + ReasonOf(status));
 }
 
-/// Makes one request of `Service` to the service registered under `name`: how that ended.
+/// Makes one request to the service registered under `name`. Returns the status of the call.
 template <typename Service, typename Request, typename Response>
 grpc::Status Try(const Daemon& daemon, const char* name,
                  grpc::Status (Service::Stub::*operation)(grpc::ClientContext*, const Request&, Response*),
@@ -40,7 +40,7 @@ grpc::Status Try(const Daemon& daemon, const char* name,
   return ((*stub).*operation)(&context, request, &response);
 }
 
-/// The answer to such a request; without one there is nothing to do.
+/// The same, but returns the answer. Fails without one.
 template <typename Service, typename Request, typename Response>
 Response Ask(const Daemon& daemon, const char* name,
              grpc::Status (Service::Stub::*operation)(grpc::ClientContext*, const Request&, Response*),

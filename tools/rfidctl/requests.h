@@ -3,10 +3,11 @@
 #include <string>
 #include <vector>
 
-#include "rfidctl/daemon.h"
+#include "tools/rfidctl/daemon.h"
 
-/// The commands that ask the daemon one thing. Each blocks until the daemon has answered (a minute at most)
-/// and prints what there is to print. They throw Unreachable.
+/// The commands that make one request. Each blocks until the daemon has answered, a minute at most, and
+/// prints the answer. Throws Unreachable, and std::runtime_error when the request is refused before the
+/// daemon sees it.
 EExit PrintState(const Daemon& daemon);
 EExit Enable(const Daemon& daemon);
 EExit Disable(const Daemon& daemon);
@@ -15,8 +16,7 @@ EExit InjectToken(const Daemon& daemon, const std::string& uid);
 EExit PrintLogLevel(const Daemon& daemon);
 EExit SetLogLevel(const Daemon& daemon, const std::string& level);  ///< one of LogLevelNames
 
-/// Prints what the station's diagnostics service, at `diagnostics.address`, knows of each signal, a line
-/// each.
+/// Prints a line for each signal that the diagnostics service at `diagnostics.address` lists.
 EExit PrintSignals(const Daemon& diagnostics);
 
 /// From the most to the least verbose.

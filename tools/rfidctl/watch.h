@@ -5,15 +5,15 @@
 #include <set>
 #include <string>
 
-#include "rfidctl/daemon.h"
+#include "tools/rfidctl/daemon.h"
 
 struct WatchOptions {
-  unsigned count = 0;                                    ///< lines after which to end; 0: any number
-  std::optional<std::chrono::duration<double>> timeout;  ///< time after which to end
+  unsigned count = 0;                                    ///< lines to print; 0: no limit
+  std::optional<std::chrono::duration<double>> timeout;  ///< none: no limit
   std::set<std::string> kinds;                           ///< what to show; empty: everything
 };
 
-/// Prints what the daemon notifies, a line each, until the count, the time, a signal, or nobody reads any
-/// more. A daemon that goes away is waited for. To be called before the process has other threads. Throws
-/// Unreachable when the daemon is not there at the start.
+/// Prints the daemon's notifications, a line each, until the count, the time, a signal, or until nobody reads
+/// the output any more. Waits for a daemon that goes away. Call it before the process has other threads.
+/// Throws Unreachable when the daemon is not there at the start.
 EExit Watch(const Daemon& daemon, const WatchOptions& options);

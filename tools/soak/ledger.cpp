@@ -14,7 +14,7 @@ constexpr std::array<const char*, kOutcomeCount> Names{
     "lost: not enabled",
     "lost: an error was reported",
     "lost: no reader, reported",
-    "lost: the event was lost, the next look at polling cures it",
+    "lost: the event was lost, the next check of polling cures it",
     "unexplained"};
 
 }  // namespace

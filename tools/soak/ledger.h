@@ -4,21 +4,21 @@
 #include <string>
 #include <vector>
 
-/// What became of a swipe: a card put to the reader, or the request to simulate one.
+/// The outcome of a swipe: a card held to the reader, or a request to simulate one.
 enum class EOutcome {
   Notified,       ///< as a token or a learning token
-  Suppressed,     ///< seen within the last two seconds before
+  Suppressed,     ///< the card was seen less than two seconds before
   Withheld,       ///< charging is free, cards are not notified
   Refused,        ///< the request was answered Illegal: the daemon is not enabled
-  LostDisabled,   ///< the reader was off, or was switched off meanwhile
+  LostDisabled,   ///< the reader was off, or was being switched off
   LostError,      ///< the supervisor was told of an error
   LostUnplugged,  ///< there was no reader; the supervisor was told
-  LostUnheard,    ///< the kernel's event was lost without a sign, and the card went before the next look
+  LostUnheard,    ///< the kernel's event was lost, and the card was gone at the next check of polling
   Unexplained
 };
 constexpr size_t kOutcomeCount = 9;
 
-/// The book of swipes and notifications.
+/// Counts swipes and notifications, and whether they match.
 class Ledger {
  public:
   void Enter(EOutcome outcome) { ++mOutcomes[static_cast<size_t>(outcome)]; }
@@ -26,7 +26,7 @@ class Ledger {
   void EnterNotification() { ++mNotifications; }
   void EnterLogged(size_t count) { mLogged += count; }
 
-  /// Something that must not be.
+  /// Notes something that must not happen.
   void AddProblem(const std::string& what) { mProblems.push_back(what); }
 
   bool HasNoProblem() const { return mProblems.empty(); }
@@ -34,8 +34,8 @@ class Ledger {
   /// Every swipe has one outcome, every notification one swipe, and there was no problem.
   bool AddsUp() const;
 
-  std::string Line() const;    ///< for people who wait
-  std::string Report() const;  ///< at the end
+  std::string Line() const;    ///< the progress
+  std::string Report() const;  ///< the result
 
  private:
   size_t Count(EOutcome outcome) const { return mOutcomes[static_cast<size_t>(outcome)]; }
@@ -43,7 +43,7 @@ class Ledger {
 
   std::array<size_t, kOutcomeCount> mOutcomes{};
   size_t mSent = 0;
-  size_t mNotifications = 0;  ///< that came to the supervisor
-  size_t mLogged = 0;         ///< that the daemon says in its log to have sent
+  size_t mNotifications = 0;  ///< received by the supervisor
+  size_t mLogged = 0;         ///< sent, by the daemon's own log
   std::vector<std::string> mProblems;
 };

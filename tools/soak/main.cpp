@@ -1,5 +1,5 @@
-// soak: the daemon in a busy station for a long time; does every swipe have its outcome, and does nothing
-// grow?
+// soak: runs the daemon in a busy station for a long time, and checks that every swipe has its outcome and
+// that the daemon does not grow.
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -7,9 +7,9 @@
 #include <chrono>
 #include <random>
 
-#include "common/commandline.h"
-#include "common/output.h"
-#include "common/stopsignals.h"
+#include "tools/common/commandline.h"
+#include "tools/common/output.h"
+#include "tools/common/stopsignals.h"
 #include "tools/soak/soak.h"
 
 namespace {
@@ -63,10 +63,10 @@ int Run(double minutes, unsigned seed) {
 int RunCommandLine(int argc, char** argv) {
   double minutes = 30;
   unsigned seed = std::random_device()();
-  CLI::App app("Runs the daemon in a busy station at random and keeps book of every swipe.", "soak");
+  CLI::App app("Runs the daemon in a busy station with random events and accounts for every swipe.", "soak");
   SetUpTool(app);
   app.add_option("--minutes", minutes, "How long")->capture_default_str()->check(CLI::Range(0.01, 100000.0));
-  app.add_option("--seed", seed, "What happens; another seed, other things. Default: a random one");
+  app.add_option("--seed", seed, "Seed of the random events. Default: a random one");
   app.footer("Exit status: 0 everything adds up, 1 it does not, 2 the command line cannot be understood.");
   if (const auto status = ParseCommandLine(app, argc, argv)) {
     return *status;

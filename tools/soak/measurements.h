@@ -5,7 +5,7 @@
 
 #include "tools/harness/process.h"
 
-/// What the daemon needs, over time.
+/// The daemon's use of resources over time.
 class Measurements {
  public:
   /// Notes the resident memory, the descriptors and the threads of a daemon that runs. `starts`: how many

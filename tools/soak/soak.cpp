@@ -75,8 +75,8 @@ void Soak::Inject() {
   mLedger.EnterSent();
   const auto before = Clock::now();
   Require(mStation.Control().Inject(card.uid) == "Ok", "an injected card is taken while enabled");
-  // The request is answered before it is carried out, so the first fence may overtake the card, the second
-  // may not.
+  // The daemon answers the request before it carries it out. So the first fence may overtake the card, but
+  // not the second.
   Require(Settle() && Settle(), "an injected card is no error");
   const auto seen = mSeen.find(card.uid);
   const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= kRecentTagTimeout;
@@ -124,7 +124,7 @@ void Soak::SwipeWhileSomethingFails() {
     const char* text;
     EFailure failure;
   };
-  // A START_POLL of the look after polling may be the one that fails; the look tries once more.
+  // The START_POLL that fails may be the one of the polling check, which tries once more.
   static constexpr Rule kRules[] = {
       {"START_POLL nth=1 errno=EPROTO", EFailure::Possible},
       {"START_POLL nth=1 errno=EBUSY", EFailure::Possible},
@@ -257,7 +257,7 @@ void Soak::ToggleLearning() {
   Require(mStation.Control().Learning(mLearning) == "Ok", "learning is switched while enabled");
 }
 
-/// A new process, after whatever became of the old one, with a reader.
+/// Ends the old process if there is one, makes sure of a reader, and starts a new process.
 void Soak::Restart() {
   if (mStation.HasDaemon()) {
     StopDaemon(Below(4) == 0 ? SIGKILL : SIGINT);
@@ -300,7 +300,7 @@ void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, EFailure fail
     return;
   }
   Require(isRead, "there is no error without a cause");
-  // Between what certainly is a repetition and what certainly is none, both are right.
+  // Near the limit of two seconds the card may be suppressed or not.
   const auto seen = mSeen.find(card.uid);
   const bool maySuppress = seen != mSeen.end() && before - seen->second.last <= kRecentTagTimeout;
   const bool mustSuppress = seen != mSeen.end() && Clock::now() - seen->second.first < kRecentTagTimeout;

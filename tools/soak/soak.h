@@ -10,35 +10,34 @@
 #include "tools/soak/measurements.h"
 #include "tools/soak/stationdriver.h"
 
-/// Does at random what happens at a charging station and keeps book of every swipe. It knows from the outside
-/// alone (kernel, answers, notifications) what the daemon has to make of a swipe, and enters what it made of
-/// it.
+/// Plays random events of a charging station and accounts for every swipe. From what it does and sees
+/// (kernel, answers, notifications) it knows the outcome that each swipe must have, and compares.
 ///
-/// One thread. Every wait ends.
+/// One thread. Every wait has a timeout.
 class Soak : public StationDriver {
  public:
   explicit Soak(unsigned seed);
 
   /// Starts the daemon and enables it.
   void Begin() { Restart(); }
-  /// One thing that happens, of all kinds that do. Leaves the daemon enabled.
+  /// Plays one random event. Leaves the daemon enabled.
   void Act();
   /// Ends the daemon.
   void End();
 
-  /// Takes the resident memory, the descriptors and the threads of the daemon down.
+  /// Notes the daemon's memory, descriptors and threads.
   void Measure();
 
   std::string Charts() const { return mMeasurements.Charts(); }
 
  private:
-  /// When a card was seen: not before, and not after.
+  /// The period in which a card was seen.
   struct Sighting {
     Clock::time_point first;
     Clock::time_point last;
   };
 
-  // The kinds of things that happen.
+  // The kinds of events.
   void Tap() { Swipe(mCards.Random(), std::chrono::milliseconds(0), EFailure::None); }
   void HoldCard() { Swipe(mCards.Random(), std::chrono::milliseconds(100 + Below(4000)), EFailure::None); }
   void Inject();
@@ -58,12 +57,13 @@ class Soak : public StationDriver {
   void ToggleLearning();
   void Restart();
 
-  /// Whether the reader can go on reading, or the supervisor is told.
+  /// Whether an event ends the reading of cards, which the supervisor is told of.
   enum class EFailure { None, Possible, Certain };
   void Swipe(const Card& card, std::chrono::milliseconds hold, EFailure failure);
-  /// To Enabled after an error that cost `card` its notification, or did not.
+  /// Takes the daemon to Enabled after an error, which may or may not have cost `card` its notification.
   void RecoverWith(const Card& card);
-  /// Enters one swipe: notified, if what was expected was told (empty: nothing is), or else `otherwise`.
+  /// Enters one swipe: as notified if the expected notification came (empty: none is expected), else as
+  /// `otherwise`.
   void EnterOutcome(const std::string& expected, EOutcome otherwise, bool mayRepeat = false);
   std::string ExpectedNotification(const Card& card) const;
 
@@ -72,12 +72,12 @@ class Soak : public StationDriver {
   std::mt19937 mRandom;
   Cards mCards;
   std::set<std::string> mPermitted;       ///< in the local list
-  std::map<std::string, Sighting> mSeen;  ///< since polling was stopped last
+  std::map<std::string, Sighting> mSeen;  ///< since polling last stopped
   bool mOcpp = false;
   bool mFree = false;
   bool mLearning = false;
   unsigned mInjected = 0;  ///< cards without a UID
-  bool mIsBroken = false;  ///< the settings do not parse; the daemon has those that did
+  bool mIsBroken = false;  ///< the settings do not parse, so the daemon keeps the last good ones
 
   Measurements mMeasurements;
   unsigned mRestarts = 0;

@@ -22,7 +22,7 @@ size_t CountOf(const std::string& text, const std::string& part) {
 
 }  // namespace
 
-// In a session of its own, so that a Ctrl-C at the terminal is for this program alone.
+// The daemon runs in a session of its own, so that Ctrl-C at the terminal does not reach it.
 StationDriver::StationDriver(Stack stack)
     : mStation(NewFolder("soak"), {.kernel = {.stack = stack}, .detectionDelay = 50ms}, {"/usr/bin/setsid"}) {
   mStation.UseProgram("soak-rfidd");
@@ -78,7 +78,7 @@ StationDriver::Clock::duration StationDriver::Hold(std::chrono::milliseconds hol
 }
 
 bool StationDriver::Settle() {
-  // The monitor polls again once a card's token is on its way.
+  // The daemon polls again once it has passed a card on.
   const bool isIdle = Await([this] {
     const auto status = mStation.Kernel().GetStatus();
     return IsToldOfError() || (status.Device().polling && !status.commandWaits);
@@ -88,7 +88,7 @@ bool StationDriver::Settle() {
 }
 
 bool StationDriver::Fence() {
-  // No UID: it is notified whatever the configuration is, after everything that came before it.
+  // A malformed UID is notified whatever the configuration is, and after everything before it.
   const auto fence = fmt::format("{}{}", kFenceUid, ++mFences);
   if (mStation.Control().Inject(fence) != "Ok") {
     return false;

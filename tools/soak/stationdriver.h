@@ -8,11 +8,11 @@
 #include "tools/harness/station.h"
 #include "tools/soak/ledger.h"
 
-/// The UID of what Fence injects begins with this.
+/// The UIDs that Fence injects begin with this.
 constexpr const char* kFenceUid = "FENCE";
 
-/// The soak's hands and eyes: a station, what its supervisor is told, and the requirements that do not hold.
-/// One thread. Every wait ends.
+/// Operates a station and watches what its supervisor is told. Notes the requirements that do not hold. One
+/// thread. Every wait has a timeout.
 class StationDriver {
  public:
   const Ledger& Book() const { return mLedger; }
@@ -31,7 +31,7 @@ class StationDriver {
   /// Asks the daemon to enable or disable and waits for the state.
   void Request(bool enable);
   void StopDaemon(int signal);
-  /// Leaves the card there. Returns the longest time for which the reader did not see it.
+  /// Lets the card lie there. Returns the longest time for which the reader did not see it.
   Clock::duration Hold(std::chrono::milliseconds time);
   /// Waits until the reader polls again and the daemon has notified everything. Returns false if the
   /// supervisor was told of an error.
@@ -46,7 +46,7 @@ class StationDriver {
   bool AwaitTold(const std::string& what, size_t count = 1);
   bool IsToldOfError() const { return Told("Error") + Told("FatalError") > 0; }
 
-  /// Enters a problem unless the condition holds.
+  /// Notes a problem unless the condition holds. Returns the condition.
   bool Require(bool condition, const std::string& what);
 
   Station mStation;

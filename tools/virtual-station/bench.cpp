@@ -1,4 +1,4 @@
-#include "virtual-station/bench.h"
+#include "tools/virtual-station/bench.h"
 
 #include <json/reader.h>
 
@@ -8,16 +8,16 @@
 #include <system_error>
 #include <utility>
 
-#include "common/channel.h"
-#include "common/statetext.h"
+#include "tools/common/channel.h"
+#include "tools/common/statetext.h"
 #include "tools/virtual-nfc/kernel/tag.h"
 #include "tools/virtual-nfc/server/controlserver.h"
 
 namespace {
 
-// A command to the reader may keep the daemon's machine busy for half a minute.
+// A command to the reader may take the daemon half a minute.
 constexpr auto kAnswerTime = std::chrono::seconds(60);
-constexpr auto kReaderTime = std::chrono::seconds(5);  ///< virtual-nfc answers at once; Stop waits for it
+constexpr auto kReaderTime = std::chrono::seconds(5);  ///< virtual-nfc answers at once
 constexpr auto kLogPeriod = std::chrono::milliseconds(250);
 constexpr int kLookPeriods = 4;
 constexpr const char* kHoldMilliseconds = "700";
@@ -84,7 +84,7 @@ void Bench::ServePeers() {
           }
         });
   } catch (const std::runtime_error& e) {
-    mPeersProblem = std::string("the lamp and the signals stay dark: ") + e.what();
+    mPeersProblem = std::string("the lamp and the signals do not work: ") + e.what();
     mModel.SetNotice("No feedback here: " + mPeersProblem + ".");
   }
 }
@@ -96,7 +96,7 @@ void Bench::Subscribe() {
   const auto ended = [this](BenchModel::EStream stream) {
     return [this, stream](const grpc::Status& status) { mModel.OnStreamEnd(stream, ReasonOf(status)); };
   };
-  // Cards first, so that the outcome of what a state leads to is not missed.
+  // Cards first: a state may lead to a card at once, and its outcome must not be missed.
   mTokens = std::make_unique<Subscriber<ipc::Rfid, ipc::MRfidNotification>>(
       mRfidChannel,
       [this](const ipc::MRfidNotification& notification) {
@@ -118,9 +118,6 @@ void Bench::Subscribe() {
       },
       ended(BenchModel::EStream::States), opened(BenchModel::EStream::States));
 }
-
-// ---- What is looked up
-// -------------------------------------------------------------------------------------
 
 void Bench::WatchFiles() {
   int period = 0;
@@ -184,13 +181,10 @@ void Bench::LookAtSettings() {
   mModel.SetSettings(settings);
 }
 
-// ---- What is done
-// ------------------------------------------------------------------------------------------
-
 Bench::Answer Bench::Do(const Json::Value& request) {
   try {
     if (!request.isObject() || !request["do"].isString()) {
-      return {false, "the request says not what to do"};
+      return {false, "the request has no \"do\" field"};
     }
     Answer answer = Carry(request);
     const std::lock_guard lock(mMutex);
@@ -259,7 +253,7 @@ Bench::Answer Bench::Ask(const std::function<grpc::Status(grpc::ClientContext&, 
   {
     const std::lock_guard lock(mMutex);
     if (mStopping) {
-      return {false, "the bench ends"};
+      return {false, "the bench is stopping"};
     }
     mCalls.insert(&context);
   }

@@ -12,31 +12,30 @@
 #include <string>
 #include <thread>
 
-#include "common/subscriber.h"
 #include "framework/rpcconfig.h"
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
-#include "virtual-station/benchmodel.h"
-#include "virtual-station/logtail.h"
-#include "virtual-station/sectionfile.h"
-#include "virtual-station/virtualstation.h"
+#include "tools/common/subscriber.h"
+#include "tools/virtual-station/benchmodel.h"
+#include "tools/virtual-station/logtail.h"
+#include "tools/virtual-station/sectionfile.h"
+#include "tools/virtual-station/virtualstation.h"
 
-/// What a bench works with.
+/// Where a bench finds what it needs.
 struct BenchSettings {
   RpcConfig rpc;          ///< where the daemon, its peers and the sections are
   std::string nfcSocket;  ///< virtual-nfc's; empty: no simulated reader
   std::string logFile;    ///< the daemon's; empty: none is shown
 };
 
-/// The station on a bench: plays the daemon's supervisor, its peers, the configuration editor and the person
-/// with the cards, through the same doors as the command line tools.
+/// Plays everything around the daemon: its supervisor, its peers, the configuration editor and the person
+/// with the cards. Uses the same interfaces as the command line tools.
 ///
-/// Threads: every function may be called from any thread. What is seen goes to Model().
+/// Threads: any. What the bench sees goes to Model().
 class Bench {
  public:
-  /// Begins to watch; the daemon and the simulated reader need not be there. Without the addresses of
-  /// Feedback and Diagnostics (another program may have them) the bench goes on, and the model's notice says
-  /// so.
+  /// Starts watching. The daemon and the simulated reader may come later. If another program has the
+  /// addresses of Feedback and Diagnostics, the bench works without them and the model's notice says so.
   explicit Bench(BenchSettings settings);
   ~Bench();
   Bench(const Bench&) = delete;
@@ -49,15 +48,15 @@ class Bench {
 
   struct Answer {
     bool done;
-    std::string text;  ///< for people: what is the case now, or why it was not done
+    std::string text;  ///< for people: the new state, or the reason why it was not done
   };
   /// Carries out a request of the page: {"do": "enable" | "disable" | "plug" | "unplug" | "fault"}, {"do":
   /// "learning" | "ocpp" | "free", "on": B}, {"do": "tap", "kind": K, "uid": U}, {"do": "inject", "uid": U},
-  /// {"do": "permit", "uid": U, "on": B}. Blocks until it is done, a minute at most, or until Stop. Throws
-  /// nothing for whatever the request may hold.
+  /// {"do": "permit", "uid": U, "on": B}. Blocks until it is done, a minute at most, or until Stop. Answers
+  /// any other request with an error text; does not throw.
   Answer Do(const Json::Value& request);
 
-  /// Requests in progress end soon, the model's readers at once.
+  /// Cancels the requests in progress and closes the model.
   void Stop();
 
  private:
@@ -83,7 +82,7 @@ class Bench {
   std::shared_ptr<grpc::Channel> mControlChannel;
   std::shared_ptr<grpc::Channel> mRfidChannel;
 
-  std::mutex mMutex;  ///< of the following
+  std::mutex mMutex;  ///< guards the next four
   std::condition_variable mWake;
   bool mStopping = false;
   bool mLookSoon = true;

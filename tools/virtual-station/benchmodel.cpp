@@ -1,9 +1,9 @@
-#include "virtual-station/benchmodel.h"
+#include "tools/virtual-station/benchmodel.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "common/output.h"
+#include "tools/common/output.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ Json::Value ToArray(const std::deque<Json::Value>& values) {
   return array;
 }
 
-// proto3 enumerations are open: the wire may carry any number.
+// proto3 keeps unknown enum values, so any number may come.
 std::string OutcomeOf(ipc::ERfidAuthState state) {
   static const std::map<int, std::string> kOutcomes{{ipc::ERfidUidInStandAloneList, "accepted"},
                                                     {ipc::ERfidAuthDeferred, "deferred"},
@@ -74,7 +74,7 @@ void BenchModel::OnStreamEnd(EStream stream, const std::string& reason) {
   if (stream == EStream::States && !mState.empty()) {
     NoteTransition("");
   }
-  // A daemon that comes back has forgotten both.
+  // A daemon that comes back has forgotten the learning mode and the cards.
   mParts["learning"] = false;
   for (Card& card : mCards) {
     card.outcome = card.outcome == kWaiting ? kUnanswered : card.outcome;
@@ -146,7 +146,7 @@ void BenchModel::OnFeedback(ipc::EFbEventType event) {
   entry["event"] = NameOf(event);
   mFeedback.push_back(std::move(entry));
   KeepLatest(mFeedback, kMostEvents);
-  // While charging is free the daemon reports a card as scanned and says no more about it.
+  // While charging is free, the daemon only reports that a card was scanned.
   if (event == ipc::EFbTokenScanned && mParts["settings"]["free"].asBool() && !mParts["learning"].asBool()) {
     if (Card* const card = FindWaiting([](const Card&) { return true; })) {
       card->outcome = "free";

@@ -16,14 +16,14 @@
 #include "ipc/feedback.pb.h"
 #include "ipc/rfid.pb.h"
 
-/// What the bench has seen of the station, as its page shows it. Knows no sockets.
+/// What the bench has seen of the station, in the form in which its page shows it. Knows no sockets.
 ///
-/// Threads: every function may be called from any thread; only WaitForNews blocks.
+/// Threads: any. Only WaitForNews blocks.
 class BenchModel {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  /// The daemon's two streams of notifications. It counts as present while both are open.
+  /// The daemon's two notification streams. The daemon counts as present while both are open.
   enum class EStream { States, Cards };
   void OnStreamOpen(EStream stream);
   void OnStreamEnd(EStream stream, const std::string& reason);
@@ -35,17 +35,17 @@ class BenchModel {
   void OnFeedback(ipc::EFbEventType event);
   void OnSignal(const ipc::MSignal& signal);
 
-  /// A card is about to be put to the reader ("tapped") or injected; it waits for its outcome from now on.
-  /// `kind` is virtual-nfc's word for it, empty for an injected one. The number is for Withdraw.
+  /// Adds a card that is about to be tapped or injected; it now waits for its outcome. `kind` is
+  /// virtual-nfc's word for it, empty for an injected card. Returns a number for Withdraw.
   std::uint64_t OnCardPresented(const std::string& uid, const std::string& kind, TimePoint now);
-  /// It could not be presented after all.
+  /// Removes a card that could not be presented.
   void Withdraw(std::uint64_t card);
-  /// Cards that have waited too long count as unanswered.
+  /// Marks cards that have waited too long as unanswered.
   void GiveUpWaiting(TimePoint now);
 
   void OnLogLines(const std::vector<std::string>& lines);
 
-  /// Parts of the page that are looked up rather than notified; what is equal to the last is no news.
+  /// Parts of the page that the bench polls. An unchanged value is not news.
   void SetReader(const Json::Value& reader) { Set("reader", reader); }
   void SetSettings(const Json::Value& settings) { Set("settings", settings); }
   void SetLearning(bool on) { Set("learning", on); }
@@ -53,18 +53,18 @@ class BenchModel {
 
   bool IsLearning() const;
 
-  /// How far a reader of the news has come.
+  /// How much of the news a reader has had.
   struct Cursor {
     std::uint64_t revision = 0;
     std::uint64_t line = 0;
   };
   struct News {
-    bool closed = false;             ///< there will be none any more
-    bool changed = false;            ///< the snapshot is another one
+    bool closed = false;             ///< there will be no more news
+    bool changed = false;            ///< there is a new snapshot
     Json::Value snapshot;            ///< everything but the log, if it changed
     std::vector<std::string> lines;  ///< of the log
   };
-  /// Blocks until there is something that the reader does not know, but no longer than the time.
+  /// Blocks until there is news for this reader, or until the timeout.
   News WaitForNews(Cursor& cursor, std::chrono::milliseconds timeout) const;
   void Close();
 
@@ -104,5 +104,5 @@ class BenchModel {
   std::string mAliveTime;
   Json::Value mParts{Json::objectValue};
   std::deque<std::string> mLines;
-  std::uint64_t mLineCount = 0;  ///< lines ever; the last ones of them are in mLines
+  std::uint64_t mLineCount = 0;  ///< lines so far; mLines has the last ones
 };

@@ -1,4 +1,4 @@
-#include "virtual-station/benchserver.h"
+#include "tools/virtual-station/benchserver.h"
 
 #include <httplib.h>
 #include <json/reader.h>
@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "common/output.h"
+#include "tools/common/output.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ constexpr std::size_t kThreads = 24;
 constexpr std::size_t kLongestRequest = 4096;
 constexpr auto kHeartbeat = std::chrono::seconds(2);
 
-/// Only this server's own files run on its page, and nobody shows it inside a page of theirs.
+/// The page runs only this server's files, and no other page can embed it.
 const httplib::Headers kHeaders{
     {"Content-Security-Policy",
      "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'none'"},
@@ -63,12 +63,12 @@ BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
     : mModel(model), mCarrier(std::move(carrier)), mPort(port), mServer(std::make_unique<httplib::Server>()) {
   httplib::Server& server = *mServer;
   server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
-  // A port in use is an error here; the library would share it.
+  // By default the library shares a port that is in use. Here that is an error.
   server.set_socket_options([](socket_t socket) {
     const int yes = 1;
     setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   });
-  server.set_keep_alive_max_count(1);  // a connection that waits for its next request would hold a thread
+  server.set_keep_alive_max_count(1);  // an idle connection would hold a thread
   server.set_keep_alive_timeout(1);
   server.set_read_timeout(std::chrono::seconds(2));
   server.set_write_timeout(std::chrono::seconds(2));
@@ -118,7 +118,7 @@ void BenchServer::Run() {
 }
 
 void BenchServer::Stop() {
-  // The library takes no notice of a stop before it runs.
+  // The library ignores a stop before it runs.
   while (!mEnded && !mServer->is_running()) {
     std::this_thread::yield();
   }
@@ -133,7 +133,7 @@ bool BenchServer::IsPermitted(const httplib::Request& request, std::string& reas
   const std::string origin = request.get_header_value("Origin");
   const std::string kScheme = "http://";
   if (!isHere(request.get_header_value("Host")) || request.get_header_value_count("Host") != 1) {
-    reason = "this is the bench, not the host that was asked for";
+    reason = "the request names another host";
   } else if (request.has_header("Origin") &&
              (origin.rfind(kScheme, 0) != 0 || !isHere(origin.substr(kScheme.size())))) {
     reason = "requests from other pages are refused";
@@ -144,7 +144,7 @@ bool BenchServer::IsPermitted(const httplib::Request& request, std::string& reas
 }
 
 void BenchServer::ServeEvents(httplib::Response& response) {
-  // Each holds a thread for as long as its page is open.
+  // Each stream holds a thread for as long as its page is open.
   const std::shared_ptr<void> place(nullptr, [streams = mStreams](void*) { --*streams; });
   if (++*mStreams > kMostStreams) {
     response.status = 503;
@@ -164,7 +164,7 @@ void BenchServer::ServeRequest(const httplib::Request& request, httplib::Respons
   Json::Value wanted;
   if (!ParseObject(request.body, wanted)) {
     response.status = 400;
-    response.set_content("the request is no JSON object\n", "text/plain");
+    response.set_content("the request is not a JSON object\n", "text/plain");
     return;
   }
   const auto [done, text] = mCarrier(wanted);

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "virtual-station/benchmodel.h"
+#include "tools/virtual-station/benchmodel.h"
 
 namespace httplib {
 class Server;
@@ -26,15 +26,15 @@ struct PageFile {
 std::span<const PageFile> PageFiles();
 
 /// Serves the bench's page on the loopback address: the files, `/events` (server-sent events: "snapshot" and
-/// "log"), and `/do` for requests. What can be done here can start a charge, so that every request has to
-/// name this server as its host, one from a web page has to come from this server's own page, and `/do` needs
-/// a header that a page of somebody else cannot send.
+/// "log"), and `/do` for requests. A request can start a charge, so requests from other pages are refused:
+/// every request must name this server as its host, a browser's request must come from this server's page,
+/// and `/do` needs a header that other pages cannot send.
 class BenchServer {
  public:
-  /// Carries out one request of the page: whether it was done, and a text for people.
+  /// Carries out one request of the page. Returns whether it was done, and a text for people.
   using Carrier = std::function<std::pair<bool, std::string>(const Json::Value& request)>;
 
-  /// Takes the port; 0: any that is free. Throws std::runtime_error when it cannot be had.
+  /// Listens on the port; 0 takes any free one. Throws std::runtime_error if it cannot.
   BenchServer(BenchModel& model, Carrier carrier, int port);
   ~BenchServer();
   BenchServer(const BenchServer&) = delete;
@@ -44,7 +44,7 @@ class BenchServer {
 
   /// Blocks until Stop.
   void Run();
-  /// Callable from any thread, before Run, too. The model must have been closed: its readers are waited for.
+  /// May be called from any thread, also before Run. Close the model first: Stop waits for its readers.
   void Stop();
 
  private:

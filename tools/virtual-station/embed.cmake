@@ -16,7 +16,7 @@ foreach(file IN LISTS files)
   endif()
   string(APPEND entries "    {\"${path}\", \"${types_${ending}}\",\n     R\"~page~(${content})~page~\"},\n")
 endforeach()
-file(WRITE "${OUTPUT}" "#include \"virtual-station/benchserver.h\"
+file(WRITE "${OUTPUT}" "#include \"tools/virtual-station/benchserver.h\"
 
 namespace {
 constexpr PageFile cFiles[] = {

@@ -1,15 +1,15 @@
-#include "virtual-station/logtail.h"
+#include "tools/virtual-station/logtail.h"
 
 #include <sys/stat.h>
 
 #include <fstream>
 #include <regex>
 
-#include "common/output.h"
+#include "tools/common/output.h"
 
 namespace {
 
-constexpr std::uint64_t kMost = 64UL * 1024;  ///< that is read at once
+constexpr std::uint64_t kMost = 64UL * 1024;  ///< bytes per call
 constexpr std::size_t kLongestLine = 4096;
 
 std::string Plain(const std::string& line) {

@@ -5,19 +5,19 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
+#include <functional>
 #include <map>
 #include <optional>
 #include <thread>
 
-#include "common/channel.h"
-#include "common/commandline.h"
-#include "common/output.h"
-#include "common/stopsignals.h"
-#include "virtual-station/bench.h"
-#include "virtual-station/benchserver.h"
-#include "virtual-station/sectionfile.h"
-#include "virtual-station/virtualstation.h"
+#include "tools/common/channel.h"
+#include "tools/common/commandline.h"
+#include "tools/common/output.h"
+#include "tools/common/stopsignals.h"
+#include "tools/virtual-station/bench.h"
+#include "tools/virtual-station/benchserver.h"
+#include "tools/virtual-station/sectionfile.h"
+#include "tools/virtual-station/virtualstation.h"
 
 namespace {
 
@@ -63,7 +63,7 @@ std::string JsonOf(const VirtualStation::Call& call) {
   return ToJsonLine(line);
 }
 
-/// Until a signal comes, or nobody reads the output any more.
+/// Waits for a signal, or until nobody reads the output any more.
 void WaitForEnd(const StopSignals& signals) {
   pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
   while (poll(waiting, 2, -1) < 0 && errno == EINTR) {
@@ -96,7 +96,7 @@ int Serve(const Options& options) {
   return 0;
 }
 
-/// At the port that is asked for; without one at the usual port, and where that is taken at any.
+/// Without a port, takes the usual one, or any free one if that is taken.
 std::unique_ptr<BenchServer> OpenBenchServer(BenchModel& model, const BenchServer::Carrier& carrier,
                                              const std::optional<int>& port) {
   constexpr int kUsualPort = 8080;
@@ -186,29 +186,9 @@ std::string CheckUid(const std::string& text) {
              : "a UID has 4, 7 or 8 bytes, two hexadecimal digits each";
 }
 
-int Run(const CLI::App& app, const Options& options) {
-  if (app.got_subcommand("serve")) {
-    return Serve(options);
-  }
-  if (app.got_subcommand("bench")) {
-    return ServeBench(options);
-  }
-  if (app.got_subcommand("ocpp")) {
-    StationSettings(Store(options)).SetOcppActive(options.on);
-    return 0;
-  }
-  if (app.got_subcommand("free-charging")) {
-    StationSettings(Store(options)).SetFreeCharging(options.on);
-    return 0;
-  }
-  const CLI::App& card = *app.get_subcommand("card");
-  return card.got_subcommand("add")      ? AddCard(options)
-         : card.got_subcommand("remove") ? RemoveCard(options)
-                                         : ListCards(options);
-}
-
 int RunCommandLine(int argc, char** argv) {
   Options options;
+  std::function<int(const Options&)> command;
   CLI::App app(
       "The station around the RFID daemon: its feedback and diagnostics services and its configuration.",
       kTool);
@@ -219,46 +199,55 @@ int RunCommandLine(int argc, char** argv) {
       ->capture_default_str();
   app.add_flag("--json", options.json, "Output for programs: one JSON document a line");
   app.footer("Exit status: 0 done, 1 failed, 2 the command line cannot be understood.");
+  const auto add = [&](CLI::App& parent, const char* name, const char* description,
+                       auto action) -> CLI::App& {
+    return *parent.add_subcommand(name, description)->callback([&command, action] { command = action; });
+  };
 
-  auto* serve =
-      app.add_subcommand("serve", "Serve Feedback and Diagnostics and print every call, until Ctrl-C");
-  serve->add_option("--feedback-answer", options.feedbackAnswer, "How feedback calls are answered")
+  add(app, "serve", "Serve Feedback and Diagnostics and print every call, until Ctrl-C", Serve)
+      .add_option("--feedback-answer", options.feedbackAnswer, "How feedback calls are answered")
       ->check(CLI::IsMember({"ok", "illegal", "hang"}))
       ->capture_default_str();
 
-  auto* bench = app.add_subcommand(
-      "bench",
-      "Serve a page on this machine that shows the station and drives it, until Ctrl-C; prints its URL");
-  bench->add_option("--nfc", options.nfcSocket, "The socket of virtual-nfc, to put cards to its reader")
+  auto& bench =
+      add(app, "bench",
+          "Serve a page on this machine that shows the station and drives it, until Ctrl-C; prints its URL",
+          ServeBench);
+  bench.add_option("--nfc", options.nfcSocket, "The socket of virtual-nfc, to put cards to its reader")
       ->envname("VIRTUAL_NFC_SOCKET")
       ->type_name("SOCKET");
   bench
-      ->add_option("--port", options.port,
-                   "The port, 0 for any that is free; without it 8080, or any where that is taken")
+      .add_option("--port", options.port,
+                  "The port, 0 for any free one; default: 8080 or, if that is taken, any free one")
       ->check(CLI::Range(0, 65535));
-  bench->add_option("--log", options.logFile, "A file with the daemon's log, to show its end")
+  bench.add_option("--log", options.logFile, "A file with the daemon's log, to show its end")
       ->type_name("FILE");
 
-  auto* card = app.add_subcommand("card", "Show and change the local list of permitted cards");
-  card->require_subcommand(1);
-  for (const auto& [name, description] :
-       {std::pair{"add", "Permit a card"}, std::pair{"remove", "Permit a card no longer"}}) {
-    card->add_subcommand(name, description)
-        ->add_option("UID", options.uid, "Hexadecimal, for example 04A12B5C")
-        ->required()
-        ->check(CheckUid);
+  auto& card = *app.add_subcommand("card", "Show and change the local list of permitted cards");
+  card.require_subcommand(1);
+  for (CLI::App* one : {&add(card, "add", "Permit a card", AddCard),
+                        &add(card, "remove", "No longer permit a card", RemoveCard)}) {
+    one->add_option("UID", options.uid, "Hexadecimal, for example 04A12B5C")->required()->check(CheckUid);
   }
-  card->add_subcommand("list", "Print the UIDs, one a line");
-  AddSwitch(
-      *app.add_subcommand("ocpp", "Cards are authorised by the backend (on) or by the local list (off)"),
-      options.on);
-  AddSwitch(*app.add_subcommand("free-charging", "Charging without authorisation"), options.on);
+  add(card, "list", "Print the UIDs, one a line", ListCards);
+  AddSwitch(add(app, "ocpp", "Cards are authorised by the backend (on) or by the local list (off)",
+                [](const Options& o) {
+                  StationSettings(Store(o)).SetOcppActive(o.on);
+                  return 0;
+                }),
+            options.on);
+  AddSwitch(add(app, "free-charging", "Charging without authorisation",
+                [](const Options& o) {
+                  StationSettings(Store(o)).SetFreeCharging(o.on);
+                  return 0;
+                }),
+            options.on);
 
   if (const auto status = ParseCommandLine(app, argc, argv)) {
     return *status;
   }
   SilenceRpcLibrary();
-  return Run(app, options);
+  return command(options);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "virtual-station/sectionfile.h"
+#include "tools/virtual-station/sectionfile.h"
 
 #include <json/reader.h>
 #include <json/writer.h>

@@ -51,8 +51,8 @@ class CardList {
  public:
   explicit CardList(const std::filesystem::path& folder) : mFile(folder, "rfid_standalone") {}
 
-  bool Add(const std::string& uid) const;     ///< false when it is in the list already
-  bool Remove(const std::string& uid) const;  ///< false when it is not in the list
+  bool Add(const std::string& uid) const;     ///< false if it is already in the list
+  bool Remove(const std::string& uid) const;  ///< false if it is not in the list
   std::vector<std::string> Uids() const;
 
  private:

@@ -1,4 +1,4 @@
-#include "virtual-station/virtualstation.h"
+#include "tools/virtual-station/virtualstation.h"
 
 #include <grpcpp/grpcpp.h>
 #include <sys/socket.h>
@@ -21,8 +21,7 @@ const std::string kUnixScheme = "unix:";
 
 using SocketCall = int (*)(int, const sockaddr*, socklen_t);
 
-/// Connects a socket to the path, or binds one there: the error, 0 when there is none. The socket is closed
-/// again.
+/// Connects or binds a socket to the path and closes it again. Returns the error, or 0.
 int TrySocket(SocketCall call, const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -40,8 +39,8 @@ int TrySocket(SocketCall call, const std::string& path) {
   return error;
 }
 
-/// The RPC library replaces any socket that stands at the path, also one that is in use, and does not say why
-/// it cannot listen.
+/// The RPC library replaces any socket at the path, even one in use, and does not say why it cannot listen.
+/// So check the path first.
 void PrepareUnixSocket(const std::string& path) {
   const auto folder = std::filesystem::path(path).parent_path();
   std::error_code error;
@@ -52,7 +51,7 @@ void PrepareUnixSocket(const std::string& path) {
   if (answer == 0) {
     throw std::runtime_error(kUnixScheme + path + " is in use");
   }
-  if (answer == ECONNREFUSED && std::filesystem::is_socket(path, error)) {  // of one that is gone
+  if (answer == ECONNREFUSED && std::filesystem::is_socket(path, error)) {  // its station is gone
     std::filesystem::remove(path, error);
   }
   if (const int reason = TrySocket(bind, path); reason != 0) {
@@ -60,6 +59,12 @@ void PrepareUnixSocket(const std::string& path) {
                              std::generic_category().message(reason));
   }
   std::filesystem::remove(path, error);
+}
+
+grpc::ServerUnaryReactor* Finished(grpc::CallbackServerContext* context) {
+  auto* const reactor = context->DefaultReactor();
+  reactor->Finish(grpc::Status::OK);
+  return reactor;
 }
 
 /// A call that is never answered.
@@ -71,54 +76,27 @@ class UnansweredCall : public grpc::ServerUnaryReactor {
 
 }  // namespace
 
-class VirtualStation::Impl {
+class VirtualStation::Impl : ipc::Feedback::CallbackService, ipc::Diagnostics::CallbackService {
  public:
   Impl(const std::map<std::string, std::string>& peers, Observer observer, EAnswer feedbackAnswer)
-      : mObserver(std::move(observer)),
-        mFeedbackAnswer(feedbackAnswer),
-        mFeedback(*this),
-        mDiagnostics(*this) {
+      : mObserver(std::move(observer)), mFeedbackAnswer(feedbackAnswer) {
     std::map<std::string, std::vector<grpc::Service*>> servers;
     if (const auto peer = peers.find("Feedback"); peer != peers.end()) {
-      servers[peer->second].push_back(&mFeedback);
+      servers[peer->second].push_back(static_cast<ipc::Feedback::CallbackService*>(this));
     }
     if (const auto peer = peers.find("Diagnostics"); peer != peers.end()) {
-      servers[peer->second].push_back(&mDiagnostics);
+      servers[peer->second].push_back(static_cast<ipc::Diagnostics::CallbackService*>(this));
     }
     for (const auto& [address, services] : servers) {
       mServers.push_back(Serve(address, services));
     }
   }
 
-  ~Impl() {
+  ~Impl() override {
     for (const auto& server : mServers) {
       server->Shutdown(std::chrono::system_clock::now());
     }
-  }
-
-  ipc::EResult Take(Call call) {
-    const std::lock_guard lock(mMutex);
-    if (const auto* signal = std::get_if<ipc::MSignal>(&call)) {
-      mSignals[signal->id()] = *signal;
-    }
-    if (mObserver) {
-      mObserver(call);
-    } else {
-      mCalls.push_back(std::move(call));
-    }
-    return mFeedbackAnswer == EAnswer::Illegal ? ipc::EResultIllegal : ipc::EResultOk;
-  }
-
-  void ListSignals(ipc::MSignals& signals) const {
-    const std::lock_guard lock(mMutex);
-    for (const auto& [id, signal] : mSignals) {
-      *signals.add_signals() = signal;
-    }
-  }
-
-  bool IsHanging() const {
-    const std::lock_guard lock(mMutex);
-    return mFeedbackAnswer == EAnswer::Hang;
+    mServers.clear();
   }
 
   void SetFeedbackAnswer(EAnswer answer) {
@@ -132,61 +110,52 @@ class VirtualStation::Impl {
   }
 
  private:
-  class FeedbackService : public ipc::Feedback::CallbackService {
-   public:
-    explicit FeedbackService(Impl& station) : mStation(station) {}
+  grpc::ServerUnaryReactor* TriggerFeedbackEvent(grpc::CallbackServerContext* context,
+                                                 const ipc::MFbEventType* event,
+                                                 ipc::MResult* result) override {
+    const EAnswer answer = Take(*event);
+    result->set_result(answer == EAnswer::Illegal ? ipc::EResultIllegal : ipc::EResultOk);
+    return answer == EAnswer::Hang ? new UnansweredCall : Finished(context);
+  }
 
-    grpc::ServerUnaryReactor* TriggerFeedbackEvent(grpc::CallbackServerContext* context,
-                                                   const ipc::MFbEventType* event,
-                                                   ipc::MResult* result) override {
-      result->set_result(mStation.Take(*event));
-      if (mStation.IsHanging()) {
-        return new UnansweredCall;
-      }
-      auto* const reactor = context->DefaultReactor();
-      reactor->Finish(grpc::Status::OK);
-      return reactor;
+  grpc::ServerUnaryReactor* UpdateSignal(grpc::CallbackServerContext* context, const ipc::MSignal* signal,
+                                         ipc::MResult* result) override {
+    Take(*signal);
+    result->set_result(ipc::EResultOk);
+    return Finished(context);
+  }
+
+  grpc::ServerUnaryReactor* UpdateSignals(grpc::CallbackServerContext* context, const ipc::MSignals* signals,
+                                          ipc::MResult* result) override {
+    for (const ipc::MSignal& signal : signals->signals()) {
+      Take(signal);
     }
+    result->set_result(ipc::EResultOk);
+    return Finished(context);
+  }
 
-   private:
-    Impl& mStation;
-  };
-
-  class DiagnosticsService : public ipc::Diagnostics::CallbackService {
-   public:
-    explicit DiagnosticsService(Impl& station) : mStation(station) {}
-
-    grpc::ServerUnaryReactor* UpdateSignal(grpc::CallbackServerContext* context, const ipc::MSignal* signal,
-                                           ipc::MResult* result) override {
-      mStation.Take(*signal);
-      result->set_result(ipc::EResultOk);
-      auto* const reactor = context->DefaultReactor();
-      reactor->Finish(grpc::Status::OK);
-      return reactor;
+  grpc::ServerUnaryReactor* List(grpc::CallbackServerContext* context, const ipc::MEmpty* /*request*/,
+                                 ipc::MSignals* signals) override {
+    const std::lock_guard lock(mMutex);
+    for (const auto& [id, signal] : mSignals) {
+      *signals->add_signals() = signal;
     }
+    return Finished(context);
+  }
 
-    grpc::ServerUnaryReactor* UpdateSignals(grpc::CallbackServerContext* context,
-                                            const ipc::MSignals* signals, ipc::MResult* result) override {
-      for (const ipc::MSignal& signal : signals->signals()) {
-        mStation.Take(signal);
-      }
-      result->set_result(ipc::EResultOk);
-      auto* const reactor = context->DefaultReactor();
-      reactor->Finish(grpc::Status::OK);
-      return reactor;
+  /// Returns how a feedback call is to be answered.
+  EAnswer Take(Call call) {
+    const std::lock_guard lock(mMutex);
+    if (const auto* signal = std::get_if<ipc::MSignal>(&call)) {
+      mSignals[signal->id()] = *signal;
     }
-
-    grpc::ServerUnaryReactor* List(grpc::CallbackServerContext* context, const ipc::MEmpty* /*request*/,
-                                   ipc::MSignals* signals) override {
-      mStation.ListSignals(*signals);
-      auto* const reactor = context->DefaultReactor();
-      reactor->Finish(grpc::Status::OK);
-      return reactor;
+    if (mObserver) {
+      mObserver(call);
+    } else {
+      mCalls.push_back(std::move(call));
     }
-
-   private:
-    Impl& mStation;
-  };
+    return mFeedbackAnswer;
+  }
 
   static std::unique_ptr<grpc::Server> Serve(const std::string& address,
                                              const std::vector<grpc::Service*>& services) {
@@ -208,13 +177,10 @@ class VirtualStation::Impl {
   }
 
   const Observer mObserver;
-  mutable std::mutex mMutex;  ///< of the following
+  mutable std::mutex mMutex;  ///< guards the next three
   std::vector<Call> mCalls;
   std::map<int, ipc::MSignal> mSignals;  ///< the last of each
   EAnswer mFeedbackAnswer;
-
-  FeedbackService mFeedback;
-  DiagnosticsService mDiagnostics;
   std::vector<std::unique_ptr<grpc::Server>> mServers;
 };
 

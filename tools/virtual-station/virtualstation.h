@@ -10,37 +10,37 @@
 #include "ipc/diagnostics.pb.h"
 #include "ipc/feedback.pb.h"
 
-/// The services of other daemons that the RFID daemon calls, Feedback and Diagnostics: takes every call, and
-/// hands it to an observer or keeps it; one that brings several signals counts as a call for each. Whoever
-/// asks Diagnostics for the signals gets their last values.
+/// The two services that the RFID daemon calls, Feedback and Diagnostics. Hands every call to an observer or
+/// keeps it; a call with several signals counts as one for each. Diagnostics lists the last values of the
+/// signals.
 ///
-/// Threads: every function may be called from any thread; calls arrive on the RPC library's threads.
+/// Threads: any. Calls arrive on the RPC library's threads.
 class VirtualStation {
  public:
   enum class EAnswer {
     Ok,
     Illegal,
-    Hang,  ///< the answer never comes; the call ends with the caller's patience or with the station
+    Hang,  ///< never answer; the call ends with its deadline or with the station
   };
   using Call = std::variant<ipc::MFbEventType, ipc::MSignal>;
   using Observer = std::function<void(const Call&)>;
 
-  /// Serves "Feedback" and "Diagnostics" at the addresses that `peers` (name to address, as in RpcConfig)
-  /// gives for them; a service that it does not name is not served. A unix socket's folder is made where it
-  /// is missing, the socket of a station that is gone is replaced. Throws std::runtime_error when an address
-  /// cannot be had. `observer` is called for every call, one at a time, before it is answered; it must not
-  /// call the station. Without one, calls are kept for as long as the station lives.
+  /// Serves "Feedback" and "Diagnostics" at their addresses in `peers` (name to address, as in RpcConfig); a
+  /// service without an address is not served. Creates the folder of a unix socket if necessary and replaces
+  /// the socket of a station that is gone. Throws std::runtime_error if it cannot listen. `observer` is
+  /// called for every call before it is answered, one at a time; it must not call the station. Without an
+  /// observer the calls are kept for as long as the station lives.
   explicit VirtualStation(const std::map<std::string, std::string>& peers, Observer observer = {},
                           EAnswer feedbackAnswer = EAnswer::Ok);
-  ~VirtualStation();  ///< ends calls that are still waiting
+  ~VirtualStation();  ///< ends the calls that still wait
   VirtualStation(const VirtualStation&) = delete;
   VirtualStation& operator=(const VirtualStation&) = delete;
 
   /// How feedback calls are answered from now on.
   void SetFeedbackAnswer(EAnswer answer);
 
-  /// The feedback events, and the values of one signal, among the calls that are kept, in the order of
-  /// arrival.
+  /// The feedback events, or the values of one signal, in the order of the calls. For a station without
+  /// observer.
   std::vector<ipc::EFbEventType> FeedbackEvents() const;
   std::vector<std::string> SignalValues(ipc::ESignalIdentifier id) const;
 

@@ -6,7 +6,7 @@ import { machine } from '/machine.js';
 const edges = machine.transitions.map(({ from, to, event }) => [from, to, event]);
 const { initial, last, anyState } = machine;
 
-const stepTime = 900;  // a state that the machine passes in no time is shown that long
+const stepTime = 900;  // ms for which a state is shown, however short it lasted
 const make = (name, attributes, parent) => {
   const element = document.createElementNS('http://www.w3.org/2000/svg', name);
   for (const [key, value] of Object.entries(attributes)) element.setAttribute(key, value);
@@ -14,7 +14,7 @@ const make = (name, attributes, parent) => {
   return element;
 };
 
-// The shortest way by the states' own reactions; failing that, the one that every state has.
+// The shortest way by the states' own reactions, or else by the reactions that all states share.
 function wayBetween(from, to) {
   const ways = [[from]];
   const seen = new Set([from]);
@@ -84,7 +84,7 @@ export class Diagram {
     if (this.shown) this.show(this.shown);
   }
 
-  // Shows what is new among the transitions, one after the other; at first only where the machine is.
+  // Shows the new transitions one after the other. After the start, shows only the present state.
   update(transitions) {
     const fresh = transitions.filter(transition => transition.number > this.last);
     if (!fresh.length) return;

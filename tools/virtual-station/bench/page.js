@@ -8,7 +8,7 @@ const make = (tag, properties = {}, ...children) => {
   return element;
 };
 
-// The cards at hand. One without a kind cannot be put to a reader: it is injected.
+// The cards to click. One without a kind cannot be tapped: it is injected.
 const cards = [
   { name: 'Known card', uid: '04A12B5C', kind: 'mifare', about: 'MIFARE, 4 bytes', colour: '#0f766e' },
   { name: 'Unknown card', uid: '5A3C91F0', kind: 'mifare', about: 'MIFARE, 4 bytes', colour: '#475569' },
@@ -23,8 +23,6 @@ const diagram = new Diagram(find('diagram'), find('transition'));
 let snapshot;
 let alive = 0;
 let lastBeat = 0;
-
-// ---- Requests ----------------------------------------------------------------------------------------------------
 
 let toastTimer;
 function toast(text, good) {
@@ -53,8 +51,6 @@ function present(card) {
   if (card.kind) station.tap(card.colour);
   return request(card.kind ? { do: 'tap', kind: card.kind, uid: card.uid } : { do: 'inject', uid: card.uid }, true);
 }
-
-// ---- Cards, by click and by drag ---------------------------------------------------------------------------------
 
 for (const [index, card] of cards.entries()) {
   const button = make('button', { type: 'button', className: 'card', draggable: true },
@@ -90,8 +86,6 @@ zone.addEventListener('drop', event => {
   present(cards[Number(event.dataTransfer.getData('application/x-card'))]);
 });
 
-// ---- Controls ----------------------------------------------------------------------------------------------------
-
 for (const button of document.querySelectorAll('[data-do]')) {
   button.addEventListener('click', async () => {
     const what = { do: button.dataset.do };
@@ -109,8 +103,6 @@ find('trace').addEventListener('change', event => {
   find('log').classList.toggle('all', event.target.checked);
   find('log').scrollTop = find('log').scrollHeight;
 });
-
-// ---- What is shown -----------------------------------------------------------------------------------------------
 
 const pill = (id, good, bad) => {
   find(id).classList.toggle('good', good);
@@ -143,19 +135,19 @@ function showStatus() {
   showLife();
 }
 
-// An enabled daemon gives a sign of life every four seconds.
+// An enabled daemon sends an alive notification every four seconds.
 function showLife() {
   if (!snapshot) return;
   const silent = Math.floor((Date.now() - lastBeat) / 1000);
   const missing = alive > 0 && snapshot.state === 'Enabled' && silent > 9;
   find('alive-pill').classList.toggle('missing', missing);
   find('alive-text').textContent = missing ? `silent for ${silent} s`
-    : alive ? `alive ${snapshot.alive.time.slice(0, 8)}` : 'no sign of life yet';
+    : alive ? `alive ${snapshot.alive.time.slice(0, 8)}` : 'not alive yet';
 }
 setInterval(showLife, 1000);
 
 function showBanner(text) {
-  // Text that stays is not set again: a screen reader would read it again.
+  // Do not set the same text again: a screen reader would repeat it.
   if (find('banner').textContent !== text) find('banner').textContent = text;
   find('banner').hidden = !text;
 }
@@ -245,11 +237,9 @@ function show() {
   diagram.update(snapshot.transitions);
 }
 
-// ---- News --------------------------------------------------------------------------------------------------------
-
 function listen() {
   const source = new EventSource('/events');
-  source.addEventListener('open', () => {  // everything is told anew, perhaps by another bench
+  source.addEventListener('open', () => {  // the bench, perhaps a new one, sends everything again
     find('log').replaceChildren();
     diagram.restart();
     station.restart();

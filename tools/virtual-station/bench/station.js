@@ -1,7 +1,7 @@
-// The charging station as the driver sees it. The lamp and the buzzer follow the feedback calls of the daemon and
-// nothing else; the display says what the station's other programs would make of the outcome.
+// The charging station as the driver sees it. The lamp and the buzzer follow the daemon's feedback calls only. The
+// display shows what the station's other programs would say about the outcome.
 
-const lastingTime = 4000;  // of lamp and message
+const lastingTime = 4000;  // ms for which lamp and message last
 
 export const outcomes = {
   waiting: ['at the reader', 'Waiting for the daemon'],

@@ -8,52 +8,51 @@
 #include <string>
 #include <vector>
 
-#include "components/temporarystore.h"
 #include "src/components/rfidhsm.h"
 #include "src/components/rfidhsmactionhandler.h"
+#include "tests/components/temporarystore.h"
 #include "tools/virtual-nfc/preload/inprocess.h"
 
-/// The daemon from its machine down to the simulated kernel, without RPC; the test plays the supervisor.
-/// Disabled after construction. The destructor interrupts the machine, joins it and closes the reader. A
-/// daemon that hangs ends the program: nothing could be joined.
-class Station {
+/// The daemon without RPC, from the state machine down to the simulated kernel; the test plays the
+/// supervisor. It is Disabled after construction. The destructor stops the machine and closes the reader. A
+/// daemon that hangs aborts the program, because its threads cannot be joined.
+class DaemonInProcess {
  public:
   enum class State { Uninitialized, Disabled, Enabled, Error, FatalError };
 
-  /// Nothing of the daemon may take longer; generous for a sanitizer on a busy machine.
+  /// Limit for everything that the daemon does, generous for a sanitizer on a busy machine.
   static constexpr std::chrono::milliseconds kBound = std::chrono::seconds(60);
-  /// The daemon waits that long for an answer that never comes.
+  /// The daemon's timeout for an answer of the kernel.
   static constexpr std::chrono::milliseconds kAnswerTimeout{50};
 
-  /// `watchPeriod`: for how long the daemon trusts polling that finds nothing.
-  explicit Station(std::chrono::milliseconds watchPeriod = std::chrono::hours(1));
-  ~Station();
-  Station(const Station&) = delete;
-  Station& operator=(const Station&) = delete;
+  /// `watchPeriod`: how often the daemon checks polling that finds nothing.
+  explicit DaemonInProcess(std::chrono::milliseconds watchPeriod = std::chrono::hours(1));
+  ~DaemonInProcess();
+  DaemonInProcess(const DaemonInProcess&) = delete;
+  DaemonInProcess& operator=(const DaemonInProcess&) = delete;
 
-  /// The supervisor's requests: the state told last when the machine rests again.
+  /// The supervisor's requests. Return the last reported state once the machine is at rest.
   State Enable();
   State Disable();
-  /// Waits until the machine rests.
+  /// Waits until the machine is at rest.
   State Settle();
 
-  /// A card that lies on the reader long enough to be found once. Its UID.
+  /// Holds a card to the reader just long enough to be found once. Returns its UID.
   std::string Tap();
-  /// Puts a card on the reader until it is notified, or a state is told that Settle did not know yet (true),
-  /// or the time is over (false).
+  /// Holds a card to the reader until it is notified or a new state is reported. Returns false on timeout.
   bool ReadsCardOrTells(std::chrono::milliseconds timeout);
 
-  /// The kernel does not let the reader be switched off at the end.
+  /// From now on the reader may be on at the end, because the kernel does not let it be switched off.
   void AllowOnAfterTheEnd() { mMayStayOn = true; }
 
-  /// Ends all faults: no rules, and the reader is there.
+  /// Ends all faults: clears the rules and plugs the reader in.
   void Repair();
 
   size_t CountTold() const;
   bool WaitForMoreTold(size_t than) const;
   bool WasTold(State state, size_t since) const;
   bool WasNotified(const std::string& uid) const;
-  /// Whether a UID was notified that no card had.
+  /// Whether the daemon notified a UID that no card had.
   bool HasInvented() const;
 
   virtualnfc::InProcessVirtualNfc mKernel;

@@ -1,4 +1,4 @@
-#include "station.h"
+#include "tests/faults/daemoninprocess.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -14,13 +14,13 @@ using namespace virtualnfc;
 
 namespace {
 
-/// A card that lies longer than one detection and shorter than two is found once.
-constexpr auto kDetection = 20ms;
-constexpr auto kHold = 30ms;
+/// A card held for longer than one detection and shorter than two is found once.
+constexpr auto Detection = 20ms;
+constexpr auto Hold = 30ms;
 
 VirtualNfcSettings Settings() {
   VirtualNfcSettings settings;
-  settings.detectionDelay = kDetection;
+  settings.detectionDelay = Detection;
   settings.ownerReleaseDelay = 60s;  // within some milliseconds, as the kernel does it, is a matter of luck
   settings.removedListing = 5ms;
   settings.numberRelease = 0ms;
@@ -44,7 +44,7 @@ bool Holds(const List& list, const Value& value, size_t since = 0) {
 
 }  // namespace
 
-Station::Station(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
+DaemonInProcess::DaemonInProcess(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
   mReader = std::make_shared<CRfidReader>(std::make_shared<CNfcNetlink>(
       CNfcNetlink::Settings{.answerTimeout = kAnswerTimeout, .watchPeriod = watchPeriod}));
   mHandler = std::make_shared<CRfidHsmActionHandler>(
@@ -68,12 +68,12 @@ Station::Station(std::chrono::milliseconds watchPeriod) : mKernel(Settings()) {
   Disable();
 }
 
-Station::~Station() {
+DaemonInProcess::~DaemonInProcess() {
   mHandler->RequestTermination();  // as the interrupt does
   if (mRun.wait_for(kBound) != std::future_status::ready) {
     Stuck("the machine does not end");
   }
-  // As the application does at its end. Until then the kernel has long ended the polls of closed sockets.
+  // As the application does at its end. By then the real kernel has ended the polls of closed sockets.
   mKernel.WaitFor([](const Status& status) {
     return status.openSockets == static_cast<size_t>(CountInterposedSockets());
   });
@@ -83,11 +83,11 @@ Station::~Station() {
   } catch (const CRfidError&) {
   }
   const auto reader = mKernel.GetStatus().Device();
-  EXPECT_FALSE((reader.powered || reader.polling) && !mMayStayOn) << "on after the end";
+  EXPECT_FALSE((reader.powered || reader.polling) && !mMayStayOn) << "the reader is on after the end";
 }
 
 template <typename Event, typename... Payload>
-bool Station::Post(Payload... payload) {
+bool DaemonInProcess::Post(Payload... payload) {
   const auto event = std::make_shared<Event>(payload...);
   auto handled = event->mHandled.get_future();
   mMachine->PostEvent(event);
@@ -97,60 +97,60 @@ bool Station::Post(Payload... payload) {
   return handled.get();
 }
 
-Station::State Station::Enable() {
+DaemonInProcess::State DaemonInProcess::Enable() {
   Post<ExtEnableReq>();
   return Settle();
 }
 
-Station::State Station::Disable() {
+DaemonInProcess::State DaemonInProcess::Disable() {
   Post<ExtDisableReq>();
   return Settle();
 }
 
-Station::State Station::Settle() {
+DaemonInProcess::State DaemonInProcess::Settle() {
   for (;;) {
     State last{};
     {
       std::unique_lock lock(mMutex);
       if (!mChanged.wait_for(lock, kBound,
                              [this] { return !mTold.empty() && mTold.back() != State::Error; })) {
-        Stuck("Error is no state to rest in");
+        Stuck("it stays in Error");
       }
       mSettled = mTold.size();
       last = mTold.back();
     }
-    // Each of these comes behind everything that the dispatch of the one before it has posted. Between two
-    // states that are told there is at most one that is not.
+    // Each of these events is dispatched after everything that the one before it has posted. Between two
+    // reported states there is at most one that is not reported.
     bool enabled = false;
     for (int i = 0; i < 3; ++i) {
       enabled = Post<ExtOnEnableLearning>(false);
     }
     if (CountTold() == mSettled) {
       if (enabled != (last == State::Enabled)) {
-        Stuck("the state told last is not the state");
+        Stuck("the last reported state is not the state");
       }
       return last;
     }
   }
 }
 
-void Station::Tell(State state) {
+void DaemonInProcess::Tell(State state) {
   const std::lock_guard lock(mMutex);
   mTold.push_back(state);
   mChanged.notify_all();
 }
 
-Tag Station::NextCard() {
+Tag DaemonInProcess::NextCard() {
   mPresented.push_back(fmt::format("04{:06X}", mPresented.size() + 1));
   return MakeTag(TagKind::Mifare, mPresented.back());
 }
 
-std::string Station::Tap() {
-  mKernel.PresentTagFor(NextCard(), kHold);
+std::string DaemonInProcess::Tap() {
+  mKernel.PresentTagFor(NextCard(), Hold);
   return mPresented.back();
 }
 
-bool Station::ReadsCardOrTells(std::chrono::milliseconds timeout) {
+bool DaemonInProcess::ReadsCardOrTells(std::chrono::milliseconds timeout) {
   mKernel.PresentTag(NextCard());
   std::unique_lock lock(mMutex);
   const bool heard = mChanged.wait_for(
@@ -160,7 +160,7 @@ bool Station::ReadsCardOrTells(std::chrono::milliseconds timeout) {
   return heard;
 }
 
-void Station::Repair() {
+void DaemonInProcess::Repair() {
   mKernel.ClearRules();
   const auto isGone = [](const DeviceStatus& device) { return device.removed; };
   const auto devices = mKernel.GetStatus().devices;
@@ -170,27 +170,27 @@ void Station::Repair() {
   }
 }
 
-size_t Station::CountTold() const {
+size_t DaemonInProcess::CountTold() const {
   const std::lock_guard lock(mMutex);
   return mTold.size();
 }
 
-bool Station::WaitForMoreTold(size_t than) const {
+bool DaemonInProcess::WaitForMoreTold(size_t than) const {
   std::unique_lock lock(mMutex);
   return mChanged.wait_for(lock, kBound, [&] { return mTold.size() > than; });
 }
 
-bool Station::WasTold(State state, size_t since) const {
+bool DaemonInProcess::WasTold(State state, size_t since) const {
   const std::lock_guard lock(mMutex);
   return Holds(mTold, state, since);
 }
 
-bool Station::WasNotified(const std::string& uid) const {
+bool DaemonInProcess::WasNotified(const std::string& uid) const {
   const std::lock_guard lock(mMutex);
   return Holds(mNotified, uid);
 }
 
-bool Station::HasInvented() const {
+bool DaemonInProcess::HasInvented() const {
   const std::lock_guard lock(mMutex);
   return std::any_of(mNotified.begin(), mNotified.end(),
                      [this](const auto& uid) { return !uid.empty() && !Holds(mPresented, uid); });
