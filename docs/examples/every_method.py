@@ -3,7 +3,7 @@ r"""One call of every method of the station's services, with nothing but the ins
 
 The client is generated once:
 
-    protos=/usr/local/share/rfidd/proto
+    protos=/usr/share/rfidd/proto
     protoc -I $protos --python_out=. --grpc_out=. --plugin=protoc-gen-grpc=$(command -v grpc_python_plugin) \
       $protos/ipc/*.proto
 
