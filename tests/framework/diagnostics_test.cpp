@@ -55,11 +55,11 @@ class Peer final : public IDiagnosticsTransport {
   Gate mGate;
   Mailbox<std::string> mReceived;
   Mailbox<std::string> mRefused;
-  Mailbox<int> mCalls;  // how many values each has
+  Mailbox<int> mCalls;  // the number of values in each
   std::function<void()> mLost;
 };
 
-// What was sent last on a signal lives as long as the process, so every test has signals of its own.
+// The latest value of a signal lives as long as the process, so every test has signals of its own.
 class DiagnosticsTest : public testing::Test {
  protected:
   DiagnosticsTest() {
@@ -72,7 +72,7 @@ class DiagnosticsTest : public testing::Test {
   std::string First(const std::string& value) const { return std::to_string(mFirst.id) + "=" + value; }
   std::string Second(const std::string& value) const { return std::to_string(mSecond.id) + "=" + value; }
 
-  // Past the values of earlier tests.
+  // Skips the values of earlier tests.
   void Start() {
     mPeer->mReceived.Put("");
     CDiagnosticsSignal<std::string> marker(&mFirst);
@@ -105,7 +105,7 @@ TEST_F(DiagnosticsTest, APeerThatIsBackGetsTheLatestOfEverySignal) {
   second.Send("unchanged");
   ASSERT_THAT(mPeer->Receive(1), ElementsAre(Second("unchanged")));
   for (const bool throws : {false, true}) {
-    while (mPeer->mRefused.Take(Clock::duration::zero())) {  // there may have been more than one
+    while (mPeer->mRefused.Take(Clock::duration::zero())) {  // there may be more than one
     }
     mPeer->mThrows = throws;
     mPeer->mPresent = false;
@@ -145,7 +145,7 @@ TEST_F(DiagnosticsTest, APeerThatLeftWhileIdleGetsEverythingAgain) {
 
   const auto former = mPeer->mLost;
   CDiagnosticsCommClient::Terminate();
-  former();  // too late, which is nobody's loss
+  former();  // too late: does nothing
 }
 
 TEST_F(DiagnosticsTest, ValuesSentTogetherLeaveInOneCallInOrder) {
@@ -155,7 +155,7 @@ TEST_F(DiagnosticsTest, ValuesSentTogetherLeaveInOneCallInOrder) {
   CDiagnosticsSignal<std::string> second(&mSecond);
   first.Send("0");
   ASSERT_TRUE(mPeer->mGate.AwaitWaiting(1));
-  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // with what was sent before
+  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // of earlier values
   }
   first.Send("1");
   second.Send("2");
@@ -169,7 +169,7 @@ TEST_F(DiagnosticsTest, ValuesSentTogetherLeaveInOneCallInOrder) {
 
 TEST_F(DiagnosticsTest, ACallIsNotLargerThanAPeerAccepts) {
   ASSERT_NO_FATAL_FAILURE(Start());
-  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // with what other tests sent
+  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // of other tests' values
   }
   CDiagnosticsSignal<std::string> first(&mFirst);
   for (int i = 0; i < 100; ++i) {
@@ -192,7 +192,7 @@ TEST_F(DiagnosticsTest, TerminateIsBoundedWhateverTheTransportDoes) {
     first.Send("x");
     CDiagnosticsCommClient::Initialize(peer);
     ASSERT_TRUE(peer->mGate.AwaitWaiting(1));
-    CDiagnosticsCommClient::Terminate();  // although nobody but Cancel has opened the gate
+    CDiagnosticsCommClient::Terminate();  // although only Cancel opens the gate
     first.Send("y");
     peer->mGate.Open();
     EXPECT_TRUE(Eventually([&] { return peer.use_count() == 1; }));
@@ -235,7 +235,7 @@ TEST_F(DiagnosticsTest, SeveralThreadsSendWhileTheClientStartsAndStops) {
     CDiagnosticsCommClient::Initialize(peer);
     EXPECT_TRUE(peer->mReceived.Take().has_value());
     CDiagnosticsCommClient::Terminate();
-    joined += peer.use_count() == 1 ? 1 : 0;  // a thread that is not scheduled for long is left alone
+    joined += peer.use_count() == 1 ? 1 : 0;  // a thread that is not scheduled in time is left behind
     EXPECT_TRUE(Eventually([&] { return peer.use_count() == 1; }));
   }
   EXPECT_GT(joined, 0);

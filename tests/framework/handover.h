@@ -9,7 +9,7 @@
 
 #include "tools/common/eventually.h"
 
-/// What threads of a test hand to each other, and how one waits for another.
+/// How threads of a test exchange values and wait for each other.
 namespace handover {
 
 using std::chrono::milliseconds;
@@ -20,7 +20,7 @@ constexpr Clock::duration kPatience = kLongestWait;
 
 using ::Eventually;
 
-/// Values handed from one thread to another.
+/// A queue of values between threads.
 template <typename T>
 class Mailbox {
  public:
@@ -45,7 +45,7 @@ class Mailbox {
   std::deque<T> mValues;
 };
 
-/// Holds callers back until it is opened.
+/// Blocks callers until it is opened.
 class Gate {
  public:
   void Open() {

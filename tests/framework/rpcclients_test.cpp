@@ -50,7 +50,7 @@ struct FeedbackService final : ipc::Feedback::Service {
   Gate mGate;
 };
 
-/// Takes values one by one only, as a peer does that does not know the method for several.
+/// Takes values one by one only, like an old peer without the method for several.
 struct DiagnosticsService : ipc::Diagnostics::Service {
   grpc::Status UpdateSignal(grpc::ServerContext*, const ipc::MSignal* signal, ipc::MResult* result) override {
     mValues.Put(signal->value());
@@ -89,7 +89,7 @@ struct PeerServer {
   std::unique_ptr<grpc::Server> mServer;
 };
 
-/// A socket that takes connections and does nothing with them by itself.
+/// A socket that accepts connections and never answers by itself.
 struct Listener {
   explicit Listener(const std::string& path) {
     sockaddr_un address{};
@@ -109,7 +109,7 @@ class FeedbackClientTest : public testing::Test {
  protected:
   FeedbackClientTest() { MakeClient(); }
 
-  /// Times out after so many seconds; never, on whatever machine, where that is not what is tested.
+  /// Timeouts in seconds. The defaults are long enough for any machine.
   void MakeClient(int connectTimeout = 60, int callTimeout = 60) {
     mClient = mHost.CreateClient<IFeedback>("Feedback");
     mClient->SetConnectTimeout(connectTimeout);
@@ -137,7 +137,7 @@ class FeedbackClientTest : public testing::Test {
 };
 
 TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItLater) {
-  // Neither waits for the connect timeout, which would be DEADLINE_EXCEEDED.
+  // Waiting for the connect timeout would give DEADLINE_EXCEEDED.
   EXPECT_THAT(ErrorOfCall(),
               AllOf(HasSubstr("Feedback.TriggerFeedbackEvent: UNAVAILABLE: "), HasSubstr(mAddress)));
   EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE"));
@@ -173,9 +173,10 @@ TEST_F(FeedbackClientTest, ACallEndsWhenItsPeerHangsOrDies) {
   MakeClient(60, 1);
   EXPECT_TRUE(Eventually([&] {
     const auto start = Clock::now();
-    EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"));  // before or after the peer has heard of it
+    EXPECT_THAT(ErrorOfCall(),
+                HasSubstr("DEADLINE_EXCEEDED"));  // whether or not the request reached the peer
     return Clock::now() - start < seconds(4);
-  })) << "a call that is not told its limit has five seconds";
+  })) << "the default timeout is five seconds";
 
   MakeClient();
   std::thread killer([&] {
@@ -200,12 +201,13 @@ TEST_F(FeedbackClientTest, AHangingPeerCostsOneCallItsWholeTimeout) {
   mClient->SetConnectTimeout(3600);
   mClient->SetCallTimeout(3600);
   for (int i = 0; i < 3; ++i) {
-    EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED")) << "it would have answered within two seconds";
+    EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"))
+        << "the peer answers within two seconds, so the call had less";
   }
   mService.mSlowness = milliseconds(0);
   EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
   mService.mSlowness = seconds(2);
-  EXPECT_EQ(ErrorOfCall(), "") << "the patience is back";
+  EXPECT_EQ(ErrorOfCall(), "") << "the whole timeout applies again";
   GrpcBackend::SetLogger(nullptr);
   const auto text = lines->Text();
   EXPECT_EQ(text, "warning: Feedback does not answer, each call gets 250 ms until it does (" + mAddress +
@@ -216,7 +218,7 @@ TEST_F(FeedbackClientTest, AFrozenPeerIsFoundBeforeTheCallTimesOut) {
   Listener listener(mRoot.At("feedback.sock"));
   std::thread frozen([&] {
     const int connection = accept4(listener.mSocket, nullptr, nullptr, SOCK_CLOEXEC);
-    // The beginning of HTTP/2, an empty SETTINGS frame, and not a byte more.
+    // HTTP/2 begins with an empty SETTINGS frame. Nothing follows.
     const std::string settings("\0\0\0\4\0\0\0\0\0", 9);
     EXPECT_EQ(write(connection, settings.data(), settings.size()), 9);
     char byte = 0;
@@ -241,7 +243,8 @@ TEST_F(FeedbackClientTest, AnUnknownPeerIsAConfigurationError) {
   } catch (const Rpc::ConfigurationException& e) {
     EXPECT_EQ(e.what(), mRoot.ConfigPath() + ": peers.Light: missing");
   }
-  CDiagnosticsCommClient::Initialize(mHost);  // without this peer values are not published, which is no error
+  CDiagnosticsCommClient::Initialize(
+      mHost);  // without this peer values are not published; that is not an error
 }
 
 template <typename Service>
@@ -265,7 +268,7 @@ TYPED_TEST(DiagnosticsTransport, OnlyARestartedPeerGetsValuesAgain) {
     const PeerServer peer(address, "Diagnostics", taking);
     EXPECT_TRUE(Eventually([&] { return taking.mValues.Take() == "kept"; }));
   }
-  // With so much time for each value that none comes twice because the machine stalled.
+  // The timeout is long, so that no value is sent twice because the machine stalls.
   CDiagnosticsCommClient::Initialize(CreateDiagnosticsTransport("Diagnostics", address, seconds(60)));
   TypeParam service;
   const PeerServer peer(address, "Diagnostics", service);
@@ -296,9 +299,9 @@ TEST(DiagnosticsTransportEnd, TerminateDoesNotWaitForASilentPeer) {
   EXPECT_TRUE(service.mGate.AwaitWaiting(1));
   const auto start = Clock::now();
   CDiagnosticsCommClient::Terminate();
-  EXPECT_LT(Clock::now() - start, seconds(30)) << "it waits for the answer";
-  EXPECT_TRUE(Eventually([&] { return transport.use_count() == 1; })) << "the call has gone on";
-  EXPECT_FALSE(transport->Deliver({})) << "it is over";
+  EXPECT_LT(Clock::now() - start, seconds(30)) << "Terminate waited for the answer";
+  EXPECT_TRUE(Eventually([&] { return transport.use_count() == 1; })) << "the call still runs";
+  EXPECT_FALSE(transport->Deliver({})) << "the transport is cancelled";
   service.mGate.Open();
 }
 

@@ -98,7 +98,7 @@ TEST_F(RpcHostTest, ANewSubscriberGetsTheLastStateOnly) {
   const auto stub = RfidStub();
   Context tokenContext;
   const auto tokens = stub->Subscribe(&tokenContext, {});
-  tokens->WaitForInitialMetadata();  // the subscription is there
+  tokens->WaitForInitialMetadata();  // it is subscribed now
   mRfid->SendRfidLearningToken("NEW\xFF");
   ipc::MRfidNotification first;
   ASSERT_TRUE(tokens->Read(&first));
@@ -112,7 +112,7 @@ TEST_F(RpcHostTest, ANewSubscriberGetsTheLastStateOnly) {
 TEST_F(RpcHostTest, TheSocketHasItsModeAndAStaleOneIsTakenOver) {
   struct stat status {};
   {
-    // What an instance leaves that was killed.
+    // A killed instance leaves this behind.
     std::filesystem::create_directories(mRoot.At("run"));
     ASSERT_EQ(mkdir(mRoot.At("run/rfid").c_str(), 0750), 0);
     std::ofstream(mRoot.At("run/rfid/rfid.sock.lock")) << "";
@@ -169,7 +169,7 @@ TEST_F(RpcHostTest, EveryOrderOfLifeEnds) {
   mRfid->SendRfidLearningToken("after");
   { const AppCommunicationHost<GrpcBackend> neverStarted(mRoot.ConfigPath()); }
   AppCommunicationHost<GrpcBackend> neverStopped(mRoot.ConfigPath());
-  EXPECT_THROW(neverStopped.StartServices(), std::logic_error);  // it has no service
+  EXPECT_THROW(neverStopped.StartServices(), std::logic_error);  // no service was added
   EXPECT_THROW(neverStopped.AddService<IRfid>("", mRfid), std::invalid_argument);
   neverStopped.AddService<IRfid>("Rfid", mRfid);
   neverStopped.StartServices();
@@ -178,7 +178,7 @@ TEST_F(RpcHostTest, EveryOrderOfLifeEnds) {
 TEST_F(RpcHostTest, LibrariesLogToTheLoggerOnly) {
   testing::internal::CaptureStderr();
   ipc::MInjectToken bad;
-  bad.ParseFromString("\x0A\x01\xFF");  // protobuf complains, to nobody yet
+  bad.ParseFromString("\x0A\x01\xFF");  // protobuf complains, and no logger is set yet
   const auto lines = std::make_shared<Lines>();
   GrpcBackend::SetLogger(lines);
   bad.ParseFromString("\x0A\x01\xFF");

@@ -11,7 +11,7 @@ namespace {
 
 using namespace rpctesting;
 
-/// Enable requests that are on their way at once, on a connection of their own.
+/// Many Enable requests at once, on a connection of their own.
 class Flood {
  public:
   explicit Flood(const std::string& address) : mClient(OwnConnection(address)) {}
@@ -36,7 +36,7 @@ class Flood {
       call->context.TryCancel();
     }
   }
-  /// Calls on this connection, so that the server has seen all earlier ones.
+  /// Makes calls on this connection, so that the server has seen all earlier ones.
   void AwaitArrival() {
     for (int i = 0; i < 3; ++i) {
       Context context;
@@ -61,7 +61,7 @@ constexpr int kWaiting = 64;
 
 TEST_F(RpcHostTest, OnlyASubscriberThatDoesNotReadIsDisconnected) {
   Start();
-  // A window that does not grow, so that what the transport takes for the slow one is small.
+  // The flow-control window does not grow, so that the transport buffers little for the slow subscriber.
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
   const auto slowStub = ipc::Rfid::NewStub(ChannelTo(mAddress, "Rfid", arguments));
@@ -73,8 +73,8 @@ TEST_F(RpcHostTest, OnlyASubscriberThatDoesNotReadIsDisconnected) {
   slow->WaitForInitialMetadata();
   quick->WaitForInitialMetadata();
 
-  // Far more than fits into the transport's buffers and the subscriber's queue; but none once it has fallen
-  // behind, as one that goes on not reading is cut off after a while.
+  // Far more than the transport's buffers and the subscriber's queue hold. Stop when the subscriber has
+  // fallen behind: later it would be cut off.
   constexpr int kCount = 500;
   const auto lines = std::make_shared<Lines>();
   GrpcBackend::SetLogger(lines);
@@ -163,13 +163,13 @@ TEST_F(RpcHostTest, ARequestWhoseClientGaveUpIsNotCarriedOut) {
     flood.Cancel();
     flood.AwaitArrival();
     gate->Open();
-    EXPECT_TRUE(Client().Enable().ok());  // the last in the queue
+    EXPECT_TRUE(Client().Enable().ok());  // it stands behind all others
     for (int i = 0; i < kRunning + kQueued; ++i) {
       EXPECT_TRUE(flood.mAnswers.Take().has_value());
     }
     return *count <= kRunning + 4;
   };
-  // A thread of gRPC's that is not scheduled passes a cancellation on too late: try again.
+  // If gRPC's thread is not scheduled in time, it reports the cancellation too late. Then try again.
   EXPECT_TRUE(Eventually(areNotCarriedOut));
 }
 
@@ -188,12 +188,11 @@ TEST_F(RpcHostTest, StopIsBoundedEvenWhenARequestNeverReturns) {
   stream->WaitForInitialMetadata();
 
   const auto start = Clock::now();
-  mRunning.Stop();  // although the gate stays shut
-  EXPECT_LT(Clock::now() - start, seconds(30)) << "it waits for the request";
+  mRunning.Stop();  // the gate stays shut
+  EXPECT_LT(Clock::now() - start, seconds(30)) << "Stop waited for the request";
   int unavailable = 0;
   for (auto& answer : answers) {
-    // Nothing shows that one waits in the queue: it may as well arrive while the server closes, which cancels
-    // it.
+    // A request may not have reached the queue yet. It arrives while the server closes and is cancelled.
     const grpc::StatusCode code = answer.get().error_code();
     EXPECT_THAT(code, testing::AnyOf(grpc::StatusCode::UNAVAILABLE, grpc::StatusCode::CANCELLED));
     unavailable += code == grpc::StatusCode::UNAVAILABLE ? 1 : 0;
@@ -204,7 +203,7 @@ TEST_F(RpcHostTest, StopIsBoundedEvenWhenARequestNeverReturns) {
   EXPECT_FALSE(std::filesystem::exists(mRoot.At("run/rfid/rfid.sock.lock")));
 
   mControl->SendAlive();  // the service may go on sending
-  gate->Open();           // a late return harms nobody
+  gate->Open();           // the handler may return late
   EXPECT_TRUE(Eventually([&] { return gate.use_count() == 2; }));
 }
 
