@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "diagnosticstransport.h"
+#include "evidence.h"
 #include "rpctesting.h"
 
 namespace {
@@ -78,7 +79,7 @@ class DiagnosticsTest : public testing::Test {
     CDiagnosticsSignal<std::string> marker(&mFirst);
     marker.Send("start");
     CDiagnosticsCommClient::Initialize(mPeer);
-    ASSERT_TRUE(Eventually([&] { return mPeer->mReceived.Take() == First("start"); }));
+    ASSERT_TRUE(Becomes([&] { return mPeer->Receive(1)[0]; }, First("start")));
   }
 
   CSignalDefinition<std::string> mFirst{ipc::ESignalNone, "first", "default", ""};
@@ -93,8 +94,7 @@ TEST_F(DiagnosticsTest, OfWhatWasSentBeforeInitializeTheLatestValuesArrive) {
   first.Send();
   second.Send("b");
   CDiagnosticsCommClient::Initialize(mPeer);
-  std::string value;
-  ASSERT_TRUE(Eventually([&] { return (value = mPeer->Receive(1)[0]) == First("default"); }));
+  ASSERT_TRUE(Becomes([&] { return mPeer->Receive(1)[0]; }, First("default")));
   EXPECT_THAT(mPeer->Receive(1), ElementsAre(Second("b")));
 }
 
@@ -112,9 +112,9 @@ TEST_F(DiagnosticsTest, APeerThatIsBackGetsTheLatestOfEverySignal) {
     first.Send("1");
     first.Send("2");
     first.Send("3");
-    ASSERT_TRUE(mPeer->mRefused.Take().has_value());
+    ASSERT_NE(mPeer->mRefused.Take(), std::nullopt);
     mPeer->mPresent = true;
-    ASSERT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == Second("unchanged"); }));
+    ASSERT_TRUE(Becomes([&] { return mPeer->Receive(1)[0]; }, Second("unchanged")));
     EXPECT_THAT(mPeer->Receive(1), ElementsAre(First("3")));
   }
 }
@@ -139,9 +139,9 @@ TEST_F(DiagnosticsTest, APeerThatLeftWhileIdleGetsEverythingAgain) {
   ASSERT_NO_FATAL_FAILURE(Start());
   mPeer->mPresent = false;
   mPeer->mLost();
-  ASSERT_TRUE(mPeer->mRefused.Take().has_value());
+  ASSERT_NE(mPeer->mRefused.Take(), std::nullopt);
   mPeer->mPresent = true;
-  EXPECT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == First("start"); }));
+  EXPECT_TRUE(Becomes([&] { return mPeer->Receive(1)[0]; }, First("start")));
 
   const auto former = mPeer->mLost;
   CDiagnosticsCommClient::Terminate();
@@ -195,7 +195,7 @@ TEST_F(DiagnosticsTest, TerminateIsBoundedWhateverTheTransportDoes) {
     CDiagnosticsCommClient::Terminate();  // although only Cancel opens the gate
     first.Send("y");
     peer->mGate.Open();
-    EXPECT_TRUE(Eventually([&] { return peer.use_count() == 1; }));
+    EXPECT_TRUE(Becomes([&] { return peer.use_count(); }, 1));
   }
 }
 
@@ -233,10 +233,10 @@ TEST_F(DiagnosticsTest, SeveralThreadsSendWhileTheClientStartsAndStops) {
   for (int i = 0; i < 5; ++i) {
     const auto peer = std::make_shared<Peer>();
     CDiagnosticsCommClient::Initialize(peer);
-    EXPECT_TRUE(peer->mReceived.Take().has_value());
+    EXPECT_NE(peer->mReceived.Take(), std::nullopt);
     CDiagnosticsCommClient::Terminate();
     joined += peer.use_count() == 1 ? 1 : 0;  // a thread that is not scheduled in time is left behind
-    EXPECT_TRUE(Eventually([&] { return peer.use_count() == 1; }));
+    EXPECT_TRUE(Becomes([&] { return peer.use_count(); }, 1));
   }
   EXPECT_GT(joined, 0);
   done = true;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -59,9 +61,11 @@ class Gate {
     mWake.notify_all();
     mWake.wait(lock, [&] { return mOpen; });
   }
-  bool AwaitWaiting(int count) {
+  testing::AssertionResult AwaitWaiting(int count) {
     std::unique_lock<std::mutex> lock(mMutex);
-    return mWake.wait_for(lock, kPatience, [&] { return mWaiting >= count; });
+    return (mWake.wait_for(lock, kPatience, [&] { return mWaiting >= count; }) ? testing::AssertionSuccess()
+                                                                              : testing::AssertionFailure())
+           << mWaiting << " callers came to the gate instead of " << count;
   }
 
  private:

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "consolesink.h"
+#include "evidence.h"
 #include "framework/handover.h"
 
 using namespace handover;
@@ -196,7 +197,7 @@ TEST(ConsoleSink, ReportsFailedWritesAndWaitsForANonBlockingConsole) {
   while (lines < Lines && ::read(ends[0], read.data(), 1) == 1) {
     lines += read[0] == '\n' ? 1 : 0;
   }
-  EXPECT_TRUE(Eventually([&] { return taken == Lines; }));
+  EXPECT_TRUE(Becomes([&] { return taken.load(); }, Lines));
   close(ends[0]);
   writer.join();
   dup2(console, STDERR_FILENO);

@@ -8,6 +8,7 @@
 #include <atomic>
 
 #include "diagnosticstransport.h"
+#include "evidence.h"
 #include "framework/diagnostics.h"
 #include "ipc/diagnostics.grpc.pb.h"
 #include "ipc/feedback.grpc.pb.h"
@@ -35,6 +36,9 @@ namespace {
 using namespace rpctesting;
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::Optional;
 
 struct FeedbackService final : ipc::Feedback::Service {
   grpc::Status TriggerFeedbackEvent(grpc::ServerContext*, const ipc::MFbEventType* event,
@@ -146,9 +150,9 @@ TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItLater) {
   for (int i = 0; i < 2; ++i) {  // comes, goes, comes again
     {
       const PeerServer peer(mAddress, "Feedback", mService);
-      EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+      EXPECT_TRUE(Becomes([&] { return ErrorOfCall(); }, IsEmpty()));
     }
-    EXPECT_TRUE(Eventually([&] { return !ErrorOfCall().empty(); }));
+    EXPECT_TRUE(Becomes([&] { return ErrorOfCall(); }, Not(IsEmpty())));
   }
 }
 
@@ -171,16 +175,17 @@ TEST_F(FeedbackClientTest, PassesEventsAndAnswersForTwoThreadsAtOnce) {
 TEST_F(FeedbackClientTest, ACallEndsWhenItsPeerHangsOrDies) {
   auto peer = std::make_unique<PeerServer>(mAddress, "Feedback", mService);
   MakeClient(60, 1);
-  EXPECT_TRUE(Eventually([&] {
+  const auto timeOfCall = [&] {
     const auto start = Clock::now();
     EXPECT_THAT(ErrorOfCall(),
                 HasSubstr("DEADLINE_EXCEEDED"));  // whether or not the request reached the peer
-    return Clock::now() - start < seconds(4);
-  })) << "the default timeout is five seconds";
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - start).count();
+  };
+  EXPECT_TRUE(Becomes(timeOfCall, testing::Lt(4000))) << "the default timeout is five seconds";
 
   MakeClient();
   std::thread killer([&] {
-    EXPECT_TRUE(Eventually([&] { return mService.mEvents.Take() == ipc::EFbTokenScanned; }));
+    EXPECT_TRUE(Becomes([&] { return mService.mEvents.Take(); }, Optional(ipc::EFbTokenScanned)));
     mService.mGate.Open();
     peer.reset();
   });
@@ -194,7 +199,7 @@ TEST_F(FeedbackClientTest, AHangingPeerCostsOneCallItsWholeTimeout) {
   const auto lines = std::make_shared<Lines>();
   GrpcBackend::SetLogger(lines);
   mService.mGate.Open();
-  EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+  EXPECT_TRUE(Becomes([&] { return ErrorOfCall(); }, IsEmpty()));
   mService.mSlowness = seconds(2);
   mClient->SetCallTimeout(1);
   EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"));
@@ -205,7 +210,7 @@ TEST_F(FeedbackClientTest, AHangingPeerCostsOneCallItsWholeTimeout) {
         << "the peer answers within two seconds, so the call had less";
   }
   mService.mSlowness = milliseconds(0);
-  EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+  EXPECT_TRUE(Becomes([&] { return ErrorOfCall(); }, IsEmpty()));
   mService.mSlowness = seconds(2);
   EXPECT_EQ(ErrorOfCall(), "") << "the whole timeout applies again";
   GrpcBackend::SetLogger(nullptr);
@@ -266,13 +271,13 @@ TYPED_TEST(DiagnosticsTransport, OnlyARestartedPeerGetsValuesAgain) {
     TypeParam service;
     DiagnosticsService& taking = i == 0 ? former : service;
     const PeerServer peer(address, "Diagnostics", taking);
-    EXPECT_TRUE(Eventually([&] { return taking.mValues.Take() == "kept"; }));
+    EXPECT_TRUE(Becomes([&] { return taking.mValues.Take(); }, Optional(std::string("kept"))));
   }
   // The timeout is long, so that no value is sent twice because the machine stalls.
   CDiagnosticsCommClient::Initialize(CreateDiagnosticsTransport("Diagnostics", address, seconds(60)));
   TypeParam service;
   const PeerServer peer(address, "Diagnostics", service);
-  EXPECT_TRUE(Eventually([&] { return service.mValues.Take() == "kept"; }));
+  EXPECT_TRUE(Becomes([&] { return service.mValues.Take(); }, Optional(std::string("kept"))));
   for (const std::string value : {"refused", "illegal", "next"}) {
     signal.Send(value);
     EXPECT_EQ(service.mValues.Take(), value);
@@ -300,7 +305,7 @@ TEST(DiagnosticsTransportEnd, TerminateDoesNotWaitForASilentPeer) {
   const auto start = Clock::now();
   CDiagnosticsCommClient::Terminate();
   EXPECT_LT(Clock::now() - start, seconds(30)) << "Terminate waited for the answer";
-  EXPECT_TRUE(Eventually([&] { return transport.use_count() == 1; })) << "the call still runs";
+  EXPECT_TRUE(Becomes([&] { return transport.use_count(); }, 1)) << "the call still runs";
   EXPECT_FALSE(transport->Deliver({})) << "the transport is cancelled";
   service.mGate.Open();
 }
