@@ -64,7 +64,7 @@ class Gate {
   testing::AssertionResult AwaitWaiting(int count) {
     std::unique_lock<std::mutex> lock(mMutex);
     return (mWake.wait_for(lock, kPatience, [&] { return mWaiting >= count; }) ? testing::AssertionSuccess()
-                                                                              : testing::AssertionFailure())
+                                                                               : testing::AssertionFailure())
            << mWaiting << " callers came to the gate instead of " << count;
   }
 
