@@ -16,14 +16,14 @@ namespace bench {
 namespace {
 
 constexpr int kWarmUps = 20;
-/// After it nothing is left of the card before: the reader polls again, the diagnostics have been sent.
+/// After this pause the former card has no effect: the reader polls again, the diagnostics have left.
 constexpr std::chrono::milliseconds kGap(60);
 
 std::string Uid(int card) {
   return fmt::format("{:08X}", 0x10000000 + card * 7919);
 }
 
-/// The time from the kernel's event to each mark, a median each.
+/// The median time from the kernel's event to each mark.
 std::vector<double> MedianPassage(const std::vector<Passage>& passages) {
   std::vector<double> medians;
   for (std::size_t mark = 0; mark < kMarks; ++mark) {
@@ -46,7 +46,7 @@ struct Subject {
   double Cpu() const { return CpuMicroseconds(station->Program().GetPid()); }
 };
 
-/// The cards go to the subjects in turns.
+/// Presents each card to every subject in turn.
 void Tap(std::vector<Subject>& subjects, int cards) {
   for (int card = -kWarmUps; card < cards; ++card) {
     for (Subject& subject : subjects) {
@@ -101,7 +101,7 @@ Run MeasureCardOnOneCore(const Plan& plan) {
   cpu_set_t first;
   CPU_ZERO(&first);
   CPU_SET(0, &first);
-  if (sched_setaffinity(0, sizeof first, &first) != 0) {  // all threads and processes are started later
+  if (sched_setaffinity(0, sizeof first, &first) != 0) {  // threads and processes that start later inherit it
     throw std::system_error(errno, std::generic_category(), "sched_setaffinity");
   }
   return Measure(plan, "card on one core", 1.3);

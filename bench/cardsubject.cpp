@@ -138,7 +138,7 @@ Passage CardSubject::Tap(const std::string& uid) {
   mKernel.PresentTagFor(virtualnfc::MakeTag(virtualnfc::TagKind::Mifare, uid), std::chrono::milliseconds(2));
   std::unique_lock<std::mutex> lock(mMutex);
   if (!mChanged.wait_for(lock, kLongestWait, [&] { return mPassage[kNotified] != 0; })) {
-    throw std::runtime_error("the card " + uid + " was not kNotified: " + ReadFile(mFolder.Path("log")));
+    throw std::runtime_error("the card " + uid + " was not notified: " + ReadFile(mFolder.Path("log")));
   }
   Passage passage = mPassage;
   const double found = passage[static_cast<std::size_t>(EMark::Found)];

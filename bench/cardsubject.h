@@ -17,22 +17,22 @@
 
 namespace bench {
 
-/// The stations of a card's way, in the order in which it passes them.
+/// The steps of a card, in their order.
 enum class EMark { Found, TargetAsked, TargetTold, Scanned, Result, Notified };
 constexpr std::size_t kMarks = 6;
 
-/// When a card passed each of them, in microseconds.
+/// The time of each step, in microseconds.
 using Passage = std::array<double, kMarks>;
 
-/// A program that reads cards, in a station of its own: kernel, feedback and diagnostics services, and a
-/// subscriber, all in this process, take the times. One thread.
+/// A program that reads cards, in a station of its own. The kernel, the feedback and diagnostics services and
+/// a subscriber are in this process and take the times. One thread.
 class CardSubject : private virtualnfc::NetlinkObserver {
  public:
-  /// Starts a build of rfidd, or by default the floor, and waits until it reads cards.
+  /// Starts a build of rfidd, or without one the floor, and waits until it reads cards.
   explicit CardSubject(const std::string& daemon = "");
   ~CardSubject() override;
 
-  /// Presents a card and waits until it is notified. Throws when it is not.
+  /// Presents a card and waits for its notification. Throws on timeout.
   Passage Tap(const std::string& uid);
 
   const Process& Program() const { return *mProcess; }
@@ -59,7 +59,7 @@ class CardSubject : private virtualnfc::NetlinkObserver {
   std::unique_ptr<ipc::Rfid::Stub> mRfid;
   grpc::ClientContext mContext;
   std::thread mSubscriber;
-  bool mIsTargetAsked = false;  ///< by the last datagram; of the kernel's thread
+  bool mIsTargetAsked = false;  ///< by the last datagram; the kernel's thread only
 
   std::mutex mMutex;
   std::condition_variable mChanged;

@@ -19,7 +19,7 @@ namespace bench {
 namespace {
 
 constexpr std::size_t kConnections = 20;
-/// Memory that is given back is given back by then.
+/// Time in which the program gives memory back.
 constexpr std::chrono::milliseconds kRecovery(3000);
 
 /// One request under way.
@@ -29,14 +29,14 @@ struct Request {
   ipc::MResult result;
 };
 
-/// Requests that all wait before the program sees the first.
+/// Requests that are all sent before the program sees the first.
 class Flood {
  public:
   Flood(const std::string& address, std::size_t count) : mRequests(count) {
     for (std::size_t i = 0; i < kConnections; ++i) {
       grpc::ChannelArguments arguments;
       arguments.SetString(GRPC_ARG_DEFAULT_AUTHORITY, kRfidService);
-      arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);  // a connection each
+      arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);  // one connection for each channel
       auto channel = grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
       if (!channel->WaitForConnected(std::chrono::system_clock::now() + kLongestWait)) {
         throw std::runtime_error("no connection to " + address);
@@ -56,14 +56,14 @@ class Flood {
     }
   }
 
-  /// Each request gets an answer: it is carried out, or refused because there are too many.
+  /// Every request must be carried out or refused with RESOURCE_EXHAUSTED.
   void WaitForEnd() const {
     if (!Eventually([this] { return mEnded == mRequests.size(); })) {
       throw std::runtime_error(fmt::format("{} of {} requests have no answer",
                                            mRequests.size() - mEnded.load(), mRequests.size()));
     }
     if (mOtherwise > 0) {
-      throw std::runtime_error(fmt::format("{} requests ended otherwise", mOtherwise.load()));
+      throw std::runtime_error(fmt::format("{} requests ended with another status", mOtherwise.load()));
     }
   }
 
@@ -90,14 +90,14 @@ std::size_t RequestsOf(const Plan& plan) {
   return static_cast<std::size_t>(plan.Count(10000, 100));
 }
 
-/// `daemon` as CardSubject takes it.
+/// `daemon` as in CardSubject.
 Memory FloodProgram(const std::string& daemon, const Plan& plan) {
   const CardSubject subject(daemon);
   const Process& process = subject.Program();
   Flood flood(subject.Address(), RequestsOf(plan));
   process.Signal(SIGSTOP);
   flood.Start();
-  std::this_thread::sleep_for(kRecovery / 10);  // until they are in the sockets
+  std::this_thread::sleep_for(kRecovery / 10);  // the requests reach the sockets
   process.Signal(SIGCONT);
   flood.WaitForEnd();
   std::this_thread::sleep_for(plan.isFull ? kRecovery : kRecovery / 10);

@@ -1,9 +1,8 @@
-// The floors: what the libraries alone cost. One program, so that all start and link alike.
+// What the libraries alone cost. One program for both, so that they start and link alike.
 //
-//   rfid-bench-floor card LISTEN FEEDBACK   a card's trips and nothing else, on one thread: the kernel's
-//   event,
-//                                           the target's dump, two feedback calls, one notification, then
-//                                           DEV_UP and START_POLL
+//   rfid-bench-floor card LISTEN FEEDBACK   only a card's messages, on one thread: the kernel's event, the
+//   target's
+//                                           dump, two feedback calls, one notification, DEV_UP and START_POLL
 //   rfid-bench-floor server LISTEN          a gRPC server that answers at once
 #include <fmt/format.h>
 #include <grpcpp/grpcpp.h>
@@ -26,7 +25,7 @@ class Subscriber : public grpc::ServerWriteReactor<ipc::MRfidNotification> {
  public:
   Subscriber() { StartSendInitialMetadata(); }
 
-  /// Not before the last one was written.
+  /// Only after the former notification was written.
   void Notify(const std::string& uid) {
     mNotification.mutable_token()->set_uid(uid);
     mNotification.mutable_token()->set_auth_state(ipc::ERfidUidNotInList);
@@ -82,7 +81,7 @@ void Require(int result, const char* what) {
   }
 }
 
-/// A card's trips.
+/// Handles cards as "card" says.
 class CardFloor {
  public:
   CardFloor(RfidService& service, const std::string& feedback)
@@ -131,7 +130,7 @@ class CardFloor {
 
   void Poll() const {
     Send(MakeMessage(NLM_F_REQUEST, NFC_CMD_DEV_UP));
-    nl_wait_for_ack(mCommands);  // refused when it is up
+    nl_wait_for_ack(mCommands);  // an error when the device is up
     nl_msg* const start = MakeMessage(NLM_F_REQUEST, NFC_CMD_START_POLL);
     nla_put_u32(start, NFC_ATTR_IM_PROTOCOLS, kProtocols);
     nla_put_u32(start, NFC_ATTR_PROTOCOLS, kProtocols);

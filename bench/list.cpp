@@ -22,7 +22,7 @@ constexpr std::size_t kLongest = 100000;
 /// A look-up takes about as long as reading the clock, so several are timed at once.
 constexpr int kLookUpsAtOnce = 20;
 
-/// The UIDs of a list, as different from each other as a station's: 7 bytes, as most cards have.
+/// The UIDs of a list: 7 bytes, like most cards', and well spread.
 std::string Uid(std::size_t i) {
   const auto number = static_cast<std::uint32_t>(i);
   return fmt::format("04{:08X}{:04X}", number * 2654435761U, number * 40503U & 0xFFFFU);
@@ -41,7 +41,7 @@ CRfidConfig MakeConfig(const TemporaryFolder& store) {
   return {HubConfig::Create("settings", "/", {}), HubConfig::Create("rfid_standalone", "/", {})};
 }
 
-/// A database of the cards, with a question prepared.
+/// A database of the cards with a prepared query.
 class Database {
  public:
   Database(const std::string& file, std::size_t cards) {
@@ -51,19 +51,19 @@ class Database {
       Execute(fmt::format("INSERT OR IGNORE INTO cards VALUES('{}')", Uid(i)));
     }
     Execute("COMMIT");
-    Require(sqlite3_prepare_v2(mDatabase, "SELECT 1 FROM cards WHERE uid=?", -1, &mQuestion, nullptr));
+    Require(sqlite3_prepare_v2(mDatabase, "SELECT 1 FROM cards WHERE uid=?", -1, &mQuery, nullptr));
   }
   ~Database() {
-    sqlite3_finalize(mQuestion);
+    sqlite3_finalize(mQuery);
     sqlite3_close(mDatabase);
   }
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
   bool Has(const std::string& uid) const {
-    sqlite3_bind_text(mQuestion, 1, uid.c_str(), -1, SQLITE_STATIC);
-    const bool found = sqlite3_step(mQuestion) == SQLITE_ROW;
-    sqlite3_reset(mQuestion);
+    sqlite3_bind_text(mQuery, 1, uid.c_str(), -1, SQLITE_STATIC);
+    const bool found = sqlite3_step(mQuery) == SQLITE_ROW;
+    sqlite3_reset(mQuery);
     return found;
   }
 
@@ -78,7 +78,7 @@ class Database {
   }
 
   sqlite3* mDatabase = nullptr;
-  sqlite3_stmt* mQuestion = nullptr;
+  sqlite3_stmt* mQuery = nullptr;
 };
 
 struct Subject {
@@ -87,7 +87,7 @@ struct Subject {
   std::vector<double> times{};
 };
 
-/// The subjects take turns, half of the questions with a card that is in the list.
+/// Asks the subjects in turn. Half of the cards are in the list.
 void AskInTurns(std::array<Subject, 3>& subjects, std::size_t cards, int rounds) {
   for (int round = 0; round < rounds; ++round) {
     const bool isIn = round % 2 == 0;
@@ -129,7 +129,7 @@ Run MeasureLookUp(const Plan& plan) {
             "rfidd",
             [&](const auto& uid) { return config.AuthenticateToken(uid) == ipc::ERfidUidInStandAloneList; }},
         Subject{"hash set",
-                [&](const auto& uid) {  // which also has to see when the file changes
+                [&](const auto& uid) {  // it must notice a changed file, too
                   struct stat data {};
                   return stat(file.c_str(), &data) == 0 && set.contains(uid);
                 }},

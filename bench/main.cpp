@@ -1,4 +1,4 @@
-// rfid-bench: what the daemon costs, beside what the libraries alone cost.
+// rfid-bench: the cost of the daemon beside that of the libraries alone.
 #include <fmt/format.h>
 #include <json/reader.h>
 #include <json/writer.h>
@@ -29,7 +29,7 @@ using namespace bench;
 
 constexpr const char* kName = "rfid-bench";
 constexpr int kFailureStatus = 1;
-/// Where the documentation has the figures of a run.
+/// These enclose the figures of a run in the documentation.
 constexpr const char* kBegin = "<!-- figures of a run: begin -->\n";
 constexpr const char* kEnd = "<!-- figures of a run: end -->\n";
 
@@ -55,7 +55,7 @@ struct Options {
   std::string json;
   std::string document;
   bool servesLog = false;
-  std::string inside;  ///< the measure that is to run in this process
+  std::string inside;  ///< the measure to run in this process
 };
 
 const Measure& Find(const std::string& name) {
@@ -64,7 +64,7 @@ const Measure& Find(const std::string& name) {
       return measure;
     }
   }
-  throw std::runtime_error("there is no measure " + name);
+  throw std::runtime_error("unknown measure " + name);
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
@@ -99,7 +99,7 @@ double Load() {
   return load;
 }
 
-/// What the figures depend on, in one sentence.
+/// The conditions of the run, in one sentence.
 std::string Surroundings(int runs, double loadBefore) {
   char date[16];
   const std::time_t now = std::time(nullptr);
@@ -118,7 +118,7 @@ void Document(const std::string& folder, const std::string& text, const std::vec
   const auto begin = before.find(kBegin);
   const auto end = before.find(kEnd);
   if (begin == std::string::npos || end == std::string::npos || end < begin) {
-    throw std::runtime_error(page + " has no place for the figures");
+    throw std::runtime_error(page + " lacks the markers around the figures");
   }
   WriteFile(page, before.substr(0, begin) + kBegin + "\n" + text + "\n" + before.substr(end));
   const auto curves = [&](const std::string& prefix, const std::vector<std::string>& names) {

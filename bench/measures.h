@@ -4,13 +4,13 @@
 
 #include "report.h"
 
-/// The measures. Each is meant to run in a process of its own, so that none inherits memory, threads or
-/// connections from another. They throw when something does not work as it should: a measure is also a test.
+/// The measures. Each runs in a process of its own, so that it does not inherit memory, threads or
+/// connections. They throw when something does not work: a measure is also a test.
 namespace bench {
 
 struct Plan {
-  bool isFull = true;  ///< enough of everything to trust the figures; else just enough to see that it works
-  std::string before;  ///< another build of rfidd to be a peer, too; may be empty
+  bool isFull = true;  ///< false: only check that the measures work
+  std::string before;  ///< another build of rfidd to compare with; may be empty
 
   int Count(int full, int otherwise) const { return isFull ? full : otherwise; }
 };
@@ -21,23 +21,22 @@ Run MeasureLookUp(const Plan& plan);
 /// Taking over a list of 100,000 cards: time and memory of this process.
 Run MeasureListLoading(const Plan& plan);
 
-/// An event from its posting to the end of its reaction, against a hand-written switch and Boost.MSM over the
-/// same queue.
+/// An event from posting to the end of its reaction, against a hand-written switch over the same queue.
 Run MeasureEngine(const Plan& plan);
 
-/// A card from the kernel's event to the notification, against a program that only makes the same trips.
+/// A card from the kernel's event to the notification, against a program that only sends the same messages.
 Run MeasureCard(const Plan& plan);
 
-/// The same with the whole station, the daemon's peers too, on one processor.
+/// The same with the whole station on one processor.
 Run MeasureCardOnOneCore(const Plan& plan);
 
-/// The system calls of that, counted by strace.
+/// The system calls of a card, counted by strace.
 Run MeasureSystemCalls(const Plan& plan);
 
 /// The enabled daemon at rest, against a bare gRPC server: wake-ups, memory, threads.
 Run MeasureRest(const Plan& plan);
 
-/// From the start of the process to its readiness, against a bare gRPC server; the size of the program.
+/// The start of the process until it is ready, against a bare gRPC server; the size of the program.
 Run MeasureStart(const Plan& plan);
 
 /// Memory during and after 10,000 requests at once, against a bare gRPC server that answers them.

@@ -2,24 +2,26 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
+
+#include "tools/harness/process.h"
 
 namespace bench {
 
 namespace {
 
-/// The numbers behind `name` in a "status" file of the process, or of one of its threads.
+/// The number of the field `name` in the "status" file of a process or thread.
 std::uint64_t StatusValue(const std::filesystem::path& folder, const std::string& name) {
   std::ifstream status(folder / "status");
   for (std::string line; std::getline(status, line);) {
@@ -41,60 +43,6 @@ void ForEachThread(pid_t process, Visit visit) {
     visit(thread.path());
   }
 }
-
-/// A child whose standard error comes through a pipe.
-class Child {
- public:
-  explicit Child(std::vector<std::string> command) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-      throw std::system_error(errno, std::generic_category(), "pipe");
-    }
-    mErrors = ends[0];
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (auto& argument : command) {
-      arguments.push_back(argument.data());
-    }
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
-    const int error = posix_spawn(&mPid, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(ends[1]);
-    if (error != 0) {
-      close(mErrors);
-      throw std::system_error(error, std::generic_category(), command.front());
-    }
-  }
-  ~Child() {
-    close(mErrors);
-    kill(mPid, SIGKILL);
-    waitpid(mPid, nullptr, 0);
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  bool ReadUntil(const std::string& text) const {
-    std::string read;
-    char buffer[4096];
-    for (;;) {
-      const ssize_t count = ::read(mErrors, buffer, sizeof buffer);
-      if (count <= 0) {
-        return false;
-      }
-      read.append(buffer, static_cast<std::size_t>(count));
-      if (read.find(text) != std::string::npos) {
-        return true;
-      }
-    }
-  }
-
- private:
-  pid_t mPid = -1;
-  int mErrors = -1;
-};
 
 }  // namespace
 
@@ -169,12 +117,24 @@ std::string Program(const std::string& name) {
 }
 
 double TimeToLine(const std::vector<std::string>& command, const std::string& text) {
-  const auto start = Clock::now();
-  const Child child(command);
-  if (!child.ReadUntil(text)) {
-    throw std::runtime_error(fmt::format("{} ended without writing \"{}\"", command.front(), text));
+  const TemporaryFolder folder;
+  const std::string pipe = folder.Path("errors");
+  const int errors =
+      mkfifo(pipe.c_str(), 0600) == 0 ? open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+  const std::unique_ptr<FILE, int (*)(FILE*)> stream(fdopen(errors, "r"), fclose);
+  if (!stream) {
+    throw std::system_error(errno, std::generic_category(), pipe);
   }
-  return Microseconds(Clock::now() - start);
+  const auto start = Clock::now();
+  const Process process(command, {}, folder.Path("output"), pipe);
+  fcntl(errors, F_SETFL, 0);  // the program has opened the other end, so reading may block now
+  char line[4096];
+  while (fgets(line, sizeof line, stream.get()) != nullptr) {
+    if (std::strstr(line, text.c_str()) != nullptr) {
+      return Microseconds(Clock::now() - start);
+    }
+  }
+  throw std::runtime_error(fmt::format("{} ended without writing \"{}\"", command.front(), text));
 }
 
 }  // namespace bench

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// What all measures need: taking times, and what the system knows of a process.
+/// Times, and figures of processes.
 namespace bench {
 
 using Clock = std::chrono::steady_clock;
@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 double Microseconds(Clock::duration time);
 double Now();  ///< in microseconds
 
-/// 0 of nothing.
+/// 0 without values.
 double Quantile(std::vector<double> values, double quantile);
 double Median(const std::vector<double>& values);
 
@@ -32,14 +32,14 @@ double Time(Call call) {
 /// "VmRSS", "VmHWM" and such in KiB; 0 when the process has ended.
 std::size_t MemoryOf(pid_t process, const std::string& name);
 
-/// From now on this process's VmHWM counts anew.
+/// Resets VmHWM of this process.
 void ForgetPeakMemory();
 
 /// Of all threads since their start.
 std::uint64_t ContextSwitches(pid_t process);
 double CpuMicroseconds(pid_t process);
 
-/// A folder for the time being.
+/// A temporary folder.
 class TemporaryFolder {
  public:
   TemporaryFolder();
@@ -54,14 +54,14 @@ class TemporaryFolder {
   std::filesystem::path mFolder;
 };
 
-/// A program beside the one that runs.
+/// A program in the folder of this one.
 std::string Program(const std::string& name);
 inline std::string Daemon() {
   return Program("rfidd");
 }
 
 /// Starts the command and waits until it writes a line with this text to standard error, then kills it.
-/// Returns the time in microseconds. Throws when it ends without.
+/// Returns the time in microseconds. Throws when the command ends without the line.
 double TimeToLine(const std::vector<std::string>& command, const std::string& text);
 
 }  // namespace bench

@@ -14,11 +14,11 @@ constexpr double kWidth = 720;
 constexpr double kLeft = 110;
 constexpr double kRight = kWidth - 110;
 
-/// Readable on white and on dark paper.
+/// Readable on light and on dark backgrounds.
 constexpr std::array<const char*, 6> kColours{"#2a78d6", "#e0812b", "#3a9d5d",
                                               "#a05bb5", "#c94f4f", "#7f7f7f"};
 
-/// Lines and texts from the kTop left corner.
+/// An SVG image. Coordinates start at the top left corner.
 class Drawing {
  public:
   explicit Drawing(double height)
@@ -55,7 +55,7 @@ class Drawing {
   std::string mText;
 };
 
-/// Powers of ten around some values, and where a value is between them.
+/// A logarithmic axis from one power of ten to another.
 class Axis {
  public:
   Axis(double least, double most, double from, double to)

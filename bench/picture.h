@@ -13,12 +13,11 @@ struct NamedCurve {
   Curve points;
 };
 
-/// Curves over two logarithmic axes. `unit` is that of the values.
+/// Curves over two logarithmic axes. `unit` belongs to the vertical axis.
 std::string MakeCurves(const std::string& title, const std::string& horizontal, const std::string& unit,
                        const std::vector<NamedCurve>& curves);
 
-/// One bar for each curve, divided where its values are: what lies between two of them has the name `parts`
-/// has for it.
+/// One bar for each curve, divided at its values; `parts` names the sections.
 std::string MakeBars(const std::string& title, const std::string& unit, const std::vector<std::string>& parts,
                      const std::vector<NamedCurve>& bars);
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <type_traits>
 
 #include "measuring.h"
 
@@ -12,10 +13,21 @@ namespace bench {
 
 namespace {
 
-/// Three digits that count.
+/// With three significant digits.
 std::string Number(double value) {
   const double size = std::abs(value);
   return fmt::format("{:.{}f}", value, size >= 100 || size == 0 ? 0 : size >= 10 ? 1 : size >= 1 ? 2 : 3);
+}
+
+template <typename AnyRow, typename Visit>
+void ForEachField(AnyRow& row, Visit visit) {
+  visit("what", row.what);
+  visit("unit", row.unit);
+  visit("ours", row.ours);
+  visit("peer", row.peer);
+  visit("theirs", row.theirs);
+  visit("wanted", row.wanted);
+  visit("limit", row.limit);
 }
 
 double Ratio(const Row& row) {
@@ -42,13 +54,7 @@ Json::Value ToJson(const Run& run) {
   json["curves"] = Json::objectValue;
   for (const Row& row : run.rows) {
     Json::Value& entry = json["rows"].append(Json::objectValue);
-    entry["what"] = row.what;
-    entry["unit"] = row.unit;
-    entry["ours"] = row.ours;
-    entry["peer"] = row.peer;
-    entry["theirs"] = row.theirs;
-    entry["wanted"] = row.wanted;
-    entry["limit"] = row.limit;
+    ForEachField(row, [&](const char* name, const auto& value) { entry[name] = value; });
   }
   for (const auto& [name, curve] : run.curves) {
     Json::Value& points = json["curves"][name] = Json::arrayValue;
@@ -64,9 +70,9 @@ Json::Value ToJson(const Run& run) {
 Run RunFromJson(const Json::Value& json) {
   Run run;
   for (const auto& entry : json["rows"]) {
-    run.rows.push_back({entry["what"].asString(), entry["unit"].asString(), entry["ours"].asDouble(),
-                        entry["peer"].asString(), entry["theirs"].asDouble(), entry["wanted"].asDouble(),
-                        entry["limit"].asDouble()});
+    ForEachField(run.rows.emplace_back(), [&](const char* name, auto& value) {
+      value = entry[name].template as<std::remove_reference_t<decltype(value)>>();
+    });
   }
   for (const auto& name : json["curves"].getMemberNames()) {
     for (const auto& point : json["curves"][name]) {

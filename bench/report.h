@@ -7,23 +7,23 @@
 #include <utility>
 #include <vector>
 
-/// What measures come to: rows of one run, the same rows over several runs, a table.
+/// Results: the rows of one run, the same rows over several runs, a table.
 namespace bench {
 
-/// One figure of one run: the daemon's and, if there is one, the peer's that was measured in turn with it.
+/// One figure of one run: the daemon's and that of a peer, if any, measured in turn with it.
 struct Row {
   std::string what;
   std::string unit;
   double ours = 0;
-  std::string peer;  ///< empty: there is none
+  std::string peer;  ///< empty: no peer
   double theirs = 0;
-  double wanted = 0;  ///< ratio to reach, 0: none
-  double limit = 0;   ///< value to stay below, 0: none
+  double wanted = 0;  ///< ratio to reach; 0: none
+  double limit = 0;   ///< upper bound of our value; 0: none
 };
 
 using Curve = std::vector<std::pair<double, double>>;
 
-/// What one run of a measure gives.
+/// The results of one run.
 struct Run {
   std::vector<Row> rows;
   std::map<std::string, Curve> curves;  ///< for the pictures, by name
@@ -44,10 +44,10 @@ struct Figure {
 
 std::vector<Figure> Summarise(const std::vector<Run>& runs);
 
-/// Of all runs' points the medians.
+/// The medians over all runs.
 Curve MedianCurve(const std::vector<Run>& runs, const std::string& name);
 
-/// A table in Markdown, with columns that align.
+/// A Markdown table with aligned columns.
 std::string Table(const std::vector<Figure>& figures);
 
 Json::Value ToJson(const std::vector<Figure>& figures);

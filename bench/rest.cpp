@@ -12,7 +12,7 @@ namespace bench {
 
 namespace {
 
-/// A bare gRPC server, ready.
+/// A running bare gRPC server.
 class Server {
  public:
   Server()
@@ -29,7 +29,7 @@ class Server {
   Process mProcess;
 };
 
-/// A program that does nothing for a while.
+/// Measures a program that is idle.
 struct Resting {
   Resting(const char* programName, const Process& program) : name(programName), process(&program) {}
 
@@ -52,7 +52,7 @@ struct Resting {
   double threads = 0;
 };
 
-/// A program without what only a debugger needs, in MiB.
+/// The size of a program without debug information, in MiB.
 double StrippedSize(const std::string& program) {
   const TemporaryFolder folder;
   Process strip({"/usr/bin/strip", "-o", folder.Path("stripped"), program}, {}, folder.Path("output"),
@@ -75,7 +75,7 @@ Run MeasureRest(const Plan& plan) {
   if (before) {
     subjects.emplace_back("rfidd before", before->Program());
   }
-  std::this_thread::sleep_for(time / 10);  // what starting and enabling leaves behind
+  std::this_thread::sleep_for(time / 10);  // lets the work of starting and enabling end
   for (Resting& subject : subjects) {
     subject.Begin();
   }

@@ -23,7 +23,7 @@ struct Calls {
   double futex = 0;
 };
 
-/// Of strace's summary: "% time  seconds  usecs/call  calls  [errors]  syscall".
+/// Reads strace's summary: "% time  seconds  usecs/call  calls  [errors]  syscall".
 Calls ReadSummary(const std::string& file) {
   Calls calls;
   std::ifstream summary(file);
@@ -46,7 +46,7 @@ Calls ReadSummary(const std::string& file) {
   return calls;
 }
 
-/// The calls of a subject for each of so many cards.
+/// The system calls of a subject per card.
 Calls CountCalls(const std::string& daemon, int cards) {
   CardSubject subject(daemon);
   const TemporaryFolder folder;

@@ -29,7 +29,7 @@ SystemLog::SystemLog() : mSocket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) 
 }
 
 SystemLog::~SystemLog() {
-  shutdown(mSocket, SHUT_RDWR);  // ends the waiting
+  shutdown(mSocket, SHUT_RDWR);  // ends recv
   mThread.join();
   close(mSocket);
   unlink(_PATH_LOG);

@@ -4,8 +4,8 @@
 
 namespace bench {
 
-/// A system log that takes every line and drops it, as long as it lives: a line costs its writer what it
-/// costs on a station. Serves at /dev/log, where nothing may serve yet.
+/// A system log at /dev/log that reads and drops every line, so that a line costs its writer what it costs on
+/// a station. Throws when there is a system log already.
 class SystemLog {
  public:
   SystemLog();

@@ -69,7 +69,7 @@ class Doors : public DaemonTest {
   }
 };
 
-/// kRequests that all wait for their answers at once.
+/// Requests that all wait for their answers at the same time.
 class Flood {
  public:
   explicit Flood(ipc::Rfid::Stub& stub) : mStub(stub) {}

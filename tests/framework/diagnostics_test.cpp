@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "diagnosticstransport.h"
+#include "evidence.h"
 #include "rpctesting.h"
 
 namespace {
@@ -55,11 +56,11 @@ class Peer final : public IDiagnosticsTransport {
   Gate mGate;
   Mailbox<std::string> mReceived;
   Mailbox<std::string> mRefused;
-  Mailbox<int> mCalls;  // how many values each has
+  Mailbox<int> mCalls;  // the number of values in each
   std::function<void()> mLost;
 };
 
-// What was sent last on a signal lives as long as the process, so every test has signals of its own.
+// The latest value of a signal lives as long as the process, so every test has signals of its own.
 class DiagnosticsTest : public testing::Test {
  protected:
   DiagnosticsTest() {
@@ -72,13 +73,13 @@ class DiagnosticsTest : public testing::Test {
   std::string First(const std::string& value) const { return std::to_string(mFirst.id) + "=" + value; }
   std::string Second(const std::string& value) const { return std::to_string(mSecond.id) + "=" + value; }
 
-  // Past the values of earlier tests.
+  // Skips the values of earlier tests.
   void Start() {
     mPeer->mReceived.Put("");
     CDiagnosticsSignal<std::string> marker(&mFirst);
     marker.Send("start");
     CDiagnosticsCommClient::Initialize(mPeer);
-    ASSERT_TRUE(Eventually([&] { return mPeer->mReceived.Take() == First("start"); }));
+    ASSERT_TRUE(Becomes([&] { return mPeer->Receive(1)[0]; }, First("start")));
   }
 
   CSignalDefinition<std::string> mFirst{ipc::ESignalNone, "first", "default", ""};
@@ -93,8 +94,7 @@ TEST_F(DiagnosticsTest, OfWhatWasSentBeforeInitializeTheLatestValuesArrive) {
   first.Send();
   second.Send("b");
   CDiagnosticsCommClient::Initialize(mPeer);
-  std::string value;
-  ASSERT_TRUE(Eventually([&] { return (value = mPeer->Receive(1)[0]) == First("default"); }));
+  ASSERT_TRUE(Becomes([&] { return mPeer->Receive(1)[0]; }, First("default")));
   EXPECT_THAT(mPeer->Receive(1), ElementsAre(Second("b")));
 }
 
@@ -105,16 +105,16 @@ TEST_F(DiagnosticsTest, APeerThatIsBackGetsTheLatestOfEverySignal) {
   second.Send("unchanged");
   ASSERT_THAT(mPeer->Receive(1), ElementsAre(Second("unchanged")));
   for (const bool throws : {false, true}) {
-    while (mPeer->mRefused.Take(Clock::duration::zero())) {  // there may have been more than one
+    while (mPeer->mRefused.Take(Clock::duration::zero())) {  // there may be more than one
     }
     mPeer->mThrows = throws;
     mPeer->mPresent = false;
     first.Send("1");
     first.Send("2");
     first.Send("3");
-    ASSERT_TRUE(mPeer->mRefused.Take().has_value());
+    ASSERT_NE(mPeer->mRefused.Take(), std::nullopt);
     mPeer->mPresent = true;
-    ASSERT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == Second("unchanged"); }));
+    ASSERT_TRUE(Becomes([&] { return mPeer->Receive(1)[0]; }, Second("unchanged")));
     EXPECT_THAT(mPeer->Receive(1), ElementsAre(First("3")));
   }
 }
@@ -139,13 +139,13 @@ TEST_F(DiagnosticsTest, APeerThatLeftWhileIdleGetsEverythingAgain) {
   ASSERT_NO_FATAL_FAILURE(Start());
   mPeer->mPresent = false;
   mPeer->mLost();
-  ASSERT_TRUE(mPeer->mRefused.Take().has_value());
+  ASSERT_NE(mPeer->mRefused.Take(), std::nullopt);
   mPeer->mPresent = true;
-  EXPECT_TRUE(Eventually([&] { return mPeer->Receive(1)[0] == First("start"); }));
+  EXPECT_TRUE(Becomes([&] { return mPeer->Receive(1)[0]; }, First("start")));
 
   const auto former = mPeer->mLost;
   CDiagnosticsCommClient::Terminate();
-  former();  // too late, which is nobody's loss
+  former();  // too late: does nothing
 }
 
 TEST_F(DiagnosticsTest, ValuesSentTogetherLeaveInOneCallInOrder) {
@@ -155,7 +155,7 @@ TEST_F(DiagnosticsTest, ValuesSentTogetherLeaveInOneCallInOrder) {
   CDiagnosticsSignal<std::string> second(&mSecond);
   first.Send("0");
   ASSERT_TRUE(mPeer->mGate.AwaitWaiting(1));
-  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // with what was sent before
+  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // of earlier values
   }
   first.Send("1");
   second.Send("2");
@@ -169,7 +169,7 @@ TEST_F(DiagnosticsTest, ValuesSentTogetherLeaveInOneCallInOrder) {
 
 TEST_F(DiagnosticsTest, ACallIsNotLargerThanAPeerAccepts) {
   ASSERT_NO_FATAL_FAILURE(Start());
-  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // with what other tests sent
+  while (mPeer->mCalls.Take(Clock::duration::zero())) {  // of other tests' values
   }
   CDiagnosticsSignal<std::string> first(&mFirst);
   for (int i = 0; i < 100; ++i) {
@@ -192,10 +192,10 @@ TEST_F(DiagnosticsTest, TerminateIsBoundedWhateverTheTransportDoes) {
     first.Send("x");
     CDiagnosticsCommClient::Initialize(peer);
     ASSERT_TRUE(peer->mGate.AwaitWaiting(1));
-    CDiagnosticsCommClient::Terminate();  // although nobody but Cancel has opened the gate
+    CDiagnosticsCommClient::Terminate();  // although only Cancel opens the gate
     first.Send("y");
     peer->mGate.Open();
-    EXPECT_TRUE(Eventually([&] { return peer.use_count() == 1; }));
+    EXPECT_TRUE(Becomes([&] { return peer.use_count(); }, 1));
   }
 }
 
@@ -233,10 +233,10 @@ TEST_F(DiagnosticsTest, SeveralThreadsSendWhileTheClientStartsAndStops) {
   for (int i = 0; i < 5; ++i) {
     const auto peer = std::make_shared<Peer>();
     CDiagnosticsCommClient::Initialize(peer);
-    EXPECT_TRUE(peer->mReceived.Take().has_value());
+    EXPECT_NE(peer->mReceived.Take(), std::nullopt);
     CDiagnosticsCommClient::Terminate();
-    joined += peer.use_count() == 1 ? 1 : 0;  // a thread that is not scheduled for long is left alone
-    EXPECT_TRUE(Eventually([&] { return peer.use_count() == 1; }));
+    joined += peer.use_count() == 1 ? 1 : 0;  // a thread that is not scheduled in time is left behind
+    EXPECT_TRUE(Becomes([&] { return peer.use_count(); }, 1));
   }
   EXPECT_GT(joined, 0);
   done = true;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -9,7 +11,7 @@
 
 #include "tools/common/eventually.h"
 
-/// What threads of a test hand to each other, and how one waits for another.
+/// How threads of a test exchange values and wait for each other.
 namespace handover {
 
 using std::chrono::milliseconds;
@@ -20,7 +22,7 @@ constexpr Clock::duration kPatience = kLongestWait;
 
 using ::Eventually;
 
-/// Values handed from one thread to another.
+/// A queue of values between threads.
 template <typename T>
 class Mailbox {
  public:
@@ -45,7 +47,7 @@ class Mailbox {
   std::deque<T> mValues;
 };
 
-/// Holds callers back until it is opened.
+/// Blocks callers until it is opened.
 class Gate {
  public:
   void Open() {
@@ -59,9 +61,11 @@ class Gate {
     mWake.notify_all();
     mWake.wait(lock, [&] { return mOpen; });
   }
-  bool AwaitWaiting(int count) {
+  testing::AssertionResult AwaitWaiting(int count) {
     std::unique_lock<std::mutex> lock(mMutex);
-    return mWake.wait_for(lock, kPatience, [&] { return mWaiting >= count; });
+    return (mWake.wait_for(lock, kPatience, [&] { return mWaiting >= count; }) ? testing::AssertionSuccess()
+                                                                               : testing::AssertionFailure())
+           << mWaiting << " callers came to the gate instead of " << count;
   }
 
  private:

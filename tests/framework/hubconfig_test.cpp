@@ -27,7 +27,7 @@ class HubConfigTest : public testing::Test {
 
   std::filesystem::path File() const { return mFolder / "settings.json"; }
 
-  /// As a station's other programs change a section: in one step.
+  /// Changes the section in one step, like the station's other programs.
   void Replace(const std::string& content) const {
     const auto temporary = mFolder / "settings.json.new";
     std::ofstream(temporary) << content;
@@ -48,7 +48,7 @@ TEST_F(HubConfigTest, ANewChangedOrRemovedFileIsSeenAtTheNextLook) {
   EXPECT_TRUE(section->GetBool("On", true));
 
   for (const bool on : {true, false, true}) {
-    Replace(on ? R"({"On": true })" : R"({"On": false})");  // of one length
+    Replace(on ? R"({"On": true })" : R"({"On": false})");  // of the same length
     EXPECT_TRUE(section->IsUpdated());
     section->Reload();
     EXPECT_FALSE(section->IsUpdated());
@@ -97,7 +97,7 @@ TEST_F(HubConfigTest, ABrokenFileIsReportedOnceAndTheLastValuesStay) {
 
 TEST_F(HubConfigTest, ABrokenFileWithoutFormerValuesIsReportedAtEveryLook) {
   const auto section = HubConfig::Create("settings", "/", {});
-  section->Reload();  // there is none: nothing to report
+  section->Reload();  // a missing file is not reported
   EXPECT_FALSE(section->IsUpdated());
   const auto expectReports = [&](const char* what) {
     for (int look = 0; look < 3; ++look) {

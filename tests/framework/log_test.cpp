@@ -23,7 +23,7 @@ using testing::IsEmpty;
 using Line = LogCapture::Line;
 using Level = Log::ELogLevel;
 
-/// Counts how often it is formatted; fails when it is told to.
+/// Counts how often it is formatted; fails if told to.
 struct Probe {
   int* formatted;
   bool fails = false;
@@ -109,7 +109,7 @@ TEST(Log, BothLogsHaveTheLinesOfAllThreadsInTheSameOrder) {
 }
 
 TEST(Log, AConsoleThatIsStuckCostsTheSystemLogNothing) {
-  LogCapture capture;  // what was logged before is written: the sinks may change
+  LogCapture capture;  // earlier lines are written now, so the sinks may change
   auto& console = spdlog::get("console")->sinks();
   auto& system = spdlog::get("syslog")->sinks();
   Gate gate;
@@ -121,9 +121,10 @@ TEST(Log, AConsoleThatIsStuckCostsTheSystemLogNothing) {
     ASSERT_EQ(taken.Take(), std::to_string(i));
   }
   EXPECT_FALSE(Log::Flush(std::chrono::milliseconds(1)));
-  for (int i = 0; i < 1000; ++i) {  // would be over in half an hour if each waited for the console
+  for (int i = 0; i < 1000; ++i) {  // would take half an hour if each waited for the console
     Log::Critical("the end");
-    ASSERT_EQ(taken.Take(Clock::duration::zero()), "the end") << "it was not waited for the system log";
+    ASSERT_EQ(taken.Take(Clock::duration::zero()), "the end")
+        << "the statement did not wait for the system log";
   }
   gate.Open();
   EXPECT_EQ(capture.Console().size(), 2000U);
@@ -197,7 +198,7 @@ TEST(Log, TextFromOutsideForgesNoLines) {
        "gr\xc3\xbcn \xe2\x82\xac \xf0\x9f\x9a\x97"},            // valid UTF-8
       {"\xc0\x8a \xe0\x80\x8a", "\\xc0\\x8a \\xe0\\x80\\x8a"},  // overlong line feeds
       {"\xed\xa0\x80 \xf4\x90\x80\x80",
-       "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},  // surrogate, beyond the last
+       "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},  // a surrogate, and beyond Unicode
       {"cut \xe2\x82", "cut \\xe2\\x82"},
   };
   for (const auto& [text, written] : cases) {

@@ -22,10 +22,10 @@ void TakeSystemLine(int priority, const char* format, va_list args) {
   gSystem.push_back({priority, text});
 }
 
-/// Lines are on their way for a moment.
+/// Waits for lines that are still queued.
 void AwaitLines() {
   if (!Log::Flush(std::chrono::seconds(120))) {
-    throw std::runtime_error("what was logged does not come to the logs");
+    throw std::runtime_error("the lines do not reach the logs");
   }
 }
 
@@ -41,7 +41,7 @@ class ConsoleSink : public spdlog::sinks::base_sink<std::mutex> {
 
 }  // namespace
 
-// The program's own definitions stand before the C library's: the system log's lines end up here.
+// These definitions hide the C library's, so the system log's lines arrive here.
 extern "C" void syslog(int priority, const char* format, ...) {
   va_list args;
   va_start(args, format);

@@ -5,8 +5,8 @@
 
 #include "framework/log.h"
 
-/// What is logged from its construction on, to both logs. The log is opened at the first use in the process,
-/// and left at level trace with the console enabled.
+/// Captures what is logged to both logs from its construction on. The first use in the process opens the log.
+/// Leaves the level at trace and the console enabled.
 class LogCapture {
  public:
   struct Line {
@@ -22,6 +22,6 @@ class LogCapture {
 
   std::vector<Line> System() const;
   std::vector<Line> Console() const;
-  std::vector<std::string> Texts(Log::ELogLevel level) const;  ///< of the console's lines at this level
+  std::vector<std::string> Texts(Log::ELogLevel level) const;  ///< the console's lines at this level
   void Clear();
 };

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "consolesink.h"
+#include "evidence.h"
 #include "framework/handover.h"
 
 using namespace handover;
@@ -27,7 +28,7 @@ std::shared_ptr<const LogLine> Line(const std::string& text) {
       LogLine{Log::ELogLevel::Info, std::chrono::system_clock::now(), text});
 }
 
-/// A log that takes nothing until its gate is open, and refuses lines when told to.
+/// A log that blocks until its gate is open, and refuses lines if told to.
 struct Destination {
   bool Take(const LogLine& line) {
     mGate.Pass();
@@ -53,7 +54,7 @@ struct LogWriterTest : testing::Test {
   CLogWriter mWriter{"a log", [this](const LogLine& line) { return mLog.Take(line); }};
 };
 
-/// What a sink writes to a terminal, a line for each level.
+/// What a sink writes to a terminal: a line for each level.
 std::string OnATerminal(const std::function<std::shared_ptr<spdlog::sinks::sink>()>& makeSink) {
   int master = -1;
   int terminal = -1;
@@ -90,7 +91,7 @@ TEST_F(LogWriterTest, AStuckLogLosesItsOldestLinesAndSaysWhere) {
   }
   mLog.mGate.Open();
   std::string next = mLog.Next();
-  if (next == "0" + padding) {  // in its hand when it got stuck
+  if (next == "0" + padding) {  // it was being written when the log got stuck
     next = mLog.Next();
   }
   int dropped = 0;
@@ -109,7 +110,7 @@ TEST_F(LogWriterTest, AStuckLogLosesItsOldestLinesAndSaysWhere) {
     ASSERT_EQ(mLog.Next(), std::to_string(i) + padding);
   }
   mWriter.Push(Line("last"));
-  EXPECT_EQ(mLog.Next(), "last") << "it is said once";
+  EXPECT_EQ(mLog.Next(), "last") << "the loss is reported once";
 }
 
 TEST_F(LogWriterTest, RefusedLinesAreCountedUntilTheLogTakesOne) {
@@ -130,7 +131,7 @@ TEST_F(LogWriterTest, RefusedLinesAreCountedUntilTheLogTakesOne) {
 }
 
 TEST_F(LogWriterTest, FlushWaitsForTheLineInHandToo) {
-  EXPECT_TRUE(mWriter.Flush(Clock::now())) << "there is nothing to wait for";
+  EXPECT_TRUE(mWriter.Flush(Clock::now())) << "nothing is queued";
   mWriter.Push(Line("1"));
   ASSERT_TRUE(mLog.mGate.AwaitWaiting(1));
   EXPECT_FALSE(mWriter.Flush(Clock::now() + milliseconds(1)));
@@ -196,7 +197,7 @@ TEST(ConsoleSink, ReportsFailedWritesAndWaitsForANonBlockingConsole) {
   while (lines < Lines && ::read(ends[0], read.data(), 1) == 1) {
     lines += read[0] == '\n' ? 1 : 0;
   }
-  EXPECT_TRUE(Eventually([&] { return taken == Lines; }));
+  EXPECT_TRUE(Becomes([&] { return taken.load(); }, Lines));
   close(ends[0]);
   writer.join();
   dup2(console, STDERR_FILENO);

@@ -22,13 +22,13 @@ int NumberOf(const Notification& message) {
   return std::stoi(static_cast<const ipc::MRfidNotification&>(*message).token().uid());
 }
 
-/// Takes its notifications as they come, on whatever thread.
+/// A subscriber that reads on the thread of its caller.
 class Reader {
  public:
   Reader(CNotificationHub& hub, std::size_t topic)
       : mSubscription(hub.Subscribe(topic, [wakes = mWakes] { wakes->Put(0); })) {}
 
-  /// All numbers until the end or, with a count, until there are as many.
+  /// Reads numbers until the end, or at most `count`.
   std::vector<int> Read(std::size_t count = SIZE_MAX) {
     std::vector<int> numbers;
     while (numbers.size() < count) {
@@ -148,7 +148,7 @@ TEST(NotificationHub, RandomSubscribersMissNothingAndSeeNothingTwice) {
     }
     hub.Stop();
     for (auto& user : users) {
-      user.join();  // nobody waits for a hub that has stopped
+      user.join();  // a stopped hub ends every wait
     }
     distributor.join();
   }

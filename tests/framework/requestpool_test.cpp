@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "evidence.h"
 #include "rpctesting.h"
 
 namespace {
@@ -40,7 +41,7 @@ TEST(RequestPool, AbandonsRequestsAndOutlivesAThreadThatReturnsLate) {
   }
   gate->Open();
   EXPECT_EQ(stuck->mOutcome.Take(), "run");
-  EXPECT_TRUE(Eventually([&] { return stuck.use_count() == 1 && waiting.use_count() == 1; }));
+  EXPECT_TRUE(Becomes([&] { return stuck.use_count() + waiting.use_count(); }, 2));
 }
 
 }  // namespace

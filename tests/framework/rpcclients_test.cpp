@@ -8,6 +8,7 @@
 #include <atomic>
 
 #include "diagnosticstransport.h"
+#include "evidence.h"
 #include "framework/diagnostics.h"
 #include "ipc/diagnostics.grpc.pb.h"
 #include "ipc/feedback.grpc.pb.h"
@@ -35,6 +36,9 @@ namespace {
 using namespace rpctesting;
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::Optional;
 
 struct FeedbackService final : ipc::Feedback::Service {
   grpc::Status TriggerFeedbackEvent(grpc::ServerContext*, const ipc::MFbEventType* event,
@@ -50,7 +54,7 @@ struct FeedbackService final : ipc::Feedback::Service {
   Gate mGate;
 };
 
-/// Takes values one by one only, as a peer does that does not know the method for several.
+/// Takes values one by one only, like an old peer without the method for several.
 struct DiagnosticsService : ipc::Diagnostics::Service {
   grpc::Status UpdateSignal(grpc::ServerContext*, const ipc::MSignal* signal, ipc::MResult* result) override {
     mValues.Put(signal->value());
@@ -89,7 +93,7 @@ struct PeerServer {
   std::unique_ptr<grpc::Server> mServer;
 };
 
-/// A socket that takes connections and does nothing with them by itself.
+/// A socket that accepts connections and never answers by itself.
 struct Listener {
   explicit Listener(const std::string& path) {
     sockaddr_un address{};
@@ -109,7 +113,7 @@ class FeedbackClientTest : public testing::Test {
  protected:
   FeedbackClientTest() { MakeClient(); }
 
-  /// Times out after so many seconds; never, on whatever machine, where that is not what is tested.
+  /// Timeouts in seconds. The defaults are long enough for any machine.
   void MakeClient(int connectTimeout = 60, int callTimeout = 60) {
     mClient = mHost.CreateClient<IFeedback>("Feedback");
     mClient->SetConnectTimeout(connectTimeout);
@@ -137,7 +141,7 @@ class FeedbackClientTest : public testing::Test {
 };
 
 TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItLater) {
-  // Neither waits for the connect timeout, which would be DEADLINE_EXCEEDED.
+  // Waiting for the connect timeout would give DEADLINE_EXCEEDED.
   EXPECT_THAT(ErrorOfCall(),
               AllOf(HasSubstr("Feedback.TriggerFeedbackEvent: UNAVAILABLE: "), HasSubstr(mAddress)));
   EXPECT_THAT(ErrorOfCall(), HasSubstr("UNAVAILABLE"));
@@ -146,9 +150,9 @@ TEST_F(FeedbackClientTest, FailsAtOnceWithoutThePeerAndFindsItLater) {
   for (int i = 0; i < 2; ++i) {  // comes, goes, comes again
     {
       const PeerServer peer(mAddress, "Feedback", mService);
-      EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+      EXPECT_TRUE(Becomes([&] { return ErrorOfCall(); }, IsEmpty()));
     }
-    EXPECT_TRUE(Eventually([&] { return !ErrorOfCall().empty(); }));
+    EXPECT_TRUE(Becomes([&] { return ErrorOfCall(); }, Not(IsEmpty())));
   }
 }
 
@@ -171,15 +175,17 @@ TEST_F(FeedbackClientTest, PassesEventsAndAnswersForTwoThreadsAtOnce) {
 TEST_F(FeedbackClientTest, ACallEndsWhenItsPeerHangsOrDies) {
   auto peer = std::make_unique<PeerServer>(mAddress, "Feedback", mService);
   MakeClient(60, 1);
-  EXPECT_TRUE(Eventually([&] {
+  const auto timeOfCall = [&] {
     const auto start = Clock::now();
-    EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"));  // before or after the peer has heard of it
-    return Clock::now() - start < seconds(4);
-  })) << "a call that is not told its limit has five seconds";
+    EXPECT_THAT(ErrorOfCall(),
+                HasSubstr("DEADLINE_EXCEEDED"));  // whether or not the request reached the peer
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - start).count();
+  };
+  EXPECT_TRUE(Becomes(timeOfCall, testing::Lt(4000))) << "the default timeout is five seconds";
 
   MakeClient();
   std::thread killer([&] {
-    EXPECT_TRUE(Eventually([&] { return mService.mEvents.Take() == ipc::EFbTokenScanned; }));
+    EXPECT_TRUE(Becomes([&] { return mService.mEvents.Take(); }, Optional(ipc::EFbTokenScanned)));
     mService.mGate.Open();
     peer.reset();
   });
@@ -193,19 +199,20 @@ TEST_F(FeedbackClientTest, AHangingPeerCostsOneCallItsWholeTimeout) {
   const auto lines = std::make_shared<Lines>();
   GrpcBackend::SetLogger(lines);
   mService.mGate.Open();
-  EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+  EXPECT_TRUE(Becomes([&] { return ErrorOfCall(); }, IsEmpty()));
   mService.mSlowness = seconds(2);
   mClient->SetCallTimeout(1);
   EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"));
   mClient->SetConnectTimeout(3600);
   mClient->SetCallTimeout(3600);
   for (int i = 0; i < 3; ++i) {
-    EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED")) << "it would have answered within two seconds";
+    EXPECT_THAT(ErrorOfCall(), HasSubstr("DEADLINE_EXCEEDED"))
+        << "the peer answers within two seconds, so the call had less";
   }
   mService.mSlowness = milliseconds(0);
-  EXPECT_TRUE(Eventually([&] { return ErrorOfCall().empty(); }));
+  EXPECT_TRUE(Becomes([&] { return ErrorOfCall(); }, IsEmpty()));
   mService.mSlowness = seconds(2);
-  EXPECT_EQ(ErrorOfCall(), "") << "the patience is back";
+  EXPECT_EQ(ErrorOfCall(), "") << "the whole timeout applies again";
   GrpcBackend::SetLogger(nullptr);
   const auto text = lines->Text();
   EXPECT_EQ(text, "warning: Feedback does not answer, each call gets 250 ms until it does (" + mAddress +
@@ -216,7 +223,7 @@ TEST_F(FeedbackClientTest, AFrozenPeerIsFoundBeforeTheCallTimesOut) {
   Listener listener(mRoot.At("feedback.sock"));
   std::thread frozen([&] {
     const int connection = accept4(listener.mSocket, nullptr, nullptr, SOCK_CLOEXEC);
-    // The beginning of HTTP/2, an empty SETTINGS frame, and not a byte more.
+    // HTTP/2 begins with an empty SETTINGS frame. Nothing follows.
     const std::string settings("\0\0\0\4\0\0\0\0\0", 9);
     EXPECT_EQ(write(connection, settings.data(), settings.size()), 9);
     char byte = 0;
@@ -241,7 +248,8 @@ TEST_F(FeedbackClientTest, AnUnknownPeerIsAConfigurationError) {
   } catch (const Rpc::ConfigurationException& e) {
     EXPECT_EQ(e.what(), mRoot.ConfigPath() + ": peers.Light: missing");
   }
-  CDiagnosticsCommClient::Initialize(mHost);  // without this peer values are not published, which is no error
+  CDiagnosticsCommClient::Initialize(
+      mHost);  // without this peer values are not published; that is not an error
 }
 
 template <typename Service>
@@ -263,13 +271,13 @@ TYPED_TEST(DiagnosticsTransport, OnlyARestartedPeerGetsValuesAgain) {
     TypeParam service;
     DiagnosticsService& taking = i == 0 ? former : service;
     const PeerServer peer(address, "Diagnostics", taking);
-    EXPECT_TRUE(Eventually([&] { return taking.mValues.Take() == "kept"; }));
+    EXPECT_TRUE(Becomes([&] { return taking.mValues.Take(); }, Optional(std::string("kept"))));
   }
-  // With so much time for each value that none comes twice because the machine stalled.
+  // The timeout is long, so that no value is sent twice because the machine stalls.
   CDiagnosticsCommClient::Initialize(CreateDiagnosticsTransport("Diagnostics", address, seconds(60)));
   TypeParam service;
   const PeerServer peer(address, "Diagnostics", service);
-  EXPECT_TRUE(Eventually([&] { return service.mValues.Take() == "kept"; }));
+  EXPECT_TRUE(Becomes([&] { return service.mValues.Take(); }, Optional(std::string("kept"))));
   for (const std::string value : {"refused", "illegal", "next"}) {
     signal.Send(value);
     EXPECT_EQ(service.mValues.Take(), value);
@@ -296,9 +304,9 @@ TEST(DiagnosticsTransportEnd, TerminateDoesNotWaitForASilentPeer) {
   EXPECT_TRUE(service.mGate.AwaitWaiting(1));
   const auto start = Clock::now();
   CDiagnosticsCommClient::Terminate();
-  EXPECT_LT(Clock::now() - start, seconds(30)) << "it waits for the answer";
-  EXPECT_TRUE(Eventually([&] { return transport.use_count() == 1; })) << "the call has gone on";
-  EXPECT_FALSE(transport->Deliver({})) << "it is over";
+  EXPECT_LT(Clock::now() - start, seconds(30)) << "Terminate waited for the answer";
+  EXPECT_TRUE(Becomes([&] { return transport.use_count(); }, 1)) << "the call still runs";
+  EXPECT_FALSE(transport->Deliver({})) << "the transport is cancelled";
   service.mGate.Open();
 }
 

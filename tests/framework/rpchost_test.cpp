@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "framework/hosttesting.h"
+#include "rpcclients.h"
 
 namespace {
 
@@ -25,14 +26,12 @@ TEST_P(RpcHostAddressTest, SelectsServicesByNameAndRefusesASecondInstance) {
   running.Host().AddService<IGenericControl>("Two", two);
   running.Start();
 
-  EXPECT_TRUE(ControlClient(listen, "One").Enable().ok());
+  EXPECT_EQ(StatusText(ControlClient(listen, "One").Enable()), "OK: ");
   const grpc::Status status = ControlClient(listen, "Two").Enable();
-  EXPECT_EQ(status.error_code(), grpc::StatusCode::INTERNAL);
-  EXPECT_EQ(status.error_message(), "two says no");
+  EXPECT_EQ(StatusText(status), "INTERNAL: two says no");
   const grpc::Status unknown = ControlClient(listen, "Three").Enable();
-  EXPECT_EQ(unknown.error_code(), grpc::StatusCode::UNIMPLEMENTED);
-  EXPECT_EQ(unknown.error_message(),
-            "no service 'Three' with a method /ipc.GenericControl/Enable; "
+  EXPECT_EQ(StatusText(unknown),
+            "UNIMPLEMENTED: no service 'Three' with a method /ipc.GenericControl/Enable; "
             "set the authority to the service's name, one of: One, Two");
 
   RunningHost second(root.Listen(listen));
@@ -44,7 +43,7 @@ TEST_P(RpcHostAddressTest, SelectsServicesByNameAndRefusesASecondInstance) {
     EXPECT_THAT(e.what(), HasSubstr("Cannot listen on " + listen + ": "));
     EXPECT_THAT(e.what(), HasSubstr(GetParam() ? "Address already in use" : "in use by a running instance"));
   }
-  EXPECT_TRUE(ControlClient(listen, "One").Enable().ok());
+  EXPECT_EQ(StatusText(ControlClient(listen, "One").Enable()), "OK: ");
 }
 
 INSTANTIATE_TEST_SUITE_P(Address, RpcHostAddressTest, testing::Bool(),
@@ -55,7 +54,7 @@ TEST_F(RpcHostTest, AnswersWithTheServicesResultOrItsErrorAsStatus) {
   ControlClient client = Client();
   Context context;
   ipc::MResult result;
-  EXPECT_TRUE(client.stub->Disable(&context, {}, &result).ok());
+  EXPECT_EQ(StatusText(client.stub->Disable(&context, {}, &result)), "OK: ");
   EXPECT_EQ(result.result(), ipc::EResultIllegal);
 
   mControl->OnEnable([] {
@@ -98,7 +97,7 @@ TEST_F(RpcHostTest, ANewSubscriberGetsTheLastStateOnly) {
   const auto stub = RfidStub();
   Context tokenContext;
   const auto tokens = stub->Subscribe(&tokenContext, {});
-  tokens->WaitForInitialMetadata();  // the subscription is there
+  tokens->WaitForInitialMetadata();  // it is subscribed now
   mRfid->SendRfidLearningToken("NEW\xFF");
   ipc::MRfidNotification first;
   ASSERT_TRUE(tokens->Read(&first));
@@ -112,7 +111,7 @@ TEST_F(RpcHostTest, ANewSubscriberGetsTheLastStateOnly) {
 TEST_F(RpcHostTest, TheSocketHasItsModeAndAStaleOneIsTakenOver) {
   struct stat status {};
   {
-    // What an instance leaves that was killed.
+    // A killed instance leaves this behind.
     std::filesystem::create_directories(mRoot.At("run"));
     ASSERT_EQ(mkdir(mRoot.At("run/rfid").c_str(), 0750), 0);
     std::ofstream(mRoot.At("run/rfid/rfid.sock.lock")) << "";
@@ -131,7 +130,7 @@ TEST_F(RpcHostTest, TheSocketHasItsModeAndAStaleOneIsTakenOver) {
   umask(old);
   ASSERT_EQ(stat(mRoot.At("run/rfid/rfid.sock").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0660U);
-  EXPECT_TRUE(Client().Enable().ok());
+  EXPECT_EQ(StatusText(Client().Enable()), "OK: ");
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(mRoot.At("run/rfid"))) {
     names.push_back(entry.path().filename().string());
@@ -169,7 +168,7 @@ TEST_F(RpcHostTest, EveryOrderOfLifeEnds) {
   mRfid->SendRfidLearningToken("after");
   { const AppCommunicationHost<GrpcBackend> neverStarted(mRoot.ConfigPath()); }
   AppCommunicationHost<GrpcBackend> neverStopped(mRoot.ConfigPath());
-  EXPECT_THROW(neverStopped.StartServices(), std::logic_error);  // it has no service
+  EXPECT_THROW(neverStopped.StartServices(), std::logic_error);  // no service was added
   EXPECT_THROW(neverStopped.AddService<IRfid>("", mRfid), std::invalid_argument);
   neverStopped.AddService<IRfid>("Rfid", mRfid);
   neverStopped.StartServices();
@@ -178,7 +177,7 @@ TEST_F(RpcHostTest, EveryOrderOfLifeEnds) {
 TEST_F(RpcHostTest, LibrariesLogToTheLoggerOnly) {
   testing::internal::CaptureStderr();
   ipc::MInjectToken bad;
-  bad.ParseFromString("\x0A\x01\xFF");  // protobuf complains, to nobody yet
+  bad.ParseFromString("\x0A\x01\xFF");  // protobuf complains, and no logger is set yet
   const auto lines = std::make_shared<Lines>();
   GrpcBackend::SetLogger(lines);
   bad.ParseFromString("\x0A\x01\xFF");

@@ -22,7 +22,7 @@ namespace rpctesting {
 
 using namespace handover;
 
-/// A root folder with an etc folder, gone with the object.
+/// A temporary root folder with an etc folder.
 class Root {
  public:
   Root() {
@@ -86,7 +86,7 @@ inline std::shared_ptr<grpc::Channel> ChannelTo(const std::string& address, cons
   return grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
 }
 
-/// A call's context; no call in these tests goes on for ever.
+/// A call's context, with a deadline.
 struct Context : grpc::ClientContext {
   Context() { set_deadline(std::chrono::system_clock::now() + seconds(100)); }
 };

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// What a text means: its members, or what is wrong with it.
+/// The members of a text, or its error.
 template <typename Read>
 std::string Meaning(Read read) {
   try {
@@ -18,7 +18,7 @@ std::string Meaning(Read read) {
   }
 }
 
-/// The members of a section, one by one, as its users get them.
+/// The members of a section, read one by one.
 Json::Value Members(const CSectionDocument& document, const Json::Value& expected) {
   Json::Value members(Json::objectValue);
   for (const auto& key : expected.getMemberNames()) {
@@ -63,6 +63,9 @@ TEST(SectionDocument, ReadsTheSameAsTheParserOfWholeDocuments) {
            R"({"a": [1] [2]})",
            R"({[1]: 2})",
            R"({"a": [/**/]})",
+           R"({/**/"a": [1]})",
+           R"({/*[*/"a": 1, "b": [2]})",
+           R"({/*"*/"a": [1], "/": 2})",
            R"([{"a": 1}, [2]])",
            R"(}[1])",
            "{\"a\": [\"\xEF\xBB\xBF\", \xEF\xBB\xBF 1]}",

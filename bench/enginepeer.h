@@ -1,9 +1,5 @@
 #pragma once
 
-// What the engine is measured against: the same machine, over the same queue with the same promises,
-// dispatched by a hand-written switch and by Boost.MSM. C++17, because this Boost.MSM does not compile as
-// C++20.
-
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -15,9 +11,13 @@
 
 #include "src/components/rfidhsmactionhandlerbase.h"
 
+/// What the engine is measured against: the same machine as a hand-written switch, over the same queue with
+/// the same promises.
 namespace bench {
 
-/// What every engine drives: actions that do next to nothing, behind the daemon's own interface.
+ipc::MRfidToken MakeToken(const std::string& uid);
+
+/// The actions of both: they do next to nothing, behind the daemon's own interface.
 class CountingHandler : public CRfidHsmActionHandlerBase {
  public:
   std::function<void(const std::string&)> onToken;
@@ -54,7 +54,7 @@ enum class EPeerEvent {
   TokenDone
 };
 
-/// An event of the peers: a number instead of a type.
+/// An event of the switch: a number instead of a type.
 struct PeerEvent {
   explicit PeerEvent(EPeerEvent what) : id(what) {}
   virtual ~PeerEvent() = default;
@@ -73,55 +73,19 @@ struct TokenEvent : PeerEvent {
   ipc::MRfidToken token;
 };
 
-/// The queue that the engine has, too.
-class PeerQueue {
+/// The switch in its thread's loop, with the operations that engine.cpp measures.
+class SwitchPeer {
  public:
-  void Post(std::shared_ptr<PeerEvent> event) {
-    {
-      const std::lock_guard<std::mutex> lock(mMutex);
-      mEvents.push_back(std::move(event));
-    }
-    mChanged.notify_all();
-  }
-  /// Null when it was stopped.
-  std::shared_ptr<PeerEvent> Take() {
-    std::unique_lock<std::mutex> lock(mMutex);
-    mChanged.wait(lock, [this] { return mStopped || !mEvents.empty(); });
-    if (mStopped) {
-      return nullptr;
-    }
-    auto event = std::move(mEvents.front());
-    mEvents.pop_front();
-    return event;
-  }
-  void Stop() {
-    {
-      const std::lock_guard<std::mutex> lock(mMutex);
-      mStopped = true;
-    }
-    mChanged.notify_all();
-  }
+  explicit SwitchPeer(const std::shared_ptr<CountingHandler>& handler);
 
- private:
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  std::deque<std::shared_ptr<PeerEvent>> mEvents;
-  bool mStopped = false;
-};
-
-using PostEvent = std::function<void(EPeerEvent)>;
-
-inline void Tell(const std::function<void()>& callback) {
-  if (callback) {
-    callback();
-  }
-}
-
-/// Each Process returns whether a state took the event.
-class SwitchMachine {
- public:
-  SwitchMachine(CountingHandler& handler, PostEvent post) : mHandler(handler), mPost(std::move(post)) {}
-  bool Process(PeerEvent& event);
+  void Enable() { Post(EPeerEvent::Enable); }
+  void Disable() { Post(EPeerEvent::Disable); }
+  void Alive() { Post(EPeerEvent::Alive); }
+  void Unhandled() { Post(EPeerEvent::Recover); }
+  void Token(const std::string& uid) { PostEvent(std::make_shared<UidEvent>(uid)); }
+  bool EnableAndWait();
+  void Run();
+  void Stop();
 
  private:
   enum class EState {
@@ -135,24 +99,22 @@ class SwitchMachine {
     FatalError
   };
 
+  void Post(EPeerEvent event) { PostEvent(std::make_shared<PeerEvent>(event)); }
+  void PostEvent(std::shared_ptr<PeerEvent> event);
+  std::shared_ptr<PeerEvent> Take();  ///< null when it was stopped
+
+  /// Each returns whether a state took the event.
+  bool Process(PeerEvent& event);
   bool ProcessInLeaf(PeerEvent& event);
   bool ProcessWhileEnabled(PeerEvent& event);
   void Leave();
 
-  CountingHandler& mHandler;
-  const PostEvent mPost;
+  const std::shared_ptr<CountingHandler> mHandler;
   EState mState = EState::Uninitialized;
-};
-
-class MsmMachine {
- public:
-  MsmMachine(CountingHandler& handler, PostEvent post);
-  ~MsmMachine();
-  bool Process(PeerEvent& event);
-
- private:
-  class Impl;
-  std::unique_ptr<Impl> mImpl;
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  std::deque<std::shared_ptr<PeerEvent>> mEvents;
+  bool mStopped = false;
 };
 
 }  // namespace bench
