@@ -14,13 +14,13 @@
 #include <sstream>
 #include <thread>
 
-#include "common/channel.h"
-#include "common/commandline.h"
-#include "common/output.h"
 #include "measures.h"
 #include "measuring.h"
 #include "picture.h"
 #include "systemlog.h"
+#include "tools/common/channel.h"
+#include "tools/common/commandline.h"
+#include "tools/common/output.h"
 #include "tools/harness/process.h"
 
 namespace {

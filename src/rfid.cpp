@@ -2,19 +2,38 @@
 
 #include <csignal>
 #include <functional>
+#include <map>
+#include <optional>
 #include <utility>
 
 #include "framework/hubconfig.h"
 #include "framework/log.h"
 #include "framework/thread.h"
-#include "src/components/nfcnetlink.h"
-#include "src/components/rfidhsm.h"
 #include "src/interruptrelay.h"
 #include "statemachines/utils/statemachinesutility.h"
 
 namespace {
 
 constexpr int kPeerTimeoutSeconds = 5;
+/// How many looks there are in one period of the service manager's watchdog. The more, the later a wait for
+/// the kernel is taken for a hang.
+constexpr int kLooksPerWatchdogPeriod = 10;
+
+/// What a state means, for the service manager's status line.
+const char* Meaning(const std::string& state) {
+  static const std::map<std::string, const char*> kMeanings{
+      {"Uninitialized", "waiting for the supervisor"},
+      {"Initializing", "starting"},
+      {"Disabled", "waiting for the supervisor to enable the reader"},
+      {"Enabling", "opening the reader"},
+      {"Enabled", "switching the reader on"},
+      {"Disabling", "switching the reader off"},
+      {"Recovering", "opening the reader anew"},
+      {"Terminating", "switching the reader off"},
+  };
+  const auto found = kMeanings.find(state);
+  return found == kMeanings.end() ? "" : found->second;
+}
 
 /// What a SIGINT does; set by the application that runs and never cleared again.
 std::function<void(int)> signalHook;
@@ -28,27 +47,23 @@ CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod)
   const auto settings = HubConfig::Create("settings", "/", {});
   const auto standaloneList = HubConfig::Create("rfid_standalone", "/", {});
   mRfidConfig = std::make_shared<CRfidConfig>(settings, standaloneList);
-  mRfidReader = std::make_shared<CRfidReader>(
-      std::make_shared<CNfcNetlink>(CNfcNetlink::Settings{.watchPeriod = pollWatchPeriod}));
+  const auto netlink = std::make_shared<CNfcNetlink>(CNfcNetlink::Settings{.watchPeriod = pollWatchPeriod});
+  mRfidReader = std::make_shared<CRfidReader>(netlink);
   const CInterruptBlock block;  // from here on threads are started that have no use for signals
   const auto feedbackClient = mAppCommunicationHost->CreateClient<IFeedback>("Feedback");
   feedbackClient->SetConnectTimeout(kPeerTimeoutSeconds);
   feedbackClient->SetCallTimeout(kPeerTimeoutSeconds);
   mActionHandler =
       std::make_shared<CRfidHsmActionHandler>(mRfidReader, mRfidConfig, feedbackClient->GetInterface());
-  mStateMachine = std::make_shared<CRfidHsm>(mActionHandler);
+  const auto stateMachine = std::make_shared<CRfidHsm>(mActionHandler);
+  mStateMachine = stateMachine;
   ConnectInterfaces();
+  ConnectServiceManager(*stateMachine, netlink);
   AddServices();
 }
 
 CRfid::~CRfid() {
-  // Before the first component goes: the reader's own thread uses them.
-  try {
-    mRfidReader->Deinitialize();
-  } catch (const CRfidError& e) {
-    LOG_ERROR("Could not close the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
-  }
-  // Handler, service and machine hold each other through these; the machine has stopped and needs them no
+  // Handler, service and machine hold each other through these. The machine has stopped and needs them no
   // more.
   for (auto* hook :
        {&mActionHandler->ExtUninitializedRsp, &mActionHandler->ExtDisabledRsp, &mActionHandler->ExtEnabledRsp,
@@ -59,21 +74,36 @@ CRfid::~CRfid() {
 
 void CRfid::ConnectInterfaces() {
   ConnectIProcessControl(mActionHandler, mProcessControlService, mStateMachine);
-  ConnectInterruption();
   ConnectIStatemachine();
   ConnectIRfid();
 }
 
-/// An error that waits behind the interrupt leads out of "Terminating" again: the interrupt is then repeated,
-/// on the machine's thread.
-void CRfid::ConnectInterruption() const {
-  for (auto* hook : {&mActionHandler->ExtErrorRsp, &mActionHandler->ExtFatalErrorRsp}) {
-    *hook = [this, tellSupervisor = std::move(*hook)] {
-      tellSupervisor();
-      if (mInterrupted) {
-        signalHook(SIGINT);
-      }
-    };
+void CRfid::ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcNetlink>& netlink) {
+  if (!mServiceNotify.IsWanted()) {
+    return;
+  }
+  machine.OnEntry = [this](const std::string& state) { TellState(state); };
+  mActionHandler->ExtEnabledRsp = [this, tellSupervisor = std::move(mActionHandler->ExtEnabledRsp)] {
+    tellSupervisor();
+    mServiceNotify.TellState("Enabled", "reading cards");
+  };
+  if (const auto period = mServiceNotify.GetWatchdogPeriod(); period.count() > 0) {
+    const auto feeder = std::make_shared<CWatchdogFeeder>(
+        mStateMachine, [netlink] { return netlink->HasMonitorMoved(); },
+        [this] { mServiceNotify.FeedWatchdog(); });
+    mWatchdogCall = mActionHandler->AddCall([feeder] { feeder->Look(); }, std::chrono::steady_clock::now(),
+                                            period / kLooksPerWatchdogPeriod);
+  }
+}
+
+void CRfid::TellState(const std::string& state) const {
+  const bool isError = state == "Error" || state == "FatalError";
+  const auto error = isError ? mActionHandler->GetLastError() : std::nullopt;
+  mServiceNotify.TellState(state, error ? error->what() : Meaning(state));
+  if (state == "Uninitialized") {  // the initial one; the services were started before the machine
+    mServiceNotify.TellReady();
+  } else if (state == "Terminating") {
+    mServiceNotify.TellStopping();
   }
 }
 
@@ -113,6 +143,7 @@ void CRfid::AddServices() {
 void CRfid::Run() {
   StartCommunication();
   RunStateMachine();
+  mActionHandler->CloseReader();  // while its diagnostics can still be published
   StopCommunication();
 }
 
@@ -132,8 +163,7 @@ void CRfid::StartCommunication() {
 void CRfid::RunStateMachine() const {
   signalHook = [this](int signal) {
     if (signal == SIGINT) {
-      mInterrupted = true;
-      mStateMachine->PostEvent(std::make_shared<IntTerminate>());
+      mActionHandler->RequestTermination();
     }
   };
   LOG_INFO("Starting state machine");
@@ -145,6 +175,9 @@ void CRfid::RunStateMachine() const {
 }
 
 void CRfid::StopCommunication() {
+  if (mWatchdogCall) {
+    mWatchdogCall->Cancel();
+  }
   mProcessControlService.reset();
   CDiagnosticsCommClient::Terminate();
   mAppCommunicationHost->Stop();

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -8,11 +7,14 @@
 
 #include "framework/diagnostics.h"
 #include "framework/rpc.h"
+#include "src/components/nfcnetlink.h"
 #include "src/components/rfidconfig.h"
+#include "src/components/rfidhsm.h"
 #include "src/components/rfidhsmactionhandler.h"
 #include "src/components/rfidreader.h"
 #include "src/processcontrolservice.h"
 #include "src/rfidservice.h"
+#include "src/servicenotify.h"
 #include "statemachines/hsmactionhandler.h"
 
 /// The application: builds every component of the daemon, wires them together, runs and stops them.
@@ -33,9 +35,10 @@ class CRfid {
 
  private:
   void ConnectInterfaces();
-  void ConnectInterruption() const;
   void ConnectIStatemachine() const;
   void ConnectIRfid() const;
+  void ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcNetlink>& netlink);
+  void TellState(const std::string& state) const;
   void AddServices();
   void StartCommunication();
   void RunStateMachine() const;
@@ -49,7 +52,8 @@ class CRfid {
   std::shared_ptr<IHsmInterface> mStateMachine;
   std::shared_ptr<CRfidConfig> mRfidConfig;
   std::shared_ptr<CRfidReader> mRfidReader;
+  const CServiceNotify mServiceNotify;
+  std::shared_ptr<CWorkerCall> mWatchdogCall;
   std::thread mServerThread;
   std::thread mNotificationThread;
-  mutable std::atomic<bool> mInterrupted{false};  // a SIGINT was taken
 };

@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -30,6 +31,8 @@ class CompState : public Parent {};
 template <typename Hsm, unsigned Id, typename Parent>
 class LeafState : public Parent {
  public:
+  static constexpr unsigned kId = Id;
+
   void Handle(Hsm& hsm, const std::shared_ptr<IHsmEvent>& event) const override {
     const auto& machine = Hsm::Definition();
     const auto& leaf = machine.Leaf(Id);
@@ -104,6 +107,9 @@ class CHsm final : public IHsmInterface {
 
   Handler& GetHandler() { return *mHandler; }
 
+  /// Told of each leaf that is entered, before its entry actions, on the machine's thread. Set before Run.
+  std::function<void(const std::string& leaf)> OnEntry;
+
   void PostEvent(const std::shared_ptr<IHsmEvent>& event) override {
     {
       const std::lock_guard lock(mMutex);
@@ -160,6 +166,9 @@ class CHsm final : public IHsmInterface {
   void Enter(unsigned target, const std::shared_ptr<IHsmEvent>& event) {
     const auto& leaf = Definition().Leaf(target);
     Log::Trace("State {}: entry", leaf.name);
+    if (OnEntry) {
+      OnEntry(leaf.name);
+    }
     Perform(leaf.entry, event);
     mCurrent = leaf.state;
   }

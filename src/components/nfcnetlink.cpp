@@ -65,10 +65,12 @@ void CNfcNetlink::InitializeController(TargetCallback onTarget) {
   }
   LOG_DEBUG("NFC GENL initialization complete, starting event monitor.");
   mStopFlag = false;
+  mMonitorRuns = true;
   mEvents.Expect();
   try {
     mMonitorThread = std::thread(&CNfcNetlink::MonitorEvents, this);
   } catch (const std::system_error& e) {
+    mMonitorRuns = false;
     mEvents.Abandon();
     mCommandSocket.reset();
     throw CRfidError(std::string("Could not start the event monitor: ") + e.what(), NLE_FAILURE);

@@ -55,14 +55,20 @@ void CNfcNetlink::MonitorEvents() {
   if (const auto failure = mEvents.SetUp(mMulticastGroupId); failure.code != 0) {
     LOG_ERROR("{}", failure.text);
     mEvents.Close();  // StartPolling finds the socket gone and fails
-    return;
+  } else {
+    ReceiveEvents();
   }
-  ReceiveEvents();
+  mMonitorRuns = false;
+}
+
+bool CNfcNetlink::HasMonitorMoved() {
+  return mMonitorMoved.exchange(false) || !mMonitorRuns;
 }
 
 void CNfcNetlink::ReceiveEvents() {
   int failure = 0;
   while (failure == 0 && !mStopFlag) {
+    mMonitorMoved = true;
     // StartPolling wakes the monitor only when a look is due within less than a period.
     const bool isReadable = mEvents.Wait(NextLook().value_or(Clock::now() + mSettings.watchPeriod));
     if (mStopFlag) {

@@ -51,6 +51,10 @@ class CNfcNetlink : public INfcNetlink {
   void StopPolling() override;
   void DeinitializeController() override;
 
+  /// Whether the monitor has come to its wait for events since this was asked last, which it does at least
+  /// once per watch period; true while no monitor runs. One thread at a time; never blocks.
+  bool HasMonitorMoved();
+
  private:
   enum class EPollReason { Wanted, AfterTarget };
 
@@ -98,6 +102,8 @@ class CNfcNetlink : public INfcNetlink {
   const Settings mSettings;
   std::optional<NfcDeviceInfo> mDeviceInfo;
   std::atomic<bool> mStopFlag{true};
+  std::atomic<bool> mMonitorRuns{false};
+  std::atomic<bool> mMonitorMoved{false};
   std::optional<CToken> mLastTarget;  // monitor thread only
   NlSocket mCommandSocket;
   CNfcEventSocket mEvents;

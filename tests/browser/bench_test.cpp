@@ -1,8 +1,8 @@
 #include <csignal>
 
-#include "controlserver.h"
 #include "tests/browser/browser.h"
 #include "tests/endtoend/daemontest.h"
+#include "tools/virtual-nfc/server/controlserver.h"
 
 using namespace virtualnfc;
 using ::testing::HasSubstr;

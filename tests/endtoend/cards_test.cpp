@@ -63,6 +63,12 @@ TEST_F(Cards, ACardInTheListIsAcceptedOnceForAsLongAsItStays) {
   EXPECT_TRUE(IsShown(ipc::ESignalRfidLastTechnology, "InjectedToken"));
 }
 
+TEST_F(Cards, TheEndOfTheDaemonIsShownInTheDiagnostics) {
+  EXPECT_TRUE(IsShown(ipc::ESignalRfidState, "Polling"));
+  EXPECT_EQ(Interrupt(), "exit 0");
+  EXPECT_TRUE(IsShown(ipc::ESignalRfidState, "Uninitialized"));
+}
+
 TEST_F(Cards, EveryKindOfCardHasItsOutcome) {
   Tap(MakeTag(TagKind::Iso15693, "E007060504030201"));
   EXPECT_TRUE(Notifies("token E007060504030201 ERfidUidNotInList"));

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "inprocess.h"
 #include "src/components/rfidhsm.h"
 #include "src/components/rfidhsmactionhandler.h"
 #include "tests/components/temporarystore.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 /// The daemon without RPC, from the state machine down to the simulated kernel; the test plays the
 /// supervisor. It is Disabled after construction. The destructor stops the machine and closes the reader. A

@@ -5,10 +5,10 @@
 #include <csignal>
 #include <filesystem>
 
-#include "controlserver.h"
 #include "tools/common/commandline.h"
 #include "tools/common/tail.h"
 #include "tools/demo/story.h"
+#include "tools/virtual-nfc/server/controlserver.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 
 #include "tools/harness/process.h"
 #include "tools/harness/supervisor.h"
+#include "tools/virtual-nfc/server/virtualnfc.h"
 #include "tools/virtual-station/virtualstation.h"
-#include "virtualnfc.h"
 
 /// Makes a new folder for temporary files whose name begins with `name`.
 std::filesystem::path NewFolder(const std::string& name);

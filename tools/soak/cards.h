@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tag.h"
+#include "tools/virtual-nfc/kernel/tag.h"
 
 /// What is put to the reader.
 struct Card {

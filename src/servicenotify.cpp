@@ -1,0 +1,81 @@
+#include "src/servicenotify.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+#include <utility>
+
+#include "framework/log.h"
+#include "statemachines/hsmevent.h"
+
+#ifdef RFID_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
+
+namespace {
+
+/// An event that no state reacts to: the machine takes it and goes on.
+struct ProbeTag {
+  static constexpr std::array<std::string_view, 1> kEventNames{"WatchdogProbe"};
+};
+using WatchdogProbe = CHsmEvent<ProbeTag, 0>;
+
+}  // namespace
+
+#ifdef RFID_SYSTEMD
+
+CServiceNotify::CServiceNotify() : mIsWanted(std::getenv("NOTIFY_SOCKET") != nullptr) {
+  uint64_t period = 0;
+  if (mIsWanted && sd_watchdog_enabled(0, &period) > 0) {
+    mWatchdogPeriod = std::chrono::microseconds(period);
+  }
+}
+
+void CServiceNotify::Send(const std::string& assignment) const {
+  if (!mIsWanted) {
+    return;
+  }
+  if (const int result = sd_notify(0, assignment.c_str()); result < 0) {
+    LOG_DEBUG("Could not tell the service manager {}: error {}", assignment, -result);
+  }
+}
+
+#else
+
+CServiceNotify::CServiceNotify() = default;
+
+void CServiceNotify::Send(const std::string& /*assignment*/) const {}
+
+#endif
+
+void CServiceNotify::TellState(const std::string& state, const std::string& detail) const {
+  auto status = "STATUS=" + state + (detail.empty() ? "" : ": " + detail);
+  std::replace(status.begin(), status.end(), '\n', ' ');  // a new line would begin another assignment
+  Send(status);
+}
+
+CWatchdogFeeder::CWatchdogFeeder(std::shared_ptr<IHsmInterface> machine,
+                                 std::function<bool()> hasMonitorMoved, std::function<void()> feed)
+    : mMachine(std::move(machine)), mHasMonitorMoved(std::move(hasMonitorMoved)), mFeed(std::move(feed)) {}
+
+void CWatchdogFeeder::Look() {
+  mMachineMoved = HasMachineMoved() || mMachineMoved;
+  mMonitorMoved = mHasMonitorMoved() || mMonitorMoved;
+  if (mMachineMoved && mMonitorMoved) {
+    mMachineMoved = mMonitorMoved = false;
+    mFeed();
+  }
+}
+
+bool CWatchdogFeeder::HasMachineMoved() {
+  if (mProbe.valid() && mProbe.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+    return false;
+  }
+  const bool isAnswered = mProbe.valid();
+  const auto probe = std::make_shared<WatchdogProbe>();
+  mProbe = probe->mHandled.get_future();
+  mMachine->PostEvent(probe);
+  return isAnswered;
+}

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "statemachines/hsmactionhandler.h"
+
+/// Tells the service manager (systemd) that the daemon is ready, what it does, and that it works.
+///
+/// The manager asks for this with the environment variables NOTIFY_SOCKET and WATCHDOG_USEC. Without the
+/// first one, or in a build without libsystemd, every operation does nothing. Threads: any; one datagram
+/// each.
+class CServiceNotify {
+ public:
+  /// Reads the environment.
+  CServiceNotify();
+
+  bool IsWanted() const { return mIsWanted; }
+
+  /// The services answer and the machine runs.
+  void TellReady() const { Send("READY=1"); }
+  /// The daemon ends because it was asked to.
+  void TellStopping() const { Send("STOPPING=1"); }
+  /// One line for people: the machine's state, and the detail after a colon unless it is empty.
+  void TellState(const std::string& state, const std::string& detail) const;
+
+  /// The manager ends a daemon that does not feed its watchdog for this long. Zero: it has no watchdog.
+  std::chrono::microseconds GetWatchdogPeriod() const { return mWatchdogPeriod; }
+  void FeedWatchdog() const { Send("WATCHDOG=1"); }
+
+ private:
+  void Send(const std::string& assignment) const;
+
+  bool mIsWanted = false;
+  std::chrono::microseconds mWatchdogPeriod{0};
+};
+
+/// Feeds a watchdog while the machine's thread takes events and the NFC monitor makes progress.
+///
+/// Each feed needs new proof from both, so a thread that hangs for longer than the watchdog's period starves
+/// it. A shorter wait for the kernel does not.
+///
+/// Threads: Look on one thread; it never blocks.
+class CWatchdogFeeder {
+ public:
+  /// `hasMonitorMoved` says whether the monitor made progress since it was asked last.
+  CWatchdogFeeder(std::shared_ptr<IHsmInterface> machine, std::function<bool()> hasMonitorMoved,
+                  std::function<void()> feed);
+
+  /// Call it several times per watchdog period.
+  void Look();
+
+ private:
+  bool HasMachineMoved();
+
+  const std::shared_ptr<IHsmInterface> mMachine;
+  const std::function<bool()> mHasMonitorMoved;
+  const std::function<void()> mFeed;
+  std::future<bool> mProbe;  ///< of the event that waits in the machine's queue
+  bool mMachineMoved = false;
+  bool mMonitorMoved = false;
+};
