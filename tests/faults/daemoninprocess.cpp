@@ -15,12 +15,12 @@ using namespace virtualnfc;
 namespace {
 
 /// A card held for longer than one detection and shorter than two is found once.
-constexpr auto Detection = 20ms;
-constexpr auto Hold = 30ms;
+constexpr auto kDetection = 20ms;
+constexpr auto kHold = 30ms;
 
 VirtualNfcSettings Settings() {
   VirtualNfcSettings settings;
-  settings.detectionDelay = Detection;
+  settings.detectionDelay = kDetection;
   settings.ownerReleaseDelay = 60s;  // within some milliseconds, as the kernel does it, is a matter of luck
   settings.removedListing = 5ms;
   settings.numberRelease = 0ms;
@@ -146,7 +146,7 @@ Tag DaemonInProcess::NextCard() {
 }
 
 std::string DaemonInProcess::Tap() {
-  mKernel.PresentTagFor(NextCard(), Hold);
+  mKernel.PresentTagFor(NextCard(), kHold);
   return mPresented.back();
 }
 

@@ -74,7 +74,7 @@ class Cell {
     const auto before = had(mDaemon.mKernel.GetStatus());
     mCard = mDaemon.Tap();
     EXPECT_TRUE(mDaemon.mKernel.WaitFor([&](const Status& status) { return had(status) > before; },
-                                        DaemonInProcess::Bound));
+                                        DaemonInProcess::kBound));
   }
   void LoseEvents() {
     mDaemon.mKernel.OverrunEvents();
@@ -115,7 +115,7 @@ class Cell {
   /// Whether it reads two cards or leaves Enabled.
   bool GoesOnReading(State& state) {
     for (int cards = 0; cards < 2 && state == State::Enabled; ++cards) {
-      if (!mDaemon.ReadsCardOrTells(DaemonInProcess::Bound)) {
+      if (!mDaemon.ReadsCardOrTells(DaemonInProcess::kBound)) {
         return false;
       }
       state = mDaemon.Settle();

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr std::array<const char*, kOutcomeCount> Names{
+constexpr std::array<const char*, kOutcomeCount> kNames{
     "notified",
     "suppressed: seen again within two seconds",
     "withheld: charging is free",
@@ -41,7 +41,7 @@ std::string Ledger::Line() const {
 std::string Ledger::Report() const {
   std::string report = fmt::format("{:>8} swipes sent\n", mSent);
   for (size_t i = 0; i < kOutcomeCount; ++i) {
-    report += fmt::format("{:>8}   {}\n", mOutcomes[i], Names[i]);
+    report += fmt::format("{:>8}   {}\n", mOutcomes[i], kNames[i]);
   }
   report += fmt::format("{:>8} notifications of them received, {} sent by the daemon's own log\n",
                         mNotifications, mLogged);
