@@ -12,8 +12,8 @@
 #include "measuring.h"
 #include "tools/harness/process.h"
 #include "tools/harness/supervisor.h"
+#include "tools/virtual-nfc/server/virtualnfc.h"
 #include "tools/virtual-station/virtualstation.h"
-#include "virtualnfc.h"
 
 namespace bench {
 

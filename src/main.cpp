@@ -1,22 +1,5 @@
-#include <exception>
-#include <memory>
+#include "src/daemon.h"
 
-#include "framework/log.h"
-#include "framework/rpc.h"
-#include "src/commandline.h"
-#include "src/hublogger.h"
-#include "src/rfid.h"
-#include "src/terminatehandler.h"
-
-// Nothing is caught here: whatever escapes ends in the terminate handler, with its reason in the log.
 int main(int argc, char** argv) {
-  Log::Init("Rfid", Log::ELogLevel::Info);
-  std::set_terminate(HandleTerminate);
-  if (!ParseCommandLine(argc, argv)) {
-    return 1;
-  }
-  GrpcBackend::SetLogger(std::make_shared<Rpc::HubLogger>());
-  CRfid rfid(GetFilesystemRoot());
-  rfid.Run();
-  return 0;
+  return RunDaemon(argc, argv);
 }

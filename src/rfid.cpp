@@ -63,13 +63,7 @@ CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod)
 }
 
 CRfid::~CRfid() {
-  // Before the first component goes: the reader's own thread uses them.
-  try {
-    mRfidReader->Deinitialize();
-  } catch (const CRfidError& e) {
-    LOG_ERROR("Could not close the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
-  }
-  // Handler, service and machine hold each other through these; the machine has stopped and needs them no
+  // Handler, service and machine hold each other through these. The machine has stopped and needs them no
   // more.
   for (auto* hook :
        {&mActionHandler->ExtUninitializedRsp, &mActionHandler->ExtDisabledRsp, &mActionHandler->ExtEnabledRsp,
@@ -80,22 +74,8 @@ CRfid::~CRfid() {
 
 void CRfid::ConnectInterfaces() {
   ConnectIProcessControl(mActionHandler, mProcessControlService, mStateMachine);
-  ConnectInterruption();
   ConnectIStatemachine();
   ConnectIRfid();
-}
-
-/// An error that waits behind the interrupt leads out of "Terminating" again: the interrupt is then repeated,
-/// on the machine's thread.
-void CRfid::ConnectInterruption() const {
-  for (auto* hook : {&mActionHandler->ExtErrorRsp, &mActionHandler->ExtFatalErrorRsp}) {
-    *hook = [this, tellSupervisor = std::move(*hook)] {
-      tellSupervisor();
-      if (mInterrupted) {
-        signalHook(SIGINT);
-      }
-    };
-  }
 }
 
 void CRfid::ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcNetlink>& netlink) {
@@ -163,6 +143,7 @@ void CRfid::AddServices() {
 void CRfid::Run() {
   StartCommunication();
   RunStateMachine();
+  mActionHandler->CloseReader();  // while its diagnostics can still be published
   StopCommunication();
 }
 
@@ -182,8 +163,7 @@ void CRfid::StartCommunication() {
 void CRfid::RunStateMachine() const {
   signalHook = [this](int signal) {
     if (signal == SIGINT) {
-      mInterrupted = true;
-      mStateMachine->PostEvent(std::make_shared<IntTerminate>());
+      mActionHandler->RequestTermination();
     }
   };
   LOG_INFO("Starting state machine");

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -36,7 +35,6 @@ class CRfid {
 
  private:
   void ConnectInterfaces();
-  void ConnectInterruption() const;
   void ConnectIStatemachine() const;
   void ConnectIRfid() const;
   void ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcNetlink>& netlink);
@@ -58,5 +56,4 @@ class CRfid {
   std::shared_ptr<CWorkerCall> mWatchdogCall;
   std::thread mServerThread;
   std::thread mNotificationThread;
-  mutable std::atomic<bool> mInterrupted{false};  // a SIGINT was taken
 };

@@ -18,7 +18,7 @@ namespace {
 
 /// An event that no state reacts to: the machine takes it and goes on.
 struct ProbeTag {
-  static constexpr std::array<std::string_view, 1> EventNames{"WatchdogProbe"};
+  static constexpr std::array<std::string_view, 1> kEventNames{"WatchdogProbe"};
 };
 using WatchdogProbe = CHsmEvent<ProbeTag, 0>;
 

@@ -31,6 +31,8 @@ class CompState : public Parent {};
 template <typename Hsm, unsigned Id, typename Parent>
 class LeafState : public Parent {
  public:
+  static constexpr unsigned kId = Id;
+
   void Handle(Hsm& hsm, const std::shared_ptr<IHsmEvent>& event) const override {
     const auto& machine = Hsm::Definition();
     const auto& leaf = machine.Leaf(Id);

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <typeindex>
 #include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include "statemachines/hsmevent.h"
@@ -36,11 +37,11 @@ struct CHsmReaction {
 /// A leaf state: where the machine can be.
 template <typename Machine>
 struct CHsmLeaf {
-  const typename Machine::State* state;
   std::string name;
   std::vector<CHsmAction<Machine>> entry;
   std::vector<CHsmAction<Machine>> exit;
   std::vector<CHsmReaction<Machine>> reactions;
+  const typename Machine::State* state = nullptr;
 };
 
 /// The composite state that holds all leaves, whose reactions every leaf inherits.
@@ -49,10 +50,27 @@ struct CHsmDefinition {
   std::string name;
   unsigned initial;
   std::vector<CHsmReaction<Machine>> reactions;
-  std::vector<CHsmLeaf<Machine>> leaves;  ///< in the order of their ids, the first has id 1
+  std::vector<CHsmLeaf<Machine>> leaves;  ///< from LeavesInOrder
 
   const CHsmLeaf<Machine>& Leaf(unsigned id) const { return leaves.at(id - 1); }
 };
+
+/// A leaf as a row of the machine's table. The type tells which leaf it is.
+template <typename Machine, typename State>
+struct CHsmRow : CHsmLeaf<Machine> {};
+
+/// The leaves of a table, whose ids count from 1. Rows in another order do not compile.
+template <typename Machine, typename... States>
+std::vector<CHsmLeaf<Machine>> LeavesInOrder(CHsmRow<Machine, States>... rows) {
+  static_assert(
+      [] {
+        unsigned id = 0;
+        return ((States::kId == ++id) && ...);
+      }(),
+      "each row must stand at its leaf's id");
+  ((rows.state = &States::kInstance), ...);
+  return {std::move(rows)...};
+}
 
 /// Reads as a table row: On<ExtEnableReq>::GoTo(Enabling), On<IntAlive>::Do({...}).
 template <typename Machine, typename Event>

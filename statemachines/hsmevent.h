@@ -26,15 +26,15 @@ struct CHsmEvent final : public IHsmEvent {
 
   explicit CHsmEvent(Payload... payload) : mPayload(std::move(payload)...) {}
 
-  const std::string& GetName() const override { return mName; }
+  const std::string& GetName() const override { return kName; }
 
   /// The value that the event carries.
   const auto& GetPayload() const { return std::get<0>(mPayload); }
 
-  static const std::string& Name() { return mName; }
+  static const std::string& Name() { return kName; }
 
  private:
   std::tuple<Payload...> mPayload;
 
-  inline static const std::string mName{Tag::kEventNames[Id]};
+  inline static const std::string kName{Tag::kEventNames[Id]};
 };

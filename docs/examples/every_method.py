@@ -1,49 +1,61 @@
 #!/usr/bin/env python3
-r"""One call of every method of the station's services, with nothing but the installed .proto files.
+"""Calls every method of the station's services once, with nothing but the .proto files.
 
-The client is generated once:
+Start a station: "scripts/demo" shows how, or rfidd (it must be Uninitialized) and "virtual-station serve". Then:
 
-    protos=/usr/share/rfidd/proto
-    protoc -I $protos --python_out=. --grpc_out=. --plugin=protoc-gen-grpc=$(command -v grpc_python_plugin) \
-      $protos/ipc/*.proto
+    every_method.py unix:ROOT/run/rfid/rfid.sock unix:ROOT/run/feedback.sock unix:ROOT/run/diagnostics.sock
 
-Then, with a daemon that has just been started (it is Uninitialized), and Feedback and Diagnostics, for which
-"virtual-station serve" can stand in:
-
-    python3 every_method.py unix:ROOT/run/rfid/rfid.sock unix:ROOT/run/feedback.sock unix:ROOT/run/diagnostics.sock
-
-The three addresses are "listen" and the two "peers" of ROOT/etc/plex.json. The program brings the daemon to Enabled and
-simulates cards. It ends with an error where an answer is not what the documentation says, and when the files have a
-method that is not called here.
+The three addresses are "listen" and the two "peers" of ROOT/etc/plex.json. The program generates its client, brings the
+daemon to Enabled and simulates cards. It ends with an error where an answer is not what the documentation says, and
+when the files have a method that is not called here. It needs the Debian packages python3-grpcio, python3-protobuf,
+protobuf-compiler and protobuf-compiler-grpc.
 """
 
+import argparse
+import pathlib
+import shutil
+import subprocess
 import sys
-
-import grpc
-from ipc import (common_pb2, diagnostics_pb2, diagnostics_pb2_grpc, feedback_pb2, feedback_pb2_grpc,
-                 generic_control_pb2, generic_control_pb2_grpc, log_config_pb2, log_config_pb2_grpc, rfid_pb2,
-                 rfid_pb2_grpc)
+import tempfile
 
 PATIENCE = 60  # seconds; a slow reader may keep the daemon busy for half of it
 
-if len(sys.argv) != 4:
-    sys.exit("usage: every_method.py DAEMON FEEDBACK DIAGNOSTICS (addresses, see the beginning of this file)")
-DAEMON, FEEDBACK, DIAGNOSTICS = sys.argv[1:]
+here = pathlib.Path(__file__).resolve().parent
+places = [here / "../../../rfidd/proto", here / "../../framework/proto"]  # installed; in the source tree
+parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+parser.add_argument("daemon", help="address of the daemon: unix:PATH or HOST:PORT")
+parser.add_argument("feedback", help="address of the feedback service")
+parser.add_argument("diagnostics", help="address of the diagnostics service")
+parser.add_argument("--protos", type=pathlib.Path, default=next(filter(pathlib.Path.is_dir, places), places[0]),
+                    help="folder of the .proto files, default: %(default)s")
+arguments = parser.parse_args()
+DAEMON, FEEDBACK, DIAGNOSTICS = arguments.daemon, arguments.feedback, arguments.diagnostics
+
+with tempfile.TemporaryDirectory() as generated:
+    subprocess.run(["protoc", "-I", arguments.protos, f"--python_out={generated}", f"--grpc_out={generated}",
+                    f"--plugin=protoc-gen-grpc={shutil.which('grpc_python_plugin')}",
+                    *arguments.protos.glob("ipc/*.proto")], check=True)
+    sys.path.insert(0, generated)
+    import grpc
+    from ipc import (common_pb2, diagnostics_pb2, diagnostics_pb2_grpc, feedback_pb2, feedback_pb2_grpc,
+                     generic_control_pb2, generic_control_pb2_grpc, log_config_pb2, log_config_pb2_grpc, rfid_pb2,
+                     rfid_pb2_grpc)
+
 Empty = common_pb2.MEmpty
 
 
 def channel(address, name):
-    """The way to the service that is registered under this name: whom a client wants it says by the authority."""
+    """A channel to the service that is registered under this name, which the client asks for by the authority."""
     return grpc.insecure_channel(address, options=[("grpc.default_authority", name)])
 
 
-# ---- Checks ----------------------------------------------------------------------------------------------------------
+# Checks
 
 called = set()
 
 
 def call(service, stub, method, request):
-    """Calls stub.method and notes it. A client that is to stay gives its subscriptions no timeout."""
+    """Calls stub.method and notes it. A client that runs on gives its subscriptions no timeout."""
     called.add((service, method))
     return getattr(stub, method)(request, timeout=PATIENCE)
 
@@ -74,7 +86,7 @@ def expect_status(what, stub_call, code, detail=""):
         sys.exit(f"{what}: no error")
 
 
-# ---- RfidGenCtrl: the supervisor brings the daemon to Enabled --------------------------------------------------------
+# RfidGenCtrl: the supervisor brings the daemon to Enabled
 
 control = generic_control_pb2_grpc.GenericControlStub(channel(DAEMON, "RfidGenCtrl"))
 rfid = rfid_pb2_grpc.RfidStub(channel(DAEMON, "Rfid"))
@@ -92,7 +104,7 @@ expect_state(states, "EStateDisabled")
 expect("enable", result("GenericControl", control, "Enable", Empty()), "EResultOk")
 expect_state(states, "EStateEnabled")
 
-# ---- Rfid: cards, malformed ones, and cards that are learned ---------------------------------------------------------
+# Rfid: cards, malformed ones, and cards that are learned
 
 expect("inject", result("Rfid", rfid, "InjectToken", token), "EResultOk")
 expect("token", next(cards).token,
@@ -107,7 +119,7 @@ expect("learning", result("Rfid", rfid, "EnableLearning", learning), "EResultOk"
 expect("inject", result("Rfid", rfid, "InjectToken", rfid_pb2.MInjectToken(uid="11223344")), "EResultOk")
 expect("learning token", next(cards).learning_token, rfid_pb2.MRfidLearningToken(uid="11223344"))
 
-# ---- RfidLog: the log level ------------------------------------------------------------------------------------------
+# RfidLog: the log level
 
 log = log_config_pb2_grpc.LogConfigStub(channel(DAEMON, "RfidLog"))
 debug = log_config_pb2.MLogLevel(level=log_config_pb2.ELogDebug)
@@ -116,7 +128,7 @@ expect("level", call("LogConfig", log, "GetLogLevel", Empty()), debug)
 unknown = log_config_pb2.MLogLevel(level=77)
 expect("unknown level", result("LogConfig", log, "SetLogLevel", unknown), "EResultIllegal")
 
-# ---- Feedback and Diagnostics: what the daemon calls -----------------------------------------------------------------
+# Feedback and Diagnostics: what the daemon calls
 
 feedback = feedback_pb2_grpc.FeedbackStub(channel(FEEDBACK, "Feedback"))
 event = feedback_pb2.MFbEventType(type=feedback_pb2.EFbAuthRejected)
@@ -131,7 +143,7 @@ expect("signals", result("Diagnostics", diagnostics, "UpdateSignals", both), "ER
 known = call("Diagnostics", diagnostics, "List", Empty()).signals
 expect("the last value among those listed", later in known, True)
 
-# ---- What is refused -------------------------------------------------------------------------------------------------
+# What is refused
 
 nobody = generic_control_pb2_grpc.GenericControlStub(channel(DAEMON, "Nobody"))
 expect_status("unknown name", lambda: nobody.Enable(Empty(), timeout=PATIENCE), grpc.StatusCode.UNIMPLEMENTED)
@@ -142,7 +154,7 @@ large = rfid_pb2.MInjectToken(uid="A" * 70000)
 expect_status("large request", lambda: rfid.InjectToken(large, timeout=PATIENCE),
               grpc.StatusCode.RESOURCE_EXHAUSTED, "larger than max")
 
-# ---- Nothing was left out --------------------------------------------------------------------------------------------
+# Nothing was left out
 
 files = (generic_control_pb2, rfid_pb2, log_config_pb2, feedback_pb2, diagnostics_pb2)
 offered = {(name, method.name) for file in files for name, service in file.DESCRIPTOR.services_by_name.items()

@@ -21,8 +21,8 @@ grpc_channel* MakeChannel(const std::string& address) {
 
 }  // namespace
 
-ConnectionWatch::ConnectionWatch(const std::string& address, std::function<bool()> isConnected,
-                                 std::function<void()> lost)
+CConnectionWatch::CConnectionWatch(const std::string& address, std::function<bool()> isConnected,
+                                   std::function<void()> lost)
     : mIsConnected(std::move(isConnected)),
       mLost(std::move(lost)),
       mChange(MakeEvent(this, TakeChange)),
@@ -30,49 +30,50 @@ ConnectionWatch::ConnectionWatch(const std::string& address, std::function<bool(
       mQueue(grpc_completion_queue_create_for_callback(&mShutdown, nullptr)),
       mChannel(MakeChannel(address)) {}
 
-ConnectionWatch::~ConnectionWatch() {
+CConnectionWatch::~CConnectionWatch() {
   {
     const std::lock_guard<std::mutex> lock(mMutex);
     mIsEnding = true;
   }
   grpc_channel_destroy(mChannel);  // ends a wait for its change
   grpc_completion_queue_shutdown(mQueue);
-  mIsShutDown.get_future().wait();
   {
-    // The library does not promise that the end of the queue comes last.
+    // The shutdown need not be the last call.
     std::unique_lock<std::mutex> lock(mMutex);
-    mWaitEnded.wait(lock, [this] { return mWaits == 0; });
+    mCallEnded.wait(lock, [this] { return mCalls == 0; });
   }
   grpc_completion_queue_destroy(mQueue);
 }
 
-ConnectionWatch::Event ConnectionWatch::MakeEvent(ConnectionWatch* watch, void (*run)(Functor*, int)) {
+CConnectionWatch::Event CConnectionWatch::MakeEvent(CConnectionWatch* watch, void (*run)(Functor*, int)) {
   Event event{};
   event.functor_run = run;
   event.watch = watch;
   return event;
 }
 
-void ConnectionWatch::TakeShutdown(Functor* event, int /*ok*/) {
-  static_cast<Event*>(event)->watch->mIsShutDown.set_value();
+void CConnectionWatch::TakeShutdown(Functor* event, int /*ok*/) {
+  CConnectionWatch& watch = *static_cast<Event*>(event)->watch;
+  const std::lock_guard<std::mutex> lock(watch.mMutex);
+  watch.NoteCallEnded();
 }
 
-void ConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
-  ConnectionWatch& watch = *static_cast<Event*>(event)->watch;
+void CConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
+  CConnectionWatch& watch = *static_cast<Event*>(event)->watch;
   if (watch.IsLost()) {
     watch.mLost();
     const std::lock_guard<std::mutex> lock(watch.mMutex);
-    watch.EndWait();
+    watch.NoteCallEnded();
   }
 }
 
-/// With mMutex held, last of all: the destructor may go on.
-void ConnectionWatch::EndWait() {
-  --mWaits;
-  mWaitEnded.notify_all();
+/// With mMutex held. The destructor may go on once the mutex is free.
+void CConnectionWatch::NoteCallEnded() {
+  --mCalls;
+  mCallEnded.notify_all();
 }
 
-void ConnectionWatch::Begin() {
+void CConnectionWatch::Begin() {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (!mIsWatching) {
     mIsWatching = true;
@@ -80,28 +81,28 @@ void ConnectionWatch::Begin() {
   }
 }
 
-void ConnectionWatch::WaitForChange(grpc_connectivity_state state) {
+void CConnectionWatch::WaitForChange(grpc_connectivity_state state) {
   mState = state;
-  ++mWaits;
+  ++mCalls;
   grpc_channel_watch_connectivity_state(mChannel, state, gpr_inf_future(GPR_CLOCK_REALTIME), mQueue,
                                         &mChange);
 }
 
-/// After a change: whether the peer has gone. If it has not, waits for the next.
-bool ConnectionWatch::IsLost() {
+/// After a change: returns whether the peer has gone; otherwise waits for the next change.
+bool CConnectionWatch::IsLost() {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mIsEnding) {
-    EndWait();
+    NoteCallEnded();
     return false;
   }
   const bool wasConnected = mState == GRPC_CHANNEL_READY;
   const auto state = grpc_channel_check_connectivity_state(mChannel, wasConnected ? 0 : 1);
-  // A server that went before this connection was there has taken the other one along.
+  // A server that went before this connection was up has closed the main connection too.
   mIsWatching = !wasConnected && state != GRPC_CHANNEL_TRANSIENT_FAILURE &&
                 (state != GRPC_CHANNEL_READY || mIsConnected());
   if (mIsWatching) {
     WaitForChange(state);
-    EndWait();  // of the one before
+    NoteCallEnded();  // the former one
   }
   return !mIsWatching;
 }

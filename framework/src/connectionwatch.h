@@ -4,41 +4,40 @@
 
 #include <condition_variable>
 #include <functional>
-#include <future>
 #include <mutex>
 #include <string>
 
-/// Tells when a peer's server goes, without looking from time to time.
+/// Reports that a peer's server has gone, without polling.
 ///
-/// A connection of its own, on which nothing is sent, ends with the server. The library reports that on one
-/// of its own threads: a thread that waits for it here would take part in the library's polling for
-/// everybody, at the cost of some ten system calls for every card.
-class ConnectionWatch {
+/// The watch has a connection of its own, on which nothing is sent and which ends with the server. gRPC
+/// reports that on one of its own threads. A thread of ours that waits for it would take part in gRPC's
+/// polling, which costs some ten system calls for every card.
+class CConnectionWatch {
  public:
-  /// `isConnected` says whether the connection that matters is there. `lost` is called when it may have been
-  /// lost. Both are called on threads of the library's and must not block.
-  ConnectionWatch(const std::string& address, std::function<bool()> isConnected, std::function<void()> lost);
-  ~ConnectionWatch();  ///< waits for calls in progress
-  ConnectionWatch(const ConnectionWatch&) = delete;
-  ConnectionWatch& operator=(const ConnectionWatch&) = delete;
+  /// `isConnected` says whether the peer's main connection is up. `lost` is called when it may have been
+  /// lost. Both run on gRPC's threads and must not block.
+  CConnectionWatch(const std::string& address, std::function<bool()> isConnected, std::function<void()> lost);
+  ~CConnectionWatch();  ///< waits for calls in progress
+  CConnectionWatch(const CConnectionWatch&) = delete;
+  CConnectionWatch& operator=(const CConnectionWatch&) = delete;
 
-  /// From now on until `lost` has been called the peer is watched. Does nothing when it already is.
+  /// Watches the peer until `lost` has been called. Does nothing while it is watched already.
   void Begin();
 
  private:
   using Functor = grpc_completion_queue_functor;
   struct Event : Functor {
-    ConnectionWatch* watch = nullptr;
+    CConnectionWatch* watch = nullptr;
   };
 
-  static Event MakeEvent(ConnectionWatch* watch, void (*run)(Functor*, int));
+  static Event MakeEvent(CConnectionWatch* watch, void (*run)(Functor*, int));
   static void TakeChange(Functor* event, int ok);
   static void TakeShutdown(Functor* event, int ok);
   void WaitForChange(grpc_connectivity_state state);
   bool IsLost();
-  void EndWait();
+  void NoteCallEnded();
 
-  /// Keeps the library initialised.
+  /// Keeps gRPC initialised.
   const struct Library {
     Library() { grpc_init(); }
     ~Library() { grpc_shutdown(); }
@@ -47,13 +46,12 @@ class ConnectionWatch {
   const std::function<void()> mLost;
   Event mChange;
   Event mShutdown;
-  std::promise<void> mIsShutDown;
   grpc_completion_queue* const mQueue;
   grpc_channel* const mChannel;
   std::mutex mMutex;  ///< guards the rest, and the channel's end
   bool mIsWatching = false;
   bool mIsEnding = false;
-  unsigned mWaits = 0;  ///< calls of TakeChange that are still to come, or run
-  std::condition_variable mWaitEnded;
+  unsigned mCalls = 1;  ///< gRPC's calls that are still to come or in progress; TakeShutdown always comes
+  std::condition_variable mCallEnded;
   grpc_connectivity_state mState = GRPC_CHANNEL_IDLE;  ///< when the wait for a change began
 };

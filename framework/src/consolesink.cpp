@@ -15,7 +15,7 @@ namespace {
 constexpr const char* kPattern = "%Y-%m-%d %H:%M:%S.%e %^%-8l%$ %v";
 constexpr std::string_view kPlain = "\033[m";
 
-/// Of the levels from trace to critical.
+/// By level, from trace to critical.
 constexpr std::array<std::string_view, 6> kColours{"\033[37m",          // white
                                                    "\033[36m",          // cyan
                                                    "\033[32m",          // green
@@ -28,7 +28,7 @@ bool WriteAll(std::string_view text) {
     const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
     if (written >= 0) {
       text.remove_prefix(static_cast<size_t>(written));
-    } else if (errno == EAGAIN) {  // whoever shares the console has made it non-blocking
+    } else if (errno == EAGAIN) {  // another process that shares the console made it non-blocking
       pollfd console{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
       poll(&console, 1, -1);
     } else if (errno != EINTR) {
@@ -40,12 +40,12 @@ bool WriteAll(std::string_view text) {
 
 }  // namespace
 
-ConsoleSink::ConsoleSink()
+CConsoleSink::CConsoleSink()
     : mColours(spdlog::details::os::in_terminal(stderr) && spdlog::details::os::is_color_terminal()) {
   set_pattern(kPattern);
 }
 
-void ConsoleSink::sink_it_(const spdlog::details::log_msg& message) {
+void CConsoleSink::sink_it_(const spdlog::details::log_msg& message) {
   mTookLast = false;  // unless the rest succeeds
   message.color_range_start = 0;
   message.color_range_end = 0;

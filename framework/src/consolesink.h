@@ -3,13 +3,14 @@
 #include <spdlog/details/null_mutex.h>
 #include <spdlog/sinks/base_sink.h>
 
-/// Writes lines to standard error, on a terminal with the level in colour. One thread.
+/// Writes lines to standard error; the level is coloured on a terminal. One thread. A write may block; one
+/// that fails loses its line.
 ///
-/// Not spdlog's own sink: that one writes through the C library's stream, whose lock a write that is stuck
-/// would hold while the process ends. A write may block; one that fails costs its line.
-class ConsoleSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+/// spdlog's own sink writes through the C library's stream. A stuck write would hold the stream's lock, and
+/// the end of the process would wait for it.
+class CConsoleSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
  public:
-  ConsoleSink();
+  CConsoleSink();
 
   /// Whether the console took the last line.
   bool TookLast() const { return mTookLast; }

@@ -1,54 +1,49 @@
 #include "framework/diagnostics.h"
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <exception>
-#include <map>
 #include <mutex>
 #include <thread>
 #include <utility>
-#include <vector>
 
+#include "diagnosticstransport.h"
 #include "framework/thread.h"
-#include "rpcclients.h"
-#include "rpchost.h"
 #include "rpclogging.h"
 #include "utf8.h"
 
 namespace {
 
 constexpr std::chrono::seconds kRetryPeriod{1};
-// How long the first value waits for others: a card has three, and is to be authorised first.
+// How long the first value waits for others: a card sends three, and must be authorised first.
 constexpr std::chrono::milliseconds kGatherPeriod{20};
 constexpr std::size_t kQueueBound = 256;
 constexpr std::size_t kCallBytes = 32UL * 1024;  // half of what a service of this framework takes in one call
-// How long Terminate waits for values on their way, and then for the transport to give in.
+// How long Terminate waits for queued values to leave, and then for the cancelled transport to return.
 constexpr std::chrono::milliseconds kFlushGrace{300};
 constexpr std::chrono::milliseconds kCancelGrace{150};
 
-/// Everything that signals and the delivering thread share: what was sent last on every signal, and what is
-/// on its way.
-class Publisher {
+/// What the signals and the delivering thread share: the latest value of every signal and the queue.
+class CPublisher {
  public:
   // Never destroyed: signals may go on sending while the process exits.
-  static Publisher& Instance() {
-    static auto* const publisher = new Publisher;
+  static CPublisher& Instance() {
+    static auto* const publisher = new CPublisher;
     return *publisher;
   }
 
   void Send(ipc::MSignal signal) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    mLatest[signal.id()] = {mNextNumber++, signal};
+    std::erase_if(mLatest, [&](const auto& latest) { return latest.id() == signal.id(); });
+    mLatest.push_back(signal);
     if (mSession && mSession->present) {
       mSession->queue.push_back(std::move(signal));
       if (mSession->queue.size() > kQueueBound) {
-        QueueLatest(*mSession);  // a peer that cannot keep up gets what counts
+        mSession->queue = mLatest;  // the peer cannot keep up
       }
-      if (mSession->queue.size() == 1) {  // the delivering thread does not wait for any other
+      if (mSession->queue.size() == 1) {  // the delivering thread waits for the first value only
         mSession->wake.notify_all();
       }
     }
@@ -58,12 +53,11 @@ class Publisher {
     const std::lock_guard<std::mutex> life(mLifeMutex);
     End();
     auto session = std::make_shared<Session>();
-    session->number = ++mSessions;
     session->transport = std::move(transport);
-    session->transport->OnPeerLost([this, number = session->number] { TakeLoss(number); });
+    session->transport->OnPeerLost([this, lost = session.get()] { TakeLoss(lost); });
     {
       const std::lock_guard<std::mutex> lock(mMutex);
-      QueueLatest(*session);
+      session->queue = mLatest;
       mSession = session;
     }
     mThread = std::thread([this, session] { Deliver(*session); });
@@ -79,40 +73,26 @@ class Publisher {
     std::shared_ptr<IDiagnosticsTransport> transport;
     std::condition_variable wake;
     std::condition_variable endedWake;
-    std::uint64_t number = 0;
     std::deque<ipc::MSignal> queue;
-    bool present = true;  // the peer is not known to be absent: values go through the queue
-    bool resend = false;  // the peer may have forgotten everything
+    bool present = true;  // false: the peer is unreachable, and only mLatest keeps values
+    bool resend = false;  // the peer may have lost all values
     bool stopping = false;
     bool cutOff = false;
     bool ended = false;
   };
 
-  /// By number: the thread that reports a loss must not be the last to own the session.
-  void TakeLoss(std::uint64_t session) {
+  /// Compares the address only: the reporting thread must not become the last owner of the session.
+  void TakeLoss(const Session* session) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    if (mSession && mSession->number == session) {
+    if (mSession.get() == session) {
       mSession->resend = true;
       mSession->wake.notify_all();
     }
   }
 
-  void QueueLatest(Session& session) const {
-    std::vector<const Latest*> latest;
-    for (const auto& [id, entry] : mLatest) {
-      latest.push_back(&entry);
-    }
-    std::sort(latest.begin(), latest.end(), [](auto* a, auto* b) { return a->number < b->number; });
-    session.queue.clear();
-    for (const Latest* entry : latest) {
-      session.queue.push_back(entry->signal);
-    }
-  }
-
   void End() {
     std::unique_lock<std::mutex> lock(mMutex);
-    const std::shared_ptr<Session> session = std::move(mSession);
-    mSession.reset();
+    const std::shared_ptr<Session> session = std::exchange(mSession, nullptr);
     if (!session) {
       return;
     }
@@ -131,7 +111,7 @@ class Publisher {
     if (ended) {
       mThread.join();
     } else {
-      RpcLogging::Error("Diagnostics: the delivery of a value does not end; its thread is left behind");
+      RpcLogging::Error("Diagnostics: a delivery does not return; its thread is left behind");
       mThread.detach();
     }
   }
@@ -149,7 +129,7 @@ class Publisher {
       }
       if (session.resend) {
         session.resend = false;
-        QueueLatest(session);
+        session.queue = mLatest;
       }
       if (session.queue.empty()) {
         if (session.stopping) {
@@ -172,7 +152,7 @@ class Publisher {
     session.endedWake.notify_all();
   }
 
-  /// What goes out in one call: at least one value, and no more than any peer takes.
+  /// The values of one call: at least one, and no more bytes than a peer accepts.
   static ipc::MSignals TakeCall(std::deque<ipc::MSignal>& queue) {
     ipc::MSignals signals;
     std::size_t bytes = 0;
@@ -193,51 +173,37 @@ class Publisher {
     }
   }
 
-  struct Latest {
-    std::uint64_t number = 0;
-    ipc::MSignal signal;
-  };
-
-  std::mutex mLifeMutex;  // Start and Stop, one at a time; guards the next two
+  std::mutex mLifeMutex;  // Start and Stop, one at a time; guards the thread
   std::thread mThread;
-  std::uint64_t mSessions = 0;
-  std::mutex mMutex;  // guards the rest, sessions included
-  std::map<int, Latest> mLatest;
-  std::uint64_t mNextNumber = 0;
+  std::mutex mMutex;                 // guards the rest, sessions included
+  std::deque<ipc::MSignal> mLatest;  // the latest value of each signal, in the order of sending
   std::shared_ptr<Session> mSession;
 };
 
 }  // namespace
 
-void CDiagnosticsCommClient::Initialize(AppCommunicationHost<GrpcBackend>& host) {
-  static const char* const peer = "Diagnostics";
-  GrpcBackend& backend = host;
-  std::string address;
-  try {
-    address = backend.mImpl->PeerAddress(peer);
-  } catch (const Rpc::ConfigurationException& e) {
-    RpcLogging::Warning(std::string("Diagnostics values are not published: ") + e.what());
-    return;
-  }
-  Initialize(CreateDiagnosticsTransport(peer, address));
-}
-
 void CDiagnosticsCommClient::Initialize(std::shared_ptr<IDiagnosticsTransport> transport) {
-  Publisher::Instance().Start(std::move(transport));
+  CPublisher::Instance().Start(std::move(transport));
 }
 
 void CDiagnosticsCommClient::Terminate() {
-  Publisher::Instance().Stop();
+  CPublisher::Instance().Stop();
 }
 
-class CDiagnosticsSignal<std::string>::Impl {
- public:
-  explicit Impl(const CSignalDefinition<std::string>* definition)
-      : mDefinition(definition), mValue(definition->defaultValue) {}
+CDiagnosticsSignal<std::string>::CDiagnosticsSignal(const CSignalDefinition<std::string>* definition)
+    : mDefinition(definition), mValue(definition->defaultValue) {}
 
-  // The lock is held until the value is with the publisher, so that values go out in the order they were
-  // taken in.
-  void Send(const std::string* value) {
+void CDiagnosticsSignal<std::string>::Send() noexcept {
+  SendNoThrow(nullptr);
+}
+
+void CDiagnosticsSignal<std::string>::Send(const std::string& value) noexcept {
+  SendNoThrow(&value);
+}
+
+void CDiagnosticsSignal<std::string>::SendNoThrow(const std::string* value) noexcept {
+  try {
+    // Held until the publisher has the value, so that values leave in the order in which they came in.
     const std::lock_guard<std::mutex> lock(mMutex);
     if (value != nullptr) {
       mValue = *value;
@@ -247,30 +213,8 @@ class CDiagnosticsSignal<std::string>::Impl {
     signal.set_name(mDefinition->name);
     signal.set_value(ValidUtf8(mValue));
     signal.set_unit(mDefinition->unit);
-    Publisher::Instance().Send(std::move(signal));
+    CPublisher::Instance().Send(std::move(signal));
+  } catch (const std::exception& e) {
+    RpcLogging::Error(e.what());
   }
-
-  void SendNoThrow(const std::string* value) noexcept {
-    try {
-      Send(value);
-    } catch (const std::exception& e) {
-      RpcLogging::Error(e.what());
-    }
-  }
-
- private:
-  const CSignalDefinition<std::string>* const mDefinition;
-  std::mutex mMutex;
-  std::string mValue;
-};
-
-CDiagnosticsSignal<std::string>::CDiagnosticsSignal(const CSignalDefinition<std::string>* definition)
-    : mImpl(std::make_shared<Impl>(definition)) {}
-
-void CDiagnosticsSignal<std::string>::Send() noexcept {
-  mImpl->SendNoThrow(nullptr);
-}
-
-void CDiagnosticsSignal<std::string>::Send(const std::string& value) noexcept {
-  mImpl->SendNoThrow(&value);
 }

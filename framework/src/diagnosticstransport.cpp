@@ -1,3 +1,5 @@
+#include "diagnosticstransport.h"
+
 #include <grpcpp/grpcpp.h>
 
 #include <algorithm>
@@ -6,6 +8,7 @@
 #include <utility>
 
 #include "connectionwatch.h"
+#include "framework/diagnostics.h"
 #include "ipc/diagnostics.grpc.pb.h"
 #include "rpcclients.h"
 #include "rpclogging.h"
@@ -13,10 +16,6 @@
 namespace {
 
 using Stub = ipc::Diagnostics::Stub;
-
-std::string Names(const ipc::MSignal& signal) {
-  return "the signal '" + signal.name() + "'";
-}
 
 std::string Names(const ipc::MSignals& signals) {
   std::string names = signals.signals_size() == 1 ? "the signal" : "one of the signals";
@@ -26,9 +25,9 @@ std::string Names(const ipc::MSignals& signals) {
   return names;
 }
 
-class DiagnosticsTransport final : public IDiagnosticsTransport {
+class CDiagnosticsTransport final : public IDiagnosticsTransport {
  public:
-  DiagnosticsTransport(std::string name, std::string address, std::chrono::milliseconds timeout)
+  CDiagnosticsTransport(std::string name, std::string address, std::chrono::milliseconds timeout)
       : mName(std::move(name)),
         mAddress(std::move(address)),
         mTimeout(timeout),
@@ -36,9 +35,9 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
         mStub(ipc::Diagnostics::NewStub(mChannel)) {}
 
   bool Deliver(const ipc::MSignals& signals) override {
-    // If the connection dropped, the peer may have restarted and lost all values: they have to come again.
-    if (mConnected && !IsChannelReady()) {
-      SetConnected(false, "the connection was lost");
+    // If the connection dropped, the peer may have restarted and lost all values: send them again.
+    if (mIsReachable == true && !IsChannelReady()) {
+      NotePeer(false, "the connection was lost");
       return false;
     }
     if (mTakesSeveral) {
@@ -49,7 +48,9 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
       mTakesSeveral = false;
     }
     return std::all_of(signals.signals().begin(), signals.signals().end(), [this](const auto& signal) {
-      return Take(Call(&Stub::UpdateSignal, signal), signal);
+      ipc::MSignals one;
+      *one.add_signals() = signal;
+      return Take(Call(&Stub::UpdateSignal, signal), one);
     });
   }
 
@@ -69,7 +70,7 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
  private:
   bool IsChannelReady() const { return mChannel->GetState(false) == GRPC_CHANNEL_READY; }
 
-  /// Returns the call's status, or that the peer refuses.
+  /// Returns the call's status; a peer's "illegal" counts as INVALID_ARGUMENT.
   template <typename Request>
   grpc::Status Call(grpc::Status (Stub::*method)(grpc::ClientContext*, const Request&, ipc::MResult*),
                     const Request& request) {
@@ -92,37 +93,37 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
     return isIllegal ? grpc::Status(grpc::StatusCode::INVALID_ARGUMENT, "illegal") : status;
   }
 
-  /// What a call's status means for its values: false when they have to come again.
-  template <typename Request>
-  bool Take(const grpc::Status& status, const Request& request) {
-    if (IsPassing(status)) {
-      SetConnected(false, StatusText(status));
+  /// Returns false when the values have to be sent again.
+  bool Take(const grpc::Status& status, const ipc::MSignals& signals) {
+    if (IsTransient(status)) {
+      NotePeer(false, StatusText(status));
       return false;
     }
-    SetConnected(true, "");
+    NotePeer(true);
     if (!status.ok()) {
-      RpcLogging::Warning(mName + " refused " + Names(request) + ": " + StatusText(status));
+      RpcLogging::Warning(mName + " refused " + Names(signals) + ": " + StatusText(status));
     }
     return true;
   }
 
-  // Failures after which the same value may get through later. Any other is the peer's answer to this value.
-  static bool IsPassing(const grpc::Status& status) {
+  // After these failures the same value may get through later. Any other is the peer's answer to this value.
+  static bool IsTransient(const grpc::Status& status) {
     const grpc::StatusCode code = status.error_code();
     return code == grpc::StatusCode::UNAVAILABLE || code == grpc::StatusCode::DEADLINE_EXCEEDED ||
            code == grpc::StatusCode::CANCELLED || code == grpc::StatusCode::RESOURCE_EXHAUSTED;
   }
 
-  void SetConnected(bool connected, const std::string& reason) {
-    if (connected && !mConnected) {
-      RpcLogging::Info(mName + " is reachable (" + mAddress + ")");
-    } else if (!connected && (mConnected || !mAbsenceLogged)) {
-      RpcLogging::Warning(mName + " is not reachable, values are kept: " + reason + " (" + mAddress + ")");
+  void NotePeer(bool isReachable, const std::string& reason = "") {
+    if (mIsReachable != isReachable) {
+      if (isReachable) {
+        RpcLogging::Info(mName + " is reachable (" + mAddress + ")");
+      } else {
+        RpcLogging::Warning(mName + " is not reachable, values are kept: " + reason + " (" + mAddress + ")");
+      }
     }
-    mConnected = connected;
-    mAbsenceLogged = !connected;
-    if (!connected) {
-      mTakesSeveral = true;  // it may be another that comes back
+    mIsReachable = isReachable;
+    if (!isReachable) {
+      mTakesSeveral = true;  // another version of the peer may come back
     } else if (mWatch) {
       mWatch->Begin();
     }
@@ -133,13 +134,12 @@ class DiagnosticsTransport final : public IDiagnosticsTransport {
   const std::chrono::milliseconds mTimeout;
   const std::shared_ptr<grpc::Channel> mChannel;
   const std::unique_ptr<Stub> mStub;
-  bool mConnected = false;  // these three are the delivering thread's
-  bool mAbsenceLogged = false;
+  std::optional<bool> mIsReachable;  // unknown at first; this and the next belong to the delivering thread
   bool mTakesSeveral = true;
   std::mutex mMutex;  // guards the rest
   grpc::ClientContext* mContext = nullptr;
   bool mCancelled = false;
-  std::optional<ConnectionWatch> mWatch;  // goes first: it asks for the channel's state
+  std::optional<CConnectionWatch> mWatch;  // destroyed first: it asks for the channel's state
 };
 
 }  // namespace
@@ -148,5 +148,14 @@ std::shared_ptr<IDiagnosticsTransport> CreateDiagnosticsTransport(const std::str
                                                                   const std::string& address,
                                                                   std::chrono::milliseconds timeout) {
   RpcLogging::CaptureLibraries();
-  return std::make_shared<DiagnosticsTransport>(name, address, timeout);
+  return std::make_shared<CDiagnosticsTransport>(name, address, timeout);
+}
+
+void CDiagnosticsCommClient::Initialize(AppCommunicationHost<GrpcBackend>& host) {
+  static const char* const kPeer = "Diagnostics";
+  try {
+    Initialize(CreateDiagnosticsTransport(kPeer, host.PeerAddress(kPeer)));
+  } catch (const Rpc::ConfigurationException& e) {
+    RpcLogging::Warning(std::string("Diagnostics values are not published: ") + e.what());
+  }
 }

@@ -14,8 +14,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-/// What a call gets of a peer that lets calls wait in vain.
-constexpr milliseconds kShortPatience{250};
+/// Timeout of a call to a peer that does not answer.
+constexpr milliseconds kShortTimeout{250};
 
 std::chrono::system_clock::time_point In(milliseconds time) {
   return std::chrono::system_clock::now() + time;
@@ -27,11 +27,11 @@ bool IsAnswer(const grpc::Status& status) {
          status.error_code() != grpc::StatusCode::UNAVAILABLE;
 }
 
-/// A hanging peer must not cost every card the whole timeout: once a call has waited in vain, each gets
-/// kShortPatience, connecting included, until the peer answers one.
-class FeedbackProxy final : public IFeedback {
+/// A hanging peer must not cost every card the whole timeout: after a call that timed out, each call gets
+/// kShortTimeout, connecting included, until the peer answers one.
+class CFeedbackProxy final : public IFeedback {
  public:
-  FeedbackProxy(std::string name, std::string address)
+  CFeedbackProxy(std::string name, std::string address)
       : mName(std::move(name)),
         mAddress(std::move(address)),
         mChannel(MakePeerChannel(mName, mAddress)),
@@ -41,9 +41,9 @@ class FeedbackProxy final : public IFeedback {
     static const char* const operation = "TriggerFeedbackEvent";
     const auto start = Clock::now();
     const bool hangs = mHangs;
-    const milliseconds patience = Limit(mConnectTimeout, hangs);
-    const auto connectDeadline = In(patience);
-    grpc::Status status = Connect(connectDeadline, patience);
+    const milliseconds timeout = Limit(mConnectTimeout, hangs);
+    const auto connectDeadline = In(timeout);
+    grpc::Status status = Connect(connectDeadline, timeout);
     ipc::MResult result;
     if (status.ok()) {
       grpc::ClientContext context;
@@ -64,12 +64,12 @@ class FeedbackProxy final : public IFeedback {
  private:
   static milliseconds Limit(int seconds, bool hangs) {
     const milliseconds timeout = std::chrono::seconds(seconds);
-    return hangs ? std::min(timeout, kShortPatience) : timeout;
+    return hangs ? std::min(timeout, kShortTimeout) : timeout;
   }
 
   // While the channel is still connecting, waits for the result. A peer that is known to be absent fails at
-  // once: gRPC goes on trying by itself.
-  grpc::Status Connect(std::chrono::system_clock::time_point deadline, milliseconds patience) {
+  // once: gRPC keeps trying by itself.
+  grpc::Status Connect(std::chrono::system_clock::time_point deadline, milliseconds timeout) {
     for (;;) {
       const grpc_connectivity_state state = mChannel->GetState(true);
       if (state == GRPC_CHANNEL_READY) {
@@ -80,21 +80,21 @@ class FeedbackProxy final : public IFeedback {
       }
       if (!mChannel->WaitForStateChange(state, deadline)) {
         return {grpc::StatusCode::DEADLINE_EXCEEDED,
-                "no connection within " + std::to_string(patience.count()) + " ms"};
+                "no connection within " + std::to_string(timeout.count()) + " ms"};
       }
     }
   }
 
-  // An absent peer fails a call at once, which says nothing. One that died while a call waited counts as
-  // hanging until it answers.
+  // A call that fails at once tells nothing about hanging: the peer is absent. A peer that died while a call
+  // waited counts as hanging until it answers.
   void Judge(const grpc::Status& status, Clock::duration taken) {
     if (IsAnswer(status)) {
       if (mHangs.exchange(false)) {
         RpcLogging::Info(mName + " answers again (" + mAddress + ")");
       }
-    } else if (taken >= kShortPatience && !mHangs.exchange(true)) {
+    } else if (taken >= kShortTimeout && !mHangs.exchange(true)) {
       RpcLogging::Warning(mName + " does not answer, each call gets " +
-                          std::to_string(kShortPatience.count()) + " ms until it does (" + mAddress + ")");
+                          std::to_string(kShortTimeout.count()) + " ms until it does (" + mAddress + ")");
     }
   }
 
@@ -105,16 +105,16 @@ class FeedbackProxy final : public IFeedback {
   std::atomic<bool> mHangs{false};
 };
 
-class FeedbackClient final : public IClient<IFeedback> {
+class CFeedbackClient final : public IClient<IFeedback> {
  public:
-  explicit FeedbackClient(std::shared_ptr<FeedbackProxy> proxy) : mProxy(std::move(proxy)) {}
+  explicit CFeedbackClient(std::shared_ptr<CFeedbackProxy> proxy) : mProxy(std::move(proxy)) {}
 
   void SetConnectTimeout(int seconds) override { mProxy->mConnectTimeout = std::max(seconds, 0); }
   void SetCallTimeout(int seconds) override { mProxy->mCallTimeout = std::max(seconds, 0); }
   std::shared_ptr<IFeedback> GetInterface() override { return mProxy; }
 
  private:
-  const std::shared_ptr<FeedbackProxy> mProxy;
+  const std::shared_ptr<CFeedbackProxy> mProxy;
 };
 
 }  // namespace
@@ -122,5 +122,5 @@ class FeedbackClient final : public IClient<IFeedback> {
 std::shared_ptr<IClient<IFeedback>> CreateFeedbackClient(const std::string& name,
                                                          const std::string& address) {
   RpcLogging::CaptureLibraries();
-  return std::make_shared<FeedbackClient>(std::make_shared<FeedbackProxy>(name, address));
+  return std::make_shared<CFeedbackClient>(std::make_shared<CFeedbackProxy>(name, address));
 }

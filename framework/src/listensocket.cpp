@@ -26,7 +26,7 @@ std::string ErrorText(int code) {
 void MakeFolder(const std::string& address, const std::filesystem::path& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder.parent_path(), error);
-  // The socket's own folder is for the daemon and its group; one that exists already is left as it is.
+  // A new folder is for the daemon and its group only. An existing one keeps its mode.
   if (mkdir(folder.c_str(), 0750) != 0 && errno != EEXIST) {
     Fail(address, "the folder " + folder.string() + " cannot be made: " + ErrorText(errno));
   }
@@ -34,7 +34,7 @@ void MakeFolder(const std::string& address, const std::filesystem::path& folder)
 
 }  // namespace
 
-ListenSocket::ListenSocket(std::string path) : mPath(std::move(path)), mLockPath(mPath + ".lock") {
+CListenSocket::CListenSocket(std::string path) : mPath(std::move(path)), mLockPath(mPath + ".lock") {
   MakeFolder(mPath, std::filesystem::path(mPath).parent_path());
   TakeLock();
   try {
@@ -50,17 +50,17 @@ ListenSocket::ListenSocket(std::string path) : mPath(std::move(path)), mLockPath
   }
 }
 
-ListenSocket::~ListenSocket() {
+CListenSocket::~CListenSocket() {
   RemoveTemporaryFolder();
   if (mPublished) {
     unlink(mPath.c_str());
   }
-  // While the lock is held nobody else can own the file of this name, so it is ours that goes.
+  // Nobody else can own a lock file of this name while we hold the lock, so this removes ours.
   unlink(mLockPath.c_str());
   close(mLock);
 }
 
-void ListenSocket::TakeLock() {
+void CListenSocket::TakeLock() {
   for (;;) {
     mLock = open(mLockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (mLock < 0) {
@@ -73,7 +73,7 @@ void ListenSocket::TakeLock() {
                       ? "address in use by a running instance"
                       : "the lock file " + mLockPath + " cannot be locked: " + ErrorText(code));
     }
-    // The owner before us may have removed the file between our opening and our locking it.
+    // The former owner may have removed the file after we opened and before we locked it.
     struct stat locked {};
     struct stat named {};
     if (fstat(mLock, &locked) == 0 && stat(mLockPath.c_str(), &named) == 0 && locked.st_dev == named.st_dev &&
@@ -84,7 +84,7 @@ void ListenSocket::TakeLock() {
   }
 }
 
-void ListenSocket::MakeTemporaryFolder() {
+void CListenSocket::MakeTemporaryFolder() {
   std::string folder = (std::filesystem::path(mPath).parent_path() / ".XXXXXX").string();
   if (mkdtemp(folder.data()) == nullptr) {
     Fail(mPath, "no folder can be made beside it: " + ErrorText(errno));
@@ -92,7 +92,7 @@ void ListenSocket::MakeTemporaryFolder() {
   mTemporaryFolder = folder;
 }
 
-void ListenSocket::RemoveTemporaryFolder() {
+void CListenSocket::RemoveTemporaryFolder() {
   if (!mTemporaryFolder.empty()) {
     unlink(TemporaryPath().c_str());
     rmdir(mTemporaryFolder.c_str());
@@ -100,7 +100,7 @@ void ListenSocket::RemoveTemporaryFolder() {
   }
 }
 
-void ListenSocket::Publish() {
+void CListenSocket::Publish() {
   if (chmod(TemporaryPath().c_str(), 0660) != 0 || rename(TemporaryPath().c_str(), mPath.c_str()) != 0) {
     Fail(mPath, "the socket cannot be put in place: " + ErrorText(errno));
   }

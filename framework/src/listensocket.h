@@ -4,18 +4,18 @@
 
 /// This process's claim on a unix socket's path.
 ///
-/// A lock file beside the socket (`<path>.lock`) decides who owns the path: it is held by flock, so it is
-/// free as soon as its owner is gone, however it went. The socket itself is made in a folder that only this
-/// user can enter, gets its mode there and is then moved to its path: at no time can anybody connect whom the
-/// mode keeps out, whatever the umask, and a stale socket is replaced in one step.
-class ListenSocket {
+/// Who holds the lock (flock) on a file beside the socket, `<path>.lock`, owns the path. The kernel frees the
+/// lock when its owner ends, in whatever way. The socket is made in a folder that only this user can enter,
+/// gets its mode there and is then moved to its path. So nobody whom the mode keeps out can ever connect,
+/// whatever the umask, and a stale socket is replaced in one step.
+class CListenSocket {
  public:
-  /// Creates the socket's folder where it is missing and takes the lock. Throws Rpc::ConfigurationException:
-  /// in use by a running instance, or what the system refuses.
-  explicit ListenSocket(std::string path);
-  ~ListenSocket();  ///< removes the socket and then the lock
-  ListenSocket(const ListenSocket&) = delete;
-  ListenSocket& operator=(const ListenSocket&) = delete;
+  /// Creates the socket's folder if it is missing and takes the lock. Throws Rpc::ConfigurationException when
+  /// a running instance uses the path or the system refuses.
+  explicit CListenSocket(std::string path);
+  ~CListenSocket();  ///< removes the socket and then the lock
+  CListenSocket(const CListenSocket&) = delete;
+  CListenSocket& operator=(const CListenSocket&) = delete;
 
   /// Where the server has to listen before Publish.
   std::string TemporaryPath() const { return mTemporaryFolder + "/s"; }

@@ -24,40 +24,25 @@ std::atomic<Log::ELogLevel> Log::mLevel{Log::ELogLevel::Info};
 
 namespace {
 
-/// How long a critical line, and the end of the process, wait for the logs.
-constexpr std::chrono::seconds kPatience(2);
+/// How long a critical line and the end of the process wait for the logs.
+constexpr std::chrono::seconds kFlushTimeout(2);
 
-spdlog::level::level_enum ToSpdlog(Log::ELogLevel level) {
-  switch (level) {
-    case Log::ELogLevel::Trace:
-      return spdlog::level::trace;
-    case Log::ELogLevel::Debug:
-      return spdlog::level::debug;
-    case Log::ELogLevel::Info:
-      return spdlog::level::info;
-    case Log::ELogLevel::Warning:
-      return spdlog::level::warn;
-    case Log::ELogLevel::Error:
-      return spdlog::level::err;
-    case Log::ELogLevel::Critical:
-      return spdlog::level::critical;
-  }
-  return spdlog::level::critical;
-}
+static_assert(static_cast<int>(Log::ELogLevel::Trace) == spdlog::level::trace &&
+              static_cast<int>(Log::ELogLevel::Critical) == spdlog::level::critical);
 
 std::shared_ptr<spdlog::logger> Register(const char* name, spdlog::sink_ptr sink) {
   auto logger = std::make_shared<spdlog::logger>(name, std::move(sink));
-  logger->set_level(spdlog::level::trace);               // the level is Log's affair
-  logger->set_error_handler([](const std::string&) {});  // its own writes to the console, which may be stuck
+  logger->set_level(spdlog::level::trace);               // Log filters by level
+  logger->set_error_handler([](const std::string&) {});  // the default writes to a console that may be stuck
   spdlog::register_logger(logger);
   return logger;
 }
 
 void Send(spdlog::logger& logger, const LogLine& line) {
-  logger.log(line.time, spdlog::source_loc{}, ToSpdlog(line.level), line.text);
+  logger.log(line.time, spdlog::source_loc{}, static_cast<spdlog::level::level_enum>(line.level), line.text);
 }
 
-LogWriter::Write ToSystemLog(std::string name) {
+CLogWriter::Write ToSystemLog(std::string name) {
   auto sink = std::make_shared<spdlog::sinks::syslog_sink_mt>(std::move(name), LOG_PID, LOG_DAEMON, false);
   return [logger = Register("syslog", std::move(sink))](const LogLine& line) {
     Send(*logger, line);
@@ -65,8 +50,8 @@ LogWriter::Write ToSystemLog(std::string name) {
   };
 }
 
-LogWriter::Write ToConsole() {
-  auto sink = std::make_shared<ConsoleSink>();
+CLogWriter::Write ToConsole() {
+  auto sink = std::make_shared<CConsoleSink>();
   return [sink, logger = Register("console", sink)](const LogLine& line) {
     Send(*logger, line);
     return sink->TookLast();
@@ -77,24 +62,24 @@ struct Logs {
   explicit Logs(std::string name)
       : system("log-system", ToSystemLog(std::move(name))), console("log-console", ToConsole()) {}
 
-  std::mutex order;  // lines come to both writers in the same order
-  LogWriter system;
-  LogWriter console;
+  std::mutex order;  // both writers get the lines in the same order
+  CLogWriter system;
+  CLogWriter console;
   std::atomic<bool> systemIsStuck{false};
   std::atomic<bool> consoleIsStuck{false};
 };
 
-/// Never destroyed: destructors of static objects and the terminate handler log, too, and a thread that a log
-/// holds up cannot be joined.
+/// Never destroyed: destructors of static objects and the terminate handler also log, and a thread that is
+/// stuck in a log cannot be joined.
 std::atomic<Logs*> gLogs{nullptr};
 std::atomic<bool> gEnding{false};
 
-/// What must not be lost waits for both logs. For one that is stuck only the first such line waits, so that
-/// the last words of a process, several lines, take two seconds at most together.
+/// Waits until both logs are written. A log that was stuck the last time gets no more time, so that the last
+/// lines of a process take two seconds together at most.
 void AwaitLogs(Logs& logs) {
   const auto now = std::chrono::steady_clock::now();
-  logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + kPatience);
-  logs.consoleIsStuck = !logs.console.Flush(logs.consoleIsStuck ? now : now + kPatience);
+  logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + kFlushTimeout);
+  logs.consoleIsStuck = !logs.console.Flush(logs.consoleIsStuck ? now : now + kFlushTimeout);
 }
 
 void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::format_args args) {
@@ -102,7 +87,7 @@ void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::for
   try {
     fmt::vformat_to(std::back_inserter(text), format, args);
   } catch (const std::exception&) {
-    // A statement that cannot be formatted still says where it is and what it is about.
+    // Write the format instead: it still says what the statement is about.
     text.clear();
     text.append(format.data(), format.data() + format.size());
   }
@@ -148,7 +133,7 @@ void Log::WriteLine(ELogLevel level, std::string_view file, int line, fmt::strin
   if (logs == nullptr) {
     return;
   }
-  const int savedErrno = errno;  // a statement before "return errno" must not change it
+  const int savedErrno = errno;  // a log statement must not change what its caller is about to return
   try {
     fmt::memory_buffer text;
     if (!file.empty()) {
@@ -169,7 +154,7 @@ void Log::WriteLine(ELogLevel level, std::string_view file, int line, fmt::strin
       AwaitLogs(*logs);
     }
   } catch (...) {
-    // Out of memory: nothing more can be said, and nobody but the log to say it to.
+    // Out of memory, and the log is the only place to say so.
   }
   errno = savedErrno;
 }

@@ -1,30 +1,20 @@
+#include <array>
+#include <cstddef>
+
 #include "framework/interfaces.h"
 #include "framework/log.h"
 
 namespace {
 
-const char* LevelName(ipc::ELogLevel level) {
-  switch (level) {
-    case ipc::ELogTrace:
-      return "trace";
-    case ipc::ELogDebug:
-      return "debug";
-    case ipc::ELogInfo:
-      return "info";
-    case ipc::ELogWarning:
-      return "warning";
-    case ipc::ELogError:
-      return "error";
-    case ipc::ELogCritical:
-      return "critical";
-    case ipc::ELogLevel_INT_MIN_SENTINEL_DO_NOT_USE_:
-    case ipc::ELogLevel_INT_MAX_SENTINEL_DO_NOT_USE_:
-      break;
-  }
-  return "unknown";
+/// The levels have the same numbers in Log and in the messages.
+const char* LevelName(Log::ELogLevel level) {
+  static constexpr std::array<const char*, 6> kNames{"trace",   "debug", "info",
+                                                     "warning", "error", "critical"};
+  static_assert(kNames.size() == ipc::ELogLevel_ARRAYSIZE);
+  return kNames.at(static_cast<std::size_t>(level));
 }
 
-class LogConfigService : public ILogConfig {
+class CLogConfigService : public ILogConfig {
  public:
   ipc::MLogLevel GetLogLevel() override {
     ipc::MLogLevel level;
@@ -34,7 +24,7 @@ class LogConfigService : public ILogConfig {
 
   ipc::MResult SetLogLevel(const ipc::MLogLevel& wanted) override {
     ipc::MResult result;
-    // The message keeps numbers that its enumeration does not have.
+    // proto3 keeps unknown enum values, so check the range.
     if (!ipc::ELogLevel_IsValid(wanted.level())) {
       Log::Warning("Log level {} does not exist, request refused.", static_cast<int>(wanted.level()));
       result.set_result(ipc::EResultIllegal);
@@ -43,12 +33,11 @@ class LogConfigService : public ILogConfig {
     const Log::ELogLevel before = Log::GetLogLevel();
     const auto after = static_cast<Log::ELogLevel>(wanted.level());
     if (before != after) {
-      // Said while the more verbose of the two levels applies, or going up to "error" would pass in silence.
+      // Logged at the more verbose of the two levels: a change to "error" would hide the line otherwise.
       if (after < before) {
         Log::SetLogLevel(after);
       }
-      Log::Info("Log level changed from {} to {}.", LevelName(static_cast<ipc::ELogLevel>(before)),
-                LevelName(wanted.level()));
+      Log::Info("Log level changed from {} to {}.", LevelName(before), LevelName(after));
       Log::SetLogLevel(after);
     }
     result.set_result(ipc::EResultOk);
@@ -59,5 +48,5 @@ class LogConfigService : public ILogConfig {
 }  // namespace
 
 std::shared_ptr<ILogConfig> Log::CreateLogConfigService() {
-  return std::make_shared<LogConfigService>();
+  return std::make_shared<CLogConfigService>();
 }

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// What a line takes while it waits, about: with what the allocator and the queue need for it.
+/// About what a queued line takes, with the allocator's and the queue's share.
 std::size_t SizeOf(const LogLine& line) {
   constexpr std::size_t kBookkeeping = 64;
   return sizeof(LogLine) + line.text.capacity() + kBookkeeping;
@@ -19,10 +19,10 @@ std::size_t SizeOf(const LogLine& line) {
 
 }  // namespace
 
-LogWriter::LogWriter(std::string threadName, Write write)
+CLogWriter::CLogWriter(std::string threadName, Write write)
     : mWrite(std::move(write)), mThread([this, name = std::move(threadName)] { Run(name); }) {}
 
-LogWriter::~LogWriter() {
+CLogWriter::~CLogWriter() {
   {
     const std::lock_guard lock(mMutex);
     mStopping = true;
@@ -31,7 +31,7 @@ LogWriter::~LogWriter() {
   mThread.join();
 }
 
-void LogWriter::Push(std::shared_ptr<const LogLine> line) {
+void CLogWriter::Push(std::shared_ptr<const LogLine> line) {
   {
     const std::lock_guard lock(mMutex);
     const std::size_t size = SizeOf(*line);
@@ -47,7 +47,7 @@ void LogWriter::Push(std::shared_ptr<const LogLine> line) {
   mWake.notify_one();
 }
 
-bool LogWriter::Flush(std::chrono::steady_clock::time_point deadline) {
+bool CLogWriter::Flush(std::chrono::steady_clock::time_point deadline) {
   std::unique_lock lock(mMutex);
   return mProgress.wait_until(lock, deadline, [this, last = mPushed] {
     const std::uint64_t taken = mPushed - mLines.size();
@@ -55,7 +55,7 @@ bool LogWriter::Flush(std::chrono::steady_clock::time_point deadline) {
   });
 }
 
-void LogWriter::Run(const std::string& threadName) {
+void CLogWriter::Run(const std::string& threadName) {
   SetThreadName(threadName.c_str());
   sigset_t signals;
   sigfillset(&signals);
@@ -82,9 +82,9 @@ void LogWriter::Run(const std::string& threadName) {
   }
 }
 
-/// Writes the line, before it what is missing, and leaves in `dropped` what is still to be said. The line
-/// that says it has the time of the one after the gap, so that times do not jump back.
-void LogWriter::WriteAfterGap(std::size_t& dropped, const LogLine& line) const {
+/// Writes the report of dropped lines, if any, and the line. Leaves in `dropped` what is still to be
+/// reported. The report has the time of the line after the gap, so that times do not jump back.
+void CLogWriter::WriteAfterGap(std::size_t& dropped, const LogLine& line) const {
   try {
     bool isTaken = true;
     if (dropped > 0 && Log::IsEnabled(Log::ELogLevel::Warning)) {

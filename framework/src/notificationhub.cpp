@@ -1,9 +1,8 @@
 #include "notificationhub.h"
 
-#include <algorithm>
 #include <utility>
 
-Subscription::Next Subscription::Take() {
+CSubscription::Next CSubscription::Take() {
   const std::lock_guard<std::mutex> lock(mMutex);
   Next next;
   if (mQueue.empty()) {
@@ -15,12 +14,12 @@ Subscription::Next Subscription::Take() {
   return next;
 }
 
-Subscription::EEnd Subscription::GetEnd() {
+CSubscription::EEnd CSubscription::GetEnd() {
   const std::lock_guard<std::mutex> lock(mMutex);
   return mEnd;
 }
 
-void Subscription::End(EEnd end) {
+void CSubscription::End(EEnd end) {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mEnd == EEnd::No) {
     mEnd = end;
@@ -30,26 +29,23 @@ void Subscription::End(EEnd end) {
   }
 }
 
-void Subscription::Push(const Notification& message, std::size_t bound) {
+void CSubscription::Push(const Notification& message, std::size_t bound) {
   const std::lock_guard<std::mutex> lock(mMutex);
-  if (mEnd != EEnd::No) {
-    return;
-  }
-  if (mQueue.size() < bound) {
+  if (mEnd == EEnd::No && mQueue.size() < bound) {
     mQueue.push_back(message);
-  } else {
+  } else if (mEnd == EEnd::No) {
     mEnd = EEnd::TooSlow;
     mQueue.clear();
   }
 }
 
-std::size_t NotificationHub::AddTopic() {
+std::size_t CNotificationHub::AddTopic() {
   const std::lock_guard<std::mutex> lock(mMutex);
   mTopics.emplace_back();
   return mTopics.size() - 1;
 }
 
-void NotificationHub::Send(std::size_t topic, Notification message, bool keep) {
+void CNotificationHub::Send(std::size_t topic, const Notification& message, bool keep) {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mStopping) {
     return;
@@ -58,106 +54,77 @@ void NotificationHub::Send(std::size_t topic, Notification message, bool keep) {
   if (keep) {
     to.last = message;
   }
-  const std::uint64_t number = mNextNumber++;
-  if (to.subscribers.empty()) {
-    return;  // nobody it is for: later subscribers get `last`
+  for (const auto& subscriber : to.subscribers) {
+    subscriber->Push(message, mBounds.queued);
+    mHasNews = to.hasNews = true;
   }
-  if (to.pending.size() >= mBounds.pending) {
-    // Nobody distributes. Who should have got the oldest is ended, and told so when this one is distributed.
-    for (const auto& subscriber : to.subscribers) {
-      if (subscriber->mFirst <= to.pending.front().number) {
-        subscriber->End(Subscription::EEnd::TooSlow);
-      }
-    }
-    to.pending.pop_front();
+  if (to.hasNews) {
+    mWake.notify_all();
   }
-  to.pending.push_back({number, std::move(message)});
-  mWake.notify_all();
 }
 
-std::shared_ptr<Subscription> NotificationHub::Subscribe(std::size_t topic, std::function<void()> wake) {
-  std::shared_ptr<Subscription> subscription(new Subscription(std::move(wake)));
+std::shared_ptr<CSubscription> CNotificationHub::Subscribe(std::size_t topic, std::function<void()> wake) {
+  std::shared_ptr<CSubscription> subscription(new CSubscription(std::move(wake)));
   const std::lock_guard<std::mutex> lock(mMutex);
+  Topic& to = mTopics[topic];
   if (mStopping) {
-    subscription->End(Subscription::EEnd::Stopping);
-  } else if (mSubscribers >= mBounds.subscribers) {
-    subscription->End(Subscription::EEnd::TooMany);
+    subscription->End(CSubscription::EEnd::Stopping);
+  } else if (to.subscribers.size() >= mBounds.subscribers) {
+    subscription->End(CSubscription::EEnd::TooMany);
   } else {
-    Topic& to = mTopics[topic];
-    subscription->mFirst = mNextNumber;
     if (to.last) {
       subscription->Push(to.last, mBounds.queued);
     }
     to.subscribers.push_back(subscription);
-    ++mSubscribers;
   }
   return subscription;
 }
 
-void NotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<Subscription>& subscription) {
+void CNotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<CSubscription>& subscription) {
   const std::lock_guard<std::mutex> lock(mMutex);
-  auto& subscribers = mTopics[topic].subscribers;
-  const auto found = std::find(subscribers.begin(), subscribers.end(), subscription);
-  if (found != subscribers.end()) {
-    subscribers.erase(found);
-    --mSubscribers;
-  }
+  std::erase(mTopics[topic].subscribers, subscription);
 }
 
-void NotificationHub::Run() {
+void CNotificationHub::Run() {
   std::unique_lock<std::mutex> lock(mMutex);
-  while (!mStopping) {
-    mWake.wait(lock, [this] { return mStopping || HasPending(); });
+  for (;;) {
+    mWake.wait(lock, [this] { return mStopping || mHasNews; });
+    if (mStopping) {
+      return;
+    }
+    const Subscriptions receivers = TakeReceivers();
     lock.unlock();
-    Distribute();
+    for (const auto& receiver : receivers) {
+      receiver->mWake();
+    }
     lock.lock();
   }
 }
 
-bool NotificationHub::HasPending() const {
-  return std::any_of(mTopics.begin(), mTopics.end(),
-                     [](const Topic& topic) { return !topic.pending.empty(); });
-}
-
-void NotificationHub::Distribute() {
-  const std::lock_guard<std::mutex> distribution(mDistribution);
-  std::unique_lock<std::mutex> lock(mMutex);
-  for (std::size_t topic = 0; topic < mTopics.size(); ++topic) {
-    while (!mTopics[topic].pending.empty()) {
-      const Pending pending = std::move(mTopics[topic].pending.front());
-      mTopics[topic].pending.pop_front();
-      std::vector<std::shared_ptr<Subscription>> receivers;
-      for (const auto& subscriber : mTopics[topic].subscribers) {
-        if (subscriber->mFirst <= pending.number) {
-          receivers.push_back(subscriber);
-        }
-      }
-      lock.unlock();
-      for (const auto& receiver : receivers) {
-        receiver->Push(pending.message, mBounds.queued);
-        receiver->mWake();
-      }
-      lock.lock();
+/// The subscribers of topics with news, which then count as told.
+CNotificationHub::Subscriptions CNotificationHub::TakeReceivers() {
+  Subscriptions receivers;
+  for (Topic& topic : mTopics) {
+    if (std::exchange(topic.hasNews, false)) {
+      receivers.insert(receivers.end(), topic.subscribers.begin(), topic.subscribers.end());
     }
   }
+  mHasNews = false;
+  return receivers;
 }
 
-void NotificationHub::Stop() {
+void CNotificationHub::Stop() {
+  Subscriptions all;
   {
     const std::lock_guard<std::mutex> lock(mMutex);
     mStopping = true;
-  }
-  mWake.notify_all();
-  Distribute();
-  std::vector<std::shared_ptr<Subscription>> all;
-  {
-    const std::lock_guard<std::mutex> lock(mMutex);
     for (const Topic& topic : mTopics) {
       all.insert(all.end(), topic.subscribers.begin(), topic.subscribers.end());
     }
   }
+  mWake.notify_all();
   for (const auto& subscription : all) {
-    subscription->End(Subscription::EEnd::Stopping);
+    subscription->End(CSubscription::EEnd::Stopping);
     subscription->mWake();
   }
 }

@@ -4,7 +4,6 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -14,18 +13,18 @@
 /// A message to subscribers; shared by all of them.
 using Notification = std::shared_ptr<const google::protobuf::MessageLite>;
 
-/// One subscriber's place in a NotificationHub: its bounded queue and how it ended. Any thread.
-class Subscription {
+/// One subscriber's place in a CNotificationHub: its bounded queue and how it ended. Any thread.
+class CSubscription {
  public:
   enum class EEnd {
     No,        ///< goes on
     Left,      ///< the subscriber went away
-    TooSlow,   ///< it did not take its notifications: it has missed something
-    TooMany,   ///< it never was a subscriber, there are too many already
-    Stopping,  ///< the hub stopped; comes after the notifications that were still waiting
+    TooSlow,   ///< its queue ran over: it has missed something
+    TooMany,   ///< it was refused: the topic has too many subscribers
+    Stopping,  ///< the hub stopped; comes after the queued notifications
   };
   struct Next {
-    Notification message;  ///< empty when there is nothing to be sent now
+    Notification message;  ///< empty when there is nothing to send now
     EEnd end = EEnd::No;
   };
 
@@ -38,12 +37,11 @@ class Subscription {
   void End(EEnd end);
 
  private:
-  friend class NotificationHub;
-  explicit Subscription(std::function<void()> wake) : mWake(std::move(wake)) {}
+  friend class CNotificationHub;
+  explicit CSubscription(std::function<void()> wake) : mWake(std::move(wake)) {}
   void Push(const Notification& message, std::size_t bound);
 
   const std::function<void()> mWake;
-  std::uint64_t mFirst = 0;  // number of the first notification that is for it; guarded by the hub
   std::mutex mMutex;
   std::deque<Notification> mQueue;
   EEnd mEnd = EEnd::No;
@@ -51,61 +49,54 @@ class Subscription {
 
 /// Distributes notifications to subscribers, by topic. Knows no transport.
 ///
-/// Send only appends to a bounded queue and never waits for a subscriber; the thread in Run moves
-/// notifications to the subscribers' own queues and wakes each of them. A new subscriber of a topic gets what
-/// was sent last with `keep` (if anything was) and then everything that is sent after it subscribed: nothing
-/// is lost, doubled or reordered. A subscriber that lets its queue run over is ended.
-class NotificationHub {
+/// Send only appends to the subscribers' bounded queues and never waits for a subscriber; the thread in Run
+/// wakes them. A new subscriber of a topic gets the last notification sent with `keep`, if any, and then
+/// everything sent after it subscribed: nothing is lost, doubled or reordered. A subscriber whose queue runs
+/// over is ended.
+class CNotificationHub {
  public:
   struct Bounds {
-    std::size_t pending = 1024;  ///< notifications of a topic that Run has not distributed yet
-    std::size_t queued = 256;    ///< notifications that wait for one subscriber
-    std::size_t subscribers = 256;
+    std::size_t queued = 256;       ///< notifications in one subscriber's queue
+    std::size_t subscribers = 256;  ///< of one topic, so that one topic's cannot take another's places
   };
 
-  NotificationHub() : NotificationHub(Bounds()) {}
-  explicit NotificationHub(const Bounds& bounds) : mBounds(bounds) {}
-  NotificationHub(const NotificationHub&) = delete;
-  NotificationHub& operator=(const NotificationHub&) = delete;
+  CNotificationHub() : CNotificationHub(Bounds()) {}
+  explicit CNotificationHub(const Bounds& bounds) : mBounds(bounds) {}
+  CNotificationHub(const CNotificationHub&) = delete;
+  CNotificationHub& operator=(const CNotificationHub&) = delete;
 
   /// A new topic's number.
   std::size_t AddTopic();
 
   /// Any thread, at any time; after Stop it does nothing.
-  void Send(std::size_t topic, Notification message, bool keep);
+  void Send(std::size_t topic, const Notification& message, bool keep);
 
-  /// `wake` says that Take has something new. It is called on the thread of Run or Stop and must neither
-  /// block nor throw nor subscribe; it is not called from here.
-  std::shared_ptr<Subscription> Subscribe(std::size_t topic, std::function<void()> wake);
+  /// `wake` is called on the thread of Run or Stop, never from here, when Take has something new. It must not
+  /// block, throw or subscribe.
+  std::shared_ptr<CSubscription> Subscribe(std::size_t topic, std::function<void()> wake);
 
   /// Frees the subscriber's place.
-  void Unsubscribe(std::size_t topic, const std::shared_ptr<Subscription>& subscription);
+  void Unsubscribe(std::size_t topic, const std::shared_ptr<CSubscription>& subscription);
 
-  /// Distributes until Stop.
+  /// Wakes subscribers until Stop.
   void Run();
 
-  /// Distributes what is still pending, then ends every subscription. Once or more.
+  /// Ends every subscription. Later calls do nothing.
   void Stop();
 
  private:
-  struct Pending {
-    std::uint64_t number = 0;
-    Notification message;
-  };
+  using Subscriptions = std::vector<std::shared_ptr<CSubscription>>;
   struct Topic {
-    std::deque<Pending> pending;
-    std::vector<std::shared_ptr<Subscription>> subscribers;
+    Subscriptions subscribers;
     Notification last;
+    bool hasNews = false;
   };
-  bool HasPending() const;
-  void Distribute();
+  Subscriptions TakeReceivers();
 
   const Bounds mBounds;
-  std::mutex mDistribution;  // held while distributing, so that Run and Stop keep the order between them
-  std::mutex mMutex;         // guards all below
+  std::mutex mMutex;  // guards all below
   std::condition_variable mWake;
   std::vector<Topic> mTopics;
-  std::size_t mSubscribers = 0;
-  std::uint64_t mNextNumber = 0;
+  bool mHasNews = false;  // in any topic
   bool mStopping = false;
 };

@@ -4,26 +4,26 @@
 
 #include "framework/thread.h"
 
-RequestPool::RequestPool(std::string name, std::size_t threads, std::size_t queueBound)
+CRequestPool::CRequestPool(std::string name, std::size_t threads, std::size_t queueBound)
     : mName(std::move(name)), mThreadCount(threads), mQueueBound(queueBound) {}
 
-RequestPool::~RequestPool() {
+CRequestPool::~CRequestPool() {
   Abandon();
   Join(std::chrono::steady_clock::now());
 }
 
-void RequestPool::Start() {
+void CRequestPool::Start() {
   const std::lock_guard<std::mutex> threads(mThreadsMutex);
   while (mThreads.size() < mThreadCount) {
     {
       const std::lock_guard<std::mutex> lock(mState->mutex);
       ++mState->alive;
     }
-    mThreads.emplace_back(&RequestPool::Work, mState, mName);
+    mThreads.emplace_back(&CRequestPool::Work, mState, mName);
   }
 }
 
-RequestPool::ESubmit RequestPool::Submit(std::shared_ptr<IRequest> request) {
+CRequestPool::ESubmit CRequestPool::Submit(std::shared_ptr<IRequest> request) {
   const std::lock_guard<std::mutex> lock(mState->mutex);
   if (mState->stopping) {
     return ESubmit::Stopping;
@@ -36,17 +36,15 @@ RequestPool::ESubmit RequestPool::Submit(std::shared_ptr<IRequest> request) {
   return ESubmit::Taken;
 }
 
-void RequestPool::Abandon() {
-  std::vector<std::shared_ptr<IRequest>> requests;
+void CRequestPool::Abandon() {
+  std::list<std::shared_ptr<IRequest>> requests;
   {
     const std::lock_guard<std::mutex> lock(mState->mutex);
-    if (mState->stopping) {
+    if (std::exchange(mState->stopping, true)) {
       return;
     }
-    mState->stopping = true;
-    requests.assign(mState->waiting.begin(), mState->waiting.end());
-    requests.insert(requests.end(), mState->running.begin(), mState->running.end());
-    mState->waiting.clear();
+    requests = mState->running;
+    requests.splice(requests.end(), mState->waiting);
   }
   mState->wake.notify_all();
   for (const auto& request : requests) {
@@ -54,20 +52,20 @@ void RequestPool::Abandon() {
   }
 }
 
-bool RequestPool::Join(std::chrono::steady_clock::time_point deadline) {
+bool CRequestPool::Join(std::chrono::steady_clock::time_point deadline) {
   const std::lock_guard<std::mutex> threads(mThreadsMutex);
   std::unique_lock<std::mutex> lock(mState->mutex);
   const bool ended = mState->ended.wait_until(lock, deadline, [this] { return mState->alive == 0; });
   lock.unlock();
   for (std::thread& thread : mThreads) {
-    // With one thread stuck the others, idle and about to end, may be let go as well.
+    // When one thread is stuck, the others are idle and about to end, so they may be detached too.
     ended ? thread.join() : thread.detach();
   }
   mThreads.clear();
   return ended;
 }
 
-void RequestPool::Work(const std::shared_ptr<State>& state, const std::string& name) {
+void CRequestPool::Work(const std::shared_ptr<State>& state, const std::string& name) {
   SetThreadName(name.c_str());
   std::unique_lock<std::mutex> lock(state->mutex);
   for (;;) {
@@ -75,17 +73,14 @@ void RequestPool::Work(const std::shared_ptr<State>& state, const std::string& n
     if (state->waiting.empty()) {
       break;
     }
-    state->running.push_front(std::move(state->waiting.front()));
-    const auto running = state->running.begin();
-    state->waiting.pop_front();
+    auto request = state->waiting.front();
+    state->running.splice(state->running.end(), state->waiting, state->waiting.begin());
     lock.unlock();
-    (*running)->Run();
-    std::shared_ptr<IRequest> done;  // released without the lock: it may own the service
+    request->Run();
     lock.lock();
-    done = std::move(*running);
-    state->running.erase(running);
+    state->running.remove(request);
     lock.unlock();
-    done.reset();
+    request.reset();  // without the lock: it may own the service
     lock.lock();
   }
   --state->alive;

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -11,40 +10,41 @@
 #include <thread>
 #include <vector>
 
-/// A request that waits for, or is on, a thread of a RequestPool.
+/// A request in a CRequestPool.
 class IRequest {
  public:
   virtual ~IRequest() = default;
 
-  /// Carries the request out and answers it; may block. On a thread of the pool. Must not throw.
+  /// Carries out and answers the request; may block. On a thread of the pool. Must not throw.
   virtual void Run() = 0;
 
-  /// Answers that the daemon is stopping, unless it is answered already. Any thread, also while Run blocks.
+  /// Answers that the daemon is stopping, unless there is an answer already. Any thread, also while Run
+  /// blocks.
   virtual void Abandon() = 0;
 };
 
 /// A bounded number of threads for the requests to one service, with a bounded queue before them.
 ///
 /// Knows no transport. All operations from any thread.
-class RequestPool {
+class CRequestPool {
  public:
   enum class ESubmit { Taken, Full, Stopping };
 
-  RequestPool(std::string name, std::size_t threads, std::size_t queueBound);
-  ~RequestPool();  ///< abandons what is left and lets go of threads that do not end
-  RequestPool(const RequestPool&) = delete;
-  RequestPool& operator=(const RequestPool&) = delete;
+  CRequestPool(std::string name, std::size_t threads, std::size_t queueBound);
+  ~CRequestPool();  ///< abandons what is left and detaches threads that are still in a request
+  CRequestPool(const CRequestPool&) = delete;
+  CRequestPool& operator=(const CRequestPool&) = delete;
 
   /// Starts the threads, once.
   void Start();
 
   ESubmit Submit(std::shared_ptr<IRequest> request);
 
-  /// Abandons every request, waiting or running; takes no more. Does not block.
+  /// Abandons every request, waiting or running, and refuses new ones. Does not block.
   void Abandon();
 
-  /// After Abandon: joins the threads until the deadline. False when one is still in a request: it is
-  /// detached and ends by itself if the request ever returns; it shares nothing with this object then.
+  /// After Abandon: joins the threads. Returns false when one is still in a request at the deadline: it is
+  /// detached then, shares nothing with this object and ends when the request returns.
   bool Join(std::chrono::steady_clock::time_point deadline);
 
  private:
@@ -52,7 +52,7 @@ class RequestPool {
     std::mutex mutex;
     std::condition_variable wake;
     std::condition_variable ended;
-    std::deque<std::shared_ptr<IRequest>> waiting;
+    std::list<std::shared_ptr<IRequest>> waiting;
     std::list<std::shared_ptr<IRequest>> running;
     std::size_t alive = 0;
     bool stopping = false;

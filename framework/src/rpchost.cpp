@@ -1,92 +1,101 @@
-#include "rpchost.h"
-
+#include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
 
 #include <algorithm>
 #include <chrono>
 #include <future>
+#include <mutex>
 #include <stdexcept>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "framework/hubconfig.h"
+#include "framework/rpc.h"
+#include "framework/rpcconfig.h"
 #include "framework/thread.h"
+#include "listensocket.h"
+#include "notificationhub.h"
 #include "rpcclients.h"
 #include "rpclogging.h"
+#include "services.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr int kMaxRequestSize = 64 * 1024;
-// What exceeds this waits at the client. A request takes memory from its arrival on (some 60 KiB), also one
-// that is refused, so the pools' bounds alone would not bound what a flood costs.
+// The client holds back what exceeds this. A request takes some 60 KiB from its arrival on, even one that is
+// refused, so the pools' bounds alone would not bound what a flood costs.
 constexpr int kMaxStreamsPerConnection = 128;
-// These keep Stop within its second. All are counted from its beginning: how long streams may take to send
-// their last messages, how long a request's handler may take to come back, and how long connections may take
-// to close.
+// These keep Stop within its second. All count from its start: how long streams may take to send their last
+// messages, how long a request's handler may take to return, and how long connections may take to close.
 constexpr std::chrono::milliseconds kShutdownGrace{300};
 constexpr std::chrono::milliseconds kHandlerGrace{500};
 constexpr std::chrono::milliseconds kCloseGrace{800};
 
 const std::string kUnixScheme = "unix:";
 
+/// Refuses the calls that no service takes and says why: most often the client did not ask for the service by
+/// its registered name.
+class CUnknownCalls final : public grpc::CallbackGenericService {
+ public:
+  std::string names;  ///< of the services
+
+  grpc::ServerGenericBidiReactor* CreateReactor(grpc::GenericCallbackServerContext* context) override {
+    struct Reactor final : grpc::ServerGenericBidiReactor {
+      void OnDone() override { delete this; }
+    };
+    auto* const reactor = new Reactor;
+    reactor->Finish({grpc::StatusCode::UNIMPLEMENTED,
+                     "no service '" + context->host() + "' with a method " + context->method() +
+                         "; set the authority to the service's name, one of: " + names});
+    return reactor;
+  }
+};
+
 }  // namespace
 
-GrpcBackend::Impl::Impl(const std::string& configPath)
-    : mConfigPath(configPath), mConfig(RpcConfig::Load(configPath)) {
-  RpcLogging::CaptureLibraries();
-  HubConfig::SetStore(mConfig.configuration);
-}
+struct GrpcBackend::Impl {
+  void Listen();
 
-GrpcBackend::Impl::~Impl() {
-  Stop();
-}
+  void CheckAddition(const std::string& name, bool hasService) const;
+
+  const std::string configPath;
+  const RpcConfig config;
+  const std::shared_ptr<CNotificationHub> hub = std::make_shared<CNotificationHub>();
+  std::vector<ServiceEntry> services{};
+  CUnknownCalls unknownCalls{};
+  std::unique_ptr<CListenSocket> socket{};
+  std::unique_ptr<grpc::Server> server{};  // uses the services
+
+  std::mutex lifeMutex{};  // StartServices and Stop, one at a time
+  bool stopRequested = false;
+  std::promise<void> stopped{};
+  const std::shared_future<void> isStopped = stopped.get_future();
+  std::future<void>
+      closed{};  // the server's closing, which Stop begins; the last member, so that it ends first
+};
 
 void GrpcBackend::Impl::CheckAddition(const std::string& name, bool hasService) const {
-  const auto sameName = [&](const ServiceEntry& entry) { return entry.runtime->name == name; };
+  const auto hasName = [&](const ServiceEntry& entry) { return entry.runtime->name == name; };
   if (!hasService || name.empty()) {
     throw std::invalid_argument("RPC service '" + name + "': a service needs a name and an object");
   }
-  if (std::any_of(mServices.begin(), mServices.end(), sameName)) {
+  if (std::any_of(services.begin(), services.end(), hasName)) {
     throw std::invalid_argument("RPC service '" + name + "': the name is taken");
   }
-  if (mServer) {
+  if (server) {
     throw std::logic_error("RPC service '" + name + "': added after StartServices");
   }
 }
 
-const std::string& GrpcBackend::Impl::PeerAddress(const std::string& name) const {
-  const auto found = mConfig.peers.find(name);
-  if (found == mConfig.peers.end()) {
-    throw Rpc::ConfigurationException(mConfigPath + ": peers." + name + ": missing");
-  }
-  return found->second;
-}
-
-void GrpcBackend::Impl::StartServices() {
-  try {
-    Listen();
-  } catch (const Rpc::ConfigurationException& e) {
-    throw Rpc::ConfigurationException(mConfigPath + ": listen: " + e.what());
-  }
-}
-
 void GrpcBackend::Impl::Listen() {
-  const std::lock_guard<std::mutex> life(mLifeMutex);
-  if (mStopRequested || mServer) {
-    throw std::logic_error("StartServices: called twice or after Stop");
+  std::unique_ptr<CListenSocket> newSocket;
+  std::string address = config.listen;
+  if (address.starts_with(kUnixScheme)) {
+    newSocket = std::make_unique<CListenSocket>(address.substr(kUnixScheme.size()));
+    address = kUnixScheme + newSocket->TemporaryPath();
   }
-  if (mServices.empty()) {
-    throw std::logic_error("StartServices: no service was added");
-  }
-  const bool isUnix = mConfig.listen.compare(0, kUnixScheme.size(), kUnixScheme) == 0;
-  std::unique_ptr<ListenSocket> socket;
-  std::string address = mConfig.listen;
-  if (isUnix) {
-    socket = std::make_unique<ListenSocket>(mConfig.listen.substr(kUnixScheme.size()));
-    address = kUnixScheme + socket->TemporaryPath();
-  }
-  for (const ServiceEntry& entry : mServices) {
+  for (const ServiceEntry& entry : services) {
     entry.runtime->pool.Start();
   }
   grpc::ServerBuilder builder;
@@ -95,49 +104,92 @@ void GrpcBackend::Impl::Listen() {
   // Without this a second instance would share the port instead of being refused.
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
   builder.AddListeningPort(address, grpc::InsecureServerCredentials());
-  for (const ServiceEntry& entry : mServices) {
+  for (const ServiceEntry& entry : services) {
     builder.RegisterService(entry.runtime->name, entry.service.get());
+    unknownCalls.names += (unknownCalls.names.empty() ? "" : ", ") + entry.runtime->name;
   }
-  const RpcLogging::ErrorCapture errors;
-  std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
-  if (!server) {
-    throw Rpc::ConfigurationException("Cannot listen on " + mConfig.listen + ": " + errors.Reason());
+  builder.RegisterCallbackGenericService(&unknownCalls);
+  const RpcLogging::CErrorCapture errors;
+  std::unique_ptr<grpc::Server> newServer = builder.BuildAndStart();
+  if (!newServer) {
+    throw Rpc::ConfigurationException("Cannot listen on " + config.listen + ": " + errors.Reason());
   }
-  if (socket) {
-    socket->Publish();
+  if (newSocket) {
+    newSocket->Publish();
   }
-  mSocket = std::move(socket);
-  mServer = std::move(server);
-  RpcLogging::Info("Serving on " + mConfig.listen);
+  socket = std::move(newSocket);
+  server = std::move(newServer);
+  RpcLogging::Info("Serving on " + config.listen);
 }
 
-void GrpcBackend::Impl::RunServer() {
-  std::unique_lock<std::mutex> lock(mStoppedMutex);
-  mStoppedWake.wait(lock, [this] { return mStopped; });
+GrpcBackend::GrpcBackend(const std::string& configPath)
+    : mImpl(new Impl{configPath, RpcConfig::Load(configPath)}) {
+  RpcLogging::CaptureLibraries();
+  HubConfig::SetStore(mImpl->config.configuration);
 }
 
-void GrpcBackend::Impl::Stop() {
-  const std::lock_guard<std::mutex> life(mLifeMutex);
-  if (mStopRequested) {
+GrpcBackend::~GrpcBackend() {
+  Stop();
+}
+
+void GrpcBackend::SetLogger(std::shared_ptr<Rpc::ILogger> logger) {
+  RpcLogging::SetLogger(std::move(logger));
+}
+
+const std::string& GrpcBackend::PeerAddress(const std::string& name) const {
+  const auto found = mImpl->config.peers.find(name);
+  if (found == mImpl->config.peers.end()) {
+    throw Rpc::ConfigurationException(mImpl->configPath + ": peers." + name + ": missing");
+  }
+  return found->second;
+}
+
+void GrpcBackend::StartServices() {
+  const std::lock_guard<std::mutex> life(mImpl->lifeMutex);
+  if (mImpl->stopRequested || mImpl->server) {
+    throw std::logic_error("StartServices: called twice or after Stop");
+  }
+  if (mImpl->services.empty()) {
+    throw std::logic_error("StartServices: no service was added");
+  }
+  try {
+    mImpl->Listen();
+  } catch (const Rpc::ConfigurationException& e) {
+    throw Rpc::ConfigurationException(mImpl->configPath + ": listen: " + e.what());
+  }
+}
+
+void GrpcBackend::RunServer() {
+  mImpl->isStopped.wait();
+}
+
+void GrpcBackend::HandleClientNotifications() {
+  mImpl->hub->Run();
+}
+
+void GrpcBackend::Stop() {
+  Impl& me = *mImpl;
+  const std::lock_guard<std::mutex> life(me.lifeMutex);
+  if (me.stopRequested) {
     return;
   }
-  mStopRequested = true;
-  const auto start = Clock::now();
-  // Every client gets its status before the server is told to go: what is waiting now, and what still
-  // arrives.
-  mHub->Stop();
-  for (const ServiceEntry& entry : mServices) {
+  me.stopRequested = true;
+  const auto start = std::chrono::steady_clock::now();
+  // Every client gets its status before the server shuts down: the waiting ones now, and late ones on
+  // arrival.
+  me.hub->Stop();
+  for (const ServiceEntry& entry : me.services) {
     entry.runtime->pool.Abandon();
   }
   // gRPC's own closing has a grace but no bound: on a busy machine its pollers may sleep up to a second. Stop
   // does not wait for that; the destructor does.
-  auto closed = std::async(std::launch::async, [this] {
+  auto closed = std::async(std::launch::async, [&me] {
     SetThreadName("rpc-close");
-    if (mServer) {
-      mServer->Shutdown(std::chrono::system_clock::now() + kShutdownGrace);
+    if (me.server) {
+      me.server->Shutdown(std::chrono::system_clock::now() + kShutdownGrace);
     }
   });
-  for (const ServiceEntry& entry : mServices) {
+  for (const ServiceEntry& entry : me.services) {
     if (!entry.runtime->pool.Join(start + kHandlerGrace)) {
       RpcLogging::Error("A request to " + entry.runtime->name + " does not return; it is left behind");
     }
@@ -145,51 +197,22 @@ void GrpcBackend::Impl::Stop() {
   if (closed.wait_until(start + kCloseGrace) != std::future_status::ready) {
     RpcLogging::Warning("The server's connections take long to close");
   }
-  mClosed = std::move(closed);
-  mSocket.reset();
-  {
-    const std::lock_guard<std::mutex> lock(mStoppedMutex);
-    mStopped = true;
-  }
-  mStoppedWake.notify_all();
+  me.closed = std::move(closed);
+  me.socket.reset();
+  me.stopped.set_value();
 }
 
-GrpcBackend::GrpcBackend(const std::string& configPath) : mImpl(std::make_unique<Impl>(configPath)) {}
-
-GrpcBackend::~GrpcBackend() = default;
-
-void GrpcBackend::SetLogger(std::shared_ptr<Rpc::ILogger> logger) {
-  RpcLogging::SetLogger(std::move(logger));
+template <typename Interface>
+std::shared_ptr<IServer> GrpcBackend::Add(const std::string& name, std::shared_ptr<Interface> service) {
+  mImpl->CheckAddition(name, service != nullptr);
+  mImpl->services.push_back(MakeService(name, mImpl->hub, service));
+  return std::make_shared<IServer>();
 }
 
-void GrpcBackend::StartServices() {
-  mImpl->StartServices();
-}
-
-void GrpcBackend::RunServer() {
-  mImpl->RunServer();
-}
-
-void GrpcBackend::HandleClientNotifications() {
-  mImpl->HandleClientNotifications();
-}
-
-void GrpcBackend::Stop() {
-  mImpl->Stop();
-}
-
-std::shared_ptr<IServer> GrpcBackend::Add(const std::string& name, std::shared_ptr<IGenericControl> service) {
-  return mImpl->Add(name, std::move(service));
-}
-
-std::shared_ptr<IServer> GrpcBackend::Add(const std::string& name, std::shared_ptr<IRfid> service) {
-  return mImpl->Add(name, std::move(service));
-}
-
-std::shared_ptr<IServer> GrpcBackend::Add(const std::string& name, std::shared_ptr<ILogConfig> service) {
-  return mImpl->Add(name, std::move(service));
-}
+template std::shared_ptr<IServer> GrpcBackend::Add(const std::string&, std::shared_ptr<IGenericControl>);
+template std::shared_ptr<IServer> GrpcBackend::Add(const std::string&, std::shared_ptr<IRfid>);
+template std::shared_ptr<IServer> GrpcBackend::Add(const std::string&, std::shared_ptr<ILogConfig>);
 
 void GrpcBackend::Create(const std::string& name, std::shared_ptr<IClient<IFeedback>>& client) {
-  client = CreateFeedbackClient(name, mImpl->PeerAddress(name));
+  client = CreateFeedbackClient(name, PeerAddress(name));
 }

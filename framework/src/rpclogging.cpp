@@ -3,6 +3,7 @@
 #include <google/protobuf/stubs/logging.h>
 #include <grpc/support/log.h>
 
+#include <array>
 #include <exception>
 #include <mutex>
 
@@ -14,7 +15,7 @@ struct Holder {
   std::shared_ptr<Rpc::ILogger> logger;
 };
 
-// Never destroyed: threads of gRPC may still log while the process exits.
+// Never destroyed: gRPC's threads may still log while the process exits.
 Holder& TheHolder() {
   static auto* const holder = new Holder;
   return *holder;
@@ -36,7 +37,7 @@ void Write(Operation operation, const std::string& message) noexcept {
       ((*logger).*operation)(message);
     }
   } catch (const std::exception&) {
-    // A line that cannot be written has nowhere to be reported.
+    // There is nowhere to report a line that cannot be written.
   }
 }
 
@@ -47,7 +48,7 @@ void OnGrpcLog(gpr_log_func_args* args) {
     }
     Write(&Rpc::ILogger::Error, args->message);
   } else if (args->severity == GPR_LOG_SEVERITY_INFO) {
-    // What gRPC tells for information is about single connections: detail for us.
+    // gRPC's info messages are per connection; we log them at debug.
     Write(&Rpc::ILogger::Debug, args->message);
   } else {
     Write(&Rpc::ILogger::Trace, args->message);
@@ -55,20 +56,10 @@ void OnGrpcLog(gpr_log_func_args* args) {
 }
 
 void OnProtobufLog(google::protobuf::LogLevel level, const char*, int, const std::string& message) {
-  switch (level) {
-    case google::protobuf::LOGLEVEL_INFO:
-      Write(&Rpc::ILogger::Debug, message);
-      break;
-    case google::protobuf::LOGLEVEL_WARNING:
-      Write(&Rpc::ILogger::Warning, message);
-      break;
-    case google::protobuf::LOGLEVEL_ERROR:
-      Write(&Rpc::ILogger::Error, message);
-      break;
-    case google::protobuf::LOGLEVEL_FATAL:
-      Write(&Rpc::ILogger::Critical, message);
-      break;
-  }
+  static constexpr std::array<Operation, 4> kByLevel{&Rpc::ILogger::Debug, &Rpc::ILogger::Warning,
+                                                     &Rpc::ILogger::Error, &Rpc::ILogger::Critical};
+  static_assert(google::protobuf::LOGLEVEL_FATAL == kByLevel.size() - 1);
+  Write(kByLevel.at(level), message);
 }
 
 }  // namespace
@@ -99,15 +90,15 @@ void Info(const std::string& message) noexcept {
   Write(&Rpc::ILogger::Info, message);
 }
 
-ErrorCapture::ErrorCapture() {
+CErrorCapture::CErrorCapture() {
   tCapture = &mLast;
 }
 
-ErrorCapture::~ErrorCapture() {
+CErrorCapture::~CErrorCapture() {
   tCapture = nullptr;
 }
 
-std::string ErrorCapture::Reason() const {
+std::string CErrorCapture::Reason() const {
   static const std::string key = "os_error:\"";
   const std::size_t start = mLast.find(key);
   if (start == std::string::npos) {

@@ -5,7 +5,7 @@
 
 #include "framework/rpc.h"
 
-/// The RPC framework's own log lines, on their way to the logger given to GrpcBackend::SetLogger. Any thread.
+/// Passes the RPC framework's own log lines to the logger given to GrpcBackend::SetLogger. Any thread.
 /// Without a logger they are dropped; nothing goes to standard error.
 namespace RpcLogging {
 
@@ -18,16 +18,16 @@ void Error(const std::string& message) noexcept;
 void Warning(const std::string& message) noexcept;
 void Info(const std::string& message) noexcept;
 
-/// Remembers the errors that gRPC logs on this thread while it lives: gRPC's own calls only say that they
-/// failed.
-class ErrorCapture {
+/// Remembers the last error that gRPC logs on this thread during its lifetime: gRPC's calls only report that
+/// they failed.
+class CErrorCapture {
  public:
-  ErrorCapture();
-  ~ErrorCapture();
-  ErrorCapture(const ErrorCapture&) = delete;
-  ErrorCapture& operator=(const ErrorCapture&) = delete;
+  CErrorCapture();
+  ~CErrorCapture();
+  CErrorCapture(const CErrorCapture&) = delete;
+  CErrorCapture& operator=(const CErrorCapture&) = delete;
 
-  /// The system's reason in what was logged last, "unknown reason" when there is none.
+  /// The system's reason from the last error; "unknown reason" when there is none.
   std::string Reason() const;
 
  private:

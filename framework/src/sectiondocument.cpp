@@ -18,7 +18,7 @@ bool IsClosing(char c) {
   return c == ']' || c == '}';
 }
 
-/// The place behind the string that begins at `at`.
+/// The position after the string that begins at `at`.
 std::size_t SkipString(std::string_view text, std::size_t at) {
   while (++at < text.size() && text[at] != '"') {
     at += text[at] == '\\' ? 1 : 0;
@@ -26,8 +26,8 @@ std::size_t SkipString(std::string_view text, std::size_t at) {
   return std::min(at + 1, text.size());
 }
 
-/// Where the array's element that begins at `at` ends: at a comma, a closing bracket or the end of the text.
-/// Whether the element is well-formed is for the parser to say.
+/// The end of the array element that begins at `at`: a comma, a closing bracket or the end of the text. The
+/// parser decides whether the element is well-formed.
 std::size_t FindEndOfElement(std::string_view text, std::size_t at) {
   std::size_t depth = 0;
   while (at < text.size()) {
@@ -42,10 +42,10 @@ std::size_t FindEndOfElement(std::string_view text, std::size_t at) {
   return at;
 }
 
-/// Reads the elements of the array that begins at `at`, one at a time, and returns the place behind the
-/// array. Throws when the array is malformed.
-std::size_t ReadArray(std::string_view text, std::size_t at, const SectionDocument::Visitor& visit) {
-  const JsonPartParser parser(2);
+/// Reads the elements of the array that begins at `at`, one at a time. Returns the position after the array.
+/// Throws when the array is malformed.
+std::size_t ReadArray(std::string_view text, std::size_t at, const CSectionDocument::Visitor& visit) {
+  const CJsonPartParser parser(2);
   bool isFirst = true;
   do {
     const std::size_t begin = at + 1;
@@ -65,7 +65,7 @@ std::size_t ReadArray(std::string_view text, std::size_t at, const SectionDocume
 
 }  // namespace
 
-SectionDocument::SectionDocument(std::string text) : mText(std::move(text)) {
+CSectionDocument::CSectionDocument(std::string text) : mText(std::move(text)) {
   if (mText.starts_with(kByteOrderMark)) {
     mText.erase(0, kByteOrderMark.size());
   }
@@ -73,12 +73,12 @@ SectionDocument::SectionDocument(std::string text) : mText(std::move(text)) {
     CutArraysOut();
     CheckStrictText(mText);
   } catch (const std::exception&) {
-    ParseStrictJson(mText);  // says what is wrong, and where
+    ParseStrictJson(mText);  // throws the error with its position
     throw;
   }
 }
 
-void SectionDocument::CutArraysOut() {
+void CSectionDocument::CutArraysOut() {
   std::string rest;
   std::size_t depth = 0;
   for (std::size_t at = 0; at < mText.size();) {
@@ -98,11 +98,11 @@ void SectionDocument::CutArraysOut() {
   mValues = ParseStrictJson(rest);
 }
 
-const Json::Value* SectionDocument::Find(const std::string& key) const {
+const Json::Value* CSectionDocument::Find(const std::string& key) const {
   return mValues.find(key.data(), key.data() + key.size());
 }
 
-Json::Value SectionDocument::Get(const std::string& key, const Json::Value& defaultValue) const {
+Json::Value CSectionDocument::Get(const std::string& key, const Json::Value& defaultValue) const {
   const Json::Value* value = Find(key);
   if (value == nullptr) {
     return defaultValue;
@@ -112,7 +112,7 @@ Json::Value SectionDocument::Get(const std::string& key, const Json::Value& defa
   return copy;
 }
 
-bool SectionDocument::ForEachElement(const std::string& key, const Visitor& visit) const {
+bool CSectionDocument::ForEachElement(const std::string& key, const Visitor& visit) const {
   const Json::Value* value = Find(key);
   if (value == nullptr || !value->isArray()) {
     return false;
@@ -121,6 +121,6 @@ bool SectionDocument::ForEachElement(const std::string& key, const Visitor& visi
   return true;
 }
 
-Json::Value SectionDocument::All() const {
+Json::Value CSectionDocument::All() const {
   return ParseStrictJson(mText);
 }

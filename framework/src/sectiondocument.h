@@ -8,25 +8,25 @@
 #include <string>
 #include <utility>
 
-/// One strict JSON document (see ParseStrictJson) that keeps the arrays of its top level as text: as values,
-/// a long list takes ten times the memory.
-class SectionDocument {
+/// A strict JSON document (see ParseStrictJson) that keeps the arrays of its top level as text. As values a
+/// long list would take ten times the memory.
+class CSectionDocument {
  public:
   using Visitor = std::function<void(const Json::Value&)>;
 
   /// The empty document.
-  SectionDocument() = default;
+  CSectionDocument() = default;
 
-  /// Throws what ParseStrictJson throws.
-  explicit SectionDocument(std::string text);
+  /// Throws like ParseStrictJson.
+  explicit CSectionDocument(std::string text);
 
-  /// The value of a key, or null when there is none. Of an array only the type is there.
+  /// The value of a key; null when there is none. An array is empty here.
   const Json::Value* Find(const std::string& key) const;
 
   Json::Value Get(const std::string& key, const Json::Value& defaultValue) const;
 
-  /// Calls `visit` for each element of an array; the elements exist one at a time. Returns false when the key
-  /// is missing or has no array.
+  /// Calls `visit` for each element of an array, with one element in memory at a time. Returns false when the
+  /// key is missing or its value is not an array.
   bool ForEachElement(const std::string& key, const Visitor& visit) const;
 
   /// The whole document as a value.

@@ -5,152 +5,134 @@
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/log_config.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
-#include "servicereactors.h"
+#include "notificationstream.h"
+#include "unaryrequest.h"
 #include "utf8.h"
 
 namespace {
 
-// Two, so that one request that waits for the state machine does not hold up the next; the queue is for
-// bursts.
-constexpr std::size_t kThreadsPerService = 2;
-constexpr std::size_t kWaitingRequests = 64;
+using Context = grpc::CallbackServerContext;
+using Unary = grpc::ServerUnaryReactor;
+template <typename Message>
+using Stream = grpc::ServerWriteReactor<Message>;
 
-class GenericControlService final : public ipc::GenericControl::CallbackService {
- public:
-  GenericControlService(ServiceRuntime& runtime, std::shared_ptr<IGenericControl> service)
-      : mRuntime(runtime), mService(std::move(service)) {}
-
-  grpc::ServerUnaryReactor* Enable(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
-                                   ipc::MResult* response) override {
-    return ServeRequest<ipc::MEmpty, ipc::MResult>(
-        mRuntime, "Enable", context, request, response,
-        [service = mService](const ipc::MEmpty&) { return service->Enable(); });
-  }
-
-  grpc::ServerUnaryReactor* Disable(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
-                                    ipc::MResult* response) override {
-    return ServeRequest<ipc::MEmpty, ipc::MResult>(
-        mRuntime, "Disable", context, request, response,
-        [service = mService](const ipc::MEmpty&) { return service->Disable(); });
-  }
-
-  grpc::ServerWriteReactor<ipc::MGenericControlNotification>* Subscribe(grpc::CallbackServerContext* context,
-                                                                        const ipc::MEmpty*) override {
-    return NotificationStream<ipc::MGenericControlNotification>::Open(mRuntime, context);
-  }
-
- private:
-  ServiceRuntime& mRuntime;
-  const std::shared_ptr<IGenericControl> mService;
-};
-
-class RfidService final : public ipc::Rfid::CallbackService {
- public:
-  RfidService(ServiceRuntime& runtime, std::shared_ptr<IRfid> service)
-      : mRuntime(runtime), mService(std::move(service)) {}
-
-  grpc::ServerUnaryReactor* EnableLearning(grpc::CallbackServerContext* context,
-                                           const ipc::MEnableLearning* request,
-                                           ipc::MResult* response) override {
-    return ServeRequest<ipc::MEnableLearning, ipc::MResult>(
-        mRuntime, "EnableLearning", context, request, response,
-        [service = mService](const ipc::MEnableLearning& r) { return service->EnableLearning(r.enable()); });
-  }
-
-  grpc::ServerUnaryReactor* InjectToken(grpc::CallbackServerContext* context,
-                                        const ipc::MInjectToken* request, ipc::MResult* response) override {
-    return ServeRequest<ipc::MInjectToken, ipc::MResult>(
-        mRuntime, "InjectToken", context, request, response,
-        [service = mService](const ipc::MInjectToken& r) { return service->InjectToken(r.uid()); });
-  }
-
-  grpc::ServerWriteReactor<ipc::MRfidNotification>* Subscribe(grpc::CallbackServerContext* context,
-                                                              const ipc::MEmpty*) override {
-    return NotificationStream<ipc::MRfidNotification>::Open(mRuntime, context);
-  }
-
- private:
-  ServiceRuntime& mRuntime;
-  const std::shared_ptr<IRfid> mService;
-};
-
-class LogConfigService final : public ipc::LogConfig::CallbackService {
- public:
-  LogConfigService(ServiceRuntime& runtime, std::shared_ptr<ILogConfig> service)
-      : mRuntime(runtime), mService(std::move(service)) {}
-
-  grpc::ServerUnaryReactor* GetLogLevel(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
-                                        ipc::MLogLevel* response) override {
-    return ServeRequest<ipc::MEmpty, ipc::MLogLevel>(
-        mRuntime, "GetLogLevel", context, request, response,
-        [service = mService](const ipc::MEmpty&) { return service->GetLogLevel(); });
-  }
-
-  grpc::ServerUnaryReactor* SetLogLevel(grpc::CallbackServerContext* context, const ipc::MLogLevel* request,
-                                        ipc::MResult* response) override {
-    return ServeRequest<ipc::MLogLevel, ipc::MResult>(
-        mRuntime, "SetLogLevel", context, request, response,
-        [service = mService](const ipc::MLogLevel& r) { return service->SetLogLevel(r); });
-  }
-
- private:
-  ServiceRuntime& mRuntime;
-  const std::shared_ptr<ILogConfig> mService;
-};
-
+/// The gRPC side of a service object.
 template <typename Service, typename Interface>
-ServiceEntry MakeEntry(const std::string& name, std::shared_ptr<NotificationHub> hub,
-                       std::shared_ptr<Interface> service) {
-  ServiceEntry entry;
-  entry.runtime = std::make_unique<ServiceRuntime>(name, std::move(hub));
-  entry.service = std::make_unique<Service>(*entry.runtime, std::move(service));
-  return entry;
+class CAdapter : public Service {
+ public:
+  CAdapter(ServiceRuntime& runtime, std::shared_ptr<Interface> service)
+      : mRuntime(runtime), mService(std::move(service)) {}
+
+ protected:
+  /// `call` gets the service object and the request.
+  template <typename Request, typename Response, typename Call>
+  Unary* Serve(const char* operation, Context* context, const Request* request, Response* response,
+               Call call) {
+    return ServeRequest(mRuntime, operation, context, request, response,
+                        [call, service = mService](const Request& r) { return call(*service, r); });
+  }
+
+  ServiceRuntime& mRuntime;
+
+ private:
+  const std::shared_ptr<Interface> mService;
+};
+
+class CGenericControlAdapter final : public CAdapter<ipc::GenericControl::CallbackService, IGenericControl> {
+ public:
+  using CAdapter::CAdapter;
+
+  Unary* Enable(Context* context, const ipc::MEmpty* request, ipc::MResult* response) override {
+    return Serve("Enable", context, request, response,
+                 [](auto& service, const auto&) { return service.Enable(); });
+  }
+  Unary* Disable(Context* context, const ipc::MEmpty* request, ipc::MResult* response) override {
+    return Serve("Disable", context, request, response,
+                 [](auto& service, const auto&) { return service.Disable(); });
+  }
+  Stream<ipc::MGenericControlNotification>* Subscribe(Context* context, const ipc::MEmpty*) override {
+    return CNotificationStream<ipc::MGenericControlNotification>::Open(mRuntime, context);
+  }
+};
+
+class CRfidAdapter final : public CAdapter<ipc::Rfid::CallbackService, IRfid> {
+ public:
+  using CAdapter::CAdapter;
+
+  Unary* EnableLearning(Context* context, const ipc::MEnableLearning* request,
+                        ipc::MResult* response) override {
+    return Serve("EnableLearning", context, request, response,
+                 [](auto& service, const auto& r) { return service.EnableLearning(r.enable()); });
+  }
+  Unary* InjectToken(Context* context, const ipc::MInjectToken* request, ipc::MResult* response) override {
+    return Serve("InjectToken", context, request, response,
+                 [](auto& service, const auto& r) { return service.InjectToken(r.uid()); });
+  }
+  Stream<ipc::MRfidNotification>* Subscribe(Context* context, const ipc::MEmpty*) override {
+    return CNotificationStream<ipc::MRfidNotification>::Open(mRuntime, context);
+  }
+};
+
+class CLogConfigAdapter final : public CAdapter<ipc::LogConfig::CallbackService, ILogConfig> {
+ public:
+  using CAdapter::CAdapter;
+
+  Unary* GetLogLevel(Context* context, const ipc::MEmpty* request, ipc::MLogLevel* response) override {
+    return Serve("GetLogLevel", context, request, response,
+                 [](auto& service, const auto&) { return service.GetLogLevel(); });
+  }
+  Unary* SetLogLevel(Context* context, const ipc::MLogLevel* request, ipc::MResult* response) override {
+    return Serve("SetLogLevel", context, request, response,
+                 [](auto& service, const auto& r) { return service.SetLogLevel(r); });
+  }
+};
+
+template <typename Adapter, typename Interface>
+ServiceEntry MakeEntry(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
+                       const std::shared_ptr<Interface>& service) {
+  auto runtime = std::make_unique<ServiceRuntime>(name, hub);
+  auto adapter = std::make_unique<Adapter>(*runtime, service);
+  return {std::move(runtime), std::move(adapter)};
 }
 
 }  // namespace
 
-ServiceRuntime::ServiceRuntime(std::string registeredName, std::shared_ptr<NotificationHub> notificationHub)
-    : name(std::move(registeredName)),
-      hub(std::move(notificationHub)),
-      topic(hub->AddTopic()),
-      pool("rpc-" + name, kThreadsPerService, kWaitingRequests) {}
-
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IGenericControl>& service) {
-  ServiceEntry entry = MakeEntry<GenericControlService>(name, hub, service);
+  ServiceEntry entry = MakeEntry<CGenericControlAdapter>(name, hub, service);
   const std::size_t topic = entry.runtime->topic;
   service->SendState = [hub, topic](ipc::MState state) {
     auto message = std::make_shared<ipc::MGenericControlNotification>();
     *message->mutable_state() = std::move(state);
-    hub->Send(topic, std::move(message), true);
+    hub->Send(topic, message, true);
   };
   service->SendAlive = [hub, topic] {
     auto message = std::make_shared<ipc::MGenericControlNotification>();
     message->mutable_alive();
-    hub->Send(topic, std::move(message), false);
+    hub->Send(topic, message, false);
   };
   return entry;
 }
 
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IRfid>& service) {
-  ServiceEntry entry = MakeEntry<RfidService>(name, hub, service);
+  ServiceEntry entry = MakeEntry<CRfidAdapter>(name, hub, service);
   const std::size_t topic = entry.runtime->topic;
   service->SendRfidToken = [hub, topic](ipc::MRfidToken token) {
     auto message = std::make_shared<ipc::MRfidNotification>();
     *message->mutable_token() = std::move(token);
     message->mutable_token()->set_uid(ValidUtf8(message->token().uid()));
-    hub->Send(topic, std::move(message), false);
+    hub->Send(topic, message, false);
   };
   service->SendRfidLearningToken = [hub, topic](const std::string& uid) {
     auto message = std::make_shared<ipc::MRfidNotification>();
     message->mutable_learning_token()->set_uid(ValidUtf8(uid));
-    hub->Send(topic, std::move(message), false);
+    hub->Send(topic, message, false);
   };
   return entry;
 }
 
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<ILogConfig>& service) {
-  return MakeEntry<LogConfigService>(name, hub, service);
+  return MakeEntry<CLogConfigAdapter>(name, hub, service);
 }

@@ -2,24 +2,11 @@
 
 #include <grpcpp/impl/service_type.h>
 
-#include <cstddef>
 #include <memory>
 #include <string>
 
 #include "framework/interfaces.h"
-#include "notificationhub.h"
-#include "requestpool.h"
-
-/// What the wire needs to offer one service object: the gRPC service, the threads for its requests and its
-/// topic.
-struct ServiceRuntime {
-  ServiceRuntime(std::string registeredName, std::shared_ptr<NotificationHub> notificationHub);
-
-  const std::string name;
-  const std::shared_ptr<NotificationHub> hub;
-  const std::size_t topic;
-  RequestPool pool;
-};
+#include "serviceruntime.h"
 
 /// One registered service.
 struct ServiceEntry {
@@ -29,9 +16,9 @@ struct ServiceEntry {
 
 /// Make the gRPC side of a service object and install the object's Send* members. These stay valid for the
 /// life of the object, also when the host is gone.
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IGenericControl>& service);
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IRfid>& service);
-ServiceEntry MakeService(const std::string& name, const std::shared_ptr<NotificationHub>& hub,
+ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<ILogConfig>& service);

@@ -1,9 +1,11 @@
 #include "strictjson.h"
 
-#include <json/reader.h>
+#include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 
@@ -20,20 +22,24 @@ Json::CharReaderBuilder MakeBuilder(int deepest, bool isWhole) {
   return builder;
 }
 
-/// The parser's first error ("* Line 3, Column 7\n  Missing ...\n") in one line.
-std::string FirstError(const std::string& errors) {
-  const auto endOfPosition = errors.find('\n');
-  std::string position = errors.substr(0, endOfPosition);
-  position.erase(0, position.find_first_not_of("* "));
-  std::transform(position.begin(), position.end(), position.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  if (endOfPosition == std::string::npos) {
-    return position;
-  }
-  std::string reason = errors.substr(endOfPosition + 1);
-  reason.erase(0, reason.find_first_not_of(' '));
-  reason.erase(std::min(reason.find('\n'), reason.size()));
-  return position + ": " + reason;
+[[noreturn]] void FailAt(std::ptrdiff_t line, std::ptrdiff_t column, const char* reason) {
+  throw std::runtime_error(fmt::format("line {}, column {}: {}", line, column, reason));
+}
+
+[[noreturn]] void FailAt(std::string_view text, std::size_t at, const char* reason) {
+  const auto before = text.substr(0, at);
+  const auto lineStart = before.rfind('\n') + 1;
+  FailAt(std::count(before.begin(), before.end(), '\n') + 1, static_cast<std::ptrdiff_t>(at - lineStart) + 1,
+         reason);
+}
+
+/// Throws the first of the parser's errors ("* Line 3, Column 7\n  Missing ...\n").
+[[noreturn]] void FailWithFirst(const std::string& errors) {
+  int line = 1;
+  int column = 1;
+  char reason[200] = "";
+  std::sscanf(errors.c_str(), "* Line %d, Column %d %199[^\n]", &line, &column, reason);
+  FailAt(line, column, reason);
 }
 
 /// Length of the number at the start of `text` as JSON writes it; 0 when there is none.
@@ -64,22 +70,15 @@ std::size_t NumberLength(std::string_view text) {
   return at;
 }
 
-[[noreturn]] void FailAt(std::string_view text, std::size_t at, const char* reason) {
-  const auto before = text.substr(0, at);
-  const auto line = std::count(before.begin(), before.end(), '\n') + 1;
-  const auto column = at - (before.rfind('\n') + 1) + 1;
-  throw std::runtime_error("line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
-                           reason);
-}
-
-/// The parser takes numbers that JSON does not have ("-", "007" for 7). Throws for the first of them; `text`
-/// is what the parser accepted.
-void CheckNumbers(std::string_view text) {
+/// The parser accepts numbers that JSON does not have ("-", "007") and a comment before a key.
+void CheckTokens(std::string_view text) {
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (text[at] == '"') {
       while (++at < text.size() && text[at] != '"') {
         at += text[at] == '\\' ? 1 : 0;
       }
+    } else if (text[at] == '/') {
+      FailAt(text, at, "Comment");
     } else if (text[at] == '-' || (text[at] >= '0' && text[at] <= '9')) {
       const auto rest = text.substr(at);
       const auto length = std::min(rest.find_first_not_of("+-.0123456789eE"), rest.size());
@@ -91,7 +90,7 @@ void CheckNumbers(std::string_view text) {
   }
 }
 
-/// The parser takes a NUL for the end and would not look at what follows.
+/// The parser takes a NUL for the end of the text and ignores what follows.
 void CheckForNul(std::string_view text) {
   if (const auto nul = text.find('\0'); nul != std::string_view::npos) {
     FailAt(text, nul, "NUL character");
@@ -107,23 +106,30 @@ Json::Value ParseStrictJson(std::string_view text) {
   Json::Value document;
   std::string errors;
   if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors)) {
-    throw std::runtime_error(FirstError(errors));
+    FailWithFirst(errors);
   }
-  CheckNumbers(text);
+  CheckTokens(text);
   if (!document.isObject()) {
-    throw std::runtime_error("line 1, column 1: The document is not an object");
+    FailAt(1, 1, "The document is not an object");
   }
   return document;
 }
 
 void CheckStrictText(std::string_view text) {
   CheckForNul(text);
-  CheckNumbers(text);
+  CheckTokens(text);
 }
 
-JsonPartParser::JsonPartParser(int depth) : mReader(MakeBuilder(kDeepest - depth, false).newCharReader()) {}
+const char* JsonTypeName(Json::ValueType type) {
+  static constexpr std::array<const char*, 8> kNames{"null",     "a number",  "a number", "a number",
+                                                     "a string", "a boolean", "an array", "an object"};
+  static_assert(Json::realValue == 3 && Json::objectValue == kNames.size() - 1);
+  return kNames.at(type);
+}
 
-Json::Value JsonPartParser::Parse(std::string_view part) const {
+CJsonPartParser::CJsonPartParser(int depth) : mReader(MakeBuilder(kDeepest - depth, false).newCharReader()) {}
+
+Json::Value CJsonPartParser::Parse(std::string_view part) const {
   Json::Value value;
   if (!mReader->parse(part.data(), part.data() + part.size(), &value, nullptr)) {
     throw std::runtime_error("Malformed value");

@@ -11,14 +11,17 @@
 /// "line 3, column 7: Missing ',' or '}' in object declaration".
 Json::Value ParseStrictJson(std::string_view text);
 
-/// Throws for what the parser accepts although JSON does not have it. `text` is what the parser has accepted.
+/// Throws for what the parser accepts although it is not JSON. `text` is what the parser has accepted.
 void CheckStrictText(std::string_view text);
 
+/// "a number", "an object" and so on, for error messages.
+const char* JsonTypeName(Json::ValueType type);
+
 /// Reads parts of a document, one after the other.
-class JsonPartParser {
+class CJsonPartParser {
  public:
   /// `depth` is the number of arrays and objects around the parts.
-  explicit JsonPartParser(int depth);
+  explicit CJsonPartParser(int depth);
 
   /// Reads one value of any type. Throws std::exception when it is malformed.
   Json::Value Parse(std::string_view part) const;

@@ -1,7 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
-/// The text with every byte that is no part of well-formed UTF-8 replaced by '?'. Message fields must be
-/// UTF-8: a receiver refuses the whole message otherwise.
+/// Length of the well-formed UTF-8 character at the start of `text`; 0 when there is none.
+std::size_t Utf8Length(std::string_view text);
+
+/// Replaces every byte that is not part of well-formed UTF-8 by '?'. Message fields must be UTF-8: a receiver
+/// refuses the whole message otherwise.
 std::string ValidUtf8(std::string text);

@@ -16,20 +16,20 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// A condition variable on the monotonic clock on every C library: where the library cannot wait on that
-/// clock, std::condition_variable waits on the wall clock, and setting the clock back would delay every call.
-class MonotonicCondition {
+/// A condition variable on the monotonic clock. Where the C library lacks pthread_cond_clockwait,
+/// std::condition_variable waits on the wall clock, and setting that clock back would delay every call.
+class CMonotonicCondition {
  public:
-  MonotonicCondition() {
+  CMonotonicCondition() {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
     pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
     pthread_cond_init(&mCondition, &attributes);
     pthread_condattr_destroy(&attributes);
   }
-  ~MonotonicCondition() { pthread_cond_destroy(&mCondition); }
-  MonotonicCondition(const MonotonicCondition&) = delete;
-  MonotonicCondition& operator=(const MonotonicCondition&) = delete;
+  ~CMonotonicCondition() { pthread_cond_destroy(&mCondition); }
+  CMonotonicCondition(const CMonotonicCondition&) = delete;
+  CMonotonicCondition& operator=(const CMonotonicCondition&) = delete;
 
   void NotifyAll() { pthread_cond_broadcast(&mCondition); }
   void Wait(std::unique_lock<std::mutex>& lock) {
@@ -55,39 +55,6 @@ struct Entry {
   bool ended = false;  ///< call: cancelled; mark: reached
 };
 
-/// Entries of equal time stand in the order in which they were added.
-using Schedule = std::multimap<Clock::time_point, std::shared_ptr<Entry>>;
-
-struct State {
-  std::mutex mutex;
-  MonotonicCondition changed;
-  Schedule schedule;
-  std::thread::id workerThread;  ///< none while the worker does not run
-  bool stopping = false;
-};
-
-/// Keeps nothing alive, so a call may own the object that holds its handle.
-class Handle : public CWorkerCall {
- public:
-  Handle(std::weak_ptr<State> state, std::weak_ptr<Entry> entry)
-      : mState(std::move(state)), mEntry(std::move(entry)) {}
-
-  void Cancel() override {
-    const auto state = mState.lock();
-    const auto entry = mEntry.lock();  // released after the lock: the function's destructor is not ours
-    if (!state || !entry) {
-      return;
-    }
-    const std::lock_guard lock(state->mutex);
-    entry->ended = true;
-    std::erase_if(state->schedule, [&](const auto& item) { return item.second == entry; });
-  }
-
- private:
-  std::weak_ptr<State> mState;
-  std::weak_ptr<Entry> mEntry;
-};
-
 void Call(const std::function<void()>& function) {
   try {
     function();
@@ -98,24 +65,61 @@ void Call(const std::function<void()>& function) {
   }
 }
 
-void Run(State& state) {
-  std::unique_lock lock(state.mutex);
-  while (!state.stopping) {
-    if (state.schedule.empty()) {
-      state.changed.Wait(lock);
+}  // namespace
+
+struct CWorker::State {
+  void Run();
+
+  std::mutex mutex;
+  CMonotonicCondition changed;
+  std::multimap<Clock::time_point, std::shared_ptr<Entry>> schedule;
+  std::thread::id workerThread;  ///< none while the worker does not run
+  bool stopping = false;
+
+  void Remove(const std::shared_ptr<Entry>& entry) {
+    std::erase_if(schedule, [&](const auto& item) { return item.second == entry; });
+  }
+
+  /// Keeps nothing alive, so a call may own the object that holds its handle.
+  class CCallHandle : public CWorkerCall {
+   public:
+    CCallHandle(std::weak_ptr<State> state, std::weak_ptr<Entry> entry)
+        : mState(std::move(state)), mEntry(std::move(entry)) {}
+
+    void Cancel() override {
+      const auto state = mState.lock();
+      const auto entry = mEntry.lock();  // outlives the lock: destroying the function runs foreign code
+      if (state && entry) {
+        const std::lock_guard lock(state->mutex);
+        entry->ended = true;
+        state->Remove(entry);
+      }
+    }
+
+   private:
+    const std::weak_ptr<State> mState;
+    const std::weak_ptr<Entry> mEntry;
+  };
+};
+
+void CWorker::State::Run() {
+  std::unique_lock lock(mutex);
+  while (!stopping) {
+    if (schedule.empty()) {
+      changed.Wait(lock);
       continue;
     }
-    const auto first = state.schedule.begin();
+    const auto first = schedule.begin();
     const Clock::time_point due = first->first;
     if (due > Clock::now()) {
-      state.changed.WaitUntil(lock, due);
+      changed.WaitUntil(lock, due);
       continue;
     }
     auto entry = std::move(first->second);
-    state.schedule.erase(first);
+    schedule.erase(first);
     if (!entry->function) {
       entry->ended = true;
-      state.changed.NotifyAll();
+      changed.NotifyAll();
       continue;
     }
     lock.unlock();
@@ -123,7 +127,7 @@ void Run(State& state) {
     lock.lock();
     if (!entry->ended) {
       const auto missed = std::max(Clock::now() - due, Clock::duration::zero()) / entry->period;
-      state.schedule.emplace(due + (missed + 1) * entry->period, std::move(entry));
+      schedule.emplace(due + (missed + 1) * entry->period, std::move(entry));
     } else {
       lock.unlock();
       entry.reset();
@@ -132,91 +136,69 @@ void Run(State& state) {
   }
 }
 
-}  // namespace
+CWorker::CWorker(std::string threadName)
+    : mThreadName(std::move(threadName)), mState(std::make_shared<State>()) {}
 
-class CWorker::Impl {
- public:
-  ~Impl() { Stop(); }
+CWorker::~CWorker() {
+  Stop();
+}
 
-  void Start() {
-    const std::lock_guard lifecycle(mLifecycle);
-    if (mThread.joinable()) {
-      return;
-    }
-    // The thread's id is known before its first call, which may ask for it in Sync.
-    const std::lock_guard lock(mState->mutex);
-    mState->stopping = false;
-    mThread = std::thread([state = mState] {
-      SetThreadName("rfid-worker");
-      Run(*state);
-    });
-    mState->workerThread = mThread.get_id();
-  }
-
-  void Stop() {
-    const std::lock_guard lifecycle(mLifecycle);
-    if (!mThread.joinable()) {
-      return;
-    }
-    {
-      const std::lock_guard lock(mState->mutex);
-      mState->stopping = true;
-      mState->changed.NotifyAll();
-    }
-    mThread.join();
-    const std::lock_guard lock(mState->mutex);
-    mState->workerThread = {};
-    mState->changed.NotifyAll();
-  }
-
-  std::shared_ptr<CWorkerCall> AddCall(const std::function<void()>& function, Clock::time_point first,
-                                       Clock::duration period) {
-    if (!function || period <= Clock::duration::zero()) {
-      throw std::invalid_argument("CWorker::AddCall needs a function and a period above zero");
-    }
-    auto entry = std::make_shared<Entry>(Entry{function, period, false});
-    auto handle = std::make_shared<Handle>(mState, entry);
-    const std::lock_guard lock(mState->mutex);
-    mState->schedule.emplace(first, std::move(entry));
-    mState->changed.NotifyAll();
-    return handle;
-  }
-
-  void Sync() {
-    std::unique_lock lock(mState->mutex);
-    const auto isRunning = [this] { return mState->workerThread != std::thread::id(); };
-    if (!isRunning() || mState->workerThread == std::this_thread::get_id()) {
-      return;
-    }
-    // The thread comes to a mark at the present time after everything that is due or in progress now.
-    const auto mark = std::make_shared<Entry>();
-    mState->schedule.emplace(Clock::now(), mark);
-    mState->changed.NotifyAll();
-    while (!mark->ended && isRunning()) {
-      mState->changed.Wait(lock);
-    }
-    std::erase_if(mState->schedule, [&](const auto& item) { return item.second == mark; });
-  }
-
- private:
-  std::mutex mLifecycle;  ///< of Start and Stop
-  std::thread mThread;
-  const std::shared_ptr<State> mState = std::make_shared<State>();
-};
-
-CWorker::CWorker() : mImpl(std::make_unique<Impl>()) {}
-CWorker::~CWorker() = default;
 void CWorker::Start() {
-  mImpl->Start();
+  const std::lock_guard lifecycle(mLifecycle);
+  if (mThread.joinable()) {
+    return;
+  }
+  // The thread's id is known before its first call, which may ask for it in Sync.
+  const std::lock_guard lock(mState->mutex);
+  mState->stopping = false;
+  mThread = std::thread([this] {
+    SetThreadName(mThreadName.c_str());
+    mState->Run();
+  });
+  mState->workerThread = mThread.get_id();
 }
+
 void CWorker::Stop() {
-  mImpl->Stop();
-}
-void CWorker::Sync() {
-  mImpl->Sync();
+  const std::lock_guard lifecycle(mLifecycle);
+  if (!mThread.joinable()) {
+    return;
+  }
+  {
+    const std::lock_guard lock(mState->mutex);
+    mState->stopping = true;
+    mState->changed.NotifyAll();
+  }
+  mThread.join();
+  const std::lock_guard lock(mState->mutex);
+  mState->workerThread = {};
+  mState->changed.NotifyAll();
 }
 
 std::shared_ptr<CWorkerCall> CWorker::AddCall(const std::function<void()>& function, Clock::time_point first,
                                               std::chrono::nanoseconds period) {
-  return mImpl->AddCall(function, first, period);
+  if (!function || period <= Clock::duration::zero()) {
+    throw std::invalid_argument("CWorker::AddCall needs a function and a period above zero");
+  }
+  auto entry = std::make_shared<Entry>(Entry{function, period, false});
+  auto handle = std::make_shared<State::CCallHandle>(mState, entry);
+  const std::lock_guard lock(mState->mutex);
+  mState->schedule.emplace(first, std::move(entry));
+  mState->changed.NotifyAll();
+  return handle;
+}
+
+void CWorker::Sync() {
+  std::unique_lock lock(mState->mutex);
+  const auto isRunning = [this] { return mState->workerThread != std::thread::id(); };
+  if (!isRunning() || mState->workerThread == std::this_thread::get_id()) {
+    return;
+  }
+  // The thread reaches a mark at the present time after everything that is due or in progress now.
+  const auto mark = std::make_shared<Entry>();
+  mState->schedule.emplace(Clock::now(), mark);
+  mState->changed.NotifyAll();
+  while (!mark->ended && isRunning()) {
+    mState->changed.Wait(lock);
+  }
+  mState->Remove(mark);
 }

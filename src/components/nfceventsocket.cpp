@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Between two attempts to wait when the kernel has no memory for waiting.
+/// Pause after a failed wait, so that the monitor does not spin.
 constexpr std::chrono::milliseconds kRetryPause(50);
 
 /// Events carry no sequence numbers of ours.
@@ -22,7 +22,7 @@ int AcceptSequence(nl_msg*, void*) {
   return NL_OK;
 }
 
-/// Rounded up, so that the time has come when the sleep is over.
+/// Rounded up, so that the wait never ends before `until`.
 timeval TimeUntil(CNfcEventSocket::Clock::time_point until) {
   using std::chrono::microseconds;
   const auto left =
@@ -54,9 +54,9 @@ bool CNfcEventSocket::AwaitSetUp() {
 CNfcEventSocket::Failure CNfcEventSocket::Wake(int family) {
   const std::lock_guard lock(mMutex);
   if (mState != EState::Listening) {
-    return {};  // one that is still being set up sees the stop flag before it first sleeps
+    return {};  // a monitor that still sets up checks the stop flag before it first sleeps
   }
-  // The family has no such command: the kernel's error answer makes the socket readable.
+
   const auto request = BuildRequest(NfcRequests::kUnspec, family);
   if (!request.message) {
     return {.text = request.failure, .code = request.code};
@@ -103,7 +103,7 @@ CNfcEventSocket::Failure CNfcEventSocket::Connect(int group) {
     return {.text = "Error allocating struct nl_cb.", .code = NLE_NOMEM};
   }
   nl_cb_set(mCallbacks.get(), NL_CB_SEQ_CHECK, NL_CB_CUSTOM, AcceptSequence, nullptr);
-  // A message that promises a continuation that never comes must not hold the monitor in a receive.
+  // A message that announces more, which never comes, must not block the monitor in a receive.
   if (const int result = nl_socket_set_nonblocking(mSocket.get()); result != 0) {
     return {
         .text = fmt::format("Error: Could not make the event socket non-blocking: {}.", nl_geterror(result)),
@@ -131,7 +131,7 @@ bool CNfcEventSocket::Wait(Clock::time_point until) {
     result = select(std::max(fd, wakeFd) + 1, &readable, nullptr, nullptr, &time);
   } while (result < 0 && errno == EINTR);
   if (result < 0) {
-    // Short of memory, or the socket is gone, which the next receive tells. Neither may keep a core busy.
+    // Memory is short, or the socket is gone, which the next receive reports.
     std::this_thread::sleep_for(kRetryPause);
   } else if (result > 0 && FD_ISSET(wakeFd, &readable)) {
     mWake.Reset();

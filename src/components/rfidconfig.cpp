@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "framework/log.h"
+#include "src/components/token.h"
 
 namespace {
 
@@ -38,18 +39,41 @@ bool CRfidConfig::GetAuthorizationEnabled() {
   return enabled;
 }
 
-ipc::ERfidAuthState CRfidConfig::AuthenticateToken(const std::string& uid) {
-  LOG_TRACE("{}::{}", kClassName, __func__);
+void CRfidConfig::LoadList() {
   if (mStandaloneList->IsUpdated()) {
     LOG_DEBUG("Standalone list has been updated");
     mLoadedList.reset();  // before the new list takes memory
     mStandaloneList->Reload();
   }
-  LOG_DEBUG("Checking standalone list for: {}", uid);
   if (!mLoadedList) {
     mLoadedList.emplace(*mStandaloneList);
+    WarnOfUselessEntries();
   }
-  if (!mLoadedList->IsList()) {
+}
+
+/// A list that is written wrong is easily taken for one that works: nothing else says why a card is refused.
+void CRfidConfig::WarnOfUselessEntries() const {
+  // A file that could not be used was reported by the client, which still calls it updated.
+  if (mLoadedList->GetKind() == CStandaloneList::EKind::Missing && !mStandaloneList->IsUpdated()) {
+    LOG_WARNING("Standalone list: there is no \"Tokens\", so no card is let in.");
+  }
+  const auto& named = mLoadedList->GetFirstUseless();
+  for (const auto& [position, uid] : named) {
+    LOG_WARNING(
+        "Standalone list: element {} matches no card: RfidTokenUid is \"{}\" and not {} to {} upper-case "
+        "hexadecimal digits.",
+        position, uid, kLeastUidDigits, kMostUidDigits);
+  }
+  if (const auto count = mLoadedList->CountUseless(); count > named.size()) {
+    LOG_WARNING("Standalone list: {} more elements match no card.", count - named.size());
+  }
+}
+
+ipc::ERfidAuthState CRfidConfig::AuthenticateToken(const std::string& uid) {
+  LOG_TRACE("{}::{}", kClassName, __func__);
+  LoadList();
+  LOG_DEBUG("Checking standalone list for: {}", uid);
+  if (mLoadedList->GetKind() == CStandaloneList::EKind::NoArray) {
     // Nobody is let in by a broken list.
     LOG_ERROR("Standalone list: \"Tokens\" must be an array. Taking it as empty.");
   }

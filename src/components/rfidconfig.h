@@ -11,8 +11,8 @@
 /// What the station's configuration says about authorisation. A changed section is loaded at the next
 /// question.
 ///
-/// Threads: the machine's thread only. Errors of the configuration client pass through.
-/// Nobody else reloads the standalone list's section: the list is indexed when it is loaded here.
+/// Threads: the machine's thread only. Errors of the configuration client pass through. Nobody else may
+/// reload the standalone list's section, because the list is indexed when it is loaded here.
 class CRfidConfig {
  public:
   CRfidConfig(std::shared_ptr<HubConfig> settings, std::shared_ptr<HubConfig> standaloneList);
@@ -24,13 +24,16 @@ class CRfidConfig {
   bool GetAuthorizationEnabled();
 
   /// Looks the UID up in the standalone list, byte for byte: ERfidUidInStandAloneList or ERfidUidNotInList.
-  /// Warns of every faulty element before the match, as a walk through the list would.
+  /// Warns of every faulty element before the match, as a walk through the list would. When a list was
+  /// loaded, warns of what in it can let nobody in.
   ipc::ERfidAuthState AuthenticateToken(const std::string& uid);
 
  private:
   void ReloadSettings();
+  void LoadList();
+  void WarnOfUselessEntries() const;
 
   std::shared_ptr<HubConfig> mSettings;
   std::shared_ptr<HubConfig> mStandaloneList;
-  std::optional<CStandaloneList> mLoadedList;  ///< none when it has to be taken from the client
+  std::optional<CStandaloneList> mLoadedList;  ///< empty: to be taken from the client
 };

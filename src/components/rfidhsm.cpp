@@ -17,9 +17,7 @@ using On = CHsmOn<CRfidHsm, Event>;
 using Composite = CompState<CRfidHsm, 0, CompState<CRfidHsm, 0, TopState<CRfidHsm>>>;
 
 template <unsigned Id>
-const TopState<CRfidHsm>* Leaf() {
-  return &LeafState<CRfidHsm, Id, Composite>::kInstance;
-}
+using Leaf = CHsmRow<CRfidHsm, LeafState<CRfidHsm, Id, Composite>>;
 
 // The forms that an action can take: an action of the interface, one that is given the event, a callback, a
 // callback that is given the event's value, and a post.
@@ -57,149 +55,103 @@ void StopMachine(CRfidHsm& hsm, const EventPtr&) {
   hsm.Stop();
 }
 
-CHsmDefinition<CRfidHsm> MakeDefinition() {
-  const Action attemptRecovery{"IntAttemptRecovery", Call<&Base::IntAttemptRecovery>};
-  const Action deinitialize{"IntDeinitialize", Call<&Base::IntDeinitialize>};
-  const Action initialize{"IntInitialize", Call<&Base::IntInitialize>};
-  const Action processError{"IntProcessError", Call<&Base::IntProcessError>};
-  const Action startAliveTimer{"IntStartAliveTimer", Call<&Base::IntStartAliveTimer>};
-  const Action startPolling{"IntStartPolling", Call<&Base::IntStartPolling>};
-  const Action stopAliveTimer{"IntStopAliveTimer", Call<&Base::IntStopAliveTimer>};
-  const Action stopPolling{"IntStopPolling", Call<&Base::IntStopPolling>};
+constexpr Action kAttemptRecovery{"IntAttemptRecovery", Call<&Base::IntAttemptRecovery>};
+constexpr Action kDeinitialize{"IntDeinitialize", Call<&Base::IntDeinitialize>};
+constexpr Action kInitialize{"IntInitialize", Call<&Base::IntInitialize>};
+constexpr Action kProcessError{"IntProcessError", Call<&Base::IntProcessError>};
+constexpr Action kStartAliveTimer{"IntStartAliveTimer", Call<&Base::IntStartAliveTimer>};
+constexpr Action kStartPolling{"IntStartPolling", Call<&Base::IntStartPolling>};
+constexpr Action kStopAliveTimer{"IntStopAliveTimer", Call<&Base::IntStopAliveTimer>};
+constexpr Action kStopPolling{"IntStopPolling", Call<&Base::IntStopPolling>};
 
-  const Action authenticateToken{"IntAuthenticateToken",
-                                 CallWithEvent<IntOnAuthTokenFound, &Base::IntAuthenticateToken>};
-  const Action enableLearningTask{"IntEnableLearningTask",
-                                  CallWithEvent<ExtOnEnableLearning, &Base::IntEnableLearningTask>};
-  const Action injectToken{"IntInjectToken", CallWithEvent<ExtOnInjectToken, &Base::IntInjectToken>};
+constexpr Action kAuthenticateToken{"IntAuthenticateToken",
+                                    CallWithEvent<IntOnAuthTokenFound, &Base::IntAuthenticateToken>};
+constexpr Action kEnableLearningTask{"IntEnableLearningTask",
+                                     CallWithEvent<ExtOnEnableLearning, &Base::IntEnableLearningTask>};
+constexpr Action kInjectToken{"IntInjectToken", CallWithEvent<ExtOnInjectToken, &Base::IntInjectToken>};
 
-  const Action disabledRsp{"ExtDisabledRsp", Notify<&Base::ExtDisabledRsp>};
-  const Action enabledRsp{"ExtEnabledRsp", Notify<&Base::ExtEnabledRsp>};
-  const Action errorRsp{"ExtErrorRsp", Notify<&Base::ExtErrorRsp>};
-  const Action fatalErrorRsp{"ExtFatalErrorRsp", Notify<&Base::ExtFatalErrorRsp>};
-  const Action sendAlive{"ExtSendAlive", Notify<&Base::ExtSendAlive>};
-  const Action uninitializedRsp{"ExtUninitializedRsp", Notify<&Base::ExtUninitializedRsp>};
-  const Action rfidToken{"ExtRfidToken", NotifyPayload<IntOnAuthDone, &Base::ExtRfidToken>};
-  const Action rfidLearningToken{"ExtRfidLearningToken",
-                                 NotifyPayload<IntOnLearningTokenFound, &Base::ExtRfidLearningToken>};
+constexpr Action kDisabledRsp{"ExtDisabledRsp", Notify<&Base::ExtDisabledRsp>};
+constexpr Action kEnabledRsp{"ExtEnabledRsp", Notify<&Base::ExtEnabledRsp>};
+constexpr Action kErrorRsp{"ExtErrorRsp", Notify<&Base::ExtErrorRsp>};
+constexpr Action kFatalErrorRsp{"ExtFatalErrorRsp", Notify<&Base::ExtFatalErrorRsp>};
+constexpr Action kSendAlive{"ExtSendAlive", Notify<&Base::ExtSendAlive>};
+constexpr Action kUninitializedRsp{"ExtUninitializedRsp", Notify<&Base::ExtUninitializedRsp>};
+constexpr Action kRfidToken{"ExtRfidToken", NotifyPayload<IntOnAuthDone, &Base::ExtRfidToken>};
+constexpr Action kRfidLearningToken{"ExtRfidLearningToken",
+                                    NotifyPayload<IntOnLearningTokenFound, &Base::ExtRfidLearningToken>};
 
-  const Action postDisablingDone{"post IntDisablingDone", Post<IntDisablingDone>};
-  const Action postEnablingDone{"post IntEnablingDone", Post<IntEnablingDone>};
-  const Action postError{"post IntError", Post<IntError>};
-  const Action postInitializingDone{"post IntInitializingDone", Post<IntInitializingDone>};
-  const Action postRecover{"post IntRecover", Post<IntRecover>};
-  const Action postTerminatingDone{"post IntTerminatingDone", Post<IntTerminatingDone>};
-  const Action stop{"Stop", StopMachine};
+constexpr Action kPostDisablingDone{"post IntDisablingDone", Post<IntDisablingDone>};
+constexpr Action kPostEnablingDone{"post IntEnablingDone", Post<IntEnablingDone>};
+constexpr Action kPostError{"post IntError", Post<IntError>};
+constexpr Action kPostInitializingDone{"post IntInitializingDone", Post<IntInitializingDone>};
+constexpr Action kPostRecover{"post IntRecover", Post<IntRecover>};
+constexpr Action kPostTerminatingDone{"post IntTerminatingDone", Post<IntTerminatingDone>};
+constexpr Action kStop{"Stop", StopMachine};
 
-  return {
-      .name = "Statemachine",
-      .initial = Uninitialized,
+/// Made at program start, so that no machine's first event pays for it.
+const CHsmDefinition<CRfidHsm> kDefinition{
+    .name = "Statemachine",
+    .initial = Uninitialized,
 
-      // What every leaf does about events that it has no reaction of its own to.
-      .reactions =
-          {
-              On<IntError>::GoTo(Error),
-              On<IntFatalError>::GoTo(FatalError),
-              On<IntTerminate>::GoTo(Terminating),
-              On<ExtError>::Do(postError),
-              On<IntAlive>::Do(sendAlive),
-          },
+    // What every leaf does about events that it has no reaction of its own to.
+    .reactions =
+        {
+            On<IntError>::GoTo(Error),
+            On<IntFatalError>::GoTo(FatalError),
+            On<IntTerminate>::GoTo(Terminating),
+            On<ExtError>::Do(kPostError),
+            On<IntAlive>::Do(kSendAlive),
+        },
 
-      // state, name, entry actions, exit actions, reactions
-      .leaves =
-          {
-              {Leaf<Disabled>(),
-               "Disabled",
-               {disabledRsp},
-               {},
-               {
-                   On<ExtEnableReq>::GoTo(Enabling),
-                   On<ExtDisableReq>::Do(disabledRsp),
-               }},
-              {Leaf<Disabling>(),
-               "Disabling",
-               {stopPolling, deinitialize, postDisablingDone},
-               {},
-               {
-                   On<IntDisablingDone>::GoTo(Disabled),
-               }},
-              {Leaf<Enabled>(),
-               "Enabled",
-               {startPolling, enabledRsp, startAliveTimer},
-               {stopAliveTimer},
-               {
-                   On<ExtDisableReq>::GoTo(Disabling),
-                   On<IntOnAuthTokenFound>::Do(authenticateToken),
-                   On<IntOnAuthDone>::Do(rfidToken),
-                   On<IntOnLearningTokenFound>::Do(rfidLearningToken),
-                   On<ExtOnEnableLearning>::Do(enableLearningTask),
-                   On<ExtOnInjectToken>::Do(injectToken),
-                   On<ExtEnableReq>::Do(enabledRsp),
-               }},
-              {Leaf<Enabling>(),
-               "Enabling",
-               {initialize, postEnablingDone},
-               {},
-               {
-                   On<IntEnablingDone>::GoTo(Enabled),
-               }},
-              {Leaf<Error>(),
-               "Error",
-               {processError, errorRsp, postRecover},
-               {},
-               {
-                   On<IntRecover>::GoTo(Recovering),
-               }},
-              {Leaf<FatalError>(),
-               "FatalError",
-               {fatalErrorRsp},
-               {},
-               {
-                   On<IntError>::Do(fatalErrorRsp),
-                   On<ExtDisableReq>::Do(fatalErrorRsp),
-                   On<ExtEnableReq>::Do(fatalErrorRsp),
-               }},
-              {Leaf<Initializing>(),
-               "Initializing",
-               {postInitializingDone},
-               {},
-               {
-                   On<IntInitializingDone>::GoTo(Disabled),
-               }},
-              {Leaf<Recovering>(),
-               "Recovering",
-               {attemptRecovery},
-               {},
-               {
-                   On<IntRecoveringDone>::GoTo(Disabled),
-               }},
-              {Leaf<Terminating>(),
-               "Terminating",
-               {postTerminatingDone},
-               {},
-               {
-                   On<IntTerminatingDone>::GoTo(FinalStatemachine),
-               }},
-              {Leaf<Uninitialized>(),
-               "Uninitialized",
-               {uninitializedRsp},
-               {},
-               {
-                   On<ExtDisableReq>::GoTo(Initializing),
-               }},
-              {Leaf<FinalStatemachine>(), "_Final_Statemachine", {stop}, {}, {}},
-          },
-  };
-}
+    // name, entry actions, exit actions, reactions
+    .leaves = LeavesInOrder(
+        Leaf<Disabled>{"Disabled",
+                       {kDisabledRsp},
+                       {},
+                       {
+                           On<ExtEnableReq>::GoTo(Enabling),
+                           On<ExtDisableReq>::Do(kDisabledRsp),
+                       }},
+        Leaf<Disabling>{"Disabling",
+                        {kStopPolling, kDeinitialize, kPostDisablingDone},
+                        {},
+                        {On<IntDisablingDone>::GoTo(Disabled)}},
+        Leaf<Enabled>{"Enabled",
+                      {kStartPolling, kEnabledRsp, kStartAliveTimer},
+                      {kStopAliveTimer},
+                      {
+                          On<ExtDisableReq>::GoTo(Disabling),
+                          On<IntOnAuthTokenFound>::Do(kAuthenticateToken),
+                          On<IntOnAuthDone>::Do(kRfidToken),
+                          On<IntOnLearningTokenFound>::Do(kRfidLearningToken),
+                          On<ExtOnEnableLearning>::Do(kEnableLearningTask),
+                          On<ExtOnInjectToken>::Do(kInjectToken),
+                          On<ExtEnableReq>::Do(kEnabledRsp),
+                      }},
+        Leaf<Enabling>{
+            "Enabling", {kInitialize, kPostEnablingDone}, {}, {On<IntEnablingDone>::GoTo(Enabled)}},
+        Leaf<Error>{
+            "Error", {kProcessError, kErrorRsp, kPostRecover}, {}, {On<IntRecover>::GoTo(Recovering)}},
+        Leaf<FatalError>{"FatalError",
+                         {kFatalErrorRsp},
+                         {},
+                         {
+                             On<IntError>::Do(kFatalErrorRsp),
+                             On<ExtDisableReq>::Do(kFatalErrorRsp),
+                             On<ExtEnableReq>::Do(kFatalErrorRsp),
+                         }},
+        Leaf<Initializing>{
+            "Initializing", {kPostInitializingDone}, {}, {On<IntInitializingDone>::GoTo(Disabled)}},
+        Leaf<Recovering>{"Recovering", {kAttemptRecovery}, {}, {On<IntRecoveringDone>::GoTo(Disabled)}},
+        Leaf<Terminating>{
+            "Terminating", {kPostTerminatingDone}, {}, {On<IntTerminatingDone>::GoTo(FinalStatemachine)}},
+        Leaf<Uninitialized>{
+            "Uninitialized", {kUninitializedRsp}, {}, {On<ExtDisableReq>::GoTo(Initializing)}},
+        Leaf<FinalStatemachine>{"_Final_Statemachine", {kStop}, {}, {}}),
+};
 
 }  // namespace
 
 const CHsmDefinition<CRfidHsm>& CHsmDefinitionOf<CRfidHsmActionHandlerBase>::Get() {
-  static const CHsmDefinition<CRfidHsm> definition = MakeDefinition();
-  return definition;
+  return kDefinition;
 }
-
-namespace {
-// Made at program start, so that no machine's first event pays for it.
-[[maybe_unused]] const auto& madeAtStart = CHsmDefinitionOf<CRfidHsmActionHandlerBase>::Get();
-}  // namespace

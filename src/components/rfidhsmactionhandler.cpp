@@ -37,14 +37,15 @@ std::shared_ptr<CDiagnosticsSignal<std::string>> MakeSignal(
 CRfidHsmActionHandler::CRfidHsmActionHandler(std::shared_ptr<CRfidReader> reader,
                                              std::shared_ptr<CRfidConfig> config,
                                              std::shared_ptr<IFeedback> feedback)
-    : mRfidStateSignal(MakeSignal(SignalCatalogue::kRfidState)),
+    : CWorker("rfid-worker"),
+      mRfidStateSignal(MakeSignal(SignalCatalogue::kRfidState)),
       mLastUidSignal(MakeSignal(SignalCatalogue::kRfidLastUid)),
       mLastTechnologySignal(MakeSignal(SignalCatalogue::kRfidLastTechnology)),
       mUserInteractionSignal(MakeSignal(SignalCatalogue::kUserInteraction)),
       mRfidReader(std::move(reader)),
       mRfidConfig(std::move(config)),
       mFeedback(std::move(feedback)),
-      mTokensUnderWay([this] { PostError(); }) {
+      mTokensUnderWay([this] { PostReaderFailure(); }) {
   mRfidReader->SetErrorCallback([this](const CRfidError& cause) { OnReaderFailed(cause); });
   CWorker::Start();
 }
@@ -53,9 +54,6 @@ CRfidHsmActionHandler::~CRfidHsmActionHandler() {
   IntStopAliveTimer();
   CWorker::Stop();
 }
-
-// ---- The reader's life cycle
-// ------------------------------------------------------------------------------------
 
 void CRfidHsmActionHandler::IntInitialize() {
   LOG_TRACE("{}::{}", kClassName, __func__);
@@ -85,11 +83,11 @@ void CRfidHsmActionHandler::Drive(const char* failure, const char* stateText,
   } catch (const CRfidError& e) {
     LOG_ERROR("{} Error: {}.", failure, e.what());
     KeepError(e);
-    SendEvent<IntError>();
+    PostFailure<IntError>();
   } catch (const std::exception& e) {
     LOG_ERROR("{} Error: {}.", failure, e.what());
     KeepError(CRfidError(e.what(), NLE_FAILURE));
-    SendEvent<IntError>();
+    PostFailure<IntError>();
   }
 }
 
@@ -107,9 +105,35 @@ void CRfidHsmActionHandler::OnReaderFailed(const CRfidError& cause) {
   mTokensUnderWay.Fail();
 }
 
-void CRfidHsmActionHandler::PostError() {
+/// A failure leads the machine out of "Terminating" again, so a requested termination is posted again behind
+/// it.
+template <typename Failure>
+void CRfidHsmActionHandler::PostFailure() {
+  SendEvent<Failure>();
+  if (mTerminationRequested) {
+    SendEvent<IntTerminate>();
+  }
+}
+
+void CRfidHsmActionHandler::RequestTermination() {
+  mTerminationRequested = true;  // before the event: a failure posted behind the event must see it
+  SendEvent<IntTerminate>();
+}
+
+void CRfidHsmActionHandler::CloseReader() {
+  LOG_TRACE("{}::{}", kClassName, __func__);
   try {
-    SendEvent<IntError>();
+    mRfidReader->Deinitialize();
+    UpdateDiagSignal(mRfidStateSignal, "Uninitialized");
+  } catch (const CRfidError& e) {
+    LOG_ERROR("Could not close the reader at the end. Error: {} rc: {}.", e.what(), e.GetErrorCode());
+    UpdateDiagSignal(mRfidStateSignal, "Error");
+  }
+}
+
+void CRfidHsmActionHandler::PostReaderFailure() {
+  try {
+    PostFailure<IntError>();
   } catch (const std::exception& e) {
     LOG_ERROR("Could not report that the reader failed: {}", e.what());
   }
@@ -136,7 +160,7 @@ void CRfidHsmActionHandler::IntProcessError() {
   UpdateDiagSignal(mRfidStateSignal, "Error");
   if (!error->IsRecoverable()) {
     LOG_WARNING("Recovery not possible.");
-    SendEvent<IntFatalError>();
+    PostFailure<IntFatalError>();
   }
 }
 
@@ -155,11 +179,11 @@ void CRfidHsmActionHandler::IntAttemptRecovery() {
   } catch (const CRfidError& e) {
     LOG_ERROR("Recovery failed with error: {} rc {}: {}", e.what(), e.GetErrorCode(),
               nl_geterror(e.GetErrorCode()));
-    SendEvent<IntFatalError>();
+    PostFailure<IntFatalError>();
     return;
   } catch (...) {
     LOG_ERROR("Recovery failed with unknown error.");
-    SendEvent<IntFatalError>();
+    PostFailure<IntFatalError>();
     return;
   }
   LOG_INFO("Recovery successful.");
@@ -169,9 +193,6 @@ void CRfidHsmActionHandler::IntAttemptRecovery() {
   }
   SendEvent<IntRecoveringDone>();
 }
-
-// ---- The way of a token
-// -----------------------------------------------------------------------------------------
 
 void CRfidHsmActionHandler::OnTokenFound(const CToken& token, bool valid) {
   try {

@@ -40,6 +40,12 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   void IntAuthenticateToken(const std::shared_ptr<IntOnAuthTokenFound>& event) override;
   void IntInjectToken(const std::shared_ptr<ExtOnInjectToken>& event) override;
 
+  /// Leads the machine to its end from every state. Any thread.
+  void RequestTermination();
+
+  /// Closes the reader and publishes that. For the machine's thread, after the machine has ended.
+  void CloseReader();
+
   /// What keeps the reader from reading, until a recovery succeeded. Any thread.
   std::optional<CRfidError> GetLastError() const;
 
@@ -52,7 +58,9 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   void Drive(const char* failure, const char* stateText, const std::function<void()>& operation);
   void InitializeReader();
   void OnReaderFailed(const CRfidError& cause);
-  void PostError();
+  template <typename Failure>
+  void PostFailure();
+  void PostReaderFailure();
   void KeepError(const CRfidError& error);
   void ProcessToken(const CToken& token, bool valid, const CTokensUnderWay::Handle& handle);
   void TriggerFeedback(ipc::ERfidAuthState state);
@@ -68,6 +76,7 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   std::optional<CRfidError> mLastError;  // guarded by mErrorMutex: the reader's own thread stores errors too
   std::shared_ptr<IFeedback> mFeedback;
   std::atomic<bool> mLearningEnabled{false};
+  std::atomic<bool> mTerminationRequested{false};
 
   mutable std::mutex mErrorMutex;
   CTokensUnderWay mTokensUnderWay;

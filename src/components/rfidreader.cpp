@@ -7,13 +7,11 @@
 namespace {
 
 constexpr const char* kClassName = "CRfidReader";
-constexpr size_t kLeastDigits = 8;
-constexpr size_t kMostDigits = 16;
 constexpr std::chrono::nanoseconds kRecentTagTimeout = std::chrono::seconds(2);
 
 bool IsValidUid(const std::string& uid) {
   bool valid = true;
-  if (uid.size() < kLeastDigits || uid.size() > kMostDigits) {
+  if (uid.size() < kLeastUidDigits || uid.size() > kMostUidDigits) {
     LOG_WARNING("UID must be between 4 and 8 bytes.");
     valid = false;
   }

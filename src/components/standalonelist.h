@@ -8,18 +8,25 @@
 #include <unordered_map>
 #include <vector>
 
-/// The standalone list of permitted UIDs as it was when it was loaded, ready for questions. Answers what a
-/// walk through the list up to the first match would find, at a cost that does not depend on the list's
-/// length.
+/// The standalone list of permitted UIDs as it was when it was loaded. It answers what a walk through the
+/// list up to the first match would find, at a cost that does not depend on the list's length.
 class CStandaloneList {
  public:
+  enum class EKind { Missing, Array, NoArray };
+
   /// What keeps an element of the list from permitting a UID.
   enum class EFault : char { NoUid, NoText };
 
-  struct CAnswer {
+  struct Answer {
     bool permitted;
     std::span<const EFault>
         faults;  ///< of the elements before the match, in order; valid as long as the list
+  };
+
+  /// An element that permits no card, because no card's UID is written like that.
+  struct Useless {
+    std::size_t position;  ///< in the list, from 1
+    std::string uid;
   };
 
   /// Takes the list from a configuration client that has GetValue as HubConfig has it. A client that can give
@@ -33,7 +40,7 @@ class CStandaloneList {
       }
     }
     const Json::Value list = config.GetValue(kKey, Json::Value());
-    mIsList = list.isNull() || list.isArray();
+    mKind = list.isArray() ? EKind::Array : list.isNull() ? EKind::Missing : EKind::NoArray;
     if (list.isArray()) {
       for (const Json::Value& element : list) {
         Add(element);
@@ -41,19 +48,26 @@ class CStandaloneList {
     }
   }
 
-  /// False when what stands in the list's place is neither missing nor an array. The list is then empty.
-  bool IsList() const { return mIsList; }
+  /// What stands in the list's place. Without an array the list is empty.
+  EKind GetKind() const { return mKind; }
+
+  /// The first few useless elements, and the number of all.
+  const std::vector<Useless>& GetFirstUseless() const { return mFirstUseless; }
+  std::size_t CountUseless() const { return mUselessCount; }
 
   /// Compares byte for byte.
-  CAnswer Find(const std::string& uid) const;
+  Answer Find(const std::string& uid) const;
 
  private:
   static constexpr const char* kKey = "Tokens";
 
   void Add(const Json::Value& element);
 
-  bool mIsList = true;
-  std::vector<EFault> mFaults;  ///< in the list's order
+  EKind mKind = EKind::Array;
+  std::size_t mSize = 0;
+  std::size_t mUselessCount = 0;
+  std::vector<Useless> mFirstUseless;
+  std::vector<EFault> mFaults;  // in the list's order
   std::unordered_map<std::string, std::size_t>
-      mPermitted;  ///< and how many faults are before the first of them
+      mPermitted;  // and the number of faults before the first of them
 };

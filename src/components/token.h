@@ -1,6 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+
+/// How many hexadecimal digits a valid UID has: four to eight bytes.
+inline constexpr std::size_t kLeastUidDigits = 8;
+inline constexpr std::size_t kMostUidDigits = 16;
 
 /// One sighting of a tag.
 struct CToken {

@@ -1,8 +1,8 @@
 #include <csignal>
 
-#include "browser.h"
-#include "controlserver.h"
-#include "endtoend/daemontest.h"
+#include "tests/browser/browser.h"
+#include "tests/endtoend/daemontest.h"
+#include "tools/virtual-nfc/server/controlserver.h"
 
 using namespace virtualnfc;
 using ::testing::HasSubstr;
@@ -134,6 +134,9 @@ TEST_F(BenchPage, ACardThatIsTappedShowsItsOutcomeToDriverAndEngineer) {
 TEST_F(BenchPage, TheSwitchesAndTheReaderDoWhatTheySay) {
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToSay("#toast", "The daemon refuses"));
+  EXPECT_EQ(mBrowser->Text(".primary"), "Disable");  // what Uninitialized needs
+  mBrowser->Click("[data-do=disable]");
+  EXPECT_TRUE(ComesToSay(".primary", "Enable"));
   Enable();
   mBrowser->Click("#learning");
   EXPECT_TRUE(ComesToShow("#learning[aria-checked=true]"));

@@ -1,4 +1,4 @@
-#include "browser.h"
+#include "tests/browser/browser.h"
 
 #include <httplib.h>
 #include <json/reader.h>

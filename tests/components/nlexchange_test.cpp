@@ -8,8 +8,8 @@
 
 #include <cerrno>
 
-#include "inprocess.h"
 #include "src/components/nfcrequests.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 using namespace std::chrono_literals;
 using namespace virtualnfc;

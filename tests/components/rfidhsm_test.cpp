@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/logcapture.h"
+#include "tests/framework/logcapture.h"
 
 using ::testing::ElementsAreArray;
 

@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "inprocess.h"
-#include "jitter.h"
 #include "src/components/nfcnetlink.h"
+#include "tests/jitter.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 using namespace std::chrono_literals;
 using namespace virtualnfc;

@@ -1,8 +1,12 @@
 #!/bin/bash
-# Completes command lines as bash does and compares the proposals; then checks that whatever the tools' help texts name
-# is completed and in the manual. Arguments: the folders of the completion functions, of the manual pages, of the tools.
+# Completes command lines as bash does and compares the proposals. The proposals come from the tools' help, so this also
+# checks that whatever the help names is completed and in the manual. Arguments: the completion file, the folders of the
+# manual pages and of the tools.
 set -euo pipefail
-folder=$1 pages=$2 tools=$3
+pages=$2 tools=$3
+PATH=$tools:$PATH
+# shellcheck source=/dev/null
+source "$1"
 failed=0
 
 # propose 'LINE': what is proposed for the last word of the line; one that ends with a space asks for a new word.
@@ -32,10 +36,6 @@ expectKnown() {
   grep -qFwe "$word" < <(sed 's/\\-/-/g; s/\\f.//g' "$pages/$1.1") || { echo "not in the manual: $*"; failed=1; }
 }
 
-for file in rfidctl virtual-nfc virtual-station; do
-  # shellcheck source=/dev/null
-  source "$folder/$file"
-done
 compopt() { :; }  # is for a completion that readline asked for
 
 expect 'rfidctl ' state enable disable learning inject watch log-level signals
@@ -52,6 +52,7 @@ expect 'virtual-nfc tap 04A12B5C --tech iso1' iso14443a iso14443b iso15693
 expect 'virtual-nfc rule ' add list clear
 expect 'virtual-nfc rule add STA' START_POLL
 expect 'virtual-nfc rule add START_POLL er' errno=
+expect 'virtual-nfc fault d' deaf
 expect 'virtual-station ca' card
 expect 'virtual-station serve --feedback-answer h' hang
 expect 'virtual-station ocpp o' on off

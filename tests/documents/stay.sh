@@ -1,15 +1,15 @@
 #!/bin/bash
-# Has the demo leave a station running, does everything that it then offers to try, in its order, and ends the station.
+# Has the demo leave a station running, does everything that it then offers to try, in its order, and ends it.
 # Arguments: the demo's script, the folder of the programs.
 set -euo pipefail
 demo=$1 programs=$2
 folder=$(mktemp -d "${TMPDIR:-/tmp}/rfid-stay.XXXXXX")
 root=$folder/station
-followers=() # process ids of commands that go on for ever
+jobs=() # process ids
 
 cleanUp() {
-  for id in "${followers[@]}"; do kill "$id" 2>/dev/null || true; done
-  [[ ! -f $root/pids ]] || "$demo" --stop "$root" >/dev/null || true
+  for id in "${jobs[@]}"; do kill "$id" 2>/dev/null || true; done
+  wait
   rm -rf "$folder"
 }
 trap cleanUp EXIT
@@ -17,11 +17,11 @@ trap 'exit 1' INT TERM HUP
 
 fail() {
   printf '%s\n' "$1"
-  tail -n 5 "$folder"/*.out "$root"/*.err || true
+  tail -n 5 "$folder"/*.out || true
   exit 1
 }
 
-# within SECONDS COMMAND...: whether the command comes to succeed.
+# within SECONDS COMMAND...: whether the command succeeds in that time.
 within() {
   local deadline=$((SECONDS + $1))
   until "${@:2}"; do
@@ -30,31 +30,33 @@ within() {
   done
 }
 
-# await WHAT COMMAND...: until the command succeeds.
+# await WHAT COMMAND...: waits until the command succeeds.
 await() { within 120 "${@:2}" || fail "there is no $1"; }
 
 run() { bash -c "$1" >"$folder/last.out" 2>&1 || fail "exit status $?: $1"; }
 
-# follow COMMAND NAME: until it has printed something, and on; its output goes to NAME.out.
+# follow COMMAND NAME: runs it on; its output goes to NAME.out.
 follow() {
   bash -c "exec $1" >"$folder/$2.out" 2>&1 &
-  followers+=($!)
+  jobs+=($!)
   await "output of $1" test -s "$folder/$2.out"
 }
 
 isNotified() { grep -qE "$1" "$folder/watch.out"; }
 notified() { await "notification '$1' after $command" isNotified "$1"; }
 
-# The card is held for a moment only. A daemon that is not scheduled then does not see it: it is held again.
-isRead() {
+# Both cards, one directly after the other. A daemon that is not scheduled while a card is held does not see it: the
+# cards are held again.
+bothCardsAreRead() {
   for _ in {1..5}; do
-    ! within 20 isNotified "$1" || return 0
-    run "$command"
+    run "$cards"
+    ! within 20 isNotified 'token +04A12B5C ERfidUidInStandAloneList' ||
+      ! within 20 isNotified 'token +E007060504030201 ERfidUidNotInList' || return 0
   done
-  notified "$1"
+  fail 'the two cards are not read'
 }
 
-# A value that the station was not told in time is told again.
+# The daemon repeats a value that the station did not take in time.
 hasCardSignal() { bash -c "$command" >"$folder/last.out" 2>&1 && grep -q '^101 .* = [0-9A-F]' "$folder/last.out"; }
 
 answers() { # http://HOST:PORT/
@@ -67,32 +69,31 @@ answers() { # http://HOST:PORT/
   [[ $line == *' 200 '* ]]
 }
 
-hasEnded() { ! grep -qs '^State:.[^ZX]' "/proc/$1/status"; }
-
-"$demo" --stay --programs "$programs" --root "$root" >"$folder/demo.out" 2>&1 || fail 'the demo does not start'
-mapfile -t offers < <(sed -n '/To try:/,$s/^  \([^ ].*\)/\1/p' "$folder/demo.out")
+"$demo" --stay --programs "$programs" --root "$root" >"$folder/demo.out" 2>&1 &
+stayer=$!
+jobs+=("$stayer")
+await 'end of what the demo prints' grep -q '^Ctrl-C ends' "$folder/demo.out"
+mapfile -t offers < <(sed -n '/To try/,$s/^  \([^ ].*\)/\1/p' "$folder/demo.out")
 ((${#offers[@]} > 15)) || fail 'the demo offers next to nothing'
-mapfile -t processes < <(cut -d ' ' -f 2 "$root/pids")
+processes=$(cat "/proc/$stayer/task/"*/children)
+cards=
 for command in "${offers[@]}"; do
   case $command in
     http:*) answers "$command" || fail "$command does not answer" ;;
     *' watch') follow "$command" watch ;;
     tail*) follow "$command" tail ;;
+    *' tap 04A12B5C '* | sleep*) cards+="$command"$'\n' ;;
+    *' tap E007060504030201 '*) cards+=$command; bothCardsAreRead ;;
     *' signals') await 'card among the signals' hasCardSignal ;;
-    *' --stop '*)
-      kill "${followers[@]}"
-      wait "${followers[0]}" || fail "watching ends with status $?"
-      followers=()
-      run "$command"
-      ;;
     *) run "$command" ;;
   esac
   case $command in
-    *' tap 04A12B5C '*) isRead 'token +04A12B5C ERfidUidInStandAloneList' ;;
-    *' tap E007060504030201 '*) isRead 'token +E007060504030201 ERfidUidNotInList' ;;
     *' inject 04A1B2C3') notified 'token +04A1B2C3 ERfidUidNotInList' ;;
     *' disable') notified 'state +Disabled' ;;
   esac
 done
-[[ ${offers[-1]} == *' --stop '* ]] || fail 'the demo does not say how to end it'
-for id in "${processes[@]}"; do hasEnded "$id" || fail "process $id goes on"; done
+kill -TERM "$stayer" # background jobs of a script ignore SIGINT
+wait "$stayer" || fail "the demo ends with status $?"
+for id in $processes; do
+  [[ ! -e /proc/$id ]] || fail "process $id goes on"
+done

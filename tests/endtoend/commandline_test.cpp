@@ -1,4 +1,4 @@
-#include "daemontest.h"
+#include "tests/endtoend/daemontest.h"
 
 using ::testing::AllOf;
 using ::testing::EndsWith;

@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "daemontest.h"
+#include "tests/endtoend/daemontest.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ class Console : public DaemonTest {
     for (int i = 0; i < count; ++i) {
       const auto uid = fmt::format("{:08X}", ++mCard);
       Tap(uid);
-      ASSERT_TRUE(mSupervisor->WaitFor("token " + uid + " ERfidUidNotInList")) << uid;
+      ASSERT_TRUE(Notifies("token " + uid + " ERfidUidNotInList")) << uid;
     }
   }
 

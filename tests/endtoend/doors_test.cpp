@@ -5,8 +5,8 @@
 #include <map>
 #include <sstream>
 
-#include "daemontest.h"
-#include "framework/handover.h"
+#include "tests/endtoend/daemontest.h"
+#include "tests/framework/handover.h"
 
 using ::testing::Each;
 using ::testing::HasSubstr;
@@ -17,14 +17,14 @@ namespace {
 constexpr size_t kLargestLine = 4500;  // the cut text, and the time and the source position before it
 
 /// A client that keeps a stream of tokens open and reads only when it is told to.
-class Subscriber {
+class TokenStream {
  public:
-  explicit Subscriber(std::unique_ptr<ipc::Rfid::Stub> stub) : mStub(std::move(stub)) {
+  explicit TokenStream(std::unique_ptr<ipc::Rfid::Stub> stub) : mStub(std::move(stub)) {
     mContext.set_deadline(std::chrono::system_clock::now() + std::chrono::minutes(10));
     mReader = mStub->Subscribe(&mContext, {});
     mReader->WaitForInitialMetadata();  // the subscription is there
   }
-  ~Subscriber() {
+  ~TokenStream() {
     if (!mEnded) {
       mContext.TryCancel();
       End();
@@ -113,8 +113,8 @@ TEST_F(Doors, WhatIsTooLargeOrNoTextIsRefusedAndWhatIsOddReachesTheLogCutAndEsca
   EXPECT_THAT(mSupervisor->Inject("04\xFF\x9B"), HasSubstr("status "));
   const std::string large = "04A1\n\x1b[2J\u009b" + std::string(60 * 1024, 'B');
   EXPECT_EQ(mSupervisor->Inject(large), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("token " + large + " ERfidUidInvalid"));
-  EXPECT_TRUE(WaitForLog("RfidToken notif: '04A1\\x0a\\x1b[2J\\xc2\\x9bBBBB"));
+  EXPECT_TRUE(Notifies("token " + large + " ERfidUidInvalid"));
+  EXPECT_TRUE(Logs("RfidToken notif: '04A1\\x0a\\x1b[2J\\xc2\\x9bBBBB"));
   const auto log = LogUntilNow();
   EXPECT_TRUE(std::none_of(log.begin(), log.end(), [](char character) {
     const auto byte = static_cast<unsigned char>(character);
@@ -122,7 +122,7 @@ TEST_F(Doors, WhatIsTooLargeOrNoTextIsRefusedAndWhatIsOddReachesTheLogCutAndEsca
   }));
   EXPECT_THAT(LineLengths(), Each(Le(kLargestLine)));
   EXPECT_EQ(mSupervisor->Inject("04A1B2C3"), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("token 04A1B2C3 ERfidUidNotInList"));
+  EXPECT_TRUE(Notifies("token 04A1B2C3 ERfidUidNotInList"));
 }
 
 TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
@@ -153,16 +153,16 @@ TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
     EXPECT_LE(mDaemon->Memory("VmHWM"), memory + 16 * 1024);
   }
   EXPECT_LE(std::max(mostThreads, mDaemon->Threads()), threads + kSpareThreads);
-  EXPECT_TRUE(mSupervisor->WaitFor("Enabled"));
+  EXPECT_TRUE(Notifies("Enabled"));
   Tap("11223344");
-  EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
+  EXPECT_TRUE(Notifies("token 11223344 ERfidUidNotInList"));
 }
 
 TEST_F(Doors, ASubscriberThatNeverReadsIsEndedAndTheOthersGoOn) {
   StartDaemon({});
   EnableDaemon();
-  Subscriber idle(Stub());
-  Subscriber busy(Stub());
+  TokenStream idle(Stub());
+  TokenStream busy(Stub());
   // More than what the transport takes on its way and what waits for one subscriber.
   const std::string padding(48 * 1024, 'A');
   for (int i = 0; i < 500; ++i) {
@@ -170,14 +170,15 @@ TEST_F(Doors, ASubscriberThatNeverReadsIsEndedAndTheOthersGoOn) {
     ASSERT_EQ(mSupervisor->Inject(uid), "Ok");
     ASSERT_EQ(busy.Next(), uid);
   }
-  EXPECT_TRUE(WaitForLog("A subscriber of Rfid fell behind and was disconnected"));
+  EXPECT_TRUE(Logs("A subscriber of Rfid fell behind and was disconnected"));
   int card = 0;
-  EXPECT_TRUE(Eventually([&] {
+  const auto log = [&] {
     const auto uid = fmt::format("{:08X}", ++card);
     EXPECT_EQ(mSupervisor->Inject(uid), "Ok");
     EXPECT_EQ(busy.Next(), uid);
-    return Log().find("A subscriber of Rfid does not read at all and was cut off") != std::string::npos;
-  }));
+    return Log();
+  };
+  EXPECT_TRUE(Becomes(log, HasSubstr("A subscriber of Rfid does not read at all and was cut off")));
   EXPECT_EQ(idle.End(), grpc::StatusCode::CANCELLED);
   printf("a subscriber that never reads: memory %zu KiB at most\n", mDaemon->Memory("VmHWM"));
 }
@@ -187,11 +188,11 @@ TEST_F(Doors, EverySubscriberThatThereIsRoomForGetsATokenAndTheNextIsRefused) {
   StartDaemon({});
   EnableDaemon();
   const size_t threads = mDaemon->Threads();
-  std::vector<std::unique_ptr<Subscriber>> subscribers;
+  std::vector<std::unique_ptr<TokenStream>> subscribers;
   while (subscribers.size() < kRoom) {
-    subscribers.push_back(std::make_unique<Subscriber>(Stub()));
+    subscribers.push_back(std::make_unique<TokenStream>(Stub()));
   }
-  EXPECT_EQ(Subscriber(Stub()).End(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_EQ(TokenStream(Stub()).End(), grpc::StatusCode::RESOURCE_EXHAUSTED);
   Tap("04A1B2C3");
   for (const auto& subscriber : subscribers) {
     EXPECT_EQ(subscriber->Next(), "04A1B2C3");

@@ -9,7 +9,7 @@
 #include <system_error>
 #include <vector>
 
-#include "daemontest.h"
+#include "tests/endtoend/daemontest.h"
 
 using namespace virtualnfc;
 using ::testing::AnyOf;
@@ -26,7 +26,7 @@ class HeldMachine {
  public:
   explicit HeldMachine(pid_t daemon) : mPid(daemon) {
     const auto status = "/proc/" + std::to_string(mPid) + "/status";
-    EXPECT_TRUE(Eventually([&] { return ReadFile(status).find("State:\tS") != std::string::npos; }));
+    EXPECT_TRUE(Becomes([&] { return ReadFile(status); }, HasSubstr("State:\tS")));
     if (ptrace(PTRACE_SEIZE, mPid, 0, 0) != 0 || ptrace(PTRACE_INTERRUPT, mPid, 0, 0) != 0 ||
         waitpid(mPid, nullptr, __WALL) != mPid) {
       throw std::system_error(errno, std::generic_category(), "ptrace");
@@ -59,7 +59,7 @@ class Interruption : public DaemonTest {
     };
     const auto before = sleeps();
     mDaemon->Signal(SIGINT);
-    EXPECT_TRUE(Eventually([&] { return sleeps() > before; }));
+    EXPECT_TRUE(Becomes(sleeps, ::testing::Gt(before)));
   }
 
   void ExpectOrderlyEnd() {
@@ -69,7 +69,8 @@ class Interruption : public DaemonTest {
   }
   /// Until the kernel has begun to hold up the command that the last rule is about.
   void ExpectHeldUp() {
-    EXPECT_TRUE(Eventually([this] { return mKernel->ListRules().back().fired > 0; }));
+    EXPECT_TRUE(Becomes([this] { return mKernel->ListRules().back().fired; }, ::testing::Gt(0U)))
+        << Evidence();
   }
 };
 
@@ -88,9 +89,9 @@ TEST_F(Interruption, EndsTheDaemonInEveryRestingState) {
             [this] {
               mKernel->AddRule("START_POLL errno=EIO");
               EXPECT_EQ(mSupervisor->Disable(), "Ok");
-              EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+              EXPECT_TRUE(Notifies("Disabled"));
               EXPECT_EQ(mSupervisor->Enable(), "Ok");
-              EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+              EXPECT_TRUE(Notifies("FatalError"));
               EXPECT_TRUE(mKernel->GetStatus().Device().powered);
             }},
        }) {
@@ -114,7 +115,7 @@ TEST_F(Interruption, EndsTheDaemonInStatesThatItOnlyPassesThrough) {
            {"Initializing", [] {},
             [&] {
               answer = std::async(std::launch::async, [this] { return mSupervisor->Disable(); });
-              EXPECT_TRUE(WaitForLog(") IDisableCall"));
+              EXPECT_TRUE(Logs(") IDisableCall"));
             }},
            {"Error",
             [this] {
@@ -123,7 +124,7 @@ TEST_F(Interruption, EndsTheDaemonInStatesThatItOnlyPassesThrough) {
             },
             [this] {
               Tap("04A12B5C");
-              EXPECT_TRUE(WaitForLog("The reader does not read tags any more."));
+              EXPECT_TRUE(Logs("The reader does not read tags any more."));
             }},
        }) {
     SCOPED_TRACE(c.state);
@@ -169,7 +170,7 @@ TEST_F(Interruption, LetsANetlinkCommandThatWaitsForTheReaderFinish) {
       EnableDaemon();
     } else {
       EXPECT_EQ(mSupervisor->Disable(), "Ok");
-      EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+      EXPECT_TRUE(Notifies("Disabled"));
     }
     // The kernel is busy for a moment after the socket of a poll was closed: for who stops it a second time.
     mKernel->AddRule("STOP_POLL nth=2 errno=EBUSY");
@@ -207,7 +208,7 @@ TEST_F(Interruption, TakesItsDefaultActionDuringTheAssembly) {
   bool seen = false;
   for (int attempt = 0; attempt < 200 && !seen; ++attempt) {
     mDaemon = Spawn({"-vv", "-r", mRoot.string() + "/"});
-    EXPECT_TRUE(WaitForLog("CNfcNetlink::CNfcNetlink"));
+    EXPECT_TRUE(Logs("CNfcNetlink::CNfcNetlink"));
     mDaemon->Signal(SIGINT);
     const auto end = mDaemon->Wait().value_or("still running");
     seen = Log().find("Starting state machine") == std::string::npos;
@@ -221,7 +222,7 @@ TEST_F(Interruption, IsNotCaughtAnyMoreOnceTheMachineHasStopped) {
   EnableDaemon();
   mKernel->AddRule("STOP_POLL delay=300000");  // the reader is closed after the machine
   mDaemon->Signal(SIGINT);
-  EXPECT_TRUE(WaitForLog("State machine stopped"));
+  EXPECT_TRUE(Logs("State machine stopped"));
   ExpectHeldUp();
   mDaemon->Signal(SIGINT);
   EXPECT_EQ(mDaemon->Wait().value_or("still running"), "signal 2");

@@ -1,6 +1,6 @@
 #include <linux/nfc.h>
 
-#include "daemontest.h"
+#include "tests/endtoend/daemontest.h"
 
 using namespace virtualnfc;
 using ::testing::ElementsAre;
@@ -16,17 +16,17 @@ TEST_F(Lifecycle, TheSupervisorDrivesTheDaemonAndIsToldEveryState) {
   StartDaemon();
   EXPECT_EQ(mSupervisor->Enable(), "Illegal");
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_TRUE(Notifies("Disabled"));
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled", 2));
+  EXPECT_TRUE(Notifies("Disabled", 2));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Enabled"));
-  EXPECT_TRUE(mSupervisor->WaitFor("alive", 2));
+  EXPECT_TRUE(Notifies("Enabled"));
+  EXPECT_TRUE(Notifies("alive", 2));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Enabled", 2));
+  EXPECT_TRUE(Notifies("Enabled", 2));
   EXPECT_EQ(mKernel->GetStatus().Commands(NFC_CMD_START_POLL), 1U);
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled", 3));
+  EXPECT_TRUE(Notifies("Disabled", 3));
   EXPECT_THAT(mSupervisor->Notified(), ElementsAre("Disabled", "Disabled", "Enabled", "Enabled", "Disabled"));
   EXPECT_FALSE(mKernel->GetStatus().Device().powered);
 }
@@ -36,30 +36,30 @@ TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecoveredButNotEnabled) {
   EnableDaemon();
   mKernel->AddRule("START_POLL nth=1 errno=EPROTO");
   Tap("04A12B5C");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_TRUE(Notifies("Disabled"));
   // The card that was read last may still get its answer; what matters is that the supervisor knows.
   auto states = mSupervisor->Notified();
   std::erase(states, "token 04A12B5C ERfidUidNotInList");
   EXPECT_THAT(states, ElementsAre("Error", "Disabled"));
   EXPECT_FALSE(mKernel->GetStatus().Device().powered);
-  EXPECT_TRUE(WaitForLog("Recovery successful."));
+  EXPECT_TRUE(Logs("Recovery successful."));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
   Tap("11223344");
-  EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
+  EXPECT_TRUE(Notifies("token 11223344 ERfidUidNotInList"));
 }
 
 TEST_F(Lifecycle, AReaderThatIsGoneIsAFatalErrorWhichOnlyARestartEnds) {
   StartDaemon();
   EnableDaemon();
   mKernel->Unplug();  // nobody asks the daemon for anything
-  EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+  EXPECT_TRUE(Notifies("FatalError"));
   EXPECT_TRUE(
-      WaitForLog("Processing RFID error: Reader stopped reading tags: Error in SendAndReceiveMsgs in "
-                 "StopPolling. (rc 19) with rc: 1:"));
-  EXPECT_TRUE(WaitForLog("Recovery failed with error: Could find trf7970a reader. rc 31"));
+      Logs("Processing RFID error: Reader stopped reading tags: Error in SendAndReceiveMsgs in "
+           "StopPolling. (rc 19) with rc: 1:"));
+  EXPECT_TRUE(Logs("Recovery failed with error: Could find trf7970a reader. rc 31"));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("FatalError", 3));
+  EXPECT_TRUE(Notifies("FatalError", 3));
   EXPECT_THAT(mSupervisor->Notified(), ElementsAre("Error", "FatalError", "FatalError", "FatalError"));
 }
 
@@ -67,16 +67,16 @@ TEST_F(Lifecycle, WithoutAReaderEnablingFailsAndSucceedsOnceItIsThere) {
   mKernel->Unplug();
   StartDaemon();
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_TRUE(Notifies("Disabled"));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));  // the one attempt to recover finds none either
-  EXPECT_TRUE(WaitForLog("Could find trf7970a reader."));
+  EXPECT_TRUE(Notifies("FatalError"));  // the one attempt to recover finds none either
+  EXPECT_TRUE(Logs("Could find trf7970a reader."));
   EXPECT_EQ(Interrupt(), "exit 0");
   mKernel->Plug(0);
   StartDaemon();
   EnableDaemon();
   Tap("04A12B5C");
-  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+  EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidNotInList"));
 }
 
 TEST_F(Lifecycle, AThousandCyclesLeaveNothingBehind) {
@@ -87,9 +87,9 @@ TEST_F(Lifecycle, AThousandCyclesLeaveNothingBehind) {
   size_t memory = 0;
   for (int cycle = 0; cycle < 1000; ++cycle) {
     ASSERT_EQ(mSupervisor->Disable(), "Ok");
-    ASSERT_TRUE(mSupervisor->WaitFor("Disabled"));
+    ASSERT_TRUE(Notifies("Disabled"));
     ASSERT_EQ(mSupervisor->Enable(), "Ok");
-    ASSERT_TRUE(mSupervisor->WaitFor("Enabled"));
+    ASSERT_TRUE(Notifies("Enabled"));
     mSupervisor->Clear();
     if (cycle == 100) {
       descriptors = mDaemon->OpenDescriptors();

@@ -4,9 +4,12 @@
 #include <algorithm>
 #include <chrono>
 
-#include "daemontest.h"
+#include "tests/endtoend/daemontest.h"
 
+using ::testing::AllOf;
 using ::testing::Each;
+using ::testing::IsEmpty;
+using ::testing::Not;
 
 namespace {
 
@@ -16,13 +19,14 @@ class Peers : public DaemonTest {
   void TapNewCard() {
     const auto uid = fmt::format("{:08X}", ++mCard);
     Tap(uid);
-    EXPECT_TRUE(mSupervisor->WaitFor("token " + uid + " ERfidUidNotInList"));
+    EXPECT_TRUE(Notifies("token " + uid + " ERfidUidNotInList"));
   }
   void TapUntilLogged(const std::string& text) {
-    EXPECT_TRUE(Eventually([&] {
+    const auto log = [this] {
       TapNewCard();
-      return Log().find(text) != std::string::npos;
-    })) << text;
+      return Log();
+    };
+    EXPECT_TRUE(Becomes(log, ::testing::HasSubstr(text)));
   }
 
   int mCard = 0x11111111;
@@ -43,16 +47,17 @@ TEST_F(Peers, NoneIsNeededAndOneThatComesLaterIsFound) {
   StopPeers();
   EnableDaemon();
   Tap("04A12B5C");
-  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
-  EXPECT_TRUE(WaitForLog("Failed to trigger feedback event 'EFbTokenScanned'. Error: 'Feedback."));
+  EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidNotInList"));
+  EXPECT_TRUE(Logs("Failed to trigger feedback event 'EFbTokenScanned'. Error: 'Feedback."));
   StartPeers();
   // Every signal's latest value comes to the peer that is back.
-  EXPECT_TRUE(Eventually([this] { return !mPeers->SignalValues(ipc::ESignalRfidLastUid).empty(); }));
-  EXPECT_THAT(mPeers->SignalValues(ipc::ESignalRfidLastUid), Each("04A12B5C"));
-  EXPECT_TRUE(Eventually([this] {
+  EXPECT_TRUE(Becomes([this] { return mPeers->SignalValues(ipc::ESignalRfidLastUid); },
+                      AllOf(Not(IsEmpty()), Each("04A12B5C"))));
+  const auto feedback = [this] {
     TapNewCard();
-    return !mPeers->FeedbackEvents().empty();
-  }));
+    return mPeers->FeedbackEvents();
+  };
+  EXPECT_TRUE(Becomes(feedback, Not(IsEmpty())));
 }
 
 TEST_F(Peers, OneThatDiesMidCallOrNeverAnswersDelaysATokenButDoesNotCostIt) {
@@ -60,9 +65,9 @@ TEST_F(Peers, OneThatDiesMidCallOrNeverAnswersDelaysATokenButDoesNotCostIt) {
   EnableDaemon();
   mPeers->SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
   Tap("04A12B5C");
-  EXPECT_TRUE(Eventually([this] { return !mPeers->FeedbackEvents().empty(); }));
+  EXPECT_TRUE(Becomes([this] { return mPeers->FeedbackEvents(); }, Not(IsEmpty())));
   StopPeers();  // while the call waits
-  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+  EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidNotInList"));
   StartPeers();
   mPeers->SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
   TapUntilLogged("DEADLINE_EXCEEDED");
@@ -74,7 +79,7 @@ TEST_F(Peers, OneThatDiesMidCallOrNeverAnswersDelaysATokenButDoesNotCostIt) {
       1U);
   EXPECT_EQ(CountOf(log, " info     [RPC] Feedback answers again (unix:"), 1U);
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_TRUE(Notifies("Disabled"));
 }
 
 TEST_F(Peers, ACardThatIsHeldWhileOneNeverAnswersIsNotifiedOnce) {
@@ -82,7 +87,7 @@ TEST_F(Peers, ACardThatIsHeldWhileOneNeverAnswersIsNotifiedOnce) {
   EnableDaemon();
   mPeers->SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
   mKernel->PresentTag(MakeTag(virtualnfc::TagKind::Mifare, "04A12B5C"));
-  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+  EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidNotInList"));
   std::chrono::steady_clock::duration unseen{};  // at most, on a machine that stalls
   for (size_t found = 2; found <= 20; ++found) {
     const auto before = std::chrono::steady_clock::now();
@@ -93,7 +98,7 @@ TEST_F(Peers, ACardThatIsHeldWhileOneNeverAnswersIsNotifiedOnce) {
   }
   mKernel->RemoveTags();
   Tap("11223344");  // whatever the first card led to comes before this
-  EXPECT_TRUE(mSupervisor->WaitFor("token 11223344 ERfidUidNotInList"));
+  EXPECT_TRUE(Notifies("token 11223344 ERfidUidNotInList"));
   if (unseen < std::chrono::milliseconds(1500)) {
     EXPECT_THAT(mSupervisor->Notified(), ::testing::ElementsAre("token 04A12B5C ERfidUidNotInList",
                                                                 "token 11223344 ERfidUidNotInList"));

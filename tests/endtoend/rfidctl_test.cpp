@@ -1,6 +1,6 @@
 #include <csignal>
 
-#include "daemontest.h"
+#include "tests/endtoend/daemontest.h"
 
 using ::testing::AllOf;
 using ::testing::HasSubstr;
@@ -47,24 +47,27 @@ TEST_F(Rfidctl, WhatTheDaemonDoesAndWhatItRefusesIsSeenFromTheStatus) {
   Expect({"enable"}, "exit 1", "", "refuses");
   Expect({"inject", "04A12B5C"}, "exit 1", "", "needs the daemon to be enabled");
   Expect({"--json", "learning", "on"}, "exit 1", "{\"result\":\"Illegal\"}\n", "refuses");
+  Expect({"inject", std::string(70'000, 'A')}, "exit 1", "", "the daemon refuses: ");
   Expect({"disable"}, "exit 0", "", "");
   Expect({"enable", "--json"}, "exit 0", "{\"result\":\"Ok\"}\n", "");
-  EXPECT_TRUE(mSupervisor->WaitFor("Enabled"));
+  EXPECT_TRUE(Notifies("Enabled"));
   Expect({"inject", "04a12b5c"}, "exit 0", "", "");
-  EXPECT_TRUE(mSupervisor->WaitFor("token 04A12B5C ERfidUidNotInList"));
+  EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidNotInList"));
   Expect({"learning", "on"}, "exit 0", "", "");
   Expect({"inject", "11223344"}, "exit 0", "", "");
-  EXPECT_TRUE(mSupervisor->WaitFor("learning 11223344"));
+  EXPECT_TRUE(Notifies("learning 11223344"));
   Expect({"log-level"}, "exit 0", "trace\n", "");
-  const auto isListed = [&](const Words& command, const std::string& line) {
-    return StartCtl(command)->Wait() == "exit 0" && Out().find(line + "\n") != std::string::npos;
+  const auto output = [&](const Words& command) {
+    EXPECT_EQ(StartCtl(command)->Wait(), "exit 0");
+    return Out();
   };
-  EXPECT_TRUE(Eventually([&] { return isListed({"signals"}, "101 Rfid last scanned UID = 11223344"); }))
-      << Out();
-  EXPECT_TRUE(Eventually([&] {
-    return isListed({"signals", "--json"},
-                    R"({"id":101,"name":"Rfid last scanned UID","unit":"","value":"11223344"})");
-  })) << Out();
+  EXPECT_TRUE(
+      Becomes([&] { return output({"signals"}); }, HasSubstr("101 Rfid last scanned UID = 11223344\n")));
+  EXPECT_TRUE(Becomes(
+      [&] {
+        return output({"signals", "--json"});
+      },
+      HasSubstr("{\"id\":101,\"name\":\"Rfid last scanned UID\",\"unit\":\"\",\"value\":\"11223344\"}\n")));
   EXPECT_EQ(Start({RFIDCTL_PATH, "--address", "unix:" + Path("run/rfid.sock"), "signals"})->Wait(), "exit 1");
   ExpectError("only takes signals");
   // Whether the daemon is heard of before the time is over is up to the machine.
@@ -98,6 +101,7 @@ TEST_F(Rfidctl, AWordThatItDoesNotKnowIsNamed) {
 }
 
 TEST_F(Rfidctl, ADaemonThatCannotBeReachedIsSaidWithTheReason) {
+  StopPeers();
   for (const Words& command :
        {Words{"state"}, Words{"inject", "04A12B5C"}, Words{"watch"}, Words{"signals"}}) {
     Expect(command, "exit 3", "", "No such file or directory");
@@ -122,16 +126,17 @@ TEST_F(Rfidctl, ADaemonThatCannotBeReachedIsSaidWithTheReason) {
 TEST_F(Rfidctl, WatchingGoesOnWhenTheDaemonIsRestartedAndEndsWithCtrlCAtAnyTime) {
   StartDaemon();
   const auto watch = StartCtl({"--json", "watch"});
-  EXPECT_TRUE(Eventually([this] { return !Out().empty(); }));
-  EXPECT_THAT(Out(), AllOf(HasSubstr(R"("kind":"state")"), HasSubstr(R"("state":"Uninitialized")")));
+  const auto out = [this] { return Out(); };
+  const auto err = [this] { return Err(); };
+  EXPECT_TRUE(Becomes(out, AllOf(HasSubstr(R"("kind":"state")"), HasSubstr(R"("state":"Uninitialized")"))));
   mDaemon->Signal(SIGKILL);
-  EXPECT_TRUE(Eventually([this] { return Err().find("is gone") != std::string::npos; }));
+  EXPECT_TRUE(Becomes(err, HasSubstr("is gone")));
   StartDaemon();
-  EXPECT_TRUE(Eventually([this] { return Err().find("is back") != std::string::npos; }));
+  EXPECT_TRUE(Becomes(err, HasSubstr("is back")));
   EnableDaemon();
-  EXPECT_TRUE(Eventually([this] { return Out().find(R"("state":"Enabled")") != std::string::npos; }));
+  EXPECT_TRUE(Becomes(out, HasSubstr(R"("state":"Enabled")")));
   EXPECT_EQ(Interrupt(), "exit 0");
-  EXPECT_TRUE(Eventually([this] { return Err().find("gone", Err().find("back")) != std::string::npos; }));
+  EXPECT_TRUE(Becomes(err, ::testing::ContainsRegex("is back\n(.*\n)*.*gone")));
   watch->Signal(SIGINT);
   EXPECT_EQ(watch->Wait(), "exit 0");
 }

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "components/temporarystore.h"
-#include "inprocess.h"
 #include "src/components/rfidhsm.h"
 #include "src/components/rfidhsmactionhandler.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 /// The daemon from its machine down to the simulated kernel, without RPC; the test plays the supervisor.
 /// Disabled after construction. The destructor interrupts the machine, joins it and closes the reader. A

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <vector>
 
+#include "diagnosticstransport.h"
 #include "rpctesting.h"
 
 namespace {

@@ -5,8 +5,9 @@
 #include <deque>
 #include <mutex>
 #include <optional>
-#include <thread>
 #include <utility>
+
+#include "tools/common/eventually.h"
 
 /// What threads of a test hand to each other, and how one waits for another.
 namespace handover {
@@ -15,21 +16,9 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
 
-/// Nothing that is waited for takes so long, also on a machine that stalls.
-constexpr Clock::duration kPatience = seconds(60);
+constexpr Clock::duration kPatience = kLongestWait;
 
-/// Polls a condition that has no event to wait for.
-template <typename Condition>
-bool Eventually(Condition condition, Clock::duration timeout = kPatience) {
-  const auto deadline = Clock::now() + timeout;
-  while (!condition()) {
-    if (Clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(milliseconds(2));
-  }
-  return true;
-}
+using ::Eventually;
 
 /// Values handed from one thread to another.
 template <typename T>

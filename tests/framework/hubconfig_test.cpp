@@ -115,7 +115,7 @@ TEST_F(HubConfigTest, AFileThatLeavesNoValuesIsReportedAtEveryLookUntilItIsMende
   expectReports("is larger than 64 MiB");
   std::filesystem::remove(File());
   std::filesystem::create_directory(File());
-  expectReports("is not a regular file");
+  expectReports("it is a folder");
 
   std::filesystem::remove(File());
   Replace(R"({"On": true})");
@@ -138,7 +138,7 @@ TEST_F(HubConfigTest, WhatCannotBeReadIsNoEmptySection) {
   section->Reload();
   EXPECT_FALSE(section->IsUpdated());
   EXPECT_TRUE(section->GetBool("On", false));
-  EXPECT_THAT(mLog.Texts(Level::Error), ElementsAre(HasSubstr("cannot be opened")));
+  EXPECT_THAT(mLog.Texts(Level::Error), ElementsAre(HasSubstr("cannot be read")));
 }
 
 TEST_F(HubConfigTest, AWrongTypeGivesTheDefaultAndIsReportedOncePerLoad) {

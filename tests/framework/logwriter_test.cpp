@@ -50,7 +50,7 @@ struct LogWriterTest : testing::Test {
   ~LogWriterTest() override { mLog.mGate.Open(); }
 
   Destination mLog;
-  LogWriter mWriter{"a log", [this](const LogLine& line) { return mLog.Take(line); }};
+  CLogWriter mWriter{"a log", [this](const LogLine& line) { return mLog.Take(line); }};
 };
 
 /// What a sink writes to a terminal, a line for each level.
@@ -141,7 +141,7 @@ TEST_F(LogWriterTest, FlushWaitsForTheLineInHandToo) {
 
 TEST(LogThread, HasANameAndEverySignalBlocked) {
   Mailbox<std::string> names;
-  LogWriter writer("log-test", [&](const LogLine&) {
+  CLogWriter writer("log-test", [&](const LogLine&) {
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     for (const int signal : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGALRM, SIGRTMIN, SIGRTMAX}) {
@@ -158,7 +158,7 @@ TEST(LogThread, HasANameAndEverySignalBlocked) {
 
 TEST(ConsoleSink, ShowsTheLevelsOnATerminalInTheColoursOfSpdlog) {
   setenv("TERM", "xterm", 1);
-  const auto shown = OnATerminal([] { return std::make_shared<ConsoleSink>(); });
+  const auto shown = OnATerminal([] { return std::make_shared<CConsoleSink>(); });
   EXPECT_EQ(shown, OnATerminal([] {
               auto sink = std::make_shared<spdlog::sinks::stderr_color_sink_mt>();
               sink->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%-8l%$ %v");
@@ -180,7 +180,7 @@ TEST(ConsoleSink, SaysWhetherTheConsoleTookTheLineAndWaitsForOneThatIsNonBlockin
     sigset_t signals;
     sigfillset(&signals);
     pthread_sigmask(SIG_SETMASK, &signals, nullptr);
-    ConsoleSink sink;
+    CConsoleSink sink;
     const auto write = [&] {
       sink.log({spdlog::log_clock::time_point{}, spdlog::source_loc{}, "", spdlog::level::info, "text"});
       return sink.TookLast();

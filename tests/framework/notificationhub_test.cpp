@@ -25,31 +25,31 @@ int NumberOf(const Notification& message) {
 /// Takes its notifications as they come, on whatever thread.
 class Reader {
  public:
-  Reader(NotificationHub& hub, std::size_t topic)
+  Reader(CNotificationHub& hub, std::size_t topic)
       : mSubscription(hub.Subscribe(topic, [wakes = mWakes] { wakes->Put(0); })) {}
 
   /// All numbers until the end or, with a count, until there are as many.
   std::vector<int> Read(std::size_t count = SIZE_MAX) {
     std::vector<int> numbers;
     while (numbers.size() < count) {
-      const Subscription::Next next = mSubscription->Take();
+      const CSubscription::Next next = mSubscription->Take();
       if (next.message) {
         numbers.push_back(NumberOf(next.message));
-      } else if (mEnd = next.end; mEnd != Subscription::EEnd::No || !mWakes->Take()) {
+      } else if (mEnd = next.end; mEnd != CSubscription::EEnd::No || !mWakes->Take()) {
         break;
       }
     }
     return numbers;
   }
-  Subscription::EEnd End() const { return mEnd; }
+  CSubscription::EEnd End() const { return mEnd; }
 
  private:
   const std::shared_ptr<Mailbox<int>> mWakes =
       std::make_shared<Mailbox<int>>();  // the hub may outlive the reader
-  Subscription::EEnd mEnd = Subscription::EEnd::No;
+  CSubscription::EEnd mEnd = CSubscription::EEnd::No;
 
  public:
-  const std::shared_ptr<Subscription> mSubscription;
+  const std::shared_ptr<CSubscription> mSubscription;
 };
 
 class NotificationHubTest : public testing::Test {
@@ -65,7 +65,7 @@ class NotificationHubTest : public testing::Test {
   }
   ~NotificationHubTest() override { Stop(); }
 
-  NotificationHub mHub{{8, 4, 3}};
+  CNotificationHub mHub{{4, 3}};
   const std::size_t mTopic = mHub.AddTopic();
   const std::size_t mOther = mHub.AddTopic();
   std::thread mThread;
@@ -78,51 +78,57 @@ TEST_F(NotificationHubTest, WhatWasSentBeforeStopArrivesBeforeTheEnd) {
   mHub.Stop();
   mHub.Send(mTopic, Numbered(3), false);
   EXPECT_EQ(reader.Read(), (std::vector<int>{1, 2}));
-  EXPECT_EQ(reader.End(), Subscription::EEnd::Stopping);
+  EXPECT_EQ(reader.End(), CSubscription::EEnd::Stopping);
   Reader late(mHub, mTopic);
   late.Read();
-  EXPECT_EQ(late.End(), Subscription::EEnd::Stopping);
+  EXPECT_EQ(late.End(), CSubscription::EEnd::Stopping);
 }
 
-TEST_F(NotificationHubTest, WhenNobodyDistributesSendingGoesOnAndLosersAreToldSo) {
-  Reader early(mHub, mTopic);
-  mHub.Send(mTopic, Numbered(0), false);
-  Reader late(mHub, mTopic);
-  for (int i = 1; i <= 8; ++i) {
+TEST_F(NotificationHubTest, ASubscriberWhoseQueueRunsOverIsEndedAndAnotherGetsAll) {
+  Reader slow(mHub, mTopic);
+  Reader quick(mHub, mTopic);
+  for (int i = 0; i < 5; ++i) {
     mHub.Send(mTopic, Numbered(i), false);
+    if (i < 4) {
+      EXPECT_EQ(NumberOf(quick.mSubscription->Take().message), i);
+    }
   }
-  mHub.Unsubscribe(mTopic, late.mSubscription);
   Run();
-  EXPECT_TRUE(early.Read().empty());
-  EXPECT_EQ(early.End(), Subscription::EEnd::TooSlow);
+  EXPECT_TRUE(slow.Read().empty());
+  EXPECT_EQ(slow.End(), CSubscription::EEnd::TooSlow);
+  EXPECT_EQ(quick.Read(1), std::vector<int>{4});
 }
 
-TEST_F(NotificationHubTest, PlacesAreLimitedAndFreedByLeaving) {
+TEST_F(NotificationHubTest, PlacesAreLimitedForEachTopicAndFreedByLeaving) {
   std::vector<std::unique_ptr<Reader>> readers;
   for (int i = 0; i < 3; ++i) {
-    readers.push_back(std::make_unique<Reader>(mHub, i == 0 ? mOther : mTopic));
+    readers.push_back(std::make_unique<Reader>(mHub, mTopic));
   }
   Reader refused(mHub, mTopic);
   refused.Read();
-  EXPECT_EQ(refused.End(), Subscription::EEnd::TooMany);
-  mHub.Unsubscribe(mOther, readers[0]->mSubscription);
-  mHub.Unsubscribe(mOther, readers[0]->mSubscription);
+  EXPECT_EQ(refused.End(), CSubscription::EEnd::TooMany);
+  Reader other(mHub, mOther);
+  for (int i = 0; i < 2; ++i) {
+    mHub.Unsubscribe(mTopic, readers[0]->mSubscription);
+  }
   Reader next(mHub, mTopic);
   Run();
   mHub.Send(mTopic, Numbered(1), false);
+  mHub.Send(mOther, Numbered(2), false);
   EXPECT_EQ(next.Read(1), std::vector<int>{1});
+  EXPECT_EQ(other.Read(1), std::vector<int>{2});
 }
 
 TEST(NotificationHub, SubscribersThatComeAndGoAtRandomMissNothingAndSeeNothingTwice) {
   for (unsigned round = 0; round < 30; ++round) {
-    NotificationHub hub({100000, 100000, 100});
+    CNotificationHub hub({100000, 100});
     const std::size_t topic = hub.AddTopic();
     std::thread distributor([&] { hub.Run(); });
     std::vector<std::thread> users;
     for (unsigned user = 1; user < 4; ++user) {
       users.emplace_back([&, user] {
         Jitter jitter(round * 10 + user);
-        for (auto end = Subscription::EEnd::No; end == Subscription::EEnd::No;) {
+        for (auto end = CSubscription::EEnd::No; end == CSubscription::EEnd::No;) {
           Reader reader(hub, topic);
           jitter.Pass();
           const std::vector<int> numbers = reader.Read(1 + jitter.Below(20));
@@ -130,7 +136,7 @@ TEST(NotificationHub, SubscribersThatComeAndGoAtRandomMissNothingAndSeeNothingTw
             ASSERT_EQ(numbers[i], numbers[i - 1] + 1);
           }
           end = reader.End();
-          EXPECT_TRUE(end != Subscription::EEnd::Stopping || numbers.empty() || numbers.back() == 299);
+          EXPECT_TRUE(end != CSubscription::EEnd::Stopping || numbers.empty() || numbers.back() == 299);
           hub.Unsubscribe(topic, reader.mSubscription);
         }
       });

@@ -27,7 +27,7 @@ TEST(RequestPool, AbandonsRunningAndWaitingRequestsAndOutlivesAThreadThatComesBa
   const auto stuck = std::make_shared<Request>([gate] { gate->Pass(); });
   const auto waiting = std::make_shared<Request>([] { FAIL() << "an abandoned request was carried out"; });
   {
-    RequestPool pool("pool", 1, 3);
+    CRequestPool pool("pool", 1, 3);
     pool.Start();
     pool.Submit(stuck);
     ASSERT_TRUE(gate->AwaitWaiting(1));
@@ -35,7 +35,7 @@ TEST(RequestPool, AbandonsRunningAndWaitingRequestsAndOutlivesAThreadThatComesBa
     pool.Abandon();
     EXPECT_EQ(stuck->mOutcome.Take(), "abandoned");
     EXPECT_EQ(waiting->mOutcome.Take(), "abandoned");
-    EXPECT_EQ(pool.Submit(waiting), RequestPool::ESubmit::Stopping);
+    EXPECT_EQ(pool.Submit(waiting), CRequestPool::ESubmit::Stopping);
     EXPECT_FALSE(pool.Join(Clock::now() + milliseconds(20)));
   }
   gate->Open();

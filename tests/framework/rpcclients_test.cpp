@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "diagnosticstransport.h"
 #include "framework/diagnostics.h"
 #include "ipc/diagnostics.grpc.pb.h"
 #include "ipc/feedback.grpc.pb.h"

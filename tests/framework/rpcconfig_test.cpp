@@ -66,6 +66,7 @@ TEST(RpcConfig, ErrorsNameFileKeyAndReasonInOneLine) {
       {"[]", "line 1, column 1", "object"},
       {WithListen("unix:a") + " x", "line 1, column", "Extra"},
       {"// note\n" + WithListen("unix:a"), "line 1, column 1", ""},
+      {"{ /* note */" + WithListen("unix:a").substr(1), "line 1, column 3", "Comment"},
       {WithListen("unix:a", ", \"peers\": {},"), "line 1, column", ""},
       {WithListen("unix:a", R"(, "listen": "unix:b")"), "line 1, column", "uplicate"},
       {std::string(500, '['), "", "Exceeded"},

@@ -134,7 +134,11 @@ TEST_P(RpcHostAddressTest, ServicesOfOneInterfaceAnswerUnderTheirOwnNamesAndASec
   const grpc::Status status = ControlClient(listen, "Two").Enable();
   EXPECT_EQ(status.error_code(), grpc::StatusCode::INTERNAL);
   EXPECT_EQ(status.error_message(), "two says no");
-  EXPECT_EQ(ControlClient(listen, "Three").Enable().error_code(), grpc::StatusCode::UNIMPLEMENTED);
+  const grpc::Status unknown = ControlClient(listen, "Three").Enable();
+  EXPECT_EQ(unknown.error_code(), grpc::StatusCode::UNIMPLEMENTED);
+  EXPECT_EQ(unknown.error_message(),
+            "no service 'Three' with a method /ipc.GenericControl/Enable; "
+            "set the authority to the service's name, one of: One, Two");
 
   RunningHost second(root.Listen(listen));
   second.Host().AddService<IGenericControl>("One", std::make_shared<Control>());

@@ -19,7 +19,7 @@ std::string Meaning(Read read) {
 }
 
 /// The members of a section, one by one, as its users get them.
-Json::Value Members(const SectionDocument& document, const Json::Value& expected) {
+Json::Value Members(const CSectionDocument& document, const Json::Value& expected) {
   Json::Value members(Json::objectValue);
   for (const auto& key : expected.getMemberNames()) {
     members[key] = document.Get(key, "missing");
@@ -35,8 +35,8 @@ Json::Value Members(const SectionDocument& document, const Json::Value& expected
 void ExpectTheSameAsWholeDocument(const std::string& text) {
   SCOPED_TRACE(text);
   const auto whole = Meaning([&] { return ParseStrictJson(text); });
-  EXPECT_EQ(Meaning([&] { return SectionDocument(text).All(); }), whole);
-  EXPECT_EQ(Meaning([&] { return Members(SectionDocument(text), ParseStrictJson(text)); }), whole);
+  EXPECT_EQ(Meaning([&] { return CSectionDocument(text).All(); }), whole);
+  EXPECT_EQ(Meaning([&] { return Members(CSectionDocument(text), ParseStrictJson(text)); }), whole);
 }
 
 }  // namespace

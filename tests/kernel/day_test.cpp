@@ -5,7 +5,7 @@
 #include <csignal>
 #include <filesystem>
 
-#include "tests/kernel/kerneltest.h"
+#include "tools/kernelbed/kerneltest.h"
 
 using namespace std::chrono_literals;
 using ::testing::Each;

@@ -4,7 +4,7 @@
 #include <csignal>
 #include <functional>
 
-#include "tests/kernel/kerneltest.h"
+#include "tools/kernelbed/kerneltest.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // What goes wrong below the kernel: whatever it is, a card is read or the supervisor is told.
-#include "tests/kernel/kerneltest.h"
+#include "tools/kernelbed/kerneltest.h"
 
 namespace {
 

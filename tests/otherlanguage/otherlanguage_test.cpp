@@ -1,4 +1,4 @@
-#include "daemontest.h"
+#include "tests/endtoend/daemontest.h"
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -9,11 +9,15 @@ namespace {
 class OtherLanguage : public DaemonTest {
  protected:
   OtherLanguage() {
-    const auto installed = Path("installed");
+    Run({CMAKE_PROGRAM, "--install", BUILD_FOLDER, "--component", "protocols", "--prefix", Path("installed")},
+        {});
+  }
+
+  /// Generates the client as the manual says.
+  void Generate() {
     const auto generated = Path("generated");
-    const auto protos = installed + "/share/rfidd/proto";
+    const auto protos = Path("installed/share/rfidd/proto");
     std::filesystem::create_directory(generated);
-    Run({CMAKE_PROGRAM, "--install", BUILD_FOLDER, "--component", "protocols", "--prefix", installed});
     std::vector<std::string> protoc{PROTOC_PROGRAM,
                                     "--python_out=" + generated,
                                     "--grpc_out=" + generated,
@@ -25,11 +29,12 @@ class OtherLanguage : public DaemonTest {
         protoc.push_back(file.path());
       }
     }
-    Run(protoc);
+    Run(protoc, {});
   }
 
-  std::string Run(const std::vector<std::string>& command) const {
-    Process process(command, {{"PYTHONPATH", Path("generated")}}, Path("client.out"), Path("client.err"));
+  std::string Run(const std::vector<std::string>& command,
+                  const std::map<std::string, std::string>& environment) const {
+    Process process(command, environment, Path("client.out"), Path("client.err"));
     EXPECT_EQ(process.Wait(std::chrono::minutes(5)).value_or("still running"), "exit 0")
         << ReadFile(Path("client.err"));
     return ReadFile(Path("client.out"));
@@ -42,19 +47,21 @@ class OtherLanguage : public DaemonTest {
 
 TEST_F(OtherLanguage, EveryMethodCanBeCalled) {
   StartDaemon();
-  EXPECT_THAT(Run({PYTHON_PROGRAM, EVERY_METHOD, Address("rfid.sock"), Address("feedback.sock"),
-                   Address("diagnostics.sock")}),
+  EXPECT_THAT(Run({PYTHON_PROGRAM, Path("installed/share/doc/rfidd/examples/every_method.py"),
+                   Address("rfid.sock"), Address("feedback.sock"), Address("diagnostics.sock")},
+                  {}),
               HasSubstr("every method was called"));
   EXPECT_THAT(mPeers->SignalValues(ipc::ESignalNone), ElementsAre("1.5", "1.5", "2.5"));
-  EXPECT_EQ(Interrupt(), "exit 0");
 }
 
 TEST_F(OtherLanguage, TheExampleOfTheManualWorksAsItIsPrinted) {
   const auto manual = ReadFile(MANUAL);
   const auto begin = manual.find("```python\n") + 10;
   WriteFile("example.py", manual.substr(begin, manual.find("```", begin) - begin));
+  Generate();
   StartDaemon();
-  const auto output = Run({PYTHON_PROGRAM, Path("example.py"), Address("rfid.sock")});
+  const auto output =
+      Run({PYTHON_PROGRAM, Path("example.py"), Address("rfid.sock")}, {{"PYTHONPATH", Path("generated")}});
   EXPECT_THAT(output, HasSubstr("EStateEnabled"));
   EXPECT_THAT(output, HasSubstr("04A12B5C ERfidUidNotInList"));
 }

@@ -31,8 +31,11 @@ struct CHsmDefinitionOf<DoorHandler> {
   static const CHsmDefinition<DoorMachine>& Get();
 };
 
+template <unsigned Id>
+using DoorLeaf =
+    CHsmRow<DoorMachine, LeafState<DoorMachine, Id, CompState<DoorMachine, 0, TopState<DoorMachine>>>>;
+
 inline const CHsmDefinition<DoorMachine>& CHsmDefinitionOf<DoorHandler>::Get() {
-  using Door = CompState<DoorMachine, 0, TopState<DoorMachine>>;
   using Action = CHsmAction<DoorMachine>;
   static const Action enterClosed{
       "enterClosed", [](DoorMachine& hsm, const auto&) { hsm.GetHandler().OnAction("enter Closed"); }};
@@ -49,11 +52,11 @@ inline const CHsmDefinition<DoorMachine>& CHsmDefinitionOf<DoorHandler>::Get() {
       .name = "Door",
       .initial = 1,
       .reactions = {CHsmOn<DoorMachine, Knock>::Do(knocked), CHsmOn<DoorMachine, Close>::GoTo(1)},
-      .leaves = {{&LeafState<DoorMachine, 1, Door>::kInstance,
-                  "Closed",
-                  {enterClosed},
-                  {leaveClosed},
-                  {CHsmOn<DoorMachine, Open>::GoTo(2), CHsmOn<DoorMachine, Say>::Do(said)}},
-                 {&LeafState<DoorMachine, 2, Door>::kInstance, "Open", {enterOpen}, {}, {}}}};
+      .leaves =
+          LeavesInOrder(DoorLeaf<1>{"Closed",
+                                    {enterClosed},
+                                    {leaveClosed},
+                                    {CHsmOn<DoorMachine, Open>::GoTo(2), CHsmOn<DoorMachine, Say>::Do(said)}},
+                        DoorLeaf<2>{"Open", {enterOpen}, {}, {}})};
   return definition;
 }

@@ -7,8 +7,8 @@
 #include <chrono>
 #include <thread>
 
-#include "doormachine.h"
-#include "framework/logcapture.h"
+#include "tests/framework/logcapture.h"
+#include "tests/statemachines/doormachine.h"
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <thread>
 
-#include "framework/handover.h"
+#include "tests/framework/handover.h"
 
 namespace {
 

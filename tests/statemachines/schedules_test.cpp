@@ -9,11 +9,11 @@
 #include <thread>
 #include <vector>
 
-#include "doormachine.h"
-#include "framework/handover.h"
-#include "jitter.h"
 #include "statemachines/hsmalive.h"
 #include "statemachines/utils/statemachinesutility.h"
+#include "tests/framework/handover.h"
+#include "tests/jitter.h"
+#include "tests/statemachines/doormachine.h"
 
 /// Stress with random timing.
 namespace {

@@ -4,8 +4,8 @@
 
 #include <thread>
 
-#include "doormachine.h"
-#include "framework/logcapture.h"
+#include "tests/framework/logcapture.h"
+#include "tests/statemachines/doormachine.h"
 
 using ::testing::ElementsAre;
 using ::testing::EndsWith;

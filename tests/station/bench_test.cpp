@@ -1,10 +1,12 @@
 #include <gmock/gmock.h>
 #include <httplib.h>
+#include <json/json.h>
 
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
+#include "src/components/rfidhsm.h"
 #include "tools/virtual-station/benchmodel.h"
 #include "tools/virtual-station/benchserver.h"
 #include "tools/virtual-station/logtail.h"
@@ -98,6 +100,16 @@ TEST(BenchModel, EveryCardThatWaitsGetsItsOwnOutcome) {
                                            "11223344 unanswered", "99AABBCC state 77", "11223344 learned"));
 }
 
+TEST(BenchModel, AnOutcomeIsTheNewestCards) {
+  BenchModel model;
+  model.OnCardPresented("11223344", "mifare", kNow);
+  Report(model, "11223344", ipc::ERfidUidNotInList);
+  model.OnCardPresented("11223344", "mifare", kNow);  // suppressed: seen again within two seconds
+  model.OnCardPresented("11223344", "mifare", kNow);
+  Report(model, "11223344", ipc::ERfidUidInStandAloneList);
+  EXPECT_THAT(Outcomes(model), ElementsAre("11223344 rejected", "11223344 waiting", "11223344 accepted"));
+}
+
 TEST(BenchModel, ACardThatIsOnlyScannedIsAnsweredWhileChargingIsFree) {
   BenchModel model;
   Json::Value settings;
@@ -135,6 +147,23 @@ TEST(BenchModel, AReaderGetsWhatIsNewToItAndAnEndWhenThereIsNoMore) {
   std::thread closer([&] { model.Close(); });
   EXPECT_TRUE(model.WaitForNews(cursor, std::chrono::minutes(1)).closed);
   closer.join();
+}
+
+TEST(BenchPage, EveryStateHasItsPlaceInBothLayouts) {
+  const auto files = PageFiles();
+  const auto file =
+      std::find_if(files.begin(), files.end(), [](const PageFile& one) { return one.path == "/layout.js"; });
+  ASSERT_NE(file, files.end());
+  const std::string text(file->content.substr(file->content.find('{')));
+  Json::Value layouts;
+  std::istringstream(text) >> layouts;
+  std::vector<std::string> states{"Start", "AnyState"};
+  for (const auto& leaf : CRfidHsm::Definition().leaves) {
+    states.emplace_back(leaf.name);
+  }
+  for (const char* form : {"wide", "narrow"}) {
+    EXPECT_THAT(layouts[form]["at"].getMemberNames(), ::testing::UnorderedElementsAreArray(states)) << form;
+  }
 }
 
 TEST_F(Server, TakesRequestsFromItsOwnPageAndFromNoOther) {

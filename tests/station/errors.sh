@@ -23,6 +23,7 @@ expect() {
 
 plex '"Diagnostics": "unix:file/socket"' hub
 expect 2 'no command nonsense' 'virtual-nfc --socket s nonsense'
+expect 2 '4, 7 or 8 bytes' 'virtual-station card add 0102030405060708AA'
 expect 2 'name is empty' 'virtual-nfc --socket "" status'
 expect 1 'No space left' 'virtual-nfc --socket s env >/dev/full'
 expect 1 'No space left' 'virtual-nfc --socket s serve >/dev/full'
@@ -32,7 +33,7 @@ expect 1 'Not a directory' 'virtual-station --root . serve'
 expect 1 'Is a directory' 'virtual-station --root . ocpp on'
 plex "\"Diagnostics\": \"unix:file\"" file
 expect 1 'Address already in use' 'virtual-station --root . serve'
-expect 1 'cannot be made: Not a directory' 'virtual-station --root . ocpp on'
+expect 1 'Not a directory' 'virtual-station --root . ocpp on'
 plex '' hub
 expect 1 'nothing to serve' 'virtual-station --root . serve'
 expect 3 'names no peer Diagnostics' 'rfidctl --root . signals'

@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-#include "genlmessage.h"
+#include "tools/virtual-nfc/kernel/genlmessage.h"
 
 namespace nfctest {
 

@@ -1,5 +1,6 @@
 #include "common/stopsignals.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -17,6 +18,11 @@ StopSignals::StopSignals() {
   if (mDescriptor < 0) {
     throw std::system_error(errno, std::generic_category(), "cannot wait for signals");
   }
+}
+
+bool StopSignals::HaveCome(std::chrono::milliseconds timeout) const {
+  pollfd waiting{mDescriptor, POLLIN, 0};
+  return poll(&waiting, 1, static_cast<int>(timeout.count())) > 0;
 }
 
 StopSignals::~StopSignals() {

@@ -8,22 +8,26 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "ipc/common.pb.h"
 
 /// Reads one service's notifications on a thread of its own and subscribes again whenever the stream ends.
 ///
 /// The callbacks are called on that thread; `onNotification` may block, which holds up the stream. `onStart`
-/// is called when the service has confirmed a subscription: nothing is missed from then on.
+/// is called when the service has confirmed a subscription: nothing is missed from then on. The first
+/// subscription fails at once if the service is not there, unless `waitsForService`; later ones wait for it.
 template <typename Service, typename Notification>
 class Subscriber {
  public:
   Subscriber(std::shared_ptr<grpc::Channel> channel, std::function<void(const Notification&)> onNotification,
-             std::function<void(const grpc::Status&)> onEnd, std::function<void()> onStart = {})
+             std::function<void(const grpc::Status&)> onEnd, std::function<void()> onStart = {},
+             bool waitsForService = false)
       : mStub(Service::NewStub(std::move(channel))),
         mOnNotification(std::move(onNotification)),
         mOnEnd(std::move(onEnd)),
         mOnStart(std::move(onStart)),
+        mWaitsForService(waitsForService),
         mThread([this] { Run(); }) {}
 
   ~Subscriber() {
@@ -49,13 +53,13 @@ class Subscriber {
 
  private:
   static constexpr auto kPause =
-      std::chrono::milliseconds(200);  ///< so that a refusal is not repeated in a loop
+      std::chrono::milliseconds(200);  ///< a refusal must not be repeated in a loop
 
   void Run() {
     std::unique_lock lock(mMutex);
-    for (bool again = false; !mStopping; again = true) {
+    while (!mStopping) {
       mContext = std::make_unique<grpc::ClientContext>();
-      mContext->set_wait_for_ready(again);
+      mContext->set_wait_for_ready(std::exchange(mWaitsForService, true));
       lock.unlock();
       const grpc::Status status = Read();
       mOnEnd(status);
@@ -86,6 +90,7 @@ class Subscriber {
   const std::function<void(const Notification&)> mOnNotification;
   const std::function<void(const grpc::Status&)> mOnEnd;
   const std::function<void()> mOnStart;
+  bool mWaitsForService;  ///< used on the thread only
   std::mutex mMutex;
   std::condition_variable mChanged;
   bool mStopping = false;

@@ -146,19 +146,15 @@ std::string ToMermaid(const Definition& machine) {
   return text + fmt::format("  {} --> [*]\n", drawing.last);
 }
 
-std::string ToJson(const Definition& machine) {
+std::string ToJavaScript(const Definition& machine) {
   const Drawing drawing = Draw(machine);
-  std::string states;
-  for (const auto& box : drawing.boxes) {
-    states += fmt::format("{}\n    \"{}\"", states.empty() ? "" : ",", box.id);
-  }
   std::string transitions;
   for (const auto& arrow : drawing.arrows) {
-    transitions += fmt::format("{}\n    {{\"from\": \"{}\", \"to\": \"{}\", \"event\": \"{}\"}}",
-                               transitions.empty() ? "" : ",", arrow.from, arrow.to, arrow.event);
+    transitions +=
+        fmt::format("    {{ from: '{}', to: '{}', event: '{}' }},\n", arrow.from, arrow.to, arrow.event);
   }
   return fmt::format(
-      "{{\n  \"initial\": \"{}\",\n  \"last\": \"{}\",\n  \"anyState\": \"{}\",\n"
-      "  \"states\": [{}\n  ],\n  \"transitions\": [{}\n  ]\n}}\n",
-      drawing.initial, drawing.last, kAnyState, states, transitions);
+      "// Generated from the state machine's table.\n"
+      "export const machine = {{ initial: '{}', last: '{}', anyState: '{}',\n  transitions: [\n{}  ] }};\n",
+      drawing.initial, drawing.last, kAnyState, transitions);
 }

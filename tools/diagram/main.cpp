@@ -8,14 +8,14 @@
 
 int main(int argc, char** argv) {
   const std::string_view form = argc == 2 ? argv[1] : "";
-  if (form != "dot" && form != "mermaid" && form != "json") {
-    std::fputs("usage: rfid-diagram dot|mermaid|json\n", stderr);
+  if (form != "dot" && form != "mermaid" && form != "javascript") {
+    std::fputs("usage: rfid-diagram dot|mermaid|javascript\n", stderr);
     return 2;
   }
   const auto& machine = CRfidHsm::Definition();
   const std::string text = form == "dot"       ? ToDot(machine)
                            : form == "mermaid" ? ToMermaid(machine)
-                                               : ToJson(machine);
+                                               : ToJavaScript(machine);
   if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
     std::perror("rfid-diagram: cannot write");
     return 1;

@@ -12,7 +12,6 @@
 #include <fstream>
 #include <sstream>
 #include <system_error>
-#include <thread>
 
 namespace {
 
@@ -23,10 +22,6 @@ size_t CountEntries(const std::string& folder) {
 }
 
 }  // namespace
-
-void PauseBeforeAskingAgain() {
-  std::this_thread::sleep_for(std::chrono::milliseconds(5));
-}
 
 Process::Process(const std::vector<std::string>& command,
                  const std::map<std::string, std::string>& environment, const std::string& outputFile,
@@ -56,13 +51,16 @@ Process::Process(const std::vector<std::string>& command,
                                    0644);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                    0644);
-  // Signals that this process has blocked are none of the child's business.
+  // This process may block or ignore signals; the child starts as from a terminal.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t none;
   sigemptyset(&none);
   posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  sigset_t all;
+  sigfillset(&all);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   const int error = posix_spawn(&mPid, command.front().c_str(), &actions, &attributes,
                                 pointers(command).data(), pointers(variables).data());
   posix_spawnattr_destroy(&attributes);

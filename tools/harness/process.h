@@ -2,15 +2,12 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
-/// How long to wait for what is to happen: many times what it takes, also under a sanitizer on a machine that
-/// is slow and stalls.
-constexpr std::chrono::seconds kLongestWait(120);
+#include "tools/common/eventually.h"
 
 /// A child process whose output goes to files. One thread.
 class Process {
@@ -44,18 +41,3 @@ class Process {
 
 /// The whole file; empty when there is none.
 std::string ReadFile(const std::string& path);
-
-void PauseBeforeAskingAgain();
-
-/// Asks until it is true or the time is over: for what happens outside this process and cannot be waited for.
-template <typename Condition>
-bool Eventually(Condition condition, std::chrono::seconds limit = kLongestWait) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    PauseBeforeAskingAgain();
-  }
-  return true;
-}

@@ -13,14 +13,18 @@
 #include "framework/rpcconfig.h"
 #include "tools/common/channel.h"
 
-StationOnKernel::StationOnKernel(const std::string& name, std::vector<std::string> launcher)
-    : mPrograms(std::filesystem::read_symlink("/proc/self/exe").parent_path()),
-      mLauncher(std::move(launcher)) {
+std::filesystem::path NewFolder(const std::string& name) {
   std::string folder = std::filesystem::temp_directory_path() / (name + "-XXXXXX");
   if (mkdtemp(folder.data()) == nullptr) {
     throw std::system_error(errno, std::generic_category(), folder);
   }
-  mRoot = folder;
+  return folder;
+}
+
+StationOnKernel::StationOnKernel(std::filesystem::path folder, std::vector<std::string> launcher)
+    : mPrograms(std::filesystem::read_symlink("/proc/self/exe").parent_path()),
+      mRoot(std::move(folder)),
+      mLauncher(std::move(launcher)) {
   std::filesystem::create_directories(mRoot / "etc");
   std::filesystem::create_directories(mRoot / "hub");
   WriteFile("etc/plex.json", R"({
@@ -28,6 +32,7 @@ StationOnKernel::StationOnKernel(const std::string& name, std::vector<std::strin
     "peers": { "Feedback": "unix:run/feedback.sock", "Diagnostics": "unix:run/diagnostics.sock" },
     "configuration": "hub"
   })");
+  StartPeers();
 }
 
 StationOnKernel::~StationOnKernel() {
@@ -59,9 +64,6 @@ std::unique_ptr<Process> StationOnKernel::Spawn(const std::vector<std::string>& 
 }
 
 bool StationOnKernel::StartDaemon(std::vector<std::string> arguments) {
-  if (!mPeers) {
-    StartPeers();
-  }
   arguments.insert(arguments.end(), {"-r", mRoot.string() + "/"});
   mDaemon = Spawn(arguments);
   mSupervisor = std::make_unique<Supervisor>(LoadRpcConfig(mRoot).listen);
@@ -77,10 +79,12 @@ bool StationOnKernel::IsTold(const std::string& notification) {
   const auto isTold = [&](std::chrono::seconds limit) {
     return mSupervisor->WaitFor(notification, 1, limit);
   };
-  return Eventually([&] {
-           return isTold(std::chrono::seconds(1)) || mDaemon->Wait(std::chrono::seconds(0)).has_value();
-         }) &&
+  return Eventually([&] { return isTold(std::chrono::seconds(1)) || DaemonsEnd().has_value(); }) &&
          isTold(std::chrono::seconds(0));
+}
+
+std::optional<std::string> StationOnKernel::DaemonsEnd() {
+  return mDaemon ? mDaemon->Wait(std::chrono::seconds(0)) : std::nullopt;
 }
 
 std::string StationOnKernel::Log() const {
@@ -106,10 +110,10 @@ std::string StationOnKernel::EndDaemon() {
   return end;
 }
 
-Station::Station(const std::string& name, const virtualnfc::VirtualNfcSettings& settings,
+Station::Station(const std::filesystem::path& folder, const virtualnfc::VirtualNfcSettings& settings,
                  std::vector<std::string> launcher)
-    : StationOnKernel(name, std::move(launcher)),
-      mKernel(std::make_unique<virtualnfc::VirtualNfc>(settings)) {}
+    : StationOnKernel(folder, std::move(launcher)),
+      mKernel(std::make_unique<virtualnfc::VirtualNfc>(settings, Path("nfc.sock"))) {}
 
 Station::~Station() {
   mSupervisor.reset();

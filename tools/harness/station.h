@@ -3,24 +3,28 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/harness/process.h"
 #include "tools/harness/supervisor.h"
+#include "tools/virtual-nfc/server/virtualnfc.h"
 #include "tools/virtual-station/virtualstation.h"
-#include "virtualnfc.h"
 
-/// A station in a folder of its own, on this machine's own kernel: feedback and diagnostics services,
-/// configuration, the real daemon and its supervisor. One thread.
+/// Makes a new folder for temporary files whose name begins with `name`.
+std::filesystem::path NewFolder(const std::string& name);
+
+/// A station in a folder, on this machine's own kernel: feedback and diagnostics services, configuration, the
+/// real daemon and its supervisor. One thread.
 ///
 /// rfidd is looked for beside the program that runs.
 class StationOnKernel {
  public:
-  /// Throws what keeps it from being set up. `name` begins the folder's. `launcher` is a command that runs
-  /// the daemon; none by default.
-  explicit StationOnKernel(const std::string& name, std::vector<std::string> launcher = {});
-  virtual ~StationOnKernel();  ///< kills the daemon, and removes the folder unless it is to be kept
+  /// Takes over the folder, which exists and is empty, and starts the peers. `launcher` is a command that
+  /// runs the daemon; none by default. Throws when something cannot be set up.
+  explicit StationOnKernel(std::filesystem::path folder, std::vector<std::string> launcher = {});
+  virtual ~StationOnKernel();  ///< kills the daemon, and removes the folder unless KeepFolder was called
   StationOnKernel(const StationOnKernel&) = delete;
   StationOnKernel& operator=(const StationOnKernel&) = delete;
 
@@ -28,7 +32,7 @@ class StationOnKernel {
   const std::filesystem::path& Folder() const { return mRoot; }
   void KeepFolder() { mIsKept = true; }
 
-  /// Writes a file of the folder in one step, as the station's other programs do.
+  /// Replaces a file of the folder in one step, as the station's other programs do.
   void WriteFile(const std::string& name, const std::string& content) const;
 
   void StartPeers();
@@ -37,40 +41,42 @@ class StationOnKernel {
   /// From now on this program runs instead of rfidd.
   void UseProgram(std::string name) { mProgram = std::move(name); }
 
-  /// rfidd with these arguments, its standard output in the file "output", its standard error in "log", where
-  /// the last one's becomes "log.1", "log.2" and so on. A pipe of that name stays and is the console.
+  /// Runs rfidd. Its standard output goes to the file "output", its standard error to "log"; an earlier "log"
+  /// becomes "log.1", "log.2" and so on. A pipe called "log" stays and is the console.
   std::unique_ptr<Process> Spawn(const std::vector<std::string>& arguments);
-  /// Starts the peers unless they run, the daemon and a supervisor; false when that one is not told that
-  /// the daemon runs.
+  /// Starts the daemon and a supervisor. Returns false unless the daemon reports Uninitialized to it.
   bool StartDaemon(std::vector<std::string> arguments = {});
-  /// From the start to Enabled; false when the daemon does not get there.
+  /// Takes a daemon that was just started to Enabled. Returns false if it does not get there.
   bool EnableDaemon();
-  /// Waits for the daemon's end and drops it and its supervisor; how it ended.
+  /// Waits for the daemon's end and drops it and its supervisor. Returns how it ended.
   std::string EndDaemon();
 
   VirtualStation& Peers() { return *mPeers; }
   Supervisor& Control() { return *mSupervisor; }
   const Process& Daemon() const { return *mDaemon; }
   bool HasDaemon() const { return mDaemon != nullptr; }
+  bool HasPeers() const { return mPeers != nullptr; }
+  /// How the daemon ended by itself; nothing while it runs or when there is none.
+  std::optional<std::string> DaemonsEnd();
 
-  /// What the daemon that was started last has written to its console; nothing when that is a pipe. The lines
-  /// of a daemon that runs come a moment later than what they tell of.
+  /// What the latest daemon has written to its console; empty when that is a pipe. A line comes a moment
+  /// later than what it tells of.
   std::string Log() const;
-  /// What the daemon, which runs, has logged until now. Ends with a line of the request that finds it out.
+  /// What the running daemon has logged up to this call. Ends with a line of the request that finds it out.
   std::string LogUntilNow();
 
  protected:
-  /// What the daemon's environment has besides this process's own.
+  /// Variables that are added to the daemon's environment.
   virtual std::map<std::string, std::string> DaemonEnvironment() const { return {}; }
 
   const std::filesystem::path mPrograms;
-  std::filesystem::path mRoot;
+  const std::filesystem::path mRoot;
   std::unique_ptr<VirtualStation> mPeers;
   std::unique_ptr<Process> mDaemon;
   std::unique_ptr<Supervisor> mSupervisor;
 
  private:
-  /// Waits until the supervisor is told this; false when the daemon ends, or the time.
+  /// Waits until the supervisor is told this. Returns false on timeout or when the daemon ends.
   bool IsTold(const std::string& notification);
 
   const std::vector<std::string> mLauncher;
@@ -80,14 +86,15 @@ class StationOnKernel {
   int mLogMarks = 0;
 };
 
-/// A station whose kernel is simulated. The preload is looked for beside the program that runs.
+/// A station whose kernel is simulated, at the socket "nfc.sock" of the folder. The preload is looked for
+/// beside the program that runs.
 class Station : public StationOnKernel {
  public:
-  explicit Station(const std::string& name, const virtualnfc::VirtualNfcSettings& settings = {},
+  explicit Station(const std::filesystem::path& folder, const virtualnfc::VirtualNfcSettings& settings = {},
                    std::vector<std::string> launcher = {});
   ~Station() override;
 
-  /// Puts a tag to the reader until it is found; false when that does not happen.
+  /// Holds a tag to the reader until it is found. Returns false on timeout.
   bool Tap(const virtualnfc::Tag& tag);
 
   virtualnfc::VirtualNfc& Kernel() { return *mKernel; }

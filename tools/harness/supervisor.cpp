@@ -1,16 +1,15 @@
 #include "tools/harness/supervisor.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <utility>
 
 #include "framework/interfaces.h"
 #include "tools/common/channel.h"
+#include "tools/common/statetext.h"
 
 namespace {
-
-std::string StateName(ipc::EState state) {
-  return ipc::EState_Name(state).substr(std::string("EState").size());
-}
 
 template <typename Call>
 std::string Ask(Call call) {
@@ -28,21 +27,24 @@ std::string Ask(Call call) {
 }  // namespace
 
 Supervisor::Supervisor(const std::string& address)
-    : mControl(ipc::GenericControl::NewStub(OpenChannel(address, "RfidGenCtrl"))),
-      mRfid(ipc::Rfid::NewStub(OpenChannel(address, "Rfid"))),
-      mLogConfig(ipc::LogConfig::NewStub(OpenChannel(address, "RfidLog"))) {
-  mStateContext.set_wait_for_ready(true);
-  mTokenContext.set_wait_for_ready(true);
-  mStateThread = std::thread(&Supervisor::ListenToStates, this);
-  mTokenThread = std::thread(&Supervisor::ListenToTokens, this);
-}
-
-Supervisor::~Supervisor() {
-  mStateContext.TryCancel();
-  mTokenContext.TryCancel();
-  mStateThread.join();
-  mTokenThread.join();
-}
+    : mControl(ipc::GenericControl::NewStub(OpenChannel(address, kControlService))),
+      mRfid(ipc::Rfid::NewStub(OpenChannel(address, kRfidService))),
+      mLogConfig(ipc::LogConfig::NewStub(OpenChannel(address, kLogService))),
+      mStates(
+          OpenChannel(address, kControlService),
+          [this](const auto& notification) {
+            Add(notification.has_alive() ? "alive" : StateText(notification.state().state()));
+          },
+          [this](const auto& end) { Add(fmt::format("states ended with status {}", end.error_code())); }, {},
+          true),
+      mTokens(
+          OpenChannel(address, kRfidService),
+          [this](const auto& notification) {
+            Add(notification.has_token() ? "token " + notification.token().uid() + " " +
+                                               ERfidAuthStateToString(notification.token().auth_state())
+                                         : "learning " + notification.learning_token().uid());
+          },
+          [this](const auto&) { Add("tokens ended"); }, [this] { Add("listening"); }, true) {}
 
 std::string Supervisor::Enable() {
   return Ask([this](auto& context, auto& result) { return mControl->Enable(&context, {}, &result); });
@@ -101,27 +103,4 @@ void Supervisor::Add(const std::string& what) {
   const std::lock_guard lock(mMutex);
   mNotified.push_back(what);
   mArrived.notify_all();
-}
-
-void Supervisor::ListenToStates() {
-  const auto reader = mControl->Subscribe(&mStateContext, {});
-  ipc::MGenericControlNotification notification;
-  while (reader->Read(&notification)) {
-    Add(notification.has_alive() ? "alive" : StateName(notification.state().state()));
-  }
-  Add("states ended with status " + std::to_string(reader->Finish().error_code()));
-}
-
-void Supervisor::ListenToTokens() {
-  const auto reader = mRfid->Subscribe(&mTokenContext, {});
-  reader->WaitForInitialMetadata();
-  Add("listening");
-  ipc::MRfidNotification notification;
-  while (reader->Read(&notification)) {
-    Add(notification.has_token() ? "token " + notification.token().uid() + " " +
-                                       ERfidAuthStateToString(notification.token().auth_state())
-                                 : "learning " + notification.learning_token().uid());
-  }
-  reader->Finish();
-  Add("tokens ended");
 }

@@ -1,4 +1,4 @@
-#include "kernelbed/conversation.h"
+#include "tools/kernelbed/conversation.h"
 
 #include <fmt/format.h>
 #include <linux/nfc.h>
@@ -12,8 +12,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "netlinksocket.h"
 #include "tools/harness/process.h"
+#include "tools/virtual-nfc/preload/netlinksocket.h"
 
 using namespace virtualnfc;
 
@@ -129,7 +129,7 @@ std::vector<std::string> Conversation::Ask(const Program& program, const Bytes& 
   Write(program, request);
   std::vector<std::string> answers;
   for (const Bytes& datagram : ReceiveAll(program.socket.Get())) {
-    answers.push_back(Describe(datagram, program.port, false));
+    answers.push_back(Describe(datagram, program.port));
   }
   return answers;
 }
@@ -142,15 +142,10 @@ void Conversation::Write(const Program& program, const Bytes& request) {
   }
 }
 
-std::string Conversation::Describe(const Bytes& datagram, std::uint32_t port, bool isEvent) const {
-  NetlinkIds ids = mIds;
-  ids.port = port;
+std::string Conversation::Describe(const Bytes& datagram, std::uint32_t port) const {
   std::string text;
-  for (const MessageText& message : DescribeDatagram(datagram, ids, isEvent)) {
-    text += (text.empty() ? "" : " + ") + message.head;
-    for (const TextLine& line : message.lines) {
-      text += fmt::format("\n    {:{}}{} {}", "", line.depth * 2, line.name, line.value);
-    }
+  for (const std::string& message : DescribeDatagram(datagram, mIds.family, port)) {
+    text += (text.empty() ? "" : " + ") + message;
   }
   return text;
 }
@@ -182,7 +177,7 @@ void Conversation::AwaitEvent() {
   Bytes datagram(65536);
   const ssize_t length = ::recv(listener.socket.Get(), datagram.data(), datagram.size(), MSG_DONTWAIT);
   datagram.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-  Note("event", {Describe(datagram, 0, true)});
+  Note("event", {Describe(datagram, 0)});
 }
 
 void Conversation::Do(const std::string& step) {

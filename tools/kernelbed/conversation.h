@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "kernelbed/kernelbench.h"
-#include "netlinktext.h"
+#include "tools/kernelbed/kernelbench.h"
+#include "tools/virtual-nfc/trace/netlinktext.h"
 
 /// One talk with a kernel by programs 'a', 'b' and so on, each with a socket of its own; 'e' listens to the
 /// events. One thread.
@@ -35,7 +35,7 @@ class Conversation {
   void Send(const std::string& name, const virtualnfc::Bytes& bytes);
 
   const std::vector<std::string>& Heard() const { return mHeard; }
-  const virtualnfc::NetlinkIds& Ids() const { return mIds; }
+  const KernelIds& Ids() const { return mIds; }
 
  private:
   struct Program {
@@ -47,13 +47,13 @@ class Conversation {
   void Resolve();
   static void Write(const Program& program, const virtualnfc::Bytes& request);
   std::vector<std::string> Ask(const Program& program, const virtualnfc::Bytes& request) const;
-  std::string Describe(const virtualnfc::Bytes& datagram, std::uint32_t port, bool isEvent) const;
+  std::string Describe(const virtualnfc::Bytes& datagram, std::uint32_t port) const;
   void Note(const std::string& what, const std::vector<std::string>& answers);
   std::vector<std::string> Command(Program& program, const std::vector<std::string>& words);
   void AwaitEvent();
 
   KernelBench& mBench;
-  virtualnfc::NetlinkIds mIds;
+  KernelIds mIds;
   std::map<char, Program> mPrograms;
   std::vector<std::string> mHeard;
 };

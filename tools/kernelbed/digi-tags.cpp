@@ -1,6 +1,6 @@
 // The reader on the kernel's digital stack, and its tags.
-#include "kernelbed/digitalreader.h"
-#include "kernelbed/program.h"
+#include "tools/kernelbed/digitalreader.h"
+#include "tools/kernelbed/program.h"
 
 int main(int argc, char** argv) {
   using namespace kernelbed;

@@ -1,4 +1,4 @@
-#include "kernelbed/digitalreader.h"
+#include "tools/kernelbed/digitalreader.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <thread>
 
-#include "kernelbed/digitaltag.h"
-#include "kernelbed/reader.h"
-#include "uniquefd.h"
+#include "tools/kernelbed/digitaltag.h"
+#include "tools/kernelbed/reader.h"
+#include "tools/virtual-nfc/server/uniquefd.h"
 
 namespace kernelbed {
 

@@ -1,4 +1,4 @@
-#include "kernelbed/digitaltag.h"
+#include "tools/kernelbed/digitaltag.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "kernelbed/kernelbench.h"
+#include "tools/kernelbed/kernelbench.h"
 
 #include <fmt/format.h>
 #include <sys/syscall.h>
@@ -7,10 +7,10 @@
 #include <future>
 #include <map>
 
-#include "inprocess.h"
-#include "kernelbed/digitalreader.h"
-#include "kernelbed/ncichip.h"
 #include "tools/harness/process.h"
+#include "tools/kernelbed/digitalreader.h"
+#include "tools/kernelbed/ncichip.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
 
 using namespace virtualnfc;
 
@@ -37,8 +37,10 @@ const std::map<std::string, NamedTag> kTags{
 
 class SimulatedBench : public KernelBench {
  public:
-  explicit SimulatedBench(Stack stack)
-      : mKernel({.kernel = {.stack = stack}, .removedListing = std::chrono::seconds(1)}), mStack(stack) {}
+  SimulatedBench(Stack stack, const KernelIds& ids)
+      : mKernel({.kernel = {.stack = stack, .familyId = ids.family, .groupId = ids.group},
+                 .removedListing = std::chrono::seconds(1)}),
+        mStack(stack) {}
 
   UniqueFd Socket() override {
     return UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
@@ -137,6 +139,6 @@ std::unique_ptr<KernelBench> MakeRealBench(Stack stack) {
   return std::make_unique<RealBench>(stack);
 }
 
-std::unique_ptr<KernelBench> MakeSimulatedBench(Stack stack) {
-  return std::make_unique<SimulatedBench>(stack);
+std::unique_ptr<KernelBench> MakeSimulatedBench(Stack stack, const KernelIds& ids) {
+  return std::make_unique<SimulatedBench>(stack, ids);
 }

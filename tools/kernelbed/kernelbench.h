@@ -5,8 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "nfcdevice.h"
-#include "uniquefd.h"
+#include "tools/virtual-nfc/kernel/nfcdevice.h"
+#include "tools/virtual-nfc/server/uniquefd.h"
+
+/// The numbers that a kernel has given to the family "nfc" and its group "events".
+struct KernelIds {
+  std::uint16_t family = 0;
+  std::uint32_t group = 0;
+};
 
 /// A kernel with one reader, number 0, that was just plugged in, and a hand that moves it and its tags: the
 /// same for the machine's own kernel and for the simulated one. One at a time. All operations throw
@@ -35,4 +41,4 @@ class KernelBench {
 
 /// The machine's own kernel, with a reader of the test bed.
 std::unique_ptr<KernelBench> MakeRealBench(virtualnfc::Stack stack);
-std::unique_ptr<KernelBench> MakeSimulatedBench(virtualnfc::Stack stack);
+std::unique_ptr<KernelBench> MakeSimulatedBench(virtualnfc::Stack stack, const KernelIds& ids);

@@ -1,6 +1,6 @@
 // An NFC chip on the kernel's NCI stack, and its tags.
-#include "kernelbed/ncichip.h"
-#include "kernelbed/program.h"
+#include "tools/kernelbed/ncichip.h"
+#include "tools/kernelbed/program.h"
 
 int main(int argc, char** argv) {
   using namespace kernelbed;

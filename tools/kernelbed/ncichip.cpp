@@ -1,4 +1,4 @@
-#include "kernelbed/ncichip.h"
+#include "tools/kernelbed/ncichip.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

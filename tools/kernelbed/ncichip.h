@@ -4,9 +4,9 @@
 #include <optional>
 #include <thread>
 
-#include "kernelbed/ncitag.h"
-#include "kernelbed/reader.h"
-#include "uniquefd.h"
+#include "tools/kernelbed/ncitag.h"
+#include "tools/kernelbed/reader.h"
+#include "tools/virtual-nfc/server/uniquefd.h"
 
 namespace kernelbed {
 

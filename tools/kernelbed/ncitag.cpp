@@ -1,4 +1,4 @@
-#include "kernelbed/ncitag.h"
+#include "tools/kernelbed/ncitag.h"
 
 namespace kernelbed {
 

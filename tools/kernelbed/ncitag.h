@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kernelbed/reader.h"
+#include "tools/kernelbed/reader.h"
 
 namespace kernelbed {
 

@@ -1,4 +1,4 @@
-#include "kernelbed/program.h"
+#include "tools/kernelbed/program.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -8,8 +8,8 @@
 #include <array>
 #include <iostream>
 
-#include "common/commandline.h"
-#include "unixsocket.h"
+#include "tools/common/commandline.h"
+#include "tools/virtual-nfc/server/unixsocket.h"
 
 namespace kernelbed {
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "kernelbed/reader.h"
+#include "tools/kernelbed/reader.h"
 
 namespace kernelbed {
 

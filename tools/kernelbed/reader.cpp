@@ -1,4 +1,4 @@
-#include "kernelbed/reader.h"
+#include "tools/kernelbed/reader.h"
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "tag.h"
+#include "tools/virtual-nfc/kernel/tag.h"
 
 namespace kernelbed {
 

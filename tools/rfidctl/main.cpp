@@ -157,6 +157,7 @@ int RunCommandLine(int argc, char** argv) {
   app.footer(kFooter);
   auto* root = app.add_option("--root", options.root,
                               "Root folder of the station; etc/plex.json below it names the addresses")
+                   ->type_name("FOLDER")
                    ->capture_default_str();
   app.add_option("--address", options.address, "Whom to ask, instead of --root: unix:PATH or HOST:PORT")
       ->excludes(root)

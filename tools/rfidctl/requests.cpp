@@ -23,6 +23,9 @@ constexpr auto kLookTime = std::chrono::seconds(10);  ///< what is only looked a
   if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED) {
     throw Unreachable("the " + daemon.who + " at " + daemon.address + " does not answer");
   }
+  if (status.error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED) {
+    throw std::runtime_error("the " + daemon.who + " refuses: " + ReasonOf(status));
+  }
   throw Unreachable("cannot reach the " + daemon.who + " at " + daemon.address + ": " + ReasonOf(status));
 }
 

@@ -1,4 +1,4 @@
-#include "ledger.h"
+#include "tools/soak/ledger.h"
 
 #include <fmt/format.h>
 

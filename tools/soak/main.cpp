@@ -2,7 +2,6 @@
 // grow?
 
 #include <fmt/format.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,7 +10,7 @@
 #include "common/commandline.h"
 #include "common/output.h"
 #include "common/stopsignals.h"
-#include "soak.h"
+#include "tools/soak/soak.h"
 
 namespace {
 
@@ -21,11 +20,6 @@ constexpr int kFailureStatus = 1;
 constexpr int kMeasurements = 144;
 constexpr std::chrono::seconds kProgressOnTerminal(10);
 constexpr std::chrono::seconds kProgressElsewhere(60);
-
-bool HasCome(const StopSignals& signals) {
-  pollfd waiting{signals.Descriptor(), POLLIN, 0};
-  return poll(&waiting, 1, 0) > 0;
-}
 
 std::string MinutesAndSeconds(Clock::duration time) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time).count();
@@ -45,7 +39,7 @@ int Run(double minutes, unsigned seed) {
   auto nextMeasurement = start;
   Soak soak(seed);
   soak.Begin();
-  while (Clock::now() < start + duration && !HasCome(signals) && soak.Book().HasNoProblem()) {
+  while (Clock::now() < start + duration && !signals.HaveCome() && soak.Book().HasNoProblem()) {
     soak.Act();
     if (Clock::now() >= nextMeasurement) {
       soak.Measure();

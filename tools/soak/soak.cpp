@@ -1,4 +1,4 @@
-#include "soak.h"
+#include "tools/soak/soak.h"
 
 #include <fmt/format.h>
 #include <linux/nfc.h>
@@ -7,49 +7,24 @@
 #include <csignal>
 #include <iterator>
 #include <numeric>
-#include <stdexcept>
-
-#include "chart.h"
 
 using namespace virtualnfc;
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr std::chrono::seconds kPatience(40);
 constexpr std::chrono::seconds kRecentTagTimeout(2);
 constexpr std::chrono::milliseconds kSurelyNotLost(1500);
-constexpr size_t kCardsInMind = 5;
-const std::string kFenceUid = "FENCE";
-
-size_t CountOf(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
-}
 
 bool IsOfCard(const std::string& told) {
-  return (told.starts_with("token ") && !told.starts_with("token " + kFenceUid)) ||
+  return (told.starts_with("token ") && !told.starts_with(std::string("token ") + kFenceUid)) ||
          told.starts_with("learning ");
 }
 
 }  // namespace
 
 Soak::Soak(unsigned seed)
-    : mRandom(seed),
-      mStation("soak",
-               {.kernel = {.stack = seed % 2 == 1 ? Stack::Nci : Stack::Digital}, .detectionDelay = 50ms},
-               {"/usr/bin/setsid"}) {
-  mStation.UseProgram("soak-rfidd");
-  for (const char* uid : {"04A12B5C", "04A12B5C112233", "DEADBEEF"}) {
-    mKnown.push_back({uid, true, MakeTag(TagKind::Mifare, uid)});
-  }
-  mKnown.push_back({"E007060504030201", true, MakeTag(TagKind::Iso15693, "E007060504030201")});
-}
-
-// ---- What happens
+    : StationDriver(seed % 2 == 1 ? Stack::Nci : Stack::Digital), mRandom(seed), mCards(mRandom) {}
 
 void Soak::Act() {
   struct Kind {
@@ -59,7 +34,7 @@ void Soak::Act() {
   };
   static constexpr Kind kKinds[] = {
       {400, "a card is tapped", &Soak::Tap},
-      {60, "a card is held", &Soak::Hold},
+      {60, "a card is held", &Soak::HoldCard},
       {200, "a card is injected", &Soak::Inject},
       {40, "a card while disabled", &Soak::SwipeWhileDisabled},
       {40, "a card while disabling", &Soak::SwipeWhileDisabling},
@@ -93,9 +68,9 @@ void Soak::Act() {
 }
 
 void Soak::Inject() {
-  auto card = RandomCard();
+  auto card = mCards.Random();
   if (!card.valid) {
-    card.uid = fmt::format("NO-UID-{}", ++mCards);
+    card.uid = fmt::format("NO-UID-{}", ++mInjected);
   }
   mLedger.EnterSent();
   const auto before = Clock::now();
@@ -110,8 +85,9 @@ void Soak::Inject() {
 }
 
 void Soak::SwipeWhileDisabled() {
-  const auto card = RandomCard();
+  const auto card = mCards.Random();
   Disable();
+  mSeen.clear();
   mLedger.EnterSent();
   if (Below(2) == 0) {
     const bool isRefused = mStation.Control().Inject(card.uid) == "Illegal";
@@ -129,13 +105,14 @@ void Soak::SwipeWhileDisabled() {
 }
 
 void Soak::SwipeWhileDisabling() {
-  const auto card = NewCard();
+  const auto card = mCards.New();
   mLedger.EnterSent();
   mStation.Kernel().PresentTag(card.tag);
   if (Below(2) == 0) {
     mStation.Kernel().WaitFor([](const Status& status) { return !status.Device().polling; }, 1s);
   }
   Disable();
+  mSeen.clear();
   mStation.Kernel().RemoveTags();
   Enable();
   Require(Settle(), "the reader works when it was enabled again");
@@ -165,7 +142,7 @@ void Soak::SwipeWhileSomethingFails() {
   const auto& rule = kRules[Below(std::size(kRules))];
   mAction = rule.text;
   mStation.Kernel().AddRule(rule.text);
-  Swipe(RandomCard(), 0ms, rule.failure);
+  Swipe(mCards.Random(), 0ms, rule.failure);
   mStation.Kernel().ClearRules();
 }
 
@@ -178,7 +155,7 @@ void Soak::LoseEvents() {
 }
 
 void Soak::Unplug() {
-  const auto card = RandomCard();
+  const auto card = mCards.Random();
   mStation.Kernel().Unplug();
   mLedger.EnterSent();
   mStation.Kernel().PresentTag(card.tag);
@@ -190,7 +167,7 @@ void Soak::Unplug() {
 }
 
 void Soak::Replug() {
-  const auto card = RandomCard();
+  const auto card = mCards.Random();
   mStation.Kernel().Unplug();
   mLedger.EnterSent();
   mStation.Kernel().PresentTag(card.tag);
@@ -212,18 +189,18 @@ void Soak::PollingEnds() {
       mStation.Kernel().SetFault(Fault::ChipPolls);
       break;
   }
-  Swipe(RandomCard(), 0ms, EFailure::None);
+  Swipe(mCards.Random(), 0ms, EFailure::None);
 }
 
 void Soak::ForeignTag() {
   mStation.Kernel().PresentTag(MakeTag(TagKind::Foreign, "04A1B2C3"));
   mStation.Kernel().WaitFor([](const Status&) { return false; }, std::chrono::milliseconds(Below(200)));
   mStation.Kernel().RemoveTags();
-  Swipe(RandomCard(), 0ms, EFailure::None);
+  Swipe(mCards.Random(), 0ms, EFailure::None);
 }
 
 void Soak::LoseFind() {
-  const auto card = NewCard();
+  const auto card = mCards.New();
   mStation.Kernel().AddRule("TARGETS_FOUND nth=1 drop");
   mLedger.EnterSent();
   mStation.Kernel().PresentTag(card.tag);
@@ -233,18 +210,18 @@ void Soak::LoseFind() {
   mStation.Kernel().ClearRules();
   Require(Settle(), "there is no error without a cause");
   EnterOutcome(ExpectedNotification(card), EOutcome::LostUnheard);  // unless the next look was quick
-  Swipe(RandomCard(), 0ms, EFailure::None);
+  Swipe(mCards.Random(), 0ms, EFailure::None);
 }
 
 void Soak::RestartPeers() {
   mStation.StopPeers();
-  Swipe(RandomCard(), 0ms, EFailure::None);
+  Swipe(mCards.Random(), 0ms, EFailure::None);
   mStation.StartPeers();
 }
 
 void Soak::FeedbackHangs() {
   mStation.Peers().SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
-  Swipe(RandomCard(), 0ms, EFailure::None);
+  Swipe(mCards.Random(), 0ms, EFailure::None);
   mStation.Peers().SetFeedbackAnswer(VirtualStation::EAnswer::Ok);
 }
 
@@ -257,7 +234,7 @@ void Soak::Reconfigure() {
       fmt::format(R"({{"SeccOcppActive": {}, "SessionManagerChargeWithoutAuth": {}}})", mOcpp, mFree));
   mPermitted.clear();
   std::string tokens;
-  for (const auto& card : mKnown) {
+  for (const auto& card : mCards.Known()) {
     if (Below(2) == 0) {
       mPermitted.insert(card.uid);
       tokens += fmt::format(R"({}{{"RfidTokenUid": "{}"}})", tokens.empty() ? "" : ", ", card.uid);
@@ -270,7 +247,7 @@ void Soak::BreakConfiguration() {
   if (mLearning) {
     return;  // settings are not looked at
   }
-  Swipe(NewCard(), 0ms, EFailure::None);  // has the daemon load what is good and stays
+  Swipe(mCards.New(), 0ms, EFailure::None);  // has the daemon load what is good and stays
   mStation.WriteFile("hub/settings.json", R"({"SeccOcppActive": tru)");
   mIsBroken = true;
 }
@@ -284,6 +261,7 @@ void Soak::ToggleLearning() {
 void Soak::Restart() {
   if (mStation.HasDaemon()) {
     StopDaemon(Below(4) == 0 ? SIGKILL : SIGINT);
+    mSeen.clear();
   }
   PlugIn();
   mLearning = false;
@@ -292,31 +270,9 @@ void Soak::Restart() {
   }
   ++mRestarts;
   if (Require(mStation.StartDaemon(), "the daemon starts")) {
-    // One that was killed has left the reader on.
-    const auto before = Told("Disabled");
-    Require(mStation.Control().Disable() == "Ok" && AwaitTold("Disabled", before + 1),
-            "the daemon is disabled at first");
+    Request(false);  // not Disable: a daemon that was killed has left the reader on
     Enable();
   }
-}
-
-void Soak::PlugIn() {
-  const bool hasReader = Eventually(
-      [this] {
-        try {
-          const auto isThere = [this] {
-            const auto devices = mStation.Kernel().GetStatus().devices;
-            return std::any_of(devices.begin(), devices.end(), [](const DeviceStatus& device) {
-              return device.index == 0 && !device.removed;
-            });
-          };
-          return isThere() || mStation.Kernel().Plug(0) == 0;
-        } catch (const std::invalid_argument&) {
-          return false;  // a reader that has gone keeps its number for some time
-        }
-      },
-      kPatience);
-  Require(hasReader, "a reader can be plugged in");
 }
 
 void Soak::End() {
@@ -324,37 +280,6 @@ void Soak::End() {
   if (mStation.HasDaemon()) {
     StopDaemon(SIGINT);
   }
-}
-
-// ---- How it is done
-
-void Soak::Enable() {
-  Collect();
-  const auto before = Told("Enabled");
-  Require(mStation.Control().Enable() == "Ok" && AwaitTold("Enabled", before + 1), "the daemon is enabled");
-}
-
-void Soak::Disable() {
-  Collect();
-  const auto before = Told("Disabled");
-  Require(mStation.Control().Disable() == "Ok" && AwaitTold("Disabled", before + 1),
-          "the daemon is disabled");
-  Require(!Reader().polling && !Reader().powered, "off means off");
-  mSeen.clear();
-}
-
-void Soak::StopDaemon(int signal) {
-  if (signal == SIGKILL) {
-    mStation.LogUntilNow();  // nothing is on its way to the log then
-  }
-  mStation.Daemon().Signal(signal);
-  Require(AwaitTold("tokens ended"), "the daemon's end ends its notifications");
-  const auto end = mStation.EndDaemon();
-  Require(end == (signal == SIGINT ? "exit 0" : "signal 9"), "the daemon ends as it should, not with " + end);
-  const auto log = mStation.Log();
-  mLedger.EnterLogged(CountOf(log, "RfidToken notif: '") + CountOf(log, "Sending RfidLearningToken notif: ") -
-                      CountOf(log, "RfidToken notif: '" + kFenceUid));
-  mSeen.clear();
 }
 
 void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, EFailure failure) {
@@ -366,7 +291,7 @@ void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, EFailure fail
   Require(
       kernel.WaitFor([&](const Status& s) { return s.Events(NFC_EVENT_TARGETS_FOUND) > found; }, kPatience),
       "the reader finds a card while enabled");
-  const auto unseen = KeepCard(hold);
+  const auto unseen = Hold(hold);
   kernel.RemoveTags();
   const bool isRead = failure != EFailure::Certain && Settle();
   if (failure != EFailure::None && !isRead) {
@@ -385,55 +310,9 @@ void Soak::Swipe(const Card& card, std::chrono::milliseconds hold, EFailure fail
   mSeen[card.uid] = {hold == 0ms ? before : before + hold, Clock::now()};
 }
 
-Soak::Clock::duration Soak::KeepCard(std::chrono::milliseconds hold) {
-  const auto end = Clock::now() + hold;
-  Clock::duration unseen{};
-  for (auto last = Clock::now(); last < end;) {
-    const auto found = mStation.Kernel().GetStatus().Events(NFC_EVENT_TARGETS_FOUND);
-    mStation.Kernel().WaitFor([&](const Status& s) { return s.Events(NFC_EVENT_TARGETS_FOUND) > found; },
-                              std::chrono::ceil<std::chrono::milliseconds>(end - last));
-    const auto now = Clock::now();
-    unseen = std::max(unseen, now - last);
-    last = now;
-  }
-  return unseen;
-}
-
-bool Soak::Settle() {
-  // The monitor polls again once a card's token is on its way.
-  const bool isIdle = Eventually(
-      [this] {
-        Collect();
-        const auto status = mStation.Kernel().GetStatus();
-        return IsToldOfError() || (status.Device().polling && !status.commandWaits);
-      },
-      kPatience);
-  Require(isIdle, "the reader polls again after a card");
-  return !IsToldOfError() && Fence() && !IsToldOfError();
-}
-
-bool Soak::Fence() {
-  // No UID: it is notified whatever the configuration is, after everything that came before it.
-  const auto fence = fmt::format("{}{}", kFenceUid, ++mFences);
-  if (mStation.Control().Inject(fence) != "Ok") {
-    return false;
-  }
-  return Eventually(
-      [&] {
-        Collect();
-        return IsToldOfError() || Told("token " + fence + " ERfidUidInvalid") > 0;
-      },
-      kPatience);
-}
-
 void Soak::RecoverWith(const Card& card) {
   const auto expected = ExpectedNotification(card);  // a restart forgets the learning mode
-  const bool hasEnded = Eventually(
-      [this] {
-        Collect();
-        return Told("Disabled") + Told("FatalError") > 0;
-      },
-      kPatience);
+  const bool hasEnded = Await([this] { return Told("Disabled") + Told("FatalError") > 0; });
   Require(hasEnded, "an error ends in Disabled or FatalError");
   mStation.Kernel().ClearRules();
   mSeen.clear();
@@ -481,88 +360,8 @@ std::string Soak::ExpectedNotification(const Card& card) const {
                                           : " ERfidUidNotInList");
 }
 
-void Soak::Collect() {
-  for (auto& told : mStation.Control().Take()) {
-    if (told != "alive") {
-      mTold.push_back(std::move(told));
-    }
-  }
-}
-
-size_t Soak::Told(const std::string& what) const {
-  return static_cast<size_t>(std::count(mTold.begin(), mTold.end(), what));
-}
-
-bool Soak::AwaitTold(const std::string& what, size_t count) {
-  return Eventually(
-      [&] {
-        Collect();
-        return Told(what) >= count;
-      },
-      kPatience);
-}
-
-bool Soak::Require(bool condition, const std::string& what) {
-  if (!condition) {
-    mLedger.AddProblem(fmt::format("{}: it does not hold that {}", mAction, what));
-  }
-  return condition;
-}
-
-Soak::Card Soak::NewCard() {
-  const auto uid = fmt::format("{:08X}", 0x10000000U + ++mCards);
-  return {uid, true, MakeTag(TagKind::Mifare, uid)};
-}
-
-/// One that is known, new, of another kind, without a UID that counts, or one that was there lately.
-Soak::Card Soak::RandomCard() {
-  Card card;
-  const unsigned kind = Below(20);
-  if (kind < 5 && !mLatest.empty()) {
-    return mLatest[Below(static_cast<unsigned>(mLatest.size()))];
-  }
-  if (kind < 11) {
-    card = mKnown[Below(static_cast<unsigned>(mKnown.size()))];
-  } else if (kind < 15) {
-    card = NewCard();
-  } else if (kind < 17) {
-    const auto uid = fmt::format("04{:012X}", ++mCards);
-    card = {uid, true, MakeTag(TagKind::Mifare, uid)};
-  } else if (kind == 17) {
-    card = {"", false, MakeTag(TagKind::Felica, "0102030405060708")};
-  } else if (kind == 18) {
-    const auto uid = fmt::format("{:020X}", ++mCards);
-    card = {uid, false, MakeTag(TagKind::Mifare, uid)};
-  } else {
-    card = {"", false,
-            MakeRawTag(NFC_PROTO_MIFARE_MASK, {{NFC_ATTR_TARGET_NFCID1, Bytes(11 + Below(20), 0x42)}})};
-  }
-  mLatest.push_back(card);
-  if (mLatest.size() > kCardsInMind) {
-    mLatest.erase(mLatest.begin());
-  }
-  return card;
-}
-
 void Soak::Measure() {
-  if (mStation.HasDaemon() && mStation.Daemon().Memory("VmRSS") > 0) {
-    mMemory.values.push_back(mStation.Daemon().Memory("VmRSS"));
-    mDescriptors.values.push_back(mStation.Daemon().OpenDescriptors());
-    mThreads.values.push_back(mStation.Daemon().Threads());
-    mMarks += mRestarts > mRestartsMarked ? 'R' : '-';
-    mRestartsMarked = mRestarts;
+  if (mStation.HasDaemon()) {
+    mMeasurements.Take(mStation.Daemon(), mRestarts);
   }
-}
-
-std::string Soak::Charts() const {
-  std::string charts;
-  for (const auto* series : {&mMemory, &mDescriptors, &mThreads}) {
-    charts += MakeChart(series->title, series->values, mMarks) + "\n";
-  }
-  return charts + fmt::format("R: a daemon started; {} in all\n", mRestarts);
-}
-
-std::string Soak::KeepLogs() {
-  mStation.KeepFolder();
-  return mStation.Folder();
 }

@@ -8,15 +8,17 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <limits>
+#include <optional>
 #include <string>
 #include <system_error>
 
-#include "common/commandline.h"
-#include "controlprotocol.h"
-#include "controlserver.h"
-#include "recordclient.h"
-#include "tag.h"
-#include "virtualnfc.h"
+#include "tools/common/commandline.h"
+#include "tools/virtual-nfc/kernel/tag.h"
+#include "tools/virtual-nfc/server/controlprotocol.h"
+#include "tools/virtual-nfc/server/controlserver.h"
+#include "tools/virtual-nfc/server/virtualnfc.h"
+#include "tools/virtual-nfc/trace/recordclient.h"
 
 namespace {
 
@@ -25,19 +27,24 @@ using namespace virtualnfc;
 enum ExitStatus { Done = 0, Refused = 1, Usage = kUsageStatus, Unreachable = 3 };
 
 constexpr double kMaxHold = 24.0 * 60 * 60;
+/// Before the reason in the reply of a server.
+constexpr std::string_view kErrorMark = "error: ";
 
-/// Whether everything that was printed is with its reader; says so when not.
-bool IsWritten() {
-  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
-    return true;
-  }
-  fmt::print(stderr, "virtual-nfc: cannot write to standard output: {}\n",
-             std::generic_category().message(errno));
-  return false;
+template <typename... Args>
+int Fail(int status, fmt::format_string<Args...> format, Args&&... args) {
+  fmt::print(stderr, "virtual-nfc: {}\n", fmt::format(format, std::forward<Args>(args)...));
+  return status;
+}
+
+/// Done when everything printed has reached the output.
+int FlushOutput() {
+  return std::fflush(stdout) == 0 && std::ferror(stdout) == 0
+             ? Done
+             : Fail(Refused, "cannot write to standard output: {}", std::generic_category().message(errno));
 }
 
 int Serve(const std::string& address, const VirtualNfcSettings& settings) {
-  // Before there are threads, so that all of them leave these signals to this one.
+  // Blocked before there are threads, so that only sigwait takes these signals.
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGINT);
@@ -47,36 +54,33 @@ int Serve(const std::string& address, const VirtualNfcSettings& settings) {
     VirtualNfc server(settings, address);
     const ControlServer control(server);
     fmt::print("virtual-nfc: ready at {}\n", address);
-    if (!IsWritten()) {
-      return Refused;
-    }
+    const int flushed = FlushOutput();
     int signal = 0;
-    sigwait(&ending, &signal);
-    return Done;
+    if (flushed == Done) {
+      sigwait(&ending, &signal);
+    }
+    return flushed;
   } catch (const std::runtime_error& error) {
-    fmt::print(stderr, "virtual-nfc: {}\n", error.what());
-    return Unreachable;
+    return Fail(Unreachable, "{}", error.what());
   }
 }
 
 int Ask(const std::string& address, const std::string& line) {
   const std::string reply = AskServer(address, line);
   if (reply.empty()) {
-    fmt::print(stderr, "virtual-nfc: cannot reach a server at {}: {}\n", address,
-               std::generic_category().message(errno));
-    return Unreachable;
+    return Fail(Unreachable, "cannot reach a server at {}: {}", address,
+                std::generic_category().message(errno));
   }
   const std::size_t firstEnd = std::min(reply.find('\n'), reply.size() - 1);
   const std::string first = reply.substr(0, firstEnd);
   if (first != "ok") {
-    fmt::print(stderr, "virtual-nfc: {}\n", first);
-    return Refused;
+    return Fail(Refused, "{}", first.substr(std::min(first.size(), kErrorMark.size())));
   }
   fmt::print("{}", reply.substr(firstEnd + 1));
   return Done;
 }
 
-/// The preload lies beside the tool where it was built, and in the library folder where it was installed.
+/// The preload is beside the tool in the build folder, and in the library folder when installed.
 int PrintEnvironment(const std::string& address) {
   const std::filesystem::path folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
   for (const char* place : {"virtual-nfc-preload.so", "../lib/virtual-nfc/virtual-nfc-preload.so"}) {
@@ -89,28 +93,14 @@ int PrintEnvironment(const std::string& address) {
       return Done;
     }
   }
-  fmt::print(stderr,
-             "virtual-nfc: virtual-nfc-preload.so is neither in {} nor in ../lib/virtual-nfc from there\n",
-             folder.string());
-  return Refused;
-}
-
-int RecordServer(const std::string& address, const std::string& file, std::uint32_t count) {
-  switch (RecordTo(address, file, count)) {
-    case RecordEnd::Done:
-      return Done;
-    case RecordEnd::Refused:
-      return Refused;
-    case RecordEnd::NoServer:
-      return Unreachable;
-  }
-  return Unreachable;
+  return Fail(Refused, "virtual-nfc-preload.so is neither in {} nor in ../lib/virtual-nfc from there",
+              folder.string());
 }
 
 int RunCommand(int argc, char** argv) {
   CLI::App app(
-      "A kernel with an NFC reader, simulated: for programs that talk to the kernel's NFC family on machines "
-      "without one.\nStart a server with 'serve', start the program with what 'env' prints, then tap tags.",
+      "Simulates a kernel with an NFC reader, for programs that talk to the kernel's NFC family.\n"
+      "Start a server with 'serve', start the program with the variables that 'env' prints, then tap tags.",
       "virtual-nfc");
   SetUpTool(app);
   app.require_subcommand(1);
@@ -128,11 +118,11 @@ int RunCommand(int argc, char** argv) {
 
   VirtualNfcSettings settings;
   bool noDevice = false;
-  CLI::App* serve = app.add_subcommand("serve", "be the kernel until SIGINT or SIGTERM");
-  serve->add_flag("--no-device", noDevice, "begin without a reader");
+  CLI::App* serve = app.add_subcommand("serve", "simulate the kernel until SIGINT or SIGTERM");
+  serve->add_flag("--no-device", noDevice, "start without a reader");
   serve->add_flag_callback(
       "--nci", [&settings] { settings.kernel.stack = Stack::Nci; },
-      "a reader whose chip does the protocol; without, the kernel does it");
+      "a reader whose chip does the protocol; by default the kernel does it");
   serve->add_flag("--assume-ealready", settings.kernel.assumeAlready,
                   "answer EALREADY where the kernel says EBUSY to START_POLL and EINVAL to STOP_POLL");
   serve->callback([&] {
@@ -148,7 +138,7 @@ int RunCommand(int argc, char** argv) {
   CLI::App* tap = app.add_subcommand("tap", "put a tag in front of the reader, in place of any other");
   tap->add_option("UID", uid, "as printed on the tag, hexadecimal")->required();
   tap->add_option("--tech", kind, "kind of tag")->check(CLI::IsMember(TagKindNames()))->capture_default_str();
-  tap->add_option("--hold", hold, "take it away again after that time; without, it stays until 'remove'")
+  tap->add_option("--hold", hold, "take it away after this time; by default it stays until 'remove'")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.001, kMaxHold));
   tap->callback([&] {
@@ -158,20 +148,25 @@ int RunCommand(int argc, char** argv) {
     };
   });
 
-  const auto plain = [&](const char* name, const char* help) {
-    app.add_subcommand(name, help)->callback([&action, &address, name] {
-      action = [&address, name] { return Ask(address, name); };
+  const auto plain = [&](CLI::App& parent, const char* name, const char* line, const char* help) {
+    parent.add_subcommand(name, help)->callback([&action, &address, line] {
+      action = [&address, line] { return Ask(address, line); };
     });
   };
-  plain("remove", "take all tags away");
-  plain("plug", "plug a reader in");
-  plain("unplug", "pull the reader out");
+  plain(app, "remove", "remove", "take all tags away");
+  plain(app, "plug", "plug", "plug in a reader and print its number");
+
+  std::optional<std::uint32_t> device;
+  CLI::App* unplug = app.add_subcommand("unplug", "unplug the reader");
+  unplug->add_option("N", device, "the number that 'plug' printed; by default the first reader");
+  unplug->callback(
+      [&] { action = [&] { return Ask(address, device ? fmt::format("unplug {}", *device) : "unplug"); }; });
 
   std::string faultName;
   bool isOff = false;
-  CLI::App* fault = app.add_subcommand("fault", "let something go wrong with the reader without a word");
+  CLI::App* fault = app.add_subcommand("fault", "let the reader fail in a way that programs are not told of");
   fault->add_option("NAME", faultName)->required()->check(CLI::IsMember(FaultNames()));
-  fault->add_flag("--off", isOff, "it is over");
+  fault->add_flag("--off", isOff, "end the fault");
   fault->callback([&] {
     action = [&] { return Ask(address, fmt::format("fault {} {}", faultName, isOff ? "off" : "on")); };
   });
@@ -187,9 +182,8 @@ int RunCommand(int argc, char** argv) {
   CLI::App* add =
       rule->add_subcommand("add", "COMMAND [CONDITION...] ACTION..., as in: START_POLL nth=2 errno=EBUSY");
   add->footer(
-      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any, a number, "
-      "and the\n"
-      "events TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
+      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any, a number\n"
+      "Events: TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
       "Conditions: nth=N times=N port=N device=N\n"
       "Actions: errno=E delay=MS fault=NAME cross unplug drop truncate=N "
       "garble[=long|short|missing|twice|nested] duplicate\n"
@@ -197,28 +191,30 @@ int RunCommand(int argc, char** argv) {
   add->add_option("RULE", spec)->required();
   add->callback(
       [&] { action = [&] { return Ask(address, fmt::format("rule add {}", fmt::join(spec, " "))); }; });
-  rule->add_subcommand("list", "show the rules and how often they fired")->callback([&] {
-    action = [&] { return Ask(address, "rule list"); };
-  });
-  rule->add_subcommand("clear", "behave again")->callback([&] {
-    action = [&] { return Ask(address, "rule clear"); };
-  });
+  plain(*rule, "list", "rule list", "show the rules and how often they fired");
+  plain(*rule, "clear", "rule clear", "remove all rules");
 
   std::string file;
   std::uint32_t count = 0;
-  CLI::App* record =
-      app.add_subcommand("record", "write down what programs and the kernel say to each other");
-  record->add_option("FILE", file, "where to; without, to standard output");
-  record->add_option("--count", count, "end after so many messages")
+  CLI::App* record = app.add_subcommand("record", "write down the messages between programs and the kernel");
+  record->add_option("FILE", file, "by default standard output");
+  record->add_option("--count", count, "end after this many messages")
       ->type_name("N")
-      ->check(CLI::PositiveNumber);
-  record->callback([&] { action = [&] { return RecordServer(address, file, count); }; });
-
-  app.final_callback([&] {
-    if (address.empty()) throw CLI::RequiredError("--socket");
+      ->check(CLI::Range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max()));
+  record->callback([&] {
+    action = [&] {
+      const RecordEnd end = RecordTo(address, file, count);
+      return end == RecordEnd::Done ? Done : end == RecordEnd::Refused ? Refused : Unreachable;
+    };
   });
 
-  app.add_subcommand("env", "print the environment that takes a program to the server")->callback([&] {
+  app.final_callback([&] {
+    if (address.empty()) {
+      throw CLI::RequiredError("--socket");
+    }
+  });
+
+  app.add_subcommand("env", "print the environment that connects a program to the server")->callback([&] {
     action = [&] { return PrintEnvironment(address); };
   });
 
@@ -226,7 +222,7 @@ int RunCommand(int argc, char** argv) {
     return *ended;
   }
   const int result = action();
-  return result == Done && !IsWritten() ? Refused : result;
+  return result == Done ? FlushOutput() : result;
 }
 
 }  // namespace
@@ -235,7 +231,6 @@ int main(int argc, char** argv) {
   try {
     return RunCommand(argc, argv);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "virtual-nfc: %s\n", error.what());
-    return Refused;
+    return Fail(Refused, "{}", error.what());
   }
 }

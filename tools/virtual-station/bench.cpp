@@ -10,8 +10,8 @@
 
 #include "common/channel.h"
 #include "common/statetext.h"
-#include "virtual-nfc/controlserver.h"
-#include "virtual-nfc/tag.h"
+#include "tools/virtual-nfc/kernel/tag.h"
+#include "tools/virtual-nfc/server/controlserver.h"
 
 namespace {
 

@@ -117,13 +117,19 @@ void BenchModel::OnLearningToken(const std::string& uid) {
   Conclude(uid, "learned");
 }
 
-void BenchModel::Conclude(const std::string& uid, const std::string& outcome) {
-  // A FeliCa tag has no UID that the daemon knows of; its outcome comes with an empty one.
-  const auto card = std::find_if(mCards.begin(), mCards.end(), [&](const Card& candidate) {
-    return candidate.outcome == kWaiting &&
-           (ToUpper(candidate.uid) == uid || (uid.empty() && candidate.kind == "felica"));
+BenchModel::Card* BenchModel::FindWaiting(const std::function<bool(const Card&)>& matches) {
+  const auto card = std::find_if(mCards.rbegin(), mCards.rend(), [&](const Card& candidate) {
+    return candidate.outcome == kWaiting && matches(candidate);
   });
-  if (card != mCards.end()) {
+  return card == mCards.rend() ? nullptr : &*card;
+}
+
+void BenchModel::Conclude(const std::string& uid, const std::string& outcome) {
+  // The outcome of a FeliCa tag comes without a UID, because the reader reports none.
+  Card* const card = FindWaiting([&](const Card& candidate) {
+    return ToUpper(candidate.uid) == uid || (uid.empty() && candidate.kind == "felica");
+  });
+  if (card != nullptr) {
     card->outcome = outcome;
   } else {
     mCards.push_back({++mNumber, TimeOfDay(), uid, "", "seen", outcome, {}});
@@ -142,9 +148,7 @@ void BenchModel::OnFeedback(ipc::EFbEventType event) {
   KeepLatest(mFeedback, kMostEvents);
   // While charging is free the daemon reports a card as scanned and says no more about it.
   if (event == ipc::EFbTokenScanned && mParts["settings"]["free"].asBool() && !mParts["learning"].asBool()) {
-    const auto card = std::find_if(mCards.begin(), mCards.end(),
-                                   [](const Card& candidate) { return candidate.outcome == kWaiting; });
-    if (card != mCards.end()) {
+    if (Card* const card = FindWaiting([](const Card&) { return true; })) {
       card->outcome = "free";
     }
   }

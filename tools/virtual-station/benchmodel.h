@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -81,6 +82,9 @@ class BenchModel {
   void Set(const char* part, const Json::Value& value);
   void Changed();
   void NoteTransition(const std::string& to);
+  /// The newest card that waits for its outcome. An older one with the same UID was suppressed, or not read
+  /// at all, and gets none.
+  Card* FindWaiting(const std::function<bool(const Card&)>& matches);
   void Conclude(const std::string& uid, const std::string& outcome);
   Json::Value Snapshot() const;
 

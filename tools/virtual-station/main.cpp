@@ -178,11 +178,12 @@ int ListCards(const Options& options) {
   return 0;
 }
 
+/// The lengths that tags have and that the daemon accepts.
 std::string CheckUid(const std::string& text) {
   const bool isHex = text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-  return isHex && text.size() >= 8 && text.size() <= 20 && text.size() % 2 == 0
+  return isHex && (text.size() == 8 || text.size() == 14 || text.size() == 16)
              ? ""
-             : "a UID has 4 to 10 bytes, two hexadecimal digits each";
+             : "a UID has 4, 7 or 8 bytes, two hexadecimal digits each";
 }
 
 int Run(const CLI::App& app, const Options& options) {
@@ -214,6 +215,7 @@ int RunCommandLine(int argc, char** argv) {
   SetUpTool(app);
   app.require_subcommand(1);
   app.add_option("--root", options.root, "Root folder of the station; etc/plex.json below it says the rest")
+      ->type_name("FOLDER")
       ->capture_default_str();
   app.add_flag("--json", options.json, "Output for programs: one JSON document a line");
   app.footer("Exit status: 0 done, 1 failed, 2 the command line cannot be understood.");

@@ -1,64 +1,23 @@
 #include "virtual-station/sectionfile.h"
 
-#include <fcntl.h>
 #include <json/reader.h>
 #include <json/writer.h>
 #include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
 
+namespace fs = std::filesystem;
+
 namespace {
 
-[[noreturn]] void Fail(const std::filesystem::path& file, const std::string& what, int error) {
+[[noreturn]] void Fail(const fs::path& file, const std::string& what, int error) {
   throw std::runtime_error(file.string() + ": " + what + ": " + std::generic_category().message(error));
-}
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : mDescriptor(descriptor) {}
-  ~Descriptor() {
-    if (mDescriptor >= 0) {
-      close(mDescriptor);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int Get() const { return mDescriptor; }
-
- private:
-  const int mDescriptor;
-};
-
-void WriteAll(int descriptor, const std::string& text, const std::string& file) {
-  std::size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t count = write(descriptor, text.data() + written, text.size() - written);
-    if (count >= 0) {
-      written += static_cast<std::size_t>(count);
-    } else if (errno != EINTR) {
-      Fail(file, "cannot be written", errno);
-    }
-  }
-}
-
-/// The new file gets the old one's mode and, if that is permitted, owner.
-void TakeOverAttributes(int descriptor, const std::filesystem::path& old) {
-  struct stat data {};
-  if (stat(old.c_str(), &data) != 0) {
-    data.st_mode = 0644;
-  } else if (fchown(descriptor, data.st_uid, data.st_gid) != 0) {
-    // Only root may give files away.
-  }
-  if (fchmod(descriptor, data.st_mode & 07777) != 0) {
-    Fail(old, "cannot set the mode of its successor", errno);
-  }
 }
 
 std::string ToUpper(std::string text) {
@@ -74,7 +33,7 @@ std::string UidOf(const Json::Value& token) {
   return token.isObject() && token[kUid].isString() ? token[kUid].asString() : "";
 }
 
-/// The document's list, made if there is none; whatever else stands in its place is not touched.
+/// The document's list, which is made if there is none. Throws if it is something else.
 Json::Value& TokensOf(Json::Value& document) {
   Json::Value& tokens = document[kTokens];
   if (tokens.isNull()) {
@@ -88,18 +47,16 @@ Json::Value& TokensOf(Json::Value& document) {
 
 }  // namespace
 
-SectionFile::SectionFile(const std::filesystem::path& folder, const std::string& section)
+SectionFile::SectionFile(const fs::path& folder, const std::string& section)
     : mFile(folder / (section + ".json")) {
-  // A link's target is replaced, not the link.
-  std::error_code error;
-  if (const auto target = std::filesystem::canonical(mFile, error); !error) {
-    mFile = target;
+  std::error_code ignored;
+  if (const auto target = fs::canonical(mFile, ignored); !ignored) {
+    mFile = target;  // a link stays, its target is replaced
   }
 }
 
 Json::Value SectionFile::Load() const {
-  std::error_code error;
-  if (std::filesystem::is_directory(mFile, error)) {  // opens like a file, and is empty
+  if (fs::is_directory(mFile)) {  // opens like a file, and is empty
     Fail(mFile, "cannot be read", EISDIR);
   }
   std::ifstream file(mFile);
@@ -124,20 +81,15 @@ Json::Value SectionFile::Load() const {
 }
 
 void SectionFile::Edit(const std::function<bool(Json::Value&)>& edit) const {
-  const std::filesystem::path folder = mFile.parent_path();
-  std::error_code error;
-  if (std::filesystem::create_directories(folder, error); error) {
-    Fail(folder, "cannot be made", error.value());
-  }
-  const Descriptor lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (lock.Get() < 0 || flock(lock.Get(), LOCK_EX) != 0) {
+  const fs::path folder = mFile.parent_path();
+  fs::create_directories(folder);
+  const std::unique_ptr<FILE, int (*)(FILE*)> lock(fopen(folder.c_str(), "re"), fclose);
+  if (!lock || flock(fileno(lock.get()), LOCK_EX) != 0) {
     Fail(folder, "cannot be locked", errno);
   }
   Json::Value document = Load();
   if (edit(document)) {
     Store(document);
-    fsync(lock.Get());  // the new name lasts, too; the change is made even where a folder cannot be
-                        // synchronised
   }
 }
 
@@ -145,23 +97,17 @@ void SectionFile::Store(const Json::Value& document) const {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
-  const std::string text = Json::writeString(builder, document) + "\n";
-
-  std::string temporary = (mFile.parent_path() / ("." + mFile.filename().string() + ".XXXXXX")).string();
-  const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
-  if (file.Get() < 0) {
-    Fail(temporary, "cannot be created", errno);
+  const fs::path temporary = mFile.parent_path() / ("." + mFile.filename().string() + ".new");
+  std::ofstream file(temporary);
+  file << Json::writeString(builder, document) << "\n";
+  file.close();
+  if (!file) {
+    Fail(temporary, "cannot be written", errno);
   }
-  try {
-    TakeOverAttributes(file.Get(), mFile);
-    WriteAll(file.Get(), text, temporary);
-    if (fsync(file.Get()) != 0 || rename(temporary.c_str(), mFile.c_str()) != 0) {
-      Fail(mFile, "cannot be replaced", errno);
-    }
-  } catch (...) {
-    unlink(temporary.c_str());
-    throw;
+  if (fs::exists(mFile)) {
+    fs::permissions(temporary, fs::status(mFile).permissions());
   }
+  fs::rename(temporary, mFile);
 }
 
 void StationSettings::Set(const char* key, bool value) const {
@@ -198,7 +144,7 @@ bool CardList::Remove(const std::string& uid) const {
     Json::Value& tokens = TokensOf(document);
     Json::Value kept(Json::arrayValue);
     for (const Json::Value& token : tokens) {
-      // Whoever wrote it in lower case by hand wants it gone, too.
+      // An entry written by hand in lower case goes as well.
       if (ToUpper(UidOf(token)) == unwanted) {
         removed = true;
       } else {

@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-/// A section of the station's configuration, changed as the station's other programs change it: the new
-/// document takes the old one's place in one step, so that no reader meets half of it. What is not changed
-/// stays as it was.
+/// A section of the station's configuration, changed as the station's other programs change it: an atomic
+/// rename puts the new document in place of the old one, so no reader sees half of it. Other content stays as
+/// it was.
 ///
-/// Errors are std::runtime_error, naming the file.
+/// Errors are std::runtime_error and name the file.
 class SectionFile {
  public:
   /// `<folder>/<section>.json`; need not exist.
@@ -20,8 +20,7 @@ class SectionFile {
   /// The document as it is now, an empty object when there is no file.
   Json::Value Load() const;
 
-  /// Loads, lets `edit` change the document and stores it if `edit` returns true. Two editors wait for each
-  /// other.
+  /// Loads the document, lets `edit` change it, and stores it if `edit` returns true. A second editor waits.
   void Edit(const std::function<bool(Json::Value&)>& edit) const;
 
  private:
@@ -42,7 +41,7 @@ class StationSettings {
 
  private:
   void Set(const char* key, bool value) const;
-  bool Get(const char* key) const;  ///< false, as the daemon takes it, when it is missing or no truth value
+  bool Get(const char* key) const;  ///< false when it is missing or not a boolean, as the daemon reads it
   SectionFile mFile;
 };
 

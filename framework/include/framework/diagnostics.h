@@ -1,11 +1,13 @@
 #pragma once
 
-#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "framework/rpc.h"
 #include "ipc/diagnostics.pb.h"
+
+class IDiagnosticsTransport;
 
 /// One entry of the catalogue of diagnostics signals.
 template <typename T>
@@ -24,45 +26,24 @@ extern const CSignalDefinition<std::string> kRfidLastTechnology;
 extern const CSignalDefinition<std::string> kUserInteraction;
 }  // namespace SignalCatalogue
 
-/// Where published values go.
-class IDiagnosticsTransport {
- public:
-  virtual ~IDiagnosticsTransport() = default;
-
-  /// Delivers values, in their order. Called on the publisher's thread, one call at a time. Returns false
-  /// when the peer cannot be reached now, so that the values have to come again.
-  virtual bool Deliver(const ipc::MSignals& signals) = 0;
-
-  /// Called once, before the first Deliver. From then on the transport calls `lost`, on any thread, whenever
-  /// it notices that the peer has gone after a delivery, so that everything has to come again. `lost` does
-  /// not block.
-  virtual void OnPeerLost(const std::function<void()>& /*lost*/) {}
-
-  /// Makes a Deliver in progress, and any later one, return soon. From another thread.
-  virtual void Cancel() {}
-};
-
-/// Sends the values of all signals to the diagnostics peer, from a thread of its own.
+/// Sends the values of all signals to the diagnostics peer, from a thread of its own ("diagnostics").
 ///
-/// Values go out in the order in which they were sent. Those that are sent within a moment (20 ms) leave
-/// together, after whatever they report on: a card costs one call, which does not compete with the card
-/// itself. While the peer cannot be reached, values are coalesced to the latest of each signal, and the
-/// latest of every signal is sent again when it comes back. While it is connected and nothing is sent,
-/// nothing runs.
+/// Values leave in the order in which they were sent. Those sent within 20 ms of the first leave together: a
+/// card costs one call, which goes out after the card was handled. While the peer is unreachable only the
+/// latest value of each signal is kept; when the peer is back, the latest of every signal is sent again.
 class CDiagnosticsCommClient {
  public:
-  /// Begins to deliver through the host's "Diagnostics" peer; without such a peer in the configuration file
-  /// values are kept and a line says so.
+  /// Starts to deliver to the host's "Diagnostics" peer. Without such a peer in the configuration file values
+  /// are only kept, and a warning says so.
   static void Initialize(AppCommunicationHost<GrpcBackend>& host);
   static void Initialize(std::shared_ptr<IDiagnosticsTransport> transport);
 
-  /// Stops delivering and joins the thread; values still waiting get one short chance. Signals may go on
-  /// sending.
+  /// Stops delivering and joins the thread; queued values get 300 ms to leave. Signals may go on sending.
   static void Terminate();
 };
 
-/// A published value. Sending never blocks and never throws, from any thread, before Initialize and after
-/// Terminate too.
+/// A published value. Sending never blocks and never throws, from any thread, also before Initialize and
+/// after Terminate.
 template <typename T>
 class CDiagnosticsSignal;
 
@@ -76,6 +57,9 @@ class CDiagnosticsSignal<std::string> {
   void Send(const std::string& value) noexcept;
 
  private:
-  class Impl;
-  std::shared_ptr<Impl> mImpl;
+  void SendNoThrow(const std::string* value) noexcept;
+
+  const CSignalDefinition<std::string>* const mDefinition;
+  std::mutex mMutex;
+  std::string mValue;  ///< guarded by mMutex
 };

@@ -9,11 +9,11 @@
 #include "ipc/log_config.pb.h"
 #include "ipc/rfid.pb.h"
 
-/// The RPC interfaces of the station, as a service implements them and as a client sees them.
+/// The RPC interfaces of the station: a service implements them, a client calls them.
 ///
-/// Threads: on the serving side the virtual operations are called on the RPC host's request threads, several
-/// at a time; they may block. An exception that leaves one is logged and answered with the RPC status
-/// INTERNAL. The Send* members are installed by the host when the service is added; calling one never blocks.
+/// Threads: the RPC host calls a service's virtual operations on its request threads, several at a time; they
+/// may block. An exception that leaves one is logged and answered with the RPC status INTERNAL. The host sets
+/// the Send* members when the service is added; they never block.
 
 /// A daemon as its supervisor sees it.
 class IGenericControl {
@@ -22,7 +22,7 @@ class IGenericControl {
   virtual ipc::MResult Enable() = 0;
   virtual ipc::MResult Disable() = 0;
 
-  std::function<void(ipc::MState)> SendState;  ///< the last one is kept and replayed to new subscribers
+  std::function<void(ipc::MState)> SendState;  ///< a new subscriber gets the last state at once
   std::function<void()> SendAlive;
 };
 
@@ -49,11 +49,9 @@ class ILogConfig {
 class IFeedback {
  public:
   virtual ~IFeedback() = default;
-  /// Blocks until the service has answered. Throws Rpc::CommunicationException when the call fails or times
-  /// out.
+  /// Blocks until the service answers. Throws Rpc::CommunicationException when the call fails or times out.
   virtual ipc::MResult TriggerFeedbackEvent(const ipc::MFbEventType& event) = 0;
 };
 
-/// Log text of an authorisation state: the enumeration's own name, "ERfidAuthState unknown" for any other
-/// value.
+/// Log text of an authorisation state: the name in the enumeration, or "ERfidAuthState unknown".
 const char* ERfidAuthStateToString(ipc::ERfidAuthState state);

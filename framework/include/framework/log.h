@@ -15,30 +15,30 @@ class ILogConfig;
 /// The daemon's log: every statement goes to the system log and, while console logging is enabled, to the
 /// console (standard error).
 ///
-/// Threads: every function may be called from any thread; only Init belongs before the other threads start.
-/// A statement does not wait for the logs: it formats its line and leaves it to the thread of each log
-/// ("log-system", "log-console"), in the same order for both. A log that takes nothing for long loses its
-/// oldest lines, and says how many where they are missing; the other log has them. What is waiting when the
-/// process is killed is lost. Critical statements, and the regular end of the process, wait until both logs
-/// are written, two seconds at most.
+/// Threads: any, except that Init must run before the other threads start. A statement formats its line and
+/// queues it for the thread of each log ("log-system", "log-console"), in the same order for both; it does
+/// not wait for the logs. When the queue of a log is full, its oldest lines are dropped, and a line in their
+/// place says how many; the other log is not affected. Queued lines are lost when the process is killed.
+/// Critical statements and the regular end of the process wait until both logs are written, two seconds at
+/// most.
 ///
 /// A statement below the level costs one atomic load and formats nothing. One statement writes one line:
-/// control characters in it are written as \xNN and over-long lines are cut, so that no text from outside
-/// forges log lines. Statements never throw.
+/// control characters are written as \xNN and long lines are cut, so that text from outside cannot forge log
+/// lines. Statements never throw.
 class Log {
  public:
   enum class ELogLevel { Trace = 0, Debug = 1, Info = 2, Warning = 3, Error = 4, Critical = 5 };
 
   /// Opens the two logs, once in a process; later calls only set the level. `name` identifies the process in
   /// the system log. Before Init nothing is written. The loggers are registered with spdlog as "syslog" and
-  /// "console", for whoever wants to add a sink before the first statement. Throws std::system_error when
-  /// there are no threads for them.
+  /// "console", so that a sink can be added before the first statement. Throws std::system_error when their
+  /// threads cannot be started.
   static void Init(std::string name, ELogLevel level);
 
-  /// Waits until everything stated before is in both logs; false when that takes longer than `limit`.
+  /// Waits until all earlier lines are in both logs. Returns false when that takes longer than `limit`.
   static bool Flush(std::chrono::milliseconds limit);
 
-  /// The next more verbose level; Trace is its own.
+  /// The next more verbose level; Trace stays Trace.
   static ELogLevel GetLowerLogLevel(ELogLevel level);
   static void SetLogLevel(ELogLevel level);
   static ELogLevel GetLogLevel() { return mLevel.load(std::memory_order_relaxed); }
@@ -99,8 +99,8 @@ class Log {
   static std::atomic<ELogLevel> mLevel;
 };
 
-/// Log statements with the writer's source position before the text, as the components write them:
-/// "(src/components/nfcnetlink.cpp:123) Polling started."
+/// Log statements that begin with their source position: "(src/components/nfcnetlink.cpp:123) Polling
+/// started."
 #define LOG_AT_LEVEL(level, ...)                            \
   do {                                                      \
     if (Log::IsEnabled(level)) {                            \

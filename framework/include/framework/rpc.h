@@ -20,7 +20,7 @@ class ILogger {
   virtual void Trace(const std::string& message) = 0;
 };
 
-/// A call to a peer failed: not reachable, timed out, refused. what() names the peer, the operation and the
+/// A call to a peer failed: unreachable, timed out or refused. what() names the peer, the operation and the
 /// reason.
 class CommunicationException : public std::runtime_error {
  public:
@@ -35,36 +35,35 @@ class ConfigurationException : public std::runtime_error {
 
 }  // namespace Rpc
 
-/// Handle on a service added to the host. The host keeps the service alive itself: this may be dropped at
-/// once.
+/// Handle on a service added to the host. It may be dropped at once: the host keeps the service alive.
 class IServer {
  public:
   virtual ~IServer() = default;
 };
 
-/// Handle on a client of a peer's service. The interface it gives out lives on by itself.
+/// Handle on a client of a peer's service. The interface may outlive it.
 template <typename Interface>
 class IClient {
  public:
   virtual ~IClient() = default;
-  /// How long a call waits for an absent peer to come into reach, and how long for its answer, in seconds.
-  /// A peer that is known to be absent fails a call at once. One that let a call wait in vain gets a quarter
-  /// of a second for each, connecting included, until it answers one.
+  /// How long a call waits for the connection, and how long for the answer. A call fails at once while the
+  /// peer is known to be absent. After a call that timed out, each call gets 250 ms, connecting included,
+  /// until the peer answers one.
   virtual void SetConnectTimeout(int seconds) = 0;
   virtual void SetCallTimeout(int seconds) = 0;
   virtual std::shared_ptr<Interface> GetInterface() = 0;
 };
 
-/// The RPC host on gRPC: serves this daemon's services on one address and reaches its peers.
+/// The RPC host on gRPC: serves this daemon's services on one address and connects to its peers.
 ///
 /// Life: construct, AddService for every service, StartServices, then RunServer and HandleClientNotifications
-/// each on a thread of its own, Stop from any other thread, join the two, destroy. The registered name of a
-/// service is the authority (the HTTP/2 ":authority") that a client asks for, so two services of one
+/// each on a thread of its own, Stop from any other thread, join the two, destroy. A client selects a service
+/// by its registered name, which it sends as the authority (HTTP/2 ":authority"). So two services of one
 /// interface may be offered under two names.
 class GrpcBackend {
  public:
-  /// Reads and validates the configuration file as a whole and takes no other resource.
-  /// Throws Rpc::ConfigurationException. Sets the place of the configuration sections (HubConfig).
+  /// Reads and validates the whole configuration file and sets the store of the configuration sections
+  /// (HubConfig). Throws Rpc::ConfigurationException.
   explicit GrpcBackend(const std::string& configPath);
   virtual ~GrpcBackend();
   GrpcBackend(const GrpcBackend&) = delete;
@@ -73,29 +72,32 @@ class GrpcBackend {
   /// Where the framework's log output goes. The logger is kept for the life of the process.
   static void SetLogger(std::shared_ptr<Rpc::ILogger> logger);
 
-  /// Takes the address and begins to accept requests. Throws Rpc::ConfigurationException when the address
-  /// cannot be had: in use by a living instance, not permitted, not loopback.
+  /// Where the peer with this name listens. Throws Rpc::ConfigurationException when the configuration file
+  /// does not say.
+  const std::string& PeerAddress(const std::string& name) const;
+
+  /// Listens and starts to accept requests. Throws Rpc::ConfigurationException when the address is in use by
+  /// a running instance or the system refuses it.
   void StartServices();
 
-  /// Blocks until Stop, then until the last request has been answered (a second at most).
+  /// Blocks until Stop has ended everything.
   void RunServer();
 
   /// Delivers notifications to subscribers; blocks until Stop.
   void HandleClientNotifications();
 
-  /// Ends everything: new requests are refused, waiting ones are answered UNAVAILABLE, streams end. Returns
-  /// within a second, also when a request's handler never returns. Callable once or more, from any thread.
+  /// Refuses new requests, answers waiting ones with UNAVAILABLE and ends the streams. Returns within a
+  /// second, even when a request's handler never returns. Any thread; later calls do nothing.
   void Stop();
 
  protected:
-  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<IGenericControl> service);
-  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<IRfid> service);
-  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<ILogConfig> service);
+  /// For IGenericControl, IRfid and ILogConfig.
+  template <typename Interface>
+  std::shared_ptr<IServer> Add(const std::string& name, std::shared_ptr<Interface> service);
   void Create(const std::string& name, std::shared_ptr<IClient<IFeedback>>& client);
 
  private:
-  friend class CDiagnosticsCommClient;
-  class Impl;
+  struct Impl;
   std::unique_ptr<Impl> mImpl;
 };
 
@@ -111,8 +113,8 @@ class AppCommunicationHost : public Backend {
     return this->Add(name, std::move(service));
   }
 
-  /// A client of the peer with this name. The peer need not be there, nor stay there.
-  /// Throws Rpc::ConfigurationException when the configuration file does not say where the peer listens.
+  /// A client of the peer with this name. The peer may come and go. Throws Rpc::ConfigurationException when
+  /// the configuration file does not say where the peer listens.
   template <typename Interface>
   std::shared_ptr<IClient<Interface>> CreateClient(const std::string& name) {
     std::shared_ptr<IClient<Interface>> client;

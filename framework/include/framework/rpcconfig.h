@@ -3,17 +3,17 @@
 #include <map>
 #include <string>
 
-/// What the RPC configuration file says, checked as a whole.
+/// The content of the RPC configuration file, validated.
 struct RpcConfig {
   std::string listen;                        ///< where this daemon serves: "unix:/path" or "host:port"
   std::map<std::string, std::string> peers;  ///< peer's registered name to its address, same forms
   std::string configuration;                 ///< folder of the configuration sections
 
-  /// Reads the file; strict JSON, unknown keys refused. Relative paths in it are relative to the file's root:
-  /// the folder above the "etc" folder that holds it, so that a root folder can be moved about. Throws
-  /// Rpc::ConfigurationException naming file, key (or line and column) and reason.
+  /// Reads the file: strict JSON; unknown keys are refused. Relative paths in it start at the root, the
+  /// folder above the "etc" folder that holds the file, so that a root folder can be moved. Throws
+  /// Rpc::ConfigurationException that names file, key (or line and column) and reason.
   static RpcConfig Load(const std::string& path);
 
-  /// The same for `text`, as if the file at `path` said it.
+  /// The same for `text` as the content of the file at `path`.
   static RpcConfig Parse(const std::string& text, const std::string& path);
 };

@@ -3,12 +3,17 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
 
-/// A scheduled periodic call. Cancel ends it: no call starts afterwards, one that is running goes on
-/// (CWorker::Sync waits for it). Cancel may come from any thread.
+/// A scheduled periodic call.
 class CWorkerCall {
  public:
   virtual ~CWorkerCall() = default;
+
+  /// Ends it: no call starts afterwards. One that is running goes on (CWorker::Sync waits for it). Any
+  /// thread.
   virtual void Cancel() = 0;
 };
 
@@ -17,7 +22,7 @@ class CWorkerCall {
 /// An exception that leaves a call is logged at error; the worker and the call's schedule live on.
 class CWorker {
  public:
-  CWorker();
+  explicit CWorker(std::string threadName = "worker");
   virtual ~CWorker();  ///< stops and joins
   CWorker(const CWorker&) = delete;
   CWorker& operator=(const CWorker&) = delete;
@@ -28,8 +33,8 @@ class CWorker {
   /// Ends the thread after the call in progress and joins it. Not from the worker's own thread.
   void Stop();
 
-  /// Calls `function` at `first` and then once per `period`, without drift; periods that were missed are
-  /// skipped. Any thread. The handle may be dropped: the schedule goes on.
+  /// Calls `function` at `first` and then once per `period`, without drift; missed periods are skipped. Any
+  /// thread. The handle may be dropped: the schedule goes on.
   std::shared_ptr<CWorkerCall> AddCall(const std::function<void()>& function,
                                        std::chrono::steady_clock::time_point first,
                                        std::chrono::nanoseconds period);
@@ -39,6 +44,10 @@ class CWorker {
   void Sync();
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> mImpl;
+  struct State;
+
+  const std::string mThreadName;
+  std::mutex mLifecycle;  ///< of Start and Stop
+  std::thread mThread;
+  const std::shared_ptr<State> mState;
 };

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <linux/nfc.h>
 
-#include "kernelbed/conversation.h"
+#include "tools/kernelbed/conversation.h"
 
 using namespace virtualnfc;
 
@@ -25,13 +25,15 @@ class Conformance : public testing::TestWithParam<Stack> {
   template <typename Talk>
   void Compare(const std::string& name, Talk talk) const {
     SCOPED_TRACE(name);
+    KernelIds ids;
     const auto hear = [&](std::unique_ptr<KernelBench> bench) {
       Conversation conversation(*bench);
+      ids = conversation.Ids();
       talk(conversation);
       return conversation.Heard();
     };
     const auto real = hear(MakeRealBench(GetParam()));
-    const auto simulated = hear(MakeSimulatedBench(GetParam()));
+    const auto simulated = hear(MakeSimulatedBench(GetParam(), ids));
     EXPECT_EQ(simulated.size(), real.size());
     for (size_t i = 0; i < std::min(real.size(), simulated.size()); ++i) {
       EXPECT_EQ(simulated[i], real[i]) << "the simulated kernel, then the real one";

@@ -1,5 +1,6 @@
-// The state machine's diagram: the nodes stand where layout.json puts them, the edges are the machine's own.
-import { layouts, machine } from '/machine.js';
+// The state machine's diagram: the nodes stand where layout.js puts them, the edges are the machine's own.
+import { layouts } from '/layout.js';
+import { machine } from '/machine.js';
 
 // Reactions that lead to another state.
 const edges = machine.transitions.map(({ from, to, event }) => [from, to, event]);

@@ -121,6 +121,10 @@ function showStatus() {
   find('daemon-text').textContent = snapshot.there ? 'daemon connected' : 'daemon gone';
   pill('daemon-pill', snapshot.there, !snapshot.there);
   find('state-text').textContent = snapshot.state || 'unknown';
+  const next = { Uninitialized: 'disable', Disabled: 'enable' }[snapshot.state];  // what leads to Enabled
+  for (const button of document.querySelectorAll('[aria-label=Supervisor] button')) {
+    button.classList.toggle('primary', button.dataset.do === next);
+  }
   const reader = snapshot.reader ?? {};
   find('reader-text').textContent = !reader.simulated ? 'no simulated reader'
     : !reader.there ? 'virtual-nfc is gone' : !reader.plugged ? 'reader unplugged'

@@ -1,0 +1,138 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "rpclogging.h"
+#include "serviceruntime.h"
+
+/// How long a subscriber that fell behind may take to read what is on its way and learn its status. Without
+/// this limit, one that does not read at all would keep its place for ever.
+constexpr std::chrono::seconds kSlowSubscriberTimeout{10};
+
+/// The stream of one subscriber. Keeps itself alive until gRPC is done with it.
+template <typename Message>
+class CNotificationStream final : public grpc::ServerWriteReactor<Message> {
+ public:
+  static grpc::ServerWriteReactor<Message>* Open(const ServiceRuntime& runtime,
+                                                 grpc::CallbackServerContext* context) {
+    auto stream = std::make_shared<CNotificationStream>(runtime, context);
+    const std::weak_ptr<CNotificationStream> weak = stream;
+    auto subscription = runtime.hub->Subscribe(runtime.topic, [weak] {
+      if (const auto locked = weak.lock()) {
+        const std::lock_guard<std::mutex> lock(locked->mMutex);
+        locked->Advance();
+      }
+    });
+    const std::lock_guard<std::mutex> lock(stream->mMutex);
+    stream->mSelf = stream;
+    stream->mSubscription = std::move(subscription);
+    stream->StartSendInitialMetadata();  // tells the client that it misses nothing from now on
+    stream->Advance();
+    return stream.get();
+  }
+
+  CNotificationStream(const ServiceRuntime& runtime, grpc::CallbackServerContext* context)
+      : mName(runtime.name), mHub(runtime.hub), mTopic(runtime.topic), mContext(context) {}
+
+  void OnWriteDone(bool ok) override {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mWriting = false;
+    if (!ok) {
+      mSubscription->End(CSubscription::EEnd::Left);
+    }
+    Advance();
+  }
+
+  void OnCancel() override {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mSubscription->End(CSubscription::EEnd::Left);
+    Advance();
+  }
+
+  void OnDone() override {
+    std::shared_ptr<CNotificationStream> self;  // outlives the lock
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mHub->Unsubscribe(mTopic, mSubscription);
+    self.swap(mSelf);
+  }
+
+ private:
+  // Starts the next write, or ends the stream when nothing is left to write. With mMutex held. One write at a
+  // time: the rest waits in the subscription, which is bounded.
+  void Advance() {
+    if (!mSubscription || mFinished) {
+      return;
+    }
+    if (mWriting) {
+      CutOffIfStuck();
+      return;
+    }
+    CSubscription::Next next = mSubscription->Take();
+    if (next.message) {
+      mWriting = true;
+      mCurrent = std::move(next.message);
+      this->StartWrite(static_cast<const Message*>(mCurrent.get()));
+    } else if (next.end != CSubscription::EEnd::No) {
+      mFinished = true;
+      this->Finish(EndStatus(next.end));
+    }
+  }
+
+  // Runs with every notification. gRPC's context is valid while a write is in progress.
+  void CutOffIfStuck() {
+    if (mSubscription->GetEnd() != CSubscription::EEnd::TooSlow) {
+      return;
+    }
+    NoteBehind();
+    if (!mIsCutOff && std::chrono::steady_clock::now() - *mBehindSince > kSlowSubscriberTimeout) {
+      mIsCutOff = true;
+      RpcLogging::Warning("A subscriber of " + mName + " does not read at all and was cut off");
+      mContext->TryCancel();
+    }
+  }
+
+  void NoteBehind() {
+    if (!mBehindSince) {
+      mBehindSince = std::chrono::steady_clock::now();
+      RpcLogging::Warning("A subscriber of " + mName + " fell behind and was disconnected");
+    }
+  }
+
+  grpc::Status EndStatus(CSubscription::EEnd end) {
+    switch (end) {
+      case CSubscription::EEnd::TooSlow:
+        NoteBehind();
+        return {grpc::StatusCode::RESOURCE_EXHAUSTED,
+                "the subscriber fell behind and has missed notifications"};
+      case CSubscription::EEnd::TooMany:
+        RpcLogging::Warning("A subscriber of " + mName + " was refused: there are too many");
+        return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many subscribers"};
+      case CSubscription::EEnd::Stopping:
+        return {grpc::StatusCode::UNAVAILABLE, "the daemon is stopping"};
+      case CSubscription::EEnd::No:
+      case CSubscription::EEnd::Left:
+        break;
+    }
+    return grpc::Status::CANCELLED;
+  }
+
+  const std::string mName;
+  const std::shared_ptr<CNotificationHub> mHub;
+  const std::size_t mTopic;
+  grpc::CallbackServerContext* const mContext;
+  std::mutex mMutex;  // guards the rest
+  std::shared_ptr<CNotificationStream> mSelf;
+  std::shared_ptr<CSubscription> mSubscription;
+  Notification mCurrent;
+  bool mWriting = false;
+  bool mFinished = false;
+  bool mIsCutOff = false;
+  std::optional<std::chrono::steady_clock::time_point> mBehindSince;
+};

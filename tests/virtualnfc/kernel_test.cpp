@@ -1,0 +1,86 @@
+// What the simulated kernel has beyond the real one's answers, which tests/kernel/conformance compares: its
+// settings and its faults, several devices, and how libnl sees it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/virtualnfc/nfcclient.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
+
+namespace {
+
+using nfctest::Message;
+using nfctest::NfcClient;
+using testing::SizeIs;
+using virtualnfc::Fault;
+using virtualnfc::InProcessVirtualNfc;
+using virtualnfc::VirtualNfcSettings;
+
+TEST(VirtualNfcFamily, IsListedToLibnlUnderTheNumbersOfThisKernel) {
+  for (const auto& [family, group] : {std::pair<std::uint16_t, std::uint32_t>{20, 3}, {31, 9}}) {
+    VirtualNfcSettings settings;
+    settings.kernel.familyId = family;
+    settings.kernel.groupId = group;
+    const InProcessVirtualNfc kernel(settings);
+    const NfcClient client;
+    EXPECT_EQ(genl_ctrl_resolve_grp(client.Get(), "nfc", "events"), static_cast<int>(group));
+    nl_cache* cache = nullptr;
+    ASSERT_EQ(genl_ctrl_alloc_cache(client.Get(), &cache), 0);
+    genl_family* listed = genl_ctrl_search_by_name(cache, "nfc");
+    ASSERT_NE(listed, nullptr);
+    EXPECT_EQ(genl_family_get_id(listed), family);
+    genl_family_put(listed);
+    nl_cache_free(cache);
+  }
+}
+
+TEST(VirtualNfcCommands, AreAnsweredAsMightBeAssumedWhereThatIsWanted) {
+  VirtualNfcSettings settings;
+  settings.kernel.assumeAlready = true;
+  const InProcessVirtualNfc kernel(settings);
+  const NfcClient a;
+  const NfcClient b;
+  EXPECT_EQ(a.Command(NFC_CMD_DEV_UP), 0);
+  EXPECT_EQ(a.Command(NFC_CMD_STOP_POLL), EALREADY);
+  EXPECT_EQ(a.Command(NFC_CMD_START_POLL), 0);
+  EXPECT_EQ(a.Command(NFC_CMD_START_POLL), EALREADY);
+  EXPECT_EQ(b.Command(NFC_CMD_STOP_POLL), EBUSY);
+  EXPECT_EQ(a.Command(NFC_CMD_STOP_POLL), 0);
+}
+
+TEST(VirtualNfcCommands, NeedThePrivilegeToChangeAnything) {
+  VirtualNfcSettings settings;
+  settings.kernel.privileged = false;
+  const InProcessVirtualNfc kernel(settings);
+  const NfcClient client;
+  for (const auto command : {NFC_CMD_DEV_UP, NFC_CMD_DEV_DOWN, NFC_CMD_START_POLL, NFC_CMD_STOP_POLL}) {
+    EXPECT_EQ(client.Command(command), EPERM);
+  }
+  EXPECT_EQ(client.Command(NFC_CMD_GET_DEVICE), 0);
+}
+
+TEST(VirtualNfcDevice, ThatComesIsListedBehindTheOthersInOneDatagram) {
+  InProcessVirtualNfc kernel;
+  kernel.Plug(3);
+  EXPECT_EQ(kernel.Plug(), 1U);
+  const NfcClient client;
+  const std::vector<Message> dump = client.Dump(NFC_CMD_GET_DEVICE);
+  ASSERT_THAT(dump, SizeIs(4));
+  for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(dump[i].Attributes()[7], "031"[i]);
+  client.Send(NFC_CMD_GET_DEVICE, {}, NLM_F_REQUEST | NLM_F_DUMP);
+  EXPECT_EQ(client.ReceiveDatagram().size(), 3U * (20 + 44));
+}
+
+TEST(VirtualNfcDevice, WithAnActiveTargetIsBusy) {
+  InProcessVirtualNfc kernel;
+  const NfcClient client;
+  ASSERT_EQ(client.Command(NFC_CMD_DEV_UP), 0);
+  kernel.SetFault(Fault::TargetActive);
+  EXPECT_EQ(client.Command(NFC_CMD_START_POLL), EBUSY);
+  EXPECT_EQ(client.Command(NFC_CMD_DEV_DOWN), EBUSY);
+  EXPECT_EQ(client.Dump(NFC_CMD_GET_DEVICE).at(0).Attributes()[40], 0) << "initiator";
+  kernel.SetFault(Fault::TargetActive, false);
+  EXPECT_EQ(client.Command(NFC_CMD_START_POLL), 0);
+}
+
+}  // namespace

@@ -1,0 +1,327 @@
+// Netlink sockets as a program meets them: ports, buffers, waiting, signals, closing.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "tests/virtualnfc/nfcclient.h"
+#include "tools/virtual-nfc/preload/inprocess.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using nfctest::Message;
+using nfctest::NfcClient;
+using testing::IsEmpty;
+using testing::SizeIs;
+using virtualnfc::Bytes;
+using virtualnfc::InProcessVirtualNfc;
+using virtualnfc::MakeTag;
+using virtualnfc::Stack;
+using virtualnfc::Status;
+using virtualnfc::TagKind;
+using virtualnfc::UniqueFd;
+using virtualnfc::VirtualNfcSettings;
+
+VirtualNfcSettings WithPromptRelease() {
+  VirtualNfcSettings settings;
+  settings.ownerReleaseDelay = 0ms;
+  return settings;
+}
+
+UniqueFd PlainSocket() {
+  return UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
+}
+
+int Bind(int fd, std::uint32_t port) {
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_pid = port;
+  return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ? 0 : errno;
+}
+
+std::uint32_t PortOf(int fd) {
+  sockaddr_nl address{};
+  socklen_t length = sizeof(address);
+  EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  EXPECT_EQ(length, sizeof(address));
+  EXPECT_EQ(address.nl_family, AF_NETLINK);
+  return address.nl_pid;
+}
+
+TEST(VirtualNfcSockets, AreRefusedWhenThereIsNoServer) {
+  const UniqueFd fd = PlainSocket();
+  EXPECT_FALSE(fd);
+  EXPECT_EQ(errno, EPROTONOSUPPORT);
+}
+
+TEST(VirtualNfcSockets, HaveAPortOfTheirOwn) {
+  const InProcessVirtualNfc kernel;
+  const UniqueFd first = PlainSocket();
+  UniqueFd second = PlainSocket();
+  const UniqueFd third = PlainSocket();
+  EXPECT_EQ(PortOf(first.Get()), 0U);
+  EXPECT_EQ(Bind(first.Get(), 0), 0);
+  EXPECT_EQ(PortOf(first.Get()), static_cast<std::uint32_t>(::getpid()));
+  EXPECT_EQ(Bind(second.Get(), PortOf(first.Get())), EADDRINUSE);
+  EXPECT_EQ(Bind(second.Get(), 0), 0);
+  EXPECT_GE(PortOf(second.Get()), 0x80000000U);
+  EXPECT_EQ(Bind(second.Get(), 4711), EINVAL);
+  // A port is free as soon as its socket is closed.
+  const std::uint32_t port = PortOf(second.Get());
+  second.Reset();
+  EXPECT_EQ(Bind(third.Get(), port), 0);
+}
+
+TEST(VirtualNfcSockets, ThatWereReplacedBehindOurBackAreLetGo) {
+  const InProcessVirtualNfc kernel;
+  const UniqueFd socket = PlainSocket();
+  const UniqueFd other(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::dup3(other.Get(), socket.Get(), O_CLOEXEC), socket.Get());
+  EXPECT_EQ(::send(socket.Get(), "", 0, 0), -1);
+  EXPECT_EQ(errno, ENOTSOCK);
+  EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return status.openSockets == 0; }));
+}
+
+TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {
+  const InProcessVirtualNfc kernel;
+  const NfcClient client;
+  EXPECT_EQ(nl_socket_add_membership(client.Get(), 77), -NLE_OBJ_NOTFOUND);
+  sockaddr_nl elsewhere{};
+  elsewhere.nl_family = AF_NETLINK;
+  elsewhere.nl_pid = 1;
+  EXPECT_EQ(::sendto(client.Fd(), "x", 1, 0, reinterpret_cast<sockaddr*>(&elsewhere), sizeof(elsewhere)), -1);
+  EXPECT_EQ(errno, ECONNREFUSED);
+  // What is shorter than a header is passed over in silence.
+  EXPECT_EQ(::send(client.Fd(), "x", 1, 0), 1);
+  EXPECT_THAT(client.Received(), IsEmpty());
+}
+
+// --- a receive buffer that is full ---
+
+TEST(VirtualNfcEvents, ThatDoNotFitAreLostAndTheReaderIsToldOnce) {
+  InProcessVirtualNfc kernel;
+  const NfcClient listener;
+  listener.JoinEvents();
+  Bytes event(64, 0);
+  event[0] = 64;
+  event[4] = nfctest::kFamily;
+  const auto send = [&](std::uint8_t number) {
+    event[20] = number;
+    kernel.SendRawEvent(event);
+  };
+  for (int i = 0; i < 5000; ++i) send(1);
+  send(2);
+  EXPECT_EQ(nl_recvmsgs_default(listener.Get()), -NLE_NOMEM);
+  const std::vector<Message> older = listener.Received();
+  EXPECT_GT(older.size(), 10U);
+  EXPECT_LT(older.size(), 5000U);
+  for (const Message& message : older) ASSERT_EQ(message.payload[4], 1);
+  send(3);
+  const std::vector<Message> later = listener.Received();
+  ASSERT_THAT(later, SizeIs(1));
+  EXPECT_EQ(later[0].payload[4], 3);
+}
+
+TEST(VirtualNfcEvents, EndForAReaderWhoseKernelGoes) {
+  auto kernel = std::make_unique<InProcessVirtualNfc>();
+  const NfcClient listener;
+  listener.JoinEvents();
+  auto reader = std::async(std::launch::async, [&] {
+    char byte = 0;
+    return ::recv(listener.Fd(), &byte, 1, 0) < 0 ? errno : 0;
+  });
+  kernel.reset();
+  EXPECT_EQ(reader.get(), ENOBUFS);
+  EXPECT_EQ(listener.Send(NFC_CMD_UNSPEC), -NLE_FAILURE);
+}
+
+// --- the owner of a poll goes ---
+
+TEST(VirtualNfcOwner, ThatClosesEndsItsPollALittleLater) {
+  for (const bool isLater : {false, true}) {
+    VirtualNfcSettings settings;
+    settings.ownerReleaseDelay = isLater ? 1ms : 1h;
+    const InProcessVirtualNfc kernel(settings);
+    NfcClient owner;
+    const NfcClient other;
+    ASSERT_TRUE(owner.Poll());
+    owner.Close();
+    if (isLater) {
+      ASSERT_TRUE(kernel.WaitFor([](const Status& status) { return !status.Device().polling; }));
+      EXPECT_EQ(other.Command(NFC_CMD_STOP_POLL), EINVAL);
+    }
+    EXPECT_EQ(other.Command(NFC_CMD_START_POLL), isLater ? 0 : EBUSY);
+  }
+}
+
+// --- a command that waits for its chip ---
+
+VirtualNfcSettings WithChip() {
+  VirtualNfcSettings settings = WithPromptRelease();
+  settings.kernel.stack = Stack::Nci;
+  settings.crossingWait = 1h;
+  settings.crossingPause = 1h;
+  return settings;
+}
+
+class VirtualNfcWaiting : public testing::Test {
+ protected:
+  explicit VirtualNfcWaiting(const VirtualNfcSettings& settings = WithChip()) : mKernel(settings) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGUSR1, &action, &mBefore);
+    mListener.JoinEvents();
+  }
+  ~VirtualNfcWaiting() override {
+    EndWait();
+    ::sigaction(SIGUSR1, &mBefore, nullptr);
+  }
+
+  /// Begins a command on a thread of its own; it waits for its chip when this returns.
+  void BeginWait(std::uint8_t command) {
+    const auto before = mKernel.GetStatus().Commands(command);
+    mThread = std::thread([this, command] { mError = mWaiter.Command(command); });
+    ASSERT_TRUE(mKernel.WaitFor([&](const Status& status) { return status.Commands(command) > before; }));
+  }
+
+  /// A signal reaches the waiting thread. @returns what the command was answered then
+  std::optional<int> EndWait() {
+    if (mThread.joinable()) {
+      ::pthread_kill(mThread.native_handle(), SIGUSR1);
+      mThread.join();
+    }
+    return mError;
+  }
+
+  static constexpr int kRestartSys = 512;
+
+  InProcessVirtualNfc mKernel;
+  const NfcClient mWaiter;
+  const NfcClient mOther;
+  const NfcClient mListener;
+
+ private:
+  struct sigaction mBefore {};
+  std::optional<int> mError;
+  std::thread mThread;
+};
+
+TEST_F(VirtualNfcWaiting, BlocksAllOtherCommandsButNoEvent) {
+  ASSERT_EQ(mOther.Command(NFC_CMD_DEV_UP), 0);
+  mKernel.AddRule("START_POLL delay=60000 times=1");
+  BeginWait(NFC_CMD_START_POLL);
+  auto blocked = std::async(std::launch::async, [this] { return mOther.Command(NFC_CMD_UNSPEC); });
+  ASSERT_TRUE(mKernel.WaitFor([](const Status& status) { return status.queued == 1; }));
+  mKernel.Plug(1);
+  EXPECT_TRUE(mListener.WaitReadable());
+  EXPECT_EQ(mListener.Received().at(0).Command(), NFC_EVENT_DEVICE_ADDED);
+  EXPECT_EQ(mKernel.GetStatus().Commands(NFC_CMD_UNSPEC), 0U);
+  EndWait();
+  EXPECT_EQ(blocked.get(), EOPNOTSUPP);
+}
+
+TEST_F(VirtualNfcWaiting, ToPowerUpIsEndedByASignalAndToStopAPollSucceeds) {
+  mKernel.AddRule("DEV_UP delay=60000 times=1");
+  BeginWait(NFC_CMD_DEV_UP);
+  EXPECT_EQ(EndWait(), kRestartSys);
+  ASSERT_TRUE(mWaiter.Poll());
+  mKernel.AddRule("STOP_POLL delay=60000 times=1");
+  BeginWait(NFC_CMD_STOP_POLL);
+  EXPECT_EQ(EndWait(), 0);
+  EXPECT_FALSE(mKernel.GetStatus().Device().polling);
+}
+
+TEST_F(VirtualNfcWaiting, ForTheLockThatAFindAfterStopPollHoldsHangsEverybodyForGood) {
+  ASSERT_TRUE(mWaiter.Poll());
+  mKernel.AddRule("STOP_POLL cross times=1");
+  BeginWait(NFC_CMD_STOP_POLL);
+  EXPECT_EQ(EndWait(), 0);
+  BeginWait(NFC_CMD_DEV_DOWN);
+  auto other = std::async(std::launch::async, [this] { return mOther.Command(NFC_CMD_GET_DEVICE); });
+  EXPECT_TRUE(mKernel.WaitFor([](const Status& status) { return status.hung && status.queued == 1; }));
+  mKernel.Stop();
+  EXPECT_EQ(EndWait(), std::nullopt);
+  EXPECT_EQ(other.get(), std::nullopt);
+}
+
+class VirtualNfcDigital : public VirtualNfcWaiting {
+ protected:
+  VirtualNfcDigital() : VirtualNfcWaiting(WithPromptRelease()) {}
+};
+
+TEST_F(VirtualNfcDigital, TakesNoSignalAndStopsAPollAtOnceWhateverItMeets) {
+  ASSERT_TRUE(mWaiter.Poll());
+  mKernel.AddRule("STOP_POLL cross delay=300 times=1");
+  BeginWait(NFC_CMD_STOP_POLL);
+  EXPECT_EQ(EndWait(), 0);
+  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_DOWN), 0);
+  mKernel.AddRule("DEV_UP delay=300 times=1");
+  BeginWait(NFC_CMD_DEV_UP);
+  EXPECT_EQ(EndWait(), 0);
+}
+
+TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceGoesMeanwhile) {
+  // Each try waits longer than the one before, for a machine that stalls so that the device goes too late.
+  std::optional<int> error;
+  for (std::uint32_t device = 0, delay = 300; device < 3 && error != ETIMEDOUT; ++device, delay *= 10) {
+    if (device > 0) mKernel.Plug(device);
+    ASSERT_EQ(mWaiter.Command(NFC_CMD_DEV_UP, device), 0);
+    mKernel.AddRule("START_POLL times=1 delay=" + std::to_string(delay));
+    auto waiting =
+        std::async(std::launch::async, [&] { return mWaiter.Command(NFC_CMD_START_POLL, device); });
+    mKernel.WaitFor([](const Status& status) { return status.commandWaits; });
+    mKernel.Unplug(device);
+    error = waiting.get();
+  }
+  EXPECT_TRUE(mListener.WaitReadable());
+  EXPECT_EQ(error, ETIMEDOUT);
+}
+
+TEST_F(VirtualNfcWaiting, FailsWhenTheKernelGoes) {
+  auto kernel = std::make_unique<InProcessVirtualNfc>();
+  kernel->AddRule("DEV_UP delay=60000");
+  const NfcClient client;
+  auto waiting = std::async(std::launch::async, [&] {
+    return client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}});
+  });
+  ASSERT_TRUE(kernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+  kernel.reset();
+  EXPECT_EQ(waiting.get(), -NLE_FAILURE);
+}
+
+TEST(VirtualNfcThreads, MayUseManySocketsAtOnce) {
+  InProcessVirtualNfc kernel(WithPromptRelease());
+  std::vector<std::future<int>> programs;
+  programs.reserve(4);
+  for (int i = 0; i < 4; ++i) {
+    programs.push_back(std::async(std::launch::async, [] {
+      int resolved = 0;
+      for (int round = 0; round < 40; ++round) {
+        const NfcClient client;
+        resolved += genl_ctrl_resolve(client.Get(), "nfc") == nfctest::kFamily ? 1 : 0;
+        client.JoinEvents();
+        client.Poll();
+        client.Received();
+      }
+      return resolved;
+    }));
+  }
+  for (int i = 0; i < 40; ++i) {
+    kernel.PresentTag(MakeTag(TagKind::Mifare, "04A12B5C"));
+    kernel.RemoveTags();
+    kernel.OverrunEvents();
+  }
+  for (auto& program : programs) EXPECT_EQ(program.get(), 40);
+  EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return status.openSockets == 0; }));
+}
+
+}  // namespace

@@ -1,0 +1,157 @@
+// rfid-demo: a day of a station with the real daemon, in front of an audience.
+
+#include <fmt/format.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "tools/common/commandline.h"
+#include "tools/common/tail.h"
+#include "tools/demo/story.h"
+#include "tools/virtual-nfc/server/controlserver.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kFailureStatus = 1;
+constexpr int kInterruptedStatus = 130;
+
+fs::path MakeRoot(const fs::path& wanted) {
+  if (wanted.empty()) {
+    return NewFolder("rfid-demo");
+  }
+  fs::create_directories(wanted);
+  if (!fs::is_empty(wanted)) {
+    throw std::runtime_error(wanted.string() + " is not an empty folder");
+  }
+  return fs::absolute(wanted).lexically_normal();
+}
+
+/// The word as the shell reads it again.
+std::string Quoted(std::string word) {
+  constexpr const char* kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+./:=@,";
+  if (word.find_first_not_of(kPlain) == std::string::npos) {
+    return word;
+  }
+  for (size_t at = 0; (at = word.find('\'', at)) != std::string::npos; at += 4) {
+    word.replace(at, 1, "'\\''");
+  }
+  return "'" + word + "'";
+}
+
+void PrintWhatToTry(Narrator& narrator, const Station& station, const std::string& programs,
+                    const std::string& page) {
+  const auto root = Quoted(station.Folder());
+  const auto ctl = Quoted(programs + "/rfidctl") + " --root " + root;
+  const auto nfc = Quoted(programs + "/virtual-nfc") + " --socket " + Quoted(station.Path("nfc.sock"));
+  const auto settings = Quoted(programs + "/virtual-station") + " --root " + root;
+  narrator.Title("The daemon reads cards. To try, in another terminal:");
+  narrator.Say(fmt::format(R"(
+See and drive it from a browser on this machine:
+  {page}
+Show what it notifies, and its log:
+  {ctl} watch
+  tail -f {log}
+
+Hold a card to the reader for a moment: one that is in the list, then one that is not:
+  {nfc} tap 04A12B5C --hold 0.3
+  sleep 1
+  {nfc} tap E007060504030201 --tech iso15693 --hold 0.3
+
+Simulate a card without the reader, learn cards, change state, see the diagnostics:
+  {ctl} inject 04A1B2C3
+  {ctl} learning on
+  {ctl} disable
+  {ctl} enable
+  {ctl} signals
+
+Permit a card, let the backend authorise, charge without authorisation:
+  {settings} card add 11223344
+  {settings} ocpp on
+  {settings} free-charging on
+
+Let the reader fail after the next card; pull it out:
+  {nfc} rule add START_POLL nth=1 errno=EPROTO
+  {nfc} unplug
+
+Ctrl-C ends it all.)",
+                           fmt::arg("page", page), fmt::arg("ctl", ctl), fmt::arg("nfc", nfc),
+                           fmt::arg("settings", settings), fmt::arg("log", Quoted(station.Path("log")))));
+}
+
+/// Leaves the station running, with the bench instead of the story's own peers, until a signal comes.
+void Stay(Station& station, Narrator& narrator, const StopSignals& signals) {
+  const std::string programs = fs::read_symlink("/proc/self/exe").parent_path();
+  const virtualnfc::ControlServer control(station.Kernel());
+  station.StopPeers();
+  const Process bench({"/usr/bin/setsid", programs + "/virtual-station", "--root", station.Folder(), "bench",
+                       "--nfc", station.Path("nfc.sock"), "--log", station.Path("log")},
+                      {}, station.Path("bench.url"), station.Path("bench.log"));
+  const auto page = [&] { return ReadFile(station.Path("bench.url")); };
+  if (!Eventually([&] { return page().ends_with('\n') || signals.HaveCome(); })) {
+    throw Failure("the bench does not start: " + ReadFile(station.Path("bench.log")));
+  }
+  PlayStart(station, narrator, signals);
+  PrintWhatToTry(narrator, station, programs, page());
+  while (!signals.HaveCome(std::chrono::seconds(1))) {
+    station.Control().Clear();
+    if (const auto end = station.DaemonsEnd()) {
+      throw Failure("the daemon has ended with " + *end);
+    }
+  }
+  station.Daemon().Signal(SIGINT);
+  narrator.Say("\nThe daemon ended with " + station.EndDaemon());
+}
+
+int Run(const fs::path& root, bool stays) {
+  const StopSignals signals;
+  Narrator narrator;
+  // A session of its own keeps the terminal's Ctrl-C from the daemon: this program ends it.
+  Station station(MakeRoot(root), {}, {"/usr/bin/setsid"});
+  station.KeepFolder();
+  station.WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");
+  narrator.Say("The station is in " + station.Folder().string());
+  try {
+    if (stays) {
+      Stay(station, narrator, signals);
+    } else {
+      PlayDay(station, narrator, signals);
+      narrator.AllHeld();
+    }
+    narrator.Say("The daemon's log: " + station.Path("log"));
+    return 0;
+  } catch (const Interrupted&) {
+    return kInterruptedStatus;
+  } catch (const Failure& failure) {
+    narrator.Failed(failure.what());
+    narrator.Say(fmt::format("\nThe last lines of the log:{}\nThe whole log: {}", Tail(station.Log()),
+                             station.Path("log")));
+    return kFailureStatus;
+  }
+}
+
+int RunCommandLine(int argc, char** argv) {
+  bool stays = false;
+  fs::path root;
+  CLI::App app("Shows the daemon's main job with a simulated reader, and checks every step.", "rfid-demo");
+  SetUpTool(app);
+  app.add_flag("--stay", stays, "Stop at a daemon that reads cards, print what to try, and run until Ctrl-C");
+  app.add_option("--root", root, "The folder, new or empty. Default: a new one for temporary files");
+  app.footer("Exit status: 0 every check held, 1 one did not, 2 the command line cannot be understood.");
+  if (const auto status = ParseCommandLine(app, argc, argv)) {
+    return *status;
+  }
+  return Run(root, stays);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return RunCommandLine(argc, argv);
+  } catch (const std::exception& e) {
+    PrintError("demo", e.what());
+    return kFailureStatus;
+  }
+}

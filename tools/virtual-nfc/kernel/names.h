@@ -1,0 +1,63 @@
+#pragma once
+
+// The one table of names: commands, events, attributes, flags and errors. Rules, the control socket and
+// traces use these names, and the simulated kernel lists its commands from here.
+
+#include <linux/genetlink.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace virtualnfc {
+
+enum class Family { Nfc, Controller, Unknown };
+
+/// A command or an event of a family.
+struct Command {
+  const char* name;
+  std::uint8_t number;
+  /// Who may use it and how: GENL_ADMIN_PERM and GENL_CMD_CAP_*. 0 for what only the kernel sends.
+  std::uint32_t flags = 0;
+
+  bool IsOperation() const { return flags != 0; }
+};
+
+/// In the order in which the kernel lists them.
+std::span<const Command> Commands(Family family);
+/// Null when the family has no such command or event.
+const Command* FindCommand(Family family, std::uint8_t number);
+/// "START_POLL", or the number when it has no name.
+std::string CommandName(Family family, std::uint8_t number);
+
+/// Which attributes may stand side by side.
+enum class Scope { Nfc, Controller, OperationList, Operation, GroupList, Group, Unknown };
+
+enum class ValueKind { Hex, U8, U16, U32, String, Protocols, OperationFlags, Nested };
+
+struct Attribute {
+  Scope scope;
+  std::uint16_t type;
+  /// Null for any entry of a list.
+  const char* name;
+  ValueKind kind = ValueKind::Hex;
+  /// Nested: what the value consists of.
+  Scope inner = Scope::Unknown;
+};
+
+/// Null for an unknown attribute. @param type without the flag bits
+const Attribute* FindAttribute(Scope scope, std::uint16_t type);
+
+/// "REQUEST|ACK|0x1000"; "0" when no bit is set.
+std::string MessageFlagNames(std::uint32_t bits, bool isError);
+std::string ProtocolNames(std::uint32_t bits);
+std::string OperationFlagNames(std::uint32_t bits);
+
+/// "EBUSY" for 16, or the number. @param error positive
+std::string ErrorName(int error);
+/// The error with this name, positive.
+std::optional<int> FindError(std::string_view name);
+
+}  // namespace virtualnfc

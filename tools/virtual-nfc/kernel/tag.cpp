@@ -1,0 +1,197 @@
+#include "tools/virtual-nfc/kernel/tag.h"
+
+#include <fmt/format.h>
+#include <linux/nfc.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace virtualnfc {
+
+namespace {
+
+struct KindInfo {
+  const char* name;
+  TagKind kind;
+  Radio radio;
+  std::uint32_t protocols;
+  std::uint8_t selRes;
+};
+
+constexpr KindInfo kKinds[] = {
+    {"mifare", TagKind::Mifare, Radio::A, NFC_PROTO_MIFARE_MASK, 0x00},
+    {"felica", TagKind::Felica, Radio::F, NFC_PROTO_FELICA_MASK, 0x00},
+    {"iso14443a", TagKind::Iso14443A, Radio::A, NFC_PROTO_ISO14443_MASK, 0x20},
+    {"nfc-dep", TagKind::NfcDep, Radio::A, NFC_PROTO_NFC_DEP_MASK, 0x40},
+    {"iso14443b", TagKind::Iso14443B, Radio::B, NFC_PROTO_ISO14443_B_MASK, 0x00},
+    {"iso15693", TagKind::Iso15693, Radio::V, NFC_PROTO_ISO15693_MASK, 0x00},
+    {"foreign", TagKind::Foreign, Radio::A, 0, 0x08},
+};
+
+const KindInfo& InfoOf(TagKind kind) {
+  return *std::find_if(std::begin(kKinds), std::end(kKinds),
+                       [kind](const KindInfo& info) { return info.kind == kind; });
+}
+
+template <typename Value>
+Bytes NumberBytes(Value value) {
+  const auto* begin = reinterpret_cast<const std::uint8_t*>(&value);
+  return Bytes(begin, begin + sizeof(value));
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  if (c >= 'a' && c <= 'f') {
+    return c - 'a' + 10;
+  }
+  if (c >= 'A' && c <= 'F') {
+    return c - 'A' + 10;
+  }
+  return -1;
+}
+
+void RequireLength(const KindInfo& info, const Bytes& uid, std::initializer_list<std::size_t> allowed) {
+  if (std::find(allowed.begin(), allowed.end(), uid.size()) != allowed.end()) {
+    return;
+  }
+  std::string lengths;
+  for (const std::size_t length : allowed) {
+    lengths += (lengths.empty() ? "" : ", ") + std::to_string(length);
+  }
+  throw std::invalid_argument(
+      fmt::format("a tag of kind {} has a UID of {} bytes, not of {}", info.name, lengths, uid.size()));
+}
+
+/// The bytes, filled up with what such tags commonly answer after their number.
+Bytes Completed(Bytes number, std::initializer_list<std::uint8_t> rest) {
+  number.insert(number.end(), rest);
+  return number;
+}
+
+}  // namespace
+
+Bytes ParseHex(std::string_view text) {
+  Bytes bytes;
+  int high = -1;
+  for (const char c : text) {
+    if (c == ':' && high < 0) {
+      continue;
+    }
+    const int digit = HexDigit(c);
+    if (digit < 0) {
+      throw std::invalid_argument(fmt::format("'{}' is not hexadecimal", text));
+    }
+    if (high < 0) {
+      high = digit;
+    } else {
+      bytes.push_back(static_cast<std::uint8_t>(high * 16 + digit));
+      high = -1;
+    }
+  }
+  if (high >= 0) {
+    throw std::invalid_argument(fmt::format("'{}' ends in half a byte", text));
+  }
+  return bytes;
+}
+
+Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
+  const KindInfo& info = InfoOf(kind);
+  Bytes bytes = ParseHex(uid);
+  Tag tag{std::string(uid), info.radio, info.protocols, {}, fmt::format("{} {}", info.name, uid)};
+  const bool isA = info.radio == Radio::A;
+  // Its upper bits tell the length of the number.
+  const std::uint16_t sensRes = !isA                 ? 0x0000
+                                : bytes.size() == 7  ? 0x0044
+                                : bytes.size() == 10 ? 0x0084
+                                                     : 0x0004;
+  tag.attributes = {{NFC_ATTR_PROTOCOLS, NumberBytes(info.protocols)},
+                    {NFC_ATTR_TARGET_SENS_RES, NumberBytes(sensRes)},
+                    {NFC_ATTR_TARGET_SEL_RES, NumberBytes(info.selRes)}};
+  switch (info.radio) {
+    case Radio::A:
+      RequireLength(info, bytes, {0, 4, 7, 10});
+      if (!bytes.empty()) {
+        tag.attributes.emplace_back(NFC_ATTR_TARGET_NFCID1, std::move(bytes));
+      }
+      break;
+    case Radio::B:
+      RequireLength(info, bytes, {4, 11});
+      if (bytes.size() == 4) {
+        bytes = Completed(std::move(bytes), {0x00, 0x00, 0x00, 0x00, 0x80, 0x80, 0x71});
+      }
+      if (stack == Stack::Nci) {
+        tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSB_RES, std::move(bytes));
+      }
+      break;
+    case Radio::F:
+      RequireLength(info, bytes, {8, std::size_t{stack == Stack::Nci ? 16U : 17U}, 18});
+      if (bytes.size() == 8) {
+        bytes = Completed(std::move(bytes), {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4E, 0xFF});
+        if (stack == Stack::Nci) {
+          bytes = Completed(std::move(bytes), {0x12, 0xFC});
+        } else {
+          bytes.insert(bytes.begin(), 0x01);
+        }
+      }
+      tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSF_RES, std::move(bytes));
+      break;
+    case Radio::V:
+      RequireLength(info, bytes, {8});
+      // Over the air, and so from the kernel, the printed number comes last byte first.
+      std::reverse(bytes.begin(), bytes.end());
+      tag.attributes.emplace_back(NFC_ATTR_TARGET_ISO15693_DSFID, Bytes{0x00});
+      tag.attributes.emplace_back(NFC_ATTR_TARGET_ISO15693_UID, std::move(bytes));
+      break;
+  }
+  return tag;
+}
+
+Tag MakeRawTag(std::uint32_t protocols, std::vector<std::pair<std::uint16_t, Bytes>> attributes,
+               Radio radio) {
+  return Tag{"raw", radio, protocols, std::move(attributes)};
+}
+
+const std::vector<std::string>& TagKindNames() {
+  static const std::vector<std::string> names = [] {
+    std::vector<std::string> all;
+    for (const KindInfo& info : kKinds) {
+      all.emplace_back(info.name);
+    }
+    return all;
+  }();
+  return names;
+}
+
+TagKind ParseTagKind(std::string_view name) {
+  for (const KindInfo& info : kKinds) {
+    if (name == info.name) {
+      return info.kind;
+    }
+  }
+  throw std::invalid_argument(
+      fmt::format("unknown kind of tag '{}'; known are {}", name, fmt::join(TagKindNames(), ", ")));
+}
+
+bool IsPolled(std::uint32_t protocolMask, Radio radio) {
+  std::uint32_t wanted = 0;
+  switch (radio) {
+    case Radio::A:
+      wanted =
+          NFC_PROTO_JEWEL_MASK | NFC_PROTO_MIFARE_MASK | NFC_PROTO_ISO14443_MASK | NFC_PROTO_NFC_DEP_MASK;
+      break;
+    case Radio::B:
+      wanted = NFC_PROTO_ISO14443_B_MASK;
+      break;
+    case Radio::F:
+      wanted = NFC_PROTO_FELICA_MASK | NFC_PROTO_NFC_DEP_MASK;
+      break;
+    case Radio::V:
+      wanted = NFC_PROTO_ISO15693_MASK;
+      break;
+  }
+  return (protocolMask & wanted) != 0;
+}
+
+}  // namespace virtualnfc

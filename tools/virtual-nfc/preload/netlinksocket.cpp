@@ -1,0 +1,174 @@
+#include "tools/virtual-nfc/preload/netlinksocket.h"
+
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "tools/virtual-nfc/preload/realcalls.h"
+#include "tools/virtual-nfc/server/unixsocket.h"
+
+namespace virtualnfc {
+
+namespace {
+
+/// No signal reaches the thread while this lives.
+class SignalsHeld {
+ public:
+  SignalsHeld() {
+    sigset_t all;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &mBefore);
+  }
+  ~SignalsHeld() { ::pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+  const sigset_t& Before() const { return mBefore; }
+
+ private:
+  sigset_t mBefore{};
+};
+
+}  // namespace
+
+int Fail(int error) {
+  errno = error;
+  return -1;
+}
+
+sockaddr_nl MakeNetlinkAddress(std::uint32_t port, std::uint32_t groups) {
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  address.nl_pid = port;
+  address.nl_groups = groups;
+  return address;
+}
+
+void CopyNetlinkAddress(const sockaddr_nl& address, void* to, socklen_t& length) {
+  std::memcpy(to, &address, std::min<std::size_t>(length, sizeof(address)));
+  length = sizeof(address);
+}
+
+std::shared_ptr<NetlinkSocket> NetlinkSocket::Connect(const std::string& address, UniqueFd& data) {
+  UniqueFd control = ConnectUnix(address, SOCK_SEQPACKET);
+  UniqueFd memory;
+  const wire::OperationHeader open{wire::Operation::Open, 0, 0};
+  if (!control || Real().send(control.Get(), &open, sizeof(open), MSG_NOSIGNAL) < 0 ||
+      !wire::ReceiveOpened(control.Get(), data, memory)) {
+    return nullptr;
+  }
+  struct stat info {};
+  if (::fstat(data.Get(), &info) != 0) {
+    return nullptr;
+  }
+  wire::MappedPage page = wire::MapPage(memory);
+  return page == nullptr
+             ? nullptr
+             : std::shared_ptr<NetlinkSocket>(new NetlinkSocket(std::move(control), std::move(page), info));
+}
+
+NetlinkSocket::NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data)
+    : mControl(std::move(control)), mPage(std::move(page)), mInode(data.st_ino), mDevice(data.st_dev) {}
+
+bool NetlinkSocket::IsAt(int fd) const {
+  struct stat info {};
+  return ::fstat(fd, &info) == 0 && info.st_ino == mInode && info.st_dev == mDevice;
+}
+
+int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t first, std::uint32_t second,
+                       const iovec* parts, std::size_t count) {
+  const std::lock_guard lock(mExchange);
+  if (mPage->closed != 0) {
+    return Fail(EBADF);
+  }
+  wire::OperationHeader header{operation, first, second};
+  std::vector<iovec> all{{&header, sizeof(header)}};
+  all.insert(all.end(), parts, parts + count);
+  msghdr message{};
+  message.msg_iov = all.data();
+  message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(all.size());
+  wire::Reply reply{};
+  bool isAnswered = false;
+  {
+    // A signal that comes between sending and waiting must end the wait as well.
+    const SignalsHeld signals;
+    isAnswered =
+        Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, signals.Before());
+  }
+  if (isAnswered) {
+    mPort = reply.port;
+  }
+  const int error = isAnswered ? reply.error : ECONNREFUSED;
+  return error == 0 ? 0 : Fail(error);
+}
+
+/// Waits as a command waits in the kernel: without a timeout. The server learns of each signal.
+bool NetlinkSocket::AwaitReply(wire::Reply& reply, const sigset_t& signals) const {
+  for (;;) {
+    pollfd waiting{mControl.Get(), POLLIN, 0};
+    if (::ppoll(&waiting, 1, nullptr, &signals) < 0) {
+      if (errno != EINTR) {
+        return false;
+      }
+      const wire::OperationHeader interrupt{wire::Operation::Interrupt, 0, 0};
+      (void)Real().send(mControl.Get(), &interrupt, sizeof(interrupt), MSG_NOSIGNAL);
+      continue;
+    }
+    const ssize_t length = Real().recv(mControl.Get(), &reply, sizeof(reply), MSG_DONTWAIT);
+    if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
+      continue;
+    }
+    return length == sizeof(reply);
+  }
+}
+
+ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
+  for (;;) {
+    if (const std::uint32_t overruns = mPage->overruns.load(); mSeenOverruns.exchange(overruns) != overruns) {
+      return Fail(ENOBUFS);
+    }
+    if (mPage->closed != 0) {
+      return Fail(EBADF);
+    }
+    wire::DatagramHeader header{};
+    std::vector<iovec> parts{{&header, sizeof(header)}};
+    parts.insert(parts.end(), message.msg_iov, message.msg_iov + message.msg_iovlen);
+    msghdr whole{};
+    whole.msg_iov = parts.data();
+    whole.msg_iovlen = static_cast<decltype(whole.msg_iovlen)>(parts.size());
+    const ssize_t length = Real().recvmsg(fd, &whole, flags);
+    if (length < 0) {
+      return -1;
+    }
+    if (length < static_cast<ssize_t>(sizeof(header))) {
+      // This datagram only wakes the reader.
+      if ((flags & MSG_PEEK) != 0) {
+        (void)Real().recv(fd, nullptr, 0, MSG_DONTWAIT);
+      }
+      continue;
+    }
+    if (message.msg_name != nullptr) {
+      CopyNetlinkAddress(MakeNetlinkAddress(header.sender, header.groups), message.msg_name,
+                         message.msg_namelen);
+    }
+    message.msg_controllen = 0;
+    message.msg_flags = whole.msg_flags;
+    return length - static_cast<ssize_t>(sizeof(header));
+  }
+}
+
+void NetlinkSocket::SetMembership(std::uint32_t group, bool isMember) {
+  const std::uint32_t bit = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
+  if (isMember) {
+    mGroups |= bit;
+  } else {
+    mGroups &= ~bit;
+  }
+}
+
+}  // namespace virtualnfc

@@ -1,0 +1,72 @@
+#pragma once
+
+// The program's side of one netlink socket: what its descriptor stands for.
+
+#include <linux/netlink.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "tools/virtual-nfc/server/uniquefd.h"
+#include "tools/virtual-nfc/server/wire.h"
+
+namespace virtualnfc {
+
+/// Sets errno. @returns -1
+int Fail(int error);
+
+sockaddr_nl MakeNetlinkAddress(std::uint32_t port, std::uint32_t groups);
+
+/// Copies as much as fits, and sets the length to the whole size.
+void CopyNetlinkAddress(const sockaddr_nl& address, void* to, socklen_t& length);
+
+/// Any thread may call anything at any time; errors are returned in errno as the socket calls do.
+class NetlinkSocket {
+ public:
+  /// @param data receives the descriptor for the program
+  /// @returns null with errno set when the server cannot be reached
+  static std::shared_ptr<NetlinkSocket> Connect(const std::string& address, UniqueFd& data);
+
+  /// Whether the descriptor still belongs to this socket. A program can close it by other means and get the
+  /// number for something else.
+  bool IsAt(int fd) const;
+
+  /// Asks the server and waits for its reply, without a timeout, as a command in the kernel does.
+  /// @param parts what follows the header
+  /// @returns 0, or -1 with errno
+  int Ask(wire::Operation operation, std::uint32_t first, std::uint32_t second, const iovec* parts = nullptr,
+          std::size_t count = 0);
+
+  /// As recvmsg; blocks if the descriptor is blocking.
+  ssize_t Receive(int fd, msghdr& message, int flags);
+
+  std::uint32_t Port() const { return mPort; }
+  void SetMembership(std::uint32_t group, bool isMember);
+  /// The groups up to 32, one bit for each.
+  std::uint32_t GroupMask() const { return mGroups; }
+
+ private:
+  NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data);
+
+  bool AwaitReply(wire::Reply& reply, const sigset_t& signals) const;
+
+  const UniqueFd mControl;
+  const wire::MappedPage mPage;
+  const ino_t mInode;
+  const dev_t mDevice;
+  std::atomic<std::uint32_t> mSeenOverruns{0};
+  std::atomic<std::uint32_t> mPort{0};
+  /// One exchange at a time.
+  std::mutex mExchange;
+  std::atomic<std::uint32_t> mGroups{0};
+};
+
+}  // namespace virtualnfc

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tools/virtual-nfc/server/unixsocket.h"
+#include "tools/virtual-nfc/server/virtualnfc.h"
+#include "tools/virtual-nfc/trace/recorder.h"
+
+namespace virtualnfc {
+
+/// Takes control lines for a server from other processes: one line for each connection, which ends with the
+/// reply, or goes on for as long as something is to be recorded. A program that does not read never holds it
+/// up. Works from construction to destruction on a thread of its own; the server must outlive it.
+class ControlServer {
+ public:
+  /// @throws std::runtime_error when it cannot listen
+  explicit ControlServer(VirtualNfc& server);
+  ~ControlServer();
+  ControlServer(const ControlServer&) = delete;
+  ControlServer& operator=(const ControlServer&) = delete;
+
+ private:
+  struct Connection {
+    UniqueFd fd;
+    std::string line;
+    std::chrono::steady_clock::time_point giveUp;
+    /// Null unless it records.
+    std::unique_ptr<Recorder> recorder = nullptr;
+    std::string unsent = {};
+    bool isLast = false;
+  };
+
+  void Run();
+  /// @returns false when the connection is done with
+  bool Serve(Connection& connection);
+  bool Record(Connection& connection, short happened);
+  std::string BeginRecord(Connection& connection, std::uint32_t count);
+  void Wake() const;
+
+  VirtualNfc& mServer;
+  UnixListener mListener;
+  UniqueFd mWake;
+  std::atomic<bool> mStop{false};
+  /// Of the control thread.
+  std::size_t mRecorders = 0;
+  std::thread mThread;
+};
+
+/// Asks the server at this address, and waits that long at most.
+/// @returns its reply; empty, with errno, when it cannot be reached or does not reply
+std::string AskServer(const std::string& address, const std::string& line,
+                      std::chrono::seconds patience = std::chrono::seconds(5));
+
+}  // namespace virtualnfc

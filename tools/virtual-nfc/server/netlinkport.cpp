@@ -1,0 +1,103 @@
+#include "tools/virtual-nfc/server/netlinkport.h"
+
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace virtualnfc {
+
+namespace {
+
+constexpr int kSendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+
+}  // namespace
+
+NetlinkPort::NetlinkPort(UniqueFd control) : mControl(std::move(control)) {
+  ucred peer{};
+  socklen_t length = sizeof(peer);
+  if (::getsockopt(mControl.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0) {
+    mProcessId = peer.pid;
+  }
+}
+
+int NetlinkPort::Open() {
+  int ends[2] = {-1, -1};
+  const UniqueFd memory(::memfd_create("virtual-nfc", MFD_CLOEXEC));
+  if (memory && ::ftruncate(memory.Get(), sizeof(wire::SharedPage)) == 0) {
+    mPage = wire::MapPage(memory);
+  }
+  if (!mPage || ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends) != 0) {
+    const int error = errno;
+    Reply(error);
+    return error;
+  }
+  mData.Reset(ends[0]);
+  return wire::SendOpened(mControl.Get(), UniqueFd(ends[1]), memory) ? 0 : errno;
+}
+
+void NetlinkPort::Reply(int error) const {
+  const wire::Reply reply{error, port};
+  (void)::send(mControl.Get(), &reply, sizeof(reply), kSendFlags);
+}
+
+bool NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, const Bytes& datagram) {
+  if (!mData) {
+    return false;
+  }
+  if (mCongested) {
+    if (!IsDrained()) {
+      return false;
+    }
+    mCongested = false;
+  }
+  wire::DatagramHeader header{sender, senderGroups};
+  iovec parts[2] = {{&header, sizeof(header)}, {const_cast<std::uint8_t*>(datagram.data()), datagram.size()}};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = 2;
+  if (::sendmsg(mData.Get(), &message, kSendFlags) < 0 && (errno == EAGAIN || errno == EMSGSIZE)) {
+    mCongested = true;
+    MarkOverrun();
+    return false;
+  }
+  return true;
+}
+
+void NetlinkPort::MarkOverrun() {
+  if (!mData) {
+    return;
+  }
+  mPage->overruns.fetch_add(1);
+  WakeReader();
+}
+
+void NetlinkPort::Close() {
+  if (mData) {
+    mPage->closed = 1;
+    WakeReader();
+  }
+}
+
+/// Unread data wakes the reader as well.
+void NetlinkPort::WakeReader() const {
+  if (IsDrained()) {
+    (void)::send(mData.Get(), "", 0, kSendFlags);
+  }
+}
+
+void NetlinkPort::SetReceiveBuffer(std::uint32_t bytes) const {
+  // Unread datagrams count against the sender's buffer, so its size acts as the receive buffer.
+  const int size = static_cast<int>(bytes);
+  (void)::setsockopt(mData.Get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
+}
+
+bool NetlinkPort::IsDrained() const {
+  int unread = 0;
+  return ::ioctl(mData.Get(), SIOCOUTQ, &unread) == 0 && unread == 0;
+}
+
+}  // namespace virtualnfc

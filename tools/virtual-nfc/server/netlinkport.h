@@ -1,0 +1,56 @@
+#pragma once
+
+// The server's side of one netlink socket of a program.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <set>
+
+#include "tools/virtual-nfc/kernel/genlmessage.h"
+#include "tools/virtual-nfc/server/uniquefd.h"
+#include "tools/virtual-nfc/server/wire.h"
+
+namespace virtualnfc {
+
+/// Not thread-safe; the server locks. Nothing here blocks.
+class NetlinkPort {
+ public:
+  explicit NetlinkPort(UniqueFd control);
+
+  int ControlFd() const { return mControl.Get(); }
+  /// The process that made the socket.
+  pid_t ProcessId() const { return mProcessId; }
+
+  /// Makes the data socket and the shared page and replies with the program's ends.
+  /// @returns 0, or the errno that was replied
+  int Open();
+  bool IsOpen() const { return static_cast<bool>(mData); }
+
+  void Reply(int error) const;
+  /// Hands one datagram to the program.
+  /// @returns false when it did not fit into the receive buffer; the program is told
+  bool Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
+  /// The program's next receive call fails with ENOBUFS.
+  void MarkOverrun();
+  /// Every call of the program on this socket fails from now on.
+  void Close();
+  void SetReceiveBuffer(std::uint32_t bytes) const;
+
+  /// 0 until bound.
+  std::uint32_t port = 0;
+  std::set<std::uint32_t> groups;
+
+ private:
+  bool IsDrained() const;
+  void WakeReader() const;
+
+  const UniqueFd mControl;
+  pid_t mProcessId = 0;
+  UniqueFd mData;
+  wire::MappedPage mPage;
+  /// The receive buffer was full. As in the kernel, it takes nothing more until it has been read empty.
+  bool mCongested = false;
+};
+
+}  // namespace virtualnfc

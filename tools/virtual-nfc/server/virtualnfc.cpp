@@ -1,0 +1,351 @@
+#include "tools/virtual-nfc/server/virtualnfc.h"
+
+#include <fmt/format.h>
+#include <linux/nfc.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <stdexcept>
+#include <utility>
+
+namespace virtualnfc {
+
+namespace {
+
+std::string OwnAddress() {
+  static std::atomic<unsigned> counter{0};
+  return fmt::format("@virtual-nfc-{}-{}", ::getpid(), ++counter);
+}
+
+}  // namespace
+
+DeviceStatus Status::Device() const {
+  const auto found = std::find_if(devices.begin(), devices.end(),
+                                  [](const DeviceStatus& device) { return !device.removed; });
+  return found == devices.end() ? DeviceStatus{} : *found;
+}
+
+VirtualNfc::VirtualNfc(VirtualNfcSettings settings, std::string address)
+    : mSettings(std::move(settings)),
+      mListener(address.empty() ? OwnAddress() : std::move(address), SOCK_SEQPACKET),
+      mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      mKernel(mSettings.kernel) {
+  if (!mWake) {
+    throw std::runtime_error("cannot make an event descriptor");
+  }
+  for (std::uint32_t i = 0; i < mSettings.devices; ++i) {
+    mKernel.AddDevice(i);
+  }
+  mThread = std::thread([this] {
+    ::pthread_setname_np(::pthread_self(), "virtual-nfc");
+    Run();
+  });
+}
+
+void VirtualNfc::Stop() {
+  {
+    const std::lock_guard lock(mMutex);
+    mStop = true;
+    Changed();
+  }
+  if (mThread.joinable()) {
+    mThread.join();
+  }
+  const std::lock_guard lock(mMutex);
+  for (const auto& [id, socket] : mConnections) {
+    // Wakes programs that wait for events.
+    socket->MarkOverrun();
+  }
+  mConnections.clear();
+}
+
+std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
+  const std::lock_guard lock(mMutex);
+  const std::uint32_t number = index ? *index : LowestFreeNumber();
+  if (mKernel.FindDevice(number) != nullptr) {
+    throw std::invalid_argument(fmt::format("there is a device {} already", number));
+  }
+  TellOfReader(fmt::format("plug {}", number));
+  mKernel.AddDevice(number);
+  SendEvent(NFC_EVENT_DEVICE_ADDED, number);
+  Changed();
+  return number;
+}
+
+bool VirtualNfc::Unplug(std::uint32_t index) {
+  const std::lock_guard lock(mMutex);
+  if (!IsDeviceThere(index)) {
+    return false;
+  }
+  TellOfReader(fmt::format("unplug {}", index));
+  RemoveDevice(index);
+  Changed();
+  return true;
+}
+
+void VirtualNfc::PresentTags(std::vector<Tag> tags) {
+  const std::lock_guard lock(mMutex);
+  PutIntoField(std::move(tags), Timers::Clock::now());
+  Changed();
+}
+
+void VirtualNfc::PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now) {
+  ++mFieldVersion;
+  ChangeField(std::move(tags));
+  for (const auto& device : mKernel.Devices()) {
+    ScheduleDetection(device->Index(), now);
+  }
+}
+
+void VirtualNfc::PresentTag(Tag tag) {
+  PresentTags({std::move(tag)});
+}
+
+void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
+  const std::lock_guard lock(mMutex);
+  // The same time for both, so that a late thread does not change the order of find and removal.
+  const auto now = Timers::Clock::now();
+  PutIntoField({std::move(tag)}, now);
+  mTimers.At(now + hold, [this, version = mFieldVersion] {
+    if (mFieldVersion == version) {
+      ChangeField({});
+    }
+  });
+  Changed();
+}
+
+std::uint32_t VirtualNfc::AddRule(std::string_view text) {
+  const std::lock_guard lock(mMutex);
+  const std::uint32_t id = mRules.Add(text);
+  TellOfReader(fmt::format("rule add {}", text));
+  return id;
+}
+
+std::vector<RuleStatus> VirtualNfc::ListRules() const {
+  const std::lock_guard lock(mMutex);
+  return mRules.List();
+}
+
+void VirtualNfc::ClearRules() {
+  const std::lock_guard lock(mMutex);
+  mRules.Clear();
+  TellOfReader("rule clear");
+}
+
+bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
+  const std::lock_guard lock(mMutex);
+  if (!IsDeviceThere(index)) {
+    return false;
+  }
+  TellOfReader(fmt::format("fault {} {} {}", FaultName(fault), on ? "on" : "off", index));
+  ChangeFault(index, fault, on);
+  Changed();
+  return true;
+}
+
+void VirtualNfc::ChangeFault(std::uint32_t index, Fault fault, bool on) {
+  mKernel.FindDevice(index)->SetFault(fault, on);
+  ScheduleDetection(index, Timers::Clock::now());
+}
+
+void VirtualNfc::OverrunEvents() {
+  const std::lock_guard lock(mMutex);
+  for (const std::uint64_t id : Listeners()) {
+    mConnections.at(id)->MarkOverrun();
+  }
+}
+
+void VirtualNfc::SendRawEvent(const Bytes& message) {
+  const std::lock_guard lock(mMutex);
+  Multicast(0, message);
+}
+
+Status VirtualNfc::GetStatus() const {
+  const std::lock_guard lock(mMutex);
+  return MakeStatus();
+}
+
+std::vector<CommandRecord> VirtualNfc::History() const {
+  const std::lock_guard lock(mMutex);
+  return {mHistory.begin(), mHistory.end()};
+}
+
+bool VirtualNfc::WaitFor(const std::function<bool(const Status&)>& predicate,
+                         std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mMutex);
+  return mChanged.wait_for(lock, timeout, [&] { return predicate(MakeStatus()); });
+}
+
+Status VirtualNfc::MakeStatus() const {
+  Status status;
+  for (const auto& device : mKernel.Devices()) {
+    status.devices.push_back({device->Index(), device->Name(), device->IsPowered(), device->IsPolling(),
+                              device->IsRemoved(), device->OwnerPort(), device->Mask(),
+                              device->TargetsCounted(), device->Faults()});
+  }
+  for (const Tag& tag : mField) {
+    status.tags.push_back(tag.label);
+  }
+  for (const auto& [id, socket] : mConnections) {
+    status.openSockets += socket->IsOpen() ? 1 : 0;
+  }
+  status.listeners = Listeners().size();
+  status.commands = mCommands;
+  status.events = mEvents;
+  status.commandWaits = mWaiting.has_value();
+  status.queued = mWork.size();
+  status.hung = mHung;
+  return status;
+}
+
+void VirtualNfc::Changed() {
+  const std::uint64_t one = 1;
+  (void)!::write(mWake.Get(), &one, sizeof(one));
+  mChanged.notify_all();
+}
+
+bool VirtualNfc::IsDeviceThere(std::uint32_t index) {
+  const NfcDevice* device = mKernel.FindDevice(index);
+  return device != nullptr && !device->IsRemoved();
+}
+
+std::optional<std::uint32_t> VirtualNfc::DeviceOf(const Occurrence& occurrence) {
+  for (const auto& device : mKernel.Devices()) {
+    if (!device->IsRemoved() && occurrence.device.value_or(device->Index()) == device->Index()) {
+      return device->Index();
+    }
+  }
+  return std::nullopt;
+}
+
+std::uint32_t VirtualNfc::LowestFreeNumber() const {
+  std::uint32_t number = 0;
+  const auto isTaken = [&] {
+    return std::find(mTakenNumbers.begin(), mTakenNumbers.end(), number) != mTakenNumbers.end() ||
+           std::any_of(mKernel.Devices().begin(), mKernel.Devices().end(),
+                       [&](const auto& device) { return device->Index() == number; });
+  };
+  while (isTaken()) {
+    ++number;
+  }
+  return number;
+}
+
+void VirtualNfc::RemoveDevice(std::uint32_t index) {
+  NfcDevice* device = mKernel.FindDevice(index);
+  const bool staysListed = device->IsPowered() && mSettings.kernel.stack == Stack::Nci;
+  device->Remove();
+  SendEvent(NFC_EVENT_DEVICE_REMOVED, index);
+  const auto forget = [this, index] {
+    mKernel.EraseDevice(index);
+    mTakenNumbers.push_back(index);
+    mTimers.After(mSettings.numberRelease, [this, index] { std::erase(mTakenNumbers, index); });
+  };
+  if (staysListed) {
+    mTimers.After(mSettings.removedListing, forget);
+  } else {
+    forget();
+  }
+}
+
+void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now) {
+  const NfcDevice* polling = mKernel.FindDevice(index);
+  if (mField.empty() || !(polling->IsPolling() || polling->Has(Fault::Runaway))) {
+    return;
+  }
+  mTimers.At(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
+    NfcDevice* device = mKernel.FindDevice(index);
+    if (device != nullptr && device->PollId() == poll && device->Detect(mField)) {
+      SendEvent(NFC_EVENT_TARGETS_FOUND, index);
+    }
+  });
+}
+
+void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
+  ++mEvents[event];
+  Answer answer{{mKernel.Event(event, device)}};
+  if (const auto rule = mRules.Match({Family::Nfc, event, true, 0, device})) {
+    for (const Change& change : rule->changes) {
+      ApplyChange(change, answer);
+    }
+    if (rule->fault && IsDeviceThere(device)) {
+      ChangeFault(device, *rule->fault, true);
+    }
+  }
+  for (const Bytes& message : answer.messages) {
+    Multicast(answer.sender, message);
+  }
+  for (const std::uint64_t id : Listeners()) {
+    if (answer.overruns) {
+      mConnections.at(id)->MarkOverrun();
+    }
+    if (answer.closes) {
+      BreakConnection(id);
+    }
+  }
+}
+
+std::vector<std::uint64_t> VirtualNfc::Listeners() const {
+  std::vector<std::uint64_t> listeners;
+  for (const auto& [id, socket] : mConnections) {
+    if (socket->groups.contains(mSettings.kernel.groupId)) {
+      listeners.push_back(id);
+    }
+  }
+  return listeners;
+}
+
+void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
+  const std::uint32_t group = mSettings.kernel.groupId;
+  const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
+  for (const std::uint64_t id : Listeners()) {
+    Deliver(id, sender, mask, message);
+  }
+}
+
+void VirtualNfc::Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups,
+                         const Bytes& datagram) {
+  const bool fits = mConnections.at(id)->Deliver(sender, groups, datagram);
+  for (NetlinkObserver* observer : mObservers) {
+    observer->OnDelivered(id, sender, groups, datagram, !fits);
+  }
+}
+
+void VirtualNfc::Run() {
+  std::unique_lock lock(mMutex);
+  while (!mStop) {
+    std::vector<pollfd> fds{{mWake.Get(), POLLIN, 0}, {mListener.Fd(), POLLIN, 0}};
+    std::vector<std::uint64_t> ids;
+    for (const auto& [id, socket] : mConnections) {
+      fds.push_back({socket->ControlFd(), POLLIN, 0});
+      ids.push_back(id);
+    }
+    int timeout = -1;
+    if (const auto next = mTimers.Next()) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Timers::Clock::now());
+      timeout = static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+    }
+    lock.unlock();
+    ::poll(fds.data(), fds.size(), timeout);
+    lock.lock();
+
+    std::uint64_t ignored = 0;
+    (void)!::read(mWake.Get(), &ignored, sizeof(ignored));
+    mTimers.RunDue();
+    AcceptConnections();
+    std::vector<std::uint64_t> readable;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      if (fds[i + 2].revents != 0 && mConnections.contains(ids[i])) {
+        readable.push_back(ids[i]);
+      }
+    }
+    ReadConnections(readable);
+    WorkOff();
+    mChanged.notify_all();
+  }
+}
+
+}  // namespace virtualnfc

@@ -1,0 +1,250 @@
+#pragma once
+
+// A simulated kernel with NFC: the generic-netlink controller, the family "nfc", its devices and the tags in
+// front of them. Programs reach it because the interposer turns their netlink sockets into connections to
+// this server.
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "tools/virtual-nfc/kernel/nfckernel.h"
+#include "tools/virtual-nfc/kernel/rules.h"
+#include "tools/virtual-nfc/kernel/tag.h"
+#include "tools/virtual-nfc/server/netlinkobserver.h"
+#include "tools/virtual-nfc/server/netlinkport.h"
+#include "tools/virtual-nfc/server/timers.h"
+#include "tools/virtual-nfc/server/unixsocket.h"
+
+namespace virtualnfc {
+
+struct VirtualNfcSettings {
+  KernelSettings kernel;
+  /// Devices at the start, numbered from 0.
+  std::uint32_t devices = 1;
+  /// From START_POLL, or from presenting a tag, until the chip has found the tag.
+  std::chrono::milliseconds detectionDelay{20};
+  /// From the close of the socket that owns the poll until the poll ends; 0: at once.
+  std::chrono::milliseconds ownerReleaseDelay{5};
+  /// How long a powered Nci device stays listed after it was unplugged. A Digital device does not.
+  std::chrono::milliseconds removedListing{5000};
+  /// How long its number stays taken after that.
+  std::chrono::milliseconds numberRelease{20};
+  /// How long a STOP_POLL takes when the chip finds a tag at that moment, and for how long after it a command
+  /// to the device hangs.
+  std::chrono::milliseconds crossingWait{30000};
+  std::chrono::milliseconds crossingPause{250};
+};
+
+struct DeviceStatus {
+  std::uint32_t index = 0;
+  std::string name;
+  bool powered = false;
+  bool polling = false;
+  /// Unplugged, but still listed.
+  bool removed = false;
+  std::uint32_t ownerPort = 0;
+  std::uint32_t mask = 0;
+  /// Targets found since the device was plugged in.
+  std::uint32_t targetsFound = 0;
+  std::vector<Fault> faults;
+
+  bool Has(Fault fault) const { return std::find(faults.begin(), faults.end(), fault) != faults.end(); }
+};
+
+struct Status {
+  std::vector<DeviceStatus> devices;
+  /// Labels of the tags in the field.
+  std::vector<std::string> tags;
+  std::size_t openSockets = 0;
+  /// Sockets that have joined the events group.
+  std::size_t listeners = 0;
+  /// Commands of the nfc family received so far, by number, including one that still waits.
+  std::array<std::uint32_t, 256> commands{};
+  /// Events of the nfc family sent so far, by number, with or without listeners.
+  std::array<std::uint32_t, 256> events{};
+  /// A command waits for its chip.
+  bool commandWaits = false;
+  /// Messages that wait behind it.
+  std::size_t queued = 0;
+  /// A command came too soon after a STOP_POLL that crossed a find: no command is answered any more.
+  bool hung = false;
+
+  /// The first device that is plugged in; without one, a status without power and poll.
+  DeviceStatus Device() const;
+  std::uint32_t Commands(std::uint8_t command) const { return commands[command]; }
+  std::uint32_t Events(std::uint8_t event) const { return events[event]; }
+};
+
+/// One command of the nfc family and its result.
+struct CommandRecord {
+  std::uint8_t command = 0;
+  std::uint32_t port = 0;
+  /// errno of the answer, 0 for success
+  int error = 0;
+};
+
+/// Serves from construction to destruction, on a thread of its own. Any thread may call any operation at any
+/// time, except from a predicate given to WaitFor. Only WaitFor blocks.
+class VirtualNfc {
+ public:
+  /// @param address where the interposer connects: a path, "@name" for an abstract name, or empty for a new
+  /// abstract name
+  /// @throws std::runtime_error when it cannot listen there
+  explicit VirtualNfc(VirtualNfcSettings settings = {}, std::string address = {});
+  ~VirtualNfc() { Stop(); }
+  VirtualNfc(const VirtualNfc&) = delete;
+  VirtualNfc& operator=(const VirtualNfc&) = delete;
+
+  /// Closes all connections for good. Programs that wait for an answer get an error. One caller at a time.
+  void Stop();
+
+  const std::string& Address() const { return mListener.Address(); }
+  const VirtualNfcSettings& Settings() const { return mSettings; }
+
+  /// Plugs in a device with this number, by default the lowest free one.
+  /// @throws std::invalid_argument when the given number is taken
+  std::uint32_t Plug(std::optional<std::uint32_t> index = std::nullopt);
+  /// @returns false when there is no such device
+  bool Unplug(std::uint32_t index = 0);
+
+  /// Puts these tags in front of the readers and takes all others away.
+  void PresentTags(std::vector<Tag> tags);
+  void PresentTag(Tag tag);
+  /// Takes the tag away again after that time.
+  void PresentTagFor(Tag tag, std::chrono::milliseconds hold);
+  void RemoveTags() { PresentTags({}); }
+
+  /// Rules as described in rules.h. @throws std::invalid_argument @returns the rule's id
+  std::uint32_t AddRule(std::string_view text);
+  std::vector<RuleStatus> ListRules() const;
+  void ClearRules();
+
+  /// Starts or ends a fault of the device. @returns false when there is no such device
+  bool SetFault(Fault fault, bool on = true, std::uint32_t index = 0);
+  /// A transfer to the reader fails, once: its poll is dead.
+  bool KillPoll(std::uint32_t index = 0) { return SetFault(Fault::PollDead, true, index); }
+
+  /// Ends the polls of closed sockets now instead of after ownerReleaseDelay.
+  void EndPollsOfClosedSockets();
+  /// Makes the next receive call of every listener fail with ENOBUFS, as after lost events.
+  void OverrunEvents();
+  /// Sends these bytes to all listeners, as if the kernel had.
+  void SendRawEvent(const Bytes& message);
+
+  /// Reports everything to the observer until it is removed, beginning with the present sockets, groups,
+  /// rules and tags.
+  void AddObserver(NetlinkObserver& observer);
+  /// The observer gets no calls after this returns.
+  void RemoveObserver(NetlinkObserver& observer);
+
+  Status GetStatus() const;
+  /// The commands of the nfc family since the start, the latest thousand.
+  std::vector<CommandRecord> History() const;
+  /// Waits until the predicate holds; it is called with the lock held, after each change.
+  /// @returns false on timeout
+  bool WaitFor(const std::function<bool(const Status&)>& predicate,
+               std::chrono::milliseconds timeout = std::chrono::seconds(60)) const;
+
+ private:
+  /// A message on its way to the kernel. The reply to the socket's Send comes with its last message.
+  struct Work {
+    std::uint64_t connection = 0;
+    Bytes message;
+    bool isLast = false;
+  };
+  /// A command that is being carried out. All others wait behind it.
+  struct Waiting {
+    Work work;
+    Request request;
+    Rule rule;
+    /// A STOP_POLL that the find of a tag delays.
+    bool crosses = false;
+    /// The device it named, or the first one, when it began.
+    std::optional<std::uint32_t> device;
+    std::uint64_t id = 0;
+  };
+
+  void Run();
+  void AcceptConnections();
+  void ReadConnections(const std::vector<std::uint64_t>& readable);
+  void CloseEndedConnections();
+  void CloseConnection(std::uint64_t id);
+  std::vector<std::uint64_t> Listeners() const;
+  void BreakConnection(std::uint64_t id);
+  void HandleRecord(std::uint64_t id, const Bytes& record);
+  int Bind(std::uint64_t id, std::uint32_t wanted, std::uint32_t groups);
+  int Join(std::uint64_t id, std::uint32_t group);
+  bool IsPortTaken(std::uint32_t port) const;
+
+  void WorkOff();
+  void Begin(Work work);
+  void FinishWaiting(bool interrupted);
+
+  void SendEvent(std::uint8_t event, std::uint32_t device);
+  void Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
+  void Multicast(std::uint32_t sender, const Bytes& message);
+  void RemoveDevice(std::uint32_t index);
+  void ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now);
+  void PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now);
+  void ChangeFault(std::uint32_t index, Fault fault, bool on);
+  bool IsDeviceThere(std::uint32_t index);
+  std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
+  std::uint32_t LowestFreeNumber() const;
+  Status MakeStatus() const;
+  void ChangeField(std::vector<Tag> tags);
+  std::string FieldWords() const;
+  void ReleasePoll(std::uint32_t port);
+  void TellOfSocket(std::uint64_t id, SocketChange change, std::uint32_t number = 0, int error = 0);
+  void TellOfReader(std::string_view words);
+  /// After a change by a caller's thread: wakes the server and the callers of WaitFor.
+  void Changed();
+
+  const VirtualNfcSettings mSettings;
+  UnixListener mListener;
+  UniqueFd mWake;
+
+  mutable std::mutex mMutex;
+  mutable std::condition_variable mChanged;
+  // Everything below is guarded by mMutex.
+  bool mStop = false;
+  Timers mTimers;
+  NfcKernel mKernel;
+  RuleSet mRules;
+  std::vector<Tag> mField;
+  /// Counts the changes of the field, so that the end of a hold removes only its own tag.
+  std::uint64_t mFieldVersion = 0;
+  /// Numbers of unplugged devices that are not free yet.
+  std::vector<std::uint32_t> mTakenNumbers;
+  std::map<std::uint64_t, std::unique_ptr<NetlinkPort>> mConnections;
+  std::uint64_t mNextConnection = 1;
+  /// Closed sockets whose polls end after ownerReleaseDelay.
+  std::vector<std::uint32_t> mClosedPorts;
+  std::deque<Work> mWork;
+  std::optional<Waiting> mWaiting;
+  std::uint64_t mNextWaiting = 1;
+  /// Until then a find waits for the lock of the device; a command that takes the lock first waits for ever.
+  std::optional<Timers::Clock::time_point> mFindWaitsUntil;
+  /// mWaiting is never finished.
+  bool mHung = false;
+  std::deque<CommandRecord> mHistory;
+  std::array<std::uint32_t, 256> mCommands{};
+  std::array<std::uint32_t, 256> mEvents{};
+  std::vector<NetlinkObserver*> mObservers;
+
+  std::thread mThread;
+};
+
+}  // namespace virtualnfc

@@ -1,0 +1,77 @@
+#pragma once
+
+// The protocol between the interposer and the server. One SOCK_SEQPACKET control connection stands for one
+// netlink socket of the program: when it ends, the server closes the socket. Each operation is one record
+// with an OperationHeader, answered by one Reply; only Interrupt has no answer.
+//
+// The reply to Open carries two descriptors: the data socket, which becomes the program's netlink socket, and
+// a shared page for receive errors, which overtake the data. Each datagram on the data socket begins with a
+// DatagramHeader; an empty one only wakes the reader so that it looks at the page.
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "tools/virtual-nfc/server/uniquefd.h"
+
+namespace virtualnfc::wire {
+
+enum class Operation : std::uint32_t {
+  Open = 1,
+  /// first: the wanted port or 0; second: mask of the first 32 groups
+  Bind,
+  /// first: group number
+  Join,
+  Leave,
+  /// followed by the bytes of the netlink message; the reply comes when the kernel has handled it
+  Send,
+  /// a signal has reached the thread that waits for the reply to Send
+  Interrupt,
+  /// first: the size of the receive buffer in bytes
+  ReceiveBuffer,
+};
+
+struct OperationHeader {
+  Operation operation;
+  std::uint32_t first;
+  std::uint32_t second;
+};
+
+struct Reply {
+  /// errno or 0
+  std::int32_t error;
+  /// Bind and Send: the socket's port
+  std::uint32_t port;
+};
+
+struct DatagramHeader {
+  std::uint32_t sender;
+  std::uint32_t groups;
+};
+
+struct SharedPage {
+  /// Counts losses. The next receive call reports a change once.
+  std::atomic<std::uint32_t> overruns;
+  /// Not 0: the socket is closed and every call on it fails.
+  std::atomic<std::uint32_t> closed;
+};
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
+
+struct Unmap {
+  void operator()(SharedPage* page) const;
+};
+using MappedPage = std::unique_ptr<SharedPage, Unmap>;
+
+/// The page in that memory; null with errno.
+MappedPage MapPage(const UniqueFd& memory);
+
+/// The reply to Open, sent by the server and received by the program.
+/// @returns false with errno
+bool SendOpened(int control, const UniqueFd& data, const UniqueFd& memory);
+bool ReceiveOpened(int control, UniqueFd& data, UniqueFd& memory);
+
+/// The largest netlink message a program may send.
+inline constexpr std::size_t kMaxMessage = 65536;
+
+}  // namespace virtualnfc::wire

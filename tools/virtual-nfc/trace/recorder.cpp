@@ -1,0 +1,104 @@
+#include "tools/virtual-nfc/trace/recorder.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "tools/virtual-nfc/kernel/names.h"
+#include "tools/virtual-nfc/trace/netlinktext.h"
+
+namespace virtualnfc {
+
+namespace {
+
+constexpr std::size_t kMaxText = 1 << 20;
+
+/// In the order of SocketChange.
+constexpr const char* kChangeNames[] = {"open", "port", "join", "leave", "signal", "close"};
+
+}  // namespace
+
+Recorder::Recorder(VirtualNfc& server, std::uint32_t count, std::function<void()> wake)
+    : mServer(server), mKernel(server.Settings().kernel), mCount(count), mWake(std::move(wake)) {
+  mText = fmt::format("# virtual-nfc record: nfc={} nfc.events={}\n", mKernel.familyId, mKernel.groupId);
+  mServer.AddObserver(*this);
+}
+
+Recorder::~Recorder() {
+  mServer.RemoveObserver(*this);
+}
+
+std::string Recorder::Take(bool& isLast) {
+  const std::lock_guard lock(mMutex);
+  isLast = mEnded;
+  return std::exchange(mText, {});
+}
+
+Recorder::Socket& Recorder::Of(std::uint64_t socket) {
+  Socket& known = mSockets[socket];
+  if (known.number == 0) {
+    known.number = mNextSocket++;
+  }
+  return known;
+}
+
+void Recorder::Write(const std::string& text, std::size_t messages) {
+  const std::lock_guard lock(mMutex);
+  if (mEnded) {
+    return;
+  }
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - mStart;
+  mText +=
+      text.starts_with('#') && text[1] == ' ' ? text + "\n" : fmt::format("{:.3f} {}\n", time.count(), text);
+  mMessages += messages;
+  if (mText.size() > kMaxText) {
+    mEnded = true;
+    mText += fmt::format("{}the record ends here: it is not read fast enough\n", kRecordError);
+  } else if (mCount != 0 && mMessages >= mCount) {
+    mEnded = true;
+    mText += kRecordDone;
+  }
+  mWake();
+}
+
+void Recorder::OnSocket(std::uint64_t socket, SocketChange change, std::uint32_t number, int error) {
+  Socket& known = Of(socket);
+  std::string text = fmt::format("#{} {}", known.number, kChangeNames[static_cast<std::size_t>(change)]);
+  if (change == SocketChange::Bound) {
+    known.port = number;
+    text += fmt::format(" {}", number);
+  } else if (change == SocketChange::Joined || change == SocketChange::Left) {
+    text += number == mKernel.groupId ? " nfc.events" : fmt::format(" {}", number);
+    text += error != 0 ? " " + ErrorName(error) : "";
+  } else if (change == SocketChange::Closed) {
+    mSockets.erase(socket);
+  }
+  Write(text);
+}
+
+void Recorder::WriteDatagram(std::uint64_t socket, const char* arrow, ByteView datagram, bool isEvent,
+                             const std::string& remarks) {
+  const Socket& known = Of(socket);
+  const auto messages = DescribeDatagram(datagram, mKernel.familyId, isEvent ? 0 : known.port);
+  for (std::string message : messages) {
+    message.insert(std::min(message.find('\n'), message.size()), remarks);
+    Write(fmt::format("#{} {} {}", known.number, arrow, message), 1);
+  }
+}
+
+void Recorder::OnSent(std::uint64_t socket, ByteView datagram) {
+  WriteDatagram(socket, "->", datagram, false, "");
+}
+
+void Recorder::OnDelivered(std::uint64_t socket, std::uint32_t sender, std::uint32_t groups,
+                           ByteView datagram, bool isLost) {
+  WriteDatagram(socket, "<-", datagram, groups != 0,
+                (groups != 0 ? " group=nfc.events" : "") +
+                    (sender != 0 ? fmt::format(" sender={}", sender) : "") + (isLost ? " lost" : ""));
+}
+
+void Recorder::OnReader(std::string_view words) {
+  Write(std::string(words));
+}
+
+}  // namespace virtualnfc
