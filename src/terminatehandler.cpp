@@ -6,6 +6,7 @@
 #include <typeinfo>
 
 #include "framework/log.h"
+#include "src/servicenotify.h"
 
 void HandleTerminate() {
   if (const auto exception = std::current_exception()) {
@@ -18,6 +19,8 @@ void HandleTerminate() {
       }
       const auto name = Log::Demangle(mangled);
       Log::Critical("Uncaught exception of type '{}' with message: '{}'", name ? name.get() : "", e.what());
+      // The journal forgets whose lines these were when the process is gone; the status line stays.
+      CServiceNotify().TellState("Failed", e.what());
     } catch (...) {
       Log::Critical("Uncaught exception of unknown type.");
     }

@@ -15,6 +15,7 @@ using namespace virtualnfc;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using ::testing::ElementsAre;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -112,6 +113,13 @@ TEST_F(ServiceManager, IsToldReadinessEveryStateAndLife) {
   HearUntil("WATCHDOG=1");
   EXPECT_EQ(Interrupt(), "exit 0");
   EXPECT_THAT(HearUntil("STOPPING=1"), ElementsAre("STATUS=Terminating: switching the reader off"));
+}
+
+TEST_F(ServiceManager, IsToldWhatKeepsTheDaemonFromStarting) {
+  WriteFile("etc/plex.json", R"({ "listen": })");
+  mDaemon = Spawn({"-r", Folder().string() + "/"});
+  EXPECT_EQ(mDaemon->Wait(), "signal 6");
+  EXPECT_THAT(Hear(), StartsWith("STATUS=Failed: " + Path("etc/plex.json") + ": line 1, column 13: "));
 }
 
 TEST_F(ServiceManager, HearsNoLifeFromAMachineThatHangs) {
