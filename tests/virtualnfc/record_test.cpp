@@ -79,17 +79,17 @@ TEST(RecordText, ShowsDamagedMessages) {
                                        .Genl(NFC_CMD_START_POLL, 9)
                                        .U32(NFC_ATTR_PROTOCOLS, 0xFF)
                                        .U8(NFC_ATTR_DEVICE_INDEX, 1)
-                                       .String(NFC_ATTR_DEVICE_NAME, "\"a\x01")
-                                       .Raw(99 | NLA_F_NESTED, Bytes{5})
+                                       .String(NFC_ATTR_DEVICE_NAME, "nfc0")
+                                       .Raw(99 | NLA_F_NESTED, Bytes{5, 6, 7})
                                        .Payload(Bytes{60, 0, 1, 0})
                                        .Finish());
   const Bytes error = kernel.Refuse(odd, 4711, 300).answer.messages.front();
   EXPECT_THAT(DescribeDatagram(error, 20, 4711), testing::ElementsAre(R"(error 300 seq=7
       to nfc START_POLL version=9 flags=REQUEST|DUMP|0x1000 seq=7
-        NFC_ATTR_PROTOCOLS JEWEL|MIFARE|FELICA|ISO14443|NFC_DEP|ISO14443_B|ISO15693|0x1 (0xff)
-        NFC_ATTR_DEVICE_INDEX hex 01
-        NFC_ATTR_DEVICE_NAME "\x22a\x01"
-        attribute 99 flags=0x8000 hex 05
+        NFC_ATTR_PROTOCOLS 255 (0x000000ff)
+        NFC_ATTR_DEVICE_INDEX 1 (0x01)
+        NFC_ATTR_DEVICE_NAME "nfc0"
+        attribute 99 flags=0x8000 hex 050607
         undecodable hex 3c000100)"));
   EXPECT_THAT(DescribeDatagram(MakeDoneMessage(odd, 1, EBUSY), 20, 4711),
               testing::ElementsAre("done EBUSY flags=MULTI seq=7 pid=1"));

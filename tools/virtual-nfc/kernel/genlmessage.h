@@ -1,7 +1,7 @@
 #pragma once
 
-// Generic-netlink messages as bytes: taking a request apart and building what the kernel answers. No sockets,
-// no state.
+// Generic-netlink messages as bytes: parsing requests and building the kernel's answers. No sockets, no
+// state.
 
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
@@ -52,13 +52,13 @@ class MessageBuilder {
 
 using Attributes = std::map<std::uint16_t, Bytes>;
 
-/// One request message, taken apart. A later attribute of the same type replaces an earlier one.
+/// One parsed request. A later attribute of the same type replaces an earlier one.
 struct Request {
   nlmsghdr header{};
   bool hasGenlHeader = false;
   genlmsghdr genl{};
   Attributes attributes;
-  /// The message as it came, for the error answer that repeats it.
+  /// The whole message, which an error answer repeats.
   Bytes whole;
 
   bool IsDump() const { return (header.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP; }
@@ -77,18 +77,18 @@ Request ParseRequest(Bytes message);
 ByteView ForEachAttribute(ByteView bytes, const std::function<void(std::uint16_t, ByteView)>& visit);
 Attributes ParseAttributes(ByteView bytes);
 
-/// The number in an attribute of at least four bytes; none when it is absent or shorter.
+/// The number in an attribute; nothing when it is missing or has fewer than four bytes.
 std::optional<std::uint32_t> GetU32(const Attributes& attributes, std::uint16_t type);
 
-/// Error 0: the acknowledgement, with the request's header only. Otherwise -error and the request repeated.
+/// Error 0: an acknowledgement with the request's header. Otherwise -error and the whole request.
 /// @param error a positive errno or 0
 Bytes MakeErrorMessage(const Request& request, std::uint32_t port, int error);
 
 /// The end of a dump; @param error a positive errno or 0, carried as the negative code.
 Bytes MakeDoneMessage(const Request& request, std::uint32_t port, int error);
 
-/// The datagrams in which the kernel hands these messages over: those of a dump share datagrams, its end and
-/// any other message has one to itself.
+/// The datagrams in which the kernel sends these messages: the messages of a dump share datagrams; its end
+/// and any other message have one each.
 std::vector<Bytes> PackDatagrams(const std::vector<Bytes>& messages);
 
 }  // namespace virtualnfc

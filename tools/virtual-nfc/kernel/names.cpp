@@ -48,87 +48,52 @@ constexpr Command kControllerCommands[] = {
     {"NEWFAMILY", CTRL_CMD_NEWFAMILY},
 };
 
-#define VIRTUAL_NFC_ATTRIBUTE(scope, name, ...) \
-  { Scope::scope, name, #name, __VA_ARGS__ }
-
-constexpr Attribute kAttributes[] = {
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_INDEX, ValueKind::U32),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_NAME, ValueKind::String),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_PROTOCOLS, ValueKind::Protocols),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_INDEX, ValueKind::U32),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENS_RES, ValueKind::U16),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SEL_RES, ValueKind::U8),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_NFCID1, ValueKind::Hex),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENSB_RES, ValueKind::Hex),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENSF_RES, ValueKind::Hex),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_RF_MODE, ValueKind::U8),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_POWERED, ValueKind::U8),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_IM_PROTOCOLS, ValueKind::Protocols),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TM_PROTOCOLS, ValueKind::Protocols),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_ISO15693_DSFID, ValueKind::U8),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_ISO15693_UID, ValueKind::Hex),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_FAMILY_ID, ValueKind::U16),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_FAMILY_NAME, ValueKind::String),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_VERSION, ValueKind::U32),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_HDRSIZE, ValueKind::U32),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_MAXATTR, ValueKind::U32),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_OPS, ValueKind::Nested, Scope::OperationList),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_MCAST_GROUPS, ValueKind::Nested, Scope::GroupList),
-    VIRTUAL_NFC_ATTRIBUTE(Operation, CTRL_ATTR_OP_ID, ValueKind::U32),
-    VIRTUAL_NFC_ATTRIBUTE(Operation, CTRL_ATTR_OP_FLAGS, ValueKind::OperationFlags),
-    VIRTUAL_NFC_ATTRIBUTE(Group, CTRL_ATTR_MCAST_GRP_NAME, ValueKind::String),
-    VIRTUAL_NFC_ATTRIBUTE(Group, CTRL_ATTR_MCAST_GRP_ID, ValueKind::U32),
-    // The entries of a list are numbered.
-    {Scope::OperationList, 0, nullptr, ValueKind::Nested, Scope::Operation},
-    {Scope::GroupList, 0, nullptr, ValueKind::Nested, Scope::Group},
+struct Attribute {
+  Family family;
+  std::uint16_t type;
+  const char* name;
 };
 
-/// Names for bits; a name for several bits stands before the names for each of them.
-struct NamedBits {
+#define VIRTUAL_NFC_ATTRIBUTE(family, name) \
+  { Family::family, name, #name }
+
+constexpr Attribute kAttributes[] = {
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_INDEX),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_NAME),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_PROTOCOLS),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_INDEX),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENS_RES),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SEL_RES),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_NFCID1),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENSB_RES),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENSF_RES),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_RF_MODE),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_POWERED),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_IM_PROTOCOLS),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_ISO15693_DSFID),
+    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_ISO15693_UID),
+    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_FAMILY_ID),
+    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_FAMILY_NAME),
+    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_VERSION),
+    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_HDRSIZE),
+    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_MAXATTR),
+    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_OPS),
+    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_MCAST_GROUPS),
+};
+
+/// A name for several bits stands before the names for each of them.
+struct Flag {
   std::uint32_t bits;
   const char* name;
 };
 
-constexpr NamedBits kMessageFlags[] = {
-    {NLM_F_REQUEST, "REQUEST"}, {NLM_F_MULTI, "MULTI"},         {NLM_F_ACK, "ACK"},
-    {NLM_F_ECHO, "ECHO"},       {NLM_F_DUMP_INTR, "DUMP_INTR"}, {NLM_F_DUMP_FILTERED, "DUMP_FILTERED"},
-    {NLM_F_DUMP, "DUMP"},       {NLM_F_ROOT, "ROOT"},           {NLM_F_MATCH, "MATCH"},
-    {NLM_F_ATOMIC, "ATOMIC"},
+constexpr Flag kMessageFlags[] = {
+    {NLM_F_REQUEST, "REQUEST"},     {NLM_F_MULTI, "MULTI"}, {NLM_F_ACK, "ACK"},
+    {NLM_F_DUMP_INTR, "DUMP_INTR"}, {NLM_F_DUMP, "DUMP"},
 };
 
 /// In an error message the upper bits mean something else.
-constexpr NamedBits kErrorFlags[] = {
-    {NLM_F_REQUEST, "REQUEST"}, {NLM_F_MULTI, "MULTI"},       {NLM_F_ACK, "ACK"},
-    {NLM_F_CAPPED, "CAPPED"},   {NLM_F_ACK_TLVS, "ACK_TLVS"},
-};
-
-constexpr NamedBits kProtocols[] = {
-    {NFC_PROTO_JEWEL_MASK, "JEWEL"},       {NFC_PROTO_MIFARE_MASK, "MIFARE"},
-    {NFC_PROTO_FELICA_MASK, "FELICA"},     {NFC_PROTO_ISO14443_MASK, "ISO14443"},
-    {NFC_PROTO_NFC_DEP_MASK, "NFC_DEP"},   {NFC_PROTO_ISO14443_B_MASK, "ISO14443_B"},
-    {NFC_PROTO_ISO15693_MASK, "ISO15693"},
-};
-
-constexpr NamedBits kOperationFlags[] = {
-    {GENL_ADMIN_PERM, "ADMIN_PERM"},
-    {GENL_CMD_CAP_DO, "DO"},
-    {GENL_CMD_CAP_DUMP, "DUMP"},
-    {GENL_CMD_CAP_HASPOL, "HASPOL"},
-};
-
-std::string BitNames(std::span<const NamedBits> names, std::uint32_t bits) {
-  std::string text;
-  for (const NamedBits& named : names) {
-    if ((bits & named.bits) == named.bits) {
-      text += (text.empty() ? "" : "|") + std::string(named.name);
-      bits &= ~named.bits;
-    }
-  }
-  if (bits != 0) {
-    text += fmt::format("{}{:#x}", text.empty() ? "" : "|", bits);
-  }
-  return text.empty() ? "0" : text;
-}
+constexpr Flag kErrorFlags[] = {{NLM_F_CAPPED, "CAPPED"}, {NLM_F_ACK_TLVS, "ACK_TLVS"}};
 
 /// The kernel's number for "restart the call". No header for programs names it, and yet it reaches a program
 /// when a signal ends the wait for the chip.
@@ -161,25 +126,25 @@ std::string CommandName(Family family, std::uint8_t number) {
   return command != nullptr ? command->name : std::to_string(number);
 }
 
-const Attribute* FindAttribute(Scope scope, std::uint16_t type) {
+std::string AttributeName(Family family, std::uint16_t type) {
   for (const Attribute& attribute : kAttributes) {
-    if (attribute.scope == scope && (attribute.type == type || attribute.name == nullptr)) {
-      return &attribute;
+    if (attribute.family == family && attribute.type == type) {
+      return attribute.name;
     }
   }
-  return nullptr;
+  return fmt::format("attribute {}", type);
 }
 
 std::string MessageFlagNames(std::uint32_t bits, bool isError) {
-  return isError ? BitNames(kErrorFlags, bits) : BitNames(kMessageFlags, bits);
-}
-
-std::string ProtocolNames(std::uint32_t bits) {
-  return BitNames(kProtocols, bits);
-}
-
-std::string OperationFlagNames(std::uint32_t bits) {
-  return BitNames(kOperationFlags, bits);
+  std::string text;
+  for (const Flag& flag :
+       isError ? std::span<const Flag>(kErrorFlags) : std::span<const Flag>(kMessageFlags)) {
+    if ((bits & flag.bits) == flag.bits) {
+      text += (text.empty() ? "" : "|") + std::string(flag.name);
+      bits &= ~flag.bits;
+    }
+  }
+  return bits == 0 ? text : fmt::format("{}{}{:#x}", text, text.empty() ? "" : "|", bits);
 }
 
 std::string ErrorName(int error) {

@@ -32,28 +32,10 @@ const Command* FindCommand(Family family, std::uint8_t number);
 /// "START_POLL", or the number when it has no name.
 std::string CommandName(Family family, std::uint8_t number);
 
-/// Which attributes may stand side by side.
-enum class Scope { Nfc, Controller, OperationList, Operation, GroupList, Group, Unknown };
-
-enum class ValueKind { Hex, U8, U16, U32, String, Protocols, OperationFlags, Nested };
-
-struct Attribute {
-  Scope scope;
-  std::uint16_t type;
-  /// Null for any entry of a list.
-  const char* name;
-  ValueKind kind = ValueKind::Hex;
-  /// Nested: what the value consists of.
-  Scope inner = Scope::Unknown;
-};
-
-/// Null for an unknown attribute. @param type without the flag bits
-const Attribute* FindAttribute(Scope scope, std::uint16_t type);
-
-/// "REQUEST|ACK|0x1000"; "0" when no bit is set.
+/// "NFC_ATTR_PROTOCOLS", or "attribute 99" when it has no name. @param type without the flag bits
+std::string AttributeName(Family family, std::uint16_t type);
+/// "REQUEST|ACK|0x1000"
 std::string MessageFlagNames(std::uint32_t bits, bool isError);
-std::string ProtocolNames(std::uint32_t bits);
-std::string OperationFlagNames(std::uint32_t bits);
 
 /// "EBUSY" for 16, or the number. @param error positive
 std::string ErrorName(int error);

@@ -1,9 +1,7 @@
 #include "tools/virtual-nfc/kernel/nfcdevice.h"
 
 #include <fmt/format.h>
-#include <linux/nfc.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 
@@ -14,37 +12,32 @@ namespace {
 /// The kernel keeps no more targets of one find.
 constexpr std::size_t kMaxTargets = 10;
 
-/// Readers of the two kinds: the one knows no Jewel, the other no NFC-DEP.
+/// Digital readers do not support Jewel, Nci readers do not support NFC-DEP.
 constexpr std::uint32_t kDigitalProtocols = 0xfc;
 constexpr std::uint32_t kNciProtocols = 0xde;
 
-/// In the order of Fault.
-constexpr std::string_view kFaultNames[] = {"poll-dead",  "deaf",    "out-of-step",
-                                            "chip-polls", "runaway", "target-active"};
-
 }  // namespace
 
-Fault ParseFault(std::string_view name) {
-  const auto* found = std::find(std::begin(kFaultNames), std::end(kFaultNames), name);
-  if (found == std::end(kFaultNames)) {
-    throw std::invalid_argument(
-        fmt::format("unknown fault '{}'; known are {}", name, fmt::join(kFaultNames, ", ")));
-  }
-  return static_cast<Fault>(found - std::begin(kFaultNames));
-}
-
 const std::vector<std::string>& FaultNames() {
-  static const std::vector<std::string> names(std::begin(kFaultNames), std::end(kFaultNames));
-  return names;
+  static const std::vector<std::string> kNames{"poll-dead",  "deaf",    "out-of-step",
+                                               "chip-polls", "runaway", "target-active"};
+  return kNames;
 }
 
-std::string_view FaultName(Fault fault) {
-  return kFaultNames[static_cast<std::size_t>(fault)];
+Fault ParseFault(std::string_view name) {
+  const auto& names = FaultNames();
+  const auto found = std::find(names.begin(), names.end(), name);
+  if (found == names.end()) {
+    throw std::invalid_argument(
+        fmt::format("unknown fault '{}'; known are {}", name, fmt::join(names, ", ")));
+  }
+  return static_cast<Fault>(found - names.begin());
 }
 
 NfcDevice::NfcDevice(std::uint32_t index, Stack stack, bool assumeAlready)
-    : mIndex(index), mStack(stack), mAssumeAlready(assumeAlready) {
-  static_assert(std::size(kFaultNames) == kFaults);
+    : mStack(stack), mAssumeAlready(assumeAlready) {
+  mStatus.index = index;
+  mStatus.name = fmt::format("nfc{}", index);
 }
 
 std::uint32_t NfcDevice::Protocols() const {
@@ -52,37 +45,31 @@ std::uint32_t NfcDevice::Protocols() const {
 }
 
 int NfcDevice::PowerUp() {
-  if (mRemoved) {
-    return ENODEV;
+  if (mStatus.removed || mStatus.powered) {
+    return mStatus.removed ? ENODEV : EALREADY;
   }
-  if (mPowered) {
-    return EALREADY;
-  }
-  mPowered = true;
+  mStatus.powered = true;
   return 0;
 }
 
 int NfcDevice::PowerDown() {
-  if (mRemoved) {
-    return ENODEV;
+  if (mStatus.removed || !mStatus.powered) {
+    return mStatus.removed ? ENODEV : EALREADY;
   }
-  if (!mPowered) {
-    return EALREADY;
-  }
-  if (mPolling || Has(Fault::TargetActive)) {
+  if (mStatus.polling || Has(Fault::TargetActive)) {
     return EBUSY;
   }
-  mPowered = false;
+  mStatus.powered = false;
   SetFault(Fault::OutOfStep, false);
   SetFault(Fault::ChipPolls, false);
   return 0;
 }
 
 int NfcDevice::CheckStartPoll(std::uint32_t mask) const {
-  if (mRemoved || !mPowered) {
+  if (mStatus.removed || !mStatus.powered) {
     return ENODEV;
   }
-  if (mPolling) {
+  if (mStatus.polling) {
     return mAssumeAlready ? EALREADY : EBUSY;
   }
   if (Has(Fault::TargetActive) || Has(Fault::OutOfStep) || Has(Fault::Runaway)) {
@@ -95,24 +82,24 @@ int NfcDevice::CheckStartPoll(std::uint32_t mask) const {
 }
 
 int NfcDevice::StartPoll(std::uint32_t port, std::uint32_t mask) {
-  if (const int error = CheckStartPoll(mask); error != 0) {
-    return error;
+  const int error = CheckStartPoll(mask);
+  if (error == 0) {
+    mStatus.polling = true;
+    mStatus.ownerPort = port;
+    mStatus.mask = mask;
+    ++mPollId;
   }
-  mPolling = true;
-  mOwnerPort = port;
-  mMask = mask;
-  ++mPollId;
-  return 0;
+  return error;
 }
 
 int NfcDevice::CheckStopPoll(std::uint32_t port) const {
-  if (!mPolling) {
+  if (!mStatus.polling) {
     return mAssumeAlready ? EALREADY : EINVAL;
   }
-  if (mOwnerPort != port) {
+  if (mStatus.ownerPort != port) {
     return EBUSY;
   }
-  return mRemoved ? ENODEV : 0;
+  return mStatus.removed ? ENODEV : 0;
 }
 
 int NfcDevice::StopPoll(std::uint32_t port) {
@@ -123,38 +110,24 @@ int NfcDevice::StopPoll(std::uint32_t port) {
   return error;
 }
 
-void NfcDevice::PortClosed(std::uint32_t port) {
-  if (CheckStopPoll(port) == 0) {
-    EndPoll();
-  }
-}
-
 void NfcDevice::SetFault(Fault fault, bool on) {
-  const bool endsPoll = fault == Fault::OutOfStep || fault == Fault::ChipPolls || fault == Fault::Runaway;
-  if (on && endsPoll) {
+  if (on && (fault == Fault::OutOfStep || fault == Fault::ChipPolls || fault == Fault::Runaway)) {
     EndPoll();
   }
-  mFaults[static_cast<std::size_t>(fault)] = on && (mPolling || fault != Fault::PollDead);
-}
-
-std::vector<Fault> NfcDevice::Faults() const {
-  std::vector<Fault> all;
-  for (std::size_t i = 0; i < kFaults; ++i) {
-    if (mFaults[i]) {
-      all.push_back(static_cast<Fault>(i));
-    }
+  std::erase(mStatus.faults, fault);
+  if (on && (mStatus.polling || fault != Fault::PollDead)) {
+    mStatus.faults.push_back(fault);
   }
-  return all;
 }
 
-/// Of the tags in front of it, those that the reader has a target for.
+/// Of the tags in front of the reader, those that become targets.
 std::vector<Tag> NfcDevice::KnownOf(std::vector<Tag> seen) const {
   if (mStack == Stack::Nci) {
-    std::erase_if(seen, [this](const Tag& tag) { return (tag.protocols & mMask) == 0; });
+    std::erase_if(seen, [this](const Tag& tag) { return (tag.protocols & mStatus.mask) == 0; });
     seen.resize(std::min(seen.size(), kMaxTargets));
     return seen;
   }
-  // One technology at a time, and two tags of the same answer at once, which nobody understands.
+  // A Digital reader looks for one technology at a time, and cannot tell apart two tags of the same one.
   for (const Tag& tag : seen) {
     const auto sameRadio = [&tag](const Tag& other) { return other.radio == tag.radio; };
     if (tag.protocols != 0 && std::count_if(seen.begin(), seen.end(), sameRadio) == 1) {
@@ -165,17 +138,17 @@ std::vector<Tag> NfcDevice::KnownOf(std::vector<Tag> seen) const {
 }
 
 bool NfcDevice::Detect(const std::vector<Tag>& field) {
-  if (Has(Fault::Deaf) || mRemoved) {
+  if (Has(Fault::Deaf) || mStatus.removed) {
     return false;
   }
   if (Has(Fault::Runaway)) {
     SetFault(Fault::Runaway, field.empty());
     return false;
   }
-  if (!mPolling || Has(Fault::PollDead)) {
+  if (!mStatus.polling || Has(Fault::PollDead)) {
     return false;
   }
-  const std::uint32_t mask = mStack == Stack::Nci ? mMask : mMask & Protocols();
+  const std::uint32_t mask = mStack == Stack::Nci ? mStatus.mask : mStatus.mask & Protocols();
   std::vector<Tag> seen = field;
   std::erase_if(seen, [mask](const Tag& tag) { return !IsPolled(mask, tag.radio); });
   const std::size_t count = seen.size();
@@ -186,21 +159,17 @@ bool NfcDevice::Detect(const std::vector<Tag>& field) {
   }
   mTargets.clear();
   for (Tag& tag : known) {
-    mTargets.push_back({mNextTarget++, std::move(tag)});
+    mTargets.push_back({mStatus.targetsFound++, std::move(tag)});
   }
   EndPoll();
   return true;
 }
 
-std::uint8_t NfcDevice::RfMode() const {
-  return Has(Fault::TargetActive) ? NFC_RF_INITIATOR : NFC_RF_NONE;
-}
-
 void NfcDevice::EndPoll() {
-  mPolling = false;
+  mStatus.polling = false;
   SetFault(Fault::PollDead, false);
-  mOwnerPort = 0;
-  mMask = 0;
+  mStatus.ownerPort = 0;
+  mStatus.mask = 0;
 }
 
 }  // namespace virtualnfc

@@ -1,11 +1,9 @@
 #pragma once
 
-// One NFC device as the kernel keeps it: power, polling and its owner, the last find. Pure state, no clock,
-// no sockets.
+// The kernel's state of one NFC device: power, poll and its owner, the last find. No clock, no sockets.
 
-#include <array>
+#include <algorithm>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,32 +17,46 @@ struct Target {
   Tag tag;
 };
 
-/// What goes wrong with a reader without an event and without an error.
+/// What goes wrong with a reader without an event and without an error. docs/man/virtual-nfc.1 describes the
+/// faults.
 enum class Fault {
-  /// A transfer to the reader failed, or its chip has reset itself: the poll finds nothing any more.
-  /// START_POLL
-  /// answers EBUSY and STOP_POLL 0 as if it were alive; the next poll is. Changes nothing while nobody polls.
+  /// The poll finds nothing more, but answers as if it did. Ends with the poll; needs a poll to start.
   PollDead,
-  /// Nothing is found, whatever commands come and though they succeed, until this ends. The reader cannot be
-  /// configured; or, when it ends with the device only, its driver never completes a transfer.
+  /// Nothing is found, although all commands succeed.
   Deaf,
-  /// Kernel and chip disagree whether it polls: START_POLL answers EBUSY and STOP_POLL EINVAL until the
-  /// device
-  /// is powered down. Nci.
+  /// Kernel and chip disagree whether the chip polls. Ends with the power. Nci.
   OutOfStep,
-  /// The chip goes on polling after STOP_POLL: as OutOfStep, but START_POLL answers EALREADY. Nci.
+  /// The chip goes on polling after STOP_POLL. Ends with the power. Nci.
   ChipPolls,
-  /// A poll that the kernel knows nothing of: as OutOfStep, but powering down does not end it. The next tag
-  /// does, and is not reported. Digital.
+  /// The reader polls without the kernel's knowledge, until the next tag, which is not reported. Digital.
   Runaway,
-  /// Another program has activated a target: START_POLL and DEV_DOWN answer EBUSY until it lets it go.
+  /// Another program has activated a target.
   TargetActive,
 };
 
 /// @throws std::invalid_argument naming the known ones
 Fault ParseFault(std::string_view name);
-std::string_view FaultName(Fault fault);
+/// In the order of Fault.
 const std::vector<std::string>& FaultNames();
+inline const std::string& FaultName(Fault fault) {
+  return FaultNames()[static_cast<std::size_t>(fault)];
+}
+
+struct DeviceStatus {
+  std::uint32_t index = 0;
+  std::string name;
+  bool powered = false;
+  bool polling = false;
+  /// Unplugged, but still listed.
+  bool removed = false;
+  std::uint32_t ownerPort = 0;
+  std::uint32_t mask = 0;
+  /// Targets found since the device was plugged in.
+  std::uint32_t targetsFound = 0;
+  std::vector<Fault> faults;
+
+  bool Has(Fault fault) const { return std::find(faults.begin(), faults.end(), fault) != faults.end(); }
+};
 
 /// All operations answer as the kernel does: 0 or a positive errno.
 class NfcDevice {
@@ -54,63 +66,43 @@ class NfcDevice {
 
   int PowerUp();
   int PowerDown();
-  /// @param port netlink port of the socket that asks; it owns the poll from then on
+  /// @param port netlink port of the asking socket, which becomes the owner of the poll
   int StartPoll(std::uint32_t port, std::uint32_t mask);
   int StopPoll(std::uint32_t port);
 
-  /// What StartPoll and StopPoll would answer, without doing it.
+  /// What StartPoll and StopPoll would answer.
   int CheckStartPoll(std::uint32_t mask) const;
   int CheckStopPoll(std::uint32_t port) const;
 
-  /// The owner's socket is gone: the kernel ends its poll.
-  void PortClosed(std::uint32_t port);
-
   void SetFault(Fault fault, bool on = true);
-  bool Has(Fault fault) const { return mFaults[static_cast<std::size_t>(fault)]; }
-  std::vector<Fault> Faults() const;
+  bool Has(Fault fault) const { return mStatus.Has(fault); }
 
-  /// The reader looks at what lies in its field. With Nci, a single tag without a known protocol kills the
-  /// poll. @returns whether targets were found, which ends the poll
+  /// The reader looks for the tags in its field. With Nci, a single tag without a known protocol kills the
+  /// poll.
+  /// @returns whether targets were found, which ends the poll
   bool Detect(const std::vector<Tag>& field);
-  /// A tag is found when nobody polls any more. It is counted all the same.
-  void DropFind() { ++mNextTarget; }
+  /// A tag is found after the poll has ended. It is counted all the same.
+  void DropFind() { ++mStatus.targetsFound; }
+  /// The device was unplugged. It answers as long as it stays listed.
+  void Remove() { mStatus.removed = true; }
 
-  /// The device has gone. One that stays listed for a while goes on answering, until its owner forgets it.
-  void Remove() { mRemoved = true; }
-
-  std::uint32_t Index() const { return mIndex; }
-  std::string Name() const { return "nfc" + std::to_string(mIndex); }
-  /// What it can, as in its GET_DEVICE answer.
+  const DeviceStatus& Status() const { return mStatus; }
+  std::uint32_t Index() const { return mStatus.index; }
+  /// The protocols it supports.
   std::uint32_t Protocols() const;
-  bool IsPowered() const { return mPowered; }
-  bool IsPolling() const { return mPolling; }
-  bool IsRemoved() const { return mRemoved; }
-  std::uint32_t OwnerPort() const { return mOwnerPort; }
-  std::uint32_t Mask() const { return mMask; }
-  /// Another one with each poll.
+  /// Unique per poll.
   std::uint32_t PollId() const { return mPollId; }
-  std::uint8_t RfMode() const;
-  /// The last find; it outlives the tag, the poll and the power.
+  /// The last find. It stays when the tag, the poll or the power goes.
   const std::vector<Target>& Targets() const { return mTargets; }
-  std::uint32_t TargetsCounted() const { return mNextTarget; }
 
  private:
   void EndPoll();
   std::vector<Tag> KnownOf(std::vector<Tag> seen) const;
 
-  static constexpr std::size_t kFaults = 6;
-
-  const std::uint32_t mIndex;
   const Stack mStack;
   const bool mAssumeAlready;
-  bool mPowered = false;
-  bool mPolling = false;
-  bool mRemoved = false;
-  std::array<bool, kFaults> mFaults{};
-  std::uint32_t mOwnerPort = 0;
-  std::uint32_t mMask = 0;
+  DeviceStatus mStatus;
   std::uint32_t mPollId = 0;
-  std::uint32_t mNextTarget = 0;
   std::vector<Target> mTargets;
 };
 

@@ -20,7 +20,7 @@ std::uint32_t MaskOf(const Request& request) {
   return initiator ? *initiator : GetU32(request.attributes, NFC_ATTR_PROTOCOLS).value_or(0);
 }
 
-/// The kernel looks at the lengths of numbers before any command sees them.
+/// The kernel checks the lengths of numbers before it looks at the command.
 bool HasShortNumber(const Request& request) {
   for (const std::uint16_t type : {NFC_ATTR_DEVICE_INDEX, NFC_ATTR_PROTOCOLS, NFC_ATTR_IM_PROTOCOLS}) {
     if (request.attributes.contains(type) && !GetU32(request.attributes, type)) {
@@ -35,7 +35,7 @@ bool HasShortNumber(const Request& request) {
 NfcKernel::NfcKernel(KernelSettings settings) : mSettings(std::move(settings)) {}
 
 NfcKernel::Result NfcKernel::Handle(const Request& request, std::uint32_t port) {
-  // Without the request flag, and below the first family's number, the kernel only acknowledges, if asked to.
+  // Without the request flag, or with a type below the families, the kernel only acknowledges, if asked to.
   if ((request.header.nlmsg_flags & NLM_F_REQUEST) == 0 || request.header.nlmsg_type < NLMSG_MIN_TYPE) {
     return Acknowledge(request, port, 0, {});
   }
@@ -236,7 +236,7 @@ int NfcKernel::ErrorOfVanishedChip(const Request& request, std::optional<std::ui
     return 0;
   }
   const NfcDevice* found = FindDevice(*device);
-  return found == nullptr || found->IsRemoved() ? ETIMEDOUT : 0;
+  return found == nullptr || found->Status().removed ? ETIMEDOUT : 0;
 }
 
 bool NfcKernel::IsOneOf(const Request& request, std::initializer_list<int> commands) {
@@ -264,9 +264,9 @@ NfcKernel::Result NfcKernel::Interrupt(const Request& request, std::uint32_t por
     if (mask == 0 || device->CheckStartPoll(mask) != 0) {
       return Handle(request, port);
     }
-    // The chip polls and the kernel does not know.
+    // The chip polls without the kernel's knowledge.
     device->SetFault(Fault::OutOfStep);
-  } else if (device->IsPowered() || device->IsRemoved()) {
+  } else if (device->Status().powered || device->Status().removed) {
     return Handle(request, port);
   }
   return Refuse(request, port, kRestartSys);
@@ -279,11 +279,11 @@ MessageBuilder NfcKernel::Reply(const Request& request, std::uint16_t flags, std
 }
 
 Bytes NfcKernel::PutDevice(MessageBuilder message, const NfcDevice& device) {
-  return message.String(NFC_ATTR_DEVICE_NAME, device.Name())
+  return message.String(NFC_ATTR_DEVICE_NAME, device.Status().name)
       .U32(NFC_ATTR_DEVICE_INDEX, device.Index())
       .U32(NFC_ATTR_PROTOCOLS, device.Protocols())
-      .U8(NFC_ATTR_DEVICE_POWERED, device.IsPowered() ? 1 : 0)
-      .U8(NFC_ATTR_RF_MODE, device.RfMode())
+      .U8(NFC_ATTR_DEVICE_POWERED, device.Status().powered ? 1 : 0)
+      .U8(NFC_ATTR_RF_MODE, device.Has(Fault::TargetActive) ? NFC_RF_INITIATOR : NFC_RF_NONE)
       .Finish();
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// The generic-netlink side of a kernel with NFC: the controller family and the family "nfc" over a number of
-// devices. Request in, answer out. No clock, no threads, no sockets.
+// The generic-netlink side of a kernel with NFC: the controller family and the family "nfc" with its devices.
+// Request in, answer out. No clock, no threads, no sockets.
 
 #include <linux/nfc.h>
 
@@ -20,17 +20,18 @@ namespace virtualnfc {
 
 struct KernelSettings {
   Stack stack = Stack::Digital;
-  /// Given out by a kernel at run time, so another one has other numbers.
+  /// A kernel assigns these numbers at run time.
   std::uint16_t familyId = 20;
   std::uint32_t groupId = 3;
   std::string groupName = "events";
   /// False: a kernel without NFC.
   bool hasFamily = true;
-  /// False: joining the events group takes a privilege that the programs do not have (EPERM).
+  /// False: programs lack the privilege to join the events group (EPERM).
   bool admitsListeners = true;
-  /// False: the programs have no CAP_NET_ADMIN, and may not switch power or polling.
+  /// False: programs lack CAP_NET_ADMIN and may not switch power or polling (EPERM).
   bool privileged = true;
-  /// START_POLL while polling and STOP_POLL while not polling answer EALREADY, which this kernel does not do.
+  /// START_POLL while polling and STOP_POLL while not polling answer EALREADY. The real kernel does not do
+  /// this.
   bool assumeAlready = false;
 };
 
@@ -47,7 +48,7 @@ class NfcKernel {
     Answer answer;
     /// The errno of the answer, 0 for success.
     int error = 0;
-    /// The device on which START_POLL was carried out.
+    /// The device whose poll a START_POLL has started.
     std::optional<std::uint32_t> startedPoll;
   };
 
@@ -55,44 +56,42 @@ class NfcKernel {
   /// @param port netlink port of the asking socket
   Result Handle(const Request& request, std::uint32_t port);
 
-  /// Answers the request with an error without carrying it out.
-  /// @param error positive; any number, also one that no header for programs names
+  /// Answers the request with an error without carrying it out. @param error positive
   Result Refuse(const Request& request, std::uint32_t port, int error) const;
 
-  /// What the rules are asked about; none for a message that is no command of a family here.
+  /// The command, as rules see it; nothing when the message is no command of these families.
   std::optional<Occurrence> Classify(const Request& request, std::uint32_t port) const;
 
-  /// What becomes of a command that has waited for the chip of a device which has gone in the meantime: an
-  /// errno, or 0 when the command is carried out as any other.
+  /// The errno of a command whose device was unplugged while it waited for the chip; 0 when the command is to
+  /// be carried out.
   /// @param device the one that was there when the command began
   int ErrorOfVanishedChip(const Request& request, std::optional<std::uint32_t> device);
 
   static bool SwitchesPower(const Request& request) {
     return IsOneOf(request, {NFC_CMD_DEV_UP, NFC_CMD_DEV_DOWN});
   }
-  /// These commands need an answer of the chip.
+  /// Whether the command fails without an answer of the chip.
   static bool NeedsChip(const Request& request) {
     return IsOneOf(request, {NFC_CMD_DEV_UP, NFC_CMD_START_POLL});
   }
   static bool UsesDevice(const Request& request) {
     return IsOneOf(request, {NFC_CMD_DEV_UP, NFC_CMD_DEV_DOWN, NFC_CMD_START_POLL, NFC_CMD_STOP_POLL});
   }
-  /// Whether a signal ends the wait for this command's chip. The others wait for something else, and go on;
-  /// with Digital all do.
+  /// Whether a signal ends this command's wait for the chip. With Digital it never does.
   bool IsInterruptible(const Request& request) const;
 
-  /// A signal has ended the wait for the chip.
+  /// The result when a signal has ended the wait for the chip.
   Result Interrupt(const Request& request, std::uint32_t port);
 
-  /// Whether a tag that is found in this moment holds the command up: a STOP_POLL that ends a poll, with Nci.
+  /// Whether the find of a tag at this moment would delay the command: a STOP_POLL that ends a poll, with
+  /// Nci.
   bool CanCross(const Request& request, std::uint32_t port);
 
-  /// A new device, with the given number.
   NfcDevice& AddDevice(std::uint32_t index);
   void EraseDevice(std::uint32_t index);
   /// Null when no such device is listed.
   NfcDevice* FindDevice(std::uint32_t index);
-  /// In the order they came.
+  /// In the order in which they were plugged in.
   const std::vector<std::unique_ptr<NfcDevice>>& Devices() const { return mDevices; }
 
   /// DEVICE_ADDED, DEVICE_REMOVED or TARGETS_FOUND of the device with this number.
@@ -104,7 +103,7 @@ class NfcKernel {
   Result Acknowledge(const Request& request, std::uint32_t port, int error, Result result) const;
   Result HandleDump(const Request& request, std::uint32_t port);
   int Execute(const Request& request, std::uint32_t port, Result& result);
-  /// The device that the request is about; null when it names none, or one that is not there.
+  /// Null when the request names no device or one that is not listed.
   NfcDevice* DeviceOf(const Request& request);
   MessageBuilder Reply(const Request& request, std::uint16_t flags, std::uint32_t port) const;
   static Bytes PutDevice(MessageBuilder message, const NfcDevice& device);

@@ -4,6 +4,7 @@
 #include <linux/nfc.h>
 
 #include <algorithm>
+#include <charconv>
 #include <stdexcept>
 
 namespace virtualnfc {
@@ -35,63 +36,37 @@ const KindInfo& InfoOf(TagKind kind) {
 
 template <typename Value>
 Bytes NumberBytes(Value value) {
-  const auto* begin = reinterpret_cast<const std::uint8_t*>(&value);
-  return Bytes(begin, begin + sizeof(value));
-}
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') {
-    return c - '0';
-  }
-  if (c >= 'a' && c <= 'f') {
-    return c - 'a' + 10;
-  }
-  if (c >= 'A' && c <= 'F') {
-    return c - 'A' + 10;
-  }
-  return -1;
+  const ByteView bytes = BytesOf(value);
+  return Bytes(bytes.begin(), bytes.end());
 }
 
 void RequireLength(const KindInfo& info, const Bytes& uid, std::initializer_list<std::size_t> allowed) {
-  if (std::find(allowed.begin(), allowed.end(), uid.size()) != allowed.end()) {
-    return;
+  if (std::find(allowed.begin(), allowed.end(), uid.size()) == allowed.end()) {
+    throw std::invalid_argument(fmt::format("a tag of kind {} has a UID of {} bytes, not {}", info.name,
+                                            fmt::join(allowed, ", "), uid.size()));
   }
-  std::string lengths;
-  for (const std::size_t length : allowed) {
-    lengths += (lengths.empty() ? "" : ", ") + std::to_string(length);
-  }
-  throw std::invalid_argument(
-      fmt::format("a tag of kind {} has a UID of {} bytes, not of {}", info.name, lengths, uid.size()));
 }
 
-/// The bytes, filled up with what such tags commonly answer after their number.
-Bytes Completed(Bytes number, std::initializer_list<std::uint8_t> rest) {
-  number.insert(number.end(), rest);
-  return number;
+void Append(Bytes& bytes, std::initializer_list<std::uint8_t> more) {
+  bytes.insert(bytes.end(), more);
 }
 
 }  // namespace
 
 Bytes ParseHex(std::string_view text) {
   Bytes bytes;
-  int high = -1;
-  for (const char c : text) {
-    if (c == ':' && high < 0) {
-      continue;
-    }
-    const int digit = HexDigit(c);
-    if (digit < 0) {
+  for (std::size_t at = 0; at < text.size(); at += 2) {
+    at += text[at] == ':' && at + 1 < text.size() ? 1 : 0;
+    std::uint8_t byte = 0;
+    const char* end = text.data() + std::min(at + 2, text.size());
+    const auto [stop, failure] = std::from_chars(text.data() + at, end, byte, 16);
+    if (failure != std::errc() || stop != end) {
       throw std::invalid_argument(fmt::format("'{}' is not hexadecimal", text));
     }
-    if (high < 0) {
-      high = digit;
-    } else {
-      bytes.push_back(static_cast<std::uint8_t>(high * 16 + digit));
-      high = -1;
+    if (at + 2 > text.size()) {
+      throw std::invalid_argument(fmt::format("'{}' ends in half a byte", text));
     }
-  }
-  if (high >= 0) {
-    throw std::invalid_argument(fmt::format("'{}' ends in half a byte", text));
+    bytes.push_back(byte);
   }
   return bytes;
 }
@@ -100,12 +75,9 @@ Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
   const KindInfo& info = InfoOf(kind);
   Bytes bytes = ParseHex(uid);
   Tag tag{std::string(uid), info.radio, info.protocols, {}, fmt::format("{} {}", info.name, uid)};
+  // The upper bits of SENS_RES tell the length of an NFC-A number.
   const bool isA = info.radio == Radio::A;
-  // Its upper bits tell the length of the number.
-  const std::uint16_t sensRes = !isA                 ? 0x0000
-                                : bytes.size() == 7  ? 0x0044
-                                : bytes.size() == 10 ? 0x0084
-                                                     : 0x0004;
+  const std::uint16_t sensRes = !isA ? 0x00 : bytes.size() == 7 ? 0x44 : bytes.size() == 10 ? 0x84 : 0x04;
   tag.attributes = {{NFC_ATTR_PROTOCOLS, NumberBytes(info.protocols)},
                     {NFC_ATTR_TARGET_SENS_RES, NumberBytes(sensRes)},
                     {NFC_ATTR_TARGET_SEL_RES, NumberBytes(info.selRes)}};
@@ -119,7 +91,7 @@ Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
     case Radio::B:
       RequireLength(info, bytes, {4, 11});
       if (bytes.size() == 4) {
-        bytes = Completed(std::move(bytes), {0x00, 0x00, 0x00, 0x00, 0x80, 0x80, 0x71});
+        Append(bytes, {0x00, 0x00, 0x00, 0x00, 0x80, 0x80, 0x71});
       }
       if (stack == Stack::Nci) {
         tag.attributes.emplace_back(NFC_ATTR_TARGET_SENSB_RES, std::move(bytes));
@@ -128,9 +100,9 @@ Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
     case Radio::F:
       RequireLength(info, bytes, {8, std::size_t{stack == Stack::Nci ? 16U : 17U}, 18});
       if (bytes.size() == 8) {
-        bytes = Completed(std::move(bytes), {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4E, 0xFF});
+        Append(bytes, {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4E, 0xFF});
         if (stack == Stack::Nci) {
-          bytes = Completed(std::move(bytes), {0x12, 0xFC});
+          Append(bytes, {0x12, 0xFC});
         } else {
           bytes.insert(bytes.begin(), 0x01);
         }
@@ -139,7 +111,7 @@ Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
       break;
     case Radio::V:
       RequireLength(info, bytes, {8});
-      // Over the air, and so from the kernel, the printed number comes last byte first.
+      // The printed number is sent, and reported, last byte first.
       std::reverse(bytes.begin(), bytes.end());
       tag.attributes.emplace_back(NFC_ATTR_TARGET_ISO15693_DSFID, Bytes{0x00});
       tag.attributes.emplace_back(NFC_ATTR_TARGET_ISO15693_UID, std::move(bytes));
@@ -154,14 +126,14 @@ Tag MakeRawTag(std::uint32_t protocols, std::vector<std::pair<std::uint16_t, Byt
 }
 
 const std::vector<std::string>& TagKindNames() {
-  static const std::vector<std::string> names = [] {
+  static const std::vector<std::string> kNames = [] {
     std::vector<std::string> all;
     for (const KindInfo& info : kKinds) {
       all.emplace_back(info.name);
     }
     return all;
   }();
-  return names;
+  return kNames;
 }
 
 TagKind ParseTagKind(std::string_view name) {
@@ -175,23 +147,11 @@ TagKind ParseTagKind(std::string_view name) {
 }
 
 bool IsPolled(std::uint32_t protocolMask, Radio radio) {
-  std::uint32_t wanted = 0;
-  switch (radio) {
-    case Radio::A:
-      wanted =
-          NFC_PROTO_JEWEL_MASK | NFC_PROTO_MIFARE_MASK | NFC_PROTO_ISO14443_MASK | NFC_PROTO_NFC_DEP_MASK;
-      break;
-    case Radio::B:
-      wanted = NFC_PROTO_ISO14443_B_MASK;
-      break;
-    case Radio::F:
-      wanted = NFC_PROTO_FELICA_MASK | NFC_PROTO_NFC_DEP_MASK;
-      break;
-    case Radio::V:
-      wanted = NFC_PROTO_ISO15693_MASK;
-      break;
-  }
-  return (protocolMask & wanted) != 0;
+  // In the order of Radio.
+  constexpr std::uint32_t kWanted[] = {
+      NFC_PROTO_JEWEL_MASK | NFC_PROTO_MIFARE_MASK | NFC_PROTO_ISO14443_MASK | NFC_PROTO_NFC_DEP_MASK,
+      NFC_PROTO_ISO14443_B_MASK, NFC_PROTO_FELICA_MASK | NFC_PROTO_NFC_DEP_MASK, NFC_PROTO_ISO15693_MASK};
+  return (protocolMask & kWanted[static_cast<std::size_t>(radio)]) != 0;
 }
 
 }  // namespace virtualnfc

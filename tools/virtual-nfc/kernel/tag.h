@@ -1,6 +1,6 @@
 #pragma once
 
-// Tags as the reader sees them: what the kernel reports of each kind of tag.
+// Tags, and what the kernel reports of each kind.
 
 #include <cstdint>
 #include <string>
@@ -12,38 +12,39 @@
 
 namespace virtualnfc {
 
-/// What drives the reader within the kernel; the two differ in what they report and in how they fail.
+/// The part of the kernel that drives the reader; the two differ in what they report and in how they fail.
 /// Digital: the kernel does the protocol, the reader only sends frames. Nci: the chip does the protocol.
 enum class Stack { Digital, Nci };
 
 /// The radio technology by which a tag is found.
 enum class Radio { A, B, F, V };
 
-/// Foreign: an NFC-A tag with a protocol the kernel has no name for. Digital does not find it; with Nci it
-/// kills the poll.
+/// Foreign: an NFC-A tag whose protocol the kernel does not know. Digital does not find it; with Nci it kills
+/// the poll.
 enum class TagKind { Mifare, Felica, Iso14443A, NfcDep, Iso14443B, Iso15693, Foreign };
 
 struct Tag {
   /// For people: the UID as it is printed on the tag, or a remark.
   std::string label;
   Radio radio = Radio::A;
-  /// NFC_PROTO_*_MASK. 0: no kernel knows the tag; Nci knows it when the polling mask has one of its bits.
+  /// NFC_PROTO_*_MASK; 0: unknown to the kernel. Nci finds the tag when the polling mask has one of these
+  /// bits.
   std::uint32_t protocols = 0;
-  /// All attributes of its target message but the index, in order.
+  /// The attributes of its target message after the index, in order.
   std::vector<std::pair<std::uint16_t, Bytes>> attributes;
-  /// The words by which it can be made again, "mifare 04A12B5C"; empty for one with attributes of its own.
+  /// As in a control line, "mifare 04A12B5C"; empty for MakeRawTag.
   std::string words = {};
 };
 
-/// A tag as that stack reports its kind.
+/// A tag of this kind, as the stack reports it.
 /// @param uid hexadecimal as printed on the tag, colons allowed. NFC-A kinds: 4, 7 or 10 bytes, or none for a
-/// tag whose chip gave no number. Felica: the 8 bytes of the IDm, or the whole SENSF_RES as reported
-/// (Digital: 17 or 18 bytes, response code first; Nci: 16 or 18). ISO 14443-B: the 4 bytes of the PUPI, or
-/// the whole SENSB_RES of 11, which Digital does not report. ISO 15693: 8 bytes, E0 first.
+/// tag without a number. Felica: the 8 bytes of the IDm, or the whole SENSF_RES (Digital: 17 or 18 bytes,
+/// response code first; Nci: 16 or 18). ISO 14443-B: the 4 bytes of the PUPI, or the whole SENSB_RES of 11
+/// bytes, which Digital does not report. ISO 15693: 8 bytes, E0 first.
 /// @throws std::invalid_argument saying what is wrong with the UID
 Tag MakeTag(TagKind kind, std::string_view uid, Stack stack = Stack::Digital);
 
-/// A tag with attributes of one's own, for what no reader should report: any bytes, in any order.
+/// A tag with any attributes, in any order, also ones that no reader should report.
 Tag MakeRawTag(std::uint32_t protocols, std::vector<std::pair<std::uint16_t, Bytes>> attributes,
                Radio radio = Radio::A);
 
@@ -56,7 +57,7 @@ const std::vector<std::string>& TagKindNames();
 /// @throws std::invalid_argument
 Bytes ParseHex(std::string_view text);
 
-/// Whether polling for these protocols makes the chip look for tags of this technology.
+/// Whether a poll for these protocols looks for tags of this technology.
 bool IsPolled(std::uint32_t protocolMask, Radio radio);
 
 }  // namespace virtualnfc

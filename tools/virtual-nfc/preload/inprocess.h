@@ -8,8 +8,8 @@
 
 namespace virtualnfc {
 
-/// The simulated kernel of this very process: while it lives, netlink sockets that are made here belong to
-/// it. One at a time. The program must be linked with the interposer.
+/// A simulated kernel for this process: while it exists, netlink sockets of this process are connected to it.
+/// One at a time. The program must be linked with the interposer.
 class InProcessVirtualNfc : public VirtualNfc {
  public:
   explicit InProcessVirtualNfc(VirtualNfcSettings settings = {}) : VirtualNfc(std::move(settings)) {

@@ -154,20 +154,16 @@ int SetMembership(NetlinkSocket& socket, int option, const void* value, socklen_
     return Fail(EINVAL);
   }
   std::memcpy(&group, value, sizeof(group));
+  const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
   const bool joins = option == NETLINK_ADD_MEMBERSHIP;
   if (socket.Ask(joins ? wire::Operation::Join : wire::Operation::Leave, group, 0) != 0) {
     return -1;
   }
-  socket.SetMembership(group, joins);
-  return 0;
-}
-
-int AnswerNumber(int number, void* value, socklen_t* length) {
-  if (*length < sizeof(number)) {
-    return Fail(EINVAL);
+  if (joins) {
+    socket.AddGroups(mask);
+  } else {
+    socket.RemoveGroups(mask);
   }
-  std::memcpy(value, &number, sizeof(number));
-  *length = sizeof(number);
   return 0;
 }
 
@@ -216,11 +212,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
   if (ours->Ask(wire::Operation::Bind, wanted.nl_pid, wanted.nl_groups) != 0) {
     return -1;
   }
-  for (std::uint32_t bit = 0; bit < 32; ++bit) {
-    if ((wanted.nl_groups & (std::uint32_t{1} << bit)) != 0) {
-      ours->SetMembership(bit + 1, true);
-    }
-  }
+  ours->AddGroups(wanted.nl_groups);
   return 0;
 }
 
@@ -229,17 +221,8 @@ int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
   if (!ours) {
     return Real().getsockname(fd, address, length);
   }
-  virtualnfc::CopyNetlinkAddress(virtualnfc::MakeNetlinkAddress(ours->Port(), ours->GroupMask()), address,
+  virtualnfc::CopyNetlinkAddress(virtualnfc::MakeNetlinkAddress(ours->Port(), ours->Groups()), address,
                                  *length);
-  return 0;
-}
-
-int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
-  const auto ours = Table().Find(fd);
-  if (!ours) {
-    return Real().getpeername(fd, address, length);
-  }
-  virtualnfc::CopyNetlinkAddress(virtualnfc::MakeNetlinkAddress(0, 0), address, *length);
   return 0;
 }
 
@@ -264,24 +247,6 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
     }
   }
   return Real().setsockopt(fd, level, option, value, length);
-}
-
-int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
-  const auto ours = Table().Find(fd);
-  if (ours && level == SOL_NETLINK) {
-    return virtualnfc::Fail(ENOPROTOOPT);
-  }
-  if (ours && level == SOL_SOCKET) {
-    // All other options have the right value on the data socket.
-    constexpr std::pair<int, int> kOwn[] = {
-        {SO_DOMAIN, AF_NETLINK}, {SO_PROTOCOL, NETLINK_GENERIC}, {SO_TYPE, SOCK_RAW}};
-    for (const auto& [name, number] : kOwn) {
-      if (option == name) {
-        return virtualnfc::AnswerNumber(number, value, length);
-      }
-    }
-  }
-  return Real().getsockopt(fd, level, option, value, length);
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {

@@ -1,14 +1,14 @@
 #pragma once
 
-// Takes the generic-netlink sockets of this process to a VirtualNfc server, by defining the socket calls of
-// the C library. All other sockets and descriptors go to the C library untouched.
+// Connects the generic-netlink sockets of this process to a VirtualNfc server, by defining the socket calls
+// of the C library. All other sockets and descriptors go to the C library unchanged.
 //
-// Where the server is: the address set here, else the environment variable VIRTUAL_NFC_SOCKET. Without
-// either, making a generic-netlink socket fails with EPROTONOSUPPORT; the real kernel is never reached.
+// The server's address is the one set here, else the environment variable VIRTUAL_NFC_SOCKET. Without both,
+// creating a generic-netlink socket fails with EPROTONOSUPPORT; the real kernel is never reached.
 
 namespace virtualnfc {
 
-/// For sockets that are made from now on. Any thread. @param address null or empty: as if never set
+/// For sockets created from now on. Any thread. @param address null or empty: as if never set
 void SetInterposedServer(const char* address);
 
 /// How many netlink sockets this process has open, for tests that look for leaks. Any thread.

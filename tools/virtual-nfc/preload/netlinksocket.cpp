@@ -162,13 +162,4 @@ ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
   }
 }
 
-void NetlinkSocket::SetMembership(std::uint32_t group, bool isMember) {
-  const std::uint32_t bit = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
-  if (isMember) {
-    mGroups |= bit;
-  } else {
-    mGroups &= ~bit;
-  }
-}
-
 }  // namespace virtualnfc

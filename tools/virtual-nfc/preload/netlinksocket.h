@@ -49,9 +49,10 @@ class NetlinkSocket {
   ssize_t Receive(int fd, msghdr& message, int flags);
 
   std::uint32_t Port() const { return mPort; }
-  void SetMembership(std::uint32_t group, bool isMember);
-  /// The groups up to 32, one bit for each.
-  std::uint32_t GroupMask() const { return mGroups; }
+  /// The groups up to 32 that the socket has joined, one bit for each.
+  std::uint32_t Groups() const { return mGroups; }
+  void AddGroups(std::uint32_t mask) { mGroups |= mask; }
+  void RemoveGroups(std::uint32_t mask) { mGroups &= ~mask; }
 
  private:
   NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data);

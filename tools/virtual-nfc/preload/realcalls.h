@@ -1,6 +1,6 @@
 #pragma once
 
-// The socket calls of the C library, for the interposer, whose own definitions hide them.
+// The socket calls of the C library, which the interposer's own definitions hide.
 
 #include <dlfcn.h>
 #include <sys/socket.h>
@@ -9,11 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 
-// A sanitizer that is linked into the program itself has its own definitions under these names; ours take the
-// place of the plain ones, so they would not be found by looking further.
-#define VIRTUAL_NFC_CALLS(apply)                                                                      \
-  apply(socket) apply(bind) apply(getsockname) apply(getpeername) apply(setsockopt) apply(getsockopt) \
-      apply(sendmsg) apply(sendto) apply(send) apply(recvmsg) apply(recvfrom) apply(recv) apply(close)
+// A sanitizer in the program has its own definitions under these names. Ours replace them, so dlsym would
+// skip them.
+#define VIRTUAL_NFC_CALLS(apply)                                                                          \
+  apply(socket) apply(bind) apply(getsockname) apply(setsockopt) apply(sendmsg) apply(sendto) apply(send) \
+      apply(recvmsg) apply(recvfrom) apply(recv) apply(close)
 #define VIRTUAL_NFC_DECLARE(name) extern "C" [[gnu::weak]] decltype(name) __interceptor_##name;
 VIRTUAL_NFC_CALLS(VIRTUAL_NFC_DECLARE)
 

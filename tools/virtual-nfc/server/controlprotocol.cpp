@@ -38,7 +38,7 @@ std::string StatusAsJson(const Status& status) {
     one["targetsFound"] = device.targetsFound;
     one["faults"] = Json::arrayValue;
     for (const Fault fault : device.faults) {
-      one["faults"].append(std::string(FaultName(fault)));
+      one["faults"].append(FaultName(fault));
     }
   }
   json["tags"] = Json::arrayValue;

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kMaxLine = 4096;
 constexpr std::size_t kMaxConnections = 32;
-/// The others are for whoever steers the server.
+/// Leaves connections for other commands.
 constexpr std::size_t kMaxRecorders = 8;
 constexpr std::chrono::seconds kPatience{5};
 
@@ -52,13 +52,12 @@ std::string ControlServer::BeginRecord(Connection& connection, std::uint32_t cou
   if (mRecorders == kMaxRecorders) {
     return fmt::format("{}{} programs record already\n", kRecordError, kMaxRecorders);
   }
-  connection.recorder = std::make_unique<Recorder>(mServer, count, [this] { Wake(); });
   ++mRecorders;
+  connection.recorder = std::make_unique<Recorder>(mServer, count, [this] { Wake(); });
   Wake();
   return {};
 }
 
-/// Hands over what has been recorded. @returns false when the connection is done with
 bool ControlServer::Record(Connection& connection, short happened) {
   char ignored = 0;
   bool isOver = (happened & (POLLIN | POLLHUP | POLLERR)) != 0 &&
@@ -96,22 +95,20 @@ bool ControlServer::Serve(Connection& connection) {
     return true;
   }
   const std::string_view line = std::string_view(connection.line).substr(0, end);
-  std::string reply = "error: the line is too long\n";
+  std::string reply;
   try {
-    const auto count = isTooLong ? std::nullopt : ParseRecordLine(line);
-    if (count) {
+    if (isTooLong) {
+      reply = "error: the line is too long\n";
+    } else if (const auto count = ParseRecordLine(line)) {
       reply = BeginRecord(connection, *count);
-      if (connection.recorder) {
-        return true;
-      }
-    } else if (!isTooLong) {
+    } else {
       reply = HandleControlLine(mServer, line);
     }
   } catch (const std::invalid_argument& error) {
     reply = fmt::format("error: {}\n", error.what());
   }
   (void)::send(connection.fd.Get(), reply.data(), reply.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-  return false;
+  return connection.recorder != nullptr;
 }
 
 void ControlServer::Run() {
@@ -130,7 +127,7 @@ void ControlServer::Run() {
     if (mStop) {
       return;
     }
-    // Before what was recorded is taken: what comes afterwards wakes again.
+    // Read before the recorders are asked, so that later text wakes this thread again.
     std::uint64_t ignored = 0;
     (void)!::read(mWake.Get(), &ignored, sizeof(ignored));
     const auto now = std::chrono::steady_clock::now();

@@ -13,9 +13,9 @@
 
 namespace virtualnfc {
 
-/// Takes control lines for a server from other processes: one line for each connection, which ends with the
-/// reply, or goes on for as long as something is to be recorded. A program that does not read never holds it
-/// up. Works from construction to destruction on a thread of its own; the server must outlive it.
+/// Takes control lines for a server from other processes, one line per connection. The connection ends with
+/// the reply; a connection that records stays open. A program that does not read never blocks the others.
+/// Works from construction to destruction on a thread of its own; the server must outlive it.
 class ControlServer {
  public:
   /// @throws std::runtime_error when it cannot listen
@@ -36,7 +36,7 @@ class ControlServer {
   };
 
   void Run();
-  /// @returns false when the connection is done with
+  // Both return false when the connection is finished.
   bool Serve(Connection& connection);
   bool Record(Connection& connection, short happened);
   std::string BeginRecord(Connection& connection, std::uint32_t count);
@@ -51,8 +51,8 @@ class ControlServer {
   std::thread mThread;
 };
 
-/// Asks the server at this address, and waits that long at most.
-/// @returns its reply; empty, with errno, when it cannot be reached or does not reply
+/// Sends one line to the server at this address and waits for the reply.
+/// @returns the reply; empty, with errno, when the server cannot be reached or does not reply in time
 std::string AskServer(const std::string& address, const std::string& line,
                       std::chrono::seconds patience = std::chrono::seconds(5));
 

@@ -9,15 +9,15 @@ namespace virtualnfc {
 
 enum class SocketChange { Opened, Bound, Joined, Left, Interrupted, Closed };
 
-/// Is told of all that programs and the simulated kernel say to each other. The calls come from any thread,
-/// one at a time, with the server's lock held: they must return at once and call nothing of the server.
+/// Sees everything between programs and the simulated kernel. The calls come from any thread, one at a time,
+/// with the server's lock held: they must return at once and must not call the server.
 class NetlinkObserver {
  public:
   virtual ~NetlinkObserver() = default;
 
-  /// @param socket another one for each socket that there ever was
-  /// @param number the port, or the group
-  /// @param error what a program that wants to join is told, or 0
+  /// @param socket unique per socket; never reused
+  /// @param number the port or the group
+  /// @param error the result of joining: an errno or 0
   virtual void OnSocket(std::uint64_t socket, SocketChange change, std::uint32_t number, int error) = 0;
   /// One datagram from the program to the kernel.
   virtual void OnSent(std::uint64_t socket, ByteView datagram) = 0;
@@ -25,8 +25,8 @@ class NetlinkObserver {
   /// @param isLost the program's receive buffer was full
   virtual void OnDelivered(std::uint64_t socket, std::uint32_t sender, std::uint32_t groups,
                            ByteView datagram, bool isLost) = 0;
-  /// @param words as of a control line: "tap mifare 04A12B5C", "unplug 0"; or "# " and what no control line
-  /// can do
+  /// Something changed at the reader or the rules.
+  /// @param words as in a control line, "tap mifare 04A12B5C"; or "# " and a remark
   virtual void OnReader(std::string_view words) = 0;
 };
 

@@ -8,7 +8,7 @@
 
 namespace virtualnfc {
 
-/// What is to be done later, in order of time. Not thread-safe; the owner's thread runs what is due.
+/// Actions to run later, in order of time. Not thread-safe; the owner's thread runs them.
 class Timers {
  public:
   using Clock = std::chrono::steady_clock;
@@ -22,7 +22,7 @@ class Timers {
     return mPending.empty() ? std::nullopt : std::optional(mPending.begin()->first);
   }
 
-  /// Runs what is due; actions may add others.
+  /// Runs all that are due; an action may add others.
   void RunDue() {
     const Clock::time_point now = Clock::now();
     while (!mPending.empty() && mPending.begin()->first <= now) {

@@ -52,7 +52,7 @@ UnixListener::UnixListener(std::string address, int type) : mAddress(std::move(a
   }
   if (error != 0) {
     const std::string reason =
-        error == EADDRINUSE ? "somebody serves there already, or it is no socket" : ErrorText(error);
+        error == EADDRINUSE ? "another server listens there, or it is not a socket" : ErrorText(error);
     throw std::runtime_error(fmt::format("cannot listen on {}: {}", mAddress, reason));
   }
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Unix sockets by address text: a path, or "@name" for an abstract name that leaves nothing on disk.
+// Unix sockets by address: a path, or "@name" for an abstract name, which leaves no file.
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -30,7 +30,7 @@ inline socklen_t FillUnixAddress(std::string_view text, sockaddr_un& address) {
   return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + text.size() + (isAbstract ? 0 : 1));
 }
 
-/// @returns a connected socket, or one that is not open and errno
+/// @returns a connected socket, or a closed descriptor with errno
 inline UniqueFd ConnectUnix(std::string_view text, int type) {
   sockaddr_un address{};
   const socklen_t length = FillUnixAddress(text, address);
@@ -47,11 +47,12 @@ inline UniqueFd ConnectUnix(std::string_view text, int type) {
   return fd;
 }
 
-/// A listening unix socket that removes its path when it goes.
+/// A listening unix socket. Its destructor removes the path.
 class UnixListener {
  public:
-  /// Takes the place of a socket file nobody listens on any more.
-  /// @throws std::runtime_error naming the address and the reason, when somebody serves there among others
+  /// Replaces a socket file that a dead server has left.
+  /// @throws std::runtime_error naming the address and the reason, for example that another server listens
+  /// there
   UnixListener(std::string address, int type);
   ~UnixListener();
   UnixListener(const UnixListener&) = delete;
@@ -59,7 +60,7 @@ class UnixListener {
 
   int Fd() const { return mFd.Get(); }
   const std::string& Address() const { return mAddress; }
-  /// @returns a connection, or one that is not open when there is none to accept
+  /// @returns a connection, or a closed descriptor when none waits
   UniqueFd Accept() const;
 
  private:

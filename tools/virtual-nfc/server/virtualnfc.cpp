@@ -182,9 +182,7 @@ bool VirtualNfc::WaitFor(const std::function<bool(const Status&)>& predicate,
 Status VirtualNfc::MakeStatus() const {
   Status status;
   for (const auto& device : mKernel.Devices()) {
-    status.devices.push_back({device->Index(), device->Name(), device->IsPowered(), device->IsPolling(),
-                              device->IsRemoved(), device->OwnerPort(), device->Mask(),
-                              device->TargetsCounted(), device->Faults()});
+    status.devices.push_back(device->Status());
   }
   for (const Tag& tag : mField) {
     status.tags.push_back(tag.label);
@@ -209,12 +207,12 @@ void VirtualNfc::Changed() {
 
 bool VirtualNfc::IsDeviceThere(std::uint32_t index) {
   const NfcDevice* device = mKernel.FindDevice(index);
-  return device != nullptr && !device->IsRemoved();
+  return device != nullptr && !device->Status().removed;
 }
 
 std::optional<std::uint32_t> VirtualNfc::DeviceOf(const Occurrence& occurrence) {
   for (const auto& device : mKernel.Devices()) {
-    if (!device->IsRemoved() && occurrence.device.value_or(device->Index()) == device->Index()) {
+    if (!device->Status().removed && occurrence.device.value_or(device->Index()) == device->Index()) {
       return device->Index();
     }
   }
@@ -236,7 +234,7 @@ std::uint32_t VirtualNfc::LowestFreeNumber() const {
 
 void VirtualNfc::RemoveDevice(std::uint32_t index) {
   NfcDevice* device = mKernel.FindDevice(index);
-  const bool staysListed = device->IsPowered() && mSettings.kernel.stack == Stack::Nci;
+  const bool staysListed = device->Status().powered && mSettings.kernel.stack == Stack::Nci;
   device->Remove();
   SendEvent(NFC_EVENT_DEVICE_REMOVED, index);
   const auto forget = [this, index] {
@@ -253,7 +251,7 @@ void VirtualNfc::RemoveDevice(std::uint32_t index) {
 
 void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now) {
   const NfcDevice* polling = mKernel.FindDevice(index);
-  if (mField.empty() || !(polling->IsPolling() || polling->Has(Fault::Runaway))) {
+  if (mField.empty() || !(polling->Status().polling || polling->Has(Fault::Runaway))) {
     return;
   }
   mTimers.At(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
@@ -318,10 +316,8 @@ void VirtualNfc::Run() {
   std::unique_lock lock(mMutex);
   while (!mStop) {
     std::vector<pollfd> fds{{mWake.Get(), POLLIN, 0}, {mListener.Fd(), POLLIN, 0}};
-    std::vector<std::uint64_t> ids;
     for (const auto& [id, socket] : mConnections) {
       fds.push_back({socket->ControlFd(), POLLIN, 0});
-      ids.push_back(id);
     }
     int timeout = -1;
     if (const auto next = mTimers.Next()) {
@@ -336,13 +332,7 @@ void VirtualNfc::Run() {
     (void)!::read(mWake.Get(), &ignored, sizeof(ignored));
     mTimers.RunDue();
     AcceptConnections();
-    std::vector<std::uint64_t> readable;
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-      if (fds[i + 2].revents != 0 && mConnections.contains(ids[i])) {
-        readable.push_back(ids[i]);
-      }
-    }
-    ReadConnections(readable);
+    ReadConnections();
     WorkOff();
     mChanged.notify_all();
   }

@@ -48,22 +48,6 @@ struct VirtualNfcSettings {
   std::chrono::milliseconds crossingPause{250};
 };
 
-struct DeviceStatus {
-  std::uint32_t index = 0;
-  std::string name;
-  bool powered = false;
-  bool polling = false;
-  /// Unplugged, but still listed.
-  bool removed = false;
-  std::uint32_t ownerPort = 0;
-  std::uint32_t mask = 0;
-  /// Targets found since the device was plugged in.
-  std::uint32_t targetsFound = 0;
-  std::vector<Fault> faults;
-
-  bool Has(Fault fault) const { return std::find(faults.begin(), faults.end(), fault) != faults.end(); }
-};
-
 struct Status {
   std::vector<DeviceStatus> devices;
   /// Labels of the tags in the field.
@@ -144,8 +128,7 @@ class VirtualNfc {
   /// Sends these bytes to all listeners, as if the kernel had.
   void SendRawEvent(const Bytes& message);
 
-  /// Reports everything to the observer until it is removed, beginning with the present sockets, groups,
-  /// rules and tags.
+  /// Reports everything to the observer until it is removed, beginning with the open sockets.
   void AddObserver(NetlinkObserver& observer);
   /// The observer gets no calls after this returns.
   void RemoveObserver(NetlinkObserver& observer);
@@ -179,8 +162,7 @@ class VirtualNfc {
 
   void Run();
   void AcceptConnections();
-  void ReadConnections(const std::vector<std::uint64_t>& readable);
-  void CloseEndedConnections();
+  void ReadConnections();
   void CloseConnection(std::uint64_t id);
   std::vector<std::uint64_t> Listeners() const;
   void BreakConnection(std::uint64_t id);
@@ -205,7 +187,6 @@ class VirtualNfc {
   std::uint32_t LowestFreeNumber() const;
   Status MakeStatus() const;
   void ChangeField(std::vector<Tag> tags);
-  std::string FieldWords() const;
   void ReleasePoll(std::uint32_t port);
   void TellOfSocket(std::uint64_t id, SocketChange change, std::uint32_t number = 0, int error = 0);
   void TellOfReader(std::string_view words);

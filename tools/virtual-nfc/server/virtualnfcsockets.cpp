@@ -1,10 +1,11 @@
 // The part of the server that handles the programs' sockets and the observers.
 
 #include <fmt/format.h>
-#include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <utility>
 
 #include "tools/virtual-nfc/server/virtualnfc.h"
@@ -17,11 +18,6 @@ static constexpr std::uint32_t kHighestSparePort = 0xFFFFF000;
 void VirtualNfc::AddObserver(NetlinkObserver& observer) {
   const std::lock_guard lock(mMutex);
   mObservers.push_back(&observer);
-  for (const auto& device : mKernel.Devices()) {
-    observer.OnReader(fmt::format("# device {}: power {}, {}", device->Name(),
-                                  device->IsPowered() ? "on" : "off",
-                                  device->IsPolling() ? "polling" : "not polling"));
-  }
   for (const auto& [id, socket] : mConnections) {
     if (!socket->IsOpen()) {
       continue;
@@ -33,12 +29,6 @@ void VirtualNfc::AddObserver(NetlinkObserver& observer) {
     for (const std::uint32_t group : socket->groups) {
       observer.OnSocket(id, SocketChange::Joined, group, 0);
     }
-  }
-  for (const RuleStatus& rule : mRules.List()) {
-    observer.OnReader(fmt::format("rule add {}", rule.text));
-  }
-  if (!mField.empty()) {
-    observer.OnReader(FieldWords());
   }
 }
 
@@ -61,19 +51,10 @@ void VirtualNfc::TellOfReader(std::string_view words) {
 
 void VirtualNfc::ChangeField(std::vector<Tag> tags) {
   mField = std::move(tags);
-  if (!mObservers.empty()) {
-    TellOfReader(FieldWords());
-  }
-}
-
-std::string VirtualNfc::FieldWords() const {
-  if (mField.empty()) {
-    return "remove";
-  }
-  if (mField.size() == 1 && !mField.front().words.empty()) {
-    return fmt::format("tap {}", mField.front().words);
-  }
-  return fmt::format("# {} tag(s) that no control line can bring", mField.size());
+  const bool isOne = mField.size() == 1 && !mField.front().words.empty();
+  TellOfReader(mField.empty() ? "remove"
+               : isOne        ? "tap " + mField.front().words
+                              : fmt::format("# {} tags", mField.size()));
 }
 
 bool VirtualNfc::IsPortTaken(std::uint32_t port) const {
@@ -215,7 +196,7 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
 
 void VirtualNfc::ReleasePoll(std::uint32_t port) {
   for (const auto& device : mKernel.Devices()) {
-    device->PortClosed(port);
+    (void)device->StopPoll(port);
   }
 }
 
@@ -241,40 +222,28 @@ void VirtualNfc::AcceptConnections() {
   }
 }
 
-void VirtualNfc::CloseEndedConnections() {
-  std::vector<pollfd> fds;
-  std::vector<std::uint64_t> ids;
-  for (const auto& [id, socket] : mConnections) {
-    fds.push_back({socket->ControlFd(), POLLIN, 0});
-    ids.push_back(id);
-  }
-  if (fds.empty() || ::poll(fds.data(), fds.size(), 0) <= 0) {
-    return;
-  }
-  for (std::size_t i = 0; i < fds.size(); ++i) {
-    char byte = 0;
-    if ((fds[i].revents & POLLHUP) != 0 &&
-        ::recv(fds[i].fd, &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) <= 0) {
-      CloseConnection(ids[i]);
-    }
-  }
-}
-
-void VirtualNfc::ReadConnections(const std::vector<std::uint64_t>& readable) {
+void VirtualNfc::ReadConnections() {
   std::vector<std::pair<std::uint64_t, Bytes>> records;
-  for (const std::uint64_t id : readable) {
-    Bytes record(sizeof(wire::OperationHeader) + wire::kMaxMessage);
-    const ssize_t length =
-        ::recv(mConnections.at(id)->ControlFd(), record.data(), record.size(), MSG_DONTWAIT);
-    if (length < 0 && errno == EAGAIN) {
-      continue;
+  std::set<std::uint64_t> ended;
+  Bytes buffer(sizeof(wire::OperationHeader) + wire::kMaxMessage);
+  // When a program closes one socket and then uses another, the first must be closed before: read until
+  // nothing more comes, then close, then carry out.
+  for (bool isMore = true; isMore;) {
+    isMore = false;
+    for (const auto& [id, socket] : mConnections) {
+      const ssize_t length =
+          ended.contains(id) ? 0 : ::recv(socket->ControlFd(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+      if (length > 0) {
+        records.emplace_back(id, Bytes(buffer.begin(), buffer.begin() + length));
+        isMore = true;
+      } else if (length == 0 || errno != EAGAIN) {
+        isMore = ended.insert(id).second || isMore;
+      }
     }
-    // An empty record stands for the end of the connection.
-    record.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-    records.emplace_back(id, std::move(record));
   }
-  // When a program closes one socket and then uses another, the first must be closed before.
-  CloseEndedConnections();
+  for (const std::uint64_t id : ended) {
+    CloseConnection(id);
+  }
   for (const auto& [id, record] : records) {
     if (mConnections.contains(id)) {
       HandleRecord(id, record);
