@@ -1,4 +1,4 @@
-// Records of what programs and the kernel say to each other: the text and the recorder.
+// Records of the messages between programs and the kernel.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ std::unique_ptr<Process> Tool(const Station& station, const VirtualNfc& kernel,
   return std::make_unique<Process>(words, std::map<std::string, std::string>{}, name + ".out", name + ".err");
 }
 
-/// What each socket says and hears in a record, without times and the numbers that each run has of its own.
+/// The messages of each socket in a record, without times and without numbers that differ in each run.
 std::map<std::string, std::string> Conversations(const std::string& record) {
   static const std::regex ofThisRun("seq=[1-9][0-9]*| port [0-9]+");
   std::map<std::string, std::string> all;
@@ -41,12 +41,14 @@ std::map<std::string, std::string> Conversations(const std::string& record) {
       line.erase(0, std::min(hash, line.size()));
       socket = line.substr(0, line.find(' '));
     }
-    if (!socket.empty() && socket != "#") all[socket] += line + "\n";
+    if (!socket.empty() && socket != "#") {
+      all[socket] += line + "\n";
+    }
   }
   return all;
 }
 
-TEST(Record, OfACardIsWhatTheDocumentShows) {
+TEST(Record, OfACardIsAsInTheDocument) {
   Station station(NewFolder("record"));
   const ControlServer control(station.Kernel());
   const auto recorder = Tool(station, station.Kernel(), {"record", station.Path("file")});
@@ -57,20 +59,30 @@ TEST(Record, OfACardIsWhatTheDocumentShows) {
     return [count](const Status& status) { return status.Commands(NFC_CMD_START_POLL) >= count; };
   };
   ASSERT_TRUE(station.Kernel().WaitFor(polls(1)));
-  // Longer than it takes to find it, and shorter than to find it twice.
+  // Long enough to find the tag once, too short to find it twice.
   station.Kernel().PresentTagFor(MakeTag(TagKind::Mifare, "04A12B5C"), 30ms);
   ASSERT_TRUE(station.Kernel().WaitFor(polls(2)));
   ASSERT_TRUE(station.Control().WaitFor("token 04A12B5C ERfidUidNotInList"));
   station.Daemon().Signal(SIGINT);
   EXPECT_EQ(station.EndDaemon(), "exit 0");
   station.Kernel().ClearRules();
-  ASSERT_TRUE(Eventually([&] {  // all that went before stands in the file then
+  ASSERT_TRUE(Eventually([&] {  // the file has everything before it, too
     return ReadFile(station.Path("file")).find("rule clear") != std::string::npos;
   }));
   recorder->Signal(SIGINT);
   EXPECT_EQ(recorder->Wait(), "exit 0");
   EXPECT_EQ(Conversations(ReadFile(station.Path("file"))), Conversations(ReadFile(CARD_RECORD)));
-  if (HasFailure()) station.KeepFolder();
+  if (HasFailure()) {
+    station.KeepFolder();
+  }
+}
+
+TEST(Record, RefusesACountOfZero) {
+  Station station(NewFolder("record"));
+  const auto recorder = Tool(station, station.Kernel(), {"record", "--count", "0"});
+  EXPECT_EQ(recorder->Wait(), "exit 2");
+  EXPECT_EQ(ReadFile(station.Path("record.err")),
+            "virtual-nfc: --count: Value 0 not in range 1 to 4294967295 (see --help)\n");
 }
 
 TEST(RecordText, ShowsDamagedMessages) {
@@ -103,13 +115,15 @@ TEST(RecordText, ShowsDamagedMessages) {
   }
 }
 
-TEST(RecordServer, CutsOffARecorderThatDoesNotRead) {
+TEST(RecordServer, EndsARecordThatIsNotRead) {
   VirtualNfc kernel;
   const ControlServer control(kernel);
   const UniqueFd recorder = ConnectUnix(ControlAddress(kernel.Address()), SOCK_STREAM);
   ASSERT_EQ(::send(recorder.Get(), "record\n", 7, 0), 7);
   const std::string longText = "DEV_UP" + std::string(100000, ' ') + "drop";
-  for (int i = 0; i < 30; ++i) kernel.AddRule(longText);
+  for (int i = 0; i < 30; ++i) {
+    kernel.AddRule(longText);
+  }
   EXPECT_THAT(AskServer(kernel.Address(), "status", 60s), HasSubstr("ok"));
   std::string text(4'000'000, ' ');
   text.resize(static_cast<std::size_t>(::recv(recorder.Get(), text.data(), text.size(), MSG_WAITALL)));

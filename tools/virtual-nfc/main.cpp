@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
 #include <unistd.h>
@@ -18,7 +19,7 @@
 #include "tools/virtual-nfc/server/controlprotocol.h"
 #include "tools/virtual-nfc/server/controlserver.h"
 #include "tools/virtual-nfc/server/virtualnfc.h"
-#include "tools/virtual-nfc/trace/recordclient.h"
+#include "tools/virtual-nfc/trace/recorder.h"
 
 namespace {
 
@@ -29,6 +30,8 @@ enum ExitStatus { Done = 0, Refused = 1, Usage = kUsageStatus, Unreachable = 3 }
 constexpr double kMaxHold = 24.0 * 60 * 60;
 /// Before the reason in the reply of a server.
 constexpr std::string_view kErrorMark = "error: ";
+/// More than the last line of a record.
+constexpr std::size_t kMaxEnd = 200;
 
 template <typename... Args>
 int Fail(int status, fmt::format_string<Args...> format, Args&&... args) {
@@ -78,6 +81,50 @@ int Ask(const std::string& address, const std::string& line) {
   }
   fmt::print("{}", reply.substr(firstEnd + 1));
   return Done;
+}
+
+/// Writes what the server sees to a file, or to standard output when there is no name, until the record ends,
+/// a signal comes or nobody reads the output.
+int Record(const std::string& address, const std::string& file, std::uint32_t count) {
+  for (const int ending : {SIGINT, SIGTERM}) {
+    ::signal(ending, [](int) { ::_exit(Done); });
+  }
+  ::signal(SIGPIPE, SIG_IGN);
+  UniqueFd output;
+  int writeError = 0;
+  std::string last;
+  const auto take = [&](std::string_view part) {
+    if (!output) {
+      // Only now, so that a file stays as it is when there is no server.
+      output.Reset(file.empty() ? ::dup(STDOUT_FILENO)
+                                : ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+      writeError = output ? 0 : errno;
+    }
+    last += part;
+    last.erase(0, last.size() - std::min(last.size(), kMaxEnd));
+    while (!part.empty() && writeError == 0) {
+      const ssize_t length = ::write(output.Get(), part.data(), part.size());
+      writeError = length < 0 && errno != EINTR ? errno : 0;
+      part.remove_prefix(length > 0 ? static_cast<std::size_t>(length) : 0);
+    }
+    return writeError == 0;
+  };
+  const bool isReached = AskServer(address, fmt::format("record {}", count), std::chrono::seconds(0), take);
+  const auto errorText = [](int error) { return std::generic_category().message(error); };
+  if (!isReached) {
+    return Fail(Unreachable, "cannot reach a server at {}: {}", address, errorText(errno));
+  }
+  if (writeError != 0 && writeError != EPIPE) {
+    return Fail(Refused, "cannot write the record: {}", errorText(writeError));
+  }
+  if (writeError == EPIPE || last.ends_with(kRecordDone)) {
+    return Done;
+  }
+  const std::size_t error = last.rfind(kRecordError);
+  return error == std::string::npos
+             ? Fail(Unreachable, "the server has ended, and the record with it")
+             : Fail(Refused, "{}",
+                    last.substr(error + kRecordError.size(), last.size() - error - kRecordError.size() - 1));
 }
 
 /// The preload is beside the tool in the build folder, and in the library folder when installed.
@@ -201,12 +248,7 @@ int RunCommand(int argc, char** argv) {
   record->add_option("--count", count, "end after this many messages")
       ->type_name("N")
       ->check(CLI::Range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max()));
-  record->callback([&] {
-    action = [&] {
-      const RecordEnd end = RecordTo(address, file, count);
-      return end == RecordEnd::Done ? Done : end == RecordEnd::Refused ? Refused : Unreachable;
-    };
-  });
+  record->callback([&] { action = [&] { return Record(address, file, count); }; });
 
   app.final_callback([&] {
     if (address.empty()) {

@@ -95,9 +95,6 @@ constexpr Flag kMessageFlags[] = {
 /// In an error message the upper bits mean something else.
 constexpr Flag kErrorFlags[] = {{NLM_F_CAPPED, "CAPPED"}, {NLM_F_ACK_TLVS, "ACK_TLVS"}};
 
-/// The kernel's number for "restart the call". No header for programs names it, and yet it reaches a program
-/// when a signal ends the wait for the chip.
-constexpr int kRestartSys = 512;
 constexpr int kHighestError = 133;
 
 }  // namespace

@@ -37,6 +37,10 @@ std::string AttributeName(Family family, std::uint16_t type);
 /// "REQUEST|ACK|0x1000"
 std::string MessageFlagNames(std::uint32_t bits, bool isError);
 
+/// The kernel's number for "restart the call". No header for programs defines it, but it reaches the program
+/// when a signal ends the wait for the chip.
+inline constexpr int kRestartSys = 512;
+
 /// "EBUSY" for 16, or the number. @param error positive
 std::string ErrorName(int error);
 /// The error with this name, positive.

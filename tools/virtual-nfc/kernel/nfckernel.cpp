@@ -10,10 +10,6 @@ namespace virtualnfc {
 
 namespace {
 
-/// The kernel's number for "restart the call". It reaches the program when a signal ends the wait for the
-/// chip.
-constexpr int kRestartSys = 512;
-
 /// The protocols a START_POLL asks for; 0 when it names none.
 std::uint32_t MaskOf(const Request& request) {
   const auto initiator = GetU32(request.attributes, NFC_ATTR_IM_PROTOCOLS);

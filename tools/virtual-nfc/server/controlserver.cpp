@@ -144,24 +144,30 @@ void ControlServer::Run() {
   }
 }
 
-std::string AskServer(const std::string& address, const std::string& line, std::chrono::seconds patience) {
+bool AskServer(const std::string& address, const std::string& line, std::chrono::seconds timeout,
+               const std::function<bool(std::string_view)>& take) {
   const UniqueFd fd = ConnectUnix(ControlAddress(address), SOCK_STREAM);
-  if (!fd) {
-    return {};
-  }
-  const timeval limit{static_cast<time_t>(patience.count()), 0};
-  ::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  const timeval limit{static_cast<time_t>(timeout.count()), 0};
   const std::string whole = line + "\n";
-  if (::send(fd.Get(), whole.data(), whole.size(), MSG_NOSIGNAL) < 0) {
-    return {};
+  if (!fd || ::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0 ||
+      ::send(fd.Get(), whole.data(), whole.size(), MSG_NOSIGNAL) < 0) {
+    return false;
   }
-  std::string reply;
   char chunk[kMaxLine];
   ssize_t length = 0;
-  while ((length = ::recv(fd.Get(), chunk, sizeof(chunk), 0)) > 0) {
-    reply.append(chunk, static_cast<std::size_t>(length));
-  }
-  return length < 0 ? std::string() : reply;
+  do {
+    length = ::recv(fd.Get(), chunk, sizeof(chunk), 0);
+  } while (length > 0 && take(std::string_view(chunk, static_cast<std::size_t>(length))));
+  return length >= 0;
+}
+
+std::string AskServer(const std::string& address, const std::string& line, std::chrono::seconds timeout) {
+  std::string reply;
+  const bool isComplete = AskServer(address, line, timeout, [&reply](std::string_view part) {
+    reply += part;
+    return true;
+  });
+  return isComplete ? reply : std::string();
 }
 
 }  // namespace virtualnfc

@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -54,6 +56,10 @@ class ControlServer {
 /// Sends one line to the server at this address and waits for the reply.
 /// @returns the reply; empty, with errno, when the server cannot be reached or does not reply in time
 std::string AskServer(const std::string& address, const std::string& line,
-                      std::chrono::seconds patience = std::chrono::seconds(5));
+                      std::chrono::seconds timeout = std::chrono::seconds(5));
+/// The same for a long reply: `take` gets each part of it as it comes, and returns false to end.
+/// @param timeout between two parts; 0: none @returns false with errno in the cases above
+bool AskServer(const std::string& address, const std::string& line, std::chrono::seconds timeout,
+               const std::function<bool(std::string_view)>& take);
 
 }  // namespace virtualnfc
