@@ -1,5 +1,5 @@
-// What the simulated kernel has beyond the real one's answers, which tests/kernel/conformance compares: its
-// settings and its faults, several devices, and how libnl sees it.
+// The simulated kernel beyond what tests/kernel/conformance compares with the real one: settings, faults,
+// several devices, and libnl's view.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +16,7 @@ using virtualnfc::Fault;
 using virtualnfc::InProcessVirtualNfc;
 using virtualnfc::VirtualNfcSettings;
 
-TEST(VirtualNfcFamily, IsListedToLibnlUnderTheNumbersOfThisKernel) {
+TEST(VirtualNfcFamily, IsListedToLibnlWithThisKernelsNumbers) {
   for (const auto& [family, group] : {std::pair<std::uint16_t, std::uint32_t>{20, 3}, {31, 9}}) {
     VirtualNfcSettings settings;
     settings.kernel.familyId = family;
@@ -34,7 +34,7 @@ TEST(VirtualNfcFamily, IsListedToLibnlUnderTheNumbersOfThisKernel) {
   }
 }
 
-TEST(VirtualNfcCommands, AreAnsweredAsMightBeAssumedWhereThatIsWanted) {
+TEST(VirtualNfcCommands, AnswerEalreadyOnRequest) {
   VirtualNfcSettings settings;
   settings.kernel.assumeAlready = true;
   const InProcessVirtualNfc kernel(settings);
@@ -48,7 +48,7 @@ TEST(VirtualNfcCommands, AreAnsweredAsMightBeAssumedWhereThatIsWanted) {
   EXPECT_EQ(a.Command(NFC_CMD_STOP_POLL), 0);
 }
 
-TEST(VirtualNfcCommands, NeedThePrivilegeToChangeAnything) {
+TEST(VirtualNfcCommands, NeedAPrivilegeToChangeAnything) {
   VirtualNfcSettings settings;
   settings.kernel.privileged = false;
   const InProcessVirtualNfc kernel(settings);
@@ -59,19 +59,21 @@ TEST(VirtualNfcCommands, NeedThePrivilegeToChangeAnything) {
   EXPECT_EQ(client.Command(NFC_CMD_GET_DEVICE), 0);
 }
 
-TEST(VirtualNfcDevice, ThatComesIsListedBehindTheOthersInOneDatagram) {
+TEST(VirtualNfcDevice, IsListedAfterTheOthersInOneDatagram) {
   InProcessVirtualNfc kernel;
   kernel.Plug(3);
   EXPECT_EQ(kernel.Plug(), 1U);
   const NfcClient client;
   const std::vector<Message> dump = client.Dump(NFC_CMD_GET_DEVICE);
   ASSERT_THAT(dump, SizeIs(4));
-  for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(dump[i].Attributes()[7], "031"[i]);
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(dump[i].Attributes()[7], "031"[i]);
+  }
   client.Send(NFC_CMD_GET_DEVICE, {}, NLM_F_REQUEST | NLM_F_DUMP);
   EXPECT_EQ(client.ReceiveDatagram().size(), 3U * (20 + 44));
 }
 
-TEST(VirtualNfcDevice, WithAnActiveTargetIsBusy) {
+TEST(VirtualNfcDevice, IsBusyWithAnActiveTarget) {
   InProcessVirtualNfc kernel;
   const NfcClient client;
   ASSERT_EQ(client.Command(NFC_CMD_DEV_UP), 0);

@@ -1,7 +1,6 @@
 #pragma once
 
-// A program that talks to the kernel's NFC family, with real libnl for the sockets and nothing hidden: every
-// message of an answer can be looked at.
+// A program that talks to the kernel's NFC family through libnl, and sees every message of the answers.
 
 #include <linux/genetlink.h>
 #include <linux/nfc.h>
@@ -49,17 +48,19 @@ struct Message {
     std::memcpy(&code, payload.data(), sizeof(code));
     return -code;
   }
-  /// Everything behind the two headers.
+  /// Everything after the two headers.
   Bytes Attributes() const { return Bytes(payload.begin() + 4, payload.end()); }
 };
 
 class NfcClient {
  public:
-  /// The numbers are those that the simulated kernel gives.
+  /// The default numbers are those of the simulated kernel.
   explicit NfcClient(int family = kFamily, std::uint32_t group = kGroup)
       : mFamily(family), mGroup(group), mSocket(nl_socket_alloc()) {
     const int result = genl_connect(mSocket.get());
-    if (result != 0) throw std::runtime_error(std::string("genl_connect: ") + nl_geterror(result));
+    if (result != 0) {
+      throw std::runtime_error(std::string("genl_connect: ") + nl_geterror(result));
+    }
     nl_socket_disable_seq_check(mSocket.get());
   }
 
@@ -77,12 +78,14 @@ class NfcClient {
            int flags = NLM_F_REQUEST | NLM_F_ACK, std::optional<int> family = std::nullopt) const {
     const std::unique_ptr<nl_msg, NlMessageDeleter> message(nlmsg_alloc());
     genlmsg_put(message.get(), NL_AUTO_PORT, 77, family.value_or(mFamily), 0, flags, command, 1);
-    for (const auto& [type, value] : attributes) nla_put_u32(message.get(), type, value);
+    for (const auto& [type, value] : attributes) {
+      nla_put_u32(message.get(), type, value);
+    }
     nlmsg_hdr(message.get())->nlmsg_pid = Port();
     return nl_send(mSocket.get(), message.get());
   }
 
-  /// What lies in the receive queue, without waiting: an answer is there when the sending returns.
+  /// The messages in the receive queue, without waiting: an answer is there when Send returns.
   std::vector<Message> Received() const {
     std::vector<Message> messages;
     for (Bytes datagram = ReceiveDatagram(); !datagram.empty(); datagram = ReceiveDatagram()) {
@@ -96,7 +99,7 @@ class NfcClient {
     return messages;
   }
 
-  /// One datagram as it is; empty when there is none.
+  /// One datagram; empty when the queue is.
   Bytes ReceiveDatagram() const {
     Bytes datagram(65536);
     const ssize_t length = ::recv(Fd(), datagram.data(), datagram.size(), MSG_DONTWAIT);
@@ -104,16 +107,18 @@ class NfcClient {
     return datagram;
   }
 
-  /// Waits until something can be received; false after a minute.
+  /// Waits until a message can be received; false after a minute.
   bool WaitReadable() const {
     pollfd waiting{Fd(), POLLIN, 0};
     return ::poll(&waiting, 1, 60000) == 1;
   }
 
-  /// The errno a command for a device is answered with; none when nothing came.
+  /// The errno of the answer to a command; nothing without an answer.
   std::optional<int> Command(std::uint8_t command, std::uint32_t device = 0) const {
     std::vector<std::pair<int, std::uint32_t>> attributes{{NFC_ATTR_DEVICE_INDEX, device}};
-    if (command == NFC_CMD_START_POLL) attributes.emplace_back(NFC_ATTR_PROTOCOLS, 0xFC);
+    if (command == NFC_CMD_START_POLL) {
+      attributes.emplace_back(NFC_ATTR_PROTOCOLS, 0xFC);
+    }
     Send(command, attributes);
     return LastError();
   }
@@ -121,15 +126,19 @@ class NfcClient {
   std::optional<int> LastError() const {
     std::optional<int> error;
     for (const Message& message : Received()) {
-      if (message.IsError()) error = message.Error();
+      if (message.IsError()) {
+        error = message.Error();
+      }
     }
     return error;
   }
 
-  /// A dump's messages, the end included.
+  /// The messages of a dump, including its end.
   std::vector<Message> Dump(std::uint8_t command, std::optional<std::uint32_t> device = std::nullopt) const {
     std::vector<std::pair<int, std::uint32_t>> attributes;
-    if (device) attributes.emplace_back(NFC_ATTR_DEVICE_INDEX, *device);
+    if (device) {
+      attributes.emplace_back(NFC_ATTR_DEVICE_INDEX, *device);
+    }
     Send(command, attributes, NLM_F_REQUEST | NLM_F_ACK | NLM_F_DUMP);
     return Received();
   }

@@ -1,4 +1,4 @@
-// The simulated reader: what goes wrong without a word.
+// The simulated reader: several tags at once, and faults that programs are not told of.
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ class Reader {
  public:
   explicit Reader(Stack stack) : mKernel({.kernel = {.stack = stack}, .detectionDelay = 0ms}) {}
 
-  /// What was found by now. The server looks at its tags before it answers.
+  /// Tags found so far. The server looks for tags before it answers the command.
   std::uint32_t Found() const {
     (void)mClient.Command(NFC_CMD_GET_DEVICE);
     return mKernel.GetStatus().Device().targetsFound;
@@ -30,7 +30,7 @@ class Reader {
   const NfcClient mClient;
 };
 
-TEST(VirtualNfcTags, OfSeveralTheDigitalReaderFindsOneOfATechnologyOfItsOwn) {
+TEST(VirtualNfcTags, DigitalFindsOneThatIsAloneInItsTechnology) {
   const Tag first = MakeTag(TagKind::Mifare, "01020304");
   const Tag second = MakeTag(TagKind::Iso14443A, "11223344");
   const Tag other = MakeTag(TagKind::Iso15693, "E004010203040506");
@@ -47,7 +47,7 @@ TEST(VirtualNfcTags, OfSeveralTheDigitalReaderFindsOneOfATechnologyOfItsOwn) {
 struct FaultStep {
   /// An NFC command, or one of those below.
   int what;
-  /// The errno of its answer; the number of tags found so far; the fault.
+  /// The errno of the answer, the number of tags found so far, or the fault.
   int value;
 };
 
@@ -56,7 +56,7 @@ constexpr int kDown = NFC_CMD_DEV_DOWN;
 constexpr int kStart = NFC_CMD_START_POLL;
 constexpr int kStop = NFC_CMD_STOP_POLL;
 constexpr int kFault = -1;
-/// A tag lies on the reader from now on.
+/// A tag is presented.
 constexpr int kFound = -2;
 
 struct FaultStory {
@@ -107,11 +107,13 @@ const FaultStory kStories[] = {
      "TARGETS_FOUND drop"},
 };
 
-TEST(VirtualNfcFaults, ShowAndEndAsInTheKernel) {
+TEST(VirtualNfcFaults, BeginAndEndAsInTheKernel) {
   for (const FaultStory& story : kStories) {
     SCOPED_TRACE(story.name);
     Reader reader(Stack::Digital);
-    if (story.rule != nullptr) reader.mKernel.AddRule(story.rule);
+    if (story.rule != nullptr) {
+      reader.mKernel.AddRule(story.rule);
+    }
     int number = 0;
     for (const auto& [what, value] : story.steps) {
       SCOPED_TRACE("step " + std::to_string(++number));

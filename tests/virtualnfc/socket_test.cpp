@@ -1,4 +1,4 @@
-// Netlink sockets as a program meets them: ports, buffers, waiting, signals, closing.
+// Netlink sockets as programs see them: ports, buffers, waiting, signals, closing.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -8,11 +8,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <thread>
 
 #include "tests/virtualnfc/nfcclient.h"
 #include "tools/virtual-nfc/preload/inprocess.h"
+#include "tools/virtual-nfc/server/controlprotocol.h"
 
 namespace {
 
@@ -29,6 +31,13 @@ using virtualnfc::Status;
 using virtualnfc::TagKind;
 using virtualnfc::UniqueFd;
 using virtualnfc::VirtualNfcSettings;
+
+/// Waits for this status. A failure shows the status that was seen last.
+testing::AssertionResult Reaches(virtualnfc::VirtualNfc& kernel,
+                                 const std::function<bool(const Status&)>& wanted) {
+  return kernel.WaitFor(wanted) ? testing::AssertionSuccess()
+                                : testing::AssertionFailure() << HandleControlLine(kernel, "status");
+}
 
 VirtualNfcSettings WithPromptRelease() {
   VirtualNfcSettings settings;
@@ -56,7 +65,7 @@ std::uint32_t PortOf(int fd) {
   return address.nl_pid;
 }
 
-TEST(VirtualNfcSockets, AreRefusedWhenThereIsNoServer) {
+TEST(VirtualNfcSockets, AreRefusedWithoutAServer) {
   const UniqueFd fd = PlainSocket();
   EXPECT_FALSE(fd);
   EXPECT_EQ(errno, EPROTONOSUPPORT);
@@ -74,24 +83,24 @@ TEST(VirtualNfcSockets, HaveAPortOfTheirOwn) {
   EXPECT_EQ(Bind(second.Get(), 0), 0);
   EXPECT_GE(PortOf(second.Get()), 0x80000000U);
   EXPECT_EQ(Bind(second.Get(), 4711), EINVAL);
-  // A port is free as soon as its socket is closed.
+  // Closing a socket frees its port.
   const std::uint32_t port = PortOf(second.Get());
   second.Reset();
   EXPECT_EQ(Bind(third.Get(), port), 0);
 }
 
-TEST(VirtualNfcSockets, ThatWereReplacedBehindOurBackAreLetGo) {
-  const InProcessVirtualNfc kernel;
+TEST(VirtualNfcSockets, AreForgottenWhenTheDescriptorIsReplaced) {
+  InProcessVirtualNfc kernel;
   const UniqueFd socket = PlainSocket();
   const UniqueFd other(::open("/dev/null", O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::dup3(other.Get(), socket.Get(), O_CLOEXEC), socket.Get());
   EXPECT_EQ(::send(socket.Get(), "", 0, 0), -1);
   EXPECT_EQ(errno, ENOTSOCK);
-  EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return status.openSockets == 0; }));
+  EXPECT_TRUE(Reaches(kernel, [](const Status& status) { return status.openSockets == 0; }));
 }
 
 TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {
-  const InProcessVirtualNfc kernel;
+  InProcessVirtualNfc kernel;
   const NfcClient client;
   EXPECT_EQ(nl_socket_add_membership(client.Get(), 77), -NLE_OBJ_NOTFOUND);
   sockaddr_nl elsewhere{};
@@ -99,14 +108,12 @@ TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {
   elsewhere.nl_pid = 1;
   EXPECT_EQ(::sendto(client.Fd(), "x", 1, 0, reinterpret_cast<sockaddr*>(&elsewhere), sizeof(elsewhere)), -1);
   EXPECT_EQ(errno, ECONNREFUSED);
-  // What is shorter than a header is passed over in silence.
+  // The kernel ignores what is shorter than a header.
   EXPECT_EQ(::send(client.Fd(), "x", 1, 0), 1);
   EXPECT_THAT(client.Received(), IsEmpty());
 }
 
-// --- a receive buffer that is full ---
-
-TEST(VirtualNfcEvents, ThatDoNotFitAreLostAndTheReaderIsToldOnce) {
+TEST(VirtualNfcEvents, AreLostWhenTheBufferIsFullAndThatIsToldOnce) {
   InProcessVirtualNfc kernel;
   const NfcClient listener;
   listener.JoinEvents();
@@ -117,20 +124,24 @@ TEST(VirtualNfcEvents, ThatDoNotFitAreLostAndTheReaderIsToldOnce) {
     event[20] = number;
     kernel.SendRawEvent(event);
   };
-  for (int i = 0; i < 5000; ++i) send(1);
+  for (int i = 0; i < 5000; ++i) {
+    send(1);
+  }
   send(2);
   EXPECT_EQ(nl_recvmsgs_default(listener.Get()), -NLE_NOMEM);
   const std::vector<Message> older = listener.Received();
   EXPECT_GT(older.size(), 10U);
   EXPECT_LT(older.size(), 5000U);
-  for (const Message& message : older) ASSERT_EQ(message.payload[4], 1);
+  for (const Message& message : older) {
+    ASSERT_EQ(message.payload[4], 1);
+  }
   send(3);
   const std::vector<Message> later = listener.Received();
   ASSERT_THAT(later, SizeIs(1));
   EXPECT_EQ(later[0].payload[4], 3);
 }
 
-TEST(VirtualNfcEvents, EndForAReaderWhoseKernelGoes) {
+TEST(VirtualNfcEvents, EndWithAnErrorWhenTheKernelStops) {
   auto kernel = std::make_unique<InProcessVirtualNfc>();
   const NfcClient listener;
   listener.JoinEvents();
@@ -143,26 +154,22 @@ TEST(VirtualNfcEvents, EndForAReaderWhoseKernelGoes) {
   EXPECT_EQ(listener.Send(NFC_CMD_UNSPEC), -NLE_FAILURE);
 }
 
-// --- the owner of a poll goes ---
-
-TEST(VirtualNfcOwner, ThatClosesEndsItsPollALittleLater) {
+TEST(VirtualNfcOwner, EndsItsPollShortlyAfterItCloses) {
   for (const bool isLater : {false, true}) {
     VirtualNfcSettings settings;
     settings.ownerReleaseDelay = isLater ? 1ms : 1h;
-    const InProcessVirtualNfc kernel(settings);
+    InProcessVirtualNfc kernel(settings);
     NfcClient owner;
     const NfcClient other;
     ASSERT_TRUE(owner.Poll());
     owner.Close();
     if (isLater) {
-      ASSERT_TRUE(kernel.WaitFor([](const Status& status) { return !status.Device().polling; }));
+      ASSERT_TRUE(Reaches(kernel, [](const Status& status) { return !status.Device().polling; }));
       EXPECT_EQ(other.Command(NFC_CMD_STOP_POLL), EINVAL);
     }
     EXPECT_EQ(other.Command(NFC_CMD_START_POLL), isLater ? 0 : EBUSY);
   }
 }
-
-// --- a command that waits for its chip ---
 
 VirtualNfcSettings WithChip() {
   VirtualNfcSettings settings = WithPromptRelease();
@@ -186,14 +193,14 @@ class VirtualNfcWaiting : public testing::Test {
     ::sigaction(SIGUSR1, &mBefore, nullptr);
   }
 
-  /// Begins a command on a thread of its own; it waits for its chip when this returns.
+  /// Starts a command on a thread of its own and returns when the command waits for its chip.
   void BeginWait(std::uint8_t command) {
     const auto before = mKernel.GetStatus().Commands(command);
     mThread = std::thread([this, command] { mError = mWaiter.Command(command); });
-    ASSERT_TRUE(mKernel.WaitFor([&](const Status& status) { return status.Commands(command) > before; }));
+    ASSERT_TRUE(Reaches(mKernel, [&](const Status& status) { return status.Commands(command) > before; }));
   }
 
-  /// A signal reaches the waiting thread. @returns what the command was answered then
+  /// Sends a signal to the waiting thread. @returns the answer to the command
   std::optional<int> EndWait() {
     if (mThread.joinable()) {
       ::pthread_kill(mThread.native_handle(), SIGUSR1);
@@ -215,12 +222,12 @@ class VirtualNfcWaiting : public testing::Test {
   std::thread mThread;
 };
 
-TEST_F(VirtualNfcWaiting, BlocksAllOtherCommandsButNoEvent) {
+TEST_F(VirtualNfcWaiting, BlocksOtherCommandsButNoEvents) {
   ASSERT_EQ(mOther.Command(NFC_CMD_DEV_UP), 0);
   mKernel.AddRule("START_POLL delay=60000 times=1");
   BeginWait(NFC_CMD_START_POLL);
   auto blocked = std::async(std::launch::async, [this] { return mOther.Command(NFC_CMD_UNSPEC); });
-  ASSERT_TRUE(mKernel.WaitFor([](const Status& status) { return status.queued == 1; }));
+  ASSERT_TRUE(Reaches(mKernel, [](const Status& status) { return status.queued == 1; }));
   mKernel.Plug(1);
   EXPECT_TRUE(mListener.WaitReadable());
   EXPECT_EQ(mListener.Received().at(0).Command(), NFC_EVENT_DEVICE_ADDED);
@@ -229,7 +236,7 @@ TEST_F(VirtualNfcWaiting, BlocksAllOtherCommandsButNoEvent) {
   EXPECT_EQ(blocked.get(), EOPNOTSUPP);
 }
 
-TEST_F(VirtualNfcWaiting, ToPowerUpIsEndedByASignalAndToStopAPollSucceeds) {
+TEST_F(VirtualNfcWaiting, EndsWithASignal) {
   mKernel.AddRule("DEV_UP delay=60000 times=1");
   BeginWait(NFC_CMD_DEV_UP);
   EXPECT_EQ(EndWait(), kRestartSys);
@@ -240,14 +247,14 @@ TEST_F(VirtualNfcWaiting, ToPowerUpIsEndedByASignalAndToStopAPollSucceeds) {
   EXPECT_FALSE(mKernel.GetStatus().Device().polling);
 }
 
-TEST_F(VirtualNfcWaiting, ForTheLockThatAFindAfterStopPollHoldsHangsEverybodyForGood) {
+TEST_F(VirtualNfcWaiting, HangsForGoodAfterAFindThatCrossedStopPoll) {
   ASSERT_TRUE(mWaiter.Poll());
   mKernel.AddRule("STOP_POLL cross times=1");
   BeginWait(NFC_CMD_STOP_POLL);
   EXPECT_EQ(EndWait(), 0);
   BeginWait(NFC_CMD_DEV_DOWN);
   auto other = std::async(std::launch::async, [this] { return mOther.Command(NFC_CMD_GET_DEVICE); });
-  EXPECT_TRUE(mKernel.WaitFor([](const Status& status) { return status.hung && status.queued == 1; }));
+  EXPECT_TRUE(Reaches(mKernel, [](const Status& status) { return status.hung && status.queued == 1; }));
   mKernel.Stop();
   EXPECT_EQ(EndWait(), std::nullopt);
   EXPECT_EQ(other.get(), std::nullopt);
@@ -258,7 +265,7 @@ class VirtualNfcDigital : public VirtualNfcWaiting {
   VirtualNfcDigital() : VirtualNfcWaiting(WithPromptRelease()) {}
 };
 
-TEST_F(VirtualNfcDigital, TakesNoSignalAndStopsAPollAtOnceWhateverItMeets) {
+TEST_F(VirtualNfcDigital, IgnoresSignalsAndCrossingFinds) {
   ASSERT_TRUE(mWaiter.Poll());
   mKernel.AddRule("STOP_POLL cross delay=300 times=1");
   BeginWait(NFC_CMD_STOP_POLL);
@@ -269,11 +276,13 @@ TEST_F(VirtualNfcDigital, TakesNoSignalAndStopsAPollAtOnceWhateverItMeets) {
   EXPECT_EQ(EndWait(), 0);
 }
 
-TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceGoesMeanwhile) {
-  // Each try waits longer than the one before, for a machine that stalls so that the device goes too late.
+TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceIsUnplugged) {
+  // On a slow machine the device is unplugged too late, so each attempt waits longer than the one before.
   std::optional<int> error;
   for (std::uint32_t device = 0, delay = 300; device < 3 && error != ETIMEDOUT; ++device, delay *= 10) {
-    if (device > 0) mKernel.Plug(device);
+    if (device > 0) {
+      mKernel.Plug(device);
+    }
     ASSERT_EQ(mWaiter.Command(NFC_CMD_DEV_UP, device), 0);
     mKernel.AddRule("START_POLL times=1 delay=" + std::to_string(delay));
     auto waiting =
@@ -286,19 +295,19 @@ TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceGoesMeanwhile) {
   EXPECT_EQ(error, ETIMEDOUT);
 }
 
-TEST_F(VirtualNfcWaiting, FailsWhenTheKernelGoes) {
+TEST_F(VirtualNfcWaiting, FailsWhenTheKernelStops) {
   auto kernel = std::make_unique<InProcessVirtualNfc>();
   kernel->AddRule("DEV_UP delay=60000");
   const NfcClient client;
   auto waiting = std::async(std::launch::async, [&] {
     return client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}});
   });
-  ASSERT_TRUE(kernel->WaitFor([](const Status& status) { return status.commandWaits; }));
+  ASSERT_TRUE(Reaches(*kernel, [](const Status& status) { return status.commandWaits; }));
   kernel.reset();
   EXPECT_EQ(waiting.get(), -NLE_FAILURE);
 }
 
-TEST(VirtualNfcThreads, MayUseManySocketsAtOnce) {
+TEST(VirtualNfcThreads, UseManySocketsAtOnce) {
   InProcessVirtualNfc kernel(WithPromptRelease());
   std::vector<std::future<int>> programs;
   programs.reserve(4);
@@ -320,8 +329,10 @@ TEST(VirtualNfcThreads, MayUseManySocketsAtOnce) {
     kernel.RemoveTags();
     kernel.OverrunEvents();
   }
-  for (auto& program : programs) EXPECT_EQ(program.get(), 40);
-  EXPECT_TRUE(kernel.WaitFor([](const Status& status) { return status.openSockets == 0; }));
+  for (auto& program : programs) {
+    EXPECT_EQ(program.get(), 40);
+  }
+  EXPECT_TRUE(Reaches(kernel, [](const Status& status) { return status.openSockets == 0; }));
 }
 
 }  // namespace
