@@ -1,4 +1,4 @@
-// The station's days: cards of all kinds, many of them, several at once, and those that stay.
+// Ordinary days of the station: all kinds of cards, many cards, several at once, and cards that stay.
 #include <linux/nfc.h>
 #include <sys/stat.h>
 
@@ -15,8 +15,8 @@ namespace {
 
 using Day = OnBothStacks;
 
-/// The daemon as it is deployed.
-class WithOneCapability : public KernelTest, public ::testing::WithParamInterface<EStack> {
+/// The daemon runs as another user, as it is deployed.
+class WithOneCapability : public KernelTest, public ::testing::WithParamInterface<Stack> {
  protected:
   static constexpr uid_t kNobody = 65534;
 
@@ -28,7 +28,7 @@ class WithOneCapability : public KernelTest, public ::testing::WithParamInterfac
 
 }  // namespace
 
-TEST_P(Day, EveryKindOfCardHasItsOutcome) {
+TEST_P(Day, EveryKindOfCard) {
   StartEnabled();
   struct Case {
     const char* tag;
@@ -47,7 +47,7 @@ TEST_P(Day, EveryKindOfCardHasItsOutcome) {
     EXPECT_TRUE(mSupervisor->WaitFor(std::string("token ") + c.token));
     Reader("take");
   }
-  Disable();  // forgets the cards: neither this one nor the first has a number for the daemon
+  Disable();  // The daemon forgets the first card; like the next one, it has no UID.
   Enable();
   Reader("put f 0102030405060708");
   EXPECT_TRUE(mSupervisor->WaitFor("token  ERfidUidInvalid"));
@@ -63,9 +63,9 @@ TEST_P(Day, TwoHundredCardsInARow) {
   EXPECT_THAT(mSupervisor->Notified(), SizeIs(200));
 }
 
-TEST_P(Day, ACardThatStaysForAMinuteIsNotifiedOnce) {
-  // A card is forgotten 2 s after it was seen last. The digital stack polls its technologies by lot, so that
-  // it now and then takes longer to see a card again; the daemon is right then to report it again.
+TEST_P(Day, ACardThatStaysIsNotifiedOnce) {
+  // The daemon forgets a card 2 s after it was seen last. The digital stack polls the technologies in random
+  // order, so it sometimes takes longer to see the card again; then the daemon rightly reports it again.
   StartEnabled();
   const auto client = Client();
   client.JoinEvents();
@@ -87,7 +87,7 @@ TEST_P(Day, ACardThatStaysForAMinuteIsNotifiedOnce) {
   EXPECT_THAT(mSupervisor->Notified(), Each("token 04A1B2C3 ERfidUidNotInList"));
 }
 
-TEST_P(Day, DisabledWhileACardStaysItReadsAgainWhenEnabled) {
+TEST_P(Day, ACardThatStaysIsReadAgainAfterEnable) {
   StartEnabled();
   Reader("put a2 04A1B2C3");
   for (int cycle = 0; cycle < 20; ++cycle) {
@@ -99,24 +99,24 @@ TEST_P(Day, DisabledWhileACardStaysItReadsAgainWhenEnabled) {
   EXPECT_TRUE(IsNotified("04A1B2C3"));
 }
 
-TEST_P(Day, OfSeveralCardsAtOnceOneIsReadOrNone) {
+TEST_P(Day, SeveralCardsAtOnce) {
   StartEnabled();
-  // Of those that an NCI chip lists the daemon takes the last. The digital stack finds one technology after
+  // An NCI chip lists all cards, and the daemon takes the last. The digital stack finds one technology after
   // the other.
   Reader("put a2 04A1B2C3");
   Reader("put v E007060504030201");
   EXPECT_TRUE(IsNotified("E007060504030201"));
-  EXPECT_TRUE(mStack == EStack::Nci || IsNotified("04A1B2C3"));
-  // The digital stack has no anticollision: of one technology it finds none of two, but then the one that
-  // stays.
+  EXPECT_TRUE(mStack == Stack::Nci || IsNotified("04A1B2C3"));
+  // The digital stack has no anticollision: it finds neither of two cards of one technology, then the one
+  // that stays.
   Reader("swap a2 11223344");
   Reader("put a2 55667788");
-  EXPECT_TRUE(mStack == EStack::Digital || IsNotified("55667788"));
+  EXPECT_TRUE(mStack == Stack::Digital || IsNotified("55667788"));
   Reader("swap a2 99AABBCC");
   EXPECT_TRUE(IsNotified("99AABBCC"));
 }
 
-TEST_P(Day, KilledAndStartedAgainItReads) {
+TEST_P(Day, ReadsAfterAKill) {
   for (const bool isCardThere : {false, true}) {
     StartEnabled();
     if (isCardThere) {
@@ -133,7 +133,7 @@ TEST_P(Day, KilledAndStartedAgainItReads) {
   ExpectCardIsRead();
 }
 
-TEST_P(Day, WithoutAReaderItSaysSoAndReadsOnceThereIsOne) {
+TEST_P(Day, FailsWithoutAReaderAndReadsOncePluggedIn) {
   Reader("unplug");
   StartDaemon();
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
@@ -144,7 +144,7 @@ TEST_P(Day, WithoutAReaderItSaysSoAndReadsOnceThereIsOne) {
   ExpectCured("fatal");
 }
 
-TEST_P(Day, WhileAnotherProgramPollsItSaysSoAndReadsOnceThatHasEnded) {
+TEST_P(Day, FailsWhileAnotherProgramPollsAndReadsAfterwards) {
   auto other = Client();
   EXPECT_TRUE(other.Poll());
   StartDaemon();
@@ -157,7 +157,7 @@ TEST_P(Day, WhileAnotherProgramPollsItSaysSoAndReadsOnceThatHasEnded) {
   ExpectCured(outcome);
 }
 
-TEST_P(WithOneCapability, TheDaemonWorksAsAnotherUser) {
+TEST_P(WithOneCapability, IsEnoughForTheDaemon) {
   StartPeers();
   for (const auto& entry : std::filesystem::recursive_directory_iterator(Folder())) {
     ASSERT_EQ(chown(entry.path().c_str(), kNobody, kNobody), 0) << entry.path();
@@ -169,6 +169,5 @@ TEST_P(WithOneCapability, TheDaemonWorksAsAnotherUser) {
   EXPECT_EQ(IsPowered(), false);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernel, Day, ::testing::Values(EStack::Digital, EStack::Nci), StackName);
-INSTANTIATE_TEST_SUITE_P(Kernel, WithOneCapability, ::testing::Values(EStack::Digital, EStack::Nci),
-                         StackName);
+INSTANTIATE_TEST_SUITE_P(Kernel, Day, ::testing::Values(Stack::Digital, Stack::Nci), StackName);
+INSTANTIATE_TEST_SUITE_P(Kernel, WithOneCapability, ::testing::Values(Stack::Digital, Stack::Nci), StackName);

@@ -1,4 +1,4 @@
-// The end of the daemon by SIGINT, and finds that meet the command to stop polling.
+// SIGINT in every state, and tags found at the moment when polling is stopped.
 #include <linux/nfc.h>
 
 #include <csignal>
@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Ends the daemon in several situations, one after the other; each begins with a new process.
+/// Ends the daemon in several states; each case starts a new process.
 class End : public OnBothStacks {
  protected:
   struct Case {
@@ -40,7 +40,7 @@ class End : public OnBothStacks {
     ExpectItWaits();
   }
   void ExpectItWaits() {
-    if (mStack == EStack::Digital) {
+    if (mStack == Stack::Digital) {
       EXPECT_TRUE(WaitForLog("Setting nfc0 power mode to: on"));
     } else {
       EXPECT_TRUE(
@@ -49,12 +49,12 @@ class End : public OnBothStacks {
   }
 };
 
-/// A tag comes in the moment in which polling is stopped. The kernel's NCI stack takes 30 s for that, unless
-/// it is interrupted, and if the reader is switched off at once no program of the machine ever gets an answer
-/// again.
+/// The chip finds a tag at the moment when polling is stopped. The kernel's NCI stack takes 30 s for that,
+/// unless a signal interrupts it. If the reader is powered down right afterwards, no program ever gets an
+/// answer again.
 class CrossingFind : public KernelTest {
  protected:
-  CrossingFind() : KernelTest(EStack::Nci) {
+  CrossingFind() : KernelTest(Stack::Nci) {
     StartEnabled();
     Reader("cross a2 04A1B2C3");
   }
@@ -62,12 +62,12 @@ class CrossingFind : public KernelTest {
 
 class SlowReader : public KernelTest {
  protected:
-  SlowReader() : KernelTest(EStack::Digital) {}
+  SlowReader() : KernelTest(Stack::Digital) {}
 };
 
 }  // namespace
 
-TEST_P(End, InEveryStateTheReaderIsOffAfterwards) {
+TEST_P(End, LeavesTheReaderOffInEveryState) {
   std::vector<Case> cases{{"Uninitialized", [] {}},
                           {"Disabled", [this] { BeDisabled(); }},
                           {"Enabled", [this] { BeEnabled(); }},
@@ -89,7 +89,7 @@ TEST_P(End, InEveryStateTheReaderIsOffAfterwards) {
                              EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
                              Reader("plug");
                            }}};
-  if (mStack == EStack::Nci) {
+  if (mStack == Stack::Nci) {
     cases.push_back({"Error", [this] {
                        BeEnabled();
                        Reader("fail discover 03");
@@ -108,8 +108,8 @@ TEST_P(End, InEveryStateTheReaderIsOffAfterwards) {
   InterruptIn(cases);
 }
 
-TEST_P(End, WhileACommandWaitsForTheReaderItIsAwaited) {
-  if (mStack == EStack::Digital) {
+TEST_P(End, WaitsForACommandThatWaitsForTheReader) {
+  if (mStack == Stack::Digital) {
     InterruptIn({{"Switching on", [this] { EnableDuring("slow switch 1500"); }}});
     Reader("slow switch 0");
   } else {
@@ -158,8 +158,8 @@ TEST_F(CrossingFind, WhenPollingIsRenewed) {
 }
 
 TEST_F(CrossingFind, InTheRecovery) {
-  // So many events that the daemon loses some: it cannot know any more whether it polls.
-  const auto other = MakeReader(EStack::Digital, nullptr);
+  // The daemon loses some of these many events, so it does not know any more whether it polls.
+  const auto other = MakeReader(Stack::Digital, nullptr);
   mDaemon->Signal(SIGSTOP);
   other->Command("plug");
   for (int i = 0; i < 400; ++i) {
@@ -174,7 +174,7 @@ TEST_F(CrossingFind, InTheRecovery) {
   ExpectCardIsRead();
 }
 
-TEST_F(SlowReader, DisabledAndEnabledWhileACardStaysItReadsOn) {
+TEST_F(SlowReader, ReadsAfterDisablingAndEnablingWithACard) {
   StartEnabled();
   Reader("slow configure 15");
   Reader("slow framing 15");
@@ -188,8 +188,8 @@ TEST_F(SlowReader, DisabledAndEnabledWhileACardStaysItReadsOn) {
   ExpectCardIsRead();
 }
 
-TEST_F(SlowReader, WhatACommandThatNeverEndsLeavesBehindIsCuredByPluggingInAgain) {
-  // Nothing tells the daemon: the kernel answers as always, and finds no card.
+TEST_F(SlowReader, RecoversFromAHangByPluggingInAgain) {
+  // The daemon cannot know: the kernel answers as usual, but finds no card.
   StartEnabled();
   Reader("hang");
   Disable();
@@ -201,4 +201,4 @@ TEST_F(SlowReader, WhatACommandThatNeverEndsLeavesBehindIsCuredByPluggingInAgain
   ExpectCured("fatal");
 }
 
-INSTANTIATE_TEST_SUITE_P(Kernel, End, ::testing::Values(EStack::Digital, EStack::Nci), StackName);
+INSTANTIATE_TEST_SUITE_P(Kernel, End, ::testing::Values(Stack::Digital, Stack::Nci), StackName);

@@ -43,13 +43,15 @@ std::vector<Bytes> ReceiveAll(int fd) {
   for (;;) {
     Bytes datagram(65536);
     const ssize_t length = ::recv(fd, datagram.data(), datagram.size(), MSG_DONTWAIT);
-    if (length < 0) return datagrams;
+    if (length < 0) {
+      return datagrams;
+    }
     datagram.resize(static_cast<std::size_t>(length));
     datagrams.push_back(std::move(datagram));
   }
 }
 
-/// Runs it on a thread that gets signals, with a handler that does nothing, until it returns.
+/// Runs the operation on a thread that receives signals, which a handler ignores, until it returns.
 template <typename Operation>
 void UnderSignals(Operation operation) {
   struct sigaction action {};
@@ -60,7 +62,7 @@ void UnderSignals(Operation operation) {
   std::packaged_task<void()> task(operation);
   auto done = task.get_future();
   std::thread thread(std::move(task));
-  // Later than the command's beginning; one that comes too early changes nothing.
+  // The signal must come after the start of the command; an earlier one has no effect.
   while (done.wait_for(std::chrono::milliseconds(500)) != std::future_status::ready) {
     ::pthread_kill(thread.native_handle(), SIGUSR2);
   }
@@ -112,7 +114,9 @@ void Conversation::Resolve() {
   const Program& program = Of('e');
   Write(program, question);
   const std::vector<Bytes> answers = ReceiveAll(program.socket.Get());
-  if (answers.empty()) throw std::runtime_error("no answer to the look-up of the family nfc");
+  if (answers.empty()) {
+    throw std::runtime_error("no answer to the look-up of the family nfc");
+  }
   const Request answer = ParseRequest(answers.front());
   const auto id = answer.attributes.find(CTRL_ATTR_FAMILY_ID);
   const auto groups = answer.attributes.find(CTRL_ATTR_MCAST_GROUPS);
@@ -173,7 +177,9 @@ void Conversation::Send(const std::string& name, const Bytes& bytes) {
 
 void Conversation::AwaitEvent() {
   const Program& listener = Of('e');
-  if (!IsReadable(listener.socket.Get(), kLongestWait)) throw std::runtime_error("no event comes");
+  if (!IsReadable(listener.socket.Get(), kLongestWait)) {
+    throw std::runtime_error("no event comes");
+  }
   Bytes datagram(65536);
   const ssize_t length = ::recv(listener.socket.Get(), datagram.data(), datagram.size(), MSG_DONTWAIT);
   datagram.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
@@ -186,7 +192,9 @@ void Conversation::Do(const std::string& step) {
   if (step == "event") {
     AwaitEvent();
   } else if (step == "silence") {
-    if (IsReadable(Of('e').socket.Get(), mBench.TimeToFind())) AwaitEvent();
+    if (IsReadable(Of('e').socket.Get(), mBench.TimeToFind())) {
+      AwaitEvent();
+    }
   } else if (words[0] == "pause") {
     std::this_thread::sleep_for(mBench.TimeToSettle() * (words.size() > 1 ? std::stoi(words[1]) : 1));
   } else if (words[0] == "tags") {

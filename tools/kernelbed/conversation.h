@@ -1,6 +1,6 @@
 #pragma once
 
-// Questions to a kernel, and its answers in words that are the same for every kernel that answers the same.
+// Commands to a kernel, and its answers as text; kernels that answer the same give the same text.
 
 #include <map>
 #include <string>
@@ -9,27 +9,27 @@
 #include "tools/kernelbed/kernelbench.h"
 #include "tools/virtual-nfc/trace/netlinktext.h"
 
-/// One talk with a kernel by programs 'a', 'b' and so on, each with a socket of its own; 'e' listens to the
+/// A conversation of programs 'a', 'b' and so on with a kernel. Each has its own socket; 'e' listens to the
 /// events. One thread.
 class Conversation {
  public:
   explicit Conversation(KernelBench& bench);
-  /// Leaves the reader off.
+  /// Powers the reader down.
   ~Conversation();
   Conversation(const Conversation&) = delete;
   Conversation& operator=(const Conversation&) = delete;
 
-  /// Does one step and adds what came of it to what was heard:
+  /// Does one step and adds the answers to Heard():
   ///   a up|down|start [mask=N]|stop|device|devices|targets
-  ///                       program a asks; "devices" and "targets" are dumps
-  ///   a ~ stop            the same, again and again while the answer is EBUSY
+  ///                       program a sends a command; "devices" and "targets" are dumps
+  ///   a ~ stop            the same, repeated while the answer is EBUSY
   ///   a ! start           a signal reaches program a while it waits
-  ///   a close             its socket is closed
+  ///   a close             program a closes its socket
   ///   event               the next event; it must come
-  ///   silence             no event comes for as long as the reader may take to find a tag
-  ///   pause [N]           what the kernel does by itself has passed, N times as long
-  ///   tags [NAME...]      these lie on the reader; also: plug, unplug
-  ///   anything else       goes wrong at the reader, see KernelBench
+  ///   silence             no event comes within the time in which the reader finds a tag
+  ///   pause [N]           waits, N times as long as the kernel needs to settle
+  ///   tags [NAME...]      puts these tags on the reader; also: plug, unplug
+  ///   anything else       a fault of the reader, see KernelBench
   void Do(const std::string& step);
   /// Program a sends these bytes.
   void Send(const std::string& name, const virtualnfc::Bytes& bytes);

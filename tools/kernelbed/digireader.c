@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: GPL-2.0
-// An NFC reader for the kernel's "digital" stack whose air is a program. It does with /dev/digi-reader what the
-// driver trf7970a does with its chip: the same states, locking, abort, field switching and error codes. A command
-// that nobody answers ends with -ETIMEDOUT, by a delayed work.
+// An NFC reader for the kernel's "digital" stack; a program simulates its radio. The module does with /dev/digi-reader what
+// the driver trf7970a does with its chip: the same states, locking, abort, field switching and error codes. A command
+// without an answer ends with -ETIMEDOUT, in a delayed work.
 //
-// The program reads, one line a read:
+// The program reads, one line per read:
 //   cmd SEQ TECH HEX         a frame for the tags; the reader adds and checks the CRC
-//   rf 0 / rf 1              the field goes, comes
+//   rf 0 / rf 1              the field goes off, on
 // and writes:
-//   plug / unplug            the NFC device comes, goes
+//   plug / unplug            adds, removes the NFC device
 //   answer SEQ HEX           a tag's frame, without CRC
 //   error SEQ ERRNO          the command ends with an error (bad CRC, collision)
-//   fail CALL ERRNO N        the next N of these calls of the stack fail at once; CALL: send, configure, switch,
-//                            framing (configuring for a tag found)
-//   slow CALL MS             these calls take so much longer, under the driver's lock
-//   hang 0 / hang 1          commands never end
+//   fail CALL ERRNO N        the next N of these calls by the stack fail at once; CALL: send, configure, switch,
+//                            framing (configuring for a tag that was found)
+//   slow CALL MS             these calls take this much longer, holding the driver's lock
+//   hang 0 / hang 1          commands end as usual, never end
 #include <linux/delay.h>
 #include <linux/fs.h>
 #include <linux/kfifo.h>
@@ -32,11 +32,11 @@
 
 enum { PWR_OFF, RF_OFF, IDLE, WAITING };
 
-/* Under plug_lock, which serialises the program's commands. */
+/* Guarded by plug_lock, which serialises the program's commands. */
 static DEFINE_MUTEX(plug_lock);
 static struct nfc_digital_dev *ddev;
 
-/* Under lock, the driver's own. */
+/* Guarded by lock, the driver's own. */
 static DEFINE_MUTEX(lock);
 static int state = PWR_OFF;
 static bool aborting, ignore_timeout, hang;
@@ -46,14 +46,14 @@ static struct sk_buff *tx, *rx;
 static nfc_digital_cmd_complete_t done;
 static void *done_arg;
 
-/* How the calls of the stack are disturbed, under lock: FRAMING is the configuring for a tag found. */
+/* The faults of the calls by the stack, guarded by lock. FRAMING is configuring for a tag that was found. */
 enum { SEND, CONFIGURE, SWITCH, FRAMING, CALLS };
 static const char *const call_names[CALLS] = { "send", "configure", "switch", "framing" };
 static struct {
 	int err, left, ms;
 } calls[CALLS];
 
-/* What the program has not read yet; added under lock. */
+/* What the program has not read yet; added with lock held. */
 static STRUCT_KFIFO_REC_2(1 << 14) lines;
 static DECLARE_WAIT_QUEUE_HEAD(lines_wait);
 
@@ -75,7 +75,7 @@ static int disturbed(int call)
 	return calls[call].left > 0 && calls[call].left-- > 0 ? calls[call].err : 0;
 }
 
-/* Ends the command that is under way. */
+/* Ends the current command. */
 static void upstream(struct sk_buff *resp)
 {
 	dev_kfree_skb(tx);
@@ -205,7 +205,7 @@ static int op_in_send(struct nfc_digital_dev *d, struct sk_buff *skb, u16 timeou
 	return ret;
 }
 
-/* Target mode (being a tag for another reader) is not for this one. */
+/* Target mode (acting as a tag for another reader) is not supported. */
 static int op_tg_send(struct nfc_digital_dev *d, struct sk_buff *skb, u16 timeout, nfc_digital_cmd_complete_t cb,
 		      void *arg)
 {
@@ -396,5 +396,5 @@ static struct miscdevice misc = {
 };
 module_misc_device(misc);
 
-MODULE_DESCRIPTION("NFC reader for the digital stack, its air in user space");
+MODULE_DESCRIPTION("NFC reader for the digital stack, its radio in user space");
 MODULE_LICENSE("GPL");

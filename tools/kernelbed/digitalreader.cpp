@@ -16,7 +16,7 @@ namespace {
 constexpr auto kDevice = "/dev/digi-reader";
 /// A poll sends a frame every 60 ms.
 constexpr std::chrono::milliseconds kLongestSilence(300);
-constexpr int kLookForTheEnd = 50;  // ms
+constexpr int kStopCheck = 50;  // ms
 
 virtualnfc::UniqueFd OpenDevice(const std::string& module) {
   const auto check = [](int result, const std::string& what) {
@@ -35,10 +35,11 @@ virtualnfc::UniqueFd OpenDevice(const std::string& module) {
 }  // namespace
 
 const char* const DigitalReader::kWords = R"(Commands of this reader:
-  fail CALL ERRNO [N]   the next N (1) of these calls of the kernel's stack fail at once: send, configure, switch,
-                        framing (of a tag found); or "answer": commands end with the error (a bad CRC, a collision)
-  slow CALL MS          these calls take so much longer, under the driver's lock
-  hang / unhang         commands never end / do again
+  fail CALL ERRNO [N]   the next N (1) of these calls by the kernel fail at once: send, configure, switch, framing
+                        (configuring for a tag that was found); or "answer": commands end with this error (a bad CRC,
+                        a collision)
+  slow CALL MS          these calls take this much longer, holding the driver's lock
+  hang / unhang         commands never end / end again
 
 State: off (unplugged), polling, or ready (no frame for 300 ms).
 )";
@@ -104,7 +105,7 @@ void DigitalReader::Listen() {
   std::array<char, 1024> line;
   while (!mStop) {
     pollfd waiting{mDevice.Get(), POLLIN, 0};
-    if (poll(&waiting, 1, kLookForTheEnd) <= 0) {
+    if (poll(&waiting, 1, kStopCheck) <= 0) {
       continue;
     }
     const auto length = read(mDevice.Get(), line.data(), line.size());
@@ -114,7 +115,7 @@ void DigitalReader::Listen() {
     try {
       OnLine(std::string(line.data(), static_cast<size_t>(length)));
     } catch (const std::exception& e) {
-      Log(e.what());  // an answer that came too late, for example
+      Log(e.what());  // for example, the answer came too late
     }
   }
 }

@@ -9,16 +9,14 @@
 
 namespace kernelbed {
 
-/// The air of the reader that the module digireader makes for the kernel's digital stack: it reads each frame
-/// and answers as the tags in the field would. Frames of two tags that differ collide.
-///
-/// Threads: see Reader; one of its own for the frames.
+/// The radio side of the reader that the module digireader adds to the kernel's digital stack: it answers
+/// each frame as the tags in the field would. Different answers of two tags collide. Threads: see Reader; one
+/// of its own for the frames.
 class DigitalReader : public Reader {
  public:
-  /// Loads the module unless it is there. Throws std::exception when it cannot. Without a device until
-  /// "plug".
+  /// Loads the module if needed. Throws std::exception on failure. There is no device before "plug".
   DigitalReader(const std::string& module, FILE* log);
-  ~DigitalReader() override;  ///< the device goes
+  ~DigitalReader() override;  ///< unplugs the device
 
   static const char* const kWords;  ///< its own commands, for --help
 

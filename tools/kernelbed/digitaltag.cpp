@@ -8,7 +8,7 @@ namespace {
 
 constexpr uint8_t kSensReq = 0x26;
 constexpr uint8_t kAllReq = 0x52;
-constexpr uint8_t kSddReq = 0x93;  // and 2 more for each further level
+constexpr uint8_t kSddReq = 0x93;  // plus 2 for each further level
 constexpr uint8_t kWholeByteCount = 0x20;
 constexpr uint8_t kSelect = 0x70;
 constexpr uint8_t kCascadeTag = 0x88;
@@ -25,7 +25,7 @@ DigitalTag::DigitalTag(const TagWords& words)
     : mKind(words.Kind()), mUid(words.Uid()), mSak(words.ByteOption("sak", mKind == "a4" ? "20" : "00")) {}
 
 void DigitalTag::Reset() {
-  mState = EState::Idle;
+  mState = State::Idle;
   mLevel = 0;
 }
 
@@ -44,15 +44,15 @@ Bytes DigitalTag::Selector() const {
 
 Bytes DigitalTag::AnswerA(const Bytes& frame) {
   const auto command = frame[0];
-  if (mState == EState::Protocol) {
-    return {};  // it only knows its own protocol, until the field goes
+  if (mState == State::Protocol) {
+    return {};  // silent until the field goes off
   }
-  if (mState == EState::Idle && (command == kSensReq || command == kAllReq)) {
-    mState = EState::Ready;
+  if (mState == State::Idle && (command == kSensReq || command == kAllReq)) {
+    mState = State::Ready;
     const uint8_t length = mUid.size() == 7 ? 0x44 : mUid.size() == 10 ? 0x84 : 0x04;
     return mKind == "a1" ? Bytes{0x00, 0x0c} : Bytes{length, 0x00};
   }
-  if (mState == EState::Ready && mKind != "a1" && frame.size() >= 2 && command == kSddReq + 2 * mLevel) {
+  if (mState == State::Ready && mKind != "a1" && frame.size() >= 2 && command == kSddReq + 2 * mLevel) {
     auto selector = Selector();
     if (frame[1] == kWholeByteCount) {
       return selector;
@@ -61,27 +61,27 @@ Bytes DigitalTag::AnswerA(const Bytes& frame) {
       if (++mLevel < Levels()) {
         return {kNotComplete};
       }
-      mState = EState::Active;
+      mState = State::Active;
       return {mSak};
     }
   }
-  if (mState == EState::Active && command == kRats && (mSak & kIsType4) != 0) {
-    mState = EState::Protocol;
+  if (mState == State::Active && command == kRats && (mSak & kIsType4) != 0) {
+    mState = State::Protocol;
     return {0x05, 0x75, 0x77, 0x81, 0x02};
   }
-  Reset();  // not what it waits for
+  Reset();  // an unexpected frame
   return {};
 }
 
 Bytes DigitalTag::AnswerB(const Bytes& frame) {
-  if (mState == EState::Protocol) {
+  if (mState == State::Protocol) {
     return {};
   }
   if (frame[0] == kSensbReq) {
     return {0x50, mUid[0], mUid[1], mUid[2], mUid[3], 0x00, 0x00, 0x00, 0x00, 0x80, 0x81, 0x71};
   }
   if (frame[0] == kAttrib && frame.size() == 9 && std::equal(mUid.begin(), mUid.end(), frame.begin() + 1)) {
-    mState = EState::Protocol;
+    mState = State::Protocol;
     return {0x00};
   }
   return {};
@@ -100,7 +100,7 @@ Bytes DigitalTag::Answer(Tech tech, const Bytes& frame) {
       if ((tech != Tech::F212 && tech != Tech::F424) || frame.size() < 6 || frame[1] != 0x00) {
         return {};
       }
-      Bytes answer{0x12, 0x01};  // its length and the code of the response
+      Bytes answer{0x12, 0x01};  // length and response code
       Append(answer, mUid);
       Append(answer, {0x01, 0x20, 0x22, 0x04, 0x27, 0x67, 0x4e, 0xff});
       return answer;

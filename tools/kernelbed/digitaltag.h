@@ -19,7 +19,7 @@ class DigitalTag {
   Bytes Answer(Tech tech, const Bytes& frame);
 
  private:
-  enum class EState { Idle, Ready, Active, Protocol };
+  enum class State { Idle, Ready, Active, Protocol };
 
   Bytes AnswerA(const Bytes& frame);
   Bytes AnswerB(const Bytes& frame);
@@ -30,7 +30,7 @@ class DigitalTag {
   std::string mKind;
   Bytes mUid;
   uint8_t mSak;
-  EState mState = EState::Idle;
+  State mState = State::Idle;
   size_t mLevel = 0;
 };
 

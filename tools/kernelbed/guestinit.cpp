@@ -1,9 +1,10 @@
-// Process 1 of the guest. The runner leaves a job folder on the host (argv, env, cwd: words that end with a
-// NUL; limit: seconds) and names it on the kernel's command line as "job=FOLDER", which the kernel hands over
-// in the environment. Mounts what a program expects, brings lo up, runs the command with its output in files
-// of the job folder, writes how it ended and the kernel's log there, and powers off.
+// Process 1 of the guest. The runner makes a job folder on the host and names it on the kernel's command line
+// as "job=FOLDER", which the kernel passes on in the environment. Its files argv, env and cwd hold words that
+// end with a NUL; limit holds seconds. This program mounts what programs expect, brings up lo, runs the
+// command with its output in files of the job folder, writes the exit status and the kernel's log there, and
+// powers off.
 //
-// A static program: it must not depend on what the file system holds.
+// It is static, so that it does not depend on the libraries in the file system.
 
 #include <fcntl.h>
 #include <net/if.h>
@@ -32,8 +33,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kReadAll = 3;  // SYSLOG_ACTION_READ_ALL, which no header names
-/// For what the command left running.
+constexpr int kReadAll = 3;  // SYSLOG_ACTION_READ_ALL; no header defines it
+/// Time to end for processes that the command left running.
 constexpr std::chrono::seconds kPatience(2);
 constexpr auto kOutOfTime = "timeout";
 
@@ -129,7 +130,7 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
   _exit(errno == ENOENT ? 127 : 126);
 }
 
-/// Takes children that have ended, orphans too, until there is none any more or the time has come.
+/// Reaps children, orphans included, until `child` has ended, no child is left, or time is up.
 /// Returns how `child` ended; empty when it has not.
 std::string WaitForChildren(pid_t child, Clock::time_point end) {
   sigset_t childSignal;
@@ -164,7 +165,7 @@ int main() {
   }
   sigset_t all;
   sigfillset(&all);
-  sigprocmask(SIG_BLOCK, &all, nullptr);  // one that is sent while nobody waits is kept
+  sigprocmask(SIG_BLOCK, &all, nullptr);  // a SIGCHLD that comes early stays pending
   const pid_t child = fork();
   if (child == 0) {
     RunCommand(command);
@@ -175,7 +176,7 @@ int main() {
     kill(-1, SIGTERM);
     WaitForChildren(child, Clock::now() + kPatience);
   }
-  // Not for ever: a process that waits in the kernel for what does not come cannot be killed.
+  // With a timeout, because a process that hangs in the kernel cannot be killed.
   kill(-1, SIGKILL);
   WaitForChildren(-1, Clock::now() + kPatience);
   Finish(status);

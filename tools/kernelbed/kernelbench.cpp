@@ -17,7 +17,7 @@ using namespace virtualnfc;
 namespace {
 
 struct NamedTag {
-  /// In the words of the reader; the digital one has nothing that is foreign to the kernel.
+  /// In the words of the reader. The kernel knows all tags that the digital reader reports.
   const char* words;
   TagKind kind;
   const char* uid;
@@ -90,7 +90,7 @@ class RealBench : public KernelBench {
   }
 
   UniqueFd Socket() override {
-    // Past the simulator, which takes the calls of the C library.
+    // Bypasses the interposer, which replaces the calls of the C library.
     return UniqueFd(
         static_cast<int>(::syscall(SYS_socket, AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC)));
   }
@@ -101,16 +101,18 @@ class RealBench : public KernelBench {
     }
   }
   void Plug() override {
-    if (mUnplugging.valid()) mUnplugging.get();
+    if (mUnplugging.valid()) {
+      mUnplugging.get();
+    }
     mReader->Command("plug");
-    // A number is free only a moment after its device has gone.
+    // The kernel frees the number of a device shortly after it was unplugged.
     while (!std::filesystem::exists("/sys/class/nfc/nfc0")) {
       mReader->Command("unplug");
       mReader->Command("plug");
     }
   }
   void Unplug() override {
-    // A powered NCI device goes at once, but its chip waits five seconds for the kernel's leave.
+    // The kernel removes a powered NCI device at once, but takes five seconds to let go of its chip.
     mUnplugging = std::async(std::launch::async, [this] { mReader->Command("unplug"); });
   }
   void GoWrong(const std::string& what) override {
@@ -129,7 +131,7 @@ class RealBench : public KernelBench {
  private:
   const bool mIsNci;
   std::unique_ptr<kernelbed::Reader> mReader;
-  /// Ends before the reader does.
+  /// Destroyed before mReader.
   std::future<void> mUnplugging;
 };
 

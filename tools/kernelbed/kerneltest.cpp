@@ -27,25 +27,25 @@ std::string Tail(const std::string& path) {
 
 }  // namespace
 
-std::unique_ptr<kernelbed::Reader> MakeReader(EStack stack, FILE* log) {
+std::unique_ptr<kernelbed::Reader> MakeReader(Stack stack, FILE* log) {
   switch (stack) {
-    case EStack::Digital:
+    case Stack::Digital:
       return std::make_unique<kernelbed::DigitalReader>(KERNELBED_MODULE, log);
-    case EStack::Nci:
+    case Stack::Nci:
       return std::make_unique<kernelbed::NciChip>(log);
   }
   return nullptr;
 }
 
-void PrintTo(EStack stack, std::ostream* stream) {
-  *stream << (stack == EStack::Digital ? "Digital" : "Nci");
+void virtualnfc::PrintTo(Stack stack, std::ostream* stream) {
+  *stream << (stack == Stack::Digital ? "Digital" : "Nci");
 }
 
-std::string StackName(const ::testing::TestParamInfo<EStack>& info) {
+std::string StackName(const ::testing::TestParamInfo<Stack>& info) {
   return ::testing::PrintToString(info.param);
 }
 
-KernelTest::KernelTest(EStack stack, std::vector<std::string> launcher)
+KernelTest::KernelTest(Stack stack, std::vector<std::string> launcher)
     : StationOnKernel(NewFolder("kernel"), std::move(launcher)),
       mStack(stack),
       mReaderLog(fopen(Path("reader.log").c_str(), "w"), fclose),
@@ -56,7 +56,7 @@ KernelTest::KernelTest(EStack stack, std::vector<std::string> launcher)
 KernelTest::~KernelTest() {
   if (HasFailure()) {
     ShowLogs();
-    KeepFolder();  // where it outlives the guest
+    KeepFolder();  // if the folder outlives the guest
   }
 }
 
@@ -80,7 +80,7 @@ void KernelTest::ExpectOrderlyEnd() {
   EXPECT_EQ(mDaemon->Wait().value_or("still running"), "exit 0");
   if (IsPowered().has_value()) {
     EXPECT_EQ(IsPowered(), false);
-    EXPECT_NO_THROW(Reader("wait ready"));  // nor does it poll for all that
+    EXPECT_NO_THROW(Reader("wait ready"));  // it does not poll either
   }
 }
 
@@ -113,7 +113,7 @@ bool KernelTest::WaitForLog(const std::string& text) const {
 
 void KernelTest::Reader(const std::string& command) {
   mReader->Command(command);
-  // The kernel frees the number of a device that has gone a moment later.
+  // The kernel frees the number of a device shortly after it was unplugged.
   EXPECT_TRUE(command != "plug" || Eventually([this] {
                 if (!IsPowered().has_value()) {
                   mReader->Command("unplug");

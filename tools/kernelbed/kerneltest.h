@@ -11,48 +11,49 @@
 #include "tools/harness/station.h"
 #include "tools/kernelbed/reader.h"
 
-/// The kernel's stack on which the reader stands.
-enum class EStack { Digital, Nci };
-void PrintTo(EStack stack, std::ostream* stream);
+using virtualnfc::Stack;
+namespace virtualnfc {
+void PrintTo(Stack stack, std::ostream* stream);
+}
 
-/// A station with the real daemon on the real kernel, in a guest of its own. At the end of each test the
-/// daemon is ended by SIGINT if it still runs, and the reader must be off.
+/// A station with the real daemon on the real kernel, in a guest of its own. At the end of each test SIGINT
+/// ends the daemon if it still runs, and the reader must be off. A failure shows what the supervisor was
+/// told, and the logs.
 class KernelTest : public ::testing::Test, public StationOnKernel {
  protected:
-  /// The reader is plugged in. `launcher` as StationOnKernel has it.
-  explicit KernelTest(EStack stack, std::vector<std::string> launcher = {});
-  ~KernelTest() override;  ///< after a failure: shows what happened
+  /// Plugs in the reader. @param launcher see StationOnKernel
+  explicit KernelTest(Stack stack, std::vector<std::string> launcher = {});
+  ~KernelTest() override;
   void TearDown() override;
 
   void StartDaemon();
-  void StartEnabled();  ///< and waits until it polls
-  void Enable();        ///< asks for it
+  void StartEnabled();  ///< and waits until the daemon polls
+  void Enable();        ///< returns when the request is accepted
   void Disable();       ///< and waits until the supervisor is told
   void ExpectOrderlyEnd();
   bool WaitForLog(const std::string& text) const;
 
-  /// Tells the reader what happens, in the words of tools/kernelbed. A reader that is plugged in is device 0.
+  /// A command for the reader, see kernelbed::Reader. A reader that is plugged in gets the number 0.
   void Reader(const std::string& command);
 
-  /// The UID of a card that was not seen before.
+  /// The UID of a card that was not used before.
   std::string NewUid();
-  /// Puts a new card, waits until it is notified, takes it.
+  /// Puts a new card, waits for its notification, takes the card away.
   void ExpectCardIsRead();
   bool IsNotified(const std::string& uid) const;
 
-  /// What becomes of a station that was asked to be enabled, as its supervisor sees it: "read" when a new
-  /// card is read and nothing was told, "recovered" when Error and then Disabled were told, "fatal" when it
-  /// ended in FatalError.
+  /// What the supervisor of an enabled station sees: "read" when a new card is read without any error,
+  /// "recovered" when the state was Error and then Disabled, "fatal" when it was FatalError.
   std::string Outcome();
-  /// Does what a supervisor does then, enables or starts the process again, and expects that a card is read.
+  /// Does what a supervisor would do then, enable or restart the daemon, and expects that a card is read.
   void ExpectCured(const std::string& outcome);
 
-  /// Another program's socket to the kernel.
+  /// A socket of another program.
   nfctest::NfcClient Client() const;
-  /// Whether device 0 has power; nothing when there is none.
+  /// Whether device 0 has power; nothing without a device.
   std::optional<bool> IsPowered() const;
 
-  const EStack mStack;
+  const Stack mStack;
 
  private:
   void ShowLogs() const;
@@ -67,12 +68,12 @@ class KernelTest : public ::testing::Test, public StationOnKernel {
 };
 
 /// A test for each of the two stacks.
-class OnBothStacks : public KernelTest, public ::testing::WithParamInterface<EStack> {
+class OnBothStacks : public KernelTest, public ::testing::WithParamInterface<Stack> {
  protected:
   OnBothStacks() : KernelTest(GetParam()) {}
 };
 
-std::unique_ptr<kernelbed::Reader> MakeReader(EStack stack, FILE* log);
+std::unique_ptr<kernelbed::Reader> MakeReader(Stack stack, FILE* log);
 
 /// For the names of tests.
-std::string StackName(const ::testing::TestParamInfo<EStack>& info);
+std::string StackName(const ::testing::TestParamInfo<Stack>& info);

@@ -15,20 +15,20 @@ namespace kernelbed {
 namespace {
 
 constexpr auto kDevice = "/dev/virtual_nci";
-/// From the beginning of discovery, or from a tag's coming, to its being reported.
+/// From the start of discovery, or from "put", until the tag is reported.
 constexpr std::chrono::milliseconds kTimeToFind(20);
 
-enum EPacket : uint8_t { Command = 0x20, Response = 0x40, Notification = 0x60 };
-enum EGroup : uint8_t { Core = 0, Rf = 1 };
-enum EStatus : uint8_t {
+enum Packet : uint8_t { Command = 0x20, Response = 0x40, Notification = 0x60 };
+enum Group : uint8_t { Core = 0, Rf = 1 };
+enum Status : uint8_t {
   Ok = 0x00,
   SemanticError = 0x06,
   UnknownCommand = 0x08,
   DiscoveryAlreadyStarted = 0xa0
 };
-enum EDeactivation : uint8_t { ToIdle = 0, ToDiscovery = 3 };
+enum Deactivation : uint8_t { ToIdle = 0, ToDiscovery = 3 };
 
-/// Core group: reset, init, set-config; RF group: map, discover, deactivate.
+/// The names that the command "fail" uses.
 std::string NameOf(uint8_t group, uint8_t operation) {
   static const std::map<int, std::string> kNames{{0x000, "reset"},     {0x001, "init"},
                                                  {0x002, "setconfig"}, {0x100, "map"},
@@ -40,14 +40,13 @@ std::string NameOf(uint8_t group, uint8_t operation) {
 }  // namespace
 
 const char* const NciChip::kWords = R"(Commands of this reader:
-  cross TAG             at the next command to deactivate during discovery, TAG is reported first: the find and the
-                        command cross
-  fail COMMAND HOW [N]  the next N (1) of these commands of the kernel get HOW: a status byte in hexadecimal, "silent"
-                        (no answer), or "late MS"; COMMAND: reset, init, setconfig, map, discover, deactivate,
-                        or deactntf (the notification after deactivate)
-  reset                 the chip resets by itself, and says so
-  ax UID [protocol=80]  one more kind of tag: NFC-A with a protocol number of the chip maker's own, which is what many
-                        chips say of MIFARE Classic
+  cross TAG             report TAG just before the answer to the next deactivate command during discovery
+  fail COMMAND HOW [N]  the next N (1) of these commands get HOW: a status byte in hexadecimal, "silent" (no answer),
+                        or "late MS". COMMAND: reset, init, setconfig, map, discover, deactivate, or deactntf (the
+                        notification after deactivate)
+  reset                 the chip resets itself and reports that
+  ax UID [protocol=80]  another kind of tag: NFC-A with a protocol number of the chip maker, as many chips report for
+                        MIFARE Classic
 
 State: off (unplugged), ready, idle, discovery, select or active.
 )";
@@ -55,7 +54,7 @@ State: off (unplugged), ready, idle, discovery, select or active.
 NciChip::NciChip(FILE* log) : Reader(log) {
   struct sigaction action {};
   action.sa_handler = [](int) {};
-  sigaction(SIGUSR1, &action, nullptr);  // without SA_RESTART: it ends a read
+  sigaction(SIGUSR1, &action, nullptr);  // without SA_RESTART, so that it ends a read
   mReporter = std::thread(&NciChip::ReportTags, this);
 }
 
@@ -88,7 +87,7 @@ void NciChip::Unplug() {
     return;
   }
   mStopReading = true;
-  while (!mHasStoppedReading) {  // a read keeps the device open
+  while (!mHasStoppedReading) {  // a blocked read keeps the device open
     pthread_kill(mReader.native_handle(), SIGUSR1);
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
@@ -99,7 +98,7 @@ void NciChip::Unplug() {
     std::swap(device, mDevice);
     SetState("off");
   }
-  // The device goes with it, when the kernel has waited 5 s for a last answer if it is powered.
+  // Closing removes the device. If it is powered, the kernel first waits 5 s for a last answer.
 }
 
 void NciChip::PutTag(const TagWords& tag) {
@@ -113,7 +112,7 @@ bool NciChip::OwnCommand(const std::string& word, std::istream& words) {
   } else if (word == "fail") {
     AddFailure(words);
   } else if (word == "reset") {
-    Notify(EGroup::Core, 0, {0x00, 0x01, 0x20, 0x04, 4, 1, 2, 3, 4});
+    Notify(Group::Core, 0, {0x00, 0x01, 0x20, 0x04, 4, 1, 2, 3, 4});
     SetState("ready");
   } else {
     return false;
@@ -124,11 +123,11 @@ bool NciChip::OwnCommand(const std::string& word, std::istream& words) {
 void NciChip::AddFailure(std::istream& words) {
   const auto command = NextWord(words);
   const auto how = NextWord(words);
-  Failure failure{Failure::EHow::Refuse, 0, 1};
+  Failure failure{Failure::How::Refuse, 0, 1};
   if (how == "silent") {
-    failure.how = Failure::EHow::BeSilent;
+    failure.how = Failure::How::BeSilent;
   } else if (how == "late") {
-    failure.how = Failure::EHow::BeLate;
+    failure.how = Failure::How::BeLate;
     failure.argument = NextNumber(words, 0);
   } else {
     failure.argument = virtualnfc::ParseHex(how).at(0);
@@ -166,11 +165,11 @@ void NciChip::Send(uint8_t type, uint8_t group, uint8_t operation, const Bytes& 
 void NciChip::Respond(const Request& request, const Bytes& more) {
   Bytes payload{request.status};
   Append(payload, more);
-  Send(EPacket::Response, request.group, request.operation, payload);
+  Send(Packet::Response, request.group, request.operation, payload);
 }
 
 void NciChip::Notify(uint8_t group, uint8_t operation, const Bytes& payload) {
-  Send(EPacket::Notification, group, operation, payload);
+  Send(Packet::Notification, group, operation, payload);
 }
 
 void NciChip::ReadCommands(int device) {
@@ -178,7 +177,7 @@ void NciChip::ReadCommands(int device) {
   while (!mStopReading) {
     const auto length = read(device, buffer.data(), buffer.size());
     if (length < 3) {
-      continue;  // interrupted by Unplug
+      continue;  // Unplug has interrupted the read
     }
     const Bytes packet(buffer.begin(), buffer.begin() + length);
     Log("host: " + ToHex(packet));
@@ -193,7 +192,7 @@ void NciChip::ReadCommands(int device) {
 }
 
 bool NciChip::IsAnswered(const std::string& command, uint8_t& status, std::unique_lock<std::mutex>& lock) {
-  status = EStatus::Ok;
+  status = Status::Ok;
   const auto found = mFailures.find(command);
   if (found == mFailures.end()) {
     return true;
@@ -204,13 +203,13 @@ bool NciChip::IsAnswered(const std::string& command, uint8_t& status, std::uniqu
     mCounts["failing"] = static_cast<int>(mFailures.size());
   }
   switch (failure.how) {
-    case Failure::EHow::Refuse:
+    case Failure::How::Refuse:
       status = static_cast<uint8_t>(failure.argument);
       break;
-    case Failure::EHow::BeSilent:
+    case Failure::How::BeSilent:
       Log("silent to " + command);
       return false;
-    case Failure::EHow::BeLate:
+    case Failure::How::BeLate:
       lock.unlock();
       std::this_thread::sleep_for(std::chrono::milliseconds(failure.argument));
       lock.lock();
@@ -222,8 +221,8 @@ bool NciChip::IsAnswered(const std::string& command, uint8_t& status, std::uniqu
 void NciChip::OnCommand(const Bytes& packet, std::unique_lock<std::mutex>& lock) {
   const auto group = static_cast<uint8_t>(packet[0] & 0x0f);
   const auto operation = static_cast<uint8_t>(packet[1] & 0x3f);
-  Request request{group, operation, Bytes(packet.begin() + 3, packet.end()), EStatus::Ok};
-  if ((packet[0] & 0xe0) != EPacket::Command) {
+  Request request{group, operation, Bytes(packet.begin() + 3, packet.end()), Status::Ok};
+  if ((packet[0] & 0xe0) != Packet::Command) {
     return;  // data for a tag
   }
   const auto name = NameOf(group, operation);
@@ -234,8 +233,8 @@ void NciChip::OnCommand(const Bytes& packet, std::unique_lock<std::mutex>& lock)
   if (name == "reset") {
     Reset(request);
   } else if (name == "init") {
-    if (request.status == EStatus::Ok) {
-      // its features, limits, and three interfaces: frame, ISO-DEP and NFC-DEP
+    if (request.status == Status::Ok) {
+      // Features, limits and three interfaces: frame, ISO-DEP and NFC-DEP.
       Respond(request, {0, 0, 0, 0, 1, 0, 0, 255, 255, 1, 0, 1, 3, 1, 0, 2, 0, 3, 0});
     } else {
       Respond(request);
@@ -244,7 +243,7 @@ void NciChip::OnCommand(const Bytes& packet, std::unique_lock<std::mutex>& lock)
     Respond(request, {0});
   } else if (name == "map") {
     Respond(request);
-    if (request.status == EStatus::Ok) {
+    if (request.status == Status::Ok) {
       SetState("idle");
     }
   } else if (name == "discover") {
@@ -252,31 +251,31 @@ void NciChip::OnCommand(const Bytes& packet, std::unique_lock<std::mutex>& lock)
   } else if (name == "deactivate") {
     Deactivate(request, lock);
   } else {
-    request.status = EStatus::UnknownCommand;
+    request.status = Status::UnknownCommand;
     Respond(request, {0});
   }
 }
 
 void NciChip::Reset(const Request& request) {
-  if (request.status != EStatus::Ok) {
+  if (request.status != Status::Ok) {
     Respond(request, {0, 0});
     return;
   }
   Respond(request);
-  Notify(EGroup::Core, 0, {0x02, 0x01, 0x20, 0x04, 4, 1, 2, 3, 4});
+  Notify(Group::Core, 0, {0x02, 0x01, 0x20, 0x04, 4, 1, 2, 3, 4});
   SetState("ready");
 }
 
 void NciChip::Discover(Request& request) {
-  if (request.status == EStatus::Ok && mState != "idle") {
-    request.status = mState == "discovery" ? EStatus::DiscoveryAlreadyStarted : EStatus::SemanticError;
+  if (request.status == Status::Ok && mState != "idle") {
+    request.status = mState == "discovery" ? Status::DiscoveryAlreadyStarted : Status::SemanticError;
   }
   mTechnologies.clear();
   for (size_t i = 1; i + 1 < request.arguments.size(); i += 2) {
     mTechnologies.push_back(request.arguments[i]);
   }
   Respond(request);
-  if (request.status == EStatus::Ok) {
+  if (request.status == Status::Ok) {
     SetState("discovery");
   }
 }
@@ -289,16 +288,16 @@ void NciChip::Deactivate(const Request& request, std::unique_lock<std::mutex>& l
   }
   const bool wasActive = mState == "active";
   Respond(request);
-  if (request.status != EStatus::Ok) {
+  if (request.status != Status::Ok) {
     return;
   }
-  const uint8_t type = request.arguments.empty() ? uint8_t{EDeactivation::ToIdle} : request.arguments[0];
-  SetState(type == EDeactivation::ToIdle        ? "idle"
-           : type == EDeactivation::ToDiscovery ? "discovery"
-                                                : "select");
+  const uint8_t type = request.arguments.empty() ? uint8_t{Deactivation::ToIdle} : request.arguments[0];
+  SetState(type == Deactivation::ToIdle        ? "idle"
+           : type == Deactivation::ToDiscovery ? "discovery"
+                                               : "select");
   uint8_t ignored = 0;
   if (wasActive && IsAnswered("deactntf", ignored, lock)) {
-    Notify(EGroup::Rf, 6, {type, 0});
+    Notify(Group::Rf, 6, {type, 0});
   }
 }
 
@@ -320,7 +319,7 @@ void NciChip::ReportTags() {
   }
 }
 
-/// One tag is activated at once; of several the kernel gets a list, which it is content with.
+/// Activates a single tag. Reports several as a list, which is enough for the kernel.
 void NciChip::Report() {
   std::vector<NciTag> found;
   std::copy_if(mField.begin(), mField.end(), std::back_inserter(found), [this](const NciTag& tag) {
@@ -336,8 +335,8 @@ void NciChip::Report() {
       Bytes payload{static_cast<uint8_t>(i + 1), tag.protocol, tag.technology,
                     static_cast<uint8_t>(tag.parameters.size())};
       Append(payload, tag.parameters);
-      payload.push_back(i + 1 < found.size() ? 2 : 0);  // more will come, the last
-      Notify(EGroup::Rf, 3, payload);
+      payload.push_back(i + 1 < found.size() ? 2 : 0);  // 2: more follow, 0: the last
+      Notify(Group::Rf, 3, payload);
     }
   }
 }
@@ -349,7 +348,7 @@ void NciChip::SendActivated(const NciTag& tag) {
   Append(payload, tag.parameters);
   Append(payload, {tag.technology, 0, 0, static_cast<uint8_t>(tag.activation.size())});
   Append(payload, tag.activation);
-  Notify(EGroup::Rf, 5, payload);
+  Notify(Group::Rf, 5, payload);
 }
 
 }  // namespace kernelbed

@@ -10,23 +10,21 @@
 
 namespace kernelbed {
 
-/// An NFC chip that speaks the NFC Controller Interface 2.0 to the kernel's own NCI stack, by
-/// /dev/virtual_nci.
-///
-/// Threads: see Reader; one takes the kernel's commands while the chip is plugged in, one reports tags. The
-/// first is ended by SIGUSR1, which this takes for itself.
+/// An NFC chip that speaks the NFC Controller Interface 2.0 to the kernel's NCI stack, through
+/// /dev/virtual_nci. Threads: see Reader; one reads the kernel's commands while the chip is plugged in, one
+/// reports tags. SIGUSR1 ends the first; this class takes that signal.
 class NciChip : public Reader {
  public:
-  /// Without a device until "plug".
+  /// There is no device before "plug".
   explicit NciChip(FILE* log);
-  ~NciChip() override;  ///< the device goes
+  ~NciChip() override;  ///< unplugs the device
 
   static const char* const kWords;  ///< its own commands, for --help
 
  private:
-  /// What the chip does with a command instead of obeying.
+  /// How the chip fails a command.
   struct Failure {
-    enum class EHow { Refuse, BeSilent, BeLate } how;
+    enum class How { Refuse, BeSilent, BeLate } how;
     int argument;  ///< a status, or milliseconds
     int count;
   };
@@ -35,7 +33,7 @@ class NciChip : public Reader {
     uint8_t group;
     uint8_t operation;
     Bytes arguments;
-    uint8_t status;  ///< to be answered
+    uint8_t status;  ///< of the response
   };
 
   void Plug() override;
@@ -63,7 +61,7 @@ class NciChip : public Reader {
   void Notify(uint8_t group, uint8_t operation, const Bytes& payload);
   void Send(uint8_t type, uint8_t group, uint8_t operation, const Bytes& payload);
 
-  // between Plug and Unplug, which one thread calls
+  // between Plug and Unplug, which must be called by one thread
   virtualnfc::UniqueFd mDevice;
   std::atomic<bool> mStopReading{false};
   std::atomic<bool> mHasStoppedReading{false};
@@ -73,7 +71,7 @@ class NciChip : public Reader {
   std::string mState = "off";
   std::vector<NciTag> mField;
   std::optional<NciTag> mCrossing;
-  Bytes mTechnologies;  ///< that the kernel polls for
+  Bytes mTechnologies;  ///< the kernel polls for these
   std::map<std::string, Failure> mFailures;
   std::optional<Clock::time_point> mNextReport;
   bool mQuit = false;

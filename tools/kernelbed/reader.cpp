@@ -10,28 +10,27 @@ namespace kernelbed {
 
 namespace {
 
-/// The kernel gives a device's number free a moment after the device has gone.
+/// The kernel frees the number of a device shortly after it was unplugged.
 constexpr std::chrono::milliseconds kNumberIsFree(50);
 
 }  // namespace
 
 const char* const kReaderWords = R"(Commands of every reader:
-  put TAG          a tag comes into the field and stays
-  take             the field is empty
-  swap TAG         take, put
-  unplug / plug    the kernel's NFC device goes, comes
+  put TAG          put a tag into the field
+  take             take all tags away
+  swap TAG         take, then put
+  unplug / plug    remove, add the kernel's NFC device
   replug           both at once: the kernel's new device may get another number
-  state            the reader's state, and how often what happened
-  wait STATE [S]   wait until the state is this one, 10 s at most or as long as said
-  quit
+  state            show the reader's state and what happened how often
+  wait STATE [S]   wait for this state, for S seconds (10) at most
 
-TAG (UIDs in hexadecimal as printed on the tag; options after it as NAME=VALUE):
+TAG (UIDs in hexadecimal as printed on the tag, then options):
   a2 UID [sak=00]           NFC-A Type 2, UID of 4, 7 or 10 bytes; MIFARE Classic with sak=08
   a4 UID [sak=20]           NFC-A Type 4
   a1 UID                    NFC-A Type 1 (Jewel)
   b PUPI                    NFC-B Type 4
   f IDM                     NFC-F
-  v UID                     ISO 15693; UID beginning with E0
+  v UID                     ISO 15693; the UID begins with E0
 )";
 
 void Append(Bytes& bytes, const Bytes& more) {

@@ -1,7 +1,6 @@
 #pragma once
 
-// What the two simulated readers have in common: words in which they are told what happens, and a field with
-// tags.
+// What the two simulated readers share: commands as lines of words, and tags.
 
 #include <chrono>
 #include <condition_variable>
@@ -29,8 +28,7 @@ std::string ToHex(const Bytes& bytes);
 /// The next word. Throws std::invalid_argument when there is none.
 std::string NextWord(std::istream& words);
 
-/// The next word as a number; the other one when there is no word.
-/// Throws std::invalid_argument when it is none.
+/// The next word as a number, or the default without a word. Throws std::invalid_argument for any other word.
 template <typename Number>
 Number NextNumber(std::istream& words, Number otherwise) {
   Number number{};
@@ -38,7 +36,7 @@ Number NextNumber(std::istream& words, Number otherwise) {
     return otherwise;
   }
   if (!(words >> number)) {
-    throw std::invalid_argument("a number is wanted");
+    throw std::invalid_argument("a number is missing");
   }
   return number;
 }
@@ -46,13 +44,13 @@ Number NextNumber(std::istream& words, Number otherwise) {
 /// A tag as the words of a command name it: KIND UID [NAME=VALUE...], for example "a4 04A1B2C3 sak=28".
 class TagWords {
  public:
-  /// Throws std::invalid_argument for what it cannot be, the length of the UID included.
+  /// Throws std::invalid_argument for an unknown kind or a UID of the wrong length.
   explicit TagWords(std::istream& words);
 
   const std::string& Kind() const { return mKind; }
-  /// In the order in which it is printed on the tag.
+  /// As printed on the tag.
   const Bytes& Uid() const { return mUid; }
-  /// The value of an option, a byte in hexadecimal.
+  /// The value of an option: one byte in hexadecimal.
   uint8_t ByteOption(const std::string& name, const std::string& otherwise) const;
   bool IsNfcA() const { return mKind.front() == 'a'; }
 
@@ -62,25 +60,24 @@ class TagWords {
   std::map<std::string, std::string> mOptions;
 };
 
-/// A reader that one drives by lines of words; `kReaderWords` and the help of its program list them.
-///
-/// Threads: any may command it. Implementations have threads of their own.
+/// A reader that is driven by lines of words; kReaderWords lists them. Any thread may give commands;
+/// implementations have threads of their own.
 class Reader {
  public:
-  /// With a file, everything between kernel and tags is written to it.
+  /// @param log receives everything between kernel and tags; may be null
   explicit Reader(FILE* log) : mLog(log) {}
   virtual ~Reader() = default;
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
-  /// Carries out one line and returns what it has to say. Waits for the kernel where a device comes or goes.
+  /// Carries out one line and returns the reply. Blocks while the kernel adds or removes a device.
   /// Throws std::exception saying what is wrong.
   std::string Command(const std::string& line);
 
  protected:
   void Log(const std::string& text) const;
 
-  /// The device comes or goes; without the lock.
+  // Without mMutex:
   virtual void Plug() = 0;
   virtual void Unplug() = 0;
 
@@ -88,11 +85,11 @@ class Reader {
   virtual std::string State() const = 0;
   virtual void PutTag(const TagWords& tag) = 0;
   virtual void TakeTags() = 0;
-  /// What only this reader can do. Returns false for a word that it does not know.
+  /// The commands of this kind of reader only. Returns false for an unknown word.
   virtual bool OwnCommand(const std::string& word, std::istream& words) = 0;
 
   mutable std::mutex mMutex;
-  std::map<std::string, int> mCounts;  ///< how often what happened, for the command "state"
+  std::map<std::string, int> mCounts;  ///< what happened how often, for the command "state"
 
  private:
   void WaitForState(std::istream& words) const;

@@ -1,5 +1,6 @@
-// The simulated kernel is asked what the real one is asked, and must answer the same: every command in every
-// state, messages of every form, every kind of tag, what goes wrong at a reader. For both kinds of reader.
+// Sends the same commands to the simulated kernel and to the real one; the answers must be the same. Every
+// command in every state, messages of every form, every kind of tag and faults of the reader, for both kinds
+// of reader.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -13,7 +14,7 @@ namespace {
 
 struct Story {
   std::string name;
-  /// Divided by commas; see Conversation::Do.
+  /// Separated by commas; see Conversation::Do.
   std::string steps;
 };
 
@@ -21,7 +22,7 @@ class Conformance : public testing::TestWithParam<Stack> {
  protected:
   bool IsNci() const { return GetParam() == Stack::Nci; }
 
-  /// Talks to both kernels, each on a reader that was just plugged in.
+  /// Has the same conversation with both kernels, each with a newly plugged-in reader.
   template <typename Talk>
   void Compare(const std::string& name, Talk talk) const {
     SCOPED_TRACE(name);
@@ -43,7 +44,9 @@ class Conformance : public testing::TestWithParam<Stack> {
     for (const Story& story : stories) {
       Compare(story.name, [&](Conversation& talk) {
         std::istringstream steps(story.steps);
-        for (std::string step; std::getline(steps >> std::ws, step, ',');) talk.Do(step);
+        for (std::string step; std::getline(steps >> std::ws, step, ',');) {
+          talk.Do(step);
+        }
       });
     }
   }
@@ -103,7 +106,7 @@ TEST_P(Conformance, Tags) {
   });
 }
 
-TEST_P(Conformance, TheReaderGoesAndComes) {
+TEST_P(Conformance, TheReaderIsUnpluggedAndPluggedIn) {
   for (const Story& state : {Story{"down", ""}, Story{"up", "a up,"}, Story{"polling", "a up, a start,"},
                              Story{"found", "a up, tags type2, a start, event, tags,"}}) {
     Compare(
@@ -114,7 +117,7 @@ TEST_P(Conformance, TheReaderGoesAndComes) {
   }
 }
 
-TEST_P(Conformance, WhatGoesWrongAtTheReader) {
+TEST_P(Conformance, FaultsOfTheReader) {
   Compare(
       {{"the poll dies", "a up, a start, poll-dead, tags type2, silence, a start, a stop, a start, event"}});
   if (!IsNci()) {
@@ -146,7 +149,7 @@ MessageBuilder Message(std::uint16_t family, std::uint8_t command, std::uint16_t
   return message;
 }
 
-/// The rest of a request that is as it should be but for what is said of it.
+/// A request that is correct except for what its name says.
 struct Form {
   const char* name;
   std::uint16_t flags;
