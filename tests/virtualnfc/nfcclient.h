@@ -69,8 +69,9 @@ class NfcClient {
   std::uint32_t Port() const { return nl_socket_get_local_port(mSocket.get()); }
   void Close() { mSocket.reset(); }
   void JoinEvents() const {
-    if (nl_socket_add_membership(mSocket.get(), static_cast<int>(mGroup)) != 0)
+    if (nl_socket_add_membership(mSocket.get(), static_cast<int>(mGroup)) != 0) {
       throw std::runtime_error("cannot join the events");
+    }
   }
 
   /// A request with u32 attributes. @returns its length, or a negative libnl code

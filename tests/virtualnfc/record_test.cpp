@@ -78,7 +78,7 @@ TEST(Record, OfACardIsAsInTheDocument) {
 }
 
 TEST(Record, RefusesACountOfZero) {
-  Station station("record");
+  Station station(NewFolder("record"));
   const auto recorder = Tool(station, station.Kernel(), {"record", "--count", "0"});
   EXPECT_EQ(recorder->Wait(), "exit 2");
   EXPECT_EQ(ReadFile(station.Path("record.err")),

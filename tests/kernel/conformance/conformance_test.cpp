@@ -90,7 +90,9 @@ TEST_P(Conformance, Tags) {
   for (const char* kind : {"type2", "long", "longest", "type4", "b", "felica", "vicinity"}) {
     all += fmt::format(", tags {}, b start, event, a targets", kind);
   }
-  if (!IsNci()) all += ", tags telephone, b start, event, a targets";  // a chip without NFC-DEP cannot
+  if (!IsNci()) {
+    all += ", tags telephone, b start, event, a targets";  // a chip without NFC-DEP cannot
+  }
   Compare({
       {"one after the other", all},
       {"none", "a up, a start, silence, a targets, a stop, a targets"},
