@@ -1,5 +1,5 @@
-// The command line, one argument a line. Settings stay from one input to the next: nothing resets them in a
-// process.
+// The command line, one argument a line. The settings stay from one input to the next, because nothing in the
+// process resets them.
 #include "src/commandline.h"
 
 #include <getopt.h>
@@ -13,12 +13,13 @@
 #include "fuzz/check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::vector<std::vector<char>> words{{'r', 'f', 'i', 'd', 'd', '\0'}};  // of exact size, to find overreads
+  std::vector<std::vector<char>> words{
+      {'r', 'f', 'i', 'd', 'd', '\0'}};  // of exact size, so that over-reads are found
   bool anyOption = false;
   const auto* const last = data + size;
   for (const auto* at = data; at < last;) {
     const auto* const end = std::find(at, last, '\n');
-    const auto* const nul = std::find(at, end, '\0');  // no argument goes beyond it
+    const auto* const nul = std::find(at, end, '\0');  // ends the argument
     auto& word = words.emplace_back(nul - at + 1, '\0');
     std::copy(at, nul, word.begin());
     anyOption = anyOption || (word.size() > 2 && word[0] == '-');
@@ -27,9 +28,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<char*> arguments(words.size() + 1);
   std::transform(words.begin(), words.end(), arguments.begin(), [](auto& word) { return word.data(); });
 
-  optind = 0;  // starts the scanner anew
+  optind = 0;  // restarts getopt
   opterr = 0;
-  const std::string rootBefore(GetFilesystemRoot(), 0);  // a copy: what it refers to changes
+  const std::string rootBefore(GetFilesystemRoot(), 0);  // a copy, because the root may change
   const auto levelBefore = Log::GetLogLevel();
   static std::ostringstream printed;
   printed.str("");

@@ -1,4 +1,4 @@
-// The description of the family: the group's id is that of the first entry that has this name and an id.
+// The description of the family: the first entry with the group's name and an id gives the group's id.
 #include "fuzz/netlinkmessage.h"
 #include "src/components/nfcmessages.h"
 

@@ -1,4 +1,4 @@
-// Text from outside on its way into a log line.
+// Text from outside in a log line: it is escaped and cut.
 #include "framework/src/logtext.h"
 
 #include <algorithm>
@@ -28,14 +28,14 @@ std::string Escaped(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  constexpr size_t kLongest = 64;  // longer ones hold nothing new, but take long
+  constexpr size_t kLongest = 64;  // longer texts show nothing new and take long
   std::string text = TextOf(data, std::min(size, kLongest));
   const std::string once = Escaped(text);
   if (once.size() <= kLongestLogText) {
-    FUZZ_CHECK(once.size() >= text.size() && Escaped(once) == once);  // what is fit for a line stays as it is
+    FUZZ_CHECK(once.size() >= text.size() && Escaped(once) == once);  // escaping twice changes nothing
   }
-  // The same text over and over, to be cut. This takes long, so only one input in 256 does it. A hash chooses
-  // them: the fuzzer would learn any simpler rule and make hardly anything else.
+  // Repeat the text until it must be cut. This takes long, so only one input in 256 does it. A hash chooses
+  // the inputs, because the fuzzer would learn any simpler rule and produce little else.
   if (!text.empty() && std::hash<std::string>()(text) % 256 == 0) {
     while (text.size() <= kLongestLogText) {
       text += text;

@@ -1,4 +1,4 @@
-// What the event monitor reads from a message: the command and the device that the event is about.
+// What the event monitor reads from an event: the command and the device.
 #include <linux/nfc.h>
 
 #include "fuzz/netlinkmessage.h"

@@ -16,10 +16,11 @@
 
 using Bytes = std::vector<uint8_t>;
 
-/// The fuzzer's bytes as one netlink message whose stated length is that of the bytes.
+/// The fuzzer's bytes as one netlink message whose header states their length.
 ///
-/// It lies right before memory without access: libnl is not instrumented, so that nothing else would catch an
-/// over-read of libnl's own. What alignment leaves over before that memory is poisoned, for our own code.
+/// The message ends right before inaccessible memory, because libnl is not instrumented and nothing else
+/// would catch an over-read in libnl. The bytes that alignment leaves between the two are poisoned for our
+/// own code.
 class NetlinkMessage {
  public:
   NetlinkMessage(const uint8_t* data, size_t size) : mSize(size) {
@@ -52,8 +53,8 @@ class NetlinkMessage {
   size_t mSize;
 };
 
-/// The attributes in these bytes up to the first that does not fit, type and value; read without libnl, to
-/// compare.
+/// The attributes in these bytes up to the first that does not fit: type and value. Does not use libnl, whose
+/// results it is compared with.
 inline std::vector<std::pair<unsigned, Bytes>> ReadAttributes(const Bytes& bytes) {
   std::vector<std::pair<unsigned, Bytes>> attributes;
   for (size_t at = 0; at + 4 <= bytes.size();) {
@@ -68,7 +69,7 @@ inline std::vector<std::pair<unsigned, Bytes>> ReadAttributes(const Bytes& bytes
   return attributes;
 }
 
-/// The same bytes, or none when an attribute up to that type is there twice.
+/// The same bytes, or none when a type up to `highestType` comes twice.
 inline Bytes Unambiguous(const Bytes& bytes, unsigned highestType) {
   std::set<unsigned> types;
   for (const auto& [type, value] : ReadAttributes(bytes)) {
@@ -79,7 +80,8 @@ inline Bytes Unambiguous(const Bytes& bytes, unsigned highestType) {
   return bytes;
 }
 
-/// The value of an attribute, of repeated ones the last; nothing when there is none with so many bytes.
+/// The value of the last attribute of this type. Nothing when there is none or it has fewer than `least`
+/// bytes.
 inline std::optional<Bytes> Find(const Bytes& bytes, unsigned type, size_t least = 0) {
   std::optional<Bytes> found;
   for (auto& [itsType, value] : ReadAttributes(bytes)) {

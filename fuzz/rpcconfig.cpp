@@ -1,4 +1,4 @@
-// etc/plex.json: it is taken as a whole, or refused with one line that names the file.
+// etc/plex.json is accepted as a whole, or refused with one line that names the file.
 #include "framework/rpcconfig.h"
 
 #include <sys/un.h>

@@ -1,4 +1,4 @@
-// One message of the list of tags: a UID only of a length that is one, and only bytes that the message has.
+// One message of the list of tags: the UID has a possible length and only bytes of the message.
 #include <linux/nfc.h>
 
 #include "fuzz/netlinkmessage.h"

@@ -1,14 +1,13 @@
-// Sightings at the front of the reader. One line is one step: the first character says what happens, the rest
-// is the UID. A digit: seen that many half seconds after the step before; '+': seen two seconds and a
-// nanosecond after it;
-// '!': seen at once, and the callback fails; '-': polling is stopped.
+// Sightings at the front of the reader. Each line is a step: the first character says what happens, the rest
+// is the UID. A digit: seen that many half seconds after the step before. '+': seen two seconds and a
+// nanosecond after it. '!': seen at once, and the callback fails. '-': polling is stopped.
 #include "fuzz/check.h"
 #include "src/components/rfidreader.h"
 #include "tests/components/fakenfcnetlink.h"
 
 namespace {
 
-/// Four to eight bytes at two digits each, where the last digit may be missing.
+/// Four to eight bytes of two digits each. The last digit may be missing.
 bool IsUid(const std::string& text) {
   size_t digits = 0;
   for (const char c : text) {
@@ -54,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       lastSeen[token.uid] = now;
       FUZZ_CHECK(!fails || !isNew);
     } catch (const std::runtime_error&) {
-      FUZZ_CHECK(fails && isNew);  // and the token is reported again the next time
+      FUZZ_CHECK(fails && isNew);  // so the next sighting is reported again
     }
     FUZZ_CHECK(calls == (isNew ? 1 : 0));
   }

@@ -12,8 +12,8 @@
 
 namespace {
 
-/// Counts the signals that the thread has not seen yet. Made once and never destroyed: a handler may still be
-/// running when a relay goes.
+/// Counts the signals that the thread has not seen yet. Never destroyed, because a handler may still run when
+/// a relay goes.
 sem_t& Signals() {
   static sem_t* const made = [] {
     static sem_t semaphore;
@@ -30,7 +30,7 @@ std::atomic<bool> ending{false};
 
 void HandleSignal(int) {
   const int error = errno;
-  sem_post(pendingSignals);  // all that is safe here
+  sem_post(pendingSignals);  // a handler may do little more
   errno = error;
 }
 
@@ -77,7 +77,7 @@ CInterruptBlock::~CInterruptBlock() {
 CInterruptRelay::CInterruptRelay(const std::function<void(int)>& hook) {
   pendingSignals = &Signals();
   while (sem_trywait(pendingSignals) == 0) {
-    // one that an earlier relay did not come to
+    // drop what an earlier relay left
   }
   ending = false;
   mThread = std::thread(Relay, std::cref(hook));

@@ -15,7 +15,7 @@ class IProcessControl {
   std::function<ipc::MResult()> IDisableCall;
 };
 
-/// Joins the RPC service through which the supervisor controls the daemon and the daemon's own side of it.
+/// Connects the RPC service through which the supervisor controls the daemon with the daemon's side of it.
 ///
 /// Threads: requests come on RPC threads and block until the machine has dispatched them; State comes on the
 /// machine's thread, Alive on the worker's. Calling an operation whose callable is empty throws

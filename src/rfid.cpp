@@ -35,7 +35,7 @@ const char* Meaning(const std::string& state) {
   return found == kMeanings.end() ? "" : found->second;
 }
 
-/// What a SIGINT does; set by the application that runs and never cleared again.
+/// What a SIGINT does. Set by the application that runs, and never cleared.
 std::function<void(int)> signalHook;
 
 }  // namespace
@@ -49,7 +49,7 @@ CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod)
   mRfidConfig = std::make_shared<CRfidConfig>(settings, standaloneList);
   const auto netlink = std::make_shared<CNfcNetlink>(CNfcNetlink::Settings{.watchPeriod = pollWatchPeriod});
   mRfidReader = std::make_shared<CRfidReader>(netlink);
-  const CInterruptBlock block;  // from here on threads are started that have no use for signals
+  const CInterruptBlock block;  // the threads started from here on must not take signals
   const auto feedbackClient = mAppCommunicationHost->CreateClient<IFeedback>("Feedback");
   feedbackClient->SetConnectTimeout(kPeerTimeoutSeconds);
   feedbackClient->SetCallTimeout(kPeerTimeoutSeconds);

@@ -16,10 +16,10 @@ class IRfidClient {
   std::function<ipc::MResult(const std::string&)> IRfidInjectToken;
 };
 
-/// Joins the RPC service that other daemons use and the daemon's own side of it.
+/// Connects the RPC service that other daemons use with the daemon's side of it.
 ///
-/// Threads: requests come on RPC threads and block until the machine has dispatched them; the notifications
-/// come on the machine's thread. Calling an operation whose callable is empty throws std::bad_function_call.
+/// Threads: requests come on RPC threads and block until the machine has dispatched them. Notifications come
+/// on the machine's thread. Calling an operation whose callable is empty throws std::bad_function_call.
 class CRfidService : public IRfid, public IRfidClient {
  public:
   ipc::MResult EnableLearning(bool enable) override { return IRfidEnableLearning(enable); }

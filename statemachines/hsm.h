@@ -15,7 +15,7 @@
 #include "statemachines/hsmactionhandler.h"
 #include "statemachines/hsmdefinition.h"
 
-/// The state templates. State objects hold no data: one constant object exists per leaf.
+/// Root of the state templates. State objects hold no data: each leaf has one constant object.
 template <typename Hsm>
 class TopState {
  public:
@@ -62,7 +62,7 @@ class LeafState : public Parent {
     return nullptr;
   }
 
-  /// What escapes a leaf's own transition ends the process here, where the stack still shows the culprit.
+  /// An exception from a leaf's own transition ends the process here, where the stack still shows its source.
   template <typename Reaction>
   static void CarryOutAsLeaf(Hsm& hsm, const std::string& owner, const Reaction& reaction,
                              const std::shared_ptr<IHsmEvent>& event) {
@@ -77,7 +77,7 @@ class LeafState : public Parent {
 template <typename Hsm, unsigned Id, typename Parent>
 inline const LeafState<Hsm, Id, Parent> LeafState<Hsm, Id, Parent>::kInstance{};
 
-/// Gives a machine its definition; every actions interface with a machine specialises it.
+/// Gives a machine its definition. Every actions interface that has a machine specialises it.
 template <typename Handler>
 struct CHsmDefinitionOf;
 
@@ -93,7 +93,7 @@ class CHsm final : public IHsmInterface {
   explicit CHsm(std::shared_ptr<Handler> handler) : mHandler(std::move(handler)) { mHandler->mHsm = this; }
   ~CHsm() {
     AbandonAll();
-    // What an event carries may post another one when it goes, so the events go first.
+    // Destroying an event may post another one, so destroy the events while the machine still works.
     std::deque<std::shared_ptr<IHsmEvent>> last;
     {
       const std::lock_guard lock(mMutex);
@@ -146,8 +146,8 @@ class CHsm final : public IHsmInterface {
     return mRunning;
   }
 
-  /// Carries out a reaction that `owner` (a leaf or the composite) has to the event. For the state templates
-  /// only. The poster is told before any action runs.
+  /// Carries out the reaction of `owner` (a leaf or the composite) to the event. The poster gets its answer
+  /// before any action runs. For the state templates only.
   void CarryOut(const std::string& owner, const CHsmReaction<CHsm>& reaction,
                 const std::shared_ptr<IHsmEvent>& event) {
     Log::Trace("State {}: event hndl {}", owner, event->GetName());
@@ -192,8 +192,7 @@ class CHsm final : public IHsmInterface {
     return event;
   }
 
-  /// What is still queued stays there and is never dispatched, but whoever waits for it must not wait for
-  /// ever.
+  /// Events still queued are never dispatched, so their posters must stop waiting.
   void AbandonAll() {
     if (!mEnded) {
       mEnded = true;
@@ -214,7 +213,7 @@ class CHsm final : public IHsmInterface {
   const State* mCurrent = nullptr;
   std::deque<std::shared_ptr<IHsmEvent>> mQueue;  // guarded by mMutex
   bool mRunning = true;                           // guarded by mMutex
-  bool mEnded = false;  // guarded by mMutex; Run has returned, nothing is dispatched any more
+  bool mEnded = false;                            // guarded by mMutex; nothing is dispatched any more
   std::condition_variable mPosted;
   mutable std::mutex mMutex;
 };

@@ -6,10 +6,10 @@
 
 #include "statemachines/hsmevent.h"
 
-/// What everyone outside the engine sees of a machine. Owned through shared pointers to the concrete machine.
+/// A machine as everyone outside the engine sees it. Owned through shared pointers to the concrete machine.
 struct IHsmInterface {
-  /// Queues the event behind those already waiting. Any thread, also from a reaction, before and after Run.
-  /// Never blocks on the dispatch. Once Run has returned, the event's completion is a broken promise.
+  /// Queues the event behind those already waiting. Any thread, at any time, also from a reaction. Never
+  /// waits for the dispatch. Once Run has returned, the event's completion is a broken promise.
   virtual void PostEvent(const std::shared_ptr<IHsmEvent>& event) = 0;
 
   /// Lends the calling thread to the machine until Stop: every reaction runs on it, one event at a time.
@@ -21,18 +21,16 @@ struct IHsmInterface {
   virtual bool IsRunning() const = 0;
 };
 
-/// Base of every actions interface: the door through which actions and reactions post events to their
-/// machine.
+/// Base of every actions interface. Through it, actions and reactions post events to their machine.
 class CHsmActionHandlerBase {
  public:
-  /// Posts a fresh event and returns at once; nobody waits for its completion.
-  /// Throws std::logic_error when no machine was made for this handler yet.
+  /// Posts a new event and returns at once. Throws std::logic_error when this handler has no machine yet.
   template <typename Event, typename... Payload>
   void SendEvent(Payload&&... payload) {
     PostEvent(std::make_shared<Event>(std::forward<Payload>(payload)...));
   }
 
-  /// The same for an event that the caller has made.
+  /// The same with an event that the caller has made.
   void PostEvent(const std::shared_ptr<IHsmEvent>& event) {
     if (mHsm == nullptr) {
       throw std::logic_error("CHsmActionHandlerBase: IHsmInterface not set");

@@ -6,11 +6,11 @@
 
 #include "framework/worker.h"
 
-/// Alive supervision between an actions interface `Base` and a concrete handler: while its timer runs, the
-/// alive message goes out at once and then every 4 seconds.
+/// Alive supervision, a mixin between an actions interface `Base` and a concrete handler. While its timer
+/// runs, it sends an alive message at once and then every 4 seconds.
 ///
 /// Threads: start and stop on the machine's thread, the messages on the handler's worker thread, which the
-/// concrete handler starts. ExtSendAlive is bound before the machine runs and not changed afterwards.
+/// concrete handler starts. ExtSendAlive is bound before the machine runs and never changes afterwards.
 template <typename Base>
 class CHsmAlive : public virtual Base, public virtual CWorker {
  public:
@@ -20,7 +20,7 @@ class CHsmAlive : public virtual Base, public virtual CWorker {
 
   ~CHsmAlive() override = default;
 
-  /// Asked before each message; false leaves it out.
+  /// Asked before each message. False suppresses it.
   virtual bool IsAlive() { return true; }
 
   void IntStartAliveTimer() override {
@@ -33,7 +33,7 @@ class CHsmAlive : public virtual Base, public virtual CWorker {
         std::chrono::steady_clock::now(), kAlivePeriod);
   }
 
-  /// Blocks until a message that is on its way has been sent: none goes out afterwards.
+  /// Blocks until a message that is being sent has gone out. None follows.
   void IntStopAliveTimer() override {
     if (mAliveCall) {
       mAliveCall->Cancel();

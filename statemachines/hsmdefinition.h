@@ -10,11 +10,11 @@
 
 #include "statemachines/hsmevent.h"
 
-/// A machine written down as data: its states and their reactions, in the order in which they are tested.
-/// One constant definition exists per machine; state objects and diagrams read it.
+// A machine written down as data: its states and their reactions, in the order in which they are tested. Each
+// machine has one constant definition, which the state objects and the diagram read.
 
-/// One thing that a reaction, an entry or an exit does. `event` is the event being dispatched (null on the
-/// initial transition).
+/// One step of a reaction, an entry or an exit. `event` is the event being dispatched (null on the initial
+/// transition).
 template <typename Machine>
 struct CHsmAction {
   std::string_view name;
@@ -72,7 +72,7 @@ std::vector<CHsmLeaf<Machine>> LeavesInOrder(CHsmRow<Machine, States>... rows) {
   return {std::move(rows)...};
 }
 
-/// Reads as a table row: On<ExtEnableReq>::GoTo(Enabling), On<IntAlive>::Do({...}).
+/// A reaction as it stands in the table: On<ExtEnableReq>::GoTo(Enabling), On<IntAlive>::Do({...}).
 template <typename Machine, typename Event>
 struct CHsmOn {
   static CHsmReaction<Machine> GoTo(unsigned target) {

@@ -8,18 +8,16 @@
 /// Base of every event of every state machine.
 ///
 /// An event object is posted once: the dispatch fulfils mHandled with true when a state reacted and with
-/// false when none did. Events are created with std::make_shared of the concrete type and shared by poster,
-/// queue and dispatch; the shared pointer of the concrete type destroys them, so no virtual destructor is
-/// needed.
+/// false when none did. Create events with std::make_shared of the concrete type: its shared pointer destroys
+/// them, so no virtual destructor is needed.
 struct IHsmEvent {
   std::promise<bool> mHandled;
 
   virtual const std::string& GetName() const = 0;
 };
 
-/// One kind of event: number `Id` of the machine that `Tag` stands for, with an optional payload.
-///
-/// `Tag` gives the names: a constant `kEventNames` that is indexed by the number.
+/// One kind of event: number `Id` of the machine that `Tag` stands for, with an optional payload. The
+/// constant `Tag::kEventNames` has its name, by number.
 template <typename Tag, unsigned Id, typename... Payload>
 struct CHsmEvent final : public IHsmEvent {
   static_assert(sizeof...(Payload) <= 1, "an event carries one value at most");

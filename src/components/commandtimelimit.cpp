@@ -17,7 +17,7 @@ int TheSignal() {
 void InstallHandler() {
   static const bool installed = [] {
     struct sigaction action {};
-    action.sa_handler = [](int) {};  // that it runs is all that is wanted: it ends the wait
+    action.sa_handler = [](int) {};  // being called is enough to end the wait
     sigemptyset(&action.sa_mask);
     return sigaction(TheSignal(), &action, nullptr) == 0;
   }();
@@ -45,7 +45,7 @@ CCommandTimeLimit::CCommandTimeLimit(std::chrono::milliseconds limit) {
     return;
   }
   mIsArmed = true;
-  // Again and again: one that comes before the call blocks ends nothing.
+  // Periodic, because a signal that comes before the call blocks has no effect.
   const itimerspec times{.it_interval = ToTimespec(limit), .it_value = ToTimespec(limit)};
   timer_settime(mTimer, 0, &times, nullptr);
   pthread_sigmask(SIG_UNBLOCK, &mSignals, nullptr);
@@ -57,7 +57,7 @@ CCommandTimeLimit::~CCommandTimeLimit() {
     return;
   }
   timer_delete(mTimer);
-  // One that came in between must not wait for the next limit of this thread.
+  // Take a signal that is still pending: it would end the wait of the next limited call.
   const timespec now{};
   while (sigtimedwait(&mSignals, nullptr, &now) > 0) {
   }

@@ -5,12 +5,12 @@
 
 #include <chrono>
 
-/// While it lives, a system call of the creating thread that blocks for longer than the limit is interrupted
-/// by a signal, once and then every `limit` again.
+/// Limits how long a system call of the creating thread may block. While it lives, a signal interrupts the
+/// thread's calls each time `limit` has passed.
 ///
-/// The signal is a real-time one of our own with an empty handler. It is unblocked on this thread only while
-/// a limit lives and stays blocked on it afterwards, so that no other call of this thread is ever
-/// interrupted. Threads: create and destroy it on the thread whose call it limits. One at a time per thread.
+/// The signal is a real-time one of our own with an empty handler. This thread unblocks it only while a limit
+/// lives and keeps it blocked afterwards, so no other call is ever interrupted. Threads: create and destroy
+/// it on the thread whose call it limits. One at a time per thread.
 class CCommandTimeLimit {
  public:
   explicit CCommandTimeLimit(std::chrono::milliseconds limit);
@@ -18,7 +18,7 @@ class CCommandTimeLimit {
   CCommandTimeLimit(const CCommandTimeLimit&) = delete;
   CCommandTimeLimit& operator=(const CCommandTimeLimit&) = delete;
 
-  /// False when the system has no timer left: nothing is limited then.
+  /// False when the system has no timer left. Then nothing is limited.
   bool IsArmed() const { return mIsArmed; }
 
  private:

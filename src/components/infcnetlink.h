@@ -8,7 +8,7 @@
 /// The NFC controller: the daemon's way to the reader.
 ///
 /// Threads: the operations are called on one thread at a time and may block for as long as the reader's chip
-/// takes (seconds, 30 at worst). Both callbacks come on the controller's own thread, never after
+/// takes (seconds, 30 at worst). Both callbacks run on the controller's own thread, never after
 /// DeinitializeController has returned. Errors: every operation but SetErrorCallback throws CRfidError.
 class INfcNetlink {
  public:
@@ -17,22 +17,21 @@ class INfcNetlink {
 
   virtual ~INfcNetlink() = default;
 
-  /// Opens the controller. Every tag read goes to `onTarget`. On an open controller the earlier opening is
-  /// ended first.
+  /// Opens the controller. Every tag read goes to `onTarget`. An open controller is closed first.
   virtual void InitializeController(TargetCallback onTarget) = 0;
 
   /// Powers the reader and polls until StopPolling; polling goes on after each tag.
   virtual void StartPolling() = 0;
 
-  /// No polling and no power when it returns, whatever tag arrives meanwhile.
+  /// When it returns, the reader neither polls nor has power, whatever tag came meanwhile.
   virtual void StopPolling() = 0;
 
-  /// Closes the controller. The reader is off afterwards and no callback runs any more, also when something
-  /// failed before or it throws, as far as the kernel allows: what failed is tried again by the next call. On
-  /// a closed controller whose reader is off it does nothing.
+  /// Closes the controller. Afterwards no callback runs any more and the reader is off, as far as the kernel
+  /// allows. That also holds after earlier failures and when this throws. The next call retries what failed.
+  /// Does nothing on a closed controller whose reader is off.
   virtual void DeinitializeController() = 0;
 
-  /// `onError` is told of whatever ends the reading of tags while polling is wanted. Set it on a closed
-  /// controller. A controller that never reports failures need not know it.
+  /// `onError` gets every failure that ends the reading of tags while polling is wanted. Set it on a closed
+  /// controller. A controller that reports no failures may ignore it.
   virtual void SetErrorCallback(ErrorCallback /*onError*/) {}
 };

@@ -26,30 +26,30 @@ class CNfcEventSocket {
 
   // The owner's thread.
 
-  /// A monitor is about to be started: AwaitSetUp waits for it from now on.
+  /// Announces a monitor: from now on AwaitSetUp waits for its set-up.
   void Expect();
-  /// No monitor sets the socket up after all.
+  /// Withdraws the announcement.
   void Abandon();
   /// Blocks while a set-up is under way. True when events are being received.
   bool AwaitSetUp();
   /// Sends a request that the kernel must answer with an error, so that the socket becomes readable. Blocks
   /// while another command, of this process or another, waits for the reader.
   Failure Wake(int family);
-  /// Ends the monitor's sleep once, also when the kernel does not answer.
+  /// Ends the monitor's sleep once, even when the kernel does not answer.
   void WakeAtOnce() { mWake.Signal(); }
 
   // The monitor's thread.
 
   /// Connects and joins the multicast group. After a failure, AwaitSetUp waits until Close.
   Failure SetUp(int group);
-  /// Sleeps until an event can be read, somebody wakes the monitor, or the time has come. False when the time
-  /// has come.
+  /// Sleeps until an event can be read, somebody wakes the monitor, or the time has come. False in the last
+  /// case.
   bool Wait(Clock::time_point until);
-  /// Waits for an event for that long. True when one can be read.
+  /// True when an event can be read within that time.
   bool HasEvents(std::chrono::milliseconds patience) const;
-  /// Reads what has arrived; libnl's result.
+  /// Reads what has arrived. Returns libnl's result.
   int Receive(nl_recvmsg_msg_cb_t onEvent, void* argument);
-  /// Drops a datagram that is too short for any message. libnl would find it again and again.
+  /// Drops a datagram that is too short for any message. libnl leaves such a datagram in the socket.
   void DropEmpty();
   void Close();
 

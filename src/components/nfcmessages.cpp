@@ -18,8 +18,8 @@ constexpr int kIso15693UidSize = 8;
 template <int MaxType>
 using Attributes = std::array<nlattr*, MaxType + 1>;
 
-/// Sorts attributes by their types. None when one is there twice: which of two UIDs is the card's is not to
-/// be guessed.
+/// Sorts attributes by type. Nothing when a type comes twice: which of two UIDs is the card's would be a
+/// guess.
 template <int MaxType>
 std::optional<Attributes<MaxType>> Sort(nlattr* first, int length) {
   Attributes<MaxType> attributes{};

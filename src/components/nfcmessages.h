@@ -8,16 +8,16 @@
 #include <string_view>
 #include <vector>
 
-/// What the kernel's NFC messages say: bytes to values, without sockets, threads or log. Every function looks
-/// at presence and length of an attribute before it reads it and may be given anything that begins with a
-/// netlink header whose length is within the buffer.
+/// Decodes the kernel's NFC messages, without sockets, threads or log. The input may be anything that begins
+/// with a netlink header whose length lies within the buffer: every attribute is checked for presence and
+/// length before it is read.
 
 /// The reader as the kernel lists it.
 struct NfcDeviceInfo {
   uint32_t index = 0;
   std::string name;
   uint32_t protocols = 0;  ///< mask of what the device can read
-  bool powered = false;    ///< the last power state that was requested with success
+  bool powered = false;    ///< the last power state that was requested successfully
 };
 
 /// A tag as the kernel describes it.
@@ -26,7 +26,7 @@ struct NfcTarget {
   std::vector<uint8_t> uid;  ///< as printed on the tag, first byte first; empty when the tag reported none
 };
 
-/// The command of a generic-netlink message; nothing when it is too short to have one.
+/// The command of a generic-netlink message. Nothing when the message is too short.
 std::optional<uint8_t> DecodeCommand(nlmsghdr* message);
 
 /// The id of a family's multicast group from the description of the family.
@@ -35,11 +35,11 @@ std::optional<uint32_t> DecodeMulticastGroup(nlmsghdr* message, std::string_view
 /// Nothing when index, name or protocols are missing or malformed.
 std::optional<NfcDeviceInfo> DecodeDevice(nlmsghdr* message);
 
-/// The device that an event is about; nothing when the event does not say.
+/// The device that an event is about. Nothing when the event does not say.
 std::optional<uint32_t> DecodeDeviceIndex(nlmsghdr* message);
 
-/// Nothing when the protocols are missing or malformed. An NFCID1 has 1 to 10 bytes; an ISO 15693 UID has 8
-/// and comes over the air last byte first; values of other lengths are no UID.
+/// Nothing when the protocols are missing or malformed. An NFCID1 has 1 to 10 bytes. An ISO 15693 UID has 8
+/// and comes over the air last byte first. Values of other lengths are ignored.
 std::optional<NfcTarget> DecodeTarget(nlmsghdr* message);
 
 /// Two upper-case hexadecimal digits a byte.

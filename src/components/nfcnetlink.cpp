@@ -23,9 +23,9 @@ namespace {
 constexpr const char* kClassName = "CNfcNetlink";
 constexpr const char* kFamilyName = "nfc";
 
-/// How soon polling is looked after that the kernel claims and nobody started.
+/// How soon to check polling that the kernel claims and nobody started.
 constexpr std::chrono::milliseconds kDoubtPeriod = 1s;
-/// The kernel ends the polling of a closed socket some milliseconds later, and is busy until then.
+/// The kernel needs some milliseconds to end the polling of a closed socket, and answers EBUSY until then.
 constexpr auto kBusyPause = 50ms;
 constexpr int kBusyTries = 4;
 
@@ -112,7 +112,7 @@ void CNfcNetlink::OpenController() {
   }
 }
 
-/// Ends what an earlier opening left: the monitor, polling that may still be ours, the command socket.
+/// Ends what an earlier opening left behind: the monitor, polling that may still be ours, the command socket.
 void CNfcNetlink::CloseEarlierController() {
   if (mMonitorThread.joinable()) {
     LOG_DEBUG("Controller is open, stopping the earlier event monitor.");
@@ -121,8 +121,8 @@ void CNfcNetlink::CloseEarlierController() {
   }
   const std::lock_guard exchange(mExchangeMutex);
   if (mCommandSocket && mDeviceInfo) {
-    // Closing the socket alone would end polling too, but some moments later, so that the next start could
-    // find it still on.
+    // Closing the socket ends polling too, but only some moments later: the next start could find it still
+    // on.
     try {
       const bool wasPolling = SendStopPoll();
       LOG_DEBUG("Earlier polling: {}.", wasPolling ? "stopped" : "there was none");
@@ -143,7 +143,8 @@ void CNfcNetlink::StartPolling() {
 
 void CNfcNetlink::Poll(EPollReason reason) {
   LOG_TRACE("{}::{}", kClassName, "StartPolling");
-  // A tag that is found before the monitor listens would be lost, and polling would be over unnoticed.
+  // The event of a tag that is found before the monitor listens would be lost, and polling would have ended
+  // unnoticed.
   const bool isListening = mEvents.AwaitSetUp();
   LOG_DEBUG("Done waiting for event socket");
 
@@ -152,7 +153,7 @@ void CNfcNetlink::Poll(EPollReason reason) {
     LOG_DEBUG("Polling is not wanted any more, not restarting it.");
     return;
   }
-  mPolling.nextLook.reset();
+  mPolling.nextCheck.reset();
   if (!mCommandSocket || !isListening) {
     throw CRfidError("Netlink sockets not initialized. Initialize controller first.", NLE_BAD_SOCK);
   }
@@ -165,8 +166,8 @@ void CNfcNetlink::Poll(EPollReason reason) {
   LOG_DEBUG("Starting Polling.");
   const int result = SendStartPoll();
   std::chrono::milliseconds trusted = mSettings.watchPeriod;
-  // The kernel says busy when it polls already, but also when the poll is dead or another's: a success only
-  // when the polling is ours.
+  // The kernel answers EBUSY when it polls already, but also when the poll is dead or another process owns
+  // it. So EBUSY is a success only when the polling is ours.
   if (result == EALREADY || (result == EBUSY && mPolling.ours)) {
     LOG_DEBUG("Reader is already polling.");
     if (!mPolling.ours) {
@@ -179,9 +180,9 @@ void CNfcNetlink::Poll(EPollReason reason) {
     mPolling.ours = true;
   }
   mPolling.wanted = true;
-  mPolling.nextLook = CNfcEventSocket::Clock::now() + trusted;
+  mPolling.nextCheck = CNfcEventSocket::Clock::now() + trusted;
   if (trusted < mSettings.watchPeriod) {
-    mEvents.WakeAtOnce();  // it sleeps for a whole period
+    mEvents.WakeAtOnce();  // the monitor may sleep for a whole period
   }
   LOG_INFO("Polling started.");
 }
@@ -191,7 +192,7 @@ void CNfcNetlink::StopPolling() {
   LOG_DEBUG("Stopping polling.");
   const std::lock_guard exchange(mExchangeMutex);
   mPolling.wanted = false;
-  mPolling.nextLook.reset();
+  mPolling.nextCheck.reset();
   if (!mDeviceInfo) {
     throw CRfidError("No device to power on/off. Initialize controller to find device.", NLE_NODEV);
   }
@@ -210,11 +211,11 @@ void CNfcNetlink::StopPolling() {
 void CNfcNetlink::DeinitializeController() {
   LOG_TRACE("{}::{}", kClassName, __func__);
   const int stopped = StopMonitoringEvents();
-  JoinMonitor();  // also when the monitor could not be woken by a request
+  JoinMonitor();  // even when no request could wake the monitor
   LOG_DEBUG("Event monitor stopped.");
   const std::lock_guard exchange(mExchangeMutex);
   SwitchOff();
-  mPolling = {.mayBePowered = mPolling.mayBePowered};  // what failed now is tried again at the end
+  mPolling = {.mayBePowered = mPolling.mayBePowered};  // the next close retries a failed power-off
   if (mCommandSocket) {
     LOG_TRACE("Freeing NFC command socket");
     mCommandSocket.reset();
@@ -229,8 +230,8 @@ void CNfcNetlink::DeinitializeController() {
   LOG_INFO("NFC controller deinitialized");
 }
 
-/// Leaves the reader without power and polling, whatever happened before. Best effort: after this there is
-/// nobody to tell.
+/// Leaves the reader without power and polling, whatever happened before. Best effort: failures are only
+/// logged.
 void CNfcNetlink::SwitchOff() {
   if (!mPolling.mayBePowered) {
     return;

@@ -1,4 +1,4 @@
-// The event side: the monitor's thread, its targets, and the watch over the kernel's polling.
+// The event side: the monitor thread, the tags that it reports, and its checks of the kernel's polling.
 
 #include <linux/nfc.h>
 #include <netlink/errno.h>
@@ -20,9 +20,9 @@ namespace {
 
 constexpr const char* kClassName = "CNfcNetlink";
 
-/// Between STOP_POLL and START_POLL: with less, a driver can report an old find as the new poll's.
+/// Between STOP_POLL and START_POLL. After a shorter pause, a driver can report an old find for the new poll.
 constexpr auto kRestPause = 20ms;
-/// The kernel notes that a find has ended polling before it sends the event.
+/// How long the event of a find may come after the kernel has ended polling for it.
 constexpr auto kLateEvent = 200ms;
 
 }  // namespace
@@ -69,8 +69,8 @@ void CNfcNetlink::ReceiveEvents() {
   int failure = 0;
   while (failure == 0 && !mStopFlag) {
     mMonitorMoved = true;
-    // StartPolling wakes the monitor only when a look is due within less than a period.
-    const bool isReadable = mEvents.Wait(NextLook().value_or(Clock::now() + mSettings.watchPeriod));
+    // StartPolling wakes the monitor only when a check is due in less than a period.
+    const bool isReadable = mEvents.Wait(NextCheck().value_or(Clock::now() + mSettings.watchPeriod));
     if (mStopFlag) {
       break;
     }
@@ -80,14 +80,14 @@ void CNfcNetlink::ReceiveEvents() {
       if (received == 0) {
         mEvents.DropEmpty();
         LOG_ERROR("Skipping a netlink event that is cut off.");
-        LookSoon();  // it may have been TARGETS_FOUND, which ends polling
+        CheckSoon();  // the event may have been TARGETS_FOUND, which ends polling
       } else if (received < 0 && received != -NLE_AGAIN) {
         LOG_ERROR("nl_recvmsgs got an error: {}.", nl_geterror(received));
         failure = std::abs(received);
       }
     }
-    if (const auto look = NextLook(); failure == 0 && look && *look <= Clock::now()) {
-      LookAfterPolling();
+    if (const auto check = NextCheck(); failure == 0 && check && *check <= Clock::now()) {
+      CheckPolling();
     }
   }
   mEvents.Close();
@@ -105,12 +105,12 @@ int CNfcNetlink::ProcessEvent(nl_msg* msg) {
     LOG_ERROR("Skipping a netlink event that is malformed or not from the kernel: port {}, {} bytes.",
               nlmsg_get_src(msg)->nl_pid, nlmsg_hdr(msg)->nlmsg_len);
     if (IsFromKernel(msg)) {
-      LookSoon();  // as for one that is cut off
+      CheckSoon();  // as for an event that is cut off
     }
     return NL_SKIP;
   }
   if (*command == NFC_EVENT_DEVICE_REMOVED && DecodeDeviceIndex(nlmsg_hdr(msg)) == kReaderIndex) {
-    LookSoon();
+    CheckSoon();
   }
   if (*command != NFC_EVENT_TARGETS_FOUND) {
     return NL_SKIP;
@@ -119,12 +119,12 @@ int CNfcNetlink::ProcessEvent(nl_msg* msg) {
   mLastTarget.reset();
   if (const int result = TargetsFound(nlmsg_hdr(msg)); result != 0) {
     LOG_ERROR("Error: TargetsFound got {}.", nl_geterror(result));
-    if (StopLooking()) {
+    if (StopChecking()) {
       ReportFailure("The tag found could not be queried", result);
     }
     return result;
   }
-  // Nothing may be thrown through libnl, and polling goes on.
+  // No exception may pass through libnl, and polling must go on.
   try {
     mTargetCallback(mLastTarget.value_or(CToken{.uid = "", .protocol = "Unsupported protocol"}));
   } catch (const std::exception& e) {
@@ -145,34 +145,34 @@ void CNfcNetlink::RestartPolling() {
   }
 }
 
-/// From now on polling is not looked after, because its end is about to be reported. False when nobody wants
-/// polling any more, so that there is nothing to report.
-bool CNfcNetlink::StopLooking() {
+/// Ends the checks of polling, because its end is about to be reported. False when nobody wants polling any
+/// more, so that there is nothing to report.
+bool CNfcNetlink::StopChecking() {
   const std::lock_guard exchange(mExchangeMutex);
-  mPolling.nextLook.reset();
+  mPolling.nextCheck.reset();
   return mPolling.wanted;
 }
 
-std::optional<Clock::time_point> CNfcNetlink::NextLook() {
+std::optional<Clock::time_point> CNfcNetlink::NextCheck() {
   const std::lock_guard exchange(mExchangeMutex);
-  return mPolling.nextLook;
+  return mPolling.nextCheck;
 }
 
-void CNfcNetlink::LookSoon() {
+void CNfcNetlink::CheckSoon() {
   const std::lock_guard exchange(mExchangeMutex);
-  if (mPolling.nextLook) {
-    mPolling.nextLook = Clock::now();
+  if (mPolling.nextCheck) {
+    mPolling.nextCheck = Clock::now();
   }
 }
 
-/// Begins polling anew. A dead poll cannot be told from a live one by any command.
-void CNfcNetlink::LookAfterPolling() {
+/// Restarts polling, because no command tells a dead poll from a live one.
+void CNfcNetlink::CheckPolling() {
   LOG_TRACE("{}::{}", kClassName, __func__);
   try {
     const std::lock_guard exchange(mExchangeMutex);
-    if (mPolling.wanted && mPolling.nextLook && !mStopFlag) {
-      mPolling.nextLook.reset();
-      mPolling.nextLook = Clock::now() + (RenewPolling() ? mSettings.watchPeriod : 0ms);
+    if (mPolling.wanted && mPolling.nextCheck && !mStopFlag) {
+      mPolling.nextCheck.reset();
+      mPolling.nextCheck = Clock::now() + (RenewPolling() ? mSettings.watchPeriod : 0ms);
     }
   } catch (const CRfidError& e) {
     LOG_ERROR("Could not renew polling. Error: {} rc: {}.", e.what(), e.GetErrorCode());
@@ -180,7 +180,7 @@ void CNfcNetlink::LookAfterPolling() {
   }
 }
 
-/// False when the event of a find is still to be handled, which restarts polling.
+/// False when the event of a find has come. Handling it restarts polling.
 bool CNfcNetlink::RenewPolling() {
   const bool wasPolling = SendStopPoll();
   std::this_thread::sleep_for(kRestPause);
@@ -208,7 +208,7 @@ bool CNfcNetlink::RenewPolling() {
   return true;
 }
 
-/// Tells the owner that no more tags will be read, unless the monitor is being stopped anyway.
+/// Tells the owner that no more tags will be read, unless the monitor is being stopped.
 void CNfcNetlink::ReportFailure(const std::string& what, int code) const {
   if (mStopFlag || !mErrorCallback) {
     return;
@@ -224,14 +224,14 @@ void CNfcNetlink::ReportFailure(const std::string& what, int code) const {
 
 int CNfcNetlink::TargetsFound(nlmsghdr* event) {
   LOG_TRACE("{}::{}", kClassName, __func__);
-  const std::lock_guard exchange(mExchangeMutex);  // a StartPolling that is under way is noted first
+  const std::lock_guard exchange(mExchangeMutex);  // after a StartPolling in progress has noted its success
   const auto device = DecodeDeviceIndex(event);
   if (!device) {
     return ENODEV;
   }
   if (*device == kReaderIndex) {  // a find ends the kernel's polling
     mPolling.ours = false;
-    mPolling.nextLook.reset();
+    mPolling.nextCheck.reset();
   }
   const auto request = BuildRequest(NfcRequests::kGetTarget, mFamilyId, {{NFC_ATTR_DEVICE_INDEX, *device}});
   if (!request.message) {

@@ -14,15 +14,15 @@
 
 /// The NFC controller on the kernel's generic-netlink family "nfc".
 ///
-/// Two sockets: requests go out on the command socket, one exchange at a time under mExchangeMutex (the
-/// kernel ties polling to the socket that started it); events arrive on the event socket, which belongs to
-/// the monitor thread.
+/// There are two sockets. Requests go out on the command socket, one exchange at a time under mExchangeMutex,
+/// because the kernel ties polling to the socket that started it. Events arrive on the event socket, which
+/// belongs to the monitor thread.
 ///
 /// Threads: see INfcNetlink. The monitor thread ("nfc-monitor") runs from InitializeController to
 /// DeinitializeController. It queries the tags of each find, calls the target callback and restarts polling.
-/// The kernel can also end polling without an event, so the monitor stops and starts it again whenever
-/// nothing was found for one watch period. Lock: mExchangeMutex may be held for as long as the chip takes;
-/// never while a callback runs.
+/// The kernel can end polling without an event, so the monitor also stops and restarts polling when nothing
+/// was found for one watch period. Lock: mExchangeMutex may be held for as long as the chip takes, but never
+/// while a callback runs.
 ///
 /// nfcnetlink.cpp has the life cycle, nfcnetlink.requests.cpp the requests, nfcnetlink.events.cpp the event
 /// side.
@@ -32,10 +32,10 @@ class CNfcNetlink : public INfcNetlink {
   static constexpr uint32_t kReaderIndex = 0;
 
   struct Settings {
-    /// Timeout for one answer, once the kernel has carried the request out. The kernel's answer is there when
-    /// the sending returns, however long the chip took.
+    /// Timeout for the answer after the send. The real kernel answers before the send returns, however long
+    /// the chip took.
     std::chrono::milliseconds answerTimeout = std::chrono::seconds(5);
-    /// For how long polling is trusted while nothing is found.
+    /// How long polling is trusted while nothing is found.
     std::chrono::milliseconds watchPeriod = std::chrono::seconds(20);
   };
 
@@ -60,9 +60,9 @@ class CNfcNetlink : public INfcNetlink {
 
   struct Polling {
     bool wanted = false;        ///< between StartPolling and StopPolling
-    bool ours = false;          ///< the kernel polls for this controller, as far as it knows
-    bool mayBePowered = false;  ///< power was requested and has not been taken away since
-    std::optional<CNfcEventSocket::Clock::time_point> nextLook{};  ///< empty: no look is due
+    bool ours = false;          ///< as far as this controller knows, the kernel polls for it
+    bool mayBePowered = false;  ///< power was requested and not taken away since
+    std::optional<CNfcEventSocket::Clock::time_point> nextCheck{};  ///< empty: no check is due
   };
 
   // Requests, with mExchangeMutex held; 0 or a positive code.
@@ -91,10 +91,10 @@ class CNfcNetlink : public INfcNetlink {
   int TargetsFound(nlmsghdr* event);
   int GetTargets(nl_msg* msg);
   void RestartPolling();
-  std::optional<CNfcEventSocket::Clock::time_point> NextLook();
-  bool StopLooking();
-  void LookSoon();
-  void LookAfterPolling();
+  std::optional<CNfcEventSocket::Clock::time_point> NextCheck();
+  bool StopChecking();
+  void CheckSoon();
+  void CheckPolling();
   bool RenewPolling();
   void ReportFailure(const std::string& what, int code) const;
   std::string ProtocolToString(uint32_t protocols) const;
@@ -110,7 +110,7 @@ class CNfcNetlink : public INfcNetlink {
   int mFamilyId = -1;
   int mMulticastGroupId = -1;
   std::thread mMonitorThread;
-  TargetCallback mTargetCallback;  // written while no monitor runs, as the next
+  TargetCallback mTargetCallback;  // both callbacks are written while no monitor runs
   ErrorCallback mErrorCallback;
   std::mutex mExchangeMutex;  // one exchange on the command socket at a time
   Polling mPolling;           // guarded by mExchangeMutex

@@ -24,17 +24,17 @@ constexpr const char* kClassName = "CNfcNetlink";
 constexpr const char* kFamilyName = "nfc";
 constexpr const char* kEventGroup = "events";
 
-/// Everything that the reader can initiate but Jewel. The reader is never polled as a target.
+/// All protocols but Jewel. The reader never acts as a target itself.
 constexpr uint32_t kPollingMask = NFC_PROTO_MIFARE_MASK | NFC_PROTO_FELICA_MASK | NFC_PROTO_ISO14443_MASK |
                                   NFC_PROTO_NFC_DEP_MASK | NFC_PROTO_ISO14443_B_MASK |
                                   NFC_PROTO_ISO15693_MASK;
 static_assert(kPollingMask == 0xFC);
 
-/// A tag that comes in the moment of STOP_POLL can make that command wait for half a minute for an answer
-/// that the kernel never reads. A signal ends the wait, and only this command takes one well.
+/// When a tag comes in the moment of STOP_POLL, the command can wait half a minute for an answer that the
+/// kernel never reads. A signal ends the wait. No other command takes a signal well.
 constexpr auto kStopLimit = 2s;
-/// A STOP_POLL that took longer may have been such a one. The kernel then needs a moment to finish with the
-/// tag. A command that comes sooner can hang the NFC of the whole machine.
+/// A STOP_POLL that took longer may have met a tag. The kernel then needs a moment to finish with the tag: a
+/// command that comes sooner can hang NFC on the whole machine.
 constexpr auto kSlowStop = 1s;
 constexpr auto kQuietAfterSlowStop = 250ms;
 
@@ -99,8 +99,8 @@ int CNfcNetlink::SendAndReceiveMsg(nl_sock* socket, nl_msg* request, nl_recvmsg_
       break;
     case EEnd::NotAnswered:
       LOG_ERROR("Error receiving netlink message. Return code: {}.", nl_geterror(result.code));
-      // No answer within the time, or a list that changed while it was read: opening the controller anew may
-      // help, so the code says recoverable.
+      // A timeout, or a list that changed while it was read. Reopening the controller may help, so the code
+      // is a recoverable one.
       return result.code == NLE_AGAIN || result.code == NLE_DUMP_INTR ? NLE_FAILURE : result.code;
   }
   return result.code;
@@ -181,7 +181,7 @@ int CNfcNetlink::SetDevicePower(bool on) {
   return 0;
 }
 
-/// The exchange's result: 0 or a positive code.
+/// Returns 0 or a positive code.
 int CNfcNetlink::SendStartPoll() {
   const auto request = BuildRequest(NfcRequests::kStartPoll, mFamilyId,
                                     {{NFC_ATTR_DEVICE_INDEX, mDeviceInfo->index},
@@ -193,8 +193,8 @@ int CNfcNetlink::SendStartPoll() {
   return SendAndReceiveMsg(mCommandSocket.get(), request.message.get());
 }
 
-/// Ends the kernel's polling. False when it did not poll, which the kernel says by EALREADY or, as it really
-/// does, by EINVAL. Every STOP_POLL of the controller goes through here.
+/// Ends the kernel's polling. False when the kernel did not poll, which it says by EINVAL (or EALREADY).
+/// Every STOP_POLL of the controller goes through here.
 bool CNfcNetlink::SendStopPoll() {
   const auto request =
       BuildRequest(NfcRequests::kStopPoll, mFamilyId, {{NFC_ATTR_DEVICE_INDEX, mDeviceInfo->index}});

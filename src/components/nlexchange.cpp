@@ -30,7 +30,7 @@ struct Exchange {
 };
 
 int OnError(sockaddr_nl*, nlmsgerr* message, void* argument) {
-  // The positive form of an error must exist, whatever the message says.
+  // INT_MIN has no positive form.
   static_cast<Exchange*>(argument)->error = std::max(message->error, -INT_MAX);
   return NL_SKIP;
 }
@@ -57,7 +57,7 @@ int CheckAnswer(nl_msg* message, void* argument) {
   return exchange.expired ? NL_STOP : NL_SKIP;
 }
 
-/// libnl's result. Only the sending is limited: libnl begins an interrupted receive anew, with its whole
+/// Returns libnl's result. Only sending can be limited: libnl restarts an interrupted receive with the whole
 /// timeout.
 int Send(nl_sock* socket, nl_msg* request, std::chrono::milliseconds limit, bool& isLimited) {
   std::optional<CCommandTimeLimit> timeLimit;

@@ -10,7 +10,7 @@ struct nl_msg;
 /// How an exchange ended.
 struct ExchangeResult {
   enum class EEnd {
-    Answered,     ///< the acknowledgement came, or the end of the dump
+    Answered,     ///< the acknowledgement or the end of the dump came
     Refused,      ///< the kernel answered an error; `code` is its positive errno
     NoMemory,     ///< nothing was sent
     NotSent,      ///< `code` is libnl's positive code
@@ -19,17 +19,16 @@ struct ExchangeResult {
 
   EEnd end = EEnd::Answered;
   int code = 0;
-  unsigned skipped = 0;   ///< messages that arrived meanwhile and did not answer the request
-  bool isLimited = true;  ///< false: the system had no timer for the limit of the sending
+  unsigned skipped = 0;   ///< messages that did not answer the request
+  bool isLimited = true;  ///< false: the system had no timer for `sendLimit`
 };
 
 /// Sends one request and receives its whole answer. Every valid message of the answer goes to `onValid`.
 ///
-/// Blocks the calling thread while the kernel carries the request out, and then for the socket's receive
-/// timeout. A `sendLimit` other than zero interrupts the first of the two, see CCommandTimeLimit. Messages
-/// that do not answer the request are skipped; they cannot hold the exchange up for longer than `patience`,
-/// which begins with the first of them: a process that was not scheduled for a while still takes the answer
-/// that is there.
+/// Blocks while the kernel carries out the request, and then until the answer comes or the socket's receive
+/// timeout is over. A `sendLimit` other than zero interrupts the kernel's work, see CCommandTimeLimit.
+/// Messages that do not answer the request are skipped. Once the first of them has come, the exchange ends
+/// after `patience`, so a stream of them cannot hold it up.
 ExchangeResult RunExchange(nl_sock* socket, nl_msg* request, std::chrono::milliseconds patience,
                            nl_recvmsg_msg_cb_t onValid = nullptr, void* argument = nullptr,
                            std::chrono::milliseconds sendLimit = {});

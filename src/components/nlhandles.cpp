@@ -5,8 +5,7 @@
 
 namespace {
 
-/// More sockets than are ever closed within the few milliseconds in which the kernel still ends their
-/// polling.
+/// More than are ever closed within the few milliseconds that the kernel takes to end their polling.
 constexpr size_t kMostClosedSockets = 32;
 
 }  // namespace
@@ -14,7 +13,7 @@ constexpr size_t kMostClosedSockets = 32;
 void CloseAndKeepPort(nl_sock* socket) {
   using Closed = std::unique_ptr<nl_sock, NlRelease<nl_socket_free>>;
   static std::mutex mutex;
-  static std::deque<Closed> sockets;  // port numbers are shared by the process, so these are, too
+  static std::deque<Closed> sockets;  // for all controllers, because the process shares its port numbers
   nl_close(socket);
   const std::lock_guard lock(mutex);
   sockets.emplace_back(socket);

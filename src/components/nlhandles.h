@@ -30,7 +30,7 @@ inline bool IsFromKernel(nl_msg* msg) {
   return nlmsg_get_src(msg)->nl_pid == 0;
 }
 
-/// libnl leaves an empty datagram in the socket and would find it there again and again.
+/// libnl leaves an empty datagram in the socket, so the next receive would find it again.
 inline void DropEmptyDatagram(nl_sock* socket) {
   char byte = 0;
   if (recv(nl_socket_get_fd(socket), &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0) {

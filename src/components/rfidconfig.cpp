@@ -51,7 +51,7 @@ void CRfidConfig::LoadList() {
   }
 }
 
-/// A list that is written wrong is easily taken for one that works: nothing else says why a card is refused.
+/// Nothing else says why a list that looks right refuses a card.
 void CRfidConfig::WarnOfUselessEntries() const {
   // A file that could not be used was reported by the client, which still calls it updated.
   if (mLoadedList->GetKind() == CStandaloneList::EKind::Missing && !mStandaloneList->IsUpdated()) {

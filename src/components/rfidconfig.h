@@ -24,8 +24,8 @@ class CRfidConfig {
   bool GetAuthorizationEnabled();
 
   /// Looks the UID up in the standalone list, byte for byte: ERfidUidInStandAloneList or ERfidUidNotInList.
-  /// Warns of every faulty element before the match, as a walk through the list would. When a list was
-  /// loaded, warns of what in it can let nobody in.
+  /// Warns of every faulty element before the match, as a walk through the list would. After loading a list,
+  /// it also warns of the entries that can never match a card.
   ipc::ERfidAuthState AuthenticateToken(const std::string& uid);
 
  private:

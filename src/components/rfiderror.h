@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-/// A failure of the reader or of the way to it.
+/// A failure of the reader or of the netlink connection to it.
 class CRfidError : public std::runtime_error {
  public:
   /// `code` is positive: a libnl error code or the kernel's errno from a refused request.
@@ -14,7 +14,7 @@ class CRfidError : public std::runtime_error {
 
   int GetErrorCode() const { return mErrorCode; }
 
-  /// Whether opening the reader anew may help.
+  /// Whether reopening the reader may help.
   bool IsRecoverable() const { return mRecoverable; }
 
  private:

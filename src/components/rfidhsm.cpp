@@ -19,8 +19,8 @@ using Composite = CompState<CRfidHsm, 0, CompState<CRfidHsm, 0, TopState<CRfidHs
 template <unsigned Id>
 using Leaf = CHsmRow<CRfidHsm, LeafState<CRfidHsm, Id, Composite>>;
 
-// The forms that an action can take: an action of the interface, one that is given the event, a callback, a
-// callback that is given the event's value, and a post.
+// The kinds of actions: an operation of the interface, one that takes the event, a callback, a callback that
+// takes the event's value, and a post.
 
 template <void (Base::*Member)()>
 void Call(CRfidHsm& hsm, const EventPtr&) {
@@ -93,7 +93,7 @@ const CHsmDefinition<CRfidHsm> kDefinition{
     .name = "Statemachine",
     .initial = Uninitialized,
 
-    // What every leaf does about events that it has no reaction of its own to.
+    // What every leaf does unless it has a reaction of its own.
     .reactions =
         {
             On<IntError>::GoTo(Error),

@@ -95,8 +95,8 @@ void CRfidHsmActionHandler::InitializeReader() {
   mRfidReader->Initialize([this](const CToken& token, bool valid) { OnTokenFound(token, valid); });
 }
 
-/// The reader went deaf while it should read, on the NFC monitor's thread. Opening it anew may help whatever
-/// the cause was, so the error is a recoverable one. A token that is under way gets its outcome first.
+/// The reader stopped reading although it should read. Runs on the NFC monitor's thread. Reopening the reader
+/// may help whatever the cause was, so the error is recoverable. A token under way gets its outcome first.
 void CRfidHsmActionHandler::OnReaderFailed(const CRfidError& cause) {
   LOG_ERROR("The reader does not read tags any more. Error: {} rc: {}.", cause.what(), cause.GetErrorCode());
   KeepError(
@@ -202,7 +202,7 @@ void CRfidHsmActionHandler::OnTokenFound(const CToken& token, bool valid) {
   }
 }
 
-/// The event that asks for the authorisation keeps the handle until the machine has dispatched it.
+/// The event that asks for authorisation owns the handle until the machine has dispatched it.
 void CRfidHsmActionHandler::ProcessToken(const CToken& token, bool valid,
                                          const CTokensUnderWay::Handle& handle) {
   const auto uid = ToUpper(token.uid);
@@ -272,7 +272,7 @@ void CRfidHsmActionHandler::TriggerFeedback(ipc::ERfidAuthState state) {
   }
 }
 
-/// Whatever becomes of the feedback, the token goes on.
+/// A failed feedback call does not stop the token.
 void CRfidHsmActionHandler::TriggerFeedbackEventCall(ipc::EFbEventType type) {
   LOG_TRACE("{}::{}", kClassName, __func__);
   try {

@@ -19,9 +19,9 @@
 /// publishes the diagnostics signals and posts the outcome back to the machine.
 ///
 /// Threads: the Int* actions run on the machine's thread. OnTokenFound runs on the NFC monitor's thread for
-/// tags read and on the machine's thread for simulated swipes; it blocks for as long as the feedback call
-/// takes (seconds at worst). The worker thread carries the alive messages. Errors: nothing escapes an action
-/// or OnTokenFound; failures are logged and, where the reader is concerned, kept and posted as events.
+/// tags and on the machine's thread for simulated swipes. It blocks for as long as the feedback call takes
+/// (seconds at worst). The worker thread sends the alive messages. Errors: no exception escapes an action or
+/// OnTokenFound. Failures are logged, and those of the reader are kept and posted as events.
 class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
                               public virtual CRfidHsmActionHandlerBase,
                               public virtual CWorker {

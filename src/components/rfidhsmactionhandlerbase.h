@@ -7,12 +7,11 @@
 #include "src/components/rfidhsmevents.h"
 #include "statemachines/hsmactionhandler.h"
 
-/// What the RFID machine can do to the world: the actions that its reactions call and the callbacks that they
-/// invoke.
+/// The actions that the RFID machine's reactions call, and the callbacks that they invoke.
 ///
-/// Threads: all of it runs on the machine's thread. No action lets an exception escape: each reports its own
-/// failures as events (IntError, IntFatalError). Callbacks are bound before the machine runs; an unbound one
-/// is skipped.
+/// Threads: all of it runs on the machine's thread. No exception escapes an action: each reports its failures
+/// as events (IntError, IntFatalError). Callbacks are bound before the machine runs. Unbound ones are
+/// skipped.
 class CRfidHsmActionHandlerBase : public CHsmActionHandlerBase {
  public:
   using EnableRequest = ExtEnableReq;

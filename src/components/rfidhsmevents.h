@@ -7,7 +7,7 @@
 #include "ipc/rfid.pb.h"
 #include "statemachines/hsmevent.h"
 
-/// Marks the events of the RFID machine and names them, by number.
+/// Marks the events of the RFID machine and gives their names, by number.
 struct CRfidHsmTag {
   static constexpr std::array<std::string_view, 18> kEventNames{
       "ExtDisableReq",

@@ -51,7 +51,7 @@ void CRfidReader::Deinitialize() {
 void CRfidReader::StartPolling() {
   LOG_TRACE("{}::{}", kClassName, __func__);
   LOG_DEBUG("Starting polling.");
-  ForgetTags();  // a find that met the last StopPolling was handled after it; its tag may still lie there
+  ForgetTags();  // a find during the last StopPolling was handled after it, and its tag may still be there
   mNfcNetlink->StartPolling();
 }
 
@@ -80,9 +80,10 @@ void CRfidReader::UpdateRecentTags(TimePoint now) {
 
 void CRfidReader::ValidateTokenAndNotify(const CToken& token) {
   LOG_TRACE("{}::{}", kClassName, __func__);
-  const std::lock_guard sighting(mSightingMutex);  // before the clock is read: the wait for it can be seconds
+  const std::lock_guard sighting(mSightingMutex);  // before reading the clock: this can wait for seconds
   HandleSighting(token, std::chrono::steady_clock::now());
-  // The callback can take seconds, in which nobody can see the card: it may have been there all the time.
+  // The callback can take seconds, in which no sighting is handled: the card may have been there all the
+  // time.
   const std::lock_guard lock(mRecentTagsMutex);
   if (const auto seen = mRecentTags.find(token.uid); seen != mRecentTags.end()) {
     seen->second = std::chrono::steady_clock::now();
@@ -114,7 +115,7 @@ void CRfidReader::HandleSighting(const CToken& token, TimePoint now) {
     }
   }
   const std::lock_guard lock(mRecentTagsMutex);
-  if (polling == mPollings) {  // a sighting that StopPolling overtook is forgotten with the others
+  if (polling == mPollings) {  // StopPolling during the callback forgets this sighting, too
     mRecentTags[token.uid] = now;
   }
 }

@@ -13,8 +13,8 @@
 /// life cycle on to the NFC controller.
 ///
 /// Threads: Initialize, Deinitialize, StartPolling and StopPolling on the machine's thread.
-/// ValidateTokenAndNotify on the controller's thread for tags read and on the machine's thread for simulated
-/// swipes; sightings are handled one at a time. The recent-tag table has a lock of its own that is not held
+/// ValidateTokenAndNotify on the controller's thread for tags and on the machine's thread for simulated
+/// swipes. Sightings are handled one at a time. The recent-tag table has its own lock, which is not held
 /// while the callback runs, so StopPolling never waits for a sighting. Errors: the controller's CRfidError
 /// and the callback's exceptions pass through.
 class CRfidReader {
@@ -23,7 +23,7 @@ class CRfidReader {
 
   explicit CRfidReader(std::shared_ptr<INfcNetlink> nfcNetlink);
 
-  /// `onError` is told of whatever ends the reading of tags while it is wanted. Set it before Initialize.
+  /// `onError` gets every failure that ends the reading of tags while it is wanted. Set it before Initialize.
   void SetErrorCallback(INfcNetlink::ErrorCallback onError);
 
   /// `onToken` gets every new sighting, valid or not.
@@ -37,8 +37,8 @@ class CRfidReader {
   /// Forgets the tags that were last seen more than two seconds before `now`.
   void UpdateRecentTags(std::chrono::steady_clock::time_point now);
 
-  /// One sighting. A UID is reported when it was not seen within the last two seconds. They begin when the
-  /// callback has returned: a card that is held while the callback takes long is reported once.
+  /// One sighting. A UID is reported when it was not seen within the last two seconds. The two seconds begin
+  /// when the callback returns, so a card that is held during a long callback is reported once.
   void ValidateTokenAndNotify(const CToken& token);
   /// The same, seen at `now`.
   void ValidateTokenAndNotify(const CToken& token, std::chrono::steady_clock::time_point now);
@@ -53,7 +53,7 @@ class CRfidReader {
   TokenCallback mTokenCallback;                  // guarded by mSightingMutex
   std::map<std::string, TimePoint> mRecentTags;  // guarded by mRecentTagsMutex
 
-  unsigned mPollings = 0;  // guarded by mRecentTagsMutex: changes whenever the tags are forgotten
+  unsigned mPollings = 0;  // guarded by mRecentTagsMutex; changes whenever the tags are forgotten
   std::mutex mSightingMutex;
   std::mutex mRecentTagsMutex;
 };

@@ -3,9 +3,8 @@
 #include <functional>
 #include <memory>
 
-/// Knows whether a token is between its find and its outcome, and holds a failure of the reader back until
-/// the outcome is posted: the failure leads the machine out of the state in which it notifies tokens, and a
-/// card that was accepted must be notified.
+/// Holds back a failure of the reader while a token is between its find and its outcome. A failure leads the
+/// machine out of the state in which it notifies tokens, and an accepted card must be notified.
 ///
 /// Threads: any. Nothing waits here.
 class CTokensUnderWay {
@@ -13,13 +12,13 @@ class CTokensUnderWay {
   /// A token is under way for as long as a copy of its handle lives. Handles may outlive this object.
   using Handle = std::shared_ptr<void>;
 
-  /// `postFailure` must not throw. It is called without a lock held, on the thread that fails or lets go of
-  /// the last handle.
+  /// `postFailure` must not throw. It is called without a lock held, on the thread that calls Fail or
+  /// releases the last handle.
   explicit CTokensUnderWay(std::function<void()> postFailure);
 
   Handle Begin();
 
-  /// Posts the failure now, or when no token is under way any more. Several held back are posted as one.
+  /// Posts the failure now, or as soon as no token is under way. Several failures held back become one post.
   void Fail();
 
  private:

@@ -17,7 +17,7 @@ CWakeEvent::~CWakeEvent() {
   close(mFd);
 }
 
-// Neither can fail in a way that matters: a full counter is signalled, an empty one is reset.
+// Failures do not matter: a full counter is signalled already, an empty one is reset already.
 void CWakeEvent::Signal() {
   const uint64_t one = 1;
   [[maybe_unused]] const auto written = write(mFd, &one, sizeof(one));

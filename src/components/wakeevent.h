@@ -1,10 +1,10 @@
 #pragma once
 
-/// Wakes a thread that sleeps on descriptors. Signal may come from any thread; it stays signalled until
+/// Wakes a thread that sleeps on descriptors. Any thread may call Signal. The event stays signalled until
 /// Reset.
 class CWakeEvent {
  public:
-  CWakeEvent();  ///< throws std::system_error when no descriptor can be had
+  CWakeEvent();  ///< throws std::system_error when no descriptor is left
   ~CWakeEvent();
   CWakeEvent(const CWakeEvent&) = delete;
   CWakeEvent& operator=(const CWakeEvent&) = delete;

@@ -7,10 +7,10 @@
 #include "ipc/common.pb.h"
 #include "statemachines/hsmactionhandler.h"
 
-/// Posts an event and blocks until the machine has dispatched it: Ok when a state took it, Illegal when none
-/// did. The answer does not wait for the reaction's actions.
+/// Posts an event and blocks until the machine dispatches it. Returns Ok when a state took it and Illegal
+/// when none did, without waiting for the reaction's actions.
 ///
-/// Any thread but the machine's own. No time limit while the machine runs; once it has stopped the wait ends
+/// Any thread but the machine's own. No timeout while the machine runs. Once it has stopped, the wait ends
 /// with std::future_error (broken promise).
 template <typename Event, typename... Payload>
 ipc::MResult PostAndWait(const std::shared_ptr<IHsmInterface>& stateMachine, Payload&&... payload) {
@@ -22,8 +22,9 @@ ipc::MResult PostAndWait(const std::shared_ptr<IHsmInterface>& stateMachine, Pay
   return result;
 }
 
-/// Connects a process-control service with a state machine: requests become events, the machine's responses
-/// become state and alive notifications. Before the machine runs and before the service is offered.
+/// Connects a process-control service with a state machine: requests become events, and the machine's
+/// responses become state and alive notifications. Call it before the machine runs and the service is
+/// offered.
 ///
 /// `Handler` names its events EnableRequest and DisableRequest.
 template <typename Handler, typename Service>
