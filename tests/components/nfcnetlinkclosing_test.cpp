@@ -95,15 +95,6 @@ TEST_F(NfcNetlink, ClosesWhileATagIsBeingReported) {
   EXPECT_TRUE(IsOff());
 }
 
-TEST_F(NfcNetlink, ClosesAfterTheMonitorHasEndedByItself) {
-  Start();
-  mKernel->OverrunEvents();
-  EXPECT_THAT(WaitFor(1), ElementsAre(HasSubstr("The event monitor ended")));
-  mController->StopPolling();
-  mController->DeinitializeController();
-  EXPECT_EQ(CountInterposedSockets(), 0);
-}
-
 TEST_F(NfcNetlink, ClosesWhenTheKernelDoesNotAnswerTheRequestThatWakesTheMonitor) {
   mKernel->AddRule("UNSPEC drop");
   Start();

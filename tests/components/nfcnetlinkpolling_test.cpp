@@ -28,16 +28,6 @@ TEST_P(NfcNetlinkPolling, StartingTwiceAndStoppingTwiceSucceed) {
   EXPECT_TRUE(IsOff());
 }
 
-TEST_P(NfcNetlinkPolling, RecoversOnAnOpenPollingController) {
-  Start();
-  EXPECT_EQ(ErrorOfOpen(), "");
-  EXPECT_EQ(ErrorOfStop(), "");
-  mController->DeinitializeController();
-  EXPECT_TRUE(IsOff());
-  Start();
-  EXPECT_EQ(Tap(kCard), kCardReport);
-}
-
 TEST_F(NfcNetlink, EveryRefusalByTheKernelHasItsErrorAndItsCode) {
   struct Case {
     const char* rule;

@@ -64,6 +64,8 @@ TEST_F(NfcNetlink, LostEventsAreReported) {
   EXPECT_THAT(WaitFor(1), ElementsAre("error 5: The event monitor ended"));
   EXPECT_THAT(Lines(Level::Error), Contains(Says("nl_recvmsgs got an error: Out of memory.")));
   EXPECT_EQ(ErrorOfStart(), kNotOpen);
+  EXPECT_EQ(ErrorOfStop(), "");
+  EXPECT_EQ(ErrorOfClose(), "");
 }
 
 TEST_F(NfcNetlink, AnEventThatPromisesAContinuationDoesNotHoldTheMonitor) {

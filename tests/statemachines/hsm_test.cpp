@@ -2,10 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <thread>
 
 #include "tests/framework/logcapture.h"
 #include "tests/statemachines/doormachine.h"
@@ -32,6 +29,16 @@ class Hsm : public ::testing::Test {
     auto handled = event->mHandled.get_future();
     mMachine->PostEvent(event);
     return handled;
+  }
+
+  /// Runs the machine until it has done this.
+  void RunUntil(const std::string& last) {
+    mReact = [this, last](const std::string& action) {
+      if (action == last) {
+        mMachine->Stop();
+      }
+    };
+    mMachine->Run();
   }
 
   LogCapture mLog;
@@ -78,15 +85,10 @@ TEST_F(Hsm, TracesEveryStepOfTheDispatchLetterForLetter) {
                           "State Open: exit", "State Closed: entry"));
 }
 
-TEST_F(Hsm, AReactionReadsTheEventsPayloadAndATransitionToItselfExitsAndReenters) {
+TEST_F(Hsm, AReactionReadsThePayloadAndASelfTransitionReenters) {
   Post<Say>("hello");
   Post<Close>();
-  mReact = [this](const std::string&) {
-    if (mActions.size() == 4) {
-      mMachine->Stop();
-    }
-  };
-  mMachine->Run();
+  RunUntil("leave Closed");
   EXPECT_THAT(mActions, ElementsAre("enter Closed", "hello", "leave Closed", "enter Closed"));
 }
 
@@ -119,7 +121,7 @@ TEST_F(Hsm, ThePosterIsReleasedBeforeTheReactionsActionsRun) {
   EXPECT_TRUE(released);
 }
 
-TEST_F(Hsm, AStopLetsTheReactionFinishAndBreaksThePromisesOfWhatIsNotDispatched) {
+TEST_F(Hsm, AStopLetsTheReactionFinishAndBreaksTheOtherPromises) {
   std::future<bool> queued;
   mReact = [&](const std::string& action) {
     if (action == "leave Closed") {
@@ -140,7 +142,7 @@ TEST_F(Hsm, AStopLetsTheReactionFinishAndBreaksThePromisesOfWhatIsNotDispatched)
   EXPECT_THAT(mLog.Console(), IsEmpty());
 }
 
-TEST_F(Hsm, AMachineStoppedBeforeItRanMakesTheInitialTransitionAndNothingElse) {
+TEST_F(Hsm, AMachineStoppedBeforeItRanMakesOnlyTheInitialTransition) {
   auto opened = Post<Open>();
   mMachine->Stop();
   mMachine->Run();
@@ -148,7 +150,7 @@ TEST_F(Hsm, AMachineStoppedBeforeItRanMakesTheInitialTransitionAndNothingElse) {
   EXPECT_TRUE(IsBroken(opened));
 }
 
-TEST_F(Hsm, AMachineDestroyedWithEventsQueuedReleasesWhoWaitsForThem) {
+TEST_F(Hsm, ADestroyedMachineReleasesWhoWaitsForItsEvents) {
   auto opened = Post<Open>();
   mMachine.reset();
   EXPECT_TRUE(IsBroken(opened));
@@ -157,12 +159,7 @@ TEST_F(Hsm, AMachineDestroyedWithEventsQueuedReleasesWhoWaitsForThem) {
 TEST_F(Hsm, ANullEventIsDroppedWithoutATrace) {
   mMachine->PostEvent(nullptr);
   Post<Say>("after");
-  mReact = [this](const std::string& action) {
-    if (action == "after") {
-      mMachine->Stop();
-    }
-  };
-  mMachine->Run();
+  RunUntil("after");
   EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace),
               ElementsAre("State Door: init", "State Closed: entry", "State Closed: event recv Say",
                           "State Closed: event hndl Say"));
@@ -191,27 +188,4 @@ TEST_F(Hsm, SendEventNeedsAMachine) {
   } catch (const std::logic_error& e) {
     EXPECT_STREQ(e.what(), "CHsmActionHandlerBase: IHsmInterface not set");
   }
-}
-
-TEST_F(Hsm, EventsFromManyThreadsAreEachDispatchedOnce) {
-  constexpr int Posters = 4;
-  constexpr int EventsEach = 500;
-  std::atomic<int> handled{0};
-  std::thread runner([this] { mMachine->Run(); });
-  std::vector<std::thread> posters;
-  for (int i = 0; i < Posters; ++i) {
-    posters.emplace_back([&] {
-      for (int n = 0; n < EventsEach; ++n) {
-        auto knocked = Post<Knock>();
-        handled += knocked.get() ? 1 : 0;
-      }
-    });
-  }
-  for (auto& poster : posters) {
-    poster.join();
-  }
-  mMachine->Stop();
-  runner.join();
-  EXPECT_EQ(handled, Posters * EventsEach);
-  EXPECT_EQ(std::count(mActions.begin(), mActions.end(), "knocked"), Posters * EventsEach);
 }

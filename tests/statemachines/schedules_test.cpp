@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "statemachines/hsmalive.h"
+#include "framework/worker.h"
 #include "statemachines/utils/statemachinesutility.h"
 #include "tests/framework/handover.h"
 #include "tests/jitter.h"
@@ -48,35 +48,6 @@ Outcome Visit(const std::shared_ptr<IHsmInterface>& machine, unsigned stream, in
   }
   return outcome;
 }
-
-struct AliveActions {
-  virtual void IntStartAliveTimer() = 0;
-  virtual void IntStopAliveTimer() = 0;
-};
-
-class AliveHandler : public CHsmAlive<AliveActions> {
- public:
-  AliveHandler() {
-    ExtSendAlive = [this] {
-      mEarly += mStopped ? 1 : 0;
-      mJitter.Pass();
-      mEarly += mStopped ? 1 : 0;
-      ++mSent;
-    };
-    CWorker::Start();
-  }
-  ~AliveHandler() override {
-    IntStopAliveTimer();
-    CWorker::Stop();
-  }
-
-  std::atomic<bool> mStopped{true};
-  std::atomic<int> mEarly{0};  ///< messages that were on their way although the timer was stopped
-  std::atomic<int> mSent{0};
-
- private:
-  Jitter mJitter{99};  // worker thread only
-};
 
 }  // namespace
 
@@ -133,32 +104,7 @@ TEST(Schedules, EveryPostIsAnsweredWheneverTheMachineStartsAndStops) {
   }
 }
 
-TEST(Schedules, NoAliveMessageIsOnItsWayOnceTheTimerIsStopped) {
-  AliveHandler handler;
-  std::atomic<bool> done{false};
-  std::thread other([&] {
-    Jitter jitter(1);
-    while (!done) {
-      handler.Sync();
-      jitter.Pass();
-    }
-  });
-  Jitter jitter(2);
-  for (int round = 0; round < 1000; ++round) {
-    handler.mStopped = false;
-    handler.IntStartAliveTimer();
-    jitter.Pass();
-    handler.IntStopAliveTimer();
-    handler.mStopped = true;
-    jitter.Pass();
-  }
-  done = true;
-  other.join();
-  EXPECT_EQ(handler.mEarly, 0);
-  EXPECT_GT(handler.mSent, 0);
-}
-
-TEST(Schedules, NoPeriodicCallRunsAfterCancelAndSyncWhateverElseIsScheduled) {
+TEST(Schedules, NoPeriodicCallRunsAfterCancelAndSync) {
   CWorker worker;
   std::atomic<int> late{0};
   std::atomic<int> made{0};
