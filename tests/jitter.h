@@ -6,8 +6,8 @@
 #include <random>
 #include <thread>
 
-/// What the environment variable RFID_SEED says repeats the timing of a run, as far as the scheduler goes
-/// along.
+/// The seed of this run. Setting RFID_SEED to a printed seed repeats that run's timing, as far as the
+/// scheduler allows.
 inline unsigned Seed() {
   static const unsigned seed = [] {
     const char* text = std::getenv("RFID_SEED");
@@ -25,7 +25,7 @@ class Jitter {
 
   unsigned Below(unsigned bound) { return std::uniform_int_distribution<unsigned>(0, bound - 1)(mRandom); }
 
-  /// Goes on at once, lets another thread run, or lets some time pass.
+  /// Returns at once, yields, or lets some time pass.
   void Pass() {
     switch (Below(4)) {
       case 0:

@@ -16,7 +16,7 @@
 #include "tests/framework/handover.h"
 #include "tests/framework/logcapture.h"
 
-/// Stands in for the machine: keeps what is posted.
+/// A machine that only keeps what is posted.
 class FakeMachine : public IHsmInterface {
  public:
   void PostEvent(const std::shared_ptr<IHsmEvent>& event) override {
@@ -32,7 +32,7 @@ class FakeMachine : public IHsmInterface {
   /// The events posted since the last call, with what they carry.
   std::vector<std::string> Take() {
     std::vector<std::string> names;
-    for (const auto& event : std::exchange(mEvents, {})) {  // which may post others when they go
+    for (const auto& event : std::exchange(mEvents, {})) {  // destroying them may post others
       auto name = event->GetName();
       if (const auto done = std::dynamic_pointer_cast<IntOnAuthDone>(event)) {
         name +=
@@ -77,7 +77,7 @@ class RecordingDiagnostics : public IDiagnosticsTransport {
     }
     return true;
   }
-  /// Forgets what earlier tests sent: the latest values of all signals come again to a new peer.
+  /// Skips what earlier tests sent: a new peer gets the latest values of all signals again.
   void SkipTo(const std::string& value) {
     while (mValues.Take().value_or(value) != value) {
     }
@@ -95,7 +95,7 @@ class RecordingDiagnostics : public IDiagnosticsTransport {
   handover::Mailbox<std::string> mValues;
 };
 
-/// The handler on a reader that does what it is told, and on a machine that only keeps what is posted.
+/// The handler between a reader that does what it is told and a machine that only keeps what is posted.
 class ActionHandler : public ::testing::Test {
  protected:
   ActionHandler() {

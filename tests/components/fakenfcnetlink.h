@@ -25,8 +25,8 @@ class FakeNfcNetlink : public INfcNetlink {
   void Break(const CRfidError& error) { mOnError(error); }
 
   std::vector<std::string> mCalls;
-  std::map<std::string, int> mFail;           ///< operation to the code of the error that it throws
-  std::map<std::string, std::string> mThrow;  ///< operation to the text of an error of another kind
+  std::map<std::string, int> mFail;           ///< the code of the error that an operation throws
+  std::map<std::string, std::string> mThrow;  ///< the text of another exception that it throws
 
  private:
   void Called(const std::string& operation) {

@@ -25,7 +25,7 @@ nlmsghdr* Header(std::vector<uint8_t>& bytes) {
   return reinterpret_cast<nlmsghdr*>(bytes.data());
 }
 
-/// The message cut after `length` bytes, as if it had been sent so.
+/// The message cut after `length` bytes, with a header that says so.
 std::vector<uint8_t> Cut(std::vector<uint8_t> bytes, size_t length) {
   bytes.resize(length);
   bytes.shrink_to_fit();
@@ -89,7 +89,7 @@ TEST(NfcMessages, ReadTheUidOfEveryTechnology) {
   EXPECT_EQ(Uid({5, 0, 6, 0, 0, 0, 0, 0}), "no target");  // no protocols
 }
 
-TEST(NfcMessages, AUidOfALengthThatCannotBeIsNone) {
+TEST(NfcMessages, AUidOfAnImpossibleLengthIsIgnored) {
   const std::vector<uint8_t> mifare{8, 0, 3, 0, 4, 0, 0, 0};
   std::vector<uint8_t> nfcid1{14, 0, 7, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 0, 0};
   EXPECT_EQ(Uid(Joined(mifare, nfcid1)), "0102030405060708090A");
@@ -117,7 +117,7 @@ TEST(NfcMessages, FindTheGroupByItsWholeName) {
 }
 
 TEST(NfcMessages, AreReadSafelyAtEveryLength) {
-  // Nothing is read beyond the buffer (the sanitizers watch), and what is cut away is not made up.
+  // Nothing is read beyond the buffer (the sanitizers watch), and no UID is made up.
   for (const auto& attributes : {Device, Type2, Iso15693}) {
     const auto whole = Message(NFC_CMD_GET_TARGET, attributes);
     for (size_t length = sizeof(nlmsghdr); length < whole.size(); ++length) {

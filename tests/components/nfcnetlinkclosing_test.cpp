@@ -95,7 +95,7 @@ TEST_F(NfcNetlink, ClosesWhileATagIsBeingReported) {
   EXPECT_TRUE(IsOff());
 }
 
-TEST_F(NfcNetlink, ClosesWhenTheKernelDoesNotAnswerTheRequestThatWakesTheMonitor) {
+TEST_F(NfcNetlink, ClosesWithoutAnAnswerToTheRequestThatWakesTheMonitor) {
   mKernel->AddRule("UNSPEC drop");
   Start();
   mController->DeinitializeController();

@@ -17,7 +17,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-/// Keeps what programs send, without what differs from run to run.
+/// Keeps what programs send, without the numbers that differ from run to run.
 class SentBytes : public NetlinkObserver {
  public:
   void OnSocket(std::uint64_t, SocketChange, std::uint32_t, int) override {}
@@ -144,7 +144,7 @@ TEST_F(NfcNetlink, AMachineWithoutNetlinkIsRefused) {
 }
 
 TEST_F(NfcNetlink, UnrelatedMessagesDoNotExtendTheTimeout) {
-  Make(1h, 0ms);  // which is no limit for the socket's own waiting
+  Make(1h, 0ms);  // no timeout for the socket itself
   EXPECT_EQ(ErrorOfOpen(), "") << "an answer that is there is always taken";
   mController->DeinitializeController();
   mKernel->AddRule("GETFAMILY nth=3 seq=4711");

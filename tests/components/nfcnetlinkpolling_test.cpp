@@ -6,6 +6,7 @@ using Level = Log::ELogLevel;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 
 INSTANTIATE_TEST_SUITE_P(Kernel, NfcNetlinkPolling, ::testing::Bool(),
@@ -65,6 +66,7 @@ TEST_F(NfcNetlink, BusyIsASuccessOnlyWhileThePollingIsItsOwn) {
   EXPECT_EQ(ErrorOfStart(), "");
   mKernel->PresentTag(kCard);  // a find ends the polling
   EXPECT_THAT(WaitFor(3), Contains("error 16: Error in SendAndReceiveMsgs within StartPolling"));
+  EXPECT_THAT(Lines(Level::Warning), IsEmpty()) << "reported at once, not by a later check";
   mKernel->ClearRules();
   EXPECT_EQ(ErrorOfStop(), "");
 }
@@ -116,10 +118,10 @@ TEST_F(NfcNetlink, EventsOfOtherReadersChangeNothing) {
   mKernel->SendRawEvent(event(NFC_EVENT_DEVICE_REMOVED, 1));
   mKernel->SendRawEvent(event(200, 0));
   EXPECT_TRUE(handover::Eventually([&] { return handled() >= 4; }));
-  mKernel->Plug();  // another process finds a tag with another reader
+  mKernel->Plug();  // whose tag another process finds
   mKernel->SendRawEvent(event(NFC_EVENT_TARGETS_FOUND, 1));
   EXPECT_EQ(WaitFor(1).size(), 1U);
-  EXPECT_EQ(ErrorOfStart(), "");  // ours still polls
+  EXPECT_EQ(ErrorOfStart(), "");  // our reader still polls
   EXPECT_EQ(mKernel->GetStatus().Commands(NFC_CMD_STOP_POLL), 0U);
   // The monitor starts polling again after it has reported the tag, at the same time as this thread.
   EXPECT_TRUE(handover::Eventually([&] { return mKernel->History().size() - before >= 5; }))

@@ -44,8 +44,8 @@ class NfcNetlink : public ::testing::Test {
   ::testing::AssertionResult WaitForLine(Log::ELogLevel level, const std::string& end);
   /// The reader neither polls nor has power.
   ::testing::AssertionResult IsOff();
-  /// Counts the descriptors of this process, once the simulated kernel, which lives in it too, has noticed
-  /// the closes.
+  /// Counts the descriptors of this process. The simulated kernel lives in it, too, so this waits until it
+  /// has noticed the closes.
   size_t OpenDescriptors();
 
   /// The operation's failure as text, "" when it succeeds.
@@ -72,13 +72,13 @@ class NfcNetlink : public ::testing::Test {
   std::vector<std::string> mReports;  // guarded by mMutex
 };
 
-/// On a reader whose driver is an NCI one.
+/// With an NCI driver.
 class NfcNetlinkOnNci : public NfcNetlink {
  protected:
   NfcNetlinkOnNci() : NfcNetlink({.kernel = {.stack = virtualnfc::Stack::Nci}}) {}
 };
 
-/// On a kernel that answers as measured, and on one that says EALREADY instead.
+/// On a kernel that answers as real ones do, and on one that answers EALREADY instead.
 class NfcNetlinkPolling : public NfcNetlink, public ::testing::WithParamInterface<bool> {
  protected:
   NfcNetlinkPolling() : NfcNetlink({.kernel = {.assumeAlready = GetParam()}}) {}

@@ -1,4 +1,4 @@
-// The reader never goes deaf unnoticed: what ends the reading of tags is cured or reported.
+// The reader never goes deaf unnoticed: whatever ends the reading of tags is cured or reported.
 #include <cstring>
 #include <utility>
 
@@ -128,7 +128,7 @@ TEST_F(NfcNetlink, ACardIsReadAgainAfterPollingEndedWithoutAnEvent) {
   struct Case {
     const char* name;
     std::function<void()> happen;
-    const char* warning;  ///< null: there is none
+    const char* warning;  ///< null: none
   };
   mInCallback = [this] { mKernel->RemoveTags(); };
   for (const auto& c : std::vector<Case>{
@@ -215,7 +215,7 @@ TEST_F(NfcNetlinkOnNci, AStopThatCrossesAFindIsEndedAndTheKernelGetsItsTime) {
 }
 
 TEST_F(NfcNetlinkOnNci, NoCommandButTheStopIsInterrupted) {
-  // A command that takes longer than a STOP_POLL may, right after a STOP_POLL on the same thread.
+  // START_POLL takes longer here than a STOP_POLL may, and follows one on the same thread.
   Start();
   mController->StopPolling();
   mKernel->AddRule("START_POLL delay=2500");

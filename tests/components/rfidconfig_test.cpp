@@ -64,7 +64,7 @@ TEST_F(RfidConfig, TheListLetsInWhoIsInItAndNobodyElse) {
     bool permitted;
     std::vector<::testing::Matcher<std::string>> warnings;
   };
-  // Every list has been asked before, so that only the question's own warnings are left.
+  // Each list is asked twice: the first question also logs the warnings of the load.
   for (const auto& c : std::vector<Case>{
            {R"({"Tokens": [{"RfidTokenUid": "0A1B2C3D"}]})", true, {}},
            {R"({"Tokens": [{"RfidTokenUid": "11111111"}, {"RfidTokenUid": "0A1B2C3D", "Name": "x"}]})",

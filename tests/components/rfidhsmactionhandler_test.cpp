@@ -42,7 +42,8 @@ TEST_P(ActionHandlerLifecycle, KeepsTheErrorAndPostsIt) {
   EXPECT_THAT(mLog.Texts(Level::Warning),
               ElementsAre(Says(std::string("Processing RFID error: ") + c.operation +
                                " failed with rc: 25: Object busy.")));
-  EXPECT_THAT(mDiagnostics->Take(1), ElementsAre("Rfid state=Error"));  // and nothing for the failed action
+  EXPECT_THAT(mDiagnostics->Take(1),
+              ElementsAre("Rfid state=Error"));  // the failed action itself shows nothing
 }
 
 TEST_P(ActionHandlerLifecycle, ALaterErrorReplacesTheKeptOneAndMayBeFatal) {
@@ -77,7 +78,7 @@ INSTANTIATE_TEST_SUITE_P(
                                       "Failed to stop polling."}),
     [](const auto& action) { return action.param.operation; });
 
-TEST(RfidError, OnlyWhatOpeningTheReaderAnewMayCureIsRecoverable) {
+TEST(RfidError, OnlyWhatReopeningTheReaderMayCureIsRecoverable) {
   std::vector<int> recoverable;
   for (int code = 0; code <= 200; ++code) {
     if (CRfidError("", code).IsRecoverable()) {
@@ -146,11 +147,12 @@ TEST_F(ActionHandler, ARequestedTerminationIsRepeatedBehindEveryFailure) {
 
 TEST_F(ActionHandler, AFailureBehindTheTerminationDoesNotKeepTheMachineAlive) {
   CRfidHsm machine(std::shared_ptr<CRfidHsmActionHandlerBase>(&mHandler, [](auto*) {}));
-  mHandler.ExtUninitializedRsp = [&] {  // a failure is posted, then the termination, then its consequences
-    mController->mFail["StopPolling"] = 19;
-    mHandler.IntStopPolling();
-    mHandler.RequestTermination();
-  };
+  mHandler.ExtUninitializedRsp =
+      [&] {  // the failure comes first, its consequences come behind the termination
+        mController->mFail["StopPolling"] = 19;
+        mHandler.IntStopPolling();
+        mHandler.RequestTermination();
+      };
   auto run = std::async(std::launch::async, [&] { machine.Run(); });
   EXPECT_EQ(run.wait_for(handover::kPatience), std::future_status::ready);
   machine.Stop();

@@ -153,5 +153,5 @@ TEST_F(RfidReader, StoppingDoesNotWaitForASighting) {
   monitor.join();
   mReader.Initialize([this](const CToken& token, bool) { mSeen.push_back(token.uid); });
   mController->Report({"0A1B2C3D", "MIFARE"});
-  EXPECT_THAT(mSeen, ElementsAre("0A1B2C3D"));  // the sighting that was overtaken was forgotten too
+  EXPECT_THAT(mSeen, ElementsAre("0A1B2C3D"));  // the stop forgot the first sighting, too
 }

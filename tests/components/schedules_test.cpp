@@ -21,7 +21,7 @@ VirtualNfcSettings QuickReader() {
   return settings;
 }
 
-/// Puts a card to the reader and takes it away, again and again.
+/// Presents a card and takes it away, again and again.
 class RestlessDriver {
  public:
   explicit RestlessDriver(VirtualNfc& kernel)
@@ -30,7 +30,7 @@ class RestlessDriver {
           while (!mDone) {
             kernel.PresentTag(MakeTag(TagKind::Mifare, "04A12B5C"));
             jitter.Pass();
-            // Now and then so long that the reader of a slow machine finds it, too.
+            // Sometimes long enough for the reader of a slow machine to find it.
             const unsigned hold = jitter.Below(8) > 0 ? jitter.Below(4) : 50;
             std::this_thread::sleep_for(std::chrono::milliseconds(hold));
             kernel.RemoveTags();
@@ -47,8 +47,8 @@ class RestlessDriver {
   std::thread mThread;
 };
 
-/// Leaves libnl few ports to choose from, so that a new socket often has that of the one just closed. The
-/// kernel ends the polling of a closed socket's port some milliseconds later.
+/// Leaves libnl few ports to choose from, so that a new socket often gets the port of a socket just closed.
+/// The kernel ends the polling of a closed socket's port some milliseconds later.
 std::vector<NlSocket> TakePorts() {
   constexpr size_t All = 1024;
   constexpr size_t Left = 40;
@@ -62,14 +62,14 @@ std::vector<NlSocket> TakePorts() {
 
 }  // namespace
 
-TEST(NfcNetlinkSchedules, OffMeansOffAndOnReadsCardsWheneverTheMonitorIsStartedAndStopped) {
+TEST(NfcNetlinkSchedules, OffMeansOffAndOnReadsCardsAtEveryTiming) {
   InProcessVirtualNfc kernel(QuickReader());
   std::mutex mutex;
   std::condition_variable read;
-  unsigned cards = 0;   // guarded by mutex, as the next
-  std::string failure;  // what the monitor reported
+  unsigned cards = 0;   // guarded by mutex
+  std::string failure;  // what the monitor reported; guarded by mutex
   const auto taken = TakePorts();
-  // The watch takes part: with so short a period it looks whenever no card is there.
+  // The period is so short that the monitor also renews polling whenever no card is there.
   CNfcNetlink controller({.watchPeriod = 3ms});
   controller.SetErrorCallback([&](const CRfidError& error) {
     const std::lock_guard lock(mutex);
@@ -99,7 +99,7 @@ TEST(NfcNetlinkSchedules, OffMeansOffAndOnReadsCardsWheneverTheMonitorIsStartedA
       const auto reader = kernel.GetStatus().Device();
       EXPECT_FALSE(reader.polling || reader.powered) << "not off";
     }
-    if (jitter.Below(2) == 0) {  // else the next opening ends this one
+    if (jitter.Below(2) == 0) {  // else the next opening closes this one
       controller.DeinitializeController();
     }
     const std::lock_guard lock(mutex);

@@ -45,7 +45,7 @@ TEST_F(ActionHandler, ACardIsNotifiedBeforeALaterFailureStopsTheMachine) {
     };
     machine.PostEvent(std::make_shared<ExtDisableReq>());
     mHandler.ExtDisabledRsp = [&] { machine.PostEvent(std::make_shared<ExtEnableReq>()); };
-    mHandler.ExtEnabledRsp = [&] {  // on the machine's thread, as if it all came in this moment
+    mHandler.ExtEnabledRsp = [&] {  // on the machine's thread: everything happens in this moment
       mHandler.IntEnableLearningTask(std::make_shared<ExtOnEnableLearning>(c.learning));
       if (c.injected) {
         machine.PostEvent(std::make_shared<ExtOnInjectToken>("04A1B2C3"));
@@ -64,7 +64,7 @@ TEST_F(ActionHandler, ACardIsNotifiedBeforeALaterFailureStopsTheMachine) {
 
 TEST_F(ActionHandler, AValidCardIsPublishedFedBackAndPosted) {
   Enable();
-  mFeedback->mFail = [this] { EXPECT_THAT(mMachine.Take(), IsEmpty()); };  // the driver is told first
+  mFeedback->mFail = [this] { EXPECT_THAT(mMachine.Take(), IsEmpty()); };  // the driver gets feedback first
   Read("04a1b2c3");
   EXPECT_THAT(mDiagnostics->Take(3),
               ElementsAre("Rfid last scanned UID=04A1B2C3", "Rfid last scanned tag technology=MIFARE",
@@ -120,7 +120,7 @@ TEST_F(ActionHandler, ASimulatedSwipeGoesTheWayOfACard) {
   Enable();
   const auto start = std::chrono::steady_clock::now();
   mHandler.IntInjectToken(std::make_shared<ExtOnInjectToken>("04a1b2c3"));
-  // It stays, by its times, so that a swipe that comes late is a repeat, too.
+  // By these times the card stays, so even a late second swipe is a repeat.
   for (auto at = start; at < start + handover::kPatience; at += std::chrono::seconds(2)) {
     mReader->ValidateTokenAndNotify({"04a1b2c3", "MIFARE"}, at);
   }

@@ -9,7 +9,7 @@
 
 #include "statemachines/hsm.h"
 
-/// A small machine of its own for the engine's tests: a door that is open or closed.
+/// A small machine for the engine's tests: a door that is open or closed.
 struct DoorTag {
   static constexpr std::array<std::string_view, 5> kEventNames{"Close", "Knock", "Open", "Ring", "Say"};
 };

@@ -4,6 +4,7 @@
 
 #include <chrono>
 
+#include "tests/framework/handover.h"
 #include "tests/framework/logcapture.h"
 #include "tests/statemachines/doormachine.h"
 
@@ -49,12 +50,15 @@ class Hsm : public ::testing::Test {
 };
 
 bool IsBroken(std::future<bool>& handled) {
+  if (handled.wait_for(handover::kPatience) != std::future_status::ready) {
+    return false;
+  }
   try {
     handled.get();
+    return false;
   } catch (const std::future_error& e) {
     return e.code() == std::future_errc::broken_promise;
   }
-  return false;
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ TEST(HsmAlive, SendsAtOnceAndThenEveryFourSecondsUntilItIsStopped) {
     }
   };
   Clock::time_point start;
-  // Where the machine stalls as long as a period, another try shows that nothing waits for one.
+  // Another try, in case this computer stalls for as long as a period.
   ASSERT_TRUE(Eventually([&] {
     stop();
     start = Clock::now();
@@ -84,10 +84,10 @@ TEST(HsmAlive, StoppingWaitsForAMessageThatIsOnItsWay) {
   releaser.join();
 }
 
-TEST(HsmAlive, AHandlerThatIsNotAliveSendsNothingUntilItIsAliveAgain) {
+TEST(HsmAlive, AHandlerThatIsNotAliveSendsNothing) {
   Handler handler;
   handler.mAlive = false;
-  handler.IntStopAliveTimer();  // nothing runs: only waits for the worker
+  handler.IntStopAliveTimer();  // without a running timer
   handler.IntStartAliveTimer();
   EXPECT_TRUE(Eventually([&] { return handler.mAsked > 0; }));
   handler.Sync();

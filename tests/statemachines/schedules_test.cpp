@@ -20,7 +20,7 @@ namespace {
 
 using std::chrono::microseconds;
 
-/// How many requests of one kind were taken and refused; a machine that stops answers neither.
+/// How many requests of one kind were taken and refused. A request to a stopped machine is neither.
 struct Answers {
   int taken = 0;
   int refused = 0;
@@ -37,7 +37,7 @@ void Ask(const std::shared_ptr<IHsmInterface>& machine, Outcome& outcome) {
   }
 }
 
-/// Asks for the door in random ways until it has asked often enough.
+/// Sends so many random requests to the door.
 Outcome Visit(const std::shared_ptr<IHsmInterface>& machine, unsigned stream, int times) {
   static constexpr auto requests = {Ask<Open>, Ask<Close>, Ask<Ring>, Ask<Knock>};
   Jitter jitter(stream);
@@ -62,7 +62,7 @@ TEST(Schedules, EveryPostIsAnsweredWheneverTheMachineStartsAndStops) {
     handler->OnAction = [&](const std::string& action) {
       ++done[action];
       if (action == "knocked") {
-        handler->SendEvent<Say>("answer");  // a reaction posts, too
+        handler->SendEvent<Say>("answer");  // reactions post events, too
       }
     };
     std::vector<std::future<Outcome>> posters;
@@ -85,13 +85,13 @@ TEST(Schedules, EveryPostIsAnsweredWheneverTheMachineStartsAndStops) {
     Outcome sum;
     for (auto& poster : posters) {
       for (const auto& [event, answers] :
-           poster.get()) {  // ends: nobody waits for a machine that has stopped
+           poster.get()) {  // returns, because nobody waits for a stopped machine
         sum[event].taken += answers.taken;
         sum[event].refused += answers.refused;
       }
     }
     stopper.join();
-    // What was taken was done, and nothing else. Every state takes Close and Knock, none takes Ring.
+    // Exactly the taken requests were done. Every state takes Close and Knock, none takes Ring.
     EXPECT_EQ(done["enter Open"], sum["Open"].taken);
     EXPECT_EQ(done["enter Closed"], 1 + sum["Close"].taken);
     EXPECT_EQ(done["knocked"], sum["Knock"].taken);
@@ -135,7 +135,7 @@ TEST(Schedules, NoPeriodicCallRunsAfterCancelAndSync) {
     for (unsigned pauses = jitter.Below(20); pauses > 0; --pauses) {
       jitter.Pass();
     }
-    worker.Stop();  // who waits in Sync is let go
+    worker.Stop();  // which ends every Sync
   }
   worker.Start();
   EXPECT_TRUE(handover::Eventually([&] { return made > 0; }));

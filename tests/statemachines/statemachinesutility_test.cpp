@@ -13,7 +13,7 @@ using ::testing::MatchesRegex;
 
 namespace {
 
-/// What the bridge asks of a handler and of a service.
+/// What the bridge needs of a handler and of a service.
 struct BridgedHandler : DoorHandler {
   using EnableRequest = Open;
   using DisableRequest = Ring;
@@ -41,7 +41,7 @@ TEST(StatemachinesUtility, RequestsBecomeEventsAndResponsesBecomeNotifications) 
 
   EXPECT_EQ(service->IEnableCall().result(), ipc::EResultOk);
   EXPECT_EQ(service->IDisableCall().result(), ipc::EResultIllegal);
-  EXPECT_EQ(service->IEnableCall().result(), ipc::EResultIllegal);  // open already
+  EXPECT_EQ(service->IEnableCall().result(), ipc::EResultIllegal);  // the door is open already
   machine->Stop();
   runner.join();
   EXPECT_THROW(service->IEnableCall(), std::future_error);
@@ -59,7 +59,7 @@ TEST(StatemachinesUtility, RequestsBecomeEventsAndResponsesBecomeNotifications) 
                                   EndsWith(") ExtFatalErrorRsp"), EndsWith(") ExtSendAlive")));
   EXPECT_THAT(traces.front(), MatchesRegex("\\(statemachines/utils/statemachinesutility.*:[0-9]+\\) .*"));
 
-  // As the application does at its end: they hold each other.
+  // Handler and service hold each other.
   service->IEnableCall = nullptr;
   service->IDisableCall = nullptr;
 }
