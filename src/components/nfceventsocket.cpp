@@ -56,7 +56,6 @@ CNfcEventSocket::Failure CNfcEventSocket::Wake(int family) {
   if (mState != EState::Listening) {
     return {};  // a monitor that still sets up checks the stop flag before it first sleeps
   }
-
   const auto request = BuildRequest(NfcRequests::kUnspec, family);
   if (!request.message) {
     return {.text = request.failure, .code = request.code};
