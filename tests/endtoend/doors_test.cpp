@@ -146,12 +146,10 @@ TEST_F(Doors, AFloodOfRequestsCostsLittleAndTheSupervisorIsStillHeard) {
     }
   }
   auto answers = flood.Answers();
-  EXPECT_GT(answers[grpc::StatusCode::OK], 0U);
-  EXPECT_GT(answers[grpc::StatusCode::RESOURCE_EXHAUSTED], 0U);
-  EXPECT_EQ(answers[grpc::StatusCode::OK] + answers[grpc::StatusCode::RESOURCE_EXHAUSTED], kRequests);
-  printf("flood: %zu taken, %zu refused; memory %zu KiB, before %zu KiB; threads %zu, before %zu\n",
-         answers[grpc::StatusCode::OK], answers[grpc::StatusCode::RESOURCE_EXHAUSTED],
-         mDaemon->Memory("VmHWM"), memory, mostThreads, threads);
+  // One connection carries fewer calls at a time than the service's queue holds: none is refused.
+  EXPECT_EQ(answers[grpc::StatusCode::OK], kRequests);
+  printf("flood: memory %zu KiB, before %zu KiB; threads %zu, before %zu\n", mDaemon->Memory("VmHWM"), memory,
+         mostThreads, threads);
   if (!kIsSanitized) {
     EXPECT_LE(mDaemon->Memory("VmHWM"), memory + 16 * 1024);
   }
