@@ -36,17 +36,17 @@ std::vector<uint8_t> Cut(std::vector<uint8_t> bytes, size_t length) {
 }
 
 // A device as the kernel lists it: name "nfc0", index 0, protocols 0xde, powered 0, RF mode 2.
-const std::vector<uint8_t> Device{9,  0, 2, 0, 'n', 'f', 'c', '0', 0,  0,    0, 0, 8, 0, 1,
-                                  0,  0, 0, 0, 0,   8,   0,   3,   0,  0xde, 0, 0, 0, 5, 0,
-                                  12, 0, 0, 0, 0,   0,   5,   0,   11, 0,    2, 0, 0, 0};
+const std::vector<uint8_t> kDevice{9,  0, 2, 0, 'n', 'f', 'c', '0', 0,  0,    0, 0, 8, 0, 1,
+                                   0,  0, 0, 0, 0,   8,   0,   3,   0,  0xde, 0, 0, 0, 5, 0,
+                                   12, 0, 0, 0, 0,   0,   5,   0,   11, 0,    2, 0, 0, 0};
 
 // A Type 2 tag: target index 0, protocols 0x04, SENS_RES, SEL_RES, NFCID1 04 A1 2B 5C.
-const std::vector<uint8_t> Type2{8,    0, 4, 0, 0, 0, 0, 0, 8, 0, 3, 0, 4, 0, 0, 0, 6,    0,    5,    0,
-                                 0x44, 0, 0, 0, 5, 0, 6, 0, 0, 0, 0, 0, 8, 0, 7, 0, 0x04, 0xa1, 0x2b, 0x5c};
+const std::vector<uint8_t> kType2{8,    0, 4, 0, 0, 0, 0, 0, 8, 0, 3, 0, 4, 0, 0, 0, 6,    0,    5,    0,
+                                  0x44, 0, 0, 0, 5, 0, 6, 0, 0, 0, 0, 0, 8, 0, 7, 0, 0x04, 0xa1, 0x2b, 0x5c};
 
 // An ISO 15693 tag: protocols 0x80, DSFID, UID as it comes over the air, last byte first.
-const std::vector<uint8_t> Iso15693{8, 0, 3,  0, 0x80, 0, 0, 0, 5, 0, 26, 0, 0, 0,
-                                    0, 0, 12, 0, 27,   0, 1, 2, 3, 4, 5,  6, 7, 0xe0};
+const std::vector<uint8_t> kIso15693{8, 0, 3,  0, 0x80, 0, 0, 0, 5, 0, 26, 0, 0, 0,
+                                     0, 0, 12, 0, 27,   0, 1, 2, 3, 4, 5,  6, 7, 0xe0};
 
 std::vector<uint8_t> Joined(std::vector<uint8_t> first, const std::vector<uint8_t>& second) {
   first.insert(first.end(), second.begin(), second.end());
@@ -62,7 +62,7 @@ std::string Uid(const std::vector<uint8_t>& attributes) {
 }  // namespace
 
 TEST(NfcMessages, ReadADeviceAndAnEvent) {
-  auto message = Message(NFC_CMD_GET_DEVICE, Device);
+  auto message = Message(NFC_CMD_GET_DEVICE, kDevice);
   const auto device = DecodeDevice(Header(message));
   ASSERT_TRUE(device);
   EXPECT_EQ(device->index, 0U);
@@ -81,9 +81,9 @@ TEST(NfcMessages, ReadADeviceAndAnEvent) {
 }
 
 TEST(NfcMessages, ReadTheUidOfEveryTechnology) {
-  EXPECT_EQ(Uid(Type2), "04A12B5C");
-  EXPECT_EQ(Uid(Iso15693), "E007060504030201");
-  EXPECT_EQ(Uid(Joined(Iso15693, {8, 0, 7, 0, 0x04, 0xa1, 0x2b, 0x5c})),
+  EXPECT_EQ(Uid(kType2), "04A12B5C");
+  EXPECT_EQ(Uid(kIso15693), "E007060504030201");
+  EXPECT_EQ(Uid(Joined(kIso15693, {8, 0, 7, 0, 0x04, 0xa1, 0x2b, 0x5c})),
             "04A12B5C");                                  // the NFCID1 goes first
   EXPECT_EQ(Uid({8, 0, 3, 0, 8, 0, 0, 0}), "");           // FeliCa: none
   EXPECT_EQ(Uid({5, 0, 6, 0, 0, 0, 0, 0}), "no target");  // no protocols
@@ -118,7 +118,7 @@ TEST(NfcMessages, FindTheGroupByItsWholeName) {
 
 TEST(NfcMessages, AreReadSafelyAtEveryLength) {
   // Nothing is read beyond the buffer (the sanitizers watch), and no UID is made up.
-  for (const auto& attributes : {Device, Type2, Iso15693}) {
+  for (const auto& attributes : {kDevice, kType2, kIso15693}) {
     const auto whole = Message(NFC_CMD_GET_TARGET, attributes);
     for (size_t length = sizeof(nlmsghdr); length < whole.size(); ++length) {
       auto cut = Cut(whole, length);

@@ -103,7 +103,7 @@ std::shared_ptr<IHsmEvent> MakeEvent(const std::string& name) {
 using Names = std::vector<std::string>;
 
 /// How to get into each state from the start.
-const std::map<std::string, Names> Paths{
+const std::map<std::string, Names> kPaths{
     {"Disabled", {"ExtDisableReq", "IntInitializingDone"}},
     {"Disabling",
      {"ExtDisableReq", "IntInitializingDone", "ExtEnableReq", "IntEnablingDone", "ExtDisableReq"}},
@@ -154,7 +154,7 @@ const std::vector<Row> kTable{
 };
 
 /// The entry actions but for the posts.
-const std::map<std::string, Names> Entries{
+const std::map<std::string, Names> kEntries{
     {"Disabled", {"ExtDisabledRsp"}},
     {"Disabling", {"IntStopPolling", "IntDeinitialize"}},
     {"Enabled", {"IntStartPolling", "ExtEnabledRsp", "IntStartAliveTimer"}},
@@ -168,7 +168,7 @@ const std::map<std::string, Names> Entries{
 };
 
 /// The event that an entry posts.
-const std::map<std::string, std::string> Posts{
+const std::map<std::string, std::string> kPosts{
     {"Disabling", "IntDisablingDone"},       {"Enabling", "IntEnablingDone"},       {"Error", "IntRecover"},
     {"Initializing", "IntInitializingDone"}, {"Terminating", "IntTerminatingDone"},
 };
@@ -207,7 +207,7 @@ class RfidHsmPair : public RfidHsm,
 
 std::vector<std::string> States() {
   std::vector<std::string> names;
-  for (const auto& [state, path] : Paths) {
+  for (const auto& [state, path] : kPaths) {
     names.push_back(state);
   }
   return names;
@@ -240,12 +240,12 @@ TEST_P(RfidHsmPair, ReactsAsTheTableSays) {
         trace.push_back("IntStopAliveTimer");
       }
       trace.push_back(fmt::format("State {}: entry", row->target));
-      const auto entry = Entries.find(row->target);
+      const auto entry = kEntries.find(row->target);
       trace.insert(trace.end(), entry->second.begin(), entry->second.end());
     }
   }
 
-  PostAll(Paths.at(state));
+  PostAll(kPaths.at(state));
   auto handled = Post(event);
   PostEndOfTest();
   mMachine->Run();
@@ -271,11 +271,11 @@ TEST_F(RfidHsm, TheFinalStateDispatchesNothingMore) {
 }
 
 TEST_F(RfidHsm, PassingStatesPostTheEventThatMovesThemOn) {
-  for (const auto& [state, posted] : Posts) {
+  for (const auto& [state, posted] : kPosts) {
     SCOPED_TRACE(state);
     mMachine = std::make_shared<CRfidHsm>(mHandler);
     mLog.Clear();
-    PostAll(Paths.at(state));
+    PostAll(kPaths.at(state));
     Post("IntAlive");
     bool ended = false;
     mHandler->mOn["ExtSendAlive"] = [&] {
@@ -294,7 +294,7 @@ TEST_F(RfidHsm, AnErrorOfAnEntryComesBeforeTheEntrysOwnEvent) {
        std::map<std::string, std::string>{{"Enabling", "IntInitialize"}, {"Disabling", "IntDeinitialize"}}) {
     mMachine = std::make_shared<CRfidHsm>(mHandler);
     mHandler->mOn = {{action, [this] { Post("IntError"); }}, {"ExtErrorRsp", [this] { PostEndOfTest(); }}};
-    PostAll(Paths.at(state));
+    PostAll(kPaths.at(state));
     mMachine->Run();
     EXPECT_THAT(mLog.Texts(Log::ELogLevel::Trace),
                 Contains(fmt::format("State {}: event recv IntError", state)));
@@ -302,7 +302,7 @@ TEST_F(RfidHsm, AnErrorOfAnEntryComesBeforeTheEntrysOwnEvent) {
 }
 
 TEST_F(RfidHsm, AnErrorFromOutsideIsHandledLikeItsOwn) {
-  PostAll(Paths.at("Disabled"));
+  PostAll(kPaths.at("Disabled"));
   Post("ExtError");
   mHandler->mOn["ExtErrorRsp"] = [this] { PostEndOfTest(); };
   mMachine->Run();
@@ -320,7 +320,7 @@ TEST_F(RfidHsm, AFatalErrorFoundWhileProcessingAnErrorPreventsTheRecovery) {
 TEST_F(RfidHsm, UnboundCallbacksAreSkipped) {
   mHandler->ExtRfidToken = nullptr;
   mHandler->ExtSendAlive = nullptr;
-  PostAll(Paths.at("Enabled"));
+  PostAll(kPaths.at("Enabled"));
   auto token = Post("IntOnAuthDone");
   auto alive = Post("IntAlive");
   PostEndOfTest();
