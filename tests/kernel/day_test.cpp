@@ -44,13 +44,13 @@ TEST_P(Day, EveryKindOfCard) {
         Case{"v E007060504030201", "E007060504030201 ERfidUidNotInList"}}) {
     SCOPED_TRACE(c.tag);
     Reader(std::string("put ") + c.tag);
-    EXPECT_TRUE(mSupervisor->WaitFor(std::string("token ") + c.token));
+    EXPECT_TRUE(Notifies(std::string("token ") + c.token));
     Reader("take");
   }
   Disable();  // The daemon forgets the first card; like the next one, it has no UID.
   Enable();
   Reader("put f 0102030405060708");
-  EXPECT_TRUE(mSupervisor->WaitFor("token  ERfidUidInvalid"));
+  EXPECT_TRUE(Notifies("token  ERfidUidInvalid"));
 }
 
 TEST_P(Day, TwoHundredCardsInARow) {
@@ -137,9 +137,9 @@ TEST_P(Day, FailsWithoutAReaderAndReadsOncePluggedIn) {
   Reader("unplug");
   StartDaemon();
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_TRUE(Notifies("Disabled"));
   Enable();
-  EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+  EXPECT_TRUE(Notifies("FatalError"));
   Reader("plug");
   ExpectCured("fatal");
 }
@@ -149,9 +149,9 @@ TEST_P(Day, FailsWhileAnotherProgramPollsAndReadsAfterwards) {
   EXPECT_TRUE(other.Poll());
   StartDaemon();
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_TRUE(Notifies("Disabled"));
   Enable();
-  EXPECT_TRUE(mSupervisor->WaitFor("Error"));
+  EXPECT_TRUE(Notifies("Error"));
   const auto outcome = Outcome();
   other.Close();
   ExpectCured(outcome);

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <functional>
 
+#include "tests/evidence.h"
 #include "tools/kernelbed/kerneltest.h"
 
 namespace {
@@ -26,11 +27,11 @@ class End : public OnBothStacks {
   }
   void BeDisabled() {
     EXPECT_EQ(mSupervisor->Disable(), "Ok");
-    EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+    EXPECT_TRUE(Notifies("Disabled"));
   }
   void BeEnabled() {
     ASSERT_TRUE(EnableDaemon());
-    EXPECT_TRUE(WaitForLog("Polling started."));
+    EXPECT_TRUE(Logs("Polling started."));
   }
   /// Returns while a command of the daemon waits for the reader.
   void EnableDuring(const std::string& failure) {
@@ -41,10 +42,9 @@ class End : public OnBothStacks {
   }
   void ExpectItWaits() {
     if (mStack == Stack::Digital) {
-      EXPECT_TRUE(WaitForLog("Setting nfc0 power mode to: on"));
+      EXPECT_TRUE(Logs("Setting nfc0 power mode to: on"));
     } else {
-      EXPECT_TRUE(
-          Eventually([this] { return mReader->Command("state").find("failing=0") != std::string::npos; }));
+      EXPECT_TRUE(Becomes([this] { return mReader->Command("state"); }, ::testing::HasSubstr("failing=0")));
     }
   }
 };
@@ -86,7 +86,7 @@ TEST_P(End, LeavesTheReaderOffInEveryState) {
                           {"FatalError", [this] {
                              BeEnabled();
                              Reader("unplug");
-                             EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+                             EXPECT_TRUE(Notifies("FatalError"));
                              Reader("plug");
                            }}};
   if (mStack == Stack::Nci) {
@@ -94,14 +94,14 @@ TEST_P(End, LeavesTheReaderOffInEveryState) {
                        BeEnabled();
                        Reader("fail discover 03");
                        Reader("put a2 04A1B2C3");
-                       EXPECT_TRUE(mSupervisor->WaitFor("Error"));
+                       EXPECT_TRUE(Notifies("Error"));
                      }});
     cases.push_back({"FatalError, the reader is on", [this] {
                        Reader("take");
                        BeDisabled();
                        Reader("fail discover 03");
                        Enable();
-                       EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+                       EXPECT_TRUE(Notifies("FatalError"));
                        EXPECT_EQ(IsPowered(), true);
                      }});
   }
@@ -153,7 +153,7 @@ TEST_F(CrossingFind, AtTheEnd) {
 }
 
 TEST_F(CrossingFind, WhenPollingIsRenewed) {
-  EXPECT_TRUE(WaitForLog("Stopping the polling took"));
+  EXPECT_TRUE(Logs("Stopping the polling took"));
   ExpectCardIsRead();
 }
 
@@ -167,9 +167,9 @@ TEST_F(CrossingFind, InTheRecovery) {
   }
   other->Command("unplug");
   mDaemon->Signal(SIGCONT);
-  EXPECT_TRUE(mSupervisor->WaitFor("Error"));
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
-  EXPECT_TRUE(WaitForLog("Stopping the polling took"));
+  EXPECT_TRUE(Notifies("Error"));
+  EXPECT_TRUE(Notifies("Disabled"));
+  EXPECT_TRUE(Logs("Stopping the polling took"));
   Enable();
   ExpectCardIsRead();
 }
@@ -182,7 +182,7 @@ TEST_F(SlowReader, ReadsAfterDisablingAndEnablingWithACard) {
     Reader("put a2 04A1B2C3");
     Disable();
     Enable();
-    EXPECT_TRUE(mSupervisor->WaitFor("Enabled"));
+    EXPECT_TRUE(Notifies("Enabled"));
     Reader("take");
   }
   ExpectCardIsRead();
@@ -196,7 +196,7 @@ TEST_F(SlowReader, RecoversFromAHangByPluggingInAgain) {
   Enable();
   Reader("unhang");
   Reader("unplug");
-  EXPECT_TRUE(mSupervisor->WaitFor("FatalError"));
+  EXPECT_TRUE(Notifies("FatalError"));
   Reader("plug");
   ExpectCured("fatal");
 }

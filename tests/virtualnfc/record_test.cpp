@@ -9,6 +9,7 @@
 #include <regex>
 #include <sstream>
 
+#include "tests/evidence.h"
 #include "tools/harness/station.h"
 #include "tools/virtual-nfc/server/controlprotocol.h"
 #include "tools/virtual-nfc/server/controlserver.h"
@@ -52,26 +53,24 @@ TEST(Record, OfACardIsAsInTheDocument) {
   Station station(NewFolder("record"));
   const ControlServer control(station.Kernel());
   const auto recorder = Tool(station, station.Kernel(), {"record", station.Path("file")});
-  ASSERT_TRUE(Eventually([&] { return !ReadFile(station.Path("file")).empty(); }));
+  const auto written = [&] { return ReadFile(station.Path("file")); };
+  ASSERT_TRUE(Becomes(written, testing::Not(testing::IsEmpty())));
   ASSERT_TRUE(station.StartDaemon());
   ASSERT_TRUE(station.EnableDaemon());
-  const auto polls = [](std::uint32_t count) {
-    return [count](const Status& status) { return status.Commands(NFC_CMD_START_POLL) >= count; };
-  };
-  ASSERT_TRUE(station.Kernel().WaitFor(polls(1)));
+  const auto polls = [&] { return station.Kernel().GetStatus().Commands(NFC_CMD_START_POLL); };
+  ASSERT_TRUE(Becomes(polls, testing::Ge(1U)));
   // Long enough to find the tag once, too short to find it twice.
   station.Kernel().PresentTagFor(MakeTag(TagKind::Mifare, "04A12B5C"), 30ms);
-  ASSERT_TRUE(station.Kernel().WaitFor(polls(2)));
-  ASSERT_TRUE(station.Control().WaitFor("token 04A12B5C ERfidUidNotInList"));
+  ASSERT_TRUE(Becomes(polls, testing::Ge(2U)));
+  ASSERT_TRUE(Becomes([&] { return station.Control().Notified(); },
+                      testing::Contains("token 04A12B5C ERfidUidNotInList")));
   station.Daemon().Signal(SIGINT);
   EXPECT_EQ(station.EndDaemon(), "exit 0");
   station.Kernel().ClearRules();
-  ASSERT_TRUE(Eventually([&] {  // the file has everything before it, too
-    return ReadFile(station.Path("file")).find("rule clear") != std::string::npos;
-  }));
+  ASSERT_TRUE(Becomes(written, HasSubstr("rule clear")));  // the file has everything before it, too
   recorder->Signal(SIGINT);
   EXPECT_EQ(recorder->Wait(), "exit 0");
-  EXPECT_EQ(Conversations(ReadFile(station.Path("file"))), Conversations(ReadFile(CARD_RECORD)));
+  EXPECT_EQ(Conversations(written()), Conversations(ReadFile(CARD_RECORD)));
   if (HasFailure()) {
     station.KeepFolder();
   }

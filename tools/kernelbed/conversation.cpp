@@ -83,11 +83,15 @@ Conversation::Conversation(KernelBench& bench) : mBench(bench) {
 
 Conversation::~Conversation() {
   mPrograms.clear();
-  Program& last = Of('z');
-  (void)Eventually([&] {
-    const auto answers = Command(last, {"down"});
-    return answers.empty() || answers.front().find("error EBUSY") == std::string::npos;
-  });
+  try {
+    Program& last = Of('z');
+    (void)Eventually([&] {
+      const auto answers = Command(last, {"down"});
+      return answers.empty() || answers.front().find("error EBUSY") == std::string::npos;
+    });
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "The reader stays on: %s\n", e.what());
+  }
 }
 
 Conversation::Program& Conversation::Of(char name) {

@@ -86,7 +86,7 @@ class RealBench : public KernelBench {
     } else {
       mReader = std::make_unique<kernelbed::DigitalReader>(KERNELBED_MODULE, nullptr);
     }
-    Plug();
+    RealBench::Plug();
   }
 
   UniqueFd Socket() override {

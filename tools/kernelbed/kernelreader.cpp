@@ -9,7 +9,7 @@
 
 using namespace kernelbed;
 
-int main(int argc, char** argv) {
+static int Run(int argc, char** argv) {
   CLI::App app(
       "A reader for the real kernel's NFC subsystem, with its tags, in the guest of tools/kernelbed.\n"
       "It is plugged in at the start, takes one command per line of standard input and is unplugged at its "
@@ -23,24 +23,28 @@ int main(int argc, char** argv) {
   if (const auto ended = ParseCommandLine(app, argc, argv)) {
     return *ended;
   }
+  std::unique_ptr<Reader> reader;
+  if (isNci) {
+    reader = std::make_unique<NciChip>(nullptr);
+  } else {
+    reader = std::make_unique<DigitalReader>(KERNELBED_MODULE, nullptr);
+  }
+  reader->Command("plug");
+  for (std::string line; std::getline(std::cin, line);) {
+    try {
+      std::cout << "ok " << reader->Command(line) << std::endl;
+    } catch (const std::exception& e) {
+      std::cout << "error: " << e.what() << std::endl;
+    }
+  }
+  return 0;
+}
+
+int main(int argc, char** argv) {
   try {
-    std::unique_ptr<Reader> reader;
-    if (isNci) {
-      reader = std::make_unique<NciChip>(nullptr);
-    } else {
-      reader = std::make_unique<DigitalReader>(KERNELBED_MODULE, nullptr);
-    }
-    reader->Command("plug");
-    for (std::string line; std::getline(std::cin, line);) {
-      try {
-        std::cout << "ok " << reader->Command(line) << std::endl;
-      } catch (const std::exception& e) {
-        std::cout << "error: " << e.what() << std::endl;
-      }
-    }
-    return 0;
+    return Run(argc, argv);
   } catch (const std::exception& e) {
-    std::cerr << "kernel-reader: " << e.what() << '\n';
+    std::fprintf(stderr, "kernel-reader: %s\n", e.what());
     return 1;
   }
 }

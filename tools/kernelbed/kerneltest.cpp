@@ -8,24 +8,15 @@
 #include <csignal>
 #include <utility>
 
+#include "tests/evidence.h"
 #include "tools/kernelbed/digitalreader.h"
 #include "tools/kernelbed/ncichip.h"
 
-namespace {
+using ::testing::AnyOf;
+using ::testing::Contains;
+using ::testing::HasSubstr;
 
-constexpr size_t kShownLines = 150;
-
-/// The last lines of a file.
-std::string Tail(const std::string& path) {
-  const auto content = ReadFile(path);
-  auto begin = content.size();
-  for (size_t line = 0; line <= kShownLines && begin != std::string::npos && begin > 0; ++line) {
-    begin = content.rfind('\n', begin - 1);
-  }
-  return begin == std::string::npos ? content : content.substr(begin);
-}
-
-}  // namespace
+static constexpr size_t kShownLines = 150;
 
 std::unique_ptr<kernelbed::Reader> MakeReader(Stack stack, FILE* log) {
   switch (stack) {
@@ -65,7 +56,7 @@ void KernelTest::ShowLogs() const {
     fmt::print(stderr, "Told to the supervisor: {}\n", fmt::join(mSupervisor->Notified(), ", "));
   }
   for (const auto* name : {"reader.log", "log"}) {
-    fmt::print(stderr, "The last lines of {}:{}\n", name, Tail(Path(name)));
+    fmt::print(stderr, "The last lines of {}:{}\n", name, Tail(ReadFile(Path(name)), kShownLines));
   }
 }
 
@@ -93,7 +84,7 @@ void KernelTest::StartEnabled() {
   StartDaemon();
   ASSERT_TRUE(EnableDaemon());
   mSupervisor->Clear();
-  ASSERT_TRUE(WaitForLog("Polling started."));
+  ASSERT_TRUE(Logs("Polling started."));
 }
 
 void KernelTest::Enable() {
@@ -104,11 +95,15 @@ void KernelTest::Enable() {
 void KernelTest::Disable() {
   mSupervisor->Clear();
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(mSupervisor->WaitFor("Disabled"));
+  EXPECT_TRUE(Notifies("Disabled"));
 }
 
-bool KernelTest::WaitForLog(const std::string& text) const {
-  return Eventually([&] { return Log().find(text) != std::string::npos; });
+::testing::AssertionResult KernelTest::Logs(const std::string& text) const {
+  return Becomes([this] { return Log(); }, HasSubstr(text));
+}
+
+::testing::AssertionResult KernelTest::Notifies(const std::string& notification) const {
+  return Becomes([this] { return mSupervisor->Notified(); }, Contains(notification));
 }
 
 void KernelTest::Reader(const std::string& command) {
@@ -127,14 +122,14 @@ std::string KernelTest::NewUid() {
   return fmt::format("04{:06X}", ++mCards);
 }
 
-bool KernelTest::IsNotified(const std::string& uid) const {
-  return mSupervisor->WaitFor("token " + uid + " ERfidUidNotInList");
+::testing::AssertionResult KernelTest::IsNotified(const std::string& uid) const {
+  return Notifies("token " + uid + " ERfidUidNotInList");
 }
 
 void KernelTest::ExpectCardIsRead() {
   const auto uid = NewUid();
   Reader("put a2 " + uid);
-  EXPECT_TRUE(IsNotified(uid)) << uid;
+  EXPECT_TRUE(IsNotified(uid));
   Reader("take");
 }
 
@@ -143,14 +138,14 @@ std::string KernelTest::Outcome() {
   const auto isTold = [this](const std::string& what) {
     return mSupervisor->WaitFor(what, 1, std::chrono::seconds(0));
   };
-  const auto isOver = [&] { return isTold("Disabled") || isTold("FatalError"); };
   Reader("swap a2 " + uid);
-  EXPECT_TRUE(Eventually([&] { return isTold("Error") || isTold("token " + uid + " ERfidUidNotInList"); }));
+  EXPECT_TRUE(Becomes([this] { return mSupervisor->Notified(); },
+                      Contains(AnyOf("Error", "token " + uid + " ERfidUidNotInList"))));
   Reader("take");
   if (!isTold("Error")) {
     return "read";
   }
-  EXPECT_TRUE(Eventually(isOver));
+  EXPECT_TRUE(Becomes([this] { return mSupervisor->Notified(); }, Contains(AnyOf("Disabled", "FatalError"))));
   return isTold("FatalError") ? "fatal" : "recovered";
 }
 

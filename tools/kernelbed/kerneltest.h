@@ -31,7 +31,8 @@ class KernelTest : public ::testing::Test, public StationOnKernel {
   void Enable();        ///< returns when the request is accepted
   void Disable();       ///< and waits until the supervisor is told
   void ExpectOrderlyEnd();
-  bool WaitForLog(const std::string& text) const;
+  ::testing::AssertionResult Logs(const std::string& text) const;              ///< waits for it
+  ::testing::AssertionResult Notifies(const std::string& notification) const;  ///< waits for it
 
   /// A command for the reader, see kernelbed::Reader. A reader that is plugged in gets the number 0.
   void Reader(const std::string& command);
@@ -40,7 +41,7 @@ class KernelTest : public ::testing::Test, public StationOnKernel {
   std::string NewUid();
   /// Puts a new card, waits for its notification, takes the card away.
   void ExpectCardIsRead();
-  bool IsNotified(const std::string& uid) const;
+  ::testing::AssertionResult IsNotified(const std::string& uid) const;
 
   /// What the supervisor of an enabled station sees: "read" when a new card is read without any error,
   /// "recovered" when the state was Error and then Disabled, "fatal" when it was FatalError.
