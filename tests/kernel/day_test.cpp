@@ -158,7 +158,6 @@ TEST_P(Day, FailsWhileAnotherProgramPollsAndReadsAfterwards) {
 }
 
 TEST_P(WithOneCapability, IsEnoughForTheDaemon) {
-  StartPeers();
   for (const auto& entry : std::filesystem::recursive_directory_iterator(Folder())) {
     ASSERT_EQ(chown(entry.path().c_str(), kNobody, kNobody), 0) << entry.path();
   }
