@@ -219,10 +219,12 @@ void CRfidHsmActionHandler::ProcessToken(const CToken& token, bool valid,
     SendEvent<IntOnLearningTokenFound>(uid);
   } else {
     struct FoundToken {
+      FoundToken(const std::string& text, CTokensUnderWay::Handle token)
+          : event(text), handle(std::move(token)) {}
       IntOnAuthTokenFound event;
       CTokensUnderWay::Handle handle;
     };
-    const auto found = std::make_shared<FoundToken>(IntOnAuthTokenFound(uid), handle);
+    const auto found = std::make_shared<FoundToken>(uid, handle);
     PostEvent(std::shared_ptr<IntOnAuthTokenFound>(found, &found->event));
   }
 }
