@@ -177,6 +177,7 @@ void CRfid::RunStateMachine() const {
 void CRfid::StopCommunication() {
   if (mWatchdogCall) {
     mWatchdogCall->Cancel();
+    mActionHandler->Sync();  // a call in progress uses this object and owns the machine
   }
   mProcessControlService.reset();
   CDiagnosticsCommClient::Terminate();

@@ -39,15 +39,11 @@ bool CRfidConfig::GetAuthorizationEnabled() {
   return enabled;
 }
 
-void CRfidConfig::LoadList() {
+void CRfidConfig::ReloadList() {
   if (mStandaloneList->IsUpdated()) {
     LOG_DEBUG("Standalone list has been updated");
     mLoadedList.reset();  // before the new list takes memory
     mStandaloneList->Reload();
-  }
-  if (!mLoadedList) {
-    mLoadedList.emplace(*mStandaloneList);
-    WarnOfUselessEntries();
   }
 }
 
@@ -71,8 +67,12 @@ void CRfidConfig::WarnOfUselessEntries() const {
 
 ipc::ERfidAuthState CRfidConfig::AuthenticateToken(const std::string& uid) {
   LOG_TRACE("{}::{}", kClassName, __func__);
-  LoadList();
+  ReloadList();
   LOG_DEBUG("Checking standalone list for: {}", uid);
+  if (!mLoadedList) {
+    mLoadedList.emplace(*mStandaloneList);
+    WarnOfUselessEntries();
+  }
   if (mLoadedList->GetKind() == CStandaloneList::EKind::NoArray) {
     // Nobody is let in by a broken list.
     LOG_ERROR("Standalone list: \"Tokens\" must be an array. Taking it as empty.");

@@ -30,7 +30,7 @@ class CRfidConfig {
 
  private:
   void ReloadSettings();
-  void LoadList();
+  void ReloadList();
   void WarnOfUselessEntries() const;
 
   std::shared_ptr<HubConfig> mSettings;
