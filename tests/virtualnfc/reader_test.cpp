@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/virtualnfc/nfcclient.h"
+#include "tools/harness/nfcclient.h"
 #include "tools/virtual-nfc/preload/inprocess.h"
 
 namespace {

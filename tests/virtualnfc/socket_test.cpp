@@ -12,7 +12,7 @@
 #include <future>
 #include <thread>
 
-#include "tests/virtualnfc/nfcclient.h"
+#include "tools/harness/nfcclient.h"
 #include "tools/virtual-nfc/preload/inprocess.h"
 #include "tools/virtual-nfc/server/controlprotocol.h"
 
