@@ -1,7 +1,7 @@
 #include <csignal>
 
-#include "tests/browser/browser.h"
 #include "tests/endtoend/daemontest.h"
+#include "tools/harness/browser.h"
 #include "tools/virtual-nfc/server/controlserver.h"
 
 using namespace virtualnfc;

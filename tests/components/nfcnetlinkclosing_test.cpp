@@ -10,15 +10,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-namespace {
-
-class NfcNetlinkFast : public NfcNetlink {
- protected:
-  NfcNetlinkFast() : NfcNetlink({.kernel = {}, .detectionDelay = 0ms}) {}
-};
-
-}  // namespace
-
 TEST_F(NfcNetlink, TheReaderIsOffAfterTheEndWhateverHappenedBefore) {
   struct Case {
     const char* name;
@@ -142,24 +133,4 @@ TEST_P(NfcNetlinkPolling, ATagThatComesDuringTheStopDoesNotSwitchTheReaderOn) {
     mKernel->RemoveTags();
     ForgetReports();
   }
-}
-
-TEST_F(NfcNetlinkFast, TenThousandCardsAndAThousandOpeningsLeaveNothingBehind) {
-  Log::SetLogLevel(Level::Error);
-  const auto descriptors = OpenDescriptors();
-  size_t cards = 0;
-  for (int round = 0; round < 1000; ++round) {
-    Start();
-    for (int i = 0; i < 10; ++i) {
-      const auto uid = fmt::format("{:08X}", ++cards);
-      mKernel->PresentTag(MakeTag(TagKind::Mifare, uid));
-      ASSERT_TRUE(WaitForReport("MIFARE " + uid));
-    }
-    mKernel->RemoveTags();
-    mController->StopPolling();
-    mController->DeinitializeController();
-    ForgetReports();
-  }
-  EXPECT_LE(OpenDescriptors(), descriptors);
-  EXPECT_EQ(CountInterposedSockets(), 0);
 }

@@ -23,41 +23,6 @@ Bytes CutOffEvent() {
 
 }  // namespace
 
-TEST_P(NfcNetlinkPolling, WhateverEndsTheReadingOfTagsIsReported) {
-  struct Case {
-    const char* rule;
-    std::vector<std::string> reported;
-  };
-  for (const auto& c : std::vector<Case>{
-           {"START_POLL nth=1 errno=EPROTO",
-            {kCardReport, "error 71: Error in SendAndReceiveMsgs within StartPolling"}},
-           {"DEV_UP nth=1 errno=ENODEV", {kCardReport, "error 19: Could not to power on reader for polling"}},
-           {"START_POLL nth=1 drop",
-            {kCardReport, "error 1: Error in SendAndReceiveMsgs within StartPolling"}},
-           {"GET_TARGET errno=ENODEV", {"error 19: The tag found could not be queried"}},
-           {"GET_TARGET drop", {"error 1: The tag found could not be queried"}},
-       }) {
-    SCOPED_TRACE(c.rule);
-    ForgetReports();
-    Start();
-    mKernel->AddRule(c.rule);
-    mKernel->PresentTag(kCard);
-    auto reported = WaitFor(c.reported.size());
-    if (std::string_view(c.rule).ends_with("POLL nth=1 drop")) {
-      reported.resize(c.reported.size());  // only the answer was lost, so the tag may have been found again
-    }
-    EXPECT_EQ(reported, c.reported);
-    mKernel->RemoveTags();
-    mKernel->ClearRules();
-    Open();  // the cure
-    mController->StartPolling();
-    ForgetReports();
-    EXPECT_EQ(Tap(kCard), kCardReport);
-    EXPECT_EQ(ErrorOfStop(), "");
-    mController->DeinitializeController();
-  }
-}
-
 TEST_F(NfcNetlink, LostEventsAreReported) {
   Start();
   mKernel->OverrunEvents();

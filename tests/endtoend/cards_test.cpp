@@ -6,8 +6,6 @@ using namespace virtualnfc;
 using ::testing::AnyOf;
 using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 namespace {
 
@@ -119,21 +117,4 @@ TEST_F(Cards, TheConfigurationIsFollowedWhileTheDaemonRuns) {
   EXPECT_TRUE(Notifies("token 55667788 ERfidUidInStandAloneList"));
   EXPECT_THAT(mSupervisor->Notified(),
               Each(AnyOf("token 04A12B5C ERfidAuthDeferred", "token 55667788 ERfidUidInStandAloneList")));
-}
-
-TEST_F(Cards, ForgedUidsDoNotForgeLogLines) {
-  EXPECT_EQ(mSupervisor->Inject("04A12B5C\n2026 critical forged\x1b[2J"), "Ok");
-  const auto log = LogUntilNow();
-  EXPECT_THAT(log, HasSubstr("04A12B5C\\x0a2026 critical forged\\x1b[2J"));
-  EXPECT_THAT(log, Not(HasSubstr("\n2026 critical forged")));
-}
-
-TEST_F(Cards, RequestsForCardsAreIllegalWhileDisabled) {
-  EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(Notifies("Disabled"));
-  EXPECT_EQ(mSupervisor->Learning(true), "Illegal");
-  EXPECT_EQ(mSupervisor->Inject("04A12B5C"), "Illegal");
-  EXPECT_EQ(mSupervisor->Enable(), "Ok");
-  Tap("04A12B5C");
-  EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidInStandAloneList"));
 }

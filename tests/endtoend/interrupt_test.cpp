@@ -1,4 +1,3 @@
-#include <linux/nfc.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 
@@ -74,34 +73,6 @@ class Interruption : public DaemonTest {
 };
 
 }  // namespace
-
-TEST_F(Interruption, EndsTheDaemonInEveryRestingState) {
-  struct Case {
-    const char* state;
-    std::function<void()> reach;
-  };
-  for (const auto& c : std::vector<Case>{
-           {"Uninitialized", [] {}},
-           {"Disabled", [this] { EXPECT_EQ(mSupervisor->Disable(), "Ok"); }},
-           {"Enabled", [this] { EnableDaemon(); }},
-           {"FatalError",
-            [this] {
-              mKernel->AddRule("START_POLL errno=EIO");
-              EXPECT_EQ(mSupervisor->Disable(), "Ok");
-              EXPECT_TRUE(Notifies("Disabled"));
-              EXPECT_EQ(mSupervisor->Enable(), "Ok");
-              EXPECT_TRUE(Notifies("FatalError"));
-              EXPECT_TRUE(mKernel->GetStatus().Device().powered);
-            }},
-       }) {
-    SCOPED_TRACE(c.state);
-    StartDaemon();
-    c.reach();
-    mDaemon->Signal(SIGINT);
-    ExpectOrderlyEnd();
-    mKernel->ClearRules();
-  }
-}
 
 TEST_F(Interruption, EndsTheDaemonInStatesThatItOnlyPassesThrough) {
   struct Case {

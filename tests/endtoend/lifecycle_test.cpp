@@ -4,7 +4,6 @@
 
 using namespace virtualnfc;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 
@@ -31,23 +30,6 @@ TEST_F(Lifecycle, TheSupervisorDrivesTheDaemonAndIsToldEveryState) {
   EXPECT_FALSE(mKernel->GetStatus().Device().powered);
 }
 
-TEST_F(Lifecycle, AReaderThatStopsReadingIsReportedAndRecovered) {
-  StartDaemon();
-  EnableDaemon();
-  mKernel->AddRule("START_POLL nth=1 errno=EPROTO");
-  Tap("04A12B5C");
-  EXPECT_TRUE(Notifies("Disabled"));
-  // The last card may still be notified. What matters is that the supervisor is told of the error.
-  auto states = mSupervisor->Notified();
-  std::erase(states, "token 04A12B5C ERfidUidNotInList");
-  EXPECT_THAT(states, ElementsAre("Error", "Disabled"));
-  EXPECT_FALSE(mKernel->GetStatus().Device().powered);
-  EXPECT_TRUE(Logs("Recovery successful."));
-  EXPECT_EQ(mSupervisor->Enable(), "Ok");
-  Tap("11223344");
-  EXPECT_TRUE(Notifies("token 11223344 ERfidUidNotInList"));
-}
-
 TEST_F(Lifecycle, AReaderThatIsGoneIsAFatalErrorWhichOnlyARestartEnds) {
   StartDaemon();
   EnableDaemon();
@@ -61,22 +43,6 @@ TEST_F(Lifecycle, AReaderThatIsGoneIsAFatalErrorWhichOnlyARestartEnds) {
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_TRUE(Notifies("FatalError", 3));
   EXPECT_THAT(mSupervisor->Notified(), ElementsAre("Error", "FatalError", "FatalError", "FatalError"));
-}
-
-TEST_F(Lifecycle, WithoutAReaderEnablingFailsAndSucceedsOnceItIsThere) {
-  mKernel->Unplug();
-  StartDaemon();
-  EXPECT_EQ(mSupervisor->Disable(), "Ok");
-  EXPECT_TRUE(Notifies("Disabled"));
-  EXPECT_EQ(mSupervisor->Enable(), "Ok");
-  EXPECT_TRUE(Notifies("FatalError"));  // the one attempt to recover finds none either
-  EXPECT_TRUE(Logs("Could find trf7970a reader."));
-  EXPECT_EQ(Interrupt(), "exit 0");
-  mKernel->Plug(0);
-  StartDaemon();
-  EnableDaemon();
-  Tap("04A12B5C");
-  EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidNotInList"));
 }
 
 TEST_F(Lifecycle, AThousandCyclesLeaveNothingBehind) {

@@ -21,24 +21,9 @@ class Peers : public DaemonTest {
     Tap(uid);
     EXPECT_TRUE(Notifies("token " + uid + " ERfidUidNotInList"));
   }
-  void TapUntilLogged(const std::string& text) {
-    const auto log = [this] {
-      TapNewCard();
-      return Log();
-    };
-    EXPECT_TRUE(Becomes(log, ::testing::HasSubstr(text)));
-  }
 
   int mCard = 0x11111111;
 };
-
-size_t CountOf(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++count;
-  }
-  return count;
-}
 
 }  // namespace
 
@@ -68,20 +53,6 @@ TEST_F(Peers, OneThatDiesDuringACallDoesNotCostTheToken) {
   EXPECT_TRUE(Becomes([this] { return mPeers->FeedbackEvents(); }, Not(IsEmpty())));
   StopPeers();  // while the call waits
   EXPECT_TRUE(Notifies("token 04A12B5C ERfidUidNotInList"));
-}
-
-TEST_F(Peers, OneThatNeverAnswersIsSaidOnceAndWhenItIsBack) {
-  StartDaemon();
-  EnableDaemon();
-  mPeers->SetFeedbackAnswer(VirtualStation::EAnswer::Hang);
-  TapUntilLogged("DEADLINE_EXCEEDED");
-  mPeers->SetFeedbackAnswer(VirtualStation::EAnswer::Illegal);
-  TapUntilLogged("Feedback answers again");
-  const auto log = LogUntilNow();
-  EXPECT_EQ(
-      CountOf(log, " warning  [RPC] Feedback does not answer, each call gets 250 ms until it does (unix:"),
-      1U);
-  EXPECT_EQ(CountOf(log, " info     [RPC] Feedback answers again (unix:"), 1U);
 }
 
 TEST_F(Peers, ACardThatIsHeldWhileOneNeverAnswersIsNotifiedOnce) {

@@ -84,21 +84,6 @@ TEST_F(NotificationHubTest, NotificationsSentBeforeStopArrive) {
   EXPECT_EQ(late.End(), CSubscription::EEnd::Stopping);
 }
 
-TEST_F(NotificationHubTest, OnlyTheSubscriberWhoseQueueRunsOverIsEnded) {
-  Reader slow(mHub, mTopic);
-  Reader quick(mHub, mTopic);
-  for (int i = 0; i < 5; ++i) {
-    mHub.Send(mTopic, Numbered(i), false);
-    if (i < 4) {
-      EXPECT_EQ(NumberOf(quick.mSubscription->Take().message), i);
-    }
-  }
-  Run();
-  EXPECT_TRUE(slow.Read().empty());
-  EXPECT_EQ(slow.End(), CSubscription::EEnd::TooSlow);
-  EXPECT_EQ(quick.Read(1), std::vector<int>{4});
-}
-
 TEST_F(NotificationHubTest, PlacesAreLimitedForEachTopicAndFreedByLeaving) {
   std::vector<std::unique_ptr<Reader>> readers;
   for (int i = 0; i < 3; ++i) {

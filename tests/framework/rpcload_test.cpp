@@ -135,24 +135,6 @@ TEST_F(RpcHostTest, AFloodIsRefusedBeyondItsBound) {
   EXPECT_THAT(answers(kRunning + kWaiting), ElementsAre(Pair(grpc::StatusCode::OK, kRunning + kWaiting)));
 }
 
-TEST_F(RpcHostTest, OneClientsFloodLeavesRoomForTheSupervisor) {
-  const auto gate = std::make_shared<Gate>();
-  mControl->OnEnable([gate] { gate->Pass(); });
-  Start();
-  constexpr int kRequests = 1000;
-  Flood flood(mAddress);
-  flood.Add(kRequests);
-  ASSERT_TRUE(gate->AwaitWaiting(kRunning));
-  Flood supervisor(mAddress);
-  supervisor.Add(1);
-  supervisor.AwaitArrival();
-  gate->Open();
-  EXPECT_EQ(supervisor.mAnswers.Take(), grpc::StatusCode::OK);
-  for (int i = 0; i < kRequests; ++i) {
-    ASSERT_EQ(flood.mAnswers.Take(), grpc::StatusCode::OK);
-  }
-}
-
 TEST_F(RpcHostTest, ARequestWhoseClientGaveUpIsNotCarriedOut) {
   Start();
   const auto carriedOut = [&] {

@@ -12,7 +12,7 @@
 #include <future>
 #include <thread>
 
-#include "tests/virtualnfc/nfcclient.h"
+#include "tools/harness/nfcclient.h"
 #include "tools/virtual-nfc/preload/inprocess.h"
 #include "tools/virtual-nfc/server/controlprotocol.h"
 
@@ -152,23 +152,6 @@ TEST(VirtualNfcEvents, EndWithAnErrorWhenTheKernelStops) {
   kernel.reset();
   EXPECT_EQ(reader.get(), ENOBUFS);
   EXPECT_EQ(listener.Send(NFC_CMD_UNSPEC), -NLE_FAILURE);
-}
-
-TEST(VirtualNfcOwner, EndsItsPollShortlyAfterItCloses) {
-  for (const bool isLater : {false, true}) {
-    VirtualNfcSettings settings;
-    settings.ownerReleaseDelay = isLater ? 1ms : 1h;
-    InProcessVirtualNfc kernel(settings);
-    NfcClient owner;
-    const NfcClient other;
-    ASSERT_TRUE(owner.Poll());
-    owner.Close();
-    if (isLater) {
-      ASSERT_TRUE(Reaches(kernel, [](const Status& status) { return !status.Device().polling; }));
-      EXPECT_EQ(other.Command(NFC_CMD_STOP_POLL), EINVAL);
-    }
-    EXPECT_EQ(other.Command(NFC_CMD_START_POLL), isLater ? 0 : EBUSY);
-  }
 }
 
 VirtualNfcSettings WithChip() {

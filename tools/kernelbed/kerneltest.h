@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/virtualnfc/nfcclient.h"
+#include "tools/harness/nfcclient.h"
 #include "tools/harness/station.h"
 #include "tools/kernelbed/reader.h"
 

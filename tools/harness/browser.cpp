@@ -1,4 +1,4 @@
-#include "tests/browser/browser.h"
+#include "tools/harness/browser.h"
 
 #include <httplib.h>
 #include <json/reader.h>
