@@ -50,7 +50,7 @@ class CDiagnosticsSignal;
 template <>
 class CDiagnosticsSignal<std::string> {
  public:
-  /// The definition is kept by address and must outlive the signal. The default is not sent by itself.
+  /// The definition is kept by address and must outlive the signal. The default value is only sent by Send.
   explicit CDiagnosticsSignal(const CSignalDefinition<std::string>* definition);
 
   void Send() noexcept;  ///< sends the current value (the default at first) again
