@@ -12,7 +12,7 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// A signal asked for the end.
+/// A signal asked the program to end.
 class Interrupted : public std::exception {};
 
 /// Plays a day of a station. Every step says what it does and checks what the station sees. Throws Failure or

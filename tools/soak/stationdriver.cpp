@@ -22,7 +22,7 @@ size_t CountOf(const std::string& text, const std::string& part) {
 
 }  // namespace
 
-// The daemon runs in a session of its own, so that Ctrl-C at the terminal does not reach it.
+// The daemon runs in its own session, so that Ctrl-C at the terminal does not reach it.
 StationDriver::StationDriver(Stack stack)
     : mStation(NewFolder("soak"), {.kernel = {.stack = stack}, .detectionDelay = 50ms}, {"/usr/bin/setsid"}) {
   mStation.UseProgram("soak-rfidd");

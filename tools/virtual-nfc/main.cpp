@@ -28,9 +28,9 @@ using namespace virtualnfc;
 enum ExitStatus { Done = 0, Refused = 1, Usage = kUsageStatus, Unreachable = 3 };
 
 constexpr double kMaxHold = 24.0 * 60 * 60;
-/// Before the reason in the reply of a server.
+/// Prefix of an error in a server's reply.
 constexpr std::string_view kErrorMark = "error: ";
-/// More than the last line of a record.
+/// Longer than the last line of a record.
 constexpr std::size_t kMaxEnd = 200;
 
 template <typename... Args>
@@ -95,7 +95,7 @@ int Record(const std::string& address, const std::string& file, std::uint32_t co
   std::string last;
   const auto take = [&](std::string_view part) {
     if (!output) {
-      // Only now, so that a file stays as it is when there is no server.
+      // Open the file only now, so that it stays unchanged when there is no server.
       output.Reset(file.empty() ? ::dup(STDOUT_FILENO)
                                 : ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
       writeError = output ? 0 : errno;
