@@ -22,7 +22,7 @@ class CServiceNotify {
 
   /// The services answer and the machine runs.
   void TellReady() const { Send("READY=1"); }
-  /// The daemon ends because it was asked to.
+  /// The daemon ends as requested.
   void TellStopping() const { Send("STOPPING=1"); }
   /// One line for people: the machine's state, and the detail after a colon unless it is empty.
   void TellState(const std::string& state, const std::string& detail) const;

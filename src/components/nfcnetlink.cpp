@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kClassName = "CNfcNetlink";
 constexpr const char* kFamilyName = "nfc";
 
-/// How soon to check polling that the kernel claims and nobody started.
+/// How soon to check polling that the kernel reports but nobody started.
 constexpr std::chrono::milliseconds kDoubtPeriod = 1s;
 /// The kernel needs some milliseconds to end the polling of a closed socket, and answers EBUSY until then.
 constexpr auto kBusyPause = 50ms;
@@ -143,8 +143,7 @@ void CNfcNetlink::StartPolling() {
 
 void CNfcNetlink::Poll(EPollReason reason) {
   LOG_TRACE("{}::{}", kClassName, "StartPolling");
-  // The event of a tag that is found before the monitor listens would be lost, and polling would have ended
-  // unnoticed.
+  // Without a listening monitor, the event of a find would be lost, and the end of polling unnoticed.
   const bool isListening = mEvents.AwaitSetUp();
   LOG_DEBUG("Done waiting for event socket");
 

@@ -88,7 +88,7 @@ constexpr Action kPostRecover{"post IntRecover", Post<IntRecover>};
 constexpr Action kPostTerminatingDone{"post IntTerminatingDone", Post<IntTerminatingDone>};
 constexpr Action kStop{"Stop", StopMachine};
 
-/// Made at program start, so that no machine's first event pays for it.
+/// Created at program start, so that the first event of a machine does not pay for it.
 const CHsmDefinition<CRfidHsm> kDefinition{
     .name = "Statemachine",
     .initial = Uninitialized,

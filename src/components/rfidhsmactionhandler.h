@@ -40,13 +40,13 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   void IntAuthenticateToken(const std::shared_ptr<IntOnAuthTokenFound>& event) override;
   void IntInjectToken(const std::shared_ptr<ExtOnInjectToken>& event) override;
 
-  /// Leads the machine to its end from every state. Any thread.
+  /// Ends the machine, from every state. Any thread.
   void RequestTermination();
 
   /// Closes the reader and publishes that. For the machine's thread, after the machine has ended.
   void CloseReader();
 
-  /// What keeps the reader from reading, until a recovery succeeded. Any thread.
+  /// The failure that stops the reader, until a recovery succeeds. Any thread.
   std::optional<CRfidError> GetLastError() const;
 
   /// The reader front's token callback: one new sighting.
