@@ -69,7 +69,7 @@ TEST_F(Lifecycle, WithoutAReaderEnablingFailsAndSucceedsOnceItIsThere) {
   EXPECT_EQ(mSupervisor->Disable(), "Ok");
   EXPECT_TRUE(Notifies("Disabled"));
   EXPECT_EQ(mSupervisor->Enable(), "Ok");
-  EXPECT_TRUE(Notifies("FatalError"));  // the one attempt to recover finds none either
+  EXPECT_TRUE(Notifies("FatalError"));  // the attempt to recover finds no reader either
   EXPECT_TRUE(Logs("Could find trf7970a reader."));
   EXPECT_EQ(Interrupt(), "exit 0");
   mKernel->Plug(0);
@@ -97,7 +97,7 @@ TEST_F(Lifecycle, AThousandCyclesLeaveNothingBehind) {
       memory = mDaemon->Memory("VmRSS");
     }
   }
-  EXPECT_LE(mDaemon->OpenDescriptors(), descriptors + 8);  // a connection may have been made anew just then
+  EXPECT_LE(mDaemon->OpenDescriptors(), descriptors + 8);  // the client may have reconnected just then
   if (!kIsSanitized) {
     EXPECT_LE(mDaemon->Memory("VmRSS"), memory + 4 * 1024);
   }

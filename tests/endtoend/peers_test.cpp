@@ -99,7 +99,7 @@ TEST_F(Peers, ACardThatIsHeldWhileOneNeverAnswersIsNotifiedOnce) {
     unseen = std::max(unseen, std::chrono::steady_clock::now() - before);
   }
   mKernel->RemoveTags();
-  Tap("11223344");  // whatever the first card led to comes before this
+  Tap("11223344");  // every effect of the first card comes before this
   EXPECT_TRUE(Notifies("token 11223344 ERfidUidNotInList"));
   if (unseen < std::chrono::milliseconds(1500)) {
     EXPECT_THAT(mSupervisor->Notified(), ::testing::ElementsAre("token 04A12B5C ERfidUidNotInList",

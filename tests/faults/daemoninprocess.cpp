@@ -21,7 +21,7 @@ constexpr auto kHold = 30ms;
 VirtualNfcSettings Settings() {
   VirtualNfcSettings settings;
   settings.detectionDelay = kDetection;
-  settings.ownerReleaseDelay = 60s;  // within some milliseconds, as the kernel does it, is a matter of luck
+  settings.ownerReleaseDelay = 60s;  // the kernel's few milliseconds would make the outcome random
   settings.removedListing = 5ms;
   settings.numberRelease = 0ms;
   return settings;

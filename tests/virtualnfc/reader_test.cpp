@@ -1,4 +1,4 @@
-// The simulated reader: several tags at once, and faults that programs are not told of.
+// The simulated reader: several tags at once, and faults without an event or an error.
 
 #include <gtest/gtest.h>
 

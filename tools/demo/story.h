@@ -18,7 +18,7 @@ class Interrupted : public std::exception {};
 /// Plays a day of a station. Every step says what it does and checks what the station sees. Throws Failure or
 /// Interrupted. One thread.
 ///
-/// PlayStart starts the daemon and takes it to Enabled. PlayDay plays that and everything else, to the
-/// daemon's end.
+/// PlayStart starts the daemon and enables it. PlayDay plays the whole day, from the start to the daemon's
+/// end.
 void PlayStart(Station& station, Narrator& narrator, const StopSignals& signals);
 void PlayDay(Station& station, Narrator& narrator, const StopSignals& signals);
