@@ -30,7 +30,7 @@ std::string ReasonOf(const grpc::Status& status) {
   const std::string& text = status.error_message();
   if (text.empty()) {  // another server answers, which has no such service or method
     return status.error_code() == grpc::StatusCode::UNIMPLEMENTED
-               ? "what answers there has no such service"
+               ? "the server there has no such service"
                : "it ended with status " + std::to_string(status.error_code());
   }
   if (text.find("before receiving SETTINGS frame") != std::string::npos) {  // connected, and no word since

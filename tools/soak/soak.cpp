@@ -63,8 +63,7 @@ void Soak::Act() {
   mAction = kind->name;
   (this->*kind->act)();
   const auto left = std::find_if(mTold.begin(), mTold.end(), IsOfCard);
-  Require(left == mTold.end(),
-          "nothing is notified that no card explains: " + (left == mTold.end() ? "" : *left));
+  Require(left == mTold.end(), "every notification has a card: " + (left == mTold.end() ? "" : *left));
 }
 
 void Soak::Inject() {

@@ -122,7 +122,7 @@ int Record(const std::string& address, const std::string& file, std::uint32_t co
   }
   const std::size_t error = last.rfind(kRecordError);
   return error == std::string::npos
-             ? Fail(Unreachable, "the server has ended, and the record with it")
+             ? Fail(Unreachable, "the server has ended, so the record ends")
              : Fail(Refused, "{}",
                     last.substr(error + kRecordError.size(), last.size() - error - kRecordError.size() - 1));
 }
@@ -211,7 +211,7 @@ int RunCommand(int argc, char** argv) {
 
   std::string faultName;
   bool isOff = false;
-  CLI::App* fault = app.add_subcommand("fault", "let the reader fail in a way that programs are not told of");
+  CLI::App* fault = app.add_subcommand("fault", "let the reader fail without telling programs");
   fault->add_option("NAME", faultName)->required()->check(CLI::IsMember(FaultNames()));
   fault->add_flag("--off", isOff, "end the fault");
   fault->callback([&] {
