@@ -16,9 +16,9 @@ class CInterruptBlock {
 /// Catches SIGINT during its lifetime and passes it on outside signal context: the handler only counts, and a
 /// thread ("rfid-signal") calls the hook with the signal's number.
 ///
-/// SIGINT is blocked on the creating thread and on every thread that it starts meanwhile, so it lands on
-/// another one. On a thread whose netlink command waits for the reader, it would interrupt the command and
-/// leave kernel and reader in disagreement. One relay at a time, created and destroyed on one thread.
+/// SIGINT is blocked on the creating thread and on every thread that it starts meanwhile, so another thread
+/// takes the signal. On a thread whose netlink command waits for the reader, it would interrupt the command
+/// and leave kernel and reader in disagreement. One relay at a time, created and destroyed on one thread.
 /// Afterwards SIGINT has its default action again.
 class CInterruptRelay {
  public:

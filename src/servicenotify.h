@@ -8,7 +8,7 @@
 
 #include "statemachines/hsmactionhandler.h"
 
-/// Tells the service manager (systemd) that the daemon is ready, what it does, and that it works.
+/// Tells the service manager (systemd) that the daemon is ready, its state, and that it still works.
 ///
 /// The manager asks for this with the environment variables NOTIFY_SOCKET and WATCHDOG_USEC. Without the
 /// first one, or in a build without libsystemd, every operation does nothing. Threads: any; one datagram

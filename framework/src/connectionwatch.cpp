@@ -88,7 +88,7 @@ void CConnectionWatch::WaitForChange(grpc_connectivity_state state) {
                                         &mChange);
 }
 
-/// After a change: returns whether the peer has gone; otherwise waits for the next change.
+/// After a change: returns true when the peer has gone; otherwise waits for the next change.
 bool CConnectionWatch::IsLost() {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mIsEnding) {

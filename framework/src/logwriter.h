@@ -24,7 +24,7 @@ struct LogLine {
 /// trace while its machine stalls for seconds. The two queues share their lines.
 constexpr std::size_t kLogBacklog = std::size_t{2} * 1024 * 1024;
 
-/// Writes the lines of one log in their order, on a thread of its own.
+/// Writes the lines of one log in order, on its own thread.
 ///
 /// Each log has its own thread because each can block for an unbounded time: a pipe or a terminal that nobody
 /// reads, a system log that hangs. So a stuck log loses only its own lines. Checking before each write

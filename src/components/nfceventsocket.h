@@ -10,7 +10,7 @@
 #include "src/components/nlhandles.h"
 #include "src/components/wakeevent.h"
 
-/// The socket on which the kernel's NFC events arrive.
+/// The socket that receives the kernel's NFC events.
 ///
 /// Threads: the monitor's thread sets it up, waits, receives and closes. The owner's thread announces a
 /// monitor, waits for its set-up and wakes it.

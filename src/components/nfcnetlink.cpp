@@ -112,7 +112,7 @@ void CNfcNetlink::OpenController() {
   }
 }
 
-/// Ends what an earlier opening left behind: the monitor, polling that may still be ours, the command socket.
+/// Cleans up after an earlier opening: the monitor, polling that may still be ours, the command socket.
 void CNfcNetlink::CloseEarlierController() {
   if (mMonitorThread.joinable()) {
     LOG_DEBUG("Controller is open, stopping the earlier event monitor.");
@@ -125,7 +125,7 @@ void CNfcNetlink::CloseEarlierController() {
     // on.
     try {
       const bool wasPolling = SendStopPoll();
-      LOG_DEBUG("Earlier polling: {}.", wasPolling ? "stopped" : "there was none");
+      LOG_DEBUG("Earlier polling: {}.", wasPolling ? "stopped" : "none");
     } catch (const CRfidError& e) {
       LOG_DEBUG("Could not stop the earlier polling: {} rc: {}.", e.what(), e.GetErrorCode());
     }

@@ -93,7 +93,7 @@ const CHsmDefinition<CRfidHsm> kDefinition{
     .name = "Statemachine",
     .initial = Uninitialized,
 
-    // What every leaf does unless it has a reaction of its own.
+    // The reactions of every leaf that has no own reaction to the event.
     .reactions =
         {
             On<IntError>::GoTo(Error),

@@ -96,8 +96,8 @@ void CRfidHsmActionHandler::InitializeReader() {
 }
 
 /// The reader stopped reading although it should read. Runs on the NFC monitor's thread. The error counts as
-/// recoverable, because reopening the reader may help whatever the cause is. A token under way gets its
-/// outcome first.
+/// recoverable, because reopening the reader may help with any cause. A token under way gets its outcome
+/// first.
 void CRfidHsmActionHandler::OnReaderFailed(const CRfidError& cause) {
   LOG_ERROR("The reader does not read tags any more. Error: {} rc: {}.", cause.what(), cause.GetErrorCode());
   KeepError(

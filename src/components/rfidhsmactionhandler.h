@@ -21,7 +21,7 @@
 /// Threads: the Int* actions run on the machine's thread. OnTokenFound runs on the NFC monitor's thread for
 /// tags and on the machine's thread for simulated swipes. It blocks for as long as the feedback call takes
 /// (seconds at worst). The worker thread sends the alive messages. Errors: no exception escapes an action or
-/// OnTokenFound. Failures are logged, and those of the reader are kept and posted as events.
+/// OnTokenFound. Failures are logged. The reader's failures are also kept and posted as events.
 class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
                               public virtual CRfidHsmActionHandlerBase,
                               public virtual CWorker {

@@ -8,8 +8,8 @@
 #include <unordered_map>
 #include <vector>
 
-/// The standalone list of permitted UIDs as it was when it was loaded. It answers what a walk through the
-/// list up to the first match would find, at a cost that does not depend on the list's length.
+/// The standalone list of permitted UIDs as it was when it was loaded. An answer equals that of a walk
+/// through the list up to the first match, but its cost does not depend on the list's length.
 class CStandaloneList {
  public:
   enum class EKind { Missing, Array, NoArray };

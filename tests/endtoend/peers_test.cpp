@@ -15,7 +15,7 @@ namespace {
 
 class Peers : public DaemonTest {
  protected:
-  /// Every card must be notified, whatever the peers do.
+  /// Every card must be notified, even if the peers fail.
   void TapNewCard() {
     const auto uid = fmt::format("{:08X}", ++mCard);
     Tap(uid);

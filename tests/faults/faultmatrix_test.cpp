@@ -41,7 +41,7 @@ class Leftovers {
   }
 
  private:
-  /// A sanitizer starts a thread of its own together with the first thread.
+  /// A sanitizer starts its own thread together with the first thread.
   const bool mStarted = [] {
     std::thread([] {}).join();
     return true;

@@ -45,7 +45,7 @@ TEST(VirtualNfcTags, DigitalFindsOneThatIsAloneInItsTechnology) {
 }
 
 struct FaultStep {
-  /// An NFC command, or one of those below.
+  /// An NFC command, or a command of this file.
   int what;
   /// The errno of the answer, the number of tags found so far, or the fault.
   int value;

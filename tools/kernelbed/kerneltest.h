@@ -16,9 +16,9 @@ namespace virtualnfc {
 void PrintTo(Stack stack, std::ostream* stream);
 }
 
-/// A station with the real daemon on the real kernel, in a guest of its own. At the end of each test SIGINT
-/// ends the daemon if it still runs, and the reader must be off. A failure shows what the supervisor was
-/// told, and the logs.
+/// A station with the real daemon on the real kernel, in its own guest. At the end of each test SIGINT ends
+/// the daemon if it still runs, and the reader must be off. A failure shows what the supervisor was told, and
+/// the logs.
 class KernelTest : public ::testing::Test, public StationOnKernel {
  protected:
   /// Plugs in the reader. @param launcher see StationOnKernel

@@ -35,7 +35,7 @@ std::string CheckDigits(const std::string& text) {
 }
 
 std::string CheckAddress(const std::string& text) {
-  constexpr std::size_t kLongestPath = 107;  // what the system has room for
+  constexpr std::size_t kLongestPath = 107;  // the system's limit for a socket's path
   if (text.starts_with("unix:")) {
     return text.size() > 5 + kLongestPath ? "a socket's path has no more than 107 characters" : "";
   }

@@ -88,7 +88,7 @@ bool StationDriver::Settle() {
 }
 
 bool StationDriver::Fence() {
-  // A malformed UID is notified whatever the configuration is, and after everything before it.
+  // A malformed UID is notified with every configuration, and after everything before it.
   const auto fence = fmt::format("{}{}", kFenceUid, ++mFences);
   if (mStation.Control().Inject(fence) != "Ok") {
     return false;

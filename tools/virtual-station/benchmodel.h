@@ -16,7 +16,7 @@
 #include "ipc/feedback.pb.h"
 #include "ipc/rfid.pb.h"
 
-/// What the bench has seen of the station, in the form in which its page shows it. Knows no sockets.
+/// What the bench has seen of the station, in the form that its page shows. Knows no sockets.
 ///
 /// Threads: any. Only WaitForNews blocks.
 class BenchModel {

@@ -80,8 +80,8 @@ struct CommandRecord {
   int error = 0;
 };
 
-/// Serves from construction to destruction, on a thread of its own. Any thread may call any operation at any
-/// time, except from a predicate given to WaitFor. Only WaitFor blocks.
+/// Serves from construction to destruction, on its own thread. Any thread may call any operation at any time,
+/// except from a predicate given to WaitFor. Only WaitFor blocks.
 class VirtualNfc {
  public:
   /// @param address where the interposer connects: a path, "@name" for an abstract name, or empty for a new
