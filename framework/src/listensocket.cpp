@@ -26,7 +26,7 @@ std::string ErrorText(int code) {
 void MakeFolder(const std::string& address, const std::filesystem::path& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder.parent_path(), error);
-  // A new folder is for the daemon and its group only. An existing one keeps its mode.
+  // A new folder is for the daemon and its group only. An existing folder keeps its mode.
   if (mkdir(folder.c_str(), 0750) != 0 && errno != EEXIST) {
     Fail(address, "the folder " + folder.string() + " cannot be made: " + ErrorText(errno));
   }

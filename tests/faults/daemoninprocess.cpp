@@ -119,7 +119,7 @@ DaemonInProcess::State DaemonInProcess::Settle() {
       mSettled = mTold.size();
       last = mTold.back();
     }
-    // Each of these events is dispatched after everything that the one before it has posted. Between two
+    // Each of these events is dispatched after everything that the previous one has posted. Between two
     // reported states there is at most one that is not reported.
     bool enabled = false;
     for (int i = 0; i < 3; ++i) {
