@@ -57,7 +57,8 @@ void StationDriver::StopDaemon(int signal) {
   mStation.Daemon().Signal(signal);
   Require(AwaitTold("tokens ended"), "the daemon's end ends its notifications");
   const auto end = mStation.EndDaemon();
-  Require(end == (signal == SIGINT ? "exit 0" : "signal 9"), "the daemon ends in order, not with " + end);
+  Require(end == (signal == SIGINT ? "exit 0" : "signal 9"),
+          "the daemon ends with the right status, not with " + end);
   const auto log = mStation.Log();
   mLedger.EnterLogged(CountOf(log, "RfidToken notif: '") + CountOf(log, "Sending RfidLearningToken notif: ") -
                       CountOf(log, std::string("RfidToken notif: '") + kFenceUid));
