@@ -16,7 +16,7 @@ namespace bench {
 namespace {
 
 constexpr int kWarmUps = 20;
-/// After this pause the former card has no effect: the reader polls again, the diagnostics have left.
+/// After this pause the previous card has no effect: the reader polls again, and the diagnostics are sent.
 constexpr std::chrono::milliseconds kGap(60);
 
 std::string Uid(int card) {

@@ -20,7 +20,7 @@ virtualnfc::VirtualNfcSettings FastReader() {
   return settings;
 }
 
-/// The command or event of a message of the family; 0 when it is too short for one.
+/// The command or event of a message of the family; 0 when the message is too short.
 std::uint8_t CommandOf(virtualnfc::ByteView datagram) {
   return datagram.size() < sizeof(nlmsghdr) + sizeof(genlmsghdr) ? 0 : datagram[sizeof(nlmsghdr)];
 }

@@ -24,11 +24,11 @@ constexpr std::size_t kMarks = 6;
 /// The time of each step, in microseconds.
 using Passage = std::array<double, kMarks>;
 
-/// A program that reads cards, in a station of its own. The kernel, the feedback and diagnostics services and
-/// a subscriber are in this process and take the times. One thread.
+/// A program that reads cards, in its own station. The kernel, the feedback and diagnostics services and a
+/// subscriber run in this process and take the times. One thread.
 class CardSubject : private virtualnfc::NetlinkObserver {
  public:
-  /// Starts a build of rfidd, or without one the floor, and waits until it reads cards.
+  /// Starts a build of rfidd (without one, the bare program) and waits until it reads cards.
   explicit CardSubject(const std::string& daemon = "");
   ~CardSubject() override;
 

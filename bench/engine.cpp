@@ -143,8 +143,8 @@ double TimeOfRequest(int count) {
   return time / count;
 }
 
-/// Measures both in turn and adds the medians. They alternate in going first, because the heap keeps traces
-/// of the first.
+/// Measures both in turn and adds the medians. Each goes first every second time, because the first one
+/// changes the heap for the other.
 template <typename MeasureEngine, typename MeasureSwitch>
 void AddRow(Run& run, int rounds, const std::string& what, const char* unit, MeasureEngine measureEngine,
             MeasureSwitch measureSwitch) {

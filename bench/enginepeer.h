@@ -11,13 +11,13 @@
 
 #include "src/components/rfidhsmactionhandlerbase.h"
 
-/// What the engine is measured against: the same machine as a hand-written switch, over the same queue with
-/// the same promises.
+/// The peer of the engine: the same machine as a hand-written switch, over the same queue with the same
+/// promises.
 namespace bench {
 
 ipc::MRfidToken MakeToken(const std::string& uid);
 
-/// The actions of both: they do next to nothing, behind the daemon's own interface.
+/// The actions of both machines: almost empty, behind the daemon's own interface.
 class CountingHandler : public CRfidHsmActionHandlerBase {
  public:
   std::function<void(const std::string&)> onToken;

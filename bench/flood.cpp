@@ -19,7 +19,7 @@ namespace bench {
 namespace {
 
 constexpr std::size_t kConnections = 20;
-/// Time in which the program gives memory back.
+/// Time for the program to give memory back.
 constexpr std::chrono::milliseconds kRecovery(3000);
 
 /// One request under way.
@@ -29,7 +29,7 @@ struct Request {
   ipc::MResult result;
 };
 
-/// Requests that are all sent before the program sees the first.
+/// The number of requests. All are sent before the program sees the first.
 class Flood {
  public:
   Flood(const std::string& address, std::size_t count) : mRequests(count) {

@@ -25,7 +25,7 @@ class Subscriber : public grpc::ServerWriteReactor<ipc::MRfidNotification> {
  public:
   Subscriber() { StartSendInitialMetadata(); }
 
-  /// Only after the former notification was written.
+  /// Call it only after the previous notification was written.
   void Notify(const std::string& uid) {
     mNotification.mutable_token()->set_uid(uid);
     mNotification.mutable_token()->set_auth_state(ipc::ERfidUidNotInList);

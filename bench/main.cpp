@@ -29,7 +29,7 @@ using namespace bench;
 
 constexpr const char* kName = "rfid-bench";
 constexpr int kFailureStatus = 1;
-/// These enclose the figures of a run in the documentation.
+/// The documentation has a run's figures between these lines.
 constexpr const char* kBegin = "<!-- figures of a run: begin -->\n";
 constexpr const char* kEnd = "<!-- figures of a run: end -->\n";
 

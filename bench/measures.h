@@ -4,8 +4,8 @@
 
 #include "report.h"
 
-/// The measures. Each runs in a process of its own, so that it does not inherit memory, threads or
-/// connections. They throw when something does not work: a measure is also a test.
+/// The measures. Each measure runs in its own process, so that it does not inherit memory, threads or
+/// connections. It throws when something does not work: a measure is also a test.
 namespace bench {
 
 struct Plan {

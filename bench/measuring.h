@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// Times, and figures of processes.
+/// Measures times, and processes.
 namespace bench {
 
 using Clock = std::chrono::steady_clock;
@@ -54,7 +54,7 @@ class TemporaryFolder {
   std::filesystem::path mFolder;
 };
 
-/// A program in the folder of this one.
+/// The path of a program in this program's folder.
 std::string Program(const std::string& name);
 inline std::string Daemon() {
   return Program("rfidd");

@@ -10,7 +10,7 @@
 /// Results: the rows of one run, the same rows over several runs, a table.
 namespace bench {
 
-/// One figure of one run: the daemon's and that of a peer, if any, measured in turn with it.
+/// One figure of one run: the daemon's and, if there is a peer, the peer's. The two are measured in turn.
 struct Row {
   std::string what;
   std::string unit;

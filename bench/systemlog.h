@@ -4,8 +4,8 @@
 
 namespace bench {
 
-/// A system log at /dev/log that reads and drops every line, so that a line costs its writer what it costs on
-/// a station. Throws when there is a system log already.
+/// A system log at /dev/log that reads and drops every line, so that writing a line costs as much as on a
+/// station. Throws when there is already a system log.
 class SystemLog {
  public:
   SystemLog();

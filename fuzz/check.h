@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-/// Ends the process when the condition does not hold, which makes the fuzzer keep the input.
+/// Ends the process when the condition is false, so that the fuzzer keeps the input.
 #define FUZZ_CHECK(condition) \
   ((condition)                \
        ? void()               \
@@ -15,7 +15,7 @@ inline std::string TextOf(const uint8_t* data, size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-/// Cuts off and returns the text before the first `separator`, or the whole text when there is none.
+/// Removes and returns the text before the first `separator`; without a separator, the whole text.
 inline std::string TakeUntil(std::string& text, const std::string& separator) {
   const auto end = text.find(separator);
   std::string taken = text.substr(0, end);

@@ -53,8 +53,8 @@ class NetlinkMessage {
   size_t mSize;
 };
 
-/// The attributes in these bytes up to the first that does not fit: type and value. Does not use libnl, whose
-/// results it is compared with.
+/// The attributes in these bytes up to the first one that does not fit: type and value. Does not use libnl,
+/// because its result is compared with libnl's.
 inline std::vector<std::pair<unsigned, Bytes>> ReadAttributes(const Bytes& bytes) {
   std::vector<std::pair<unsigned, Bytes>> attributes;
   for (size_t at = 0; at + 4 <= bytes.size();) {
@@ -69,7 +69,7 @@ inline std::vector<std::pair<unsigned, Bytes>> ReadAttributes(const Bytes& bytes
   return attributes;
 }
 
-/// The same bytes, or none when a type up to `highestType` comes twice.
+/// The same bytes; empty when a type up to `highestType` comes twice.
 inline Bytes Unambiguous(const Bytes& bytes, unsigned highestType) {
   std::set<unsigned> types;
   for (const auto& [type, value] : ReadAttributes(bytes)) {
@@ -80,8 +80,8 @@ inline Bytes Unambiguous(const Bytes& bytes, unsigned highestType) {
   return bytes;
 }
 
-/// The value of the last attribute of this type. Nothing when there is none or it has fewer than `least`
-/// bytes.
+/// The value of the last attribute of this type. Nothing when the attribute is missing or has fewer than
+/// `least` bytes.
 inline std::optional<Bytes> Find(const Bytes& bytes, unsigned type, size_t least = 0) {
   std::optional<Bytes> found;
   for (auto& [itsType, value] : ReadAttributes(bytes)) {

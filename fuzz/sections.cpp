@@ -1,14 +1,14 @@
 // The configuration sections. The input: a UID, a line "settings:", that section, a line "standalone:", that
-// section. Whatever the files say, there is an answer, and only UIDs that literally stand in the list are let
-// in.
+// section. Any content of the files gives an answer, and only UIDs that stand literally in the list are
+// permitted.
 #include "fuzz/check.h"
 #include "src/components/rfidconfig.h"
 #include "tests/components/temporarystore.h"
 
 namespace {
 
-/// Whether the text has the key with this value somewhere, both written literally. A text with an escape may
-/// say anything.
+/// Whether the text contains the key with this value, both written literally. A text with an escape may say
+/// anything.
 bool Says(const std::string& text, const std::string& key, const std::string& value) {
   static const char* const blanks = " \t\r\n";
   const std::string quoted = '"' + key + '"';
@@ -44,7 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto answer = config.AuthenticateToken(uid);
   FUZZ_CHECK(answer == ipc::ERfidUidInStandAloneList || answer == ipc::ERfidUidNotInList);
   FUZZ_CHECK(config.AuthenticateToken(uid) == answer);
-  // A broken list leaves the earlier one in force. Numbers with a fraction are no UIDs and not compared.
+  // A broken list leaves the earlier one in force. Numbers with a fraction are not UIDs, so they are not
+  // compared.
   const bool isUid = !uid.empty() && uid.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
   FUZZ_CHECK(answer == ipc::ERfidUidNotInList || uid == knownUid || !isUid ||
              Says(list, "RfidTokenUid", '"' + uid + '"') || Says(list, "RfidTokenUid", uid));

@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       lastSeen[token.uid] = now;
       FUZZ_CHECK(!fails || !isNew);
     } catch (const std::runtime_error&) {
-      FUZZ_CHECK(fails && isNew);  // so the next sighting is reported again
+      FUZZ_CHECK(fails && isNew);  // so a repeat is reported again
     }
     FUZZ_CHECK(calls == (isNew ? 1 : 0));
   }

@@ -10,7 +10,7 @@
 #include "src/rfid.h"
 #include "src/terminatehandler.h"
 
-// Nothing is caught here: the terminate handler logs what ends the daemon.
+// Do not catch anything here: the terminate handler logs what ends the daemon.
 int RunDaemon(int argc, char** argv, std::chrono::milliseconds pollWatchPeriod) {
   Log::Init("Rfid", Log::ELogLevel::Info);
   std::set_terminate(HandleTerminate);

@@ -13,7 +13,7 @@
 namespace {
 
 /// Counts the signals that the thread has not seen yet. Never destroyed, because a handler may still run when
-/// a relay goes.
+/// a relay is destroyed.
 sem_t& Signals() {
   static sem_t* const made = [] {
     static sem_t semaphore;

@@ -4,7 +4,7 @@
 #include <thread>
 
 /// Blocks SIGINT on the creating thread, and for good on every thread that it starts meanwhile. A SIGINT that
-/// comes meanwhile takes its default action when this goes.
+/// arrives meanwhile takes its default action when this object is destroyed.
 class CInterruptBlock {
  public:
   CInterruptBlock();
@@ -13,12 +13,12 @@ class CInterruptBlock {
   CInterruptBlock& operator=(const CInterruptBlock&) = delete;
 };
 
-/// Catches SIGINT while it lives and passes it on outside signal context: the handler only counts, and a
+/// Catches SIGINT during its lifetime and passes it on outside signal context: the handler only counts, and a
 /// thread ("rfid-signal") calls the hook with the signal's number.
 ///
-/// SIGINT is blocked on the creating thread and on every thread that it starts meanwhile, so it lands on
-/// another one. On a thread whose netlink command waits for the reader, it would interrupt the command and
-/// leave kernel and reader in disagreement. One relay at a time, created and destroyed on one thread.
+/// SIGINT is blocked on the creating thread and on every thread that it starts meanwhile, so another thread
+/// takes the signal. On a thread whose netlink command waits for the reader, it would interrupt the command
+/// and leave kernel and reader in disagreement. One relay at a time, created and destroyed on one thread.
 /// Afterwards SIGINT has its default action again.
 class CInterruptRelay {
  public:

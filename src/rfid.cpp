@@ -15,8 +15,8 @@
 namespace {
 
 constexpr int kPeerTimeoutSeconds = 5;
-/// How many looks there are in one period of the service manager's watchdog. The more, the later a wait for
-/// the kernel is taken for a hang.
+/// How often to check within one period of the service manager's watchdog. More checks leave a wait for the
+/// kernel more time before it counts as a hang.
 constexpr int kLooksPerWatchdogPeriod = 10;
 
 /// What a state means, for the service manager's status line.
@@ -35,7 +35,7 @@ const char* Meaning(const std::string& state) {
   return found == kMeanings.end() ? "" : found->second;
 }
 
-/// What a SIGINT does. Set by the application that runs, and never cleared.
+/// What a SIGINT does. Set by the running application, and never cleared.
 std::function<void(int)> signalHook;
 
 }  // namespace
@@ -63,8 +63,8 @@ CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod)
 }
 
 CRfid::~CRfid() {
-  // Handler, service and machine hold each other through these. The machine has stopped and needs them no
-  // more.
+  // Handler, service and machine hold each other through these. The machine has stopped and no longer needs
+  // them.
   for (auto* hook :
        {&mActionHandler->ExtUninitializedRsp, &mActionHandler->ExtDisabledRsp, &mActionHandler->ExtEnabledRsp,
         &mActionHandler->ExtErrorRsp, &mActionHandler->ExtFatalErrorRsp, &mActionHandler->ExtSendAlive}) {

@@ -8,7 +8,7 @@
 
 #include "statemachines/hsmactionhandler.h"
 
-/// Tells the service manager (systemd) that the daemon is ready, what it does, and that it works.
+/// Tells the service manager (systemd) that the daemon is ready, its state, and that it still works.
 ///
 /// The manager asks for this with the environment variables NOTIFY_SOCKET and WATCHDOG_USEC. Without the
 /// first one, or in a build without libsystemd, every operation does nothing. Threads: any; one datagram
@@ -22,7 +22,7 @@ class CServiceNotify {
 
   /// The services answer and the machine runs.
   void TellReady() const { Send("READY=1"); }
-  /// The daemon ends because it was asked to.
+  /// The daemon ends as requested.
   void TellStopping() const { Send("STOPPING=1"); }
   /// One line for people: the machine's state, and the detail after a colon unless it is empty.
   void TellState(const std::string& state, const std::string& detail) const;

@@ -19,7 +19,7 @@ void HandleTerminate() {
       }
       const auto name = Log::Demangle(mangled);
       Log::Critical("Uncaught exception of type '{}' with message: '{}'", name ? name.get() : "", e.what());
-      // The journal forgets whose lines these were when the process is gone; the status line stays.
+      // The journal may not attribute the last lines to the daemon once it is gone; the status line stays.
       CServiceNotify().TellState("Failed", e.what());
     } catch (...) {
       Log::Critical("Uncaught exception of unknown type.");

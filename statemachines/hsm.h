@@ -107,7 +107,7 @@ class CHsm final : public IHsmInterface {
 
   Handler& GetHandler() { return *mHandler; }
 
-  /// Told of each leaf that is entered, before its entry actions, on the machine's thread. Set before Run.
+  /// Called for each leaf that is entered, before its entry actions, on the machine's thread. Set before Run.
   std::function<void(const std::string& leaf)> OnEntry;
 
   void PostEvent(const std::shared_ptr<IHsmEvent>& event) override {
@@ -192,7 +192,7 @@ class CHsm final : public IHsmInterface {
     return event;
   }
 
-  /// Events still queued are never dispatched, so their posters must stop waiting.
+  /// Queued events are no longer dispatched, so their posters must stop waiting.
   void AbandonAll() {
     if (!mEnded) {
       mEnded = true;

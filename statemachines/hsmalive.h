@@ -33,7 +33,7 @@ class CHsmAlive : public virtual Base, public virtual CWorker {
         std::chrono::steady_clock::now(), kAlivePeriod);
   }
 
-  /// Blocks until a message that is being sent has gone out. None follows.
+  /// Blocks until a message in progress has been sent. No further message follows.
   void IntStopAliveTimer() override {
     if (mAliveCall) {
       mAliveCall->Cancel();

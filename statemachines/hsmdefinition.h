@@ -21,7 +21,7 @@ struct CHsmAction {
   void (*run)(Machine& machine, const std::shared_ptr<IHsmEvent>& event);
 };
 
-/// What a state does about one kind of event.
+/// A state's reaction to one kind of event.
 template <typename Machine>
 struct CHsmReaction {
   static constexpr unsigned kInternal = 0;  ///< no target: the state stays
@@ -44,7 +44,7 @@ struct CHsmLeaf {
   const typename Machine::State* state = nullptr;
 };
 
-/// The composite state that holds all leaves, whose reactions every leaf inherits.
+/// The composite state that holds all leaves. Every leaf inherits its reactions.
 template <typename Machine>
 struct CHsmDefinition {
   std::string name;
@@ -59,7 +59,7 @@ struct CHsmDefinition {
 template <typename Machine, typename State>
 struct CHsmRow : CHsmLeaf<Machine> {};
 
-/// The leaves of a table, whose ids count from 1. Rows in another order do not compile.
+/// The leaves of a table. Their ids count from 1. Rows in another order do not compile.
 template <typename Machine, typename... States>
 std::vector<CHsmLeaf<Machine>> LeavesInOrder(CHsmRow<Machine, States>... rows) {
   static_assert(

@@ -7,9 +7,9 @@
 
 /// Base of every event of every state machine.
 ///
-/// An event object is posted once: the dispatch fulfils mHandled with true when a state reacted and with
-/// false when none did. Create events with std::make_shared of the concrete type: its shared pointer destroys
-/// them, so no virtual destructor is needed.
+/// An event object is posted once: the dispatch fulfils mHandled with true when a state reacted, otherwise
+/// with false. Create events with std::make_shared of the concrete type: its shared pointer destroys them, so
+/// no virtual destructor is needed.
 struct IHsmEvent {
   std::promise<bool> mHandled;
 

@@ -33,7 +33,7 @@ class DaemonFixture : public ::testing::Test, public StationType {
     mSupervisor->Clear();
   }
 
-  /// Waits until the supervisor was notified of this so many times. Fails at once when the daemon has ended.
+  /// Waits until the supervisor was notified of this `count` times. Fails at once when the daemon has ended.
   ::testing::AssertionResult Notifies(const std::string& notification, size_t count = 1) {
     const auto isTold = [&](std::chrono::seconds timeout) {
       return mSupervisor->WaitFor(notification, count, timeout);
@@ -50,7 +50,7 @@ class DaemonFixture : public ::testing::Test, public StationType {
     return Becomes([this] { return StationType::Log(); }, ::testing::HasSubstr(text));
   }
 
-  /// Ends the daemon by SIGINT; how it ended.
+  /// Ends the daemon by SIGINT and returns how it ended.
   std::string Interrupt() {
     mDaemon->Signal(SIGINT);
     return mDaemon->Wait().value_or("still running");

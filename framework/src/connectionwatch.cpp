@@ -38,7 +38,7 @@ CConnectionWatch::~CConnectionWatch() {
   grpc_channel_destroy(mChannel);  // ends a wait for its change
   grpc_completion_queue_shutdown(mQueue);
   {
-    // The shutdown need not be the last call.
+    // Calls may still run after the shutdown: wait for them.
     std::unique_lock<std::mutex> lock(mMutex);
     mCallEnded.wait(lock, [this] { return mCalls == 0; });
   }
@@ -88,7 +88,7 @@ void CConnectionWatch::WaitForChange(grpc_connectivity_state state) {
                                         &mChange);
 }
 
-/// After a change: returns whether the peer has gone; otherwise waits for the next change.
+/// After a change: returns true when the peer has gone; otherwise waits for the next change.
 bool CConnectionWatch::IsLost() {
   const std::lock_guard<std::mutex> lock(mMutex);
   if (mIsEnding) {
@@ -97,7 +97,7 @@ bool CConnectionWatch::IsLost() {
   }
   const bool wasConnected = mState == GRPC_CHANNEL_READY;
   const auto state = grpc_channel_check_connectivity_state(mChannel, wasConnected ? 0 : 1);
-  // A server that went before this connection was up has closed the main connection too.
+  // If the server ended before this connection was up, it has closed the main connection, too.
   mIsWatching = !wasConnected && state != GRPC_CHANNEL_TRANSIENT_FAILURE &&
                 (state != GRPC_CHANNEL_READY || mIsConnected());
   if (mIsWatching) {

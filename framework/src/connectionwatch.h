@@ -9,19 +9,19 @@
 
 /// Reports that a peer's server has gone, without polling.
 ///
-/// The watch has a connection of its own, on which nothing is sent and which ends with the server. gRPC
-/// reports that on one of its own threads. A thread of ours that waits for it would take part in gRPC's
-/// polling, which costs some ten system calls for every card.
+/// The watch has its own connection and sends nothing on it. When the server ends, so does the connection,
+/// and gRPC reports that on one of its own threads. Do not wait for the report on our own thread: that thread
+/// would join gRPC's polling, which costs some ten system calls for every card.
 class CConnectionWatch {
  public:
-  /// `isConnected` says whether the peer's main connection is up. `lost` is called when it may have been
-  /// lost. Both run on gRPC's threads and must not block.
+  /// `isConnected` says whether the peer's main connection is up. `lost` is called when that connection may
+  /// have been lost. Both run on gRPC's threads and must not block.
   CConnectionWatch(const std::string& address, std::function<bool()> isConnected, std::function<void()> lost);
   ~CConnectionWatch();  ///< waits for calls in progress
   CConnectionWatch(const CConnectionWatch&) = delete;
   CConnectionWatch& operator=(const CConnectionWatch&) = delete;
 
-  /// Watches the peer until `lost` has been called. Does nothing while it is watched already.
+  /// Watches the peer until `lost` has been called. Does nothing while the peer is already watched.
   void Begin();
 
  private:

@@ -20,7 +20,7 @@ constexpr std::chrono::seconds kRetryPeriod{1};
 // How long the first value waits for others: a card sends three, and must be authorised first.
 constexpr std::chrono::milliseconds kGatherPeriod{20};
 constexpr std::size_t kQueueBound = 256;
-constexpr std::size_t kCallBytes = 32UL * 1024;  // half of what a service of this framework takes in one call
+constexpr std::size_t kCallBytes = 32UL * 1024;  // half of what a service accepts in one call
 // How long Terminate waits for queued values to leave, and then for the cancelled transport to return.
 constexpr std::chrono::milliseconds kFlushGrace{300};
 constexpr std::chrono::milliseconds kCancelGrace{150};
@@ -152,7 +152,7 @@ class CPublisher {
     session.endedWake.notify_all();
   }
 
-  /// The values of one call: at least one, and no more bytes than a peer accepts.
+  /// The values of one call: at least one, and then as many as a peer accepts.
   static ipc::MSignals TakeCall(std::deque<ipc::MSignal>& queue) {
     ipc::MSignals signals;
     std::size_t bytes = 0;
@@ -203,7 +203,7 @@ void CDiagnosticsSignal<std::string>::Send(const std::string& value) noexcept {
 
 void CDiagnosticsSignal<std::string>::SendNoThrow(const std::string* value) noexcept {
   try {
-    // Held until the publisher has the value, so that values leave in the order in which they came in.
+    // Held until the publisher has the value, so that values leave in the order of the Send calls.
     const std::lock_guard<std::mutex> lock(mMutex);
     if (value != nullptr) {
       mValue = *value;

@@ -13,9 +13,8 @@ class IDiagnosticsTransport {
   /// when the peer cannot be reached now and the values have to be sent again.
   virtual bool Deliver(const ipc::MSignals& signals) = 0;
 
-  /// Called once, before the first Deliver. From then on the transport calls `lost`, on any thread, when it
-  /// notices that the peer has gone after a delivery, so that everything has to be sent again. `lost` does
-  /// not block.
+  /// Called once, before the first Deliver. From then on the transport calls `lost`, on any thread, when the
+  /// peer goes away after a delivery: all values must then be sent again. `lost` does not block.
   virtual void OnPeerLost(const std::function<void()>& /*lost*/) {}
 
   /// Makes a Deliver in progress, and any later one, return soon. From another thread.

@@ -70,8 +70,8 @@ class CFeedbackClient final : public IFeedback,
     return hangs ? std::min(timeout, kShortTimeout) : timeout;
   }
 
-  // While the channel is still connecting, waits for the result. A peer that is known to be absent fails at
-  // once: gRPC keeps trying by itself.
+  // While the channel is still connecting, waits for the result. Fails at once while the peer is known to be
+  // absent: gRPC keeps trying by itself.
   grpc::Status Connect(std::chrono::system_clock::time_point deadline, milliseconds timeout) {
     for (;;) {
       const grpc_connectivity_state state = mChannel->GetState(true);
@@ -88,7 +88,7 @@ class CFeedbackClient final : public IFeedback,
     }
   }
 
-  // A call that fails at once tells nothing about hanging: the peer is absent. A peer that died while a call
+  // A call that fails at once says that the peer is absent, not that it hangs. A peer that died while a call
   // waited counts as hanging until it answers.
   void Judge(const grpc::Status& status, Clock::duration taken) {
     if (IsAnswer(status)) {

@@ -24,7 +24,7 @@ std::mutex gStoreMutex;
 std::string gStore;
 
 /// Tells one state of a file from another: errno when there is no file to look at, device, inode, size, time
-/// of modification and of change. A missing or unreadable file counts as a state of its own. The change time
+/// of modification and of change. A missing or unreadable file counts as a separate state. The change time
 /// shows that a file was made readable, or overwritten by a copy that keeps the old modification time.
 using FileState = std::tuple<int, dev_t, ino_t, off_t, time_t, long, time_t, long>;
 
@@ -129,7 +129,7 @@ bool HubConfig::IsUpdated() const {
 
 void HubConfig::Reload() {
   Impl& me = *mImpl;
-  // Looked at before reading, so that a change made meanwhile is seen at the next look.
+  // Check the file before reading, so that the next check sees a change made while reading.
   const FileState before = std::exchange(me.loaded, LookAt(me.file));
   if (me.loaded != before) {
     me.contentProblem.clear();

@@ -26,7 +26,7 @@ std::string ErrorText(int code) {
 void MakeFolder(const std::string& address, const std::filesystem::path& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder.parent_path(), error);
-  // A new folder is for the daemon and its group only. An existing one keeps its mode.
+  // A new folder is for the daemon and its group only. An existing folder keeps its mode.
   if (mkdir(folder.c_str(), 0750) != 0 && errno != EEXIST) {
     Fail(address, "the folder " + folder.string() + " cannot be made: " + ErrorText(errno));
   }
@@ -40,7 +40,7 @@ CListenSocket::CListenSocket(std::string path) : mPath(std::move(path)), mLockPa
   try {
     struct stat status {};
     if (lstat(mPath.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
-      Fail(mPath, "there is something else of that name");
+      Fail(mPath, "the path exists and is not a socket");
     }
     MakeTemporaryFolder();
   } catch (...) {
@@ -87,7 +87,7 @@ void CListenSocket::TakeLock() {
 void CListenSocket::MakeTemporaryFolder() {
   std::string folder = (std::filesystem::path(mPath).parent_path() / ".XXXXXX").string();
   if (mkdtemp(folder.data()) == nullptr) {
-    Fail(mPath, "no folder can be made beside it: " + ErrorText(errno));
+    Fail(mPath, "cannot create a folder beside it: " + ErrorText(errno));
   }
   mTemporaryFolder = folder;
 }

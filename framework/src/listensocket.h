@@ -4,10 +4,10 @@
 
 /// This process's claim on a unix socket's path.
 ///
-/// Who holds the lock (flock) on a file beside the socket, `<path>.lock`, owns the path. The kernel frees the
-/// lock when its owner ends, in whatever way. The socket is made in a folder that only this user can enter,
-/// gets its mode there and is then moved to its path. So nobody whom the mode keeps out can ever connect,
-/// whatever the umask, and a stale socket is replaced in one step.
+/// The process that holds the lock (flock) on `<path>.lock` owns the path. The kernel frees the lock when its
+/// owner ends, even by a crash. The socket is made in a folder that only this user can enter, gets its mode
+/// there and is then moved to its path. So the mode protects the socket from the first moment, independently
+/// of the umask, and a stale socket is replaced in one step.
 class CListenSocket {
  public:
   /// Creates the socket's folder if it is missing and takes the lock. Throws Rpc::ConfigurationException when

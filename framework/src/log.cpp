@@ -74,8 +74,8 @@ struct Logs {
 std::atomic<Logs*> gLogs{nullptr};
 std::atomic<bool> gEnding{false};
 
-/// Waits until both logs are written. A log that was stuck the last time gets no more time, so that the last
-/// lines of a process take two seconds together at most.
+/// Waits until both logs are written. Does not wait again for a log that was stuck the last time, so that all
+/// the last lines of a process together take two seconds at most.
 void AwaitLogs(Logs& logs) {
   const auto now = std::chrono::steady_clock::now();
   logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + kFlushTimeout);
@@ -154,7 +154,7 @@ void Log::WriteLine(ELogLevel level, std::string_view file, int line, fmt::strin
       AwaitLogs(*logs);
     }
   } catch (...) {
-    // Out of memory, and the log is the only place to say so.
+    // Out of memory. Only the log could report it, so drop the line.
   }
   errno = savedErrno;
 }

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// About what a queued line takes, with the allocator's and the queue's share.
+/// Approximate memory for a queued line, including the allocator's and the queue's overhead.
 std::size_t SizeOf(const LogLine& line) {
   constexpr std::size_t kBookkeeping = 64;
   return sizeof(LogLine) + line.text.capacity() + kBookkeeping;
@@ -82,7 +82,7 @@ void CLogWriter::Run(const std::string& threadName) {
   }
 }
 
-/// Writes the report of dropped lines, if any, and the line. Leaves in `dropped` what is still to be
+/// Writes the report of dropped lines, if any, and the line. `dropped` keeps the number that is still to be
 /// reported. The report has the time of the line after the gap, so that times do not jump back.
 void CLogWriter::WriteAfterGap(std::size_t& dropped, const LogLine& line) const {
   try {

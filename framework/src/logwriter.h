@@ -24,19 +24,19 @@ struct LogLine {
 /// trace while its machine stalls for seconds. The two queues share their lines.
 constexpr std::size_t kLogBacklog = std::size_t{2} * 1024 * 1024;
 
-/// Writes the lines of one log in their order, on a thread of its own.
+/// Writes the lines of one log in order, on its own thread.
 ///
 /// Each log has its own thread because each can block for an unbounded time: a pipe or a terminal that nobody
-/// reads, a system log that hangs. A stuck log then costs its own lines and nothing else. Checking before
-/// each write whether it would block does not help: others may write to the same pipe, and a line may be
-/// longer than the free space. spdlog's asynchronous logger does not fit: its queue is bounded in lines and
-/// allocated at the start, its thread wakes up every ten seconds, and its flush has no timeout.
+/// reads, a system log that hangs. So a stuck log loses only its own lines. Checking before each write
+/// whether it would block does not help: others may write to the same pipe, and a line may be longer than the
+/// free space. spdlog's asynchronous logger does not fit: its queue is bounded in lines and allocated at the
+/// start, its thread wakes up every ten seconds, and its flush has no timeout.
 ///
 /// At most kLogBacklog bytes are queued. Beyond that the oldest lines are dropped, and a warning in their
 /// place says how many.
 ///
-/// Threads: any; only Flush waits. The writing thread blocks every signal, so that a console whose reader has
-/// gone is a write error instead of a SIGPIPE.
+/// Threads: any; only Flush waits. The writing thread blocks every signal, so that a console without a reader
+/// gives a write error instead of a SIGPIPE.
 class CLogWriter {
  public:
   /// Writes one line; may block. Returns false or throws when the log did not take it.

@@ -101,7 +101,7 @@ void CNotificationHub::Run() {
   }
 }
 
-/// The subscribers of topics with news, which then count as told.
+/// Returns the subscribers of topics with news, and marks them as told.
 CNotificationHub::Subscriptions CNotificationHub::TakeReceivers() {
   Subscriptions receivers;
   for (Topic& topic : mTopics) {

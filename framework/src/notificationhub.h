@@ -33,7 +33,7 @@ class CSubscription {
 
   EEnd GetEnd();
 
-  /// Ends it; the first end counts. Does not call the subscriber's wake function.
+  /// Ends the subscription; only the first call counts. Does not call the subscriber's wake function.
   void End(EEnd end);
 
  private:
@@ -51,8 +51,8 @@ class CSubscription {
 ///
 /// Send only appends to the subscribers' bounded queues and never waits for a subscriber; the thread in Run
 /// wakes them. A new subscriber of a topic gets the last notification sent with `keep`, if any, and then
-/// everything sent after it subscribed: nothing is lost, doubled or reordered. A subscriber whose queue runs
-/// over is ended.
+/// everything sent after it subscribed: nothing is lost, doubled or reordered. A subscriber whose queue is
+/// full is disconnected.
 class CNotificationHub {
  public:
   struct Bounds {

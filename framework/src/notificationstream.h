@@ -12,8 +12,8 @@
 #include "rpclogging.h"
 #include "serviceruntime.h"
 
-/// How long a subscriber that fell behind may take to read what is on its way and learn its status. Without
-/// this limit, one that does not read at all would keep its place for ever.
+/// Timeout for a subscriber that fell behind: it must read the messages in transit and its status within this
+/// time. Without this limit, one that does not read at all would keep its place for ever.
 constexpr std::chrono::seconds kSlowSubscriberTimeout{10};
 
 /// The stream of one subscriber. Keeps itself alive until gRPC is done with it.

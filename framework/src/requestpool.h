@@ -43,8 +43,8 @@ class CRequestPool {
   /// Abandons every request, waiting or running, and refuses new ones. Does not block.
   void Abandon();
 
-  /// After Abandon: joins the threads. Returns false when one is still in a request at the deadline: it is
-  /// detached then, shares nothing with this object and ends when the request returns.
+  /// After Abandon: joins the threads. Returns false when a thread is still in a request at the deadline.
+  /// That thread is detached, shares nothing with this object and ends when the request returns.
   bool Join(std::chrono::steady_clock::time_point deadline);
 
  private:
@@ -62,7 +62,7 @@ class CRequestPool {
   const std::string mName;
   const std::size_t mThreadCount;
   const std::size_t mQueueBound;
-  // Shared with the threads, so that one that comes back late from a request finds everything it touches.
+  // Shared with the threads, so that it outlives a thread that returns late from a request.
   const std::shared_ptr<State> mState = std::make_shared<State>();
   std::mutex mThreadsMutex;
   std::vector<std::thread> mThreads;

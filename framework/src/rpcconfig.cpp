@@ -22,7 +22,7 @@ constexpr std::size_t kLongestSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr std::string_view kTemporaryName = "/.XXXXXX/s";  // where CListenSocket first makes the socket
 constexpr std::string_view kUnixScheme = "unix:";
 
-/// Keeps an error one line, whatever names and values the file has.
+/// Keeps an error on one line, even if names or values in the file contain line breaks.
 std::string OneLine(std::string text) {
   for (char& c : text) {
     c = static_cast<unsigned char>(c) < 0x20 || c == 0x7F ? '?' : c;

@@ -23,9 +23,9 @@
 namespace {
 
 constexpr int kMaxRequestSize = 64 * 1024;
-// The client holds back what exceeds this. One client must not fill the queue of a service (64), so that
-// there is room for the supervisor's request. It also bounds the memory of a flood: a request takes some 60
-// KiB from its arrival on, even one that is refused.
+// The client holds back further calls. One client must not fill the queue of a service (64), so that there is
+// room for the supervisor's request. It also bounds the memory of a flood: a request takes some 60 KiB from
+// its arrival on, even one that is refused.
 constexpr int kMaxStreamsPerConnection = 48;
 // These keep Stop within its second. All count from its start: how long streams may take to send their last
 // messages, how long a request's handler may take to return, and how long connections may take to close.
@@ -72,8 +72,7 @@ struct GrpcBackend::Impl {
   bool stopRequested = false;
   std::promise<void> stopped{};
   const std::shared_future<void> isStopped = stopped.get_future();
-  std::future<void>
-      closed{};  // the server's closing, which Stop begins; the last member, so that it ends first
+  std::future<void> closed{};  // closes the server, started by Stop; last member, so it ends first
 };
 
 void GrpcBackend::Impl::CheckAddition(const std::string& name, bool hasService) const {
@@ -176,8 +175,7 @@ void GrpcBackend::Stop() {
   }
   me.stopRequested = true;
   const auto start = std::chrono::steady_clock::now();
-  // Every client gets its status before the server shuts down: the waiting ones now, and late ones on
-  // arrival.
+  // Every client gets its status before the server shuts down: waiting requests now, late ones on arrival.
   me.hub->Stop();
   for (const ServiceEntry& entry : me.services) {
     entry.runtime->pool.Abandon();

@@ -14,8 +14,8 @@ struct ServiceEntry {
   std::unique_ptr<grpc::Service> service;  // uses the runtime
 };
 
-/// Make the gRPC side of a service object and install the object's Send* members. These stay valid for the
-/// life of the object, also when the host is gone.
+/// Make the gRPC side of a service object and install the object's Send* members. The Send* members stay
+/// valid for the life of the object, even after the host is gone.
 ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IGenericControl>& service);
 ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,

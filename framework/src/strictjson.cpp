@@ -43,7 +43,8 @@ Json::CharReaderBuilder MakeBuilder(int deepest, bool isWhole) {
   FailAt(line, column, reason);
 }
 
-/// Whether a number is JSON that the parser has taken for one: optional sign, digits, fraction and exponent.
+/// Whether text that the parser took for a number is a JSON number: optional sign, digits, fraction and
+/// exponent.
 bool IsStrict(std::string_view number) {
   const auto isDigitAt = [&](std::size_t at) { return at < number.size() && std::isdigit(number[at]) != 0; };
   const std::size_t first = number[0] == '-' ? 1 : 0;
@@ -78,7 +79,7 @@ void CheckTokens(std::string_view text) {
   }
 }
 
-/// The parser takes a NUL for the end of the text and ignores what follows.
+/// The parser takes a NUL as the end of the text and ignores the rest.
 void CheckForNul(std::string_view text) {
   if (const auto nul = text.find('\0'); nul != std::string_view::npos) {
     FailAt(text, nul, "NUL character");

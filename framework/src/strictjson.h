@@ -11,7 +11,7 @@
 /// "line 3, column 7: Missing ',' or '}' in object declaration".
 Json::Value ParseStrictJson(std::string_view text);
 
-/// Throws for what the parser accepts although it is not JSON. `text` is what the parser has accepted.
+/// Throws for text that is not JSON although the parser accepts it. The parser must have accepted `text`.
 void CheckStrictText(std::string_view text);
 
 /// "a number", "an object" and so on, for error messages.

@@ -12,8 +12,8 @@
 #include "rpclogging.h"
 #include "serviceruntime.h"
 
-/// One request, from its arrival on a thread of gRPC's to its answer, which is given exactly once. The
-/// handler runs on a thread of the service's.
+/// One request, from its arrival on a gRPC thread to its answer. It is answered exactly once. The handler
+/// runs on one of the service's threads.
 template <typename Request, typename Response>
 class CUnaryRequest final : public IRequest {
  public:
@@ -74,7 +74,7 @@ class CUnaryRequest final : public IRequest {
 
   const std::string mName;
   const Handler mHandler;
-  const Request mRequest;  // a copy: Abandon may answer, which frees gRPC's, while the handler runs
+  const Request mRequest;  // a copy: Abandon may answer while the handler runs, which frees gRPC's message
   std::mutex mMutex;       // guards the rest
   bool mAnswered = false;
   Response* const mResponse;

@@ -17,7 +17,7 @@ int TheSignal() {
 void InstallHandler() {
   static const bool installed = [] {
     struct sigaction action {};
-    action.sa_handler = [](int) {};  // being called is enough to end the wait
+    action.sa_handler = [](int) {};  // the call alone ends the wait
     sigemptyset(&action.sa_mask);
     return sigaction(TheSignal(), &action, nullptr) == 0;
   }();

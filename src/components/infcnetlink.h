@@ -23,7 +23,7 @@ class INfcNetlink {
   /// Powers the reader and polls until StopPolling; polling goes on after each tag.
   virtual void StartPolling() = 0;
 
-  /// When it returns, the reader neither polls nor has power, whatever tag came meanwhile.
+  /// When it returns, the reader does not poll and has no power, even if a tag came meanwhile.
   virtual void StopPolling() = 0;
 
   /// Closes the controller. Afterwards no callback runs any more and the reader is off, as far as the kernel

@@ -17,7 +17,7 @@ namespace {
 /// Pause after a failed wait, so that the monitor does not spin.
 constexpr std::chrono::milliseconds kRetryPause(50);
 
-/// Events carry no sequence numbers of ours.
+/// Events do not carry our sequence numbers.
 int AcceptSequence(nl_msg*, void*) {
   return NL_OK;
 }
@@ -102,7 +102,7 @@ CNfcEventSocket::Failure CNfcEventSocket::Connect(int group) {
     return {.text = "Error allocating struct nl_cb.", .code = NLE_NOMEM};
   }
   nl_cb_set(mCallbacks.get(), NL_CB_SEQ_CHECK, NL_CB_CUSTOM, AcceptSequence, nullptr);
-  // A message that announces more, which never comes, must not block the monitor in a receive.
+  // A message that announces a next part must not block the monitor in a receive: that part may never come.
   if (const int result = nl_socket_set_nonblocking(mSocket.get()); result != 0) {
     return {
         .text = fmt::format("Error: Could not make the event socket non-blocking: {}.", nl_geterror(result)),
@@ -130,7 +130,7 @@ bool CNfcEventSocket::Wait(Clock::time_point until) {
     result = select(std::max(fd, wakeFd) + 1, &readable, nullptr, nullptr, &time);
   } while (result < 0 && errno == EINTR);
   if (result < 0) {
-    // Memory is short, or the socket is gone, which the next receive reports.
+    // Memory is short, or the socket is gone. The next receive reports it.
     std::this_thread::sleep_for(kRetryPause);
   } else if (result > 0 && FD_ISSET(wakeFd, &readable)) {
     mWake.Reset();

@@ -10,7 +10,7 @@
 #include "src/components/nlhandles.h"
 #include "src/components/wakeevent.h"
 
-/// The socket on which the kernel's NFC events arrive.
+/// The socket that receives the kernel's NFC events.
 ///
 /// Threads: the monitor's thread sets it up, waits, receives and closes. The owner's thread announces a
 /// monitor, waits for its set-up and wakes it.
@@ -45,7 +45,7 @@ class CNfcEventSocket {
   /// Sleeps until an event can be read, somebody wakes the monitor, or the time has come. False in the last
   /// case.
   bool Wait(Clock::time_point until);
-  /// True when an event can be read within that time.
+  /// Waits for an event. True when one can be read within that time.
   bool HasEvents(std::chrono::milliseconds patience) const;
   /// Reads what has arrived. Returns libnl's result.
   int Receive(nl_recvmsg_msg_cb_t onEvent, void* argument);

@@ -18,8 +18,7 @@ constexpr int kIso15693UidSize = 8;
 template <int MaxType>
 using Attributes = std::array<nlattr*, MaxType + 1>;
 
-/// Sorts attributes by type. Nothing when a type comes twice: which of two UIDs is the card's would be a
-/// guess.
+/// Sorts attributes by type. Nothing when a type comes twice: do not guess which of two UIDs is the card's.
 template <int MaxType>
 std::optional<Attributes<MaxType>> Sort(nlattr* first, int length) {
   Attributes<MaxType> attributes{};
@@ -48,7 +47,7 @@ std::optional<uint32_t> ReadU32(const nlattr* attribute) {
   return nla_get_u32(attribute);
 }
 
-/// Text that ends within the attribute.
+/// Accepts only text that ends within the attribute.
 std::optional<std::string> ReadString(const nlattr* attribute) {
   if (attribute == nullptr) {
     return std::nullopt;

@@ -29,7 +29,7 @@ struct NfcTarget {
 /// The command of a generic-netlink message. Nothing when the message is too short.
 std::optional<uint8_t> DecodeCommand(nlmsghdr* message);
 
-/// The id of a family's multicast group from the description of the family.
+/// The id of a family's multicast group taken from the description of the family.
 std::optional<uint32_t> DecodeMulticastGroup(nlmsghdr* message, std::string_view group);
 
 /// Nothing when index, name or protocols are missing or malformed.

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kClassName = "CNfcNetlink";
 constexpr const char* kFamilyName = "nfc";
 
-/// How soon to check polling that the kernel claims and nobody started.
+/// How soon to check polling that the kernel reports but nobody started.
 constexpr std::chrono::milliseconds kDoubtPeriod = 1s;
 /// The kernel needs some milliseconds to end the polling of a closed socket, and answers EBUSY until then.
 constexpr auto kBusyPause = 50ms;
@@ -112,7 +112,7 @@ void CNfcNetlink::OpenController() {
   }
 }
 
-/// Ends what an earlier opening left behind: the monitor, polling that may still be ours, the command socket.
+/// Cleans up after an earlier opening: the monitor, polling that may still be ours, the command socket.
 void CNfcNetlink::CloseEarlierController() {
   if (mMonitorThread.joinable()) {
     LOG_DEBUG("Controller is open, stopping the earlier event monitor.");
@@ -125,7 +125,7 @@ void CNfcNetlink::CloseEarlierController() {
     // on.
     try {
       const bool wasPolling = SendStopPoll();
-      LOG_DEBUG("Earlier polling: {}.", wasPolling ? "stopped" : "there was none");
+      LOG_DEBUG("Earlier polling: {}.", wasPolling ? "stopped" : "none");
     } catch (const CRfidError& e) {
       LOG_DEBUG("Could not stop the earlier polling: {} rc: {}.", e.what(), e.GetErrorCode());
     }
@@ -143,8 +143,7 @@ void CNfcNetlink::StartPolling() {
 
 void CNfcNetlink::Poll(EPollReason reason) {
   LOG_TRACE("{}::{}", kClassName, "StartPolling");
-  // The event of a tag that is found before the monitor listens would be lost, and polling would have ended
-  // unnoticed.
+  // Without a listening monitor, the event of a find would be lost, and the end of polling unnoticed.
   const bool isListening = mEvents.AwaitSetUp();
   LOG_DEBUG("Done waiting for event socket");
 

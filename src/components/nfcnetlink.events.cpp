@@ -105,7 +105,7 @@ int CNfcNetlink::ProcessEvent(nl_msg* msg) {
     LOG_ERROR("Skipping a netlink event that is malformed or not from the kernel: port {}, {} bytes.",
               nlmsg_get_src(msg)->nl_pid, nlmsg_hdr(msg)->nlmsg_len);
     if (IsFromKernel(msg)) {
-      CheckSoon();  // as for an event that is cut off
+      CheckSoon();  // treated like an event that is cut off
     }
     return NL_SKIP;
   }
@@ -145,8 +145,8 @@ void CNfcNetlink::RestartPolling() {
   }
 }
 
-/// Ends the checks of polling, because its end is about to be reported. False when nobody wants polling any
-/// more, so that there is nothing to report.
+/// Ends the checks of polling, because the end of polling is about to be reported. False when nobody wants
+/// polling any more, so that there is nothing to report.
 bool CNfcNetlink::StopChecking() {
   const std::lock_guard exchange(mExchangeMutex);
   mPolling.nextCheck.reset();
@@ -180,7 +180,7 @@ void CNfcNetlink::CheckPolling() {
   }
 }
 
-/// False when the event of a find has come. Handling it restarts polling.
+/// False when the event of a find has arrived. Handling it restarts polling.
 bool CNfcNetlink::RenewPolling() {
   const bool wasPolling = SendStopPoll();
   std::this_thread::sleep_for(kRestPause);

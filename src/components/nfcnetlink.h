@@ -35,7 +35,7 @@ class CNfcNetlink : public INfcNetlink {
     /// Timeout for the answer after the send. The real kernel answers before the send returns, however long
     /// the chip took.
     std::chrono::milliseconds answerTimeout = std::chrono::seconds(5);
-    /// How long polling is trusted while nothing is found.
+    /// How long to trust polling while nothing is found.
     std::chrono::milliseconds watchPeriod = std::chrono::seconds(20);
   };
 
@@ -51,8 +51,8 @@ class CNfcNetlink : public INfcNetlink {
   void StopPolling() override;
   void DeinitializeController() override;
 
-  /// Whether the monitor has come to its wait for events since this was asked last, which it does at least
-  /// once per watch period; true while no monitor runs. One thread at a time; never blocks.
+  /// Whether the monitor has reached its wait for events since the last call. It does so at least once per
+  /// watch period. True while no monitor runs. One thread at a time; never blocks.
   bool HasMonitorMoved();
 
  private:

@@ -45,8 +45,8 @@ int OnAck(nl_msg*, void* argument) {
   return NL_STOP;
 }
 
-/// Lets only the answer to this request through. An earlier, abandoned exchange may have left messages, and
-/// other processes can send some.
+/// Lets only the answer to this request through. Other messages may be left from an abandoned exchange or
+/// come from another process.
 int CheckAnswer(nl_msg* message, void* argument) {
   auto& exchange = *static_cast<Exchange*>(argument);
   if (IsFromKernel(message) && nlmsg_hdr(message)->nlmsg_seq == exchange.sequence) {

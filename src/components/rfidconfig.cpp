@@ -47,9 +47,9 @@ void CRfidConfig::ReloadList() {
   }
 }
 
-/// Nothing else says why a list that looks right refuses a card.
+/// Without these warnings, nothing says why a list that looks right refuses a card.
 void CRfidConfig::WarnOfUselessEntries() const {
-  // A file that could not be used was reported by the client, which still calls it updated.
+  // The client has reported an unusable file, and IsUpdated stays true.
   if (mLoadedList->GetKind() == CStandaloneList::EKind::Missing && !mStandaloneList->IsUpdated()) {
     LOG_WARNING("Standalone list: there is no \"Tokens\", so no card is let in.");
   }
@@ -74,7 +74,7 @@ ipc::ERfidAuthState CRfidConfig::AuthenticateToken(const std::string& uid) {
     WarnOfUselessEntries();
   }
   if (mLoadedList->GetKind() == CStandaloneList::EKind::NoArray) {
-    // Nobody is let in by a broken list.
+    // A broken list permits no card.
     LOG_ERROR("Standalone list: \"Tokens\" must be an array. Taking it as empty.");
   }
   const auto [permitted, faults] = mLoadedList->Find(uid);

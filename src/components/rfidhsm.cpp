@@ -88,12 +88,12 @@ constexpr Action kPostRecover{"post IntRecover", Post<IntRecover>};
 constexpr Action kPostTerminatingDone{"post IntTerminatingDone", Post<IntTerminatingDone>};
 constexpr Action kStop{"Stop", StopMachine};
 
-/// Made at program start, so that no machine's first event pays for it.
+/// Created at program start, so that the first event of a machine does not pay for it.
 const CHsmDefinition<CRfidHsm> kDefinition{
     .name = "Statemachine",
     .initial = Uninitialized,
 
-    // What every leaf does unless it has a reaction of its own.
+    // The reactions of every leaf that has no own reaction to the event.
     .reactions =
         {
             On<IntError>::GoTo(Error),

@@ -95,8 +95,9 @@ void CRfidHsmActionHandler::InitializeReader() {
   mRfidReader->Initialize([this](const CToken& token, bool valid) { OnTokenFound(token, valid); });
 }
 
-/// The reader stopped reading although it should read. Runs on the NFC monitor's thread. Reopening the reader
-/// may help whatever the cause was, so the error is recoverable. A token under way gets its outcome first.
+/// The reader stopped reading although it should read. Runs on the NFC monitor's thread. The error counts as
+/// recoverable, because reopening the reader may help with any cause. A token under way gets its outcome
+/// first.
 void CRfidHsmActionHandler::OnReaderFailed(const CRfidError& cause) {
   LOG_ERROR("The reader does not read tags any more. Error: {} rc: {}.", cause.what(), cause.GetErrorCode());
   KeepError(

@@ -21,7 +21,7 @@
 /// Threads: the Int* actions run on the machine's thread. OnTokenFound runs on the NFC monitor's thread for
 /// tags and on the machine's thread for simulated swipes. It blocks for as long as the feedback call takes
 /// (seconds at worst). The worker thread sends the alive messages. Errors: no exception escapes an action or
-/// OnTokenFound. Failures are logged, and those of the reader are kept and posted as events.
+/// OnTokenFound. Failures are logged. The reader's failures are also kept and posted as events.
 class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
                               public virtual CRfidHsmActionHandlerBase,
                               public virtual CWorker {
@@ -40,13 +40,13 @@ class CRfidHsmActionHandler : public CHsmAlive<CRfidHsmActionHandlerBase>,
   void IntAuthenticateToken(const std::shared_ptr<IntOnAuthTokenFound>& event) override;
   void IntInjectToken(const std::shared_ptr<ExtOnInjectToken>& event) override;
 
-  /// Leads the machine to its end from every state. Any thread.
+  /// Ends the machine, from every state. Any thread.
   void RequestTermination();
 
   /// Closes the reader and publishes that. For the machine's thread, after the machine has ended.
   void CloseReader();
 
-  /// What keeps the reader from reading, until a recovery succeeded. Any thread.
+  /// The failure that stops the reader, until a recovery succeeds. Any thread.
   std::optional<CRfidError> GetLastError() const;
 
   /// The reader front's token callback: one new sighting.

@@ -82,7 +82,7 @@ void CRfidReader::ValidateTokenAndNotify(const CToken& token) {
   LOG_TRACE("{}::{}", kClassName, __func__);
   const std::lock_guard sighting(mSightingMutex);  // before reading the clock: this can wait for seconds
   HandleSighting(token, std::chrono::steady_clock::now());
-  // The callback can take seconds, in which no sighting is handled: the card may have been there all the
+  // The callback can take seconds, and no sighting is handled meanwhile: the card may have stayed all the
   // time.
   const std::lock_guard lock(mRecentTagsMutex);
   if (const auto seen = mRecentTags.find(token.uid); seen != mRecentTags.end()) {

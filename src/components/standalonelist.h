@@ -8,13 +8,13 @@
 #include <unordered_map>
 #include <vector>
 
-/// The standalone list of permitted UIDs as it was when it was loaded. It answers what a walk through the
-/// list up to the first match would find, at a cost that does not depend on the list's length.
+/// The standalone list of permitted UIDs as it was when it was loaded. An answer equals that of a walk
+/// through the list up to the first match, but its cost does not depend on the list's length.
 class CStandaloneList {
  public:
   enum class EKind { Missing, Array, NoArray };
 
-  /// What keeps an element of the list from permitting a UID.
+  /// Why an element of the list does not permit a UID.
   enum class EFault : char { NoUid, NoText };
 
   struct Answer {
@@ -29,8 +29,8 @@ class CStandaloneList {
     std::string uid;
   };
 
-  /// Takes the list from a configuration client that has GetValue as HubConfig has it. A client that can give
-  /// the elements one at a time spares the memory for the values of all of them.
+  /// Takes the list from a configuration client with HubConfig's GetValue. If the client can also visit the
+  /// elements one at a time, the whole list never has to be in memory as values.
   template <typename Config>
   explicit CStandaloneList(const Config& config) {
     const auto add = [this](const Json::Value& element) { Add(element); };
@@ -48,10 +48,10 @@ class CStandaloneList {
     }
   }
 
-  /// What stands in the list's place. Without an array the list is empty.
+  /// What the configuration has instead of the list. Without an array the list is empty.
   EKind GetKind() const { return mKind; }
 
-  /// The first few useless elements, and the number of all.
+  /// The first few useless elements, and the total number.
   const std::vector<Useless>& GetFirstUseless() const { return mFirstUseless; }
   std::size_t CountUseless() const { return mUselessCount; }
 

@@ -3,8 +3,8 @@
 #include <functional>
 #include <memory>
 
-/// Holds back a failure of the reader while a token is between its find and its outcome. A failure leads the
-/// machine out of the state in which it notifies tokens, and an accepted card must be notified.
+/// Holds back a failure of the reader while a token is between its find and its outcome. A failure makes the
+/// machine leave the state that notifies tokens, and an accepted card must be notified.
 ///
 /// Threads: any. Nothing waits here.
 class CTokensUnderWay {

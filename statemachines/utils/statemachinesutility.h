@@ -7,8 +7,8 @@
 #include "ipc/common.pb.h"
 #include "statemachines/hsmactionhandler.h"
 
-/// Posts an event and blocks until the machine dispatches it. Returns Ok when a state took it and Illegal
-/// when none did, without waiting for the reaction's actions.
+/// Posts an event and blocks until the machine dispatches it. Returns Ok when a state took the event, and
+/// Illegal when no state did. Does not wait for the reaction's actions.
 ///
 /// Any thread but the machine's own. No timeout while the machine runs. Once it has stopped, the wait ends
 /// with std::future_error (broken promise).

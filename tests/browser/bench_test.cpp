@@ -76,8 +76,8 @@ class BenchPage : public DaemonTest {
                    timeout);
   }
 
-  /// Repeats the action until the check holds. A card is held for a moment only, and a daemon that is not
-  /// scheduled then does not see it.
+  /// Repeats the action until the check holds. A card is held only for a moment, and the daemon misses it if
+  /// it is not scheduled just then.
   template <typename Action, typename Check>
   Result Brings(Action action, Check check) {
     for (int attempt = 0; attempt < 5; ++attempt) {
@@ -153,7 +153,7 @@ TEST_F(BenchPage, TheSwitchesDoWhatTheySay) {
   EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: deferred"));
   mBrowser->Click("#free");
   EXPECT_TRUE(ComesToShow("#free[aria-checked=true]"));
-  mBrowser->Type("#uid", "\uE007");  // as it stands there, injected
+  mBrowser->Type("#uid", "\uE007");  // as shown, injected
   EXPECT_TRUE(ComesToSay("#outcome", "04A1B2C3: scanned"));
 }
 

@@ -16,7 +16,7 @@
 #include "tests/framework/handover.h"
 #include "tests/framework/logcapture.h"
 
-/// A machine that only keeps what is posted.
+/// A machine that only stores posted events.
 class FakeMachine : public IHsmInterface {
  public:
   void PostEvent(const std::shared_ptr<IHsmEvent>& event) override {
@@ -29,7 +29,7 @@ class FakeMachine : public IHsmInterface {
   void Stop() override {}
   bool IsRunning() const override { return true; }
 
-  /// The events posted since the last call, with what they carry.
+  /// The events posted since the last call, with their values.
   std::vector<std::string> Take() {
     std::vector<std::string> names;
     for (const auto& event : std::exchange(mEvents, {})) {  // destroying them may post others
@@ -77,7 +77,7 @@ class RecordingDiagnostics : public IDiagnosticsTransport {
     }
     return true;
   }
-  /// Skips what earlier tests sent: a new peer gets the latest values of all signals again.
+  /// Skips the values of earlier tests: a new peer gets the latest values of all signals again.
   void SkipTo(const std::string& value) {
     while (mValues.Take().value_or(value) != value) {
     }
@@ -95,7 +95,7 @@ class RecordingDiagnostics : public IDiagnosticsTransport {
   handover::Mailbox<std::string> mValues;
 };
 
-/// The handler between a reader that does what it is told and a machine that only keeps what is posted.
+/// The handler between a fake reader and a machine that only stores posted events.
 class ActionHandler : public ::testing::Test {
  protected:
   ActionHandler() {

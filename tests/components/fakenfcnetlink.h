@@ -7,7 +7,7 @@
 
 #include "src/components/infcnetlink.h"
 
-/// A controller that does what it is told: it keeps its callbacks, remembers its calls and fails on demand.
+/// A fake controller: keeps its callbacks, remembers its calls and fails on demand.
 class FakeNfcNetlink : public INfcNetlink {
  public:
   void SetErrorCallback(ErrorCallback onError) override { mOnError = std::move(onError); }

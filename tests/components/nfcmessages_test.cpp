@@ -25,7 +25,7 @@ nlmsghdr* Header(std::vector<uint8_t>& bytes) {
   return reinterpret_cast<nlmsghdr*>(bytes.data());
 }
 
-/// The message cut after `length` bytes, with a header that says so.
+/// The message cut after `length` bytes. Its header states that length.
 std::vector<uint8_t> Cut(std::vector<uint8_t> bytes, size_t length) {
   bytes.resize(length);
   bytes.shrink_to_fit();

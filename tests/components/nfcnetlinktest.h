@@ -30,10 +30,10 @@ class NfcNetlink : public ::testing::Test {
   void Open();
   /// Opens the controller and starts polling.
   void Start();
-  /// Presents the tag and removes it as soon as the controller reports something, which is returned.
+  /// Presents the tag, removes it at the controller's next report and returns that report.
   std::string Tap(const virtualnfc::Tag& tag);
 
-  /// Waits for `count` reports and returns all there are.
+  /// Waits for `count` reports and returns all reports so far.
   std::vector<std::string> WaitFor(size_t count);
   /// Waits until this is the latest report.
   ::testing::AssertionResult WaitForReport(const std::string& report);
@@ -44,8 +44,8 @@ class NfcNetlink : public ::testing::Test {
   ::testing::AssertionResult WaitForLine(Log::ELogLevel level, const std::string& end);
   /// The reader neither polls nor has power.
   ::testing::AssertionResult IsOff();
-  /// Counts the descriptors of this process. The simulated kernel lives in it, too, so this waits until it
-  /// has noticed the closes.
+  /// Counts the descriptors of this process. The simulated kernel also lives in this process, so this waits
+  /// until the kernel has noticed all closed sockets.
   size_t OpenDescriptors();
 
   /// The operation's failure as text, "" when it succeeds.
@@ -64,7 +64,7 @@ class NfcNetlink : public ::testing::Test {
 
  private:
   void Report(const std::string& what);
-  /// Success, or what the kernel and the log say instead.
+  /// Success, or the state of the kernel and the log.
   ::testing::AssertionResult Judge(bool holds, const std::string& wanted) const;
 
   std::mutex mMutex;

@@ -1,4 +1,4 @@
-// The reader never goes deaf unnoticed: whatever ends the reading of tags is cured or reported.
+// The reader never goes deaf unnoticed: every end of reading is cured or reported.
 #include <cstring>
 #include <utility>
 
@@ -16,7 +16,7 @@ namespace {
 
 struct NoStdException {};
 
-/// An event that is too short to say what it is about.
+/// An event that is too short to name its device.
 Bytes CutOffEvent() {
   return MessageBuilder(20, 0, 0, 0).Finish();
 }
@@ -180,7 +180,7 @@ TEST_F(NfcNetlinkOnNci, AStopThatCrossesAFindIsEndedAndTheKernelGetsItsTime) {
 }
 
 TEST_F(NfcNetlinkOnNci, NoCommandButTheStopIsInterrupted) {
-  // START_POLL takes longer here than a STOP_POLL may, and follows one on the same thread.
+  // Here START_POLL takes longer than the limit for STOP_POLL, and follows a STOP_POLL on the same thread.
   Start();
   mController->StopPolling();
   mKernel->AddRule("START_POLL delay=2500");

@@ -117,7 +117,7 @@ const std::map<std::string, Names> kPaths{
     {"Uninitialized", {}},
 };
 
-/// What a state does about an event, as the station expects it.
+/// A state's reaction to an event, as the station expects it.
 struct Row {
   std::string state;  ///< empty: every state that has no row of its own for the event
   std::string event;
@@ -153,7 +153,7 @@ const std::vector<Row> kTable{
     {"", "IntAlive", "", "ExtSendAlive"},
 };
 
-/// The entry actions but for the posts.
+/// The entry actions without the posts.
 const std::map<std::string, Names> kEntries{
     {"Disabled", {"ExtDisabledRsp"}},
     {"Disabling", {"IntStopPolling", "IntDeinitialize"}},

@@ -8,7 +8,7 @@
 
 #include "framework/hubconfig.h"
 
-/// A configuration store in a folder of its own. Like a station, it changes files by an atomic rename.
+/// A configuration store in its own folder. Like a station, it changes files by an atomic rename.
 class TemporaryStore {
  public:
   TemporaryStore() {

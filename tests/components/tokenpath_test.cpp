@@ -120,7 +120,7 @@ TEST_F(ActionHandler, ASimulatedSwipeGoesTheWayOfACard) {
   Enable();
   const auto start = std::chrono::steady_clock::now();
   mHandler.IntInjectToken(std::make_shared<ExtOnInjectToken>("04a1b2c3"));
-  // By these times the card stays, so even a late second swipe is a repeat.
+  // With these times the card stays, so even a late second swipe is a repeat.
   for (auto at = start; at < start + handover::kPatience; at += std::chrono::seconds(2)) {
     mReader->ValidateTokenAndNotify({"04a1b2c3", "MIFARE"}, at);
   }

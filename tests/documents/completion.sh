@@ -9,7 +9,7 @@ PATH=$tools:$PATH
 source "$1"
 failed=0
 
-# propose 'LINE': what is proposed for the last word of the line; one that ends with a space asks for a new word.
+# propose 'LINE': the proposals for the last word of the line; after a final space, for a new word.
 propose() {
   local line=$1 function
   read -ra COMP_WORDS <<<"$line"

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Has the demo leave a station running, does everything that it then offers to try, in its order, and ends it.
+# Lets the demo leave a station running, tries every command that the demo prints, in order, and ends the station.
 # Arguments: the demo's script, the folder of the programs.
 set -euo pipefail
 demo=$1 programs=$2

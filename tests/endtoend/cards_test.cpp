@@ -42,7 +42,7 @@ TEST_F(Cards, ACardInTheListIsAcceptedOnceForAsLongAsItStays) {
         [&](const Status& status) { return status.Device().targetsFound >= found + 10; }, kLongestWait));
     mKernel->RemoveTags();
     EXPECT_TRUE(mKernel->WaitFor([](const Status& status) { return status.Device().polling; }, kLongestWait));
-    EXPECT_EQ(mSupervisor->Inject("11223344"), "Ok");  // comes after all that the card brought
+    EXPECT_EQ(mSupervisor->Inject("11223344"), "Ok");  // comes after every effect of the card
     ASSERT_TRUE(Notifies("token 11223344 ERfidUidNotInList"));
     if (mSupervisor->Notified().size() == 2) {
       auto events = mPeers->FeedbackEvents();

@@ -10,8 +10,8 @@ constexpr bool kIsSanitized = true;  // slow, and uses memory of its own
 constexpr bool kIsSanitized = false;
 #endif
 
-/// How many threads the RPC library may keep after traffic; how many it keeps depends on how the machine
-/// stalls.
+/// Maximum number of threads that the RPC library may keep after traffic. The actual number depends on how
+/// the machine stalls.
 constexpr size_t kSpareThreads = 32;
 
 /// A new station for each test. A daemon that still runs at the end is ended by SIGINT, so that the leak

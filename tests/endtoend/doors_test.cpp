@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kLargestLine = 4500;  // the cut text, and the time and the source position before it
 
-/// A client that keeps a stream of tokens open and reads only when it is told to.
+/// A client that keeps a stream of tokens open and reads only on demand.
 class TokenStream {
  public:
   explicit TokenStream(std::unique_ptr<ipc::Rfid::Stub> stub) : mStub(std::move(stub)) {
@@ -51,7 +51,7 @@ class TokenStream {
 
 class Doors : public DaemonTest {
  protected:
-  /// A client with a connection of its own.
+  /// A client with its own connection.
   std::unique_ptr<ipc::Rfid::Stub> Stub() const {
     grpc::ChannelArguments arguments;
     arguments.SetString(GRPC_ARG_DEFAULT_AUTHORITY, "Rfid");

@@ -38,7 +38,7 @@ class HeldMachine {
   const pid_t mPid;
 };
 
-/// Uses an NCI reader: only there does a signal that interrupts a command have an effect.
+/// Uses an NCI reader: with other readers, a signal has no effect on a command.
 class Interruption : public DaemonTest {
  protected:
   Interruption() : DaemonTest({.kernel = {.stack = Stack::Nci}}) {}
@@ -213,12 +213,12 @@ TEST_F(Interruption, EveryRequestThatIsOnItsWayGetsAStatus) {
   mDaemon->Signal(SIGINT);
   ExpectOrderlyEnd();
   mDaemon.reset();
-  // The requests that come after the end wait for the next daemon, which answers them.
+  // Requests after the end wait for the next daemon, which answers them.
   mDaemon = Spawn({"-r", mRoot.string() + "/"});
   EXPECT_EQ(mSupervisor->Enable(), "Illegal");
   isOver = true;
   for (auto& request : requests) {
-    // The earlier ones are told that the daemon is stopping, or are cancelled because the server is closing.
+    // Earlier requests are told that the daemon is stopping, or are cancelled because the server is closing.
     const auto answer = request.get();
     EXPECT_THAT(answer, AnyOf(Eq("Illegal"), StartsWith("status 14: "), StartsWith("status 1: ")));
   }

@@ -15,7 +15,7 @@ namespace {
 
 class Peers : public DaemonTest {
  protected:
-  /// Every card must be notified, whatever the peers do.
+  /// Every card must be notified, even if the peers fail.
   void TapNewCard() {
     const auto uid = fmt::format("{:08X}", ++mCard);
     Tap(uid);
@@ -70,7 +70,7 @@ TEST_F(Peers, ACardThatIsHeldWhileOneNeverAnswersIsNotifiedOnce) {
     unseen = std::max(unseen, std::chrono::steady_clock::now() - before);
   }
   mKernel->RemoveTags();
-  Tap("11223344");  // whatever the first card led to comes before this
+  Tap("11223344");  // every effect of the first card comes before this
   EXPECT_TRUE(Notifies("token 11223344 ERfidUidNotInList"));
   if (unseen < std::chrono::milliseconds(1500)) {
     EXPECT_THAT(mSupervisor->Notified(), ::testing::ElementsAre("token 04A12B5C ERfidUidNotInList",

@@ -1,5 +1,5 @@
-// What a service manager hears from the daemon. The soak's build of it looks after polling every second, so a
-// watchdog of a few seconds does.
+// The daemon's messages to a service manager. The soak's build of the daemon checks polling every second, so
+// a watchdog of a few seconds is enough.
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -51,7 +51,7 @@ class ServiceManager : public DaemonTest {
     return length <= 0 ? "" : std::string(datagram.data(), static_cast<size_t>(length));
   }
 
-  /// Hears until this comes; what came before it but for feeds.
+  /// Waits until this comes. Returns what came before, without the feeds.
   std::vector<std::string> HearUntil(const std::string& wanted) {
     std::vector<std::string> heard;
     for (const auto end = Clock::now() + kLongestWait; Clock::now() < end;) {

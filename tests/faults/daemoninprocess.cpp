@@ -21,7 +21,7 @@ constexpr auto kHold = 30ms;
 VirtualNfcSettings Settings() {
   VirtualNfcSettings settings;
   settings.detectionDelay = kDetection;
-  settings.ownerReleaseDelay = 60s;  // within some milliseconds, as the kernel does it, is a matter of luck
+  settings.ownerReleaseDelay = 60s;  // the kernel's few milliseconds would make the outcome random
   settings.removedListing = 5ms;
   settings.numberRelease = 0ms;
   return settings;
@@ -119,7 +119,7 @@ DaemonInProcess::State DaemonInProcess::Settle() {
       mSettled = mTold.size();
       last = mTold.back();
     }
-    // Each of these events is dispatched after everything that the one before it has posted. Between two
+    // Each of these events is dispatched after everything that the previous one has posted. Between two
     // reported states there is at most one that is not reported.
     bool enabled = false;
     for (int i = 0; i < 3; ++i) {

@@ -42,7 +42,7 @@ class DaemonInProcess {
   /// Holds a card to the reader until it is notified or a new state is reported. Returns false on timeout.
   bool ReadsCardOrTells(std::chrono::milliseconds timeout);
 
-  /// From now on the reader may be on at the end, because the kernel does not let it be switched off.
+  /// From now on the reader may be on at the end, because the kernel refuses to switch it off.
   void AllowOnAfterTheEnd() { mMayStayOn = true; }
 
   /// Ends all faults: clears the rules and plugs the reader in.
@@ -71,7 +71,7 @@ class DaemonInProcess {
   mutable std::condition_variable mChanged;
   std::vector<State> mTold;             // guarded by mMutex
   std::vector<std::string> mNotified;   // guarded by mMutex
-  std::vector<std::string> mPresented;  // the test's thread only, as the next
+  std::vector<std::string> mPresented;  // used by the test's thread only, like the next one
   size_t mSettled = 0;                  // states told when Settle returned
   bool mMayStayOn = false;
   std::future<void> mRun;

@@ -30,7 +30,7 @@ size_t CountEntries(const char* folder) {
   return count;
 }
 
-/// Checks that whatever lives between its construction and its end leaves no descriptor and no thread behind.
+/// Checks that no descriptor and no thread created during its lifetime is left at its end.
 class Leftovers {
  public:
   ~Leftovers() {
@@ -41,7 +41,7 @@ class Leftovers {
   }
 
  private:
-  /// A sanitizer starts a thread of its own together with the first thread.
+  /// A sanitizer starts its own thread together with the first thread.
   const bool mStarted = [] {
     std::thread([] {}).join();
     return true;
@@ -228,7 +228,7 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
       (fault == "reverse" && !isDump && !isLookUp) || (fault == "unplug" && (isEvent || isLookUp))) {
     return "-";
   }
-  // Let the daemon check its polling often only where nothing else can notice the fault.
+  // Let the daemon check its polling often only if nothing else can notice the fault.
   const bool isUnheard = isEvent && (fault == "drop" || fault == "sender=4711");
   const bool isClaimed = is("START_POLL") && fault == "errno=EALREADY";
   const bool isWatched = isUnheard || isClaimed || phase.isWatched;
@@ -247,8 +247,8 @@ std::string Try(const Phase& phase, const Exchange& exchange, std::string_view f
   cell.mDaemon.mKernel.AddRule(fmt::format("{} {}", exchange.rule, fault));
   phase.begin(cell, exchange);
   const bool isUnplugged = fault == "unplug" && (exchange.number != 0 || phase.isWatched);
-  // The kernel denies a poll that is alive. No card may come while the daemon waits for a find as the
-  // explanation.
+  // The kernel denies a poll that is alive. No card may come while the daemon waits whether a find explains
+  // that.
   const bool isDenied =
       phase.isWatched && is("STOP_POLL") && (fault == "errno=EINVAL" || fault == "errno=EALREADY");
   if (isUnplugged || isDenied || (isEvent && fault == "duplicate")) {

@@ -60,7 +60,7 @@ class Peer final : public IDiagnosticsTransport {
   std::function<void()> mLost;
 };
 
-// The latest value of a signal lives as long as the process, so every test has signals of its own.
+// The latest value of a signal lives as long as the process, so every test has its own signals.
 class DiagnosticsTest : public testing::Test {
  protected:
   DiagnosticsTest() {

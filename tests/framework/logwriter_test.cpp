@@ -189,7 +189,7 @@ TEST(ConsoleSink, ReportsFailedWritesAndWaitsForANonBlockingConsole) {
     for (int i = 0; i < Lines; ++i) {
       taken += write() ? 1 : 0;
     }
-    while (write()) {  // until the reader has gone
+    while (write()) {  // until the reader closes the pipe
     }
   });
   std::string read(1, '\0');

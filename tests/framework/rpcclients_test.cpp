@@ -54,7 +54,7 @@ struct FeedbackService final : ipc::Feedback::Service {
   Gate mGate;
 };
 
-/// Takes values one by one only, like an old peer without the method for several.
+/// Takes values only one by one, like an old peer without the method for several.
 struct DiagnosticsService : ipc::Diagnostics::Service {
   grpc::Status UpdateSignal(grpc::ServerContext*, const ipc::MSignal* signal, ipc::MResult* result) override {
     mValues.Put(signal->value());

@@ -64,7 +64,7 @@ TEST_P(Day, TwoHundredCardsInARow) {
 }
 
 TEST_P(Day, ACardThatStaysIsNotifiedOnce) {
-  // The daemon forgets a card 2 s after it was seen last. The digital stack polls the technologies in random
+  // The daemon forgets a card 2 s after the last sighting. The digital stack polls the technologies in random
   // order, so it sometimes takes longer to see the card again; then the daemon rightly reports it again.
   StartEnabled();
   const auto client = Client();

@@ -158,7 +158,7 @@ TEST_F(CrossingFind, WhenPollingIsRenewed) {
 }
 
 TEST_F(CrossingFind, InTheRecovery) {
-  // The daemon loses some of these many events, so it does not know any more whether it polls.
+  // The daemon loses some of these many events, so it no longer knows whether it polls.
   const auto other = MakeReader(Stack::Digital, nullptr);
   mDaemon->Signal(SIGSTOP);
   other->Command("plug");
@@ -189,7 +189,7 @@ TEST_F(SlowReader, ReadsAfterDisablingAndEnablingWithACard) {
 }
 
 TEST_F(SlowReader, RecoversFromAHangByPluggingInAgain) {
-  // The daemon cannot know: the kernel answers as usual, but finds no card.
+  // The daemon cannot notice this: the kernel answers as usual, but finds no card.
   StartEnabled();
   Reader("hang");
   Disable();

@@ -71,7 +71,7 @@ TEST(TerminateHandler, EndsTheProcessWhenAnExceptionEscapesAReaction) {
   const std::string text = "critical *Uncaught exception of type 'std::runtime_error' with message: '";
   EXPECT_EXIT(std::thread([] { DispatchInVain(std::make_shared<Knock>()); }).join(), KilledBySignal(SIGABRT),
               text + "knocked in vain'\n.*critical *Aborting process.");
-  // A leaf's own transition does not even let its caller catch it.
+  // An exception from a leaf's own transition never reaches the caller.
   EXPECT_EXIT(
       try { DispatchInVain(std::make_shared<Open>()); } catch (const std::exception&) { std::exit(0); },
       KilledBySignal(SIGABRT), text + "leave Closed in vain'\n.*critical *Aborting process.");

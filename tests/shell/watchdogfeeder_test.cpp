@@ -27,13 +27,13 @@ class WatchdogFeeder : public ::testing::Test {
     mThread.join();
   }
 
-  /// Looks until there was another feed.
+  /// Looks until the next feed.
   void AwaitFeed() {
     for (const int before = mFeeds; mFeeds == before; std::this_thread::yield()) {
       mFeeder.Look();
     }
   }
-  /// How many feeds come of many looks, once what was proven before is used up.
+  /// The number of feeds from many looks, after the earlier proof is used up.
   int FeedsOfManyLooks() {
     mFeeder.Look();
     const int before = mFeeds;

@@ -20,7 +20,8 @@ namespace {
 
 using std::chrono::microseconds;
 
-/// How many requests of one kind were taken and refused. A request to a stopped machine is neither.
+/// How many requests of one kind were taken and refused. A request to a stopped machine is neither taken nor
+/// refused.
 struct Answers {
   int taken = 0;
   int refused = 0;
@@ -37,7 +38,7 @@ void Ask(const std::shared_ptr<IHsmInterface>& machine, Outcome& outcome) {
   }
 }
 
-/// Sends so many random requests to the door.
+/// Sends this many random requests to the door.
 Outcome Visit(const std::shared_ptr<IHsmInterface>& machine, unsigned stream, int times) {
   static constexpr auto requests = {Ask<Open>, Ask<Close>, Ask<Ring>, Ask<Knock>};
   Jitter jitter(stream);

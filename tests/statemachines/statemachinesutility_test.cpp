@@ -13,7 +13,7 @@ using ::testing::MatchesRegex;
 
 namespace {
 
-/// What the bridge needs of a handler and of a service.
+/// The members of a handler and of a service that the bridge needs.
 struct BridgedHandler : DoorHandler {
   using EnableRequest = Open;
   using DisableRequest = Ring;

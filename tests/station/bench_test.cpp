@@ -39,7 +39,7 @@ bool IsThere(const BenchModel& model) {
   return model.WaitForNews(cursor, {}).snapshot["there"].asBool();
 }
 
-/// A server whose requests are kept.
+/// A server that stores its requests.
 class Server : public ::testing::Test {
  protected:
   ~Server() override {
@@ -48,8 +48,8 @@ class Server : public ::testing::Test {
     mThread.join();
   }
 
-  /// The status of the answer. The server closes a connection on which nothing comes for a second, and this
-  /// process may not have been scheduled to send: then it asks again.
+  /// The status of the answer. The server closes a connection that is silent for a second. If this process
+  /// was not scheduled in time to send, it asks again.
   template <typename Request>
   int Ask(const Request& request) {
     for (int attempt = 0; attempt < 3; ++attempt) {

@@ -1,5 +1,5 @@
-// Faults of the simulated reader that programs are not told of, as far as tests/kernel/conformance does not
-// compare them with the real kernel's.
+// Faults of the simulated reader without an event or an error. tests/kernel/conformance compares the others
+// with the real kernel.
 
 #include <gtest/gtest.h>
 

@@ -108,7 +108,7 @@ TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {
   elsewhere.nl_pid = 1;
   EXPECT_EQ(::sendto(client.Fd(), "x", 1, 0, reinterpret_cast<sockaddr*>(&elsewhere), sizeof(elsewhere)), -1);
   EXPECT_EQ(errno, ECONNREFUSED);
-  // The kernel ignores what is shorter than a header.
+  // The kernel ignores a message shorter than a header.
   EXPECT_EQ(::send(client.Fd(), "x", 1, 0), 1);
   EXPECT_THAT(client.Received(), IsEmpty());
 }
@@ -176,7 +176,7 @@ class VirtualNfcWaiting : public testing::Test {
     ::sigaction(SIGUSR1, &mBefore, nullptr);
   }
 
-  /// Starts a command on a thread of its own and returns when the command waits for its chip.
+  /// Starts a command on its own thread and returns when the command waits for its chip.
   void BeginWait(std::uint8_t command) {
     const auto before = mKernel.GetStatus().Commands(command);
     mThread = std::thread([this, command] { mError = mWaiter.Command(command); });

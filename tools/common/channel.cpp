@@ -17,7 +17,7 @@ void SilenceRpcLibrary() {
 
 std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address, const std::string& name) {
   grpc::ChannelArguments arguments;
-  // The daemon finds the service by the authority that is asked for.
+  // The daemon selects the service by the request's authority.
   arguments.SetString(GRPC_ARG_DEFAULT_AUTHORITY, name);
   arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 100);
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 1000);
@@ -28,9 +28,9 @@ std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address, const std
 std::string ReasonOf(const grpc::Status& status) {
   // "failed to connect to all addresses; last error: UNKNOWN: unix:/run/x.sock: No such file or directory"
   const std::string& text = status.error_message();
-  if (text.empty()) {  // so it is when another server answers, which has no such service or method
+  if (text.empty()) {  // another server answers, which has no such service or method
     return status.error_code() == grpc::StatusCode::UNIMPLEMENTED
-               ? "what answers there has no such service"
+               ? "the server there has no such service"
                : "it ended with status " + std::to_string(status.error_code());
   }
   if (text.find("before receiving SETTINGS frame") != std::string::npos) {  // connected, and no word since

@@ -7,7 +7,7 @@
 
 #include "framework/rpcconfig.h"
 
-/// The names under which the daemon registers its services, and that of the station's diagnostics service.
+/// The registered names of the daemon's services and of the station's diagnostics service.
 constexpr const char* kControlService = "RfidGenCtrl";
 constexpr const char* kRfidService = "Rfid";
 constexpr const char* kLogService = "RfidLog";

@@ -12,7 +12,7 @@ constexpr int kFailureStatus = 1;
 void OccupyStandardStreams() {
   for (int descriptor = 0; descriptor <= 2; ++descriptor) {
     if (fcntl(descriptor, F_GETFD) < 0) {
-      open("/dev/null", descriptor == 0 ? O_WRONLY : O_RDONLY);  // takes the lowest free one, which it is
+      open("/dev/null", descriptor == 0 ? O_WRONLY : O_RDONLY);  // takes the lowest free number: this one
     }
   }
 }

@@ -7,8 +7,8 @@
 /// stalls.
 constexpr std::chrono::seconds kLongestWait(120);
 
-/// Polls until the condition is true. Returns false on timeout. For what happens outside this process and
-/// sends no event.
+/// Polls until the condition is true. Returns false on timeout. Use it only for changes outside this process
+/// that send no event.
 template <typename Condition>
 bool Eventually(Condition condition, std::chrono::steady_clock::duration timeout = kLongestWait) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;

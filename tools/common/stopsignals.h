@@ -2,8 +2,8 @@
 
 #include <chrono>
 
-/// Blocks SIGINT and SIGTERM and makes them something to wait for. Create it before the process has other
-/// threads: they inherit the blocked signals, so that the signals arrive here.
+/// Blocks SIGINT and SIGTERM and makes a descriptor readable when one arrives. Create it before the process
+/// has other threads: they inherit the blocked signals, so that the signals arrive here.
 class StopSignals {
  public:
   StopSignals();

@@ -12,7 +12,7 @@
 
 #include "ipc/common.pb.h"
 
-/// Reads one service's notifications on a thread of its own and subscribes again whenever the stream ends.
+/// Reads one service's notifications on its own thread and subscribes again whenever the stream ends.
 ///
 /// The callbacks are called on that thread; `onNotification` may block, which holds up the stream. `onStart`
 /// is called when the service has confirmed a subscription: nothing is missed from then on. The first

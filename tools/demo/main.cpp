@@ -107,7 +107,7 @@ void Stay(Station& station, Narrator& narrator, const StopSignals& signals) {
 int Run(const fs::path& root, bool stays) {
   const StopSignals signals;
   Narrator narrator;
-  // The daemon runs in a session of its own, so that Ctrl-C does not reach it: this program ends it.
+  // The daemon runs in its own session, so that Ctrl-C does not reach it: this program ends it.
   Station station(MakeRoot(root), {}, {"/usr/bin/setsid"});
   station.KeepFolder();
   station.WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");

@@ -138,7 +138,7 @@ class Story {
   }
 
  private:
-  /// What the station sees of one kind, in its order. The order between two kinds is left to chance.
+  /// Events of one kind, in order. The order between two kinds is not defined.
   struct Stream {
     const char* what;
     std::deque<std::string> seen;
@@ -186,7 +186,7 @@ class Story {
   unsigned Sightings() { return mStation.Kernel().GetStatus().Events(NFC_EVENT_TARGETS_FOUND); }
 
   /// Ten sightings take longer than the two seconds for which the daemon remembers a card. On a machine that
-  /// stalls for longer than that, the card is new to the daemon, and rightly notified again.
+  /// stalls for longer, the daemon correctly notifies the card again.
   void HoldCard(const std::string& uid, unsigned before) {
     for (unsigned seen = 10;; seen += 10) {
       Await([&] { return Sightings() >= before + seen; }, "the reader does not see the card any more");
@@ -251,7 +251,7 @@ class Story {
     mNarrator.Saw(fmt::format("{} {}", stream.what, expected));
   }
 
-  /// What a valid card brings that is not in the list.
+  /// What a valid card causes when it is not in the list.
   void Rejected(const std::string& uid) {
     Next(mFeedback, "EFbTokenScanned (2)");
     Next(mFeedback, "EFbAuthRejected (1)");

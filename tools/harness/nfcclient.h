@@ -100,7 +100,7 @@ class NfcClient {
     return messages;
   }
 
-  /// One datagram; empty when the queue is.
+  /// One datagram; empty when the queue is empty.
   Bytes ReceiveDatagram() const {
     Bytes datagram(65536);
     const ssize_t length = ::recv(Fd(), datagram.data(), datagram.size(), MSG_DONTWAIT);

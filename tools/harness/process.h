@@ -22,16 +22,16 @@ class Process {
   pid_t GetPid() const { return mPid; }
   void Signal(int signal) const;
 
-  /// How it ended: "exit 0", "signal 6"; nothing when it still runs after the time.
+  /// How the process ended: "exit 0", "signal 6"; nothing when it still runs after the timeout.
   std::optional<std::string> Wait(std::chrono::seconds limit = kLongestWait);
 
-  /// Whether Wait has told the end.
+  /// Whether Wait has reported the end.
   bool IsOver() const { return mEnd.has_value(); }
 
   size_t OpenDescriptors() const;
   size_t Threads() const;
-  /// What the system knows of it under this name, in KiB: "VmRSS" is the memory resident now, "VmHWM" the
-  /// most it ever was. 0 when it has ended.
+  /// A memory figure of the process, in KiB: "VmRSS" is the memory resident now, "VmHWM" the maximum so far.
+  /// 0 when the process has ended.
   size_t Memory(const std::string& name) const;
 
  private:

@@ -21,8 +21,8 @@ std::filesystem::path NewFolder(const std::string& name);
 /// rfidd is looked for beside the program that runs.
 class StationOnKernel {
  public:
-  /// Takes over the folder, which exists and is empty, and starts the peers. `launcher` is a command that
-  /// runs the daemon; none by default. Throws when something cannot be set up.
+  /// Uses an existing empty folder and starts the peers. `launcher` is a command that runs the daemon; none
+  /// by default. Throws when something cannot be set up.
   explicit StationOnKernel(std::filesystem::path folder, std::vector<std::string> launcher = {});
   virtual ~StationOnKernel();  ///< kills the daemon, and removes the folder unless KeepFolder was called
   StationOnKernel(const StationOnKernel&) = delete;
@@ -44,11 +44,12 @@ class StationOnKernel {
   /// Runs rfidd. Its standard output goes to the file "output", its standard error to "log"; an earlier "log"
   /// becomes "log.1", "log.2" and so on. A pipe called "log" stays and is the console.
   std::unique_ptr<Process> Spawn(const std::vector<std::string>& arguments);
-  /// Starts the daemon and a supervisor. Returns false unless the daemon reports Uninitialized to it.
+  /// Starts the daemon and a supervisor. Returns false unless the daemon reports Uninitialized to the
+  /// supervisor.
   bool StartDaemon(std::vector<std::string> arguments = {});
-  /// Takes a daemon that was just started to Enabled. Returns false if it does not get there.
+  /// Enables a daemon that was just started. Returns false if that fails.
   bool EnableDaemon();
-  /// Waits for the daemon's end and drops it and its supervisor. Returns how it ended.
+  /// Waits for the daemon's end and drops daemon and supervisor. Returns how it ended.
   std::string EndDaemon();
 
   VirtualStation& Peers() { return *mPeers; }
@@ -59,10 +60,11 @@ class StationOnKernel {
   /// How the daemon ended by itself; nothing while it runs or when there is none.
   std::optional<std::string> DaemonsEnd();
 
-  /// What the latest daemon has written to its console; empty when that is a pipe. A line comes a moment
-  /// later than what it tells of.
+  /// What the latest daemon has written to its console; empty when that is a pipe. A line appears a moment
+  /// after the event that it reports.
   std::string Log() const;
-  /// What the running daemon has logged up to this call. Ends with a line of the request that finds it out.
+  /// What the running daemon has logged up to this call. The last line belongs to the request that this
+  /// function makes.
   std::string LogUntilNow();
 
  protected:
@@ -76,7 +78,7 @@ class StationOnKernel {
   std::unique_ptr<Supervisor> mSupervisor;
 
  private:
-  /// Waits until the supervisor is told this. Returns false on timeout or when the daemon ends.
+  /// Waits until the supervisor gets this notification. Returns false on timeout or when the daemon ends.
   bool IsTold(const std::string& notification);
 
   const std::vector<std::string> mLauncher;

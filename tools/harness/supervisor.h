@@ -18,7 +18,7 @@
 /// The daemon's clients in one: the supervisor, and a daemon that subscribes to tokens. Subscribes again when
 /// a stream ends.
 ///
-/// Threads: any. Notifications arrive on threads of its own.
+/// Threads: any. Notifications arrive on its own threads.
 class Supervisor {
  public:
   explicit Supervisor(const std::string& address);

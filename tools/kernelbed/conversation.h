@@ -1,6 +1,6 @@
 #pragma once
 
-// Commands to a kernel, and its answers as text; kernels that answer the same give the same text.
+// Commands to a kernel, and its answers as text. Equal answers give equal text, so kernels can be compared.
 
 #include <map>
 #include <string>

@@ -10,8 +10,8 @@
 namespace kernelbed {
 
 /// The radio side of the reader that the module digireader adds to the kernel's digital stack: it answers
-/// each frame as the tags in the field would. Different answers of two tags collide. Threads: see Reader; one
-/// of its own for the frames.
+/// each frame as the tags in the field would. Different answers of two tags collide. Threads: see Reader; it
+/// has one thread for the frames.
 class DigitalReader : public Reader {
  public:
   /// Loads the module if needed. Throws std::exception on failure. There is no device before "plug".

@@ -7,7 +7,7 @@ namespace kernelbed {
 /// The radio technologies by the numbers of the kernel's digital stack (NFC_DIGITAL_RF_TECH_...).
 enum class Tech { A106, F212, F424, Iso15693, B106 };
 
-/// A tag on the air: what it answers to each frame since the field came. One thread.
+/// A tag in the field: answers each frame, depending on the earlier ones. One thread.
 class DigitalTag {
  public:
   explicit DigitalTag(const TagWords& words);
@@ -15,7 +15,7 @@ class DigitalTag {
   /// The field has gone: the tag forgets.
   void Reset();
 
-  /// Its answer, without CRC; empty when it is silent.
+  /// The tag's answer, without CRC; empty when the tag is silent.
   Bytes Answer(Tech tech, const Bytes& frame);
 
  private:

@@ -17,7 +17,7 @@ using namespace virtualnfc;
 namespace {
 
 struct NamedTag {
-  /// In the words of the reader. The kernel knows all tags that the digital reader reports.
+  /// As words of a reader's command. The kernel knows all tags that the digital reader reports.
   const char* words;
   TagKind kind;
   const char* uid;

@@ -35,7 +35,7 @@ class KernelBench {
 
   /// A polling reader finds a tag within this time.
   virtual std::chrono::milliseconds TimeToFind() const = 0;
-  /// The kernel finishes what it does by itself within this time.
+  /// The kernel's own delayed work is done within this time.
   virtual std::chrono::milliseconds TimeToSettle() const = 0;
 };
 

@@ -71,7 +71,7 @@ void KernelTest::ExpectOrderlyEnd() {
   EXPECT_EQ(mDaemon->Wait().value_or("still running"), "exit 0");
   if (IsPowered().has_value()) {
     EXPECT_EQ(IsPowered(), false);
-    EXPECT_NO_THROW(Reader("wait ready"));  // it does not poll either
+    EXPECT_NO_THROW(Reader("wait ready"));  // so it does not poll either
   }
 }
 

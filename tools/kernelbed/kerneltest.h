@@ -16,9 +16,9 @@ namespace virtualnfc {
 void PrintTo(Stack stack, std::ostream* stream);
 }
 
-/// A station with the real daemon on the real kernel, in a guest of its own. At the end of each test SIGINT
-/// ends the daemon if it still runs, and the reader must be off. A failure shows what the supervisor was
-/// told, and the logs.
+/// A station with the real daemon on the real kernel, in its own guest. At the end of each test SIGINT ends
+/// the daemon if it still runs, and the reader must be off. A failure shows what the supervisor was told, and
+/// the logs.
 class KernelTest : public ::testing::Test, public StationOnKernel {
  protected:
   /// Plugs in the reader. @param launcher see StationOnKernel
@@ -39,14 +39,14 @@ class KernelTest : public ::testing::Test, public StationOnKernel {
 
   /// The UID of a card that was not used before.
   std::string NewUid();
-  /// Puts a new card, waits for its notification, takes the card away.
+  /// Presents a new card, waits for its notification and removes the card.
   void ExpectCardIsRead();
   ::testing::AssertionResult IsNotified(const std::string& uid) const;
 
   /// What the supervisor of an enabled station sees: "read" when a new card is read without any error,
   /// "recovered" when the state was Error and then Disabled, "fatal" when it was FatalError.
   std::string Outcome();
-  /// Does what a supervisor would do then, enable or restart the daemon, and expects that a card is read.
+  /// Enables or restarts the daemon, as a supervisor would do in this state, and expects that a card is read.
   void ExpectCured(const std::string& outcome);
 
   /// A socket of another program.

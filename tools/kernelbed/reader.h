@@ -28,7 +28,8 @@ std::string ToHex(const Bytes& bytes);
 /// The next word. Throws std::invalid_argument when there is none.
 std::string NextWord(std::istream& words);
 
-/// The next word as a number, or the default without a word. Throws std::invalid_argument for any other word.
+/// The next word as a number; the default when there is no further word. Throws std::invalid_argument for any
+/// other word.
 template <typename Number>
 Number NextNumber(std::istream& words, Number otherwise) {
   Number number{};

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <string>
 
-/// How the program ends; documented in its help.
+/// The exit statuses, as the help documents them.
 enum class EExit { Ok = 0, Failed = 1, Usage = 2, Unreachable = 3, Incomplete = 4 };
 
 /// The daemon cannot be reached, or does not answer as it should.
@@ -12,7 +12,7 @@ class Unreachable : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Where the daemon is, and how its answers are shown.
+/// The daemon's address, and the output format.
 struct Daemon {
   std::string address;
   bool json = false;

@@ -35,7 +35,7 @@ std::string CheckDigits(const std::string& text) {
 }
 
 std::string CheckAddress(const std::string& text) {
-  constexpr std::size_t kLongestPath = 107;  // what the system has room for
+  constexpr std::size_t kLongestPath = 107;  // the system's limit for a socket's path
   if (text.starts_with("unix:")) {
     return text.size() > 5 + kLongestPath ? "a socket's path has no more than 107 characters" : "";
   }
@@ -98,7 +98,7 @@ void AddCommands(CLI::App& app, Options& options) {
       })
       .add_option("LEVEL", options.level)
       ->check(CLI::IsMember(LogLevelNames()));
-  add("signals", "Print what the station's diagnostics service has: the last value of every signal",
+  add("signals", "Print the last value of every signal that the station's diagnostics service knows",
       PrintSignals);
 }
 
@@ -131,7 +131,8 @@ int RunCommandLine(int argc, char** argv) {
                               "Root folder of the station; etc/plex.json below it names the addresses")
                    ->type_name("FOLDER")
                    ->capture_default_str();
-  app.add_option("--address", options.address, "Whom to ask, instead of --root: unix:PATH or HOST:PORT")
+  app.add_option("--address", options.address,
+                 "The server's address, instead of --root: unix:PATH or HOST:PORT")
       ->excludes(root)
       ->check(CheckAddress);
   app.add_flag("--json", options.json, "Output for programs: one JSON object a line");
@@ -144,7 +145,7 @@ int RunCommandLine(int argc, char** argv) {
   try {
     return static_cast<int>(options.command(Addressee(options, app.got_subcommand("signals"))));
   } catch (const Rpc::ConfigurationException& e) {
-    PrintError(kTool, std::string("cannot tell where to ask: ") + e.what());
+    PrintError(kTool, std::string("cannot find the server's address: ") + e.what());
     return static_cast<int>(EExit::Unreachable);
   } catch (const Unreachable& e) {
     PrintError(kTool, e.what());

@@ -106,7 +106,7 @@ class Watcher {
   }
 
  private:
-  /// Until the count, the time, a signal, an error, or the end of whoever reads the output.
+  /// Runs until the count, the timeout, a signal or an error, or until nobody reads the output any more.
   void Listen(const StopSignals& signals) {
     const auto end = Clock::now() + std::chrono::ceil<std::chrono::milliseconds>(
                                         mOptions.timeout.value_or(std::chrono::seconds(0)));
@@ -114,7 +114,8 @@ class Watcher {
     const auto ended = [this](const char* service) {
       return [this, service](const grpc::Status& status) { Guarded([&] { OnEnd(service, status); }); };
     };
-    // Cards first: whoever reads a state may act at once, and the outcome must not be missed.
+    // Subscribe to cards first: a reader of this output may act on a state at once, and must not miss the
+    // outcome.
     Subscriber<ipc::Rfid, ipc::MRfidNotification> cards(OpenChannel(mDaemon.address, kRfidService), show,
                                                         ended(kRfidService));
     cards.WaitUntilSubscribed(kConfirmationTime);
@@ -128,7 +129,7 @@ class Watcher {
       ready = poll(waiting, 3, static_cast<int>(time));
     }
     const std::lock_guard lock(mMutex);
-    mIsOver = true;  // what the ending subscriptions report is not shown
+    mIsOver = true;  // errors of the ending subscriptions are not shown
     mReading = mReading && waiting[2].revents == 0;
     if (ready <= 0 && !mReached) {
       throw Unreachable("the daemon at " + mDaemon.address + " does not answer");
@@ -137,7 +138,7 @@ class Watcher {
 
   bool IsComplete() const { return mOptions.count != 0 && mShown >= mOptions.count; }
 
-  /// Calls it, one at a time, unless the end has come. An exception is the end.
+  /// Calls the function, one call at a time, unless the watch has ended. An exception ends the watch.
   template <typename Action>
   void Guarded(Action action) {
     const std::lock_guard lock(mMutex);

@@ -13,7 +13,7 @@ struct WatchOptions {
   std::set<std::string> kinds;                           ///< what to show; empty: everything
 };
 
-/// Prints the daemon's notifications, a line each, until the count, the time, a signal, or until nobody reads
-/// the output any more. Waits for a daemon that goes away. Call it before the process has other threads.
-/// Throws Unreachable when the daemon is not there at the start.
+/// Prints the daemon's notifications, one line each, until the count, the timeout or a signal, or until
+/// nobody reads the output any more. If the daemon goes away, waits until it is back. Call it before the
+/// process has other threads. Throws Unreachable when the daemon is not there at the start.
 EExit Watch(const Daemon& daemon, const WatchOptions& options);

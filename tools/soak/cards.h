@@ -6,7 +6,7 @@
 
 #include "tools/virtual-nfc/kernel/tag.h"
 
-/// What is put to the reader.
+/// A card as it is presented to the reader.
 struct Card {
   std::string uid;    ///< as the daemon notifies it
   bool valid = true;  ///< the UID is one that the daemon accepts
@@ -18,9 +18,9 @@ class Cards {
  public:
   explicit Cards(std::mt19937& random);
 
-  /// One that has not been there before, with a valid UID.
+  /// A card that was never presented before, with a valid UID.
   Card New();
-  /// A known one, a new one, one without a valid UID, or one that was there lately.
+  /// A known card, a new one, one without a valid UID, or one that was presented recently.
   Card Random();
 
   const std::vector<Card>& Known() const { return mKnown; }

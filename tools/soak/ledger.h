@@ -31,7 +31,7 @@ class Ledger {
 
   bool HasNoProblem() const { return mProblems.empty(); }
 
-  /// Every swipe has one outcome, every notification one swipe, and there was no problem.
+  /// True when every swipe has one outcome, every notification has one swipe, and no problem was noted.
   bool AddsUp() const;
 
   std::string Line() const;    ///< the progress

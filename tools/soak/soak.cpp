@@ -63,8 +63,7 @@ void Soak::Act() {
   mAction = kind->name;
   (this->*kind->act)();
   const auto left = std::find_if(mTold.begin(), mTold.end(), IsOfCard);
-  Require(left == mTold.end(),
-          "nothing is notified that no card explains: " + (left == mTold.end() ? "" : *left));
+  Require(left == mTold.end(), "every notification has a card: " + (left == mTold.end() ? "" : *left));
 }
 
 void Soak::Inject() {
@@ -247,7 +246,7 @@ void Soak::BreakConfiguration() {
   if (mLearning) {
     return;  // settings are not looked at
   }
-  Swipe(mCards.New(), 0ms, EFailure::None);  // has the daemon load what is good and stays
+  Swipe(mCards.New(), 0ms, EFailure::None);  // makes the daemon load the good file, whose values stay
   mStation.WriteFile("hub/settings.json", R"({"SeccOcppActive": tru)");
   mIsBroken = true;
 }
@@ -333,7 +332,7 @@ void Soak::EnterOutcome(const std::string& expected, EOutcome otherwise, bool ma
     mLedger.EnterNotification();
     mLedger.Enter(EOutcome::Notified);
     if (i > 0) {
-      mLedger.EnterSent();  // the reader had lost the card for so long that it came anew
+      mLedger.EnterSent();  // the reader did not see the card for so long that it counts as new
       Require(mayRepeat, "a card is notified once for as long as it stays: " + expected);
     }
   }

@@ -10,8 +10,8 @@
 #include "tools/soak/measurements.h"
 #include "tools/soak/stationdriver.h"
 
-/// Plays random events of a charging station and accounts for every swipe. From what it does and sees
-/// (kernel, answers, notifications) it knows the outcome that each swipe must have, and compares.
+/// Plays random events of a charging station and accounts for every swipe. It works out the right outcome of
+/// each swipe from its own actions, the kernel, the answers and the notifications, and compares.
 ///
 /// One thread. Every wait has a timeout.
 class Soak : public StationDriver {
@@ -31,7 +31,7 @@ class Soak : public StationDriver {
   std::string Charts() const { return mMeasurements.Charts(); }
 
  private:
-  /// The period in which a card was seen.
+  /// The time during which a card was seen.
   struct Sighting {
     Clock::time_point first;
     Clock::time_point last;
@@ -57,12 +57,12 @@ class Soak : public StationDriver {
   void ToggleLearning();
   void Restart();
 
-  /// Whether an event ends the reading of cards, which the supervisor is told of.
+  /// Whether an event stops the reading of cards, so that the supervisor must be told.
   enum class EFailure { None, Possible, Certain };
   void Swipe(const Card& card, std::chrono::milliseconds hold, EFailure failure);
-  /// Takes the daemon to Enabled after an error, which may or may not have cost `card` its notification.
+  /// Enables the daemon after an error. The notification of `card` may or may not have been lost.
   void RecoverWith(const Card& card);
-  /// Enters one swipe: as notified if the expected notification came (empty: none is expected), else as
+  /// Records one swipe: as notified if the expected notification came (empty: none is expected), otherwise as
   /// `otherwise`.
   void EnterOutcome(const std::string& expected, EOutcome otherwise, bool mayRepeat = false);
   std::string ExpectedNotification(const Card& card) const;

@@ -22,7 +22,7 @@ size_t CountOf(const std::string& text, const std::string& part) {
 
 }  // namespace
 
-// The daemon runs in a session of its own, so that Ctrl-C at the terminal does not reach it.
+// The daemon runs in its own session, so that Ctrl-C at the terminal does not reach it.
 StationDriver::StationDriver(Stack stack)
     : mStation(NewFolder("soak"), {.kernel = {.stack = stack}, .detectionDelay = 50ms}, {"/usr/bin/setsid"}) {
   mStation.UseProgram("soak-rfidd");
@@ -57,7 +57,8 @@ void StationDriver::StopDaemon(int signal) {
   mStation.Daemon().Signal(signal);
   Require(AwaitTold("tokens ended"), "the daemon's end ends its notifications");
   const auto end = mStation.EndDaemon();
-  Require(end == (signal == SIGINT ? "exit 0" : "signal 9"), "the daemon ends as it should, not with " + end);
+  Require(end == (signal == SIGINT ? "exit 0" : "signal 9"),
+          "the daemon ends with the right status, not with " + end);
   const auto log = mStation.Log();
   mLedger.EnterLogged(CountOf(log, "RfidToken notif: '") + CountOf(log, "Sending RfidLearningToken notif: ") -
                       CountOf(log, std::string("RfidToken notif: '") + kFenceUid));
@@ -88,7 +89,7 @@ bool StationDriver::Settle() {
 }
 
 bool StationDriver::Fence() {
-  // A malformed UID is notified whatever the configuration is, and after everything before it.
+  // A malformed UID is notified with every configuration, and after everything before it.
   const auto fence = fmt::format("{}{}", kFenceUid, ++mFences);
   if (mStation.Control().Inject(fence) != "Ok") {
     return false;

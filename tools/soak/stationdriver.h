@@ -8,11 +8,11 @@
 #include "tools/harness/station.h"
 #include "tools/soak/ledger.h"
 
-/// The UIDs that Fence injects begin with this.
+/// Prefix of the UIDs that Fence injects.
 constexpr const char* kFenceUid = "FENCE";
 
-/// Operates a station and watches what its supervisor is told. Notes the requirements that do not hold. One
-/// thread. Every wait has a timeout.
+/// Operates a station and watches what its supervisor is told. Notes every violated requirement. One thread.
+/// Every wait has a timeout.
 class StationDriver {
  public:
   const Ledger& Book() const { return mLedger; }
@@ -31,12 +31,13 @@ class StationDriver {
   /// Asks the daemon to enable or disable and waits for the state.
   void Request(bool enable);
   void StopDaemon(int signal);
-  /// Lets the card lie there. Returns the longest time for which the reader did not see it.
+  /// Leaves the card at the reader. Returns the longest time for which the reader did not see the card.
   Clock::duration Hold(std::chrono::milliseconds time);
   /// Waits until the reader polls again and the daemon has notified everything. Returns false if the
   /// supervisor was told of an error.
   bool Settle();
-  /// Waits for everything that the daemon has sent. Returns false if it refuses because it is not enabled.
+  /// Waits until everything that the daemon has sent has arrived. Returns false if the daemon refuses because
+  /// it is not enabled.
   bool Fence();
 
   // What the supervisor was told in the present action.

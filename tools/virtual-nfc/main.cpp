@@ -28,9 +28,9 @@ using namespace virtualnfc;
 enum ExitStatus { Done = 0, Refused = 1, Usage = kUsageStatus, Unreachable = 3 };
 
 constexpr double kMaxHold = 24.0 * 60 * 60;
-/// Before the reason in the reply of a server.
+/// Prefix of an error in a server's reply.
 constexpr std::string_view kErrorMark = "error: ";
-/// More than the last line of a record.
+/// Longer than the last line of a record.
 constexpr std::size_t kMaxEnd = 200;
 
 template <typename... Args>
@@ -95,7 +95,7 @@ int Record(const std::string& address, const std::string& file, std::uint32_t co
   std::string last;
   const auto take = [&](std::string_view part) {
     if (!output) {
-      // Only now, so that a file stays as it is when there is no server.
+      // Open the file only now, so that it stays unchanged when there is no server.
       output.Reset(file.empty() ? ::dup(STDOUT_FILENO)
                                 : ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
       writeError = output ? 0 : errno;
@@ -122,7 +122,7 @@ int Record(const std::string& address, const std::string& file, std::uint32_t co
   }
   const std::size_t error = last.rfind(kRecordError);
   return error == std::string::npos
-             ? Fail(Unreachable, "the server has ended, and the record with it")
+             ? Fail(Unreachable, "the server has ended, so the record ends")
              : Fail(Refused, "{}",
                     last.substr(error + kRecordError.size(), last.size() - error - kRecordError.size() - 1));
 }
@@ -211,7 +211,7 @@ int RunCommand(int argc, char** argv) {
 
   std::string faultName;
   bool isOff = false;
-  CLI::App* fault = app.add_subcommand("fault", "let the reader fail in a way that programs are not told of");
+  CLI::App* fault = app.add_subcommand("fault", "let the reader fail without telling programs");
   fault->add_option("NAME", faultName)->required()->check(CLI::IsMember(FaultNames()));
   fault->add_flag("--off", isOff, "end the fault");
   fault->callback([&] {

@@ -96,7 +96,7 @@ void Bench::Subscribe() {
   const auto ended = [this](BenchModel::EStream stream) {
     return [this, stream](const grpc::Status& status) { mModel.OnStreamEnd(stream, ReasonOf(status)); };
   };
-  // Cards first: a state may lead to a card at once, and its outcome must not be missed.
+  // Subscribe to cards first: a state may lead to a card at once, and the bench must not miss its outcome.
   mTokens = std::make_unique<Subscriber<ipc::Rfid, ipc::MRfidNotification>>(
       mRfidChannel,
       [this](const ipc::MRfidNotification& notification) {

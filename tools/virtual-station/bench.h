@@ -21,7 +21,7 @@
 #include "tools/virtual-station/sectionfile.h"
 #include "tools/virtual-station/virtualstation.h"
 
-/// Where a bench finds what it needs.
+/// The paths and addresses that a bench needs.
 struct BenchSettings {
   RpcConfig rpc;          ///< where the daemon, its peers and the sections are
   std::string nfcSocket;  ///< virtual-nfc's; empty: no simulated reader
@@ -31,7 +31,7 @@ struct BenchSettings {
 /// Plays everything around the daemon: its supervisor, its peers, the configuration editor and the person
 /// with the cards. Uses the same interfaces as the command line tools.
 ///
-/// Threads: any. What the bench sees goes to Model().
+/// Threads: any. The bench puts everything that it sees into Model().
 class Bench {
  public:
   /// Starts watching. The daemon and the simulated reader may come later. If another program has the

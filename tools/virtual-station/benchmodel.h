@@ -16,7 +16,7 @@
 #include "ipc/feedback.pb.h"
 #include "ipc/rfid.pb.h"
 
-/// What the bench has seen of the station, in the form in which its page shows it. Knows no sockets.
+/// What the bench has seen of the station, in the form that its page shows. Knows no sockets.
 ///
 /// Threads: any. Only WaitForNews blocks.
 class BenchModel {
@@ -53,7 +53,7 @@ class BenchModel {
 
   bool IsLearning() const;
 
-  /// How much of the news a reader has had.
+  /// How much of the news a reader has already received.
   struct Cursor {
     std::uint64_t revision = 0;
     std::uint64_t line = 0;
@@ -82,8 +82,8 @@ class BenchModel {
   void Set(const char* part, const Json::Value& value);
   void Changed();
   void NoteTransition(const std::string& to);
-  /// The newest card that waits for its outcome. An older one with the same UID was suppressed, or not read
-  /// at all, and gets none.
+  /// The newest card that waits for its outcome. An older card with the same UID was suppressed or never
+  /// read, so it gets no outcome.
   Card* FindWaiting(const std::function<bool(const Card&)>& matches);
   void Conclude(const std::string& uid, const std::string& outcome);
   Json::Value Snapshot() const;

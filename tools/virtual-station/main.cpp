@@ -85,7 +85,7 @@ int Serve(const Options& options) {
     }
   };
   if (config.peers.count("Feedback") + config.peers.count("Diagnostics") == 0) {
-    throw std::runtime_error("there is nothing to serve: plex.json names neither Feedback nor Diagnostics");
+    throw std::runtime_error("nothing to serve: plex.json names neither Feedback nor Diagnostics");
   }
   const VirtualStation station(config.peers, print, answer);
   for (const auto& [name, address] : config.peers) {
@@ -194,7 +194,8 @@ int RunCommandLine(int argc, char** argv) {
       kTool);
   SetUpTool(app);
   app.require_subcommand(1);
-  app.add_option("--root", options.root, "Root folder of the station; etc/plex.json below it says the rest")
+  app.add_option("--root", options.root,
+                 "Root folder of the station; etc/plex.json below it names the addresses")
       ->type_name("FOLDER")
       ->capture_default_str();
   app.add_flag("--json", options.json, "Output for programs: one JSON document a line");
@@ -213,20 +214,20 @@ int RunCommandLine(int argc, char** argv) {
       add(app, "bench",
           "Serve a page on this machine that shows the station and drives it, until Ctrl-C; prints its URL",
           ServeBench);
-  bench.add_option("--nfc", options.nfcSocket, "The socket of virtual-nfc, to put cards to its reader")
+  bench.add_option("--nfc", options.nfcSocket, "The socket of virtual-nfc, to hold cards to its reader")
       ->envname("VIRTUAL_NFC_SOCKET")
       ->type_name("SOCKET");
   bench
       .add_option("--port", options.port,
                   "The port, 0 for any free one; default: 8080 or, if that is taken, any free one")
       ->check(CLI::Range(0, 65535));
-  bench.add_option("--log", options.logFile, "A file with the daemon's log, to show its end")
+  bench.add_option("--log", options.logFile, "A file with the daemon's log, to show its last lines")
       ->type_name("FILE");
 
   auto& card = *app.add_subcommand("card", "Show and change the local list of permitted cards");
   card.require_subcommand(1);
   for (CLI::App* one : {&add(card, "add", "Permit a card", AddCard),
-                        &add(card, "remove", "No longer permit a card", RemoveCard)}) {
+                        &add(card, "remove", "Remove a card from the local list", RemoveCard)}) {
     one->add_option("UID", options.uid, "Hexadecimal, for example 04A12B5C")->required()->check(CheckUid);
   }
   add(card, "list", "Print the UIDs, one a line", ListCards);

@@ -33,7 +33,7 @@ std::string UidOf(const Json::Value& token) {
   return token.isObject() && token[kUid].isString() ? token[kUid].asString() : "";
 }
 
-/// The document's list, which is made if there is none. Throws if it is something else.
+/// The document's list; creates it if it is missing. Throws if the key has another type.
 Json::Value& TokensOf(Json::Value& document) {
   Json::Value& tokens = document[kTokens];
   if (tokens.isNull()) {
@@ -56,7 +56,7 @@ SectionFile::SectionFile(const fs::path& folder, const std::string& section)
 }
 
 Json::Value SectionFile::Load() const {
-  if (fs::is_directory(mFile)) {  // opens like a file, and is empty
+  if (fs::is_directory(mFile)) {  // a folder opens like a file, and is empty
     Fail(mFile, "cannot be read", EISDIR);
   }
   std::ifstream file(mFile);

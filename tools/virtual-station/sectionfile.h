@@ -8,8 +8,8 @@
 #include <vector>
 
 /// A section of the station's configuration, changed as the station's other programs change it: an atomic
-/// rename puts the new document in place of the old one, so no reader sees half of it. Other content stays as
-/// it was.
+/// rename puts the new document in place of the old one, so no reader sees half of it. Other content stays
+/// unchanged.
 ///
 /// Errors are std::runtime_error and name the file.
 class SectionFile {

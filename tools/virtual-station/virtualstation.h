@@ -27,7 +27,7 @@ class VirtualStation {
 
   /// Serves "Feedback" and "Diagnostics" at their addresses in `peers` (name to address, as in RpcConfig); a
   /// service without an address is not served. Creates the folder of a unix socket if necessary and replaces
-  /// the socket of a station that is gone. Throws std::runtime_error if it cannot listen. `observer` is
+  /// the socket that an ended station left. Throws std::runtime_error if it cannot listen. `observer` is
   /// called for every call before it is answered, one at a time; it must not call the station. Without an
   /// observer the calls are kept for as long as the station lives.
   explicit VirtualStation(const std::map<std::string, std::string>& peers, Observer observer = {},

@@ -26,11 +26,11 @@ extern const CSignalDefinition<std::string> kRfidLastTechnology;
 extern const CSignalDefinition<std::string> kUserInteraction;
 }  // namespace SignalCatalogue
 
-/// Sends the values of all signals to the diagnostics peer, from a thread of its own ("diagnostics").
+/// Sends the values of all signals to the diagnostics peer, from its own thread ("diagnostics").
 ///
-/// Values leave in the order in which they were sent. Those sent within 20 ms of the first leave together: a
-/// card costs one call, which goes out after the card was handled. While the peer is unreachable only the
-/// latest value of each signal is kept; when the peer is back, the latest of every signal is sent again.
+/// Values leave in the order of the Send calls. Those sent within 20 ms of the first leave together: a card
+/// costs one call, which goes out after the card was handled. While the peer is unreachable only the latest
+/// value of each signal is kept; when the peer is back, the latest of every signal is sent again.
 class CDiagnosticsCommClient {
  public:
   /// Starts to deliver to the host's "Diagnostics" peer. Without such a peer in the configuration file values
@@ -50,7 +50,7 @@ class CDiagnosticsSignal;
 template <>
 class CDiagnosticsSignal<std::string> {
  public:
-  /// The definition is kept by address and must outlive the signal. The default is not sent by itself.
+  /// The definition is kept by address and must outlive the signal. The default value is only sent by Send.
   explicit CDiagnosticsSignal(const CSignalDefinition<std::string>* definition);
 
   void Send() noexcept;  ///< sends the current value (the default at first) again

@@ -30,9 +30,9 @@ class HubConfig {
   /// the section has no values because its file cannot be used.
   bool IsUpdated() const;
 
-  /// Loads the section again. Never throws. A file that cannot be used changes nothing and is logged at every
-  /// call; one that does not parse is not read again until it changes. A caller that reloads when IsUpdated
-  /// is true thus logs a broken file once while good values remain, and every time while there are none.
+  /// Loads the section again. Never throws. An unusable file changes nothing and is logged at every call; a
+  /// file that does not parse is only read again after a change. So a caller that reloads when IsUpdated is
+  /// true logs a broken file once if there are good values from before, and otherwise every time.
   void Reload();
 
   bool GetBool(const std::string& key, bool defaultValue) const;

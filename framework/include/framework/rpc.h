@@ -56,8 +56,8 @@ class IClient {
 
 /// The RPC host on gRPC: serves this daemon's services on one address and connects to its peers.
 ///
-/// Life: construct, AddService for every service, StartServices, then RunServer and HandleClientNotifications
-/// each on a thread of its own, Stop from any other thread, join the two, destroy. A client selects a service
+/// Life: construct, AddService for every service, StartServices. Run RunServer and HandleClientNotifications
+/// each on its own thread. Then Stop from any other thread, join the two, destroy. A client selects a service
 /// by its registered name, which it sends as the authority (HTTP/2 ":authority"). So two services of one
 /// interface may be offered under two names.
 class GrpcBackend {

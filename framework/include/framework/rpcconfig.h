@@ -14,6 +14,6 @@ struct RpcConfig {
   /// Rpc::ConfigurationException that names file, key (or line and column) and reason.
   static RpcConfig Load(const std::string& path);
 
-  /// The same for `text` as the content of the file at `path`.
+  /// The same, but parses `text` as if it were the content of the file at `path`.
   static RpcConfig Parse(const std::string& text, const std::string& path);
 };

@@ -12,7 +12,7 @@ class CWorkerCall {
  public:
   virtual ~CWorkerCall() = default;
 
-  /// Ends it: no call starts afterwards. One that is running goes on (CWorker::Sync waits for it). Any
+  /// Ends the schedule: no call starts afterwards. A running call goes on (CWorker::Sync waits for it). Any
   /// thread.
   virtual void Cancel() = 0;
 };

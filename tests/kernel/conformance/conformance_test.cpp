@@ -1,6 +1,6 @@
-// Sends the same commands to the simulated kernel and to the real one; the answers must be the same. Every
-// command in every state, messages of every form, every kind of tag and faults of the reader, for both kinds
-// of reader.
+// Sends the same commands to the simulated kernel and to the real one; the answers must be the same. Covers
+// every command in every state, messages of every form, every kind of tag and the reader's faults, for both
+// kinds of reader.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -151,7 +151,7 @@ MessageBuilder Message(std::uint16_t family, std::uint8_t command, std::uint16_t
   return message;
 }
 
-/// A request that is correct except for what its name says.
+/// A request with one defect, which its name states.
 struct Form {
   const char* name;
   std::uint16_t flags;

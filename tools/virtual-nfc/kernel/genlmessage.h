@@ -58,7 +58,7 @@ struct Request {
   bool hasGenlHeader = false;
   genlmsghdr genl{};
   Attributes attributes;
-  /// The whole message, which an error answer repeats.
+  /// The whole message. An error answer repeats it.
   Bytes whole;
 
   bool IsDump() const { return (header.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP; }

@@ -9,7 +9,7 @@ namespace virtualnfc {
 
 namespace {
 
-/// The kernel keeps no more targets of one find.
+/// Maximum number of targets that the kernel keeps from one find.
 constexpr std::size_t kMaxTargets = 10;
 
 /// Digital readers do not support Jewel, Nci readers do not support NFC-DEP.
@@ -120,7 +120,7 @@ void NfcDevice::SetFault(Fault fault, bool on) {
   }
 }
 
-/// Of the tags in front of the reader, those that become targets.
+/// Returns the tags in front of the reader that become targets.
 std::vector<Tag> NfcDevice::KnownOf(std::vector<Tag> seen) const {
   if (mStack == Stack::Nci) {
     std::erase_if(seen, [this](const Tag& tag) { return (tag.protocols & mStatus.mask) == 0; });

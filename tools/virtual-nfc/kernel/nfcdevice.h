@@ -17,10 +17,10 @@ struct Target {
   Tag tag;
 };
 
-/// What goes wrong with a reader without an event and without an error. docs/man/virtual-nfc.1 describes the
-/// faults.
+/// Faults of a reader that cause neither an event nor an error. docs/man/virtual-nfc.1 describes the faults.
 enum class Fault {
-  /// The poll finds nothing more, but answers as if it did. Ends with the poll; needs a poll to start.
+  /// The poll finds nothing more, but commands answer as if it were alive. Ends with the poll; needs a poll
+  /// to start.
   PollDead,
   /// Nothing is found, although all commands succeed.
   Deaf,
@@ -81,7 +81,7 @@ class NfcDevice {
   /// poll.
   /// @returns whether targets were found, which ends the poll
   bool Detect(const std::vector<Tag>& field);
-  /// A tag is found after the poll has ended. It is counted all the same.
+  /// A tag is found after the poll has ended. The find is still counted.
   void DropFind() { ++mStatus.targetsFound; }
   /// The device was unplugged. It answers as long as it stays listed.
   void Remove() { mStatus.removed = true; }

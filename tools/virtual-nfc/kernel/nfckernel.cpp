@@ -31,7 +31,8 @@ bool HasShortNumber(const Request& request) {
 NfcKernel::NfcKernel(KernelSettings settings) : mSettings(std::move(settings)) {}
 
 NfcKernel::Result NfcKernel::Handle(const Request& request, std::uint32_t port) {
-  // Without the request flag, or with a type below the families, the kernel only acknowledges, if asked to.
+  // A message without the request flag, or with a type below the families: the kernel only acknowledges it,
+  // if asked to.
   if ((request.header.nlmsg_flags & NLM_F_REQUEST) == 0 || request.header.nlmsg_type < NLMSG_MIN_TYPE) {
     return Acknowledge(request, port, 0, {});
   }

@@ -62,9 +62,8 @@ class NfcKernel {
   /// The command, as rules see it; nothing when the message is no command of these families.
   std::optional<Occurrence> Classify(const Request& request, std::uint32_t port) const;
 
-  /// The errno of a command whose device was unplugged while it waited for the chip; 0 when the command is to
-  /// be carried out.
-  /// @param device the one that was there when the command began
+  /// The errno of a command whose device was unplugged while the command waited for the chip; 0 when the
+  /// command must be carried out. @param device the one that was there when the command began
   int ErrorOfVanishedChip(const Request& request, std::optional<std::uint32_t> device);
 
   static bool SwitchesPower(const Request& request) {

@@ -28,7 +28,7 @@ struct Occurrence {
 
 struct Rule {
   Family family = Family::Nfc;
-  /// None: every command of the family, no event.
+  /// Nothing here: the rule applies to every command of the family and to no event.
   std::optional<std::uint8_t> command;
   std::optional<std::uint32_t> nth;
   std::optional<std::uint32_t> times;
@@ -62,7 +62,8 @@ class RuleSet {
   void Clear() { mRules.clear(); }
   std::vector<RuleStatus> List() const;
 
-  /// The first rule, in order of addition, that fires for this occurrence. Every rule that matches counts it.
+  /// The first rule, in order of addition, that fires for this occurrence. Every matching rule counts the
+  /// occurrence.
   std::optional<Rule> Match(const Occurrence& occurrence);
 
  private:

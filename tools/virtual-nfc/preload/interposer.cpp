@@ -27,7 +27,7 @@ namespace virtualnfc {
 
 namespace {
 
-/// The descriptors that are netlink sockets of ours. Looking up any other costs one load and takes no lock.
+/// The descriptors of our netlink sockets. Checking any other descriptor costs one load and takes no lock.
 class SocketTable {
  public:
   bool Add(int fd, std::shared_ptr<NetlinkSocket> socket) {

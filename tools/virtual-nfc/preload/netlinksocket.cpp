@@ -146,7 +146,7 @@ ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
       return -1;
     }
     if (length < static_cast<ssize_t>(sizeof(header))) {
-      // This datagram only wakes the reader.
+      // An empty datagram only wakes the reader.
       if ((flags & MSG_PEEK) != 0) {
         (void)Real().recv(fd, nullptr, 0, MSG_DONTWAIT);
       }

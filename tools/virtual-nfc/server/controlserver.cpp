@@ -127,7 +127,7 @@ void ControlServer::Run() {
     if (mStop) {
       return;
     }
-    // Read before the recorders are asked, so that later text wakes this thread again.
+    // Reset the event before asking the recorders, so that later text wakes this thread again.
     std::uint64_t ignored = 0;
     (void)!::read(mWake.Get(), &ignored, sizeof(ignored));
     const auto now = std::chrono::steady_clock::now();

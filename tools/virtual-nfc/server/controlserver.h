@@ -17,7 +17,7 @@ namespace virtualnfc {
 
 /// Takes control lines for a server from other processes, one line per connection. The connection ends with
 /// the reply; a connection that records stays open. A program that does not read never blocks the others.
-/// Works from construction to destruction on a thread of its own; the server must outlive it.
+/// Works from construction to destruction on its own thread; the server must outlive it.
 class ControlServer {
  public:
   /// @throws std::runtime_error when it cannot listen

@@ -28,8 +28,8 @@ class NetlinkPort {
   bool IsOpen() const { return static_cast<bool>(mData); }
 
   void Reply(int error) const;
-  /// Hands one datagram to the program.
-  /// @returns false when it did not fit into the receive buffer; the program is told
+  /// Delivers one datagram to the program. @returns false when it did not fit into the receive buffer; the
+  /// program's next receive then reports the loss
   bool Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   /// The program's next receive call fails with ENOBUFS.
   void MarkOverrun();

@@ -38,12 +38,12 @@ struct VirtualNfcSettings {
   std::chrono::milliseconds detectionDelay{20};
   /// From the close of the socket that owns the poll until the poll ends; 0: at once.
   std::chrono::milliseconds ownerReleaseDelay{5};
-  /// How long a powered Nci device stays listed after it was unplugged. A Digital device does not.
+  /// How long a powered Nci device stays listed after it was unplugged. A Digital device disappears at once.
   std::chrono::milliseconds removedListing{5000};
-  /// How long its number stays taken after that.
+  /// How long the device's number stays taken after that.
   std::chrono::milliseconds numberRelease{20};
-  /// How long a STOP_POLL takes when the chip finds a tag at that moment, and for how long after it a command
-  /// to the device hangs.
+  /// How long a STOP_POLL takes when the chip finds a tag at that moment, and for how long afterwards a new
+  /// command to the device hangs.
   std::chrono::milliseconds crossingWait{30000};
   std::chrono::milliseconds crossingPause{250};
 };
@@ -61,9 +61,9 @@ struct Status {
   std::array<std::uint32_t, 256> events{};
   /// A command waits for its chip.
   bool commandWaits = false;
-  /// Messages that wait behind it.
+  /// Messages that wait behind that command.
   std::size_t queued = 0;
-  /// A command came too soon after a STOP_POLL that crossed a find: no command is answered any more.
+  /// A command came too soon after a STOP_POLL that crossed a find. The kernel answers no command any more.
   bool hung = false;
 
   /// The first device that is plugged in; without one, a status without power and poll.
@@ -80,8 +80,8 @@ struct CommandRecord {
   int error = 0;
 };
 
-/// Serves from construction to destruction, on a thread of its own. Any thread may call any operation at any
-/// time, except from a predicate given to WaitFor. Only WaitFor blocks.
+/// Serves from construction to destruction, on its own thread. Any thread may call any operation at any time,
+/// except from a predicate given to WaitFor. Only WaitFor blocks.
 class VirtualNfc {
  public:
   /// @param address where the interposer connects: a path, "@name" for an abstract name, or empty for a new
@@ -118,7 +118,7 @@ class VirtualNfc {
 
   /// Starts or ends a fault of the device. @returns false when there is no such device
   bool SetFault(Fault fault, bool on = true, std::uint32_t index = 0);
-  /// A transfer to the reader fails, once: its poll is dead.
+  /// Lets one transfer to the reader fail, which kills its poll.
   bool KillPoll(std::uint32_t index = 0) { return SetFault(Fault::PollDead, true, index); }
 
   /// Ends the polls of closed sockets now instead of after ownerReleaseDelay.
@@ -155,7 +155,7 @@ class VirtualNfc {
     Rule rule;
     /// A STOP_POLL that the find of a tag delays.
     bool crosses = false;
-    /// The device it named, or the first one, when it began.
+    /// The device that the command named, or the first one when the command began.
     std::optional<std::uint32_t> device;
     std::uint64_t id = 0;
   };
@@ -216,7 +216,7 @@ class VirtualNfc {
   std::deque<Work> mWork;
   std::optional<Waiting> mWaiting;
   std::uint64_t mNextWaiting = 1;
-  /// Until then a find waits for the lock of the device; a command that takes the lock first waits for ever.
+  /// Until then a find waits for the device's lock. A command that takes the lock first waits for ever.
   std::optional<Timers::Clock::time_point> mFindWaitsUntil;
   /// mWaiting is never finished.
   bool mHung = false;

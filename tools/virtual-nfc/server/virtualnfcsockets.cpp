@@ -226,8 +226,8 @@ void VirtualNfc::ReadConnections() {
   std::vector<std::pair<std::uint64_t, Bytes>> records;
   std::set<std::uint64_t> ended;
   Bytes buffer(sizeof(wire::OperationHeader) + wire::kMaxMessage);
-  // When a program closes one socket and then uses another, the first must be closed before: read until
-  // nothing more comes, then close, then carry out.
+  // A program may close one socket and then use another. To keep this order, read until nothing more comes,
+  // then close, then carry out.
   for (bool isMore = true; isMore;) {
     isMore = false;
     for (const auto& [id, socket] : mConnections) {

@@ -15,7 +15,7 @@
 
 namespace virtualnfc {
 
-/// Records from construction to destruction, beginning with what is there already. It keeps the text until it
+/// Records from construction to destruction, beginning with the existing sockets. It keeps the text until it
 /// is taken, up to a limit; the record ends when the limit is exceeded.
 class Recorder : private NetlinkObserver {
  public:

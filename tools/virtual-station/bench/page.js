@@ -8,7 +8,7 @@ const make = (tag, properties = {}, ...children) => {
   return element;
 };
 
-// The cards to click. One without a kind cannot be tapped: it is injected.
+// The cards to click. A card without a kind cannot be tapped, so it is injected.
 const cards = [
   { name: 'Known card', uid: '04A12B5C', kind: 'mifare', about: 'MIFARE, 4 bytes', colour: '#0f766e' },
   { name: 'Unknown card', uid: '5A3C91F0', kind: 'mifare', about: 'MIFARE, 4 bytes', colour: '#475569' },

@@ -74,7 +74,7 @@ export class Station {
     this.lasting();
     const sound = this.find('sound');
     sound.setAttribute('class', 'sound');
-    sound.getBoundingClientRect();  // so that the animation starts anew
+    sound.getBoundingClientRect();  // restarts the animation
     sound.setAttribute('class', event === 'rejected' ? 'sound long' : 'sound now');
   }
 
