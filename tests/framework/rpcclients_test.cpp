@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 
 #include "diagnosticstransport.h"
 #include "evidence.h"
@@ -35,6 +36,7 @@ namespace {
 
 using namespace rpctesting;
 using testing::AllOf;
+using testing::Ge;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -259,7 +261,17 @@ TYPED_TEST_SUITE(DiagnosticsTransport, Services);
 
 TYPED_TEST(DiagnosticsTransport, OnlyARestartedPeerGetsValuesAgain) {
   const Root root;
-  const std::string address = "unix:" + root.At("diagnostics.sock");
+  const std::string path = root.At("diagnostics.sock");
+  const std::string address = "unix:" + path;
+  // The listening socket, the connection that delivers and the one that watches the peer.
+  const auto sockets = [&] {
+    std::ifstream table("/proc/net/unix");
+    int count = 0;
+    for (std::string line; std::getline(table, line);) {
+      count += line.ends_with(path) ? 1 : 0;
+    }
+    return count;
+  };
   const CSignalDefinition<std::string> definition{ipc::ESignalRfidState, "state", "", ""};
   CDiagnosticsSignal<std::string> signal(&definition);
   signal.Send("kept");
@@ -272,6 +284,7 @@ TYPED_TEST(DiagnosticsTransport, OnlyARestartedPeerGetsValuesAgain) {
     DiagnosticsService& taking = i == 0 ? former : service;
     const PeerServer peer(address, "Diagnostics", taking);
     EXPECT_TRUE(Becomes([&] { return taking.mValues.Take(); }, Optional(std::string("kept"))));
+    EXPECT_TRUE(Becomes(sockets, Ge(3)));
   }
   // The timeout is long, so that no value is sent twice because the machine stalls.
   CDiagnosticsCommClient::Initialize(CreateDiagnosticsTransport("Diagnostics", address, seconds(60)));
