@@ -74,6 +74,13 @@ bool CWatchdogFeeder::HasMachineMoved() {
     return false;
   }
   const bool isAnswered = mProbe.valid();
+  try {
+    if (isAnswered) {
+      mProbe.get();
+    }
+  } catch (const std::future_error&) {
+    return false;  // the machine has ended: if closing the reader hangs, nothing may feed the watchdog
+  }
   const auto probe = std::make_shared<WatchdogProbe>();
   mProbe = probe->mHandled.get_future();
   mMachine->PostEvent(probe);

@@ -42,6 +42,7 @@ class CServiceNotify {
 ///
 /// Each feed needs new proof from both, so a thread that hangs for longer than the watchdog's period starves
 /// it. A shorter wait for the kernel does not.
+/// A machine that has ended gives no proof, so an end that hangs starves the watchdog, too.
 ///
 /// Threads: Look on one thread; it never blocks.
 class CWatchdogFeeder {

@@ -22,9 +22,13 @@ class WatchdogFeeder : public ::testing::Test {
     };
     mThread = std::thread([this] { mMachine->Run(); });
   }
-  ~WatchdogFeeder() override {
-    mMachine->Stop();
-    mThread.join();
+  ~WatchdogFeeder() override { EndMachine(); }
+
+  void EndMachine() {
+    if (mThread.joinable()) {
+      mMachine->Stop();
+      mThread.join();
+    }
   }
 
   /// Looks until the next feed.
@@ -71,4 +75,11 @@ TEST_F(WatchdogFeeder, StarvesTheWatchdogWhileTheMonitorStandsStill) {
   EXPECT_EQ(FeedsOfManyLooks(), 0);
   mMonitorMoves = true;
   AwaitFeed();
+}
+
+TEST_F(WatchdogFeeder, StarvesTheWatchdogOnceTheMachineHasEnded) {
+  AwaitFeed();
+  EndMachine();
+  mFeeder.Look();  // the machine may have taken the last probe
+  EXPECT_EQ(FeedsOfManyLooks(), 0);
 }
