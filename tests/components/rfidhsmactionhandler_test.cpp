@@ -78,7 +78,7 @@ INSTANTIATE_TEST_SUITE_P(
                                       "Failed to stop polling."}),
     [](const auto& action) { return action.param.operation; });
 
-TEST(RfidError, OnlyWhatReopeningTheReaderMayCureIsRecoverable) {
+TEST(RfidError, OnlyErrorsThatReopeningMayCureAreRecoverable) {
   std::vector<int> recoverable;
   for (int code = 0; code <= 200; ++code) {
     if (CRfidError("", code).IsRecoverable()) {

@@ -100,7 +100,7 @@ TEST(BenchModel, EveryCardThatWaitsGetsItsOwnOutcome) {
                                            "11223344 unanswered", "99AABBCC state 77", "11223344 learned"));
 }
 
-TEST(BenchModel, AnOutcomeIsTheNewestCards) {
+TEST(BenchModel, AnOutcomeBelongsToTheNewestCard) {
   BenchModel model;
   model.OnCardPresented("11223344", "mifare", kNow);
   Report(model, "11223344", ipc::ERfidUidNotInList);
@@ -198,7 +198,7 @@ TEST_F(Server, TakesRequestsFromItsOwnPageAndFromNoOther) {
   }
 }
 
-TEST_F(Server, RefusesWhatIsNoRequest) {
+TEST_F(Server, RefusesMalformedRequests) {
   const httplib::Headers header{{"X-Bench", "1"}};
   EXPECT_EQ(Do(header, "{\"do\": "), 400);
   EXPECT_EQ(Do(header, "[]"), 400);

@@ -113,7 +113,7 @@ TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {
   EXPECT_THAT(client.Received(), IsEmpty());
 }
 
-TEST(VirtualNfcEvents, AreLostWhenTheBufferIsFullAndThatIsToldOnce) {
+TEST(VirtualNfcEvents, AreLostWhenTheBufferIsFullAndReportedOnce) {
   InProcessVirtualNfc kernel;
   const NfcClient listener;
   listener.JoinEvents();
