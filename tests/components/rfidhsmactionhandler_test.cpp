@@ -16,6 +16,8 @@ struct LifecycleAction {
   void (CRfidHsmActionHandler::*action)();
   const char* state;
   const char* message;
+
+  friend void PrintTo(const LifecycleAction& action, std::ostream* out) { *out << action.operation; }
 };
 
 class ActionHandlerLifecycle : public ActionHandler, public ::testing::WithParamInterface<LifecycleAction> {};
