@@ -17,10 +17,9 @@ namespace {
 
 // A command to the reader may take the daemon half a minute.
 constexpr auto kAnswerTime = std::chrono::seconds(60);
-constexpr auto kReaderTime = std::chrono::seconds(5);  ///< virtual-nfc answers at once
 constexpr auto kLogPeriod = std::chrono::milliseconds(250);
 constexpr int kLookPeriods = 4;
-constexpr const char* kHoldMilliseconds = "700";
+constexpr const char* kHoldSeconds = "0.7";
 constexpr std::size_t kLongestUid = 64;
 
 bool IsHex(const std::string& text) {
@@ -147,7 +146,7 @@ void Bench::LookAtReader() {
   Json::Value reader;
   reader["simulated"] = !mSettings.nfcSocket.empty();
   if (!mSettings.nfcSocket.empty()) {
-    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status json", kReaderTime);
+    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status --json");
     reader["there"] = reply.rfind("ok\n", 0) == 0;
     if (reader["there"].asBool()) {
       const Json::Value status = Parse(reply.substr(3));
@@ -307,7 +306,8 @@ Bench::Answer Bench::Tap(const std::string& kind, const std::string& uid) {
     return {false, "A card has one of virtual-nfc's kinds and a hexadecimal UID."};
   }
   const std::uint64_t card = mModel.OnCardPresented(uid, kind, std::chrono::steady_clock::now());
-  Answer answer = AskReader("tap " + kind + " " + uid + " " + kHoldMilliseconds, uid + " is at the reader.");
+  Answer answer =
+      AskReader("tap " + uid + " --tech " + kind + " --hold " + kHoldSeconds, uid + " is at the reader.");
   if (!answer.done) {
     mModel.Withdraw(card);
   }
@@ -318,7 +318,7 @@ Bench::Answer Bench::AskReader(const std::string& line, const std::string& done)
   if (mSettings.nfcSocket.empty()) {
     return {false, "There is no simulated reader: the bench was started without --nfc. Injecting works."};
   }
-  const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, line, kReaderTime);
+  const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, line);
   if (reply.empty()) {
     return {false, "virtual-nfc cannot be reached at " + mSettings.nfcSocket + ": " +
                        std::generic_category().message(errno) + "."};
