@@ -15,7 +15,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kFailureStatus = 1;
 constexpr std::chrono::seconds kProgressPeriod(10);
 
 std::string MinutesAndSeconds(Clock::duration time) {
@@ -68,10 +67,5 @@ int RunCommandLine(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return RunCommandLine(argc, argv);
-  } catch (const std::exception& e) {
-    PrintError("soak", e.what());
-    return kFailureStatus;
-  }
+  return RunTool("soak", RunCommandLine, argc, argv);
 }

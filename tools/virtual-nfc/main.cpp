@@ -16,7 +16,6 @@
 #include "tools/common/output.h"
 #include "tools/common/stopsignals.h"
 #include "tools/virtual-nfc/server/controlprotocol.h"
-#include "tools/virtual-nfc/server/controlserver.h"
 #include "tools/virtual-nfc/server/virtualnfc.h"
 #include "tools/virtual-nfc/trace/recorder.h"
 
@@ -36,10 +35,8 @@ int Fail(ExitStatus status, const std::string& message) {
 int Serve(const std::string& address, Stack stack, const std::string& record) {
   const StopSignals signals;
   std::optional<VirtualNfc> server;
-  std::optional<ControlServer> control;
   try {
     server.emplace(VirtualNfcSettings{.kernel = {.stack = stack}}, address);
-    control.emplace(*server);
   } catch (const std::runtime_error& error) {
     return Fail(Unreachable, error.what());
   }
@@ -145,9 +142,5 @@ int RunCommandLine(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return RunCommandLine(argc, argv);
-  } catch (const std::exception& error) {
-    return Fail(Refused, error.what());
-  }
+  return RunTool(kTool, RunCommandLine, argc, argv);
 }

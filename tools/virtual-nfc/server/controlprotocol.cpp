@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <json/json.h>
+#include <sys/time.h>
 
 #include <cmath>
 #include <stdexcept>
@@ -111,7 +112,7 @@ ControlCommands::ControlCommands(CLI::App& app) {
   add.footer(
       "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any, a number\n"
       "Events: TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
-      "Conditions: nth=N times=N port=N device=N\n"
+      "Conditions: nth=N times=N\n"
       "Actions: errno=E delay=MS fault=NAME cross unplug drop truncate=N "
       "garble[=long|short|missing|twice|nested] duplicate\n"
       "reverse no-done interrupted seq=N sender=N overrun close");
@@ -188,8 +189,21 @@ std::string HandleControlLine(VirtualNfc& server, const std::string& line) {
   }
 }
 
-std::string ControlAddress(std::string_view address) {
-  return std::string(address) + ".control";
+std::string AskServer(const std::string& address, std::string_view line) {
+  const UniqueFd fd = ConnectUnix(address, SOCK_SEQPACKET);
+  const wire::OperationHeader header{wire::Operation::Control, 0, 0};
+  const ByteView head = BytesOf(header);
+  std::string request(head.begin(), head.end());
+  request += line;
+  const timeval limit{5, 0};
+  std::string reply(wire::kMaxMessage, '\0');
+  if (!fd || ::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0 ||
+      ::send(fd.Get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) {
+    return "";
+  }
+  const ssize_t length = ::recv(fd.Get(), reply.data(), reply.size(), 0);
+  reply.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  return reply;
 }
 
 }  // namespace virtualnfc

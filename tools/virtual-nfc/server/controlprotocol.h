@@ -4,7 +4,7 @@
 // checks its command line with them and sends it on, and the server parses it with them again.
 //
 // A request is one line, "tap 04A12B5C --hold 0.5". The reply is "ok" or "error: REASON" in a line of its
-// own; the text that was asked for follows.
+// own; the text that was asked for follows. Both go through the server's one socket.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
@@ -56,7 +56,8 @@ class ControlCommands {
 /// Carries out one line and returns the reply. Does not throw for bad input; does not block.
 std::string HandleControlLine(VirtualNfc& server, const std::string& line);
 
-/// Where a server at this address listens for these lines.
-std::string ControlAddress(std::string_view address);
+/// Sends a line to the server at this address and waits for the reply, up to five seconds.
+/// @returns the reply; empty, with errno, when the server cannot be reached or does not reply in time
+std::string AskServer(const std::string& address, std::string_view line);
 
 }  // namespace virtualnfc
