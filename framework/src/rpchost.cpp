@@ -104,9 +104,6 @@ void GrpcBackend::Impl::Listen() {
     newSocket = std::make_unique<CListenSocket>(address.substr(kUnixScheme.size()));
     address = kUnixScheme + newSocket->TemporaryPath();
   }
-  for (const ServiceEntry& entry : services) {
-    entry.runtime->pool.Start();
-  }
   const auto building = std::move(builder);
   building->SetMaxReceiveMessageSize(kMaxRequestSize);
   building->AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, kMaxStreamsPerConnection);
