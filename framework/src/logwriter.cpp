@@ -11,6 +11,9 @@
 
 namespace {
 
+/// How long the first line waits for others. A crash loses the lines that wait.
+constexpr std::chrono::milliseconds kGatherPeriod{2};
+
 /// Approximate memory for a queued line, including the allocator's and the queue's overhead.
 std::size_t SizeOf(const LogLine& line) {
   constexpr std::size_t kBookkeeping = 64;
@@ -32,9 +35,11 @@ CLogWriter::~CLogWriter() {
 }
 
 void CLogWriter::Push(std::shared_ptr<const LogLine> line) {
+  bool isFirst = false;
   {
     const std::lock_guard lock(mMutex);
     const std::size_t size = SizeOf(*line);
+    isFirst = mLines.empty();
     mLines.push_back(std::move(line));
     mBytes += size;
     ++mPushed;
@@ -44,11 +49,15 @@ void CLogWriter::Push(std::shared_ptr<const LogLine> line) {
       ++mDropped;
     }
   }
-  mWake.notify_one();
+  if (isFirst) {
+    mWake.notify_one();
+  }
 }
 
 bool CLogWriter::Flush(std::chrono::steady_clock::time_point deadline) {
   std::unique_lock lock(mMutex);
+  mIsFlushing = true;
+  mWake.notify_one();
   return mProgress.wait_until(lock, deadline, [this, last = mPushed] {
     const std::uint64_t taken = mPushed - mLines.size();
     return taken >= last && (mInHand == 0 || mInHand > last);
@@ -63,7 +72,11 @@ void CLogWriter::Run(const std::string& threadName) {
 
   std::unique_lock lock(mMutex);
   for (;;) {
-    mWake.wait(lock, [this] { return mStopping || !mLines.empty(); });
+    if (mLines.empty()) {
+      mIsFlushing = false;
+      mWake.wait(lock, [this] { return mStopping || !mLines.empty(); });
+      mWake.wait_for(lock, kGatherPeriod, [this] { return mStopping || mIsFlushing; });
+    }
     if (mStopping) {
       return;
     }

@@ -32,6 +32,7 @@ constexpr std::size_t kLogBacklog = std::size_t{2} * 1024 * 1024;
 /// free space. spdlog's asynchronous logger does not fit: its queue is bounded in lines and allocated at the
 /// start, its thread wakes up every ten seconds, and its flush has no timeout.
 ///
+/// The thread waits a moment for further lines after the first, so that a card's ten lines wake it once.
 /// At most kLogBacklog bytes are queued. Beyond that the oldest lines are dropped, and a warning in their
 /// place says how many.
 ///
@@ -65,6 +66,7 @@ class CLogWriter {
   std::size_t mDropped = 0;   // and not reported yet
   std::uint64_t mPushed = 0;  // the number of the last line in mLines
   std::uint64_t mInHand = 0;  // the number of the line being written, 0 while there is none
+  bool mIsFlushing = false;   // somebody waits in Flush
   bool mStopping = false;
   std::thread mThread;
 };
