@@ -14,10 +14,11 @@ struct CConnectionWatch::State : std::enable_shared_from_this<State> {
   void TakeChange();
 
   std::shared_ptr<CRpcQueue> queue;
+  std::string address;
   std::function<bool()> isConnected;
   std::function<void()> lost;
   std::mutex mutex;                        // guards the rest; held while the two functions run
-  std::shared_ptr<grpc::Channel> channel;  // none: the watch has ended
+  std::shared_ptr<grpc::Channel> channel;  // none before the first Begin and after the end
   bool isWatching = false;
   grpc_connectivity_state state = GRPC_CHANNEL_IDLE;  // when the wait for a change began
 };
@@ -52,12 +53,10 @@ void CConnectionWatch::State::TakeChange() {
 CConnectionWatch::CConnectionWatch(std::shared_ptr<CRpcQueue> queue, const std::string& address,
                                    std::function<bool()> isConnected, std::function<void()> lost)
     : mState(std::make_shared<State>()) {
-  grpc::ChannelArguments arguments;
-  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
   mState->queue = std::move(queue);
+  mState->address = address;
   mState->isConnected = std::move(isConnected);
   mState->lost = std::move(lost);
-  mState->channel = grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), arguments);
 }
 
 CConnectionWatch::~CConnectionWatch() {
@@ -67,6 +66,12 @@ CConnectionWatch::~CConnectionWatch() {
 
 void CConnectionWatch::Begin() {
   const std::lock_guard<std::mutex> lock(mState->mutex);
+  if (!mState->channel) {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+    mState->channel =
+        grpc::CreateCustomChannel(mState->address, grpc::InsecureChannelCredentials(), arguments);
+  }
   if (!mState->isWatching) {
     mState->WaitForChange(mState->channel->GetState(true));
   }

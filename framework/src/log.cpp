@@ -27,6 +27,9 @@ namespace {
 /// How long a critical line and the end of the process wait for the logs.
 constexpr std::chrono::seconds kFlushTimeout(2);
 
+/// A card writes ten lines within two milliseconds: they wake the writer of the system log once.
+constexpr std::chrono::milliseconds kGather(2);
+
 static_assert(static_cast<int>(Log::ELogLevel::Trace) == spdlog::level::trace &&
               static_cast<int>(Log::ELogLevel::Critical) == spdlog::level::critical);
 
@@ -59,7 +62,7 @@ CLogWriter::Write ToConsole() {
 }
 
 struct Logs {
-  explicit Logs(std::string name) : system("log-system", ToSystemLog(std::move(name))) {}
+  explicit Logs(std::string name) : system("log-system", ToSystemLog(std::move(name)), kGather) {}
 
   bool FlushConsole(std::chrono::steady_clock::time_point deadline) const {
     CLogWriter* const writer = console;

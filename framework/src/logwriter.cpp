@@ -11,9 +11,6 @@
 
 namespace {
 
-/// How long the first line waits for others. A crash loses the lines that wait.
-constexpr std::chrono::milliseconds kGatherPeriod{2};
-
 /// Approximate memory for a queued line, including the allocator's and the queue's overhead.
 std::size_t SizeOf(const LogLine& line) {
   constexpr std::size_t kBookkeeping = 64;
@@ -22,8 +19,10 @@ std::size_t SizeOf(const LogLine& line) {
 
 }  // namespace
 
-CLogWriter::CLogWriter(std::string threadName, Write write)
-    : mWrite(std::move(write)), mThread([this, name = std::move(threadName)] { Run(name); }) {}
+CLogWriter::CLogWriter(std::string threadName, Write write, std::chrono::milliseconds gather)
+    : mWrite(std::move(write)),
+      mGather(gather),
+      mThread([this, name = std::move(threadName)] { Run(name); }) {}
 
 CLogWriter::~CLogWriter() {
   {
@@ -75,7 +74,9 @@ void CLogWriter::Run(const std::string& threadName) {
     if (mLines.empty()) {
       mIsFlushing = false;
       mWake.wait(lock, [this] { return mStopping || !mLines.empty(); });
-      mWake.wait_for(lock, kGatherPeriod, [this] { return mStopping || mIsFlushing; });
+      if (mGather.count() > 0) {
+        mWake.wait_for(lock, mGather, [this] { return mStopping || mIsFlushing; });
+      }
     }
     if (mStopping) {
       return;

@@ -32,7 +32,6 @@ constexpr std::size_t kLogBacklog = std::size_t{2} * 1024 * 1024;
 /// free space. spdlog's asynchronous logger does not fit: its queue is bounded in lines and allocated at the
 /// start, its thread wakes up every ten seconds, and its flush has no timeout.
 ///
-/// The thread waits a moment for further lines after the first, so that a card's ten lines wake it once.
 /// At most kLogBacklog bytes are queued. Beyond that the oldest lines are dropped, and a warning in their
 /// place says how many.
 ///
@@ -43,8 +42,11 @@ class CLogWriter {
   /// Writes one line; may block. Returns false or throws when the log did not take it.
   using Write = std::function<bool(const LogLine&)>;
 
-  CLogWriter(std::string threadName, Write write);  ///< throws std::system_error when there is no thread
-  ~CLogWriter();                                    ///< drops the queue; waits for the line being written
+  /// The first line waits for others for as long as `gather` says; a crash loses the lines that wait. Throws
+  /// std::system_error when there is no thread.
+  CLogWriter(std::string threadName, Write write,
+             std::chrono::milliseconds gather = std::chrono::milliseconds(0));
+  ~CLogWriter();  ///< drops the queue; waits for the line being written
   CLogWriter(const CLogWriter&) = delete;
   CLogWriter& operator=(const CLogWriter&) = delete;
 
@@ -58,6 +60,7 @@ class CLogWriter {
   void WriteAfterGap(std::size_t& dropped, const LogLine& line) const;
 
   const Write mWrite;
+  const std::chrono::milliseconds mGather;
   std::mutex mMutex;  // guards the rest except the thread
   std::condition_variable mWake;
   std::condition_variable mProgress;
