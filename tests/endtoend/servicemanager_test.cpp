@@ -92,8 +92,6 @@ class ServiceManager : public DaemonTest {
 
 }  // namespace
 
-#ifdef RFID_SYSTEMD
-
 TEST_F(ServiceManager, IsToldReadinessEveryStateAndLife) {
   StartDaemon({});
   EXPECT_THAT(HearUntil("READY=1"), ElementsAre("STATUS=Uninitialized: waiting for the supervisor"));
@@ -141,5 +139,3 @@ TEST_F(ServiceManager, HearsNoLifeFromAMonitorThatHangs) {
   EXPECT_TRUE(Starves());
   Abort();
 }
-
-#endif
