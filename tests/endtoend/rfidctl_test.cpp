@@ -92,38 +92,6 @@ TEST_F(Rfidctl, WatchingTooFewNotificationsIsAFailure) {
   ExpectError("0 of 1");
 }
 
-TEST_F(Rfidctl, OutputThatCannotBeWrittenIsAFailure) {
-  StartDaemon();
-  EXPECT_EQ(Start({"/bin/sh", "-c", "\"$0\" --root \"$1\" state >/dev/full", RFIDCTL_PATH, mRoot})->Wait(),
-            "exit 1");
-  ExpectError("No space left");
-}
-
-TEST_F(Rfidctl, AnUnknownWordIsNamed) {
-  for (const auto& [arguments, named] : std::vector<std::pair<Words, std::string>>{
-           {{}, "required"},
-           {{"stat"}, "stat"},
-           {{"--nonsense", "state"}, "--nonsense"},
-           {{"log-level", "loud"}, "loud"},
-           {{"watch", "--timeout", "nan"}, "--timeout"},
-           {{"watch", "--only", "cards"}, "cards"},
-           {{"inject", "\xFF"}, "UID"},
-           {{"--address", "here", "state"}, "--address"},
-       }) {
-    Expect(arguments, "exit 2", "", named);
-  }
-}
-
-TEST_F(Rfidctl, ADaemonThatIsNotThereIsNamedWithTheReason) {
-  StopPeers();
-  for (const Words& command :
-       {Words{"state"}, Words{"inject", "04A12B5C"}, Words{"watch"}, Words{"signals"}}) {
-    Expect(command, "exit 3", "", "No such file or directory");
-  }
-  std::filesystem::remove(Path("etc/plex.json"));
-  Expect({"state"}, "exit 3", "", "plex.json");
-}
-
 TEST_F(Rfidctl, ASocketWithoutPermissionIsNamed) {
   StartDaemon();
   std::filesystem::permissions(Path("run/rfid.sock"), std::filesystem::perms::none);

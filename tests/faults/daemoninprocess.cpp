@@ -23,7 +23,6 @@ VirtualNfcSettings Settings() {
   settings.detectionDelay = kDetection;
   settings.ownerReleaseDelay = 60s;  // the kernel's few milliseconds would make the outcome random
   settings.removedListing = 5ms;
-  settings.numberRelease = 0ms;
   return settings;
 }
 

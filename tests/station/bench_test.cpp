@@ -40,11 +40,6 @@ bool Is(const BenchModel& model, const char* what) {
 /// A server that stores its requests.
 class Server : public ::testing::Test {
  protected:
-  ~Server() override {
-    mServer.Stop();
-    mThread.join();
-  }
-
   /// The status of the answer. The server closes a connection that is silent for a second. If this process
   /// was not scheduled in time to send, it asks again.
   template <typename Request>
@@ -73,7 +68,6 @@ class Server : public ::testing::Test {
                       0};
   const std::string mUrl = mServer.Url().substr(0, mServer.Url().size() - 1);
   const std::string mHost = mUrl.substr(7);
-  std::thread mThread{[this] { mServer.Run(); }};
 };
 
 }  // namespace

@@ -29,6 +29,18 @@ expect 1 'No space left' 'virtual-nfc --socket s env >/dev/full'
 expect 1 'No space left' 'virtual-nfc --socket s serve >/dev/full'
 expect 1 'cannot write' 'rfidctl --help >/dev/full'
 expect 2 '107 characters' "rfidctl --address unix:$long state"
+expect 2 'neither unix:PATH nor HOST:PORT' 'rfidctl --address here state'
+expect 2 'required' 'rfidctl'
+expect 2 'no command stat' 'rfidctl stat'
+expect 2 'no option --nonsense' 'rfidctl --nonsense'
+expect 2 'loud' 'rfidctl log-level loud'
+expect 2 '--timeout' 'rfidctl watch --timeout nan'
+expect 2 'cards' 'rfidctl watch --only cards'
+expect 2 'UID' "rfidctl inject \$'\\xFF'"
+expect 3 'plex.json' 'rfidctl --root hub state'
+for command in state watch 'inject 04A12B5C'; do
+  expect 3 'No such file or directory' "rfidctl --root . $command"
+done
 expect 1 'Not a directory' 'virtual-station --root . serve'
 expect 1 'Is a directory' 'virtual-station --root . ocpp on'
 plex "\"Diagnostics\": \"unix:file\"" file

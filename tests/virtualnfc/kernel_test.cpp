@@ -33,31 +33,6 @@ TEST(VirtualNfcFamily, IsListedToLibnlWithThisKernelsNumbers) {
   }
 }
 
-TEST(VirtualNfcCommands, AnswerEalreadyOnRequest) {
-  VirtualNfcSettings settings;
-  settings.kernel.assumeAlready = true;
-  const InProcessVirtualNfc kernel(settings);
-  const NfcClient a;
-  const NfcClient b;
-  EXPECT_EQ(a.Command(NFC_CMD_DEV_UP), 0);
-  EXPECT_EQ(a.Command(NFC_CMD_STOP_POLL), EALREADY);
-  EXPECT_EQ(a.Command(NFC_CMD_START_POLL), 0);
-  EXPECT_EQ(a.Command(NFC_CMD_START_POLL), EALREADY);
-  EXPECT_EQ(b.Command(NFC_CMD_STOP_POLL), EBUSY);
-  EXPECT_EQ(a.Command(NFC_CMD_STOP_POLL), 0);
-}
-
-TEST(VirtualNfcCommands, NeedAPrivilegeToChangeAnything) {
-  VirtualNfcSettings settings;
-  settings.kernel.privileged = false;
-  const InProcessVirtualNfc kernel(settings);
-  const NfcClient client;
-  for (const auto command : {NFC_CMD_DEV_UP, NFC_CMD_DEV_DOWN, NFC_CMD_START_POLL, NFC_CMD_STOP_POLL}) {
-    EXPECT_EQ(client.Command(command), EPERM);
-  }
-  EXPECT_EQ(client.Command(NFC_CMD_GET_DEVICE), 0);
-}
-
 TEST(VirtualNfcDevice, IsListedAfterTheOthersInOneDatagram) {
   InProcessVirtualNfc kernel;
   kernel.Plug(3);

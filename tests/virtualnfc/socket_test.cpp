@@ -171,7 +171,7 @@ VirtualNfcSettings WithChip() {
 
 class VirtualNfcWaiting : public testing::Test {
  protected:
-  explicit VirtualNfcWaiting(const VirtualNfcSettings& settings = WithChip()) : mKernel(settings) {
+  VirtualNfcWaiting() {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     action.sa_flags = SA_RESTART;
@@ -201,7 +201,7 @@ class VirtualNfcWaiting : public testing::Test {
 
   static constexpr int kRestartSys = 512;
 
-  InProcessVirtualNfc mKernel;
+  InProcessVirtualNfc mKernel{WithChip()};
   const NfcClient mWaiter;
   const NfcClient mOther;
   const NfcClient mListener;
@@ -248,22 +248,6 @@ TEST_F(VirtualNfcWaiting, HangsForGoodAfterAFindThatCrossedStopPoll) {
   mKernel.Stop();
   EXPECT_EQ(EndWait(), std::nullopt);
   EXPECT_EQ(other.get(), std::nullopt);
-}
-
-class VirtualNfcDigital : public VirtualNfcWaiting {
- protected:
-  VirtualNfcDigital() : VirtualNfcWaiting(WithPromptRelease()) {}
-};
-
-TEST_F(VirtualNfcDigital, IgnoresSignalsAndCrossingFinds) {
-  ASSERT_TRUE(mWaiter.Poll());
-  mKernel.AddRule("STOP_POLL cross delay=300 times=1");
-  BeginWait(NFC_CMD_STOP_POLL);
-  EXPECT_EQ(EndWait(), 0);
-  EXPECT_EQ(mWaiter.Command(NFC_CMD_DEV_DOWN), 0);
-  mKernel.AddRule("DEV_UP delay=300 times=1");
-  BeginWait(NFC_CMD_DEV_UP);
-  EXPECT_EQ(EndWait(), 0);
 }
 
 TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceIsUnplugged) {

@@ -2,6 +2,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <json/reader.h>
 #include <json/writer.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -34,6 +36,19 @@ std::string ToJsonLine(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   return Json::writeString(builder, value);
+}
+
+Json::Value ParseJsonObject(const std::string& text) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  std::istringstream stream(text);
+  Json::Value value;
+  try {
+    return Json::parseFromStream(builder, stream, &value, nullptr) && value.isObject() ? value
+                                                                                       : Json::Value();
+  } catch (const Json::Exception&) {  // nested too deeply
+    return {};
+  }
 }
 
 std::string Printable(std::string_view text) {

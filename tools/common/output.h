@@ -25,6 +25,9 @@ class LineOutput {
 /// The JSON document in one line.
 std::string ToJsonLine(const Json::Value& value);
 
+/// The JSON object in this text, by the strict rules; null when it has none.
+Json::Value ParseJsonObject(const std::string& text);
+
 /// The text with control characters as \xNN, so that text from outside cannot control the terminal.
 std::string Printable(std::string_view text);
 

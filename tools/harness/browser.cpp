@@ -2,21 +2,16 @@
 
 #include <httplib.h>
 #include <json/reader.h>
-#include <json/writer.h>
 
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 
+#include "tools/common/output.h"
+
 namespace {
 
 constexpr const char* kElementKey = "element-6066-11e4-a52e-4f735466cecf";
-
-std::string ToText(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
-}
 
 Json::Value Object(const char* key, const Json::Value& value) {
   Json::Value object(Json::objectValue);
@@ -67,7 +62,7 @@ Browser::~Browser() {
 Json::Value Browser::Ask(const std::string& method, const std::string& path, const Json::Value& body) {
   httplib::Client client(mAddress);
   client.set_read_timeout(std::chrono::minutes(5));  // the first request starts the browser
-  const auto result = method == "POST"  ? client.Post(path, ToText(body), "application/json")
+  const auto result = method == "POST"  ? client.Post(path, ToJsonLine(body), "application/json")
                       : method == "GET" ? client.Get(path)
                                         : client.Delete(path);
   if (!result) {

@@ -14,7 +14,7 @@ constexpr std::array<const char*, kOutcomeCount> kNames{
     "lost: not enabled",
     "lost: an error was reported",
     "lost: no reader, reported",
-    "lost: the event was lost, the next check of polling cures it",
+    "lost: the event was lost, the next check starts polling again",
     "unexplained"};
 
 }  // namespace
@@ -40,5 +40,5 @@ std::string Ledger::Report() const {
   for (const auto& problem : mProblems) {
     report += "problem: " + problem + "\n";
   }
-  return report + (AddsUp() ? "All of it adds up.\n" : "It does not add up.\n");
+  return report + (AddsUp() ? "Everything adds up.\n" : "It does not add up.\n");
 }

@@ -130,7 +130,7 @@ void StationDriver::Request(bool enable) {
 
 bool StationDriver::Require(bool condition, const std::string& what) {
   if (!condition) {
-    mLedger.AddProblem(fmt::format("{}: it does not hold that {}", mAction, what));
+    mLedger.AddProblem(fmt::format("{}: this does not hold: {}", mAction, what));
   }
   return condition;
 }

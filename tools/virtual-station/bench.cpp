@@ -1,14 +1,12 @@
 #include "tools/virtual-station/bench.h"
 
-#include <json/reader.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
 #include "tools/common/channel.h"
+#include "tools/common/output.h"
 #include "tools/common/texts.h"
 #include "tools/virtual-nfc/kernel/tag.h"
 #include "tools/virtual-nfc/server/controlprotocol.h"
@@ -28,13 +26,6 @@ bool IsHex(const std::string& text) {
 
 bool IsPrintableAscii(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
-}
-
-Json::Value Parse(const std::string& text) {
-  Json::CharReaderBuilder builder;
-  Json::Value value;
-  std::istringstream stream(text);
-  return Json::parseFromStream(builder, stream, &value, nullptr) ? value : Json::Value();
 }
 
 std::string TextOf(const Json::Value& request, const char* key) {
@@ -146,20 +137,8 @@ void Bench::LookAtReader() {
   reader["simulated"] = !mSettings.nfcSocket.empty();
   if (!mSettings.nfcSocket.empty()) {
     const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status --json");
-    reader["there"] = reply.rfind("ok\n", 0) == 0;
-    if (reader["there"].asBool()) {
-      const Json::Value status = Parse(reply.substr(3));
-      const Json::Value& devices = status["devices"];
-      const auto device = std::find_if(devices.begin(), devices.end(),
-                                       [](const Json::Value& one) { return !one["removed"].asBool(); });
-      reader["plugged"] = device != devices.end();
-      if (device != devices.end()) {
-        for (const char* key : {"name", "powered", "polling"}) {
-          reader[key] = (*device)[key];
-        }
-      }
-      reader["tags"] = status["tags"];
-    }
+    reader["there"] = reply.starts_with("ok\n");
+    reader["devices"] = ParseJsonObject(reply.substr(reply.find('\n') + 1))["devices"];
   }
   mModel.SetReader(reader);
 }

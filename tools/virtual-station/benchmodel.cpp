@@ -5,6 +5,7 @@
 
 #include "tools/common/output.h"
 #include "tools/common/texts.h"
+#include "tools/virtual-station/sectionfile.h"
 
 namespace {
 
@@ -51,13 +52,6 @@ std::string NameOf(ipc::EFbEventType event) {
                                                  {ipc::EFbTokenScanned, "scanned"}};
   const auto name = kNames.find(event);
   return name == kNames.end() ? "event " + std::to_string(static_cast<int>(event)) : name->second;
-}
-
-std::string ToUpper(std::string text) {
-  for (char& c : text) {
-    c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-  }
-  return text;
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 #include "tools/virtual-station/benchserver.h"
 
 #include <httplib.h>
-#include <json/reader.h>
 
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "tools/common/output.h"
 
@@ -28,17 +25,6 @@ const httplib::Headers kHeaders{
 
 std::uint64_t NumberOf(const httplib::Request& request, const char* parameter) {
   return std::strtoull(request.get_param_value(parameter).c_str(), nullptr, 10);
-}
-
-bool ParseObject(const std::string& text, Json::Value& value) {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  std::istringstream stream(text);
-  try {
-    return Json::parseFromStream(builder, stream, &value, nullptr) && value.isObject();
-  } catch (const Json::Exception&) {  // nested too deeply
-    return false;
-  }
 }
 
 }  // namespace
@@ -90,25 +76,23 @@ BenchServer::BenchServer(const BenchModel& model, Carrier carrier, int port)
     throw std::runtime_error("cannot listen on " + std::string(kAddress) + ":" + std::to_string(port) +
                              "; is the port in use? --port 0 takes any that is free");
   }
+  mThread = std::thread([this] {
+    mServer->listen_after_bind();
+    mEnded = true;
+  });
 }
 
-BenchServer::~BenchServer() = default;
-
-std::string BenchServer::Url() const {
-  return "http://" + std::string(kAddress) + ":" + std::to_string(mPort) + "/";
-}
-
-void BenchServer::Run() {
-  mServer->listen_after_bind();
-  mEnded = true;
-}
-
-void BenchServer::Stop() {
+BenchServer::~BenchServer() {
   // The library ignores a stop before it runs.
   while (!mEnded && !mServer->is_running()) {
     std::this_thread::yield();
   }
   mServer->stop();
+  mThread.join();
+}
+
+std::string BenchServer::Url() const {
+  return "http://" + std::string(kAddress) + ":" + std::to_string(mPort) + "/";
 }
 
 bool BenchServer::IsPermitted(const httplib::Request& request, std::string& reason) const {
@@ -130,8 +114,8 @@ bool BenchServer::IsPermitted(const httplib::Request& request, std::string& reas
 }
 
 void BenchServer::ServeRequest(const httplib::Request& request, httplib::Response& response) const {
-  Json::Value wanted;
-  if (!ParseObject(request.body, wanted)) {
+  const Json::Value wanted = ParseJsonObject(request.body);
+  if (!wanted.isObject()) {
     response.status = 400;
     response.set_content("the request is not a JSON object\n", "text/plain");
     return;

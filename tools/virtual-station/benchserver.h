@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "tools/virtual-station/benchmodel.h"
 
@@ -34,18 +35,13 @@ class BenchServer {
   /// Carries out one request of the page.
   using Carrier = std::function<BenchAnswer(const Json::Value& request)>;
 
-  /// Listens on the port; 0 takes any free one. Throws std::runtime_error if it cannot.
+  /// Serves on the port until it is destroyed; 0 takes any free one. Throws std::runtime_error if it cannot.
   BenchServer(const BenchModel& model, Carrier carrier, int port);
-  ~BenchServer();
+  ~BenchServer();  ///< waits for the requests in progress
   BenchServer(const BenchServer&) = delete;
   BenchServer& operator=(const BenchServer&) = delete;
 
   std::string Url() const;
-
-  /// Blocks until Stop.
-  void Run();
-  /// May be called from any thread, also before Run. Waits for the requests in progress.
-  void Stop();
 
  private:
   bool IsPermitted(const httplib::Request& request, std::string& reason) const;
@@ -56,4 +52,5 @@ class BenchServer {
   int mPort;
   std::unique_ptr<httplib::Server> mServer;
   std::atomic<bool> mEnded = false;
+  std::thread mThread;
 };

@@ -5,7 +5,6 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <thread>
 
 #include "tools/common/channel.h"
 #include "tools/common/commandline.h"
@@ -105,11 +104,8 @@ int ServeBench(const Options& options) {
   if (!output.Write(server->Url())) {
     return 0;
   }
-  std::thread serving([&server] { server->Run(); });
   signals.Wait();
   bench.Stop();
-  server->Stop();
-  serving.join();
   return 0;
 }
 

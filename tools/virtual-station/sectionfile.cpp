@@ -20,12 +20,6 @@ namespace {
   throw std::runtime_error(file.string() + ": " + what + ": " + std::generic_category().message(error));
 }
 
-std::string ToUpper(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
-  return text;
-}
-
 constexpr const char* kTokens = "Tokens";
 constexpr const char* kUid = "RfidTokenUid";
 
@@ -46,6 +40,12 @@ Json::Value& TokensOf(Json::Value& document) {
 }
 
 }  // namespace
+
+std::string ToUpper(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
+  return text;
+}
 
 SectionFile::SectionFile(const fs::path& folder, const std::string& section)
     : mFile(folder / (section + ".json")) {

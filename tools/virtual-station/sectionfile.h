@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+/// A UID in the form in which the daemon compares it.
+std::string ToUpper(std::string uid);
+
 /// A section of the station's configuration, changed as the station's other programs change it: an atomic
 /// rename puts the new document in place of the old one, so no reader sees half of it. Other content stays
 /// unchanged.

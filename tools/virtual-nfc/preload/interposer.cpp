@@ -141,30 +141,20 @@ ssize_t SendMessage(NetlinkSocket& socket, const msghdr& message) {
   if (length > wire::kMaxMessage) {
     return Fail(EMSGSIZE);
   }
-  if (socket.Ask(wire::Operation::Send, 0, 0, message.msg_iov,
-                 static_cast<std::size_t>(message.msg_iovlen)) != 0) {
+  if (socket.Ask(wire::Operation::Send, 0, message.msg_iov, static_cast<std::size_t>(message.msg_iovlen)) !=
+      0) {
     return -1;
   }
   return static_cast<ssize_t>(length);
 }
 
-int SetMembership(NetlinkSocket& socket, int option, const void* value, socklen_t length) {
+int Join(NetlinkSocket& socket, const void* value, socklen_t length) {
   std::uint32_t group = 0;
   if (value == nullptr || length < sizeof(group)) {
     return Fail(EINVAL);
   }
   std::memcpy(&group, value, sizeof(group));
-  const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
-  const bool joins = option == NETLINK_ADD_MEMBERSHIP;
-  if (socket.Ask(joins ? wire::Operation::Join : wire::Operation::Leave, group, 0) != 0) {
-    return -1;
-  }
-  if (joins) {
-    socket.AddGroups(mask);
-  } else {
-    socket.RemoveGroups(mask);
-  }
-  return 0;
+  return socket.Ask(wire::Operation::Join, group);
 }
 
 }  // namespace
@@ -209,11 +199,9 @@ int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
     return virtualnfc::Fail(EINVAL);
   }
   std::memcpy(&wanted, address, sizeof(wanted));
-  if (ours->Ask(wire::Operation::Bind, wanted.nl_pid, wanted.nl_groups) != 0) {
-    return -1;
-  }
-  ours->AddGroups(wanted.nl_groups);
-  return 0;
+  // A group is joined by its number. libnl does not use this mask of the first 32 groups.
+  return wanted.nl_groups != 0 ? virtualnfc::Fail(EOPNOTSUPP)
+                               : ours->Ask(wire::Operation::Bind, wanted.nl_pid);
 }
 
 int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
@@ -221,16 +209,15 @@ int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
   if (!ours) {
     return Real().getsockname(fd, address, length);
   }
-  virtualnfc::CopyNetlinkAddress(virtualnfc::MakeNetlinkAddress(ours->Port(), ours->Groups()), address,
-                                 *length);
+  virtualnfc::CopyNetlinkAddress(virtualnfc::MakeNetlinkAddress(ours->Port(), 0), address, *length);
   return 0;
 }
 
 int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
   const auto ours = Table().Find(fd);
   if (ours && level == SOL_NETLINK) {
-    if (option == NETLINK_ADD_MEMBERSHIP || option == NETLINK_DROP_MEMBERSHIP) {
-      return virtualnfc::SetMembership(*ours, option, value, length);
+    if (option == NETLINK_ADD_MEMBERSHIP) {
+      return virtualnfc::Join(*ours, value, length);
     }
     if (option == NETLINK_EXT_ACK) {
       // The simulated kernel never explains its errors.
@@ -242,7 +229,7 @@ int setsockopt(int fd, int level, int option, const void* value, socklen_t lengt
       length >= sizeof(std::uint32_t)) {
     std::uint32_t size = 0;
     std::memcpy(&size, value, sizeof(size));
-    if (ours->Ask(wire::Operation::ReceiveBuffer, size, 0) != 0) {
+    if (ours->Ask(wire::Operation::ReceiveBuffer, size) != 0) {
       return -1;
     }
   }

@@ -57,7 +57,7 @@ void CopyNetlinkAddress(const sockaddr_nl& address, void* to, socklen_t& length)
 std::shared_ptr<NetlinkSocket> NetlinkSocket::Connect(const std::string& address, UniqueFd& data) {
   UniqueFd control = ConnectUnix(address, SOCK_SEQPACKET);
   UniqueFd memory;
-  const wire::OperationHeader open{wire::Operation::Open, 0, 0};
+  const wire::OperationHeader open{wire::Operation::Open, 0};
   if (!control || Real().send(control.Get(), &open, sizeof(open), MSG_NOSIGNAL) < 0 ||
       !wire::ReceiveOpened(control.Get(), data, memory)) {
     return nullptr;
@@ -80,13 +80,13 @@ bool NetlinkSocket::IsAt(int fd) const {
   return ::fstat(fd, &info) == 0 && info.st_ino == mInode && info.st_dev == mDevice;
 }
 
-int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t first, std::uint32_t second,
-                       const iovec* parts, std::size_t count) {
+int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t argument, const iovec* parts,
+                       std::size_t count) {
   const std::lock_guard lock(mExchange);
   if (mPage->closed != 0) {
     return Fail(EBADF);
   }
-  wire::OperationHeader header{operation, first, second};
+  wire::OperationHeader header{operation, argument};
   std::vector<iovec> all{{&header, sizeof(header)}};
   all.insert(all.end(), parts, parts + count);
   msghdr message{};
@@ -115,7 +115,7 @@ bool NetlinkSocket::AwaitReply(wire::Reply& reply, const sigset_t& signals) cons
       if (errno != EINTR) {
         return false;
       }
-      const wire::OperationHeader interrupt{wire::Operation::Interrupt, 0, 0};
+      const wire::OperationHeader interrupt{wire::Operation::Interrupt, 0};
       (void)Real().send(mControl.Get(), &interrupt, sizeof(interrupt), MSG_NOSIGNAL);
       continue;
     }

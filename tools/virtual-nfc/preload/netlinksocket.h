@@ -42,17 +42,13 @@ class NetlinkSocket {
   /// Asks the server and waits for its reply, without a timeout, as a command in the kernel does.
   /// @param parts what follows the header
   /// @returns 0, or -1 with errno
-  int Ask(wire::Operation operation, std::uint32_t first, std::uint32_t second, const iovec* parts = nullptr,
+  int Ask(wire::Operation operation, std::uint32_t argument, const iovec* parts = nullptr,
           std::size_t count = 0);
 
   /// As recvmsg; blocks if the descriptor is blocking.
   ssize_t Receive(int fd, msghdr& message, int flags);
 
   std::uint32_t Port() const { return mPort; }
-  /// The groups up to 32 that the socket has joined, one bit for each.
-  std::uint32_t Groups() const { return mGroups; }
-  void AddGroups(std::uint32_t mask) { mGroups |= mask; }
-  void RemoveGroups(std::uint32_t mask) { mGroups &= ~mask; }
 
  private:
   NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data);
@@ -67,7 +63,6 @@ class NetlinkSocket {
   std::atomic<std::uint32_t> mPort{0};
   /// One exchange at a time.
   std::mutex mExchange;
-  std::atomic<std::uint32_t> mGroups{0};
 };
 
 }  // namespace virtualnfc

@@ -191,7 +191,7 @@ std::string HandleControlLine(VirtualNfc& server, const std::string& line) {
 
 std::string AskServer(const std::string& address, std::string_view line) {
   const UniqueFd fd = ConnectUnix(address, SOCK_SEQPACKET);
-  const wire::OperationHeader header{wire::Operation::Control, 0, 0};
+  const wire::OperationHeader header{wire::Operation::Control, 0};
   const ByteView head = BytesOf(header);
   std::string request(head.begin(), head.end());
   request += line;

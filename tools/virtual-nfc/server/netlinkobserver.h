@@ -7,7 +7,7 @@
 
 namespace virtualnfc {
 
-enum class SocketChange { Opened, Bound, Joined, Left, Interrupted, Closed };
+enum class SocketChange { Opened, Bound, Joined, Interrupted, Closed };
 
 /// Sees everything between programs and the simulated kernel. The calls come from any thread, one at a time,
 /// with the server's lock held: they must return at once and must not call the server.

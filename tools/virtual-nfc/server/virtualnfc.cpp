@@ -64,7 +64,10 @@ void VirtualNfc::Stop() {
 
 std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
   const std::lock_guard lock(mMutex);
-  const std::uint32_t number = index ? *index : LowestFreeNumber();
+  std::uint32_t number = index.value_or(0);
+  while (!index && mKernel.FindDevice(number) != nullptr) {
+    ++number;
+  }
   if (mKernel.FindDevice(number) != nullptr) {
     throw std::invalid_argument(fmt::format("there is a device {} already", number));
   }
@@ -219,29 +222,12 @@ std::optional<std::uint32_t> VirtualNfc::DeviceOf(const Occurrence& occurrence) 
   return std::nullopt;
 }
 
-std::uint32_t VirtualNfc::LowestFreeNumber() const {
-  std::uint32_t number = 0;
-  const auto isTaken = [&] {
-    return std::find(mTakenNumbers.begin(), mTakenNumbers.end(), number) != mTakenNumbers.end() ||
-           std::any_of(mKernel.Devices().begin(), mKernel.Devices().end(),
-                       [&](const auto& device) { return device->Index() == number; });
-  };
-  while (isTaken()) {
-    ++number;
-  }
-  return number;
-}
-
 void VirtualNfc::RemoveDevice(std::uint32_t index) {
   NfcDevice* device = mKernel.FindDevice(index);
   const bool staysListed = device->Status().powered && mSettings.kernel.stack == Stack::Nci;
   device->Remove();
   SendEvent(NFC_EVENT_DEVICE_REMOVED, index);
-  const auto forget = [this, index] {
-    mKernel.EraseDevice(index);
-    mTakenNumbers.push_back(index);
-    mTimers.After(mSettings.numberRelease, [this, index] { std::erase(mTakenNumbers, index); });
-  };
+  const auto forget = [this, index] { mKernel.EraseDevice(index); };
   if (staysListed) {
     mTimers.After(mSettings.removedListing, forget);
   } else {

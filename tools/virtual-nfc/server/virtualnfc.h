@@ -41,8 +41,6 @@ struct VirtualNfcSettings {
   std::chrono::milliseconds ownerReleaseDelay{5};
   /// How long a powered Nci device stays listed after it was unplugged. A Digital device disappears at once.
   std::chrono::milliseconds removedListing{5000};
-  /// How long the device's number stays taken after that.
-  std::chrono::milliseconds numberRelease{20};
   /// How long a STOP_POLL takes when the chip finds a tag at that moment, and for how long afterwards a new
   /// command to the device hangs.
   std::chrono::milliseconds crossingWait{30000};
@@ -170,7 +168,7 @@ class VirtualNfc {
   void HandleRecord(std::uint64_t id, const Bytes& record);
   /// Takes a datagram that the program has sent to the kernel.
   void Enqueue(std::uint64_t id, ByteView datagram);
-  int Bind(std::uint64_t id, std::uint32_t wanted, std::uint32_t groups);
+  int Bind(std::uint64_t id, std::uint32_t wanted);
   int Join(std::uint64_t id, std::uint32_t group);
   bool IsPortTaken(std::uint32_t port) const;
 
@@ -189,7 +187,6 @@ class VirtualNfc {
   void ChangeFault(std::uint32_t index, Fault fault, bool on);
   bool IsDeviceThere(std::uint32_t index);
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
-  std::uint32_t LowestFreeNumber() const;
   Status MakeStatus() const;
   void ChangeField(std::vector<Tag> tags);
   void ReleasePoll(std::uint32_t port);
@@ -212,8 +209,6 @@ class VirtualNfc {
   std::vector<Tag> mField;
   /// Counts the changes of the field, so that the end of a hold removes only its own tag.
   std::uint64_t mFieldVersion = 0;
-  /// Numbers of unplugged devices that are not free yet.
-  std::vector<std::uint32_t> mTakenNumbers;
   std::map<std::uint64_t, std::unique_ptr<NetlinkPort>> mConnections;
   std::uint64_t mNextConnection = 1;
   /// Closed sockets whose polls end after ownerReleaseDelay.

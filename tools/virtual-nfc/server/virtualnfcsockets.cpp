@@ -63,7 +63,7 @@ bool VirtualNfc::IsPortTaken(std::uint32_t port) const {
                      [port](const auto& entry) { return entry.second->port == port; });
 }
 
-int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted, std::uint32_t groups) {
+int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted) {
   NetlinkPort& socket = *mConnections.at(id);
   if (socket.port == 0) {
     std::uint32_t port = wanted;
@@ -79,13 +79,6 @@ int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted, std::uint32_t group
     TellOfSocket(id, SocketChange::Bound, port);
   } else if (wanted != 0 && wanted != socket.port) {
     return EINVAL;
-  }
-  for (std::uint32_t bit = 0; bit < 32; ++bit) {
-    if ((groups & (std::uint32_t{1} << bit)) != 0) {
-      if (const int error = Join(id, bit + 1); error != 0) {
-        return error;
-      }
-    }
   }
   return 0;
 }
@@ -125,18 +118,13 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
       TellOfSocket(id, SocketChange::Opened);
       return;
     case wire::Operation::Bind:
-      socket.Reply(Bind(id, header.first, header.second));
+      socket.Reply(Bind(id, header.argument));
       return;
     case wire::Operation::Join:
-      socket.Reply(Join(id, header.first));
-      return;
-    case wire::Operation::Leave:
-      socket.groups.erase(header.first);
-      TellOfSocket(id, SocketChange::Left, header.first);
-      socket.Reply(0);
+      socket.Reply(Join(id, header.argument));
       return;
     case wire::Operation::ReceiveBuffer:
-      socket.SetReceiveBuffer(header.first);
+      socket.SetReceiveBuffer(header.argument);
       socket.Reply(0);
       return;
     case wire::Operation::Interrupt:
@@ -158,7 +146,7 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
 
 void VirtualNfc::Enqueue(std::uint64_t id, ByteView datagram) {
   const NetlinkPort& socket = *mConnections.at(id);
-  if (const int error = Bind(id, 0, 0); error != 0) {
+  if (const int error = Bind(id, 0); error != 0) {
     socket.Reply(error);
     return;
   }

@@ -19,16 +19,15 @@ namespace virtualnfc::wire {
 
 enum class Operation : std::uint32_t {
   Open = 1,
-  /// first: the wanted port or 0; second: mask of the first 32 groups
+  /// argument: the wanted port or 0
   Bind,
-  /// first: group number
+  /// argument: the group's number
   Join,
-  Leave,
   /// followed by the bytes of the netlink message; the reply comes when the kernel has handled it
   Send,
   /// a signal has reached the thread that waits for the reply to Send
   Interrupt,
-  /// first: the size of the receive buffer in bytes
+  /// argument: the size of the receive buffer in bytes
   ReceiveBuffer,
   /// followed by a line for the server, see controlprotocol.h; the reply is text. On a connection of its own
   Control,
@@ -36,8 +35,7 @@ enum class Operation : std::uint32_t {
 
 struct OperationHeader {
   Operation operation;
-  std::uint32_t first;
-  std::uint32_t second;
+  std::uint32_t argument;
 };
 
 struct Reply {

@@ -15,7 +15,7 @@ namespace virtualnfc {
 namespace {
 
 /// In the order of SocketChange.
-constexpr const char* kChangeNames[] = {"open", "port", "join", "leave", "signal", "close"};
+constexpr const char* kChangeNames[] = {"open", "port", "join", "signal", "close"};
 
 }  // namespace
 
@@ -60,7 +60,7 @@ void Recorder::OnSocket(std::uint64_t socket, SocketChange change, std::uint32_t
   if (change == SocketChange::Bound) {
     known.port = number;
     text += fmt::format(" {}", number);
-  } else if (change == SocketChange::Joined || change == SocketChange::Left) {
+  } else if (change == SocketChange::Joined) {
     text += number == mKernel.groupId ? " nfc.events" : fmt::format(" {}", number);
     text += error != 0 ? " " + ErrorName(error) : "";
   } else if (change == SocketChange::Closed) {

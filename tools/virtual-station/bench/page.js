@@ -14,8 +14,8 @@ const cards = [
   { name: 'Unknown card', uid: '5A3C91F0', kind: 'mifare', about: 'MIFARE, 4 bytes', colour: '#475569' },
   { name: '7-byte card', uid: '04C2B7A25E6180', kind: 'iso14443a', about: 'ISO 14443-4, 7 bytes', colour: '#1d4ed8' },
   { name: 'Vicinity tag', uid: 'E007060504030201', kind: 'iso15693', about: 'ISO 15693, 8 bytes', colour: '#7c3aed' },
-  { name: 'FeliCa card', uid: '0102030405060708', kind: 'felica', about: 'no UID is read of it', colour: '#b4530a' },
-  { name: 'Malformed UID', uid: 'XYZ', kind: '', about: 'injected, no hex', colour: '#be123c' },
+  { name: 'FeliCa card', uid: '0102030405060708', kind: 'felica', about: 'the reader reports no UID', colour: '#b4530a' },
+  { name: 'Malformed UID', uid: 'XYZ', kind: '', about: 'injected, not hexadecimal', colour: '#be123c' },
 ];
 
 const station = new Station(find('post'));
@@ -118,11 +118,12 @@ function showStatus() {
     button.classList.toggle('primary', button.dataset.do === next);
   }
   const reader = snapshot.reader ?? {};
+  const device = reader.devices?.find(one => !one.removed);
   find('reader-text').textContent = !reader.simulated ? 'no simulated reader'
-    : !reader.there ? 'virtual-nfc is gone' : !reader.plugged ? 'reader unplugged'
-    : `${reader.name}: ${reader.polling ? 'polling' : reader.powered ? 'on' : 'off'}`;
-  pill('reader-pill', Boolean(reader.polling), Boolean(reader.simulated && !reader.plugged));
-  find('plug').dataset.do = reader.there && !reader.plugged ? 'plug' : 'unplug';
+    : !reader.there ? 'virtual-nfc is gone' : !device ? 'reader unplugged'
+    : `${device.name}: ${device.polling ? 'polling' : device.powered ? 'on' : 'off'}`;
+  pill('reader-pill', Boolean(device?.polling), Boolean(reader.simulated && !device));
+  find('plug').dataset.do = reader.there && !device ? 'plug' : 'unplug';
   find('plug').textContent = find('plug').dataset.do === 'plug' ? 'Plug reader in' : 'Unplug reader';
   if (snapshot.alive.count !== alive) {
     const heart = find('alive-pill');
