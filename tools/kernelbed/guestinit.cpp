@@ -148,7 +148,7 @@ std::string WaitForChildren(pid_t child, Clock::time_point end) {
       return {};
     }
     if (ended == 0) {
-      const timespec wait{left / 1'000'000'000, left % 1'000'000'000};
+      const timespec wait{left / 1'000'000'000, static_cast<long>(left % 1'000'000'000)};
       sigtimedwait(&childSignal, nullptr, &wait);
     }
   }

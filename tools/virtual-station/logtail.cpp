@@ -37,7 +37,7 @@ std::vector<std::string> LogTail::Read() {
     skipped = true;
   }
   std::ifstream file(mFile, std::ios::binary);
-  std::string text(size - mPosition, '\0');
+  std::string text(static_cast<std::size_t>(size - mPosition), '\0');
   file.seekg(static_cast<std::streamoff>(mPosition));
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<std::size_t>(file.gcount()));
