@@ -28,7 +28,6 @@ namespace {
 using namespace bench;
 
 constexpr const char* kName = "rfid-bench";
-constexpr int kFailureStatus = 1;
 /// The documentation has a run's figures between these lines.
 constexpr const char* kBegin = "<!-- figures of a run: begin -->\n";
 constexpr const char* kEnd = "<!-- figures of a run: end -->\n";
@@ -209,10 +208,5 @@ int RunCommandLine(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return RunCommandLine(argc, argv);
-  } catch (const std::exception& e) {
-    PrintError(kName, e.what());
-    return kFailureStatus;
-  }
+  return RunTool(kName, RunCommandLine, argc, argv);
 }
