@@ -97,6 +97,9 @@ void CRfid::ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcN
 }
 
 void CRfid::TellState(const std::string& state) const {
+  if (state == "_Final_Statemachine") {
+    return;  // the reader is not off yet
+  }
   const bool isError = state == "Error" || state == "FatalError";
   const auto error = isError ? mActionHandler->GetLastError() : std::nullopt;
   mServiceNotify.TellState(state, error ? error->what() : Meaning(state));
@@ -145,6 +148,7 @@ void CRfid::Run() {
   RunStateMachine();
   mActionHandler->CloseReader();  // while its diagnostics can still be published
   StopCommunication();
+  mServiceNotify.TellState("Stopped", "");
 }
 
 void CRfid::StartCommunication() {
