@@ -70,7 +70,7 @@ void CRfid::ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcN
   };
   mActionHandler->ExtEnabledRsp = [this, tellSupervisor = std::move(mActionHandler->ExtEnabledRsp)] {
     tellSupervisor();
-    mServiceNotify.TellReading();
+    mServiceNotify.TellState("Enabled", "reading cards");
   };
   if (const auto period = mServiceNotify.GetWatchdogPeriod(); period.count() > 0) {
     const auto feeder = std::make_shared<CWatchdogFeeder>(
@@ -119,6 +119,7 @@ void CRfid::Run() {
   RunStateMachine();
   mActionHandler->CloseReader();  // while its diagnostics can still be published
   StopCommunication();
+  mServiceNotify.TellState("Stopped", "");
 }
 
 void CRfid::StartCommunication() {

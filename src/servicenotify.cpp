@@ -74,6 +74,9 @@ void CServiceNotify::Send(const std::string& assignment) const {
 }
 
 void CServiceNotify::EnterState(const std::string& state, const std::string& error) const {
+  if (state == "_Final_Statemachine") {
+    return;  // the reader is not off yet
+  }
   const bool isError = state == "Error" || state == "FatalError";
   TellState(state, isError ? error : Meaning(state));
   if (state == "Uninitialized") {  // the initial one; the services were started before the machine
@@ -81,14 +84,6 @@ void CServiceNotify::EnterState(const std::string& state, const std::string& err
   } else if (state == "Terminating") {
     Send("STOPPING=1");
   }
-}
-
-void CServiceNotify::TellReading() const {
-  TellState("Enabled", "reading cards");
-}
-
-void CServiceNotify::TellFailure(const std::string& error) const {
-  TellState("Failed", error);
 }
 
 void CServiceNotify::TellState(const std::string& state, const std::string& detail) const {

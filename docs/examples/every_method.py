@@ -118,6 +118,8 @@ learning = rfid_pb2.MEnableLearning(enable=True)
 expect("learning", result("Rfid", rfid, "EnableLearning", learning), "EResultOk")
 expect("inject", result("Rfid", rfid, "InjectToken", rfid_pb2.MInjectToken(uid="11223344")), "EResultOk")
 expect("learning token", next(cards).learning_token, rfid_pb2.MRfidLearningToken(uid="11223344"))
+learning.enable = False
+expect("no more learning", result("Rfid", rfid, "EnableLearning", learning), "EResultOk")
 
 # RfidLog: the log level
 

@@ -15,6 +15,7 @@ using namespace virtualnfc;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 namespace {
@@ -111,6 +112,7 @@ TEST_F(ServiceManager, IsToldReadinessEveryStateAndLife) {
   HearUntil("WATCHDOG=1");
   EXPECT_EQ(Interrupt(), "exit 0");
   EXPECT_THAT(HearUntil("STOPPING=1"), ElementsAre("STATUS=Terminating: switching the reader off"));
+  EXPECT_THAT(HearUntil("STATUS=Stopped"), IsEmpty());
 }
 
 TEST_F(ServiceManager, IsToldWhatKeepsTheDaemonFromStarting) {
