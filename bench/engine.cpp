@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "enginepeer.h"
+#include "enginepeers.h"
 #include "measures.h"
 #include "measuring.h"
 #include "src/components/rfidhsm.h"
@@ -13,6 +13,13 @@
 namespace bench {
 
 namespace {
+
+ipc::MRfidToken MakeToken(const std::string& uid) {
+  ipc::MRfidToken token;
+  token.set_uid(uid);
+  token.set_auth_state(ipc::ERfidUidNotInList);
+  return token;
+}
 
 /// The daemon's machine, in the daemon's engine.
 class Engine {
@@ -46,6 +53,43 @@ class Engine {
 
   const std::shared_ptr<CountingHandler> mHandler;
   const std::shared_ptr<CRfidHsm> mMachine;
+};
+
+/// A peer's machine in its thread's loop, with the same operations.
+template <typename Machine>
+class Peer {
+ public:
+  explicit Peer(const std::shared_ptr<CountingHandler>& handler)
+      : mHandler(handler), mMachine(*handler, [this](EPeerEvent event) { Post(event); }) {
+    mHandler->onToken = [this](const std::string& uid) {
+      mQueue.Post(std::make_shared<TokenEvent>(MakeToken(uid)));
+    };
+  }
+
+  void Enable() { Post(EPeerEvent::Enable); }
+  void Disable() { Post(EPeerEvent::Disable); }
+  void Alive() { Post(EPeerEvent::Alive); }
+  void Unhandled() { Post(EPeerEvent::Recover); }
+  void Token(const std::string& uid) { mQueue.Post(std::make_shared<UidEvent>(uid)); }
+  bool EnableAndWait() {
+    const auto event = std::make_shared<PeerEvent>(EPeerEvent::Enable);
+    auto handled = event->handled.get_future();
+    mQueue.Post(event);
+    return handled.get();
+  }
+  void Run() {
+    while (const auto event = mQueue.Take()) {
+      event->handled.set_value(mMachine.Process(*event));
+    }
+  }
+  void Stop() { mQueue.Stop(); }
+
+ private:
+  void Post(EPeerEvent event) { mQueue.Post(std::make_shared<PeerEvent>(event)); }
+
+  const std::shared_ptr<CountingHandler> mHandler;
+  PeerQueue mQueue;
+  Machine mMachine;
 };
 
 enum class EWork { Internal, Unhandled, Transition, Token };
@@ -143,24 +187,27 @@ double TimeOfRequest(int count) {
   return time / count;
 }
 
-/// Measures both in turn and adds the medians. Each goes first every second time, because the first one
-/// changes the heap for the other.
-template <typename MeasureEngine, typename MeasureSwitch>
-void AddRow(Run& run, int rounds, const std::string& what, const char* unit, MeasureEngine measureEngine,
-            MeasureSwitch measureSwitch) {
-  std::vector<double> ours;
-  std::vector<double> theirs;
-  for (int round = 0; round < rounds; ++round) {
-    if (round % 2 == 0) {
-      ours.push_back(measureEngine());
-    }
-    theirs.push_back(measureSwitch());
-    if (round % 2 != 0) {
-      ours.push_back(measureEngine());
+/// Calls measure(0), measure(1), measure(2) for each round, and returns the medians. They take turns in going
+/// first, because the heap keeps traces of the first.
+template <typename Measure>
+std::array<double, 3> InTurns(int rounds, Measure measure) {
+  std::array<std::vector<double>, 3> times;
+  for (std::size_t round = 0; round < static_cast<std::size_t>(rounds); ++round) {
+    for (std::size_t i = 0; i < times.size(); ++i) {
+      const std::size_t subject = (i + round) % times.size();
+      times[subject].push_back(measure(subject));
     }
   }
-  run.rows.push_back({what, unit, Median(ours), "switch", Median(theirs), 1.05});
+  return {Median(times[0]), Median(times[1]), Median(times[2])};
 }
+
+void AddRows(Run& run, const std::string& what, const char* unit, const std::array<double, 3>& times) {
+  run.rows.push_back({what, unit, times[0], "switch", times[1], 1.05});
+  run.rows.push_back({what, unit, times[0], "Boost.MSM", times[2], 1.05});
+}
+
+using Switch = Peer<SwitchMachine>;
+using Msm = Peer<MsmMachine>;
 
 }  // namespace
 
@@ -170,13 +217,17 @@ Run MeasureEngine(const Plan& plan) {
   const int requests = plan.Count(2000, 20);
   Run run;
   for (const auto& [work, what] : kWorks) {
-    AddRow(
-        run, rounds, what, "ns", [&, kind = work] { return TimeOfEvent<Engine>(kind, events); },
-        [&, kind = work] { return TimeOfEvent<SwitchPeer>(kind, events); });
+    AddRows(run, what, "ns", InTurns(rounds, [&, kind = work](std::size_t subject) {
+              return subject == 0   ? TimeOfEvent<Engine>(kind, events)
+                     : subject == 1 ? TimeOfEvent<Switch>(kind, events)
+                                    : TimeOfEvent<Msm>(kind, events);
+            }));
   }
-  AddRow(
-      run, rounds, "engine: request of another thread", "us", [&] { return TimeOfRequest<Engine>(requests); },
-      [&] { return TimeOfRequest<SwitchPeer>(requests); });
+  AddRows(run, "engine: request of another thread", "us", InTurns(rounds, [&](std::size_t subject) {
+            return subject == 0   ? TimeOfRequest<Engine>(requests)
+                   : subject == 1 ? TimeOfRequest<Switch>(requests)
+                                  : TimeOfRequest<Msm>(requests);
+          }));
   return run;
 }
 

@@ -46,22 +46,23 @@ std::size_t CNotificationHub::AddTopic() {
 }
 
 void CNotificationHub::Send(std::size_t topic, const Notification& message, bool keep) {
-  std::unique_lock<std::mutex> lock(mMutex);
-  if (mStopping) {
-    return;
+  Subscriptions receivers;
+  {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mStopping) {
+      return;
+    }
+    Topic& to = mTopics[topic];
+    if (keep) {
+      to.last = message;
+    }
+    for (const auto& subscriber : to.subscribers) {
+      subscriber->Push(message, mBounds.queued);
+    }
+    receivers = to.subscribers;
   }
-  Topic& to = mTopics[topic];
-  if (keep) {
-    to.last = message;
-  }
-  for (const auto& subscriber : to.subscribers) {
-    subscriber->Push(message, mBounds.queued);
-    mHasNews = to.hasNews = true;
-  }
-  const bool hasNews = to.hasNews;
-  lock.unlock();  // the thread that wakes up needs it
-  if (hasNews) {
-    mWake.notify_all();
+  for (const auto& receiver : receivers) {
+    receiver->mWake();
   }
 }
 
@@ -87,34 +88,6 @@ void CNotificationHub::Unsubscribe(std::size_t topic, const std::shared_ptr<CSub
   std::erase(mTopics[topic].subscribers, subscription);
 }
 
-void CNotificationHub::Run() {
-  std::unique_lock<std::mutex> lock(mMutex);
-  for (;;) {
-    mWake.wait(lock, [this] { return mStopping || mHasNews; });
-    if (mStopping) {
-      return;
-    }
-    const Subscriptions receivers = TakeReceivers();
-    lock.unlock();
-    for (const auto& receiver : receivers) {
-      receiver->mWake();
-    }
-    lock.lock();
-  }
-}
-
-/// Returns the subscribers of topics with news, and marks them as told.
-CNotificationHub::Subscriptions CNotificationHub::TakeReceivers() {
-  Subscriptions receivers;
-  for (Topic& topic : mTopics) {
-    if (std::exchange(topic.hasNews, false)) {
-      receivers.insert(receivers.end(), topic.subscribers.begin(), topic.subscribers.end());
-    }
-  }
-  mHasNews = false;
-  return receivers;
-}
-
 void CNotificationHub::Stop() {
   Subscriptions all;
   {
@@ -124,7 +97,6 @@ void CNotificationHub::Stop() {
       all.insert(all.end(), topic.subscribers.begin(), topic.subscribers.end());
     }
   }
-  mWake.notify_all();
   for (const auto& subscription : all) {
     subscription->End(CSubscription::EEnd::Stopping);
     subscription->mWake();

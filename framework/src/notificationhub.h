@@ -2,7 +2,6 @@
 
 #include <google/protobuf/message_lite.h>
 
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -49,10 +48,9 @@ class CSubscription {
 
 /// Distributes notifications to subscribers, by topic. Knows no transport.
 ///
-/// Send only appends to the subscribers' bounded queues and never waits for a subscriber; the thread in Run
-/// wakes them. A new subscriber of a topic gets the last notification sent with `keep`, if any, and then
-/// everything sent after it subscribed: nothing is lost, doubled or reordered. A subscriber whose queue is
-/// full is disconnected.
+/// Send appends to the subscribers' bounded queues and wakes them; it never waits for one. A new subscriber
+/// of a topic gets the last notification sent with `keep`, if any, and then everything sent after it
+/// subscribed: nothing is lost, doubled or reordered. A subscriber whose queue is full is disconnected.
 class CNotificationHub {
  public:
   struct Bounds {
@@ -71,15 +69,12 @@ class CNotificationHub {
   /// Any thread, at any time; after Stop it does nothing.
   void Send(std::size_t topic, const Notification& message, bool keep);
 
-  /// `wake` is called on the thread of Run or Stop, never from here, when Take has something new. It must not
-  /// block, throw or subscribe.
+  /// `wake` is called on the thread of Send or Stop, never from here, when Take has something new. It must
+  /// not block, throw or subscribe.
   std::shared_ptr<CSubscription> Subscribe(std::size_t topic, std::function<void()> wake);
 
   /// Frees the subscriber's place.
   void Unsubscribe(std::size_t topic, const std::shared_ptr<CSubscription>& subscription);
-
-  /// Wakes subscribers until Stop.
-  void Run();
 
   /// Ends every subscription. Later calls do nothing.
   void Stop();
@@ -89,14 +84,10 @@ class CNotificationHub {
   struct Topic {
     Subscriptions subscribers;
     Notification last;
-    bool hasNews = false;
   };
-  Subscriptions TakeReceivers();
 
   const Bounds mBounds;
   std::mutex mMutex;  // guards all below
-  std::condition_variable mWake;
   std::vector<Topic> mTopics;
-  bool mHasNews = false;  // in any topic
   bool mStopping = false;
 };

@@ -23,14 +23,15 @@ class CNotificationStream final : public std::enable_shared_from_this<CNotificat
     const std::weak_ptr<CNotificationStream> weak = stream;
     auto subscription = runtime.hub->Subscribe(runtime.topic, [weak] {
       if (const auto locked = weak.lock()) {
-        const std::lock_guard<std::mutex> lock(locked->mMutex);
         locked->Advance();
       }
     });
-    const std::lock_guard<std::mutex> lock(stream->mMutex);
-    stream->mSubscription = std::move(subscription);
     call->OnOver([stream] { stream->End(); });
     call->SendInitialMetadata();  // tells the client that it misses nothing from now on
+    {
+      const std::lock_guard<std::mutex> lock(stream->mMutex);
+      stream->mSubscription = std::move(subscription);
+    }
     stream->Advance();
   }
 
@@ -39,10 +40,12 @@ class CNotificationStream final : public std::enable_shared_from_this<CNotificat
 
  private:
   void TakeWritten(bool ok) {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mWriting = false;
-    if (!ok) {
-      mSubscription->End(CSubscription::EEnd::Left);
+    {
+      const std::lock_guard<std::mutex> lock(mMutex);
+      mWriting = false;
+      if (!ok) {
+        mSubscription->End(CSubscription::EEnd::Left);
+      }
     }
     Advance();
   }
@@ -54,9 +57,10 @@ class CNotificationStream final : public std::enable_shared_from_this<CNotificat
     mHub->Unsubscribe(mTopic, mSubscription);
   }
 
-  // Starts the next write, or ends the stream when nothing is left to write. With mMutex held. One write at a
-  // time: the rest waits in the subscription, which is bounded.
+  // Starts the next write, or ends the stream when nothing is left to write. One write at a time: the rest
+  // waits in the subscription, which is bounded.
   void Advance() {
+    std::unique_lock<std::mutex> lock(mMutex);
     if (!mSubscription || mFinished) {
       return;
     }
@@ -64,9 +68,10 @@ class CNotificationStream final : public std::enable_shared_from_this<CNotificat
       CutOffIfStuck();
       return;
     }
-    CSubscription::Next next = mSubscription->Take();
+    const CSubscription::Next next = mSubscription->Take();
     if (next.message) {
       mWriting = true;
+      lock.unlock();  // the queue's thread may need it before Write returns
       mCall->Write(*next.message, [self = shared_from_this()](bool ok) { self->TakeWritten(ok); });
     } else if (next.end != CSubscription::EEnd::No) {
       mFinished = true;

@@ -174,7 +174,7 @@ void GrpcBackend::RunServer() {
 }
 
 void GrpcBackend::HandleClientNotifications() {
-  mImpl->hub->Run();
+  mImpl->isStopped.wait();  // the thread that sends a notification also writes it
 }
 
 void GrpcBackend::Stop() {

@@ -1,16 +1,7 @@
 #include "rpcqueue.h"
 
-CRpcQueue::COperation::COperation(Done done) {
-  const std::lock_guard<std::mutex> lock(mMutex);
-  mDone = std::move(done);
-}
-
 void CRpcQueue::COperation::End(bool ok) {
-  Done done;
-  {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    done.swap(mDone);
-  }
+  const Done done = std::move(mDone);
   delete this;
   done(ok);
 }
@@ -24,6 +15,7 @@ void CRpcQueue::Run() {
   void* tag = nullptr;
   bool ok = false;
   while (mQueue->Next(&tag, &ok)) {
+    static_cast<void>(mHandedOver.load(std::memory_order_acquire));
     static_cast<COperation*>(tag)->End(ok);
   }
 }

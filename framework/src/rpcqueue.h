@@ -2,6 +2,7 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include <atomic>
 #include <functional>
 #include <future>
 #include <memory>
@@ -20,13 +21,10 @@ class CRpcQueue {
   /// The tag of an operation under way.
   class COperation {
    public:
-    explicit COperation(Done done);
-    void End(bool ok);
+    explicit COperation(Done done) : mDone(std::move(done)) {}
+    void End(bool ok);  ///< deletes this object
 
    private:
-    // gRPC hands the operation to the thread of Run. The mutex says so to ThreadSanitizer, which does not
-    // see into gRPC.
-    std::mutex mMutex;
     Done mDone;
   };
 
@@ -43,7 +41,9 @@ class CRpcQueue {
     if (mIsClosed) {
       return false;
     }
-    start(mQueue.get(), new COperation(std::move(done)));  // End deletes it
+    auto* const operation = new COperation(std::move(done));
+    mHandedOver.fetch_add(1, std::memory_order_release);
+    start(mQueue.get(), operation);
     return true;
   }
 
@@ -76,4 +76,7 @@ class CRpcQueue {
   const std::unique_ptr<grpc::CompletionQueue> mQueue;
   std::shared_mutex mMutex;  // guards mIsClosed; shared while an operation starts
   bool mIsClosed = false;
+  // gRPC hands operations to the thread of Run. This says so to ThreadSanitizer, which does not see into
+  // gRPC.
+  std::atomic<unsigned> mHandedOver{0};
 };

@@ -29,7 +29,7 @@ void CServerCall::Accept(CRpcQueue& queue, grpc::ServerCompletionQueue* serverQu
         if (ok) {
           Accept(queue, serverQueue, service, handler);
           call->mSelf = call;
-          call->mEnd.release();
+          static_cast<void>(call->mEnd.release());
           handler(call);
         }
       },

@@ -54,21 +54,9 @@ class Reader {
 
 class NotificationHubTest : public testing::Test {
  protected:
-  void Run() {
-    mThread = std::thread([this] { mHub.Run(); });
-  }
-  void Stop() {
-    mHub.Stop();
-    if (mThread.joinable()) {
-      mThread.join();
-    }
-  }
-  ~NotificationHubTest() override { Stop(); }
-
   CNotificationHub mHub{{4, 3}};
   const std::size_t mTopic = mHub.AddTopic();
   const std::size_t mOther = mHub.AddTopic();
-  std::thread mThread;
 };
 
 TEST_F(NotificationHubTest, NotificationsSentBeforeStopArrive) {
@@ -97,7 +85,6 @@ TEST_F(NotificationHubTest, PlacesAreLimitedForEachTopicAndFreedByLeaving) {
     mHub.Unsubscribe(mTopic, readers[0]->mSubscription);
   }
   Reader next(mHub, mTopic);
-  Run();
   mHub.Send(mTopic, Numbered(1), false);
   mHub.Send(mOther, Numbered(2), false);
   EXPECT_EQ(next.Read(1), std::vector<int>{1});
@@ -108,7 +95,6 @@ TEST(NotificationHub, RandomSubscribersMissNothingAndSeeNothingTwice) {
   for (unsigned round = 0; round < 30; ++round) {
     CNotificationHub hub({100000, 100});
     const std::size_t topic = hub.AddTopic();
-    std::thread distributor([&] { hub.Run(); });
     std::vector<std::thread> users;
     for (unsigned user = 1; user < 4; ++user) {
       users.emplace_back([&, user] {
@@ -135,7 +121,6 @@ TEST(NotificationHub, RandomSubscribersMissNothingAndSeeNothingTwice) {
     for (auto& user : users) {
       user.join();  // a stopped hub ends every wait
     }
-    distributor.join();
   }
 }
 

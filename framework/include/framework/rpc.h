@@ -89,7 +89,7 @@ class GrpcBackend {
   /// ended everything. With StartServices or without.
   void RunServer();
 
-  /// Delivers notifications to subscribers; blocks until Stop.
+  /// Blocks until Stop. Notifications leave on the threads that send them.
   void HandleClientNotifications();
 
   /// Refuses new requests, answers waiting ones with UNAVAILABLE and ends the streams. Returns within a

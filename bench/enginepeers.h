@@ -1,5 +1,8 @@
 #pragma once
 
+// The peers of the engine: the same machine as a hand-written switch and in Boost.MSM, over the same queue
+// with the same promises. Also compiled as C++17, because Boost 1.74's MSM is no C++20.
+
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -11,13 +14,9 @@
 
 #include "src/components/rfidhsmactionhandlerbase.h"
 
-/// The peer of the engine: the same machine as a hand-written switch, over the same queue with the same
-/// promises.
 namespace bench {
 
-ipc::MRfidToken MakeToken(const std::string& uid);
-
-/// The actions of both machines: almost empty, behind the daemon's own interface.
+/// The actions of every machine: almost empty, behind the daemon's own interface.
 class CountingHandler : public CRfidHsmActionHandlerBase {
  public:
   std::function<void(const std::string&)> onToken;
@@ -54,7 +53,7 @@ enum class EPeerEvent {
   TokenDone
 };
 
-/// An event of the switch: a number instead of a type.
+/// An event of the peers: a number instead of a type.
 struct PeerEvent {
   explicit PeerEvent(EPeerEvent what) : id(what) {}
   virtual ~PeerEvent() = default;
@@ -73,19 +72,55 @@ struct TokenEvent : PeerEvent {
   ipc::MRfidToken token;
 };
 
-/// The switch in its thread's loop, with the operations that engine.cpp measures.
-class SwitchPeer {
+/// The engine's queue.
+class PeerQueue {
  public:
-  explicit SwitchPeer(const std::shared_ptr<CountingHandler>& handler);
+  void Post(std::shared_ptr<PeerEvent> event) {
+    {
+      const std::lock_guard<std::mutex> lock(mMutex);
+      mEvents.push_back(std::move(event));
+    }
+    mChanged.notify_all();
+  }
+  /// Null when it was stopped.
+  std::shared_ptr<PeerEvent> Take() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    mChanged.wait(lock, [this] { return mStopped || !mEvents.empty(); });
+    if (mStopped) {
+      return nullptr;
+    }
+    auto event = std::move(mEvents.front());
+    mEvents.pop_front();
+    return event;
+  }
+  void Stop() {
+    {
+      const std::lock_guard<std::mutex> lock(mMutex);
+      mStopped = true;
+    }
+    mChanged.notify_all();
+  }
 
-  void Enable() { Post(EPeerEvent::Enable); }
-  void Disable() { Post(EPeerEvent::Disable); }
-  void Alive() { Post(EPeerEvent::Alive); }
-  void Unhandled() { Post(EPeerEvent::Recover); }
-  void Token(const std::string& uid) { PostEvent(std::make_shared<UidEvent>(uid)); }
-  bool EnableAndWait();
-  void Run();
-  void Stop();
+ private:
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  std::deque<std::shared_ptr<PeerEvent>> mEvents;
+  bool mStopped = false;
+};
+
+using PostEvent = std::function<void(EPeerEvent)>;
+
+inline void Tell(const std::function<void()>& callback) {
+  if (callback) {
+    callback();
+  }
+}
+
+/// Each Process returns whether a state took the event.
+class SwitchMachine {
+ public:
+  SwitchMachine(CountingHandler& handler, PostEvent post) : mHandler(handler), mPost(std::move(post)) {}
+  bool Process(PeerEvent& event);
 
  private:
   enum class EState {
@@ -99,22 +134,24 @@ class SwitchPeer {
     FatalError
   };
 
-  void Post(EPeerEvent event) { PostEvent(std::make_shared<PeerEvent>(event)); }
-  void PostEvent(std::shared_ptr<PeerEvent> event);
-  std::shared_ptr<PeerEvent> Take();  ///< null when it was stopped
-
-  /// Each returns whether a state took the event.
-  bool Process(PeerEvent& event);
   bool ProcessInLeaf(PeerEvent& event);
   bool ProcessWhileEnabled(PeerEvent& event);
   void Leave();
 
-  const std::shared_ptr<CountingHandler> mHandler;
+  CountingHandler& mHandler;
+  const PostEvent mPost;
   EState mState = EState::Uninitialized;
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  std::deque<std::shared_ptr<PeerEvent>> mEvents;
-  bool mStopped = false;
+};
+
+class MsmMachine {
+ public:
+  MsmMachine(CountingHandler& handler, PostEvent post);
+  ~MsmMachine();
+  bool Process(PeerEvent& event);
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> mImpl;
 };
 
 }  // namespace bench
