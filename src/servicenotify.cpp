@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string_view>
 #include <utility>
 
@@ -23,6 +24,22 @@ struct ProbeTag {
   static constexpr std::array<std::string_view, 1> kEventNames{"WatchdogProbe"};
 };
 using WatchdogProbe = CHsmEvent<ProbeTag, 0>;
+
+/// What a state means to people. The error states are told with their error instead.
+const char* Meaning(const std::string& state) {
+  static const std::map<std::string, const char*> kMeanings{
+      {"Uninitialized", "waiting for the supervisor"},
+      {"Initializing", "starting"},
+      {"Disabled", "waiting for the supervisor to enable the reader"},
+      {"Enabling", "opening the reader"},
+      {"Enabled", "switching the reader on"},
+      {"Disabling", "switching the reader off"},
+      {"Recovering", "reopening the reader"},
+      {"Terminating", "switching the reader off"},
+  };
+  const auto found = kMeanings.find(state);
+  return found == kMeanings.end() ? "" : found->second;
+}
 
 }  // namespace
 
@@ -54,6 +71,24 @@ void CServiceNotify::Send(const std::string& assignment) const {
     LOG_DEBUG("Could not tell the service manager {}: {}", assignment, std::strerror(errno));
   }
   close(descriptor);
+}
+
+void CServiceNotify::EnterState(const std::string& state, const std::string& error) const {
+  const bool isError = state == "Error" || state == "FatalError";
+  TellState(state, isError ? error : Meaning(state));
+  if (state == "Uninitialized") {  // the initial one; the services were started before the machine
+    Send("READY=1");
+  } else if (state == "Terminating") {
+    Send("STOPPING=1");
+  }
+}
+
+void CServiceNotify::TellReading() const {
+  TellState("Enabled", "reading cards");
+}
+
+void CServiceNotify::TellFailure(const std::string& error) const {
+  TellState("Failed", error);
 }
 
 void CServiceNotify::TellState(const std::string& state, const std::string& detail) const {

@@ -20,18 +20,20 @@ class CServiceNotify {
 
   bool IsWanted() const { return !mSocket.empty(); }
 
-  /// The services answer and the machine runs.
-  void TellReady() const { Send("READY=1"); }
-  /// The daemon ends as requested.
-  void TellStopping() const { Send("STOPPING=1"); }
-  /// One line for people: the machine's state, and the detail after a colon unless it is empty.
-  void TellState(const std::string& state, const std::string& detail) const;
+  /// The machine enters `state`; `error` says what failed last, or is empty. Sends the status line. The first
+  /// state also says that the daemon is ready, the one in which it ends that it stops.
+  void EnterState(const std::string& state, const std::string& error) const;
+  /// The reader is on and polls for cards.
+  void TellReading() const;
+  /// The daemon ends because of an error.
+  void TellFailure(const std::string& error) const;
 
   /// The manager ends a daemon that does not feed its watchdog for this long. Zero: it has no watchdog.
   std::chrono::microseconds GetWatchdogPeriod() const { return mWatchdogPeriod; }
   void FeedWatchdog() const { Send("WATCHDOG=1"); }
 
  private:
+  void TellState(const std::string& state, const std::string& detail) const;
   void Send(const std::string& assignment) const;
 
   std::string mSocket;
