@@ -45,10 +45,7 @@ CardSubject::CardSubject(const std::string& daemon) : mKernel(FastReader()) {
     StartDaemon(daemon);
   }
   Subscribe();
-  if (!mKernel.WaitFor([](const virtualnfc::Status& status) { return status.Device().polling; },
-                       kLongestWait)) {
-    throw std::runtime_error("the subject does not poll: " + ReadFile(mFolder.Path("log")));
-  }
+  WaitForPolling();
   mKernel.AddObserver(*this);
 }
 
@@ -129,7 +126,15 @@ void CardSubject::OnDelivered(std::uint64_t /*socket*/, std::uint32_t /*sender*/
   }
 }
 
+void CardSubject::WaitForPolling() {
+  if (!mKernel.WaitFor([](const virtualnfc::Status& status) { return status.Device().polling; },
+                       kLongestWait)) {
+    throw std::runtime_error("the subject does not poll: " + ReadFile(mFolder.Path("log")));
+  }
+}
+
 Passage CardSubject::Tap(const std::string& uid) {
+  WaitForPolling();  // a card that comes and goes meanwhile is not found
   constexpr auto kNotified = static_cast<std::size_t>(EMark::Notified);
   {
     const std::lock_guard<std::mutex> lock(mMutex);

@@ -40,6 +40,7 @@ class CardSubject : private virtualnfc::NetlinkObserver {
 
  private:
   void Mark(EMark mark);
+  void WaitForPolling();
   void StartDaemon(const std::string& program);
   void StartFloor();
   std::unique_ptr<Process> Spawn(const std::vector<std::string>& command) const;
