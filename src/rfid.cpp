@@ -2,8 +2,6 @@
 
 #include <csignal>
 #include <functional>
-#include <map>
-#include <optional>
 #include <utility>
 
 #include "framework/hubconfig.h"
@@ -18,22 +16,6 @@ constexpr int kPeerTimeoutSeconds = 5;
 /// How often to check within one period of the service manager's watchdog. More checks leave a wait for the
 /// kernel more time before it counts as a hang.
 constexpr int kLooksPerWatchdogPeriod = 10;
-
-/// What a state means, for the service manager's status line.
-const char* Meaning(const std::string& state) {
-  static const std::map<std::string, const char*> kMeanings{
-      {"Uninitialized", "waiting for the supervisor"},
-      {"Initializing", "starting"},
-      {"Disabled", "waiting for the supervisor to enable the reader"},
-      {"Enabling", "opening the reader"},
-      {"Enabled", "switching the reader on"},
-      {"Disabling", "switching the reader off"},
-      {"Recovering", "opening the reader anew"},
-      {"Terminating", "switching the reader off"},
-  };
-  const auto found = kMeanings.find(state);
-  return found == kMeanings.end() ? "" : found->second;
-}
 
 /// What a SIGINT does. Set by the running application, and never cleared.
 std::function<void(int)> signalHook;
@@ -82,10 +64,13 @@ void CRfid::ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcN
   if (!mServiceNotify.IsWanted()) {
     return;
   }
-  machine.OnEntry = [this](const std::string& state) { TellState(state); };
+  machine.OnEntry = [this](const std::string& state) {
+    const auto error = mActionHandler->GetLastError();
+    mServiceNotify.EnterState(state, error ? error->what() : "");
+  };
   mActionHandler->ExtEnabledRsp = [this, tellSupervisor = std::move(mActionHandler->ExtEnabledRsp)] {
     tellSupervisor();
-    mServiceNotify.TellState("Enabled", "reading cards");
+    mServiceNotify.TellReading();
   };
   if (const auto period = mServiceNotify.GetWatchdogPeriod(); period.count() > 0) {
     const auto feeder = std::make_shared<CWatchdogFeeder>(
@@ -93,20 +78,6 @@ void CRfid::ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcN
         [this] { mServiceNotify.FeedWatchdog(); });
     mWatchdogCall = mActionHandler->AddCall([feeder] { feeder->Look(); }, std::chrono::steady_clock::now(),
                                             period / kLooksPerWatchdogPeriod);
-  }
-}
-
-void CRfid::TellState(const std::string& state) const {
-  if (state == "_Final_Statemachine") {
-    return;  // the reader is not off yet
-  }
-  const bool isError = state == "Error" || state == "FatalError";
-  const auto error = isError ? mActionHandler->GetLastError() : std::nullopt;
-  mServiceNotify.TellState(state, error ? error->what() : Meaning(state));
-  if (state == "Uninitialized") {  // the initial one; the services were started before the machine
-    mServiceNotify.TellReady();
-  } else if (state == "Terminating") {
-    mServiceNotify.TellStopping();
   }
 }
 
@@ -148,7 +119,7 @@ void CRfid::Run() {
   RunStateMachine();
   mActionHandler->CloseReader();  // while its diagnostics can still be published
   StopCommunication();
-  mServiceNotify.TellState("Stopped", "");
+  mServiceNotify.TellStopped();
 }
 
 void CRfid::StartCommunication() {

@@ -38,7 +38,6 @@ class CRfid {
   void ConnectIStatemachine() const;
   void ConnectIRfid() const;
   void ConnectServiceManager(CRfidHsm& machine, const std::shared_ptr<CNfcNetlink>& netlink);
-  void TellState(const std::string& state) const;
   void AddServices();
   void StartCommunication();
   void RunStateMachine() const;

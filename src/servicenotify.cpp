@@ -1,18 +1,21 @@
 #include "src/servicenotify.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
-#include <cstdint>
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
+#include <map>
 #include <string_view>
 #include <utility>
 
 #include "framework/log.h"
 #include "statemachines/hsmevent.h"
-
-#ifdef RFID_SYSTEMD
-#include <systemd/sd-daemon.h>
-#endif
 
 namespace {
 
@@ -22,33 +25,78 @@ struct ProbeTag {
 };
 using WatchdogProbe = CHsmEvent<ProbeTag, 0>;
 
+/// What a state means to people. The error states are told with their error instead.
+const char* Meaning(const std::string& state) {
+  static const std::map<std::string, const char*> kMeanings{
+      {"Uninitialized", "waiting for the supervisor"},
+      {"Initializing", "starting"},
+      {"Disabled", "waiting for the supervisor to enable the reader"},
+      {"Enabling", "opening the reader"},
+      {"Enabled", "switching the reader on"},
+      {"Disabling", "switching the reader off"},
+      {"Recovering", "reopening the reader"},
+      {"Terminating", "switching the reader off"},
+  };
+  const auto found = kMeanings.find(state);
+  return found == kMeanings.end() ? "" : found->second;
+}
+
 }  // namespace
 
-#ifdef RFID_SYSTEMD
-
-CServiceNotify::CServiceNotify() : mIsWanted(std::getenv("NOTIFY_SOCKET") != nullptr) {
-  uint64_t period = 0;
-  if (mIsWanted && sd_watchdog_enabled(0, &period) > 0) {
-    mWatchdogPeriod = std::chrono::microseconds(period);
+CServiceNotify::CServiceNotify() {
+  if (const char* const socket = std::getenv("NOTIFY_SOCKET")) {
+    mSocket = socket;
+  }
+  const char* const period = std::getenv("WATCHDOG_USEC");
+  const char* const watched = std::getenv("WATCHDOG_PID");  // another process of the service, perhaps
+  if (IsWanted() && period != nullptr && (watched == nullptr || std::to_string(getpid()) == watched)) {
+    mWatchdogPeriod = std::chrono::microseconds(std::strtoull(period, nullptr, 10));
   }
 }
 
 void CServiceNotify::Send(const std::string& assignment) const {
-  if (!mIsWanted) {
+  sockaddr_un address{};
+  if (!IsWanted() || mSocket.size() >= sizeof(address.sun_path)) {
     return;
   }
-  if (const int result = sd_notify(0, assignment.c_str()); result < 0) {
-    LOG_DEBUG("Could not tell the service manager {}: error {}", assignment, -result);
+  address.sun_family = AF_UNIX;
+  mSocket.copy(address.sun_path, mSocket.size());
+  if (mSocket.front() == '@') {
+    address.sun_path[0] = '\0';  // an abstract name
+  }
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + mSocket.size());
+  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (sendto(descriptor, assignment.data(), assignment.size(), MSG_NOSIGNAL,
+             reinterpret_cast<const sockaddr*>(&address), size) < 0) {
+    LOG_DEBUG("Could not tell the service manager {}: {}", assignment, std::strerror(errno));
+  }
+  close(descriptor);
+}
+
+void CServiceNotify::EnterState(const std::string& state, const std::string& error) const {
+  if (state == "_Final_Statemachine") {
+    return;  // the reader is not off yet
+  }
+  const bool isError = state == "Error" || state == "FatalError";
+  TellState(state, isError ? error : Meaning(state));
+  if (state == "Uninitialized") {  // the initial one; the services were started before the machine
+    Send("READY=1");
+  } else if (state == "Terminating") {
+    Send("STOPPING=1");
   }
 }
 
-#else
+void CServiceNotify::TellReading() const {
+  TellState("Enabled", "reading cards");
+}
 
-CServiceNotify::CServiceNotify() = default;
+void CServiceNotify::TellFailure(const std::string& error) const {
+  TellState("Failed", error);
+}
 
-void CServiceNotify::Send(const std::string& /*assignment*/) const {}
-
-#endif
+void CServiceNotify::TellStopped() const {
+  TellState("Stopped", "");
+}
 
 void CServiceNotify::TellState(const std::string& state, const std::string& detail) const {
   auto status = "STATUS=" + state + (detail.empty() ? "" : ": " + detail);

@@ -11,30 +11,34 @@
 /// Tells the service manager (systemd) that the daemon is ready, its state, and that it still works.
 ///
 /// The manager asks for this with the environment variables NOTIFY_SOCKET and WATCHDOG_USEC. Without the
-/// first one, or in a build without libsystemd, every operation does nothing. Threads: any; one datagram
-/// each.
+/// first one, every operation does nothing. Threads: any; one datagram each. Not through libsystemd, which
+/// brings six more libraries.
 class CServiceNotify {
  public:
   /// Reads the environment.
   CServiceNotify();
 
-  bool IsWanted() const { return mIsWanted; }
+  bool IsWanted() const { return !mSocket.empty(); }
 
-  /// The services answer and the machine runs.
-  void TellReady() const { Send("READY=1"); }
-  /// The daemon ends as requested.
-  void TellStopping() const { Send("STOPPING=1"); }
-  /// One line for people: the machine's state, and the detail after a colon unless it is empty.
-  void TellState(const std::string& state, const std::string& detail) const;
+  /// The machine enters `state`; `error` says what failed last, or is empty. Sends the status line. The first
+  /// state also says that the daemon is ready, the one in which it ends that it stops.
+  void EnterState(const std::string& state, const std::string& error) const;
+  /// The reader is on and polls for cards.
+  void TellReading() const;
+  /// The daemon ends because of an error.
+  void TellFailure(const std::string& error) const;
+  /// The daemon ended as requested, and the reader is off.
+  void TellStopped() const;
 
   /// The manager ends a daemon that does not feed its watchdog for this long. Zero: it has no watchdog.
   std::chrono::microseconds GetWatchdogPeriod() const { return mWatchdogPeriod; }
   void FeedWatchdog() const { Send("WATCHDOG=1"); }
 
  private:
+  void TellState(const std::string& state, const std::string& detail) const;
   void Send(const std::string& assignment) const;
 
-  bool mIsWanted = false;
+  std::string mSocket;
   std::chrono::microseconds mWatchdogPeriod{0};
 };
 

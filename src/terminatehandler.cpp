@@ -20,7 +20,7 @@ void HandleTerminate() {
       const auto name = Log::Demangle(mangled);
       Log::Critical("Uncaught exception of type '{}' with message: '{}'", name ? name.get() : "", e.what());
       // The journal may not attribute the last lines to the daemon once it is gone; the status line stays.
-      CServiceNotify().TellState("Failed", e.what());
+      CServiceNotify().TellFailure(e.what());
     } catch (...) {
       Log::Critical("Uncaught exception of unknown type.");
     }

@@ -1,108 +1,78 @@
 #include "connectionwatch.h"
 
-#include <grpc/grpc_security.h>
-#include <grpc/support/time.h>
-#include <grpcpp/support/channel_arguments.h>
+#include <grpcpp/grpcpp.h>
 
+#include <chrono>
+#include <mutex>
 #include <utility>
 
-namespace {
+#include "rpcqueue.h"
 
-grpc_channel* MakeChannel(const std::string& address) {
-  grpc::ChannelArguments arguments;
-  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-  grpc_channel_args plain;
-  arguments.SetChannelArgs(&plain);
-  grpc_channel_credentials* const credentials = grpc_insecure_credentials_create();
-  grpc_channel* const channel = grpc_channel_create(address.c_str(), credentials, &plain);
-  grpc_channel_credentials_release(credentials);
-  return channel;
+/// Shared with the wait for a change, which ends some time after the watch.
+struct CConnectionWatch::State : std::enable_shared_from_this<State> {
+  void WaitForChange(grpc_connectivity_state from);
+  void TakeChange();
+
+  std::shared_ptr<CRpcQueue> queue;
+  std::string address;
+  std::function<bool()> isConnected;
+  std::function<void()> lost;
+  std::mutex mutex;                        // guards the rest; held while the two functions run
+  std::shared_ptr<grpc::Channel> channel;  // none before the first Begin and after the end
+  bool isWatching = false;
+  grpc_connectivity_state state = GRPC_CHANNEL_IDLE;  // when the wait for a change began
+};
+
+/// With the mutex held.
+void CConnectionWatch::State::WaitForChange(grpc_connectivity_state from) {
+  state = from;
+  isWatching = queue->Begin([self = shared_from_this()](bool) { self->TakeChange(); },
+                            [&](grpc::CompletionQueue* ends, void* tag) {
+                              channel->NotifyOnStateChange(from, std::chrono::system_clock::time_point::max(),
+                                                           ends, tag);
+                            });
 }
 
-}  // namespace
+void CConnectionWatch::State::TakeChange() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  isWatching = false;
+  if (!channel) {
+    return;
+  }
+  const bool wasConnected = state == GRPC_CHANNEL_READY;
+  const auto now = channel->GetState(!wasConnected);
+  // If the server ended before this connection was up, it has closed the main connection, too.
+  if (!wasConnected && now != GRPC_CHANNEL_TRANSIENT_FAILURE &&
+      (now != GRPC_CHANNEL_READY || isConnected())) {
+    WaitForChange(now);
+  } else {
+    lost();
+  }
+}
 
-CConnectionWatch::CConnectionWatch(const std::string& address, std::function<bool()> isConnected,
-                                   std::function<void()> lost)
-    : mIsConnected(std::move(isConnected)),
-      mLost(std::move(lost)),
-      mChange(MakeEvent(this, TakeChange)),
-      mShutdown(MakeEvent(this, TakeShutdown)),
-      mQueue(grpc_completion_queue_create_for_callback(&mShutdown, nullptr)),
-      mChannel(MakeChannel(address)) {}
+CConnectionWatch::CConnectionWatch(std::shared_ptr<CRpcQueue> queue, const std::string& address,
+                                   std::function<bool()> isConnected, std::function<void()> lost)
+    : mState(std::make_shared<State>()) {
+  mState->queue = std::move(queue);
+  mState->address = address;
+  mState->isConnected = std::move(isConnected);
+  mState->lost = std::move(lost);
+}
 
 CConnectionWatch::~CConnectionWatch() {
-  {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mIsEnding = true;
-  }
-  grpc_channel_destroy(mChannel);  // ends a wait for its change
-  grpc_completion_queue_shutdown(mQueue);
-  {
-    // Calls may still run after the shutdown: wait for them.
-    std::unique_lock<std::mutex> lock(mMutex);
-    mCallEnded.wait(lock, [this] { return mCalls == 0; });
-  }
-  grpc_completion_queue_destroy(mQueue);
-}
-
-CConnectionWatch::Event CConnectionWatch::MakeEvent(CConnectionWatch* watch, void (*run)(Functor*, int)) {
-  Event event{};
-  event.functor_run = run;
-  event.watch = watch;
-  return event;
-}
-
-void CConnectionWatch::TakeShutdown(Functor* event, int /*ok*/) {
-  CConnectionWatch& watch = *static_cast<Event*>(event)->watch;
-  const std::lock_guard<std::mutex> lock(watch.mMutex);
-  watch.NoteCallEnded();
-}
-
-void CConnectionWatch::TakeChange(Functor* event, int /*ok*/) {
-  CConnectionWatch& watch = *static_cast<Event*>(event)->watch;
-  if (watch.IsLost()) {
-    watch.mLost();
-    const std::lock_guard<std::mutex> lock(watch.mMutex);
-    watch.NoteCallEnded();
-  }
-}
-
-/// With mMutex held. The destructor may go on once the mutex is free.
-void CConnectionWatch::NoteCallEnded() {
-  --mCalls;
-  mCallEnded.notify_all();
+  const std::lock_guard<std::mutex> lock(mState->mutex);
+  mState->channel.reset();  // ends a wait for its change
 }
 
 void CConnectionWatch::Begin() {
-  const std::lock_guard<std::mutex> lock(mMutex);
-  if (!mIsWatching) {
-    mIsWatching = true;
-    WaitForChange(grpc_channel_check_connectivity_state(mChannel, 1));
+  const std::lock_guard<std::mutex> lock(mState->mutex);
+  if (!mState->channel) {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+    mState->channel =
+        grpc::CreateCustomChannel(mState->address, grpc::InsecureChannelCredentials(), arguments);
   }
-}
-
-void CConnectionWatch::WaitForChange(grpc_connectivity_state state) {
-  mState = state;
-  ++mCalls;
-  grpc_channel_watch_connectivity_state(mChannel, state, gpr_inf_future(GPR_CLOCK_REALTIME), mQueue,
-                                        &mChange);
-}
-
-/// After a change: returns true when the peer has gone; otherwise waits for the next change.
-bool CConnectionWatch::IsLost() {
-  const std::lock_guard<std::mutex> lock(mMutex);
-  if (mIsEnding) {
-    NoteCallEnded();
-    return false;
+  if (!mState->isWatching) {
+    mState->WaitForChange(mState->channel->GetState(true));
   }
-  const bool wasConnected = mState == GRPC_CHANNEL_READY;
-  const auto state = grpc_channel_check_connectivity_state(mChannel, wasConnected ? 0 : 1);
-  // If the server ended before this connection was up, it has closed the main connection, too.
-  mIsWatching = !wasConnected && state != GRPC_CHANNEL_TRANSIENT_FAILURE &&
-                (state != GRPC_CHANNEL_READY || mIsConnected());
-  if (mIsWatching) {
-    WaitForChange(state);
-    NoteCallEnded();  // the former one
-  }
-  return !mIsWatching;
 }

@@ -35,7 +35,7 @@ class CPublisher {
   }
 
   void Send(ipc::MSignal signal) {
-    const std::lock_guard<std::mutex> lock(mMutex);
+    std::unique_lock<std::mutex> lock(mMutex);
     std::erase_if(mLatest, [&](const auto& latest) { return latest.id() == signal.id(); });
     mLatest.push_back(signal);
     if (mSession && mSession->present) {
@@ -44,7 +44,9 @@ class CPublisher {
         mSession->queue = mLatest;  // the peer cannot keep up
       }
       if (mSession->queue.size() == 1) {  // the delivering thread waits for the first value only
-        mSession->wake.notify_all();
+        const std::shared_ptr<Session> session = mSession;
+        lock.unlock();  // that thread needs it
+        session->wake.notify_all();
       }
     }
   }

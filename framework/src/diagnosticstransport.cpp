@@ -12,6 +12,7 @@
 #include "ipc/diagnostics.grpc.pb.h"
 #include "rpcclients.h"
 #include "rpclogging.h"
+#include "rpcqueue.h"
 
 namespace {
 
@@ -27,8 +28,10 @@ std::string Names(const ipc::MSignals& signals) {
 
 class CDiagnosticsTransport final : public IDiagnosticsTransport {
  public:
-  CDiagnosticsTransport(std::string name, std::string address, std::chrono::milliseconds timeout)
-      : mName(std::move(name)),
+  CDiagnosticsTransport(std::shared_ptr<CRpcQueue> queue, std::string name, std::string address,
+                        std::chrono::milliseconds timeout)
+      : mQueue(std::move(queue)),
+        mName(std::move(name)),
         mAddress(std::move(address)),
         mTimeout(timeout),
         mChannel(MakePeerChannel(mName, mAddress)),
@@ -41,7 +44,7 @@ class CDiagnosticsTransport final : public IDiagnosticsTransport {
       return false;
     }
     if (mTakesSeveral) {
-      const grpc::Status status = Call(&Stub::UpdateSignals, signals);
+      const grpc::Status status = Call(&Stub::AsyncUpdateSignals, signals);
       if (status.error_code() != grpc::StatusCode::UNIMPLEMENTED) {
         return Take(status, signals);
       }
@@ -50,13 +53,13 @@ class CDiagnosticsTransport final : public IDiagnosticsTransport {
     return std::all_of(signals.signals().begin(), signals.signals().end(), [this](const auto& signal) {
       ipc::MSignals one;
       *one.add_signals() = signal;
-      return Take(Call(&Stub::UpdateSignal, signal), one);
+      return Take(Call(&Stub::AsyncUpdateSignal, signal), one);
     });
   }
 
   void OnPeerLost(const std::function<void()>& lost) override {
     mWatch.emplace(
-        mAddress, [this] { return IsChannelReady(); }, lost);
+        mQueue, mAddress, [this] { return IsChannelReady(); }, lost);
   }
 
   void Cancel() override {
@@ -70,10 +73,13 @@ class CDiagnosticsTransport final : public IDiagnosticsTransport {
  private:
   bool IsChannelReady() const { return mChannel->GetState(false) == GRPC_CHANNEL_READY; }
 
+  template <typename Request>
+  using Method = std::unique_ptr<grpc::ClientAsyncResponseReader<ipc::MResult>> (Stub::*)(
+      grpc::ClientContext*, const Request&, grpc::CompletionQueue*);
+
   /// Returns the call's status; a peer's "illegal" counts as INVALID_ARGUMENT.
   template <typename Request>
-  grpc::Status Call(grpc::Status (Stub::*method)(grpc::ClientContext*, const Request&, ipc::MResult*),
-                    const Request& request) {
+  grpc::Status Call(Method<Request> method, const Request& request) {
     grpc::ClientContext context;
     context.set_deadline(std::chrono::system_clock::now() + mTimeout);
     {
@@ -84,7 +90,8 @@ class CDiagnosticsTransport final : public IDiagnosticsTransport {
       mContext = &context;
     }
     ipc::MResult result;
-    const grpc::Status status = (*mStub.*method)(&context, request, &result);
+    const grpc::Status status = mQueue->Call(
+        &result, [&](grpc::CompletionQueue* queue) { return (*mStub.*method)(&context, request, queue); });
     {
       const std::lock_guard<std::mutex> lock(mMutex);
       mContext = nullptr;
@@ -129,6 +136,7 @@ class CDiagnosticsTransport final : public IDiagnosticsTransport {
     }
   }
 
+  const std::shared_ptr<CRpcQueue> mQueue;
   const std::string mName;
   const std::string mAddress;
   const std::chrono::milliseconds mTimeout;
@@ -144,17 +152,18 @@ class CDiagnosticsTransport final : public IDiagnosticsTransport {
 
 }  // namespace
 
-std::shared_ptr<IDiagnosticsTransport> CreateDiagnosticsTransport(const std::string& name,
+std::shared_ptr<IDiagnosticsTransport> CreateDiagnosticsTransport(std::shared_ptr<CRpcQueue> queue,
+                                                                  const std::string& name,
                                                                   const std::string& address,
                                                                   std::chrono::milliseconds timeout) {
   RpcLogging::CaptureLibraries();
-  return std::make_shared<CDiagnosticsTransport>(name, address, timeout);
+  return std::make_shared<CDiagnosticsTransport>(std::move(queue), name, address, timeout);
 }
 
 void CDiagnosticsCommClient::Initialize(AppCommunicationHost<GrpcBackend>& host) {
   static const char* const kPeer = "Diagnostics";
   try {
-    Initialize(CreateDiagnosticsTransport(kPeer, host.PeerAddress(kPeer)));
+    Initialize(CreateDiagnosticsTransport(host.Queue(), kPeer, host.PeerAddress(kPeer)));
   } catch (const Rpc::ConfigurationException& e) {
     RpcLogging::Warning(std::string("Diagnostics values are not published: ") + e.what());
   }

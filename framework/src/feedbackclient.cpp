@@ -8,6 +8,7 @@
 #include "ipc/feedback.grpc.pb.h"
 #include "rpcclients.h"
 #include "rpclogging.h"
+#include "rpcqueue.h"
 
 namespace {
 
@@ -33,8 +34,9 @@ class CFeedbackClient final : public IFeedback,
                               public IClient<IFeedback>,
                               public std::enable_shared_from_this<CFeedbackClient> {
  public:
-  CFeedbackClient(std::string name, std::string address)
-      : mName(std::move(name)),
+  CFeedbackClient(std::shared_ptr<CRpcQueue> queue, std::string name, std::string address)
+      : mQueue(std::move(queue)),
+        mName(std::move(name)),
         mAddress(std::move(address)),
         mChannel(MakePeerChannel(mName, mAddress)),
         mStub(ipc::Feedback::NewStub(mChannel)) {}
@@ -54,7 +56,9 @@ class CFeedbackClient final : public IFeedback,
     if (status.ok()) {
       grpc::ClientContext context;
       context.set_deadline(hangs ? connectDeadline : In(Limit(mCallTimeout, false)));
-      status = mStub->TriggerFeedbackEvent(&context, event, &result);
+      status = mQueue->Call(&result, [&](grpc::CompletionQueue* queue) {
+        return mStub->AsyncTriggerFeedbackEvent(&context, event, queue);
+      });
     }
     Judge(status, Clock::now() - start);
     if (!status.ok()) {
@@ -101,6 +105,7 @@ class CFeedbackClient final : public IFeedback,
     }
   }
 
+  const std::shared_ptr<CRpcQueue> mQueue;
   const std::string mName;
   const std::string mAddress;
   const std::shared_ptr<grpc::Channel> mChannel;
@@ -112,8 +117,9 @@ class CFeedbackClient final : public IFeedback,
 
 }  // namespace
 
-std::shared_ptr<IClient<IFeedback>> CreateFeedbackClient(const std::string& name,
+std::shared_ptr<IClient<IFeedback>> CreateFeedbackClient(std::shared_ptr<CRpcQueue> queue,
+                                                         const std::string& name,
                                                          const std::string& address) {
   RpcLogging::CaptureLibraries();
-  return std::make_shared<CFeedbackClient>(name, address);
+  return std::make_shared<CFeedbackClient>(std::move(queue), name, address);
 }

@@ -27,6 +27,9 @@ namespace {
 /// How long a critical line and the end of the process wait for the logs.
 constexpr std::chrono::seconds kFlushTimeout(2);
 
+/// A card writes ten lines within two milliseconds: they wake the writer of the system log once.
+constexpr std::chrono::milliseconds kGather(2);
+
 static_assert(static_cast<int>(Log::ELogLevel::Trace) == spdlog::level::trace &&
               static_cast<int>(Log::ELogLevel::Critical) == spdlog::level::critical);
 
@@ -59,12 +62,17 @@ CLogWriter::Write ToConsole() {
 }
 
 struct Logs {
-  explicit Logs(std::string name)
-      : system("log-system", ToSystemLog(std::move(name))), console("log-console", ToConsole()) {}
+  explicit Logs(std::string name) : system("log-system", ToSystemLog(std::move(name)), kGather) {}
 
+  bool FlushConsole(std::chrono::steady_clock::time_point deadline) const {
+    CLogWriter* const writer = console;
+    return writer == nullptr || writer->Flush(deadline);
+  }
+
+  const CLogWriter::Write toConsole = ToConsole();
   std::mutex order;  // both writers get the lines in the same order
   CLogWriter system;
-  CLogWriter console;
+  std::atomic<CLogWriter*> console{nullptr};  // from the first line on
   std::atomic<bool> systemIsStuck{false};
   std::atomic<bool> consoleIsStuck{false};
 };
@@ -79,7 +87,7 @@ std::atomic<bool> gEnding{false};
 void AwaitLogs(Logs& logs) {
   const auto now = std::chrono::steady_clock::now();
   logs.systemIsStuck = !logs.system.Flush(logs.systemIsStuck ? now : now + kFlushTimeout);
-  logs.consoleIsStuck = !logs.console.Flush(logs.consoleIsStuck ? now : now + kFlushTimeout);
+  logs.consoleIsStuck = !logs.FlushConsole(logs.consoleIsStuck ? now : now + kFlushTimeout);
 }
 
 void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::format_args args) {
@@ -147,7 +155,10 @@ void Log::WriteLine(ELogLevel level, std::string_view file, int line, fmt::strin
       const std::lock_guard order(logs->order);
       logs->system.Push(written);
       if (mConsoleLoggingEnabled.load(std::memory_order_relaxed)) {
-        logs->console.Push(written);
+        if (logs->console == nullptr) {
+          logs->console = new CLogWriter("log-console", logs->toConsole);
+        }
+        logs->console.load()->Push(written);
       }
     }
     if (level == ELogLevel::Critical || gEnding) {
@@ -166,5 +177,5 @@ bool Log::Flush(std::chrono::milliseconds limit) {
   }
   const auto deadline = std::chrono::steady_clock::now() + limit;
   const bool system = logs->system.Flush(deadline);
-  return logs->console.Flush(deadline) && system;
+  return logs->FlushConsole(deadline) && system;
 }

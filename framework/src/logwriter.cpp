@@ -19,8 +19,10 @@ std::size_t SizeOf(const LogLine& line) {
 
 }  // namespace
 
-CLogWriter::CLogWriter(std::string threadName, Write write)
-    : mWrite(std::move(write)), mThread([this, name = std::move(threadName)] { Run(name); }) {}
+CLogWriter::CLogWriter(std::string threadName, Write write, std::chrono::milliseconds gather)
+    : mWrite(std::move(write)),
+      mGather(gather),
+      mThread([this, name = std::move(threadName)] { Run(name); }) {}
 
 CLogWriter::~CLogWriter() {
   {
@@ -32,9 +34,11 @@ CLogWriter::~CLogWriter() {
 }
 
 void CLogWriter::Push(std::shared_ptr<const LogLine> line) {
+  bool isFirst = false;
   {
     const std::lock_guard lock(mMutex);
     const std::size_t size = SizeOf(*line);
+    isFirst = mLines.empty();
     mLines.push_back(std::move(line));
     mBytes += size;
     ++mPushed;
@@ -44,11 +48,15 @@ void CLogWriter::Push(std::shared_ptr<const LogLine> line) {
       ++mDropped;
     }
   }
-  mWake.notify_one();
+  if (isFirst) {
+    mWake.notify_one();
+  }
 }
 
 bool CLogWriter::Flush(std::chrono::steady_clock::time_point deadline) {
   std::unique_lock lock(mMutex);
+  mIsFlushing = true;
+  mWake.notify_one();
   return mProgress.wait_until(lock, deadline, [this, last = mPushed] {
     const std::uint64_t taken = mPushed - mLines.size();
     return taken >= last && (mInHand == 0 || mInHand > last);
@@ -63,7 +71,13 @@ void CLogWriter::Run(const std::string& threadName) {
 
   std::unique_lock lock(mMutex);
   for (;;) {
-    mWake.wait(lock, [this] { return mStopping || !mLines.empty(); });
+    if (mLines.empty()) {
+      mIsFlushing = false;
+      mWake.wait(lock, [this] { return mStopping || !mLines.empty(); });
+      if (mGather.count() > 0) {
+        mWake.wait_for(lock, mGather, [this] { return mStopping || mIsFlushing; });
+      }
+    }
     if (mStopping) {
       return;
     }

@@ -42,8 +42,11 @@ class CLogWriter {
   /// Writes one line; may block. Returns false or throws when the log did not take it.
   using Write = std::function<bool(const LogLine&)>;
 
-  CLogWriter(std::string threadName, Write write);  ///< throws std::system_error when there is no thread
-  ~CLogWriter();                                    ///< drops the queue; waits for the line being written
+  /// The first line waits for others for as long as `gather` says; a crash loses the lines that wait. Throws
+  /// std::system_error when there is no thread.
+  CLogWriter(std::string threadName, Write write,
+             std::chrono::milliseconds gather = std::chrono::milliseconds(0));
+  ~CLogWriter();  ///< drops the queue; waits for the line being written
   CLogWriter(const CLogWriter&) = delete;
   CLogWriter& operator=(const CLogWriter&) = delete;
 
@@ -57,6 +60,7 @@ class CLogWriter {
   void WriteAfterGap(std::size_t& dropped, const LogLine& line) const;
 
   const Write mWrite;
+  const std::chrono::milliseconds mGather;
   std::mutex mMutex;  // guards the rest except the thread
   std::condition_variable mWake;
   std::condition_variable mProgress;
@@ -65,6 +69,7 @@ class CLogWriter {
   std::size_t mDropped = 0;   // and not reported yet
   std::uint64_t mPushed = 0;  // the number of the last line in mLines
   std::uint64_t mInHand = 0;  // the number of the line being written, 0 while there is none
+  bool mIsFlushing = false;   // somebody waits in Flush
   bool mStopping = false;
   std::thread mThread;
 };

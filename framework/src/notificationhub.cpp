@@ -46,7 +46,7 @@ std::size_t CNotificationHub::AddTopic() {
 }
 
 void CNotificationHub::Send(std::size_t topic, const Notification& message, bool keep) {
-  const std::lock_guard<std::mutex> lock(mMutex);
+  std::unique_lock<std::mutex> lock(mMutex);
   if (mStopping) {
     return;
   }
@@ -58,7 +58,9 @@ void CNotificationHub::Send(std::size_t topic, const Notification& message, bool
     subscriber->Push(message, mBounds.queued);
     mHasNews = to.hasNews = true;
   }
-  if (to.hasNews) {
+  const bool hasNews = to.hasNews;
+  lock.unlock();  // the thread that wakes up needs it
+  if (hasNews) {
     mWake.notify_all();
   }
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <grpcpp/grpcpp.h>
-
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -10,19 +8,18 @@
 #include <utility>
 
 #include "rpclogging.h"
+#include "servercall.h"
 #include "serviceruntime.h"
 
 /// Timeout for a subscriber that fell behind: it must read the messages in transit and its status within this
 /// time. Without this limit, one that does not read at all would keep its place for ever.
 constexpr std::chrono::seconds kSlowSubscriberTimeout{10};
 
-/// The stream of one subscriber. Keeps itself alive until gRPC is done with it.
-template <typename Message>
-class CNotificationStream final : public grpc::ServerWriteReactor<Message> {
+/// The stream of one subscriber. Lives as long as its call.
+class CNotificationStream final : public std::enable_shared_from_this<CNotificationStream> {
  public:
-  static grpc::ServerWriteReactor<Message>* Open(const ServiceRuntime& runtime,
-                                                 grpc::CallbackServerContext* context) {
-    auto stream = std::make_shared<CNotificationStream>(runtime, context);
+  static void Open(const ServiceRuntime& runtime, const std::shared_ptr<CServerCall>& call) {
+    const auto stream = std::make_shared<CNotificationStream>(runtime, call);
     const std::weak_ptr<CNotificationStream> weak = stream;
     auto subscription = runtime.hub->Subscribe(runtime.topic, [weak] {
       if (const auto locked = weak.lock()) {
@@ -31,17 +28,17 @@ class CNotificationStream final : public grpc::ServerWriteReactor<Message> {
       }
     });
     const std::lock_guard<std::mutex> lock(stream->mMutex);
-    stream->mSelf = stream;
     stream->mSubscription = std::move(subscription);
-    stream->StartSendInitialMetadata();  // tells the client that it misses nothing from now on
+    call->OnOver([stream] { stream->End(); });
+    call->SendInitialMetadata();  // tells the client that it misses nothing from now on
     stream->Advance();
-    return stream.get();
   }
 
-  CNotificationStream(const ServiceRuntime& runtime, grpc::CallbackServerContext* context)
-      : mName(runtime.name), mHub(runtime.hub), mTopic(runtime.topic), mContext(context) {}
+  CNotificationStream(const ServiceRuntime& runtime, std::shared_ptr<CServerCall> call)
+      : mName(runtime.name), mHub(runtime.hub), mTopic(runtime.topic), mCall(std::move(call)) {}
 
-  void OnWriteDone(bool ok) override {
+ private:
+  void TakeWritten(bool ok) {
     const std::lock_guard<std::mutex> lock(mMutex);
     mWriting = false;
     if (!ok) {
@@ -50,20 +47,13 @@ class CNotificationStream final : public grpc::ServerWriteReactor<Message> {
     Advance();
   }
 
-  void OnCancel() override {
+  void End() {
     const std::lock_guard<std::mutex> lock(mMutex);
+    mFinished = true;
     mSubscription->End(CSubscription::EEnd::Left);
-    Advance();
-  }
-
-  void OnDone() override {
-    std::shared_ptr<CNotificationStream> self;  // outlives the lock
-    const std::lock_guard<std::mutex> lock(mMutex);
     mHub->Unsubscribe(mTopic, mSubscription);
-    self.swap(mSelf);
   }
 
- private:
   // Starts the next write, or ends the stream when nothing is left to write. With mMutex held. One write at a
   // time: the rest waits in the subscription, which is bounded.
   void Advance() {
@@ -77,15 +67,14 @@ class CNotificationStream final : public grpc::ServerWriteReactor<Message> {
     CSubscription::Next next = mSubscription->Take();
     if (next.message) {
       mWriting = true;
-      mCurrent = std::move(next.message);
-      this->StartWrite(static_cast<const Message*>(mCurrent.get()));
+      mCall->Write(*next.message, [self = shared_from_this()](bool ok) { self->TakeWritten(ok); });
     } else if (next.end != CSubscription::EEnd::No) {
       mFinished = true;
-      this->Finish(EndStatus(next.end));
+      mCall->Finish(EndStatus(next.end));
     }
   }
 
-  // Runs with every notification. gRPC's context is valid while a write is in progress.
+  // Runs with every notification.
   void CutOffIfStuck() {
     if (mSubscription->GetEnd() != CSubscription::EEnd::TooSlow) {
       return;
@@ -94,7 +83,7 @@ class CNotificationStream final : public grpc::ServerWriteReactor<Message> {
     if (!mIsCutOff && std::chrono::steady_clock::now() - *mBehindSince > kSlowSubscriberTimeout) {
       mIsCutOff = true;
       RpcLogging::Warning("A subscriber of " + mName + " does not read at all and was cut off");
-      mContext->TryCancel();
+      mCall->Cancel();
     }
   }
 
@@ -126,11 +115,9 @@ class CNotificationStream final : public grpc::ServerWriteReactor<Message> {
   const std::string mName;
   const std::shared_ptr<CNotificationHub> mHub;
   const std::size_t mTopic;
-  grpc::CallbackServerContext* const mContext;
+  const std::shared_ptr<CServerCall> mCall;
   std::mutex mMutex;  // guards the rest
-  std::shared_ptr<CNotificationStream> mSelf;
   std::shared_ptr<CSubscription> mSubscription;
-  Notification mCurrent;
   bool mWriting = false;
   bool mFinished = false;
   bool mIsCutOff = false;

@@ -1,27 +1,19 @@
 #include "requestpool.h"
 
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "framework/thread.h"
 
+namespace {
+
+constexpr std::chrono::seconds kIdleTime{10};
+
+}  // namespace
+
 CRequestPool::CRequestPool(std::string name, std::size_t threads, std::size_t queueBound)
     : mName(std::move(name)), mThreadCount(threads), mQueueBound(queueBound) {}
-
-CRequestPool::~CRequestPool() {
-  Abandon();
-  Join(std::chrono::steady_clock::now());
-}
-
-void CRequestPool::Start() {
-  const std::lock_guard<std::mutex> threads(mThreadsMutex);
-  while (mThreads.size() < mThreadCount) {
-    {
-      const std::lock_guard<std::mutex> lock(mState->mutex);
-      ++mState->alive;
-    }
-    mThreads.emplace_back(&CRequestPool::Work, mState, mName);
-  }
-}
 
 CRequestPool::ESubmit CRequestPool::Submit(std::shared_ptr<IRequest> request) {
   const std::lock_guard<std::mutex> lock(mState->mutex);
@@ -32,7 +24,19 @@ CRequestPool::ESubmit CRequestPool::Submit(std::shared_ptr<IRequest> request) {
     return ESubmit::Full;
   }
   mState->waiting.push_back(std::move(request));
-  mState->wake.notify_one();
+  if (mState->waiting.size() <= mState->idle || mState->threads == mThreadCount) {
+    mState->wake.notify_one();
+    return ESubmit::Taken;
+  }
+  try {
+    std::thread(&CRequestPool::Work, mState, mName).detach();
+    ++mState->threads;
+  } catch (const std::system_error&) {
+    if (mState->threads == 0) {
+      mState->waiting.pop_back();
+      return ESubmit::Full;
+    }
+  }
   return ESubmit::Taken;
 }
 
@@ -53,23 +57,17 @@ void CRequestPool::Abandon() {
 }
 
 bool CRequestPool::Join(std::chrono::steady_clock::time_point deadline) {
-  const std::lock_guard<std::mutex> threads(mThreadsMutex);
   std::unique_lock<std::mutex> lock(mState->mutex);
-  const bool ended = mState->ended.wait_until(lock, deadline, [this] { return mState->alive == 0; });
-  lock.unlock();
-  for (std::thread& thread : mThreads) {
-    // When one thread is stuck, the others are idle and about to end, so they may be detached too.
-    ended ? thread.join() : thread.detach();
-  }
-  mThreads.clear();
-  return ended;
+  return mState->ended.wait_until(lock, deadline, [this] { return mState->threads == 0; });
 }
 
 void CRequestPool::Work(const std::shared_ptr<State>& state, const std::string& name) {
   SetThreadName(name.c_str());
   std::unique_lock<std::mutex> lock(state->mutex);
   for (;;) {
-    state->wake.wait(lock, [&] { return state->stopping || !state->waiting.empty(); });
+    ++state->idle;
+    state->wake.wait_for(lock, kIdleTime, [&] { return state->stopping || !state->waiting.empty(); });
+    --state->idle;
     if (state->waiting.empty()) {
       break;
     }
@@ -83,6 +81,6 @@ void CRequestPool::Work(const std::shared_ptr<State>& state, const std::string& 
     request.reset();  // without the lock: it may own the service
     lock.lock();
   }
-  --state->alive;
+  --state->threads;
   state->ended.notify_all();
 }

@@ -7,8 +7,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 /// A request in a CRequestPool.
 class IRequest {
@@ -23,7 +21,8 @@ class IRequest {
   virtual void Abandon() = 0;
 };
 
-/// A bounded number of threads for the requests to one service, with a bounded queue before them.
+/// A bounded number of threads for the requests to one service, with a bounded queue before them. A thread
+/// starts when a request finds none idle, and ends after ten seconds without a request.
 ///
 /// Knows no transport. All operations from any thread.
 class CRequestPool {
@@ -31,20 +30,18 @@ class CRequestPool {
   enum class ESubmit { Taken, Full, Stopping };
 
   CRequestPool(std::string name, std::size_t threads, std::size_t queueBound);
-  ~CRequestPool();  ///< abandons what is left and detaches threads that are still in a request
+  ~CRequestPool() { Abandon(); }
   CRequestPool(const CRequestPool&) = delete;
   CRequestPool& operator=(const CRequestPool&) = delete;
 
-  /// Starts the threads, once.
-  void Start();
-
+  /// Full also means that the system has no thread for the request.
   ESubmit Submit(std::shared_ptr<IRequest> request);
 
   /// Abandons every request, waiting or running, and refuses new ones. Does not block.
   void Abandon();
 
-  /// After Abandon: joins the threads. Returns false when a thread is still in a request at the deadline.
-  /// That thread is detached, shares nothing with this object and ends when the request returns.
+  /// After Abandon: waits for the threads. Returns false when a thread is still in a request at the deadline.
+  /// That thread shares nothing with this object and ends when the request returns.
   bool Join(std::chrono::steady_clock::time_point deadline);
 
  private:
@@ -54,7 +51,8 @@ class CRequestPool {
     std::condition_variable ended;
     std::list<std::shared_ptr<IRequest>> waiting;
     std::list<std::shared_ptr<IRequest>> running;
-    std::size_t alive = 0;
+    std::size_t threads = 0;
+    std::size_t idle = 0;  // of them
     bool stopping = false;
   };
   static void Work(const std::shared_ptr<State>& state, const std::string& name);
@@ -64,6 +62,4 @@ class CRequestPool {
   const std::size_t mQueueBound;
   // Shared with the threads, so that it outlives a thread that returns late from a request.
   const std::shared_ptr<State> mState = std::make_shared<State>();
-  std::mutex mThreadsMutex;
-  std::vector<std::thread> mThreads;
 };

@@ -20,9 +20,10 @@ std::shared_ptr<grpc::Channel> MakePeerChannel(const std::string& name, const st
 /// "UNAVAILABLE: the peer's text".
 std::string StatusText(const grpc::Status& status);
 
-std::shared_ptr<IClient<IFeedback>> CreateFeedbackClient(const std::string& name, const std::string& address);
+std::shared_ptr<IClient<IFeedback>> CreateFeedbackClient(std::shared_ptr<CRpcQueue> queue,
+                                                         const std::string& name, const std::string& address);
 
 /// `timeout` is for one call, connecting included.
 std::shared_ptr<IDiagnosticsTransport> CreateDiagnosticsTransport(
-    const std::string& name, const std::string& address,
+    std::shared_ptr<CRpcQueue> queue, const std::string& name, const std::string& address,
     std::chrono::milliseconds timeout = std::chrono::seconds(5));

@@ -66,8 +66,8 @@ std::string UnixAddress(const path& root, const std::string& text, const std::st
     Fail(key, "'" + text + "' names a folder, not a socket");
   }
   if (const auto length = socket.native().size(); length > kLongestSocketPath) {
-    Fail(key, fmt::format("the socket's path '{}' has {} characters, {} is the most", socket.string(), length,
-                          kLongestSocketPath));
+    Fail(key, fmt::format("the socket's path '{}' has {} characters, the limit is {}", socket.string(),
+                          length, kLongestSocketPath));
   }
   return std::string(kUnixScheme) + socket.string();
 }

@@ -1,4 +1,3 @@
-#include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
 
 #include <algorithm>
@@ -18,6 +17,8 @@
 #include "notificationhub.h"
 #include "rpcclients.h"
 #include "rpclogging.h"
+#include "rpcqueue.h"
+#include "servercall.h"
 #include "services.h"
 
 namespace {
@@ -35,45 +36,53 @@ constexpr std::chrono::milliseconds kCloseGrace{800};
 
 const std::string kUnixScheme = "unix:";
 
-/// Refuses the calls that no service takes and says why: most often the client did not ask for the service by
-/// its registered name.
-class CUnknownCalls final : public grpc::CallbackGenericService {
- public:
-  std::string names;  ///< of the services
-
-  grpc::ServerGenericBidiReactor* CreateReactor(grpc::GenericCallbackServerContext* context) override {
-    struct Reactor final : grpc::ServerGenericBidiReactor {
-      void OnDone() override { delete this; }
-    };
-    auto* const reactor = new Reactor;
-    reactor->Finish({grpc::StatusCode::UNIMPLEMENTED,
-                     "no service '" + context->host() + "' with a method " + context->method() +
-                         "; set the authority to the service's name, one of: " + names});
-    return reactor;
-  }
-};
-
 }  // namespace
 
 struct GrpcBackend::Impl {
   void Listen();
-
   void CheckAddition(const std::string& name, bool hasService) const;
+  void Dispatch(const std::shared_ptr<CServerCall>& call) const;
 
   const std::string configPath;
   const RpcConfig config;
   const std::shared_ptr<CNotificationHub> hub = std::make_shared<CNotificationHub>();
   std::vector<ServiceEntry> services{};
-  CUnknownCalls unknownCalls{};
+  std::unique_ptr<grpc::ServerBuilder> builder = std::make_unique<grpc::ServerBuilder>();  // until it is used
+  grpc::AsyncGenericService calls{};
   std::unique_ptr<CListenSocket> socket{};
-  std::unique_ptr<grpc::Server> server{};  // uses the services
+  grpc::ServerCompletionQueue* serverQueue = nullptr;  // the same as:
+  const std::shared_ptr<CRpcQueue> queue = MakeQueue();
+  std::unique_ptr<grpc::Server> server{};
 
   std::mutex lifeMutex{};  // StartServices and Stop, one at a time
   bool stopRequested = false;
   std::promise<void> stopped{};
   const std::shared_future<void> isStopped = stopped.get_future();
   std::future<void> closed{};  // closes the server, started by Stop; last member, so it ends first
+
+ private:
+  std::shared_ptr<CRpcQueue> MakeQueue() {
+    auto made = builder->AddCompletionQueue();
+    serverQueue = made.get();
+    return std::make_shared<CRpcQueue>(std::move(made));
+  }
 };
+
+/// Starts the method that the client asks for. A client that does not ask for a service by its registered
+/// name is told the names.
+void GrpcBackend::Impl::Dispatch(const std::shared_ptr<CServerCall>& call) const {
+  std::string names;
+  for (const ServiceEntry& entry : services) {
+    names += (names.empty() ? "" : ", ") + entry.runtime->name;
+    const auto method = entry.methods.find(call->Method());
+    if (entry.runtime->name == call->Service() && method != entry.methods.end()) {
+      return method->second(call);
+    }
+  }
+  call->Finish({grpc::StatusCode::UNIMPLEMENTED,
+                "no service '" + call->Service() + "' with a method " + call->Method() +
+                    "; set the authority to the service's name, one of: " + names});
+}
 
 void GrpcBackend::Impl::CheckAddition(const std::string& name, bool hasService) const {
   const auto hasName = [&](const ServiceEntry& entry) { return entry.runtime->name == name; };
@@ -83,7 +92,7 @@ void GrpcBackend::Impl::CheckAddition(const std::string& name, bool hasService) 
   if (std::any_of(services.begin(), services.end(), hasName)) {
     throw std::invalid_argument("RPC service '" + name + "': the name is taken");
   }
-  if (server) {
+  if (!builder) {
     throw std::logic_error("RPC service '" + name + "': added after StartServices");
   }
 }
@@ -95,25 +104,19 @@ void GrpcBackend::Impl::Listen() {
     newSocket = std::make_unique<CListenSocket>(address.substr(kUnixScheme.size()));
     address = kUnixScheme + newSocket->TemporaryPath();
   }
-  for (const ServiceEntry& entry : services) {
-    entry.runtime->pool.Start();
-  }
-  grpc::ServerBuilder builder;
-  builder.SetMaxReceiveMessageSize(kMaxRequestSize);
-  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, kMaxStreamsPerConnection);
+  const auto building = std::move(builder);
+  building->SetMaxReceiveMessageSize(kMaxRequestSize);
+  building->AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, kMaxStreamsPerConnection);
   // Without this a second instance would share the port instead of being refused.
-  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
-  builder.AddListeningPort(address, grpc::InsecureServerCredentials());
-  for (const ServiceEntry& entry : services) {
-    builder.RegisterService(entry.runtime->name, entry.service.get());
-    unknownCalls.names += (unknownCalls.names.empty() ? "" : ", ") + entry.runtime->name;
-  }
-  builder.RegisterCallbackGenericService(&unknownCalls);
+  building->AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+  building->AddListeningPort(address, grpc::InsecureServerCredentials());
+  building->RegisterAsyncGenericService(&calls);
   const RpcLogging::CErrorCapture errors;
-  std::unique_ptr<grpc::Server> newServer = builder.BuildAndStart();
+  std::unique_ptr<grpc::Server> newServer = building->BuildAndStart();
   if (!newServer) {
     throw Rpc::ConfigurationException("Cannot listen on " + config.listen + ": " + errors.Reason());
   }
+  CServerCall::Accept(*queue, serverQueue, calls, [this](const auto& call) { Dispatch(call); });
   if (newSocket) {
     newSocket->Publish();
   }
@@ -130,6 +133,8 @@ GrpcBackend::GrpcBackend(const std::string& configPath)
 
 GrpcBackend::~GrpcBackend() {
   Stop();
+  mImpl->closed.wait();
+  mImpl->queue->Run();  // ends what nobody waited for
 }
 
 void GrpcBackend::SetLogger(std::shared_ptr<Rpc::ILogger> logger) {
@@ -146,7 +151,7 @@ const std::string& GrpcBackend::PeerAddress(const std::string& name) const {
 
 void GrpcBackend::StartServices() {
   const std::lock_guard<std::mutex> life(mImpl->lifeMutex);
-  if (mImpl->stopRequested || mImpl->server) {
+  if (mImpl->stopRequested || !mImpl->builder) {
     throw std::logic_error("StartServices: called twice or after Stop");
   }
   if (mImpl->services.empty()) {
@@ -159,7 +164,12 @@ void GrpcBackend::StartServices() {
   }
 }
 
+const std::shared_ptr<CRpcQueue>& GrpcBackend::Queue() const {
+  return mImpl->queue;
+}
+
 void GrpcBackend::RunServer() {
+  mImpl->queue->Run();
   mImpl->isStopped.wait();
 }
 
@@ -180,13 +190,14 @@ void GrpcBackend::Stop() {
   for (const ServiceEntry& entry : me.services) {
     entry.runtime->pool.Abandon();
   }
-  // gRPC's own closing has a grace but no bound: on a busy machine its pollers may sleep up to a second. Stop
-  // does not wait for that; the destructor does.
+  // gRPC's own closing has a grace but no bound. Stop does not wait for that; RunServer and the destructor
+  // do.
   auto closed = std::async(std::launch::async, [&me] {
     SetThreadName("rpc-close");
     if (me.server) {
       me.server->Shutdown(std::chrono::system_clock::now() + kShutdownGrace);
     }
+    me.queue->Close();
   });
   for (const ServiceEntry& entry : me.services) {
     if (!entry.runtime->pool.Join(start + kHandlerGrace)) {
@@ -213,5 +224,5 @@ template std::shared_ptr<IServer> GrpcBackend::Add(const std::string&, std::shar
 template std::shared_ptr<IServer> GrpcBackend::Add(const std::string&, std::shared_ptr<ILogConfig>);
 
 void GrpcBackend::Create(const std::string& name, std::shared_ptr<IClient<IFeedback>>& client) {
-  client = CreateFeedbackClient(name, PeerAddress(name));
+  client = CreateFeedbackClient(mImpl->queue, name, PeerAddress(name));
 }

@@ -11,95 +11,48 @@
 
 namespace {
 
-using Context = grpc::CallbackServerContext;
-using Unary = grpc::ServerUnaryReactor;
-template <typename Message>
-using Stream = grpc::ServerWriteReactor<Message>;
-
-/// The gRPC side of a service object.
-template <typename Service, typename Interface>
-class CAdapter : public Service {
+/// One service's methods, by their names on the wire.
+template <typename Interface>
+class CMethods {
  public:
-  CAdapter(ServiceRuntime& runtime, std::shared_ptr<Interface> service)
-      : mRuntime(runtime), mService(std::move(service)) {}
+  CMethods(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
+           std::shared_ptr<Interface> service, std::string wireName)
+      : mService(std::move(service)),
+        mPrefix("/" + std::move(wireName) + "/"),
+        mEntry{std::make_unique<ServiceRuntime>(name, hub), {}} {}
 
- protected:
   /// `call` gets the service object and the request.
   template <typename Request, typename Response, typename Call>
-  Unary* Serve(const char* operation, Context* context, const Request* request, Response* response,
-               Call call) {
-    return ServeRequest(mRuntime, operation, context, request, response,
-                        [call, service = mService](const Request& r) { return call(*service, r); });
+  void Add(const char* operation, Call call) {
+    std::function<Response(const Request&)> handler = [call, service = mService](const Request& request) {
+      return call(*service, request);
+    };
+    mEntry.methods[mPrefix + operation] = UnaryMethod(*mEntry.runtime, operation, std::move(handler));
   }
 
-  ServiceRuntime& mRuntime;
+  void AddSubscribe() {
+    mEntry.methods[mPrefix + "Subscribe"] = [&runtime = *mEntry.runtime](const auto& call) {
+      CNotificationStream::Open(runtime, call);
+    };
+  }
+
+  ServiceEntry Take() { return std::move(mEntry); }
 
  private:
   const std::shared_ptr<Interface> mService;
+  const std::string mPrefix;
+  ServiceEntry mEntry;
 };
-
-class CGenericControlAdapter final : public CAdapter<ipc::GenericControl::CallbackService, IGenericControl> {
- public:
-  using CAdapter::CAdapter;
-
-  Unary* Enable(Context* context, const ipc::MEmpty* request, ipc::MResult* response) override {
-    return Serve("Enable", context, request, response,
-                 [](auto& service, const auto&) { return service.Enable(); });
-  }
-  Unary* Disable(Context* context, const ipc::MEmpty* request, ipc::MResult* response) override {
-    return Serve("Disable", context, request, response,
-                 [](auto& service, const auto&) { return service.Disable(); });
-  }
-  Stream<ipc::MGenericControlNotification>* Subscribe(Context* context, const ipc::MEmpty*) override {
-    return CNotificationStream<ipc::MGenericControlNotification>::Open(mRuntime, context);
-  }
-};
-
-class CRfidAdapter final : public CAdapter<ipc::Rfid::CallbackService, IRfid> {
- public:
-  using CAdapter::CAdapter;
-
-  Unary* EnableLearning(Context* context, const ipc::MEnableLearning* request,
-                        ipc::MResult* response) override {
-    return Serve("EnableLearning", context, request, response,
-                 [](auto& service, const auto& r) { return service.EnableLearning(r.enable()); });
-  }
-  Unary* InjectToken(Context* context, const ipc::MInjectToken* request, ipc::MResult* response) override {
-    return Serve("InjectToken", context, request, response,
-                 [](auto& service, const auto& r) { return service.InjectToken(r.uid()); });
-  }
-  Stream<ipc::MRfidNotification>* Subscribe(Context* context, const ipc::MEmpty*) override {
-    return CNotificationStream<ipc::MRfidNotification>::Open(mRuntime, context);
-  }
-};
-
-class CLogConfigAdapter final : public CAdapter<ipc::LogConfig::CallbackService, ILogConfig> {
- public:
-  using CAdapter::CAdapter;
-
-  Unary* GetLogLevel(Context* context, const ipc::MEmpty* request, ipc::MLogLevel* response) override {
-    return Serve("GetLogLevel", context, request, response,
-                 [](auto& service, const auto&) { return service.GetLogLevel(); });
-  }
-  Unary* SetLogLevel(Context* context, const ipc::MLogLevel* request, ipc::MResult* response) override {
-    return Serve("SetLogLevel", context, request, response,
-                 [](auto& service, const auto& r) { return service.SetLogLevel(r); });
-  }
-};
-
-template <typename Adapter, typename Interface>
-ServiceEntry MakeEntry(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
-                       const std::shared_ptr<Interface>& service) {
-  auto runtime = std::make_unique<ServiceRuntime>(name, hub);
-  auto adapter = std::make_unique<Adapter>(*runtime, service);
-  return {std::move(runtime), std::move(adapter)};
-}
 
 }  // namespace
 
 ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IGenericControl>& service) {
-  ServiceEntry entry = MakeEntry<CGenericControlAdapter>(name, hub, service);
+  CMethods methods(name, hub, service, ipc::GenericControl::service_full_name());
+  methods.Add<ipc::MEmpty, ipc::MResult>("Enable", [](auto& s, const auto&) { return s.Enable(); });
+  methods.Add<ipc::MEmpty, ipc::MResult>("Disable", [](auto& s, const auto&) { return s.Disable(); });
+  methods.AddSubscribe();
+  ServiceEntry entry = methods.Take();
   const std::size_t topic = entry.runtime->topic;
   service->SendState = [hub, topic](ipc::MState state) {
     auto message = std::make_shared<ipc::MGenericControlNotification>();
@@ -116,7 +69,13 @@ ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotific
 
 ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<IRfid>& service) {
-  ServiceEntry entry = MakeEntry<CRfidAdapter>(name, hub, service);
+  CMethods methods(name, hub, service, ipc::Rfid::service_full_name());
+  methods.Add<ipc::MEnableLearning, ipc::MResult>(
+      "EnableLearning", [](auto& s, const auto& request) { return s.EnableLearning(request.enable()); });
+  methods.Add<ipc::MInjectToken, ipc::MResult>(
+      "InjectToken", [](auto& s, const auto& request) { return s.InjectToken(request.uid()); });
+  methods.AddSubscribe();
+  ServiceEntry entry = methods.Take();
   const std::size_t topic = entry.runtime->topic;
   service->SendRfidToken = [hub, topic](ipc::MRfidToken token) {
     auto message = std::make_shared<ipc::MRfidNotification>();
@@ -134,5 +93,10 @@ ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotific
 
 ServiceEntry MakeService(const std::string& name, const std::shared_ptr<CNotificationHub>& hub,
                          const std::shared_ptr<ILogConfig>& service) {
-  return MakeEntry<CLogConfigAdapter>(name, hub, service);
+  CMethods methods(name, hub, service, ipc::LogConfig::service_full_name());
+  methods.Add<ipc::MEmpty, ipc::MLogLevel>("GetLogLevel",
+                                           [](auto& s, const auto&) { return s.GetLogLevel(); });
+  methods.Add<ipc::MLogLevel, ipc::MResult>(
+      "SetLogLevel", [](auto& s, const auto& request) { return s.SetLogLevel(request); });
+  return methods.Take();
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <grpcpp/grpcpp.h>
+#include <grpcpp/impl/codegen/proto_utils.h>
 
 #include <functional>
 #include <future>
@@ -10,25 +10,21 @@
 #include <utility>
 
 #include "rpclogging.h"
+#include "servercall.h"
 #include "serviceruntime.h"
 
-/// One request, from its arrival on a gRPC thread to its answer. It is answered exactly once. The handler
-/// runs on one of the service's threads.
+/// One request, from its arrival to its answer. It is answered exactly once. The handler runs on one of the
+/// service's threads.
 template <typename Request, typename Response>
 class CUnaryRequest final : public IRequest {
  public:
   using Handler = std::function<Response(const Request&)>;
 
-  CUnaryRequest(std::string name, Handler handler, const Request& request, Response* response,
-                grpc::CallbackServerContext* context)
+  CUnaryRequest(std::string name, Handler handler, Request request, std::shared_ptr<CServerCall> call)
       : mName(std::move(name)),
         mHandler(std::move(handler)),
-        mRequest(request),
-        mResponse(response),
-        mContext(context),
-        mReactor(context->DefaultReactor()) {}
-
-  grpc::ServerUnaryReactor* Reactor() const { return mReactor; }
+        mRequest(std::move(request)),
+        mCall(std::move(call)) {}
 
   void Run() override {
     if (IsAnsweredOrCancelled()) {
@@ -50,21 +46,20 @@ class CUnaryRequest final : public IRequest {
   void Abandon() override { Answer({grpc::StatusCode::UNAVAILABLE, "the daemon is stopping"}); }
 
   void Answer(const grpc::Status& status, const Response* response = nullptr) {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    if (mAnswered) {
-      return;
+    std::shared_ptr<CServerCall> call;
+    {
+      const std::lock_guard<std::mutex> lock(mMutex);
+      call.swap(mCall);
     }
-    mAnswered = true;
-    if (response != nullptr) {
-      *mResponse = *response;
+    if (call) {
+      call->Finish(status, response);
     }
-    mReactor->Finish(status);  // gRPC's objects may be gone from here on
   }
 
  private:
   bool IsAnsweredOrCancelled() {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return mAnswered || mContext->IsCancelled();
+    return !mCall || mCall->IsOver();
   }
 
   void AnswerFailure(const std::string& reason) {
@@ -74,33 +69,38 @@ class CUnaryRequest final : public IRequest {
 
   const std::string mName;
   const Handler mHandler;
-  const Request mRequest;  // a copy: Abandon may answer while the handler runs, which frees gRPC's message
-  std::mutex mMutex;       // guards the rest
-  bool mAnswered = false;
-  Response* const mResponse;
-  grpc::CallbackServerContext* const mContext;
-  grpc::ServerUnaryReactor* const mReactor;
+  const Request mRequest;
+  std::mutex mMutex;                   // guards the rest
+  std::shared_ptr<CServerCall> mCall;  // until the answer: a handler may never return
 };
 
-/// Queues a request for the service's threads. Refuses it when the queue is full or the daemon is stopping.
+/// Queues each call's request for the service's threads. Refuses it when the queue is full or the daemon is
+/// stopping.
 template <typename Request, typename Response>
-grpc::ServerUnaryReactor* ServeRequest(ServiceRuntime& runtime, const char* operation,
-                                       grpc::CallbackServerContext* context, const Request* request,
-                                       Response* response,
-                                       typename CUnaryRequest<Request, Response>::Handler handler) {
-  auto call = std::make_shared<CUnaryRequest<Request, Response>>(
-      runtime.name + "." + operation, std::move(handler), *request, response, context);
-  grpc::ServerUnaryReactor* const reactor = call->Reactor();
-  switch (runtime.pool.Submit(call)) {
-    case CRequestPool::ESubmit::Taken:
-      break;
-    case CRequestPool::ESubmit::Full:
-      call->Answer(
-          {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many requests are waiting for " + runtime.name});
-      break;
-    case CRequestPool::ESubmit::Stopping:
-      call->Abandon();
-      break;
-  }
-  return reactor;
+CServerCall::Handler UnaryMethod(ServiceRuntime& runtime, const char* operation,
+                                 std::function<Response(const Request&)> handler) {
+  return [&runtime, operation, handler](const std::shared_ptr<CServerCall>& call) {
+    call->Read([&runtime, operation, handler, call](grpc::ByteBuffer* message) {
+      Request request;
+      const grpc::Status parsed = message != nullptr
+                                      ? grpc::SerializationTraits<Request>::Deserialize(message, &request)
+                                      : grpc::Status(grpc::StatusCode::INTERNAL, "the call has no request");
+      if (!parsed.ok()) {
+        return call->Finish(parsed);
+      }
+      const auto unary = std::make_shared<CUnaryRequest<Request, Response>>(
+          runtime.name + "." + operation, handler, std::move(request), call);
+      switch (runtime.pool.Submit(unary)) {
+        case CRequestPool::ESubmit::Taken:
+          break;
+        case CRequestPool::ESubmit::Full:
+          unary->Answer(
+              {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many requests are waiting for " + runtime.name});
+          break;
+        case CRequestPool::ESubmit::Stopping:
+          unary->Abandon();
+          break;
+      }
+    });
+  };
 }

@@ -2,7 +2,6 @@
 
 #include "tests/endtoend/daemontest.h"
 #include "tools/harness/browser.h"
-#include "tools/virtual-nfc/server/controlserver.h"
 
 using namespace virtualnfc;
 using ::testing::HasSubstr;
@@ -29,9 +28,8 @@ class BenchPage : public DaemonTest {
  protected:
   void SetUp() override {
     WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");
-    StopPeers();  // the bench takes their places
+    mUrl = StartBench({"--port", "0"});
     StartRfidd();
-    StartBench("0");
     mBrowser = std::make_unique<Browser>(mRoot);
     mBrowser->Open(mUrl);
     ASSERT_TRUE(mBrowser->Run("return document.readyState").isString());
@@ -40,18 +38,6 @@ class BenchPage : public DaemonTest {
   }
 
   void StartRfidd() { mDaemon = Spawn({"-vv", "-r", mRoot.string() + "/"}); }
-
-  void StartBench(const std::string& port) {
-    mBench.reset();
-    mBench = std::make_unique<Process>(
-        std::vector<std::string>{STATION_PATH, "--root", mRoot, "bench", "--nfc", mKernel->Address(), "--log",
-                                 Path("log"), "--port", port},
-        std::map<std::string, std::string>{}, Path("bench.out"), Path("bench.err"));
-    ASSERT_TRUE(Becomes([&] { return ReadFile(Path("bench.out")); }, HasSubstr("\n")))
-        << ReadFile(Path("bench.err"));
-    mUrl = ReadFile(Path("bench.out"));
-    mUrl.pop_back();
-  }
 
   using Result = ::testing::AssertionResult;
 
@@ -103,8 +89,6 @@ class BenchPage : public DaemonTest {
     ASSERT_TRUE(IsIn("Enabled")) << mBrowser->Text("body");
   }
 
-  const ControlServer mControl{*mKernel};
-  std::unique_ptr<Process> mBench;
   std::string mUrl;
   std::unique_ptr<Browser> mBrowser;
 };
@@ -157,7 +141,7 @@ TEST_F(BenchPage, TheSwitchesDoWhatTheySay) {
   EXPECT_TRUE(ComesToSay("#outcome", "04A1B2C3: scanned"));
 }
 
-TEST_F(BenchPage, AReaderThatFailsOrIsUnpluggedIsSeen) {
+TEST_F(BenchPage, ThePageShowsAReaderThatFailsOrIsUnplugged) {
   Enable();
   EXPECT_TRUE(Brings([this] { mBrowser->Click("[data-do=fault]"); },
                      [this](auto timeout) { return ComesToSay("#toast", "The reader fails", timeout); }));
@@ -170,7 +154,7 @@ TEST_F(BenchPage, AReaderThatFailsOrIsUnpluggedIsSeen) {
   EXPECT_TRUE(ComesToSay("#reader-text", "nfc0"));
 }
 
-TEST_F(BenchPage, ADaemonThatIsKilledIsMissedAndFoundAgain) {
+TEST_F(BenchPage, ThePageReportsADaemonThatIsKilledAndFollowsTheNext) {
   Enable();
   EXPECT_FALSE(mBrowser->Shows("#banner"));
   mDaemon->Signal(SIGKILL);
@@ -186,12 +170,12 @@ TEST_F(BenchPage, ADaemonThatIsKilledIsMissedAndFoundAgain) {
   EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: accepted"));
 }
 
-TEST_F(BenchPage, ABenchThatEndsIsMissedAndFoundAgain) {
+TEST_F(BenchPage, ThePageReportsABenchThatEndsAndFollowsTheNext) {
   mBench->Signal(SIGINT);
   EXPECT_EQ(mBench->Wait(), "exit 0");
   EXPECT_TRUE(ComesToShow("#banner"));
   EXPECT_THAT(mBrowser->Text("#banner"), HasSubstr("The bench does not answer"));
-  StartBench(mUrl.substr(mUrl.rfind(':') + 1, mUrl.size() - mUrl.rfind(':') - 2));
+  StartBench({"--port", mUrl.substr(mUrl.rfind(':') + 1, mUrl.size() - mUrl.rfind(':') - 2)});
   EXPECT_TRUE(ComesToShow("#banner", false)) << mBrowser->Text("#banner");
   Enable();
 }

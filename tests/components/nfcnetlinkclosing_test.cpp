@@ -10,7 +10,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-TEST_F(NfcNetlink, TheReaderIsOffAfterTheEndWhateverHappenedBefore) {
+TEST_F(NfcNetlink, TheReaderIsOffAfterEveryEnd) {
   struct Case {
     const char* name;
     std::function<void()> happen;
@@ -93,7 +93,7 @@ TEST_F(NfcNetlink, ClosesWithoutAnAnswerToTheRequestThatWakesTheMonitor) {
   EXPECT_TRUE(IsOff());
 }
 
-TEST_F(NfcNetlink, AMonitorThatNoRequestCanWakeEndsAllTheSame) {
+TEST_F(NfcNetlink, AMonitorThatNoRequestWakesStillEnds) {
   for (const bool reopen : {false, true}) {
     SCOPED_TRACE(reopen);
     Gate gate;

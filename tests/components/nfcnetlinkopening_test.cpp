@@ -215,7 +215,7 @@ TEST_F(NfcNetlink, OperationsOnAClosedControllerFailInsteadOfWaiting) {
   }
 }
 
-TEST_F(NfcNetlink, AnOpenControllerIsOpenedAnew) {
+TEST_F(NfcNetlink, OpeningAnOpenControllerReopensIt) {
   Start();
   Open();
   EXPECT_TRUE(WaitForCommand(NFC_CMD_STOP_POLL));

@@ -96,7 +96,7 @@ TEST_F(NfcNetlink, ReportsATagOfSeveralProtocolsAndOneOfNone) {
   EXPECT_EQ(Tap(MakeRawTag(0x04, {{NFC_ATTR_TARGET_NFCID1, {1, 2, 3, 4}}})), "Unsupported protocol ");
 }
 
-TEST_F(NfcNetlinkOnNci, OfSeveralTagsTheLastIsReported) {
+TEST_F(NfcNetlinkOnNci, TheLastOfSeveralTagsIsReported) {
   Start();
   mKernel->PresentTags({kCard, MakeTag(TagKind::Mifare, "11223344")});
   EXPECT_EQ(WaitFor(1).front(), "MIFARE 11223344");

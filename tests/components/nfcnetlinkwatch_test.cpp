@@ -205,7 +205,7 @@ TEST_F(NfcNetlink, APollThatTheKernelOnlyClaimsIsRenewedSoon) {
   EXPECT_EQ(Tap(kCard), kCardReport);
 }
 
-TEST_F(NfcNetlink, WhatRenewingCannotCureIsReportedOnce) {
+TEST_F(NfcNetlink, AFaultThatRenewingCannotCureIsReportedOnce) {
   struct Case {
     const char* rule;
     const char* reported;

@@ -58,7 +58,7 @@ TEST_F(RfidConfig, SwitchesFollowTheFileAtTheNextQuestion) {
   }
 }
 
-TEST_F(RfidConfig, TheListLetsInWhoIsInItAndNobodyElse) {
+TEST_F(RfidConfig, OnlyListedCardsAreAccepted) {
   struct Case {
     const char* list;
     bool permitted;
@@ -103,7 +103,7 @@ TEST_F(RfidConfig, TheListLetsInWhoIsInItAndNobodyElse) {
   }
 }
 
-TEST_F(RfidConfig, AListThatIsNoArrayIsReportedAtEveryCard) {
+TEST_F(RfidConfig, AListThatIsNotAnArrayIsReportedAtEveryCard) {
   mStore.Write("rfid_standalone", R"({"Tokens": {"RfidTokenUid": "0A1B2C3D"}})");
   for (size_t cards = 1; cards < 3; ++cards) {
     mConfig.AuthenticateToken("0A1B2C3D");
@@ -111,7 +111,7 @@ TEST_F(RfidConfig, AListThatIsNoArrayIsReportedAtEveryCard) {
   }
 }
 
-TEST_F(RfidConfig, EveryEntryThatLetsNobodyInIsNamedOnceForEachLoad) {
+TEST_F(RfidConfig, EveryUnusableEntryIsNamedOncePerLoad) {
   std::string many;
   for (int i = 0; i < 12; ++i) {
     many += R"({"RfidTokenUid": "short"},)";
@@ -152,7 +152,7 @@ TEST_F(RfidConfig, EveryEntryThatLetsNobodyInIsNamedOnceForEachLoad) {
               Says("Standalone list: 2 more elements match no card."));
 }
 
-TEST(StandaloneList, IsTakenFromAClientThatGivesItOnlyAsAWhole) {
+TEST(StandaloneList, AcceptsAClientThatOnlyReturnsWholeValues) {
   struct ClientOfAnotherFramework {
     Json::Value list;
     Json::Value GetValue(const std::string&, const Json::Value&) const { return list; }

@@ -16,6 +16,8 @@ struct LifecycleAction {
   void (CRfidHsmActionHandler::*action)();
   const char* state;
   const char* message;
+
+  friend void PrintTo(const LifecycleAction& action, std::ostream* out) { *out << action.operation; }
 };
 
 class ActionHandlerLifecycle : public ActionHandler, public ::testing::WithParamInterface<LifecycleAction> {};
@@ -78,7 +80,7 @@ INSTANTIATE_TEST_SUITE_P(
                                       "Failed to stop polling."}),
     [](const auto& action) { return action.param.operation; });
 
-TEST(RfidError, OnlyWhatReopeningTheReaderMayCureIsRecoverable) {
+TEST(RfidError, OnlyErrorsThatReopeningMayCureAreRecoverable) {
   std::vector<int> recoverable;
   for (int code = 0; code <= 200; ++code) {
     if (CRfidError("", code).IsRecoverable()) {

@@ -17,7 +17,7 @@ class CommandLine : public DaemonTest {
 
 }  // namespace
 
-TEST_F(CommandLine, WhatItDoesNotKnowEndsWithTheUsageAndStatusOne) {
+TEST_F(CommandLine, UnknownArgumentsPrintTheUsageAndExitWithOne) {
   const std::string usage =
       " [OPTION]\n"
       "  -v, --verbose    increase verbosity\n"

@@ -38,14 +38,14 @@ class Console : public DaemonTest {
 
 }  // namespace
 
-TEST_F(Console, ThatNobodyReadsCostsNoCardAndNotTheEnd) {
+TEST_F(Console, ThatNobodyReadsLosesNoCardAndTheDaemonExits) {
   StartDaemon();
   EnableDaemon();
   TapCards(200);
   EXPECT_EQ(Interrupt(), "exit 0");
 }
 
-TEST_F(Console, WhoseReaderHasGoneCostsNothingElse) {
+TEST_F(Console, ThatIsClosedLosesNoCardAndTheDaemonExits) {
   StartDaemon();
   EnableDaemon();
   Close();

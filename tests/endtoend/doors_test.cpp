@@ -106,7 +106,7 @@ class Flood {
 
 }  // namespace
 
-TEST_F(Doors, WhatIsTooLargeOrNoTextIsRefused) {
+TEST_F(Doors, OversizedAndNonTextRequestsAreRefused) {
   StartDaemon();
   EnableDaemon();
   EXPECT_THAT(mSupervisor->Inject(std::string(70 * 1024, 'A')), HasSubstr("status 8"));

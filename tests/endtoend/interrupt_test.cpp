@@ -186,7 +186,7 @@ TEST_F(Interruption, TakesItsDefaultActionDuringTheAssembly) {
   EXPECT_TRUE(seen) << "the daemon was always faster";
 }
 
-TEST_F(Interruption, IsNotCaughtAnyMoreOnceTheMachineHasStopped) {
+TEST_F(Interruption, IsNotCaughtOnceTheMachineHasStopped) {
   StartDaemon();
   EnableDaemon();
   mKernel->AddRule("STOP_POLL delay=300000");  // the reader is closed after the machine

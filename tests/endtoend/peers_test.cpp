@@ -27,7 +27,7 @@ class Peers : public DaemonTest {
 
 }  // namespace
 
-TEST_F(Peers, NoneIsNeededAndOneThatComesLaterIsFound) {
+TEST_F(Peers, AreOptionalAndFoundLater) {
   StartDaemon();
   StopPeers();
   EnableDaemon();

@@ -99,7 +99,7 @@ TEST_F(Rfidctl, OutputThatCannotBeWrittenIsAFailure) {
   ExpectError("No space left");
 }
 
-TEST_F(Rfidctl, AWordThatItDoesNotKnowIsNamed) {
+TEST_F(Rfidctl, AnUnknownWordIsNamed) {
   for (const auto& [arguments, named] : std::vector<std::pair<Words, std::string>>{
            {{}, "required"},
            {{"stat"}, "stat"},
@@ -161,7 +161,7 @@ TEST_F(Rfidctl, WatchingGoesOnWhenTheDaemonIsRestartedUntilCtrlC) {
   EXPECT_EQ(watch->Wait(), "exit 0");
 }
 
-TEST_F(Rfidctl, WatchingEndsWhenNobodyReadsAnyMore) {
+TEST_F(Rfidctl, WatchingEndsWhenNobodyReads) {
   StartDaemon();
   const auto pipe = Start(
       {"/bin/bash", "-c", "set -o pipefail; \"$0\" --root \"$1\" watch | head -1", RFIDCTL_PATH, mRoot});

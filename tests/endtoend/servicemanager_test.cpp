@@ -93,8 +93,6 @@ class ServiceManager : public DaemonTest {
 
 }  // namespace
 
-#ifdef RFID_SYSTEMD
-
 TEST_F(ServiceManager, IsToldReadinessEveryStateAndLife) {
   StartDaemon({});
   EXPECT_THAT(HearUntil("READY=1"), ElementsAre("STATUS=Uninitialized: waiting for the supervisor"));
@@ -109,7 +107,7 @@ TEST_F(ServiceManager, IsToldReadinessEveryStateAndLife) {
   mKernel->Unplug();
   const std::string why = "Reader stopped reading tags: Error in SendAndReceiveMsgs in StopPolling. (rc 19)";
   EXPECT_THAT(HearUntil("STATUS=FatalError: " + why),
-              ElementsAre("STATUS=Error: " + why, "STATUS=Recovering: opening the reader anew"));
+              ElementsAre("STATUS=Error: " + why, "STATUS=Recovering: reopening the reader"));
   HearUntil("WATCHDOG=1");  // a fatal error is the supervisor's to solve: no restart
   HearUntil("WATCHDOG=1");
   EXPECT_EQ(Interrupt(), "exit 0");
@@ -143,5 +141,3 @@ TEST_F(ServiceManager, HearsNoLifeFromAMonitorThatHangs) {
   EXPECT_TRUE(Starves());
   Abort();
 }
-
-#endif

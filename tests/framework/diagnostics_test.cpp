@@ -87,7 +87,7 @@ class DiagnosticsTest : public testing::Test {
   const std::shared_ptr<Peer> mPeer = std::make_shared<Peer>();
 };
 
-TEST_F(DiagnosticsTest, OfWhatWasSentBeforeInitializeTheLatestValuesArrive) {
+TEST_F(DiagnosticsTest, TheLatestValuesSentBeforeInitializeArrive) {
   CDiagnosticsSignal<std::string> first(&mFirst);
   CDiagnosticsSignal<std::string> second(&mSecond);
   second.Send("a");
@@ -183,7 +183,7 @@ TEST_F(DiagnosticsTest, ACallIsNotLargerThanAPeerAccepts) {
   }
 }
 
-TEST_F(DiagnosticsTest, TerminateIsBoundedWhateverTheTransportDoes) {
+TEST_F(DiagnosticsTest, TerminateIsBoundedForEveryTransport) {
   for (const bool obeys : {true, false}) {
     const auto peer = std::make_shared<Peer>();
     peer->mHangs = true;

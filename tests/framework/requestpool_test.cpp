@@ -29,7 +29,6 @@ TEST(RequestPool, AbandonsRequestsAndOutlivesAThreadThatReturnsLate) {
   const auto waiting = std::make_shared<Request>([] { FAIL() << "an abandoned request was carried out"; });
   {
     CRequestPool pool("pool", 1, 3);
-    pool.Start();
     pool.Submit(stuck);
     ASSERT_TRUE(gate->AwaitWaiting(1));
     pool.Submit(waiting);

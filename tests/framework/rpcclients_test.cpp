@@ -111,13 +111,18 @@ struct Listener {
   const int mSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 };
 
+/// A host without services.
+struct ClientHost : RunningHost {
+  explicit ClientHost(const std::string& config) : RunningHost(config) { Serve(); }
+};
+
 class FeedbackClientTest : public testing::Test {
  protected:
   FeedbackClientTest() { MakeClient(); }
 
   /// Timeouts in seconds. The defaults are long enough for any machine.
   void MakeClient(int connectTimeout = 60, int callTimeout = 60) {
-    mClient = mHost.CreateClient<IFeedback>("Feedback");
+    mClient = mHost.Host().CreateClient<IFeedback>("Feedback");
     mClient->SetConnectTimeout(connectTimeout);
     mClient->SetCallTimeout(callTimeout);
     mFeedback = mClient->GetInterface();
@@ -136,7 +141,7 @@ class FeedbackClientTest : public testing::Test {
 
   const Root mRoot;
   const std::string mAddress = "unix:" + mRoot.At("feedback.sock");
-  AppCommunicationHost<GrpcBackend> mHost{mRoot.Listen()};
+  ClientHost mHost{mRoot.Listen()};
   std::shared_ptr<IClient<IFeedback>> mClient;
   std::shared_ptr<IFeedback> mFeedback;
   FeedbackService mService;
@@ -245,13 +250,13 @@ TEST_F(FeedbackClientTest, ASilentPeerEndsTheCallAtTheConnectTimeout) {
 
 TEST_F(FeedbackClientTest, AnUnknownPeerIsAConfigurationError) {
   try {
-    mHost.CreateClient<IFeedback>("Light");
+    mHost.Host().CreateClient<IFeedback>("Light");
     ADD_FAILURE() << "no error";
   } catch (const Rpc::ConfigurationException& e) {
     EXPECT_EQ(e.what(), mRoot.ConfigPath() + ": peers.Light: missing");
   }
   CDiagnosticsCommClient::Initialize(
-      mHost);  // without this peer values are not published; that is not an error
+      mHost.Host());  // without this peer values are not published; that is not an error
 }
 
 template <typename Service>
@@ -275,9 +280,9 @@ TYPED_TEST(DiagnosticsTransport, OnlyARestartedPeerGetsValuesAgain) {
   const CSignalDefinition<std::string> definition{ipc::ESignalRfidState, "state", "", ""};
   CDiagnosticsSignal<std::string> signal(&definition);
   signal.Send("kept");
-  AppCommunicationHost<GrpcBackend> host(root.Configure(
+  ClientHost host(root.Configure(
       R"({"listen": "unix:rfid.sock", "peers": {"Diagnostics": "unix:diagnostics.sock"}, "configuration": "hub"})"));
-  CDiagnosticsCommClient::Initialize(host);
+  CDiagnosticsCommClient::Initialize(host.Host());
   for (int i = 0; i < 2; ++i) {
     DiagnosticsService former;
     TypeParam service;
@@ -287,7 +292,8 @@ TYPED_TEST(DiagnosticsTransport, OnlyARestartedPeerGetsValuesAgain) {
     EXPECT_TRUE(Becomes(sockets, Ge(3)));
   }
   // The timeout is long, so that no value is sent twice because the machine stalls.
-  CDiagnosticsCommClient::Initialize(CreateDiagnosticsTransport("Diagnostics", address, seconds(60)));
+  CDiagnosticsCommClient::Initialize(
+      CreateDiagnosticsTransport(host.Host().Queue(), "Diagnostics", address, seconds(60)));
   TypeParam service;
   const PeerServer peer(address, "Diagnostics", service);
   EXPECT_TRUE(Becomes([&] { return service.mValues.Take(); }, Optional(std::string("kept"))));
@@ -312,7 +318,9 @@ TEST(DiagnosticsTransportEnd, TerminateDoesNotWaitForASilentPeer) {
   const CSignalDefinition<std::string> definition{ipc::ESignalRfidState, "state", "", ""};
   CDiagnosticsSignal<std::string> signal(&definition);
   signal.Send("value");
-  const auto transport = CreateDiagnosticsTransport("Diagnostics", address, seconds(120));
+  const ClientHost host(root.Listen());
+  const auto transport =
+      CreateDiagnosticsTransport(host.Host().Queue(), "Diagnostics", address, seconds(120));
   CDiagnosticsCommClient::Initialize(transport);
   EXPECT_TRUE(service.mGate.AwaitWaiting(1));
   const auto start = Clock::now();

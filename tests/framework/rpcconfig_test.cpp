@@ -95,7 +95,7 @@ TEST(RpcConfig, ErrorsNameFileKeyAndReasonInOneLine) {
        "neither unix:PATH nor HOST:PORT"},
       {WithListen("unix:"), "listen", "empty"},
       {WithListen("unix:run/"), "listen", "names a folder"},
-      {WithListen("unix:" + std::string(120, 'x')), "listen", "is the most"},
+      {WithListen("unix:" + std::string(120, 'x')), "listen", "the limit is"},
       {WithListen("unix:/" + std::string(100, 'x') + "/s"), "listen", "too long"},
       {WithListen("localhost"), "listen", "neither unix:PATH nor HOST:PORT"},
       {WithListen("::1:5000"), "listen", "neither unix:PATH nor HOST:PORT"},

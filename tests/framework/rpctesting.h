@@ -60,8 +60,12 @@ class RunningHost {
   ~RunningHost() { Stop(); }
 
   AppCommunicationHost<GrpcBackend>& Host() { return mHost; }
+  const AppCommunicationHost<GrpcBackend>& Host() const { return mHost; }
   void Start() {
     mHost.StartServices();
+    Serve();
+  }
+  void Serve() {
     mServer = std::thread([this] { mHost.RunServer(); });
     mNotifier = std::thread([this] { mHost.HandleClientNotifications(); });
   }

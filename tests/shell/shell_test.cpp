@@ -38,14 +38,14 @@ void TerminateWith(const std::function<void()>& raise) {
 }
 
 /// A machine whose action fails when the event is dispatched.
-void DispatchInVain(const std::shared_ptr<IHsmEvent>& event) {
+void DispatchAndThrow(const std::shared_ptr<IHsmEvent>& event) {
   Log::Init("test", Log::ELogLevel::Info);
   std::set_terminate(HandleTerminate);
   const auto handler = std::make_shared<DoorHandler>();
   handler->OnAction = [&](const std::string& action) {
     if (action != "enter Closed") {
       handler->mHsm->Stop();
-      throw std::runtime_error(action + " in vain");
+      throw std::runtime_error("failed: " + action);
     }
   };
   DoorMachine machine(handler);
@@ -69,12 +69,12 @@ TEST(TerminateHandler, SaysWhatEndedTheProcess) {
 TEST(TerminateHandler, EndsTheProcessWhenAnExceptionEscapesAReaction) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const std::string text = "critical *Uncaught exception of type 'std::runtime_error' with message: '";
-  EXPECT_EXIT(std::thread([] { DispatchInVain(std::make_shared<Knock>()); }).join(), KilledBySignal(SIGABRT),
-              text + "knocked in vain'\n.*critical *Aborting process.");
+  EXPECT_EXIT(std::thread([] { DispatchAndThrow(std::make_shared<Knock>()); }).join(),
+              KilledBySignal(SIGABRT), text + "failed: knocked'\n.*critical *Aborting process.");
   // An exception from a leaf's own transition never reaches the caller.
   EXPECT_EXIT(
-      try { DispatchInVain(std::make_shared<Open>()); } catch (const std::exception&) { std::exit(0); },
-      KilledBySignal(SIGABRT), text + "leave Closed in vain'\n.*critical *Aborting process.");
+      try { DispatchAndThrow(std::make_shared<Open>()); } catch (const std::exception&) { std::exit(0); },
+      KilledBySignal(SIGABRT), text + "failed: leave Closed'\n.*critical *Aborting process.");
 }
 
 TEST(InterruptRelay, CatchesSigintOnlyWhileItLivesAndOnAnotherThread) {

@@ -154,7 +154,7 @@ TEST_F(Hsm, AMachineStoppedBeforeItRanMakesOnlyTheInitialTransition) {
   EXPECT_TRUE(IsBroken(opened));
 }
 
-TEST_F(Hsm, ADestroyedMachineReleasesWhoWaitsForItsEvents) {
+TEST_F(Hsm, DestructionBreaksThePromisesOfQueuedEvents) {
   auto opened = Post<Open>();
   mMachine.reset();
   EXPECT_TRUE(IsBroken(opened));
@@ -169,7 +169,7 @@ TEST_F(Hsm, ANullEventIsDroppedWithoutATrace) {
                           "State Closed: event hndl Say"));
 }
 
-TEST_F(Hsm, WhatEscapesAnActionIsNotCaught) {
+TEST_F(Hsm, ExceptionsOfAnActionAreNotCaught) {
   mReact = [this](const std::string& action) {
     if (action == "hello" || action == "knocked") {
       throw std::runtime_error(action);

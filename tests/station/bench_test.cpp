@@ -18,10 +18,9 @@ namespace {
 const BenchModel::TimePoint kNow{};
 
 std::vector<std::string> Outcomes(const BenchModel& model) {
-  BenchModel::Cursor cursor;
-  const Json::Value snapshot = model.WaitForNews(cursor, {}).snapshot;
+  const Json::Value news = model.NewsSince(0, 0);
   std::vector<std::string> outcomes;
-  for (const auto& card : snapshot["cards"]) {
+  for (const auto& card : news["snapshot"]["cards"]) {
     outcomes.push_back(card["uid"].asString() + " " + card["outcome"].asString());
   }
   return outcomes;
@@ -34,16 +33,14 @@ void Report(BenchModel& model, const std::string& uid, ipc::ERfidAuthState state
   model.OnToken(token);
 }
 
-bool IsThere(const BenchModel& model) {
-  BenchModel::Cursor cursor;
-  return model.WaitForNews(cursor, {}).snapshot["there"].asBool();
+bool Is(const BenchModel& model, const char* what) {
+  return model.NewsSince(0, 0)["snapshot"][what].asBool();
 }
 
 /// A server that stores its requests.
 class Server : public ::testing::Test {
  protected:
   ~Server() override {
-    mModel.Close();
     mServer.Stop();
     mThread.join();
   }
@@ -71,7 +68,7 @@ class Server : public ::testing::Test {
   BenchServer mServer{mModel,
                       [this](const Json::Value& request) {
                         mRequests.push_back(request);
-                        return std::pair(true, std::string("done"));
+                        return BenchAnswer{true, "done"};
                       },
                       0};
   const std::string mUrl = mServer.Url().substr(0, mServer.Url().size() - 1);
@@ -100,7 +97,7 @@ TEST(BenchModel, EveryCardThatWaitsGetsItsOwnOutcome) {
                                            "11223344 unanswered", "99AABBCC state 77", "11223344 learned"));
 }
 
-TEST(BenchModel, AnOutcomeIsTheNewestCards) {
+TEST(BenchModel, AnOutcomeBelongsToTheNewestCard) {
   BenchModel model;
   model.OnCardPresented("11223344", "mifare", kNow);
   Report(model, "11223344", ipc::ERfidUidNotInList);
@@ -120,33 +117,34 @@ TEST(BenchModel, ACardThatIsOnlyScannedIsAnsweredWhileChargingIsFree) {
   EXPECT_THAT(Outcomes(model), ElementsAre("11223344 free"));
 }
 
-TEST(BenchModel, TheDaemonIsThereWhileNothingOfItCanBeMissed) {
+TEST(BenchModel, TheDaemonIsThereWhileBothStreamsAreOpen) {
   BenchModel model;
   model.OnStreamOpen(BenchModel::EStream::States);
   model.OnState("Enabled");
-  EXPECT_FALSE(IsThere(model));
+  EXPECT_FALSE(Is(model, "there"));
   model.OnStreamOpen(BenchModel::EStream::Cards);
-  EXPECT_TRUE(IsThere(model));
+  EXPECT_TRUE(Is(model, "there"));
   model.OnCardPresented("11223344", "mifare", kNow);
   model.SetLearning(true);
   model.OnStreamEnd(BenchModel::EStream::Cards, "Socket closed");
-  EXPECT_FALSE(IsThere(model));
-  EXPECT_FALSE(model.IsLearning());
+  EXPECT_FALSE(Is(model, "there"));
+  EXPECT_FALSE(Is(model, "learning"));
   EXPECT_THAT(Outcomes(model), ElementsAre("11223344 unanswered"));
 }
 
-TEST(BenchModel, AReaderGetsWhatIsNewToItAndAnEndWhenThereIsNoMore) {
+TEST(BenchModel, APageGetsWhatIsNewToIt) {
   BenchModel model;
-  BenchModel::Cursor cursor;
   model.OnLogLines(std::vector<std::string>(1000, "old"));
-  EXPECT_EQ(model.WaitForNews(cursor, {}).lines.size(), 300U);
+  const auto before = model.NewsSince(0, 0);
+  EXPECT_EQ(before["lines"].size(), 300U);
   model.OnLogLines({"new"});
-  const auto news = model.WaitForNews(cursor, std::chrono::minutes(1));
-  EXPECT_THAT(news.lines, ElementsAre("new"));
-  EXPECT_FALSE(news.changed);
-  std::thread closer([&] { model.Close(); });
-  EXPECT_TRUE(model.WaitForNews(cursor, std::chrono::minutes(1)).closed);
-  closer.join();
+  const auto news = model.NewsSince(before["revision"].asUInt64(), before["line"].asUInt64());
+  ASSERT_EQ(news["lines"].size(), 1U);
+  EXPECT_EQ(news["lines"][0], "new");
+  EXPECT_FALSE(news.isMember("snapshot"));
+  const auto ofAnotherBench = model.NewsSince(77, 7777);
+  EXPECT_EQ(ofAnotherBench["lines"].size(), 300U);
+  EXPECT_TRUE(ofAnotherBench.isMember("snapshot"));
 }
 
 TEST(BenchPage, EveryStateHasItsPlaceInBothLayouts) {
@@ -189,7 +187,7 @@ TEST_F(Server, TakesRequestsFromItsOwnPageAndFromNoOther) {
     taken += one.status == 200 ? 1 : 0;
   }
   EXPECT_EQ(mRequests.size(), taken);
-  for (const char* path : {"/", "/page.js", "/events"}) {
+  for (const char* path : {"/", "/page.js", "/news"}) {
     EXPECT_EQ(Ask([&](auto& client) {
                 return client.Get(path, {{"Host", "elsewhere.example"}});
               }),
@@ -198,7 +196,7 @@ TEST_F(Server, TakesRequestsFromItsOwnPageAndFromNoOther) {
   }
 }
 
-TEST_F(Server, RefusesWhatIsNoRequest) {
+TEST_F(Server, RefusesMalformedRequests) {
   const httplib::Headers header{{"X-Bench", "1"}};
   EXPECT_EQ(Do(header, "{\"do\": "), 400);
   EXPECT_EQ(Do(header, "[]"), 400);

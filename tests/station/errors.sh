@@ -32,7 +32,7 @@ expect 2 '107 characters' "rfidctl --address unix:$long state"
 expect 1 'Not a directory' 'virtual-station --root . serve'
 expect 1 'Is a directory' 'virtual-station --root . ocpp on'
 plex "\"Diagnostics\": \"unix:file\"" file
-expect 1 'Address already in use' 'virtual-station --root . serve'
+expect 1 'another server listens there, or it is not a socket' 'virtual-station --root . serve'
 expect 1 'Not a directory' 'virtual-station --root . ocpp on'
 plex '' hub
 expect 1 'nothing to serve' 'virtual-station --root . serve'

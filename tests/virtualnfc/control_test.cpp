@@ -16,16 +16,14 @@ using namespace virtualnfc;
 TEST(ControlLine, IsRefusedWithAReason) {
   VirtualNfc kernel;
   for (const auto& [line, reason] : std::map<std::string, std::string>{
-           {"", "unknown command ''"},
-           {"tap mifare", "usage: tap KIND UID [HOLD_MS]"},
-           {"tap iso-dep 04112233",
-            "unknown kind of tag 'iso-dep'; known are mifare, felica, iso14443a, nfc-dep, iso14443b, "
-            "iso15693, foreign"},
-           {"tap mifare 0411223", "'0411223' ends in half a byte"},
-           {"tap mifare 041122", "a tag of kind mifare has a UID of 0, 4, 7, 10 bytes, not 3"},
+           {"", "A subcommand is required"},
+           {"tap", "UID is required"},
+           {"tap 04112233 --tech iso-dep",
+            "--tech: iso-dep not in {mifare,felica,iso14443a,nfc-dep,iso14443b,iso15693,foreign}"},
+           {"tap 0411223", "'0411223' ends in half a byte"},
+           {"tap 041122", "a tag of kind mifare has a UID of 0, 4, 7, 10 bytes, not 3"},
            {"unplug 7", "there is no device 7"},
-           {"fault deaf maybe", "a fault is on or off, not 'maybe'"},
-           {"rule add", "a rule begins with a command"},
+           {"rule add", "RULE is required"},
            {"rule add DEV_UP", "the rule has no action"},
            {"rule add SLEEP drop", "unknown command 'SLEEP'"},
            {"rule add DEV_UP nth=0 drop", "nth is a number from 1 to 4294967295, not '0'"},

@@ -12,7 +12,6 @@ namespace {
 using nfctest::Message;
 using nfctest::NfcClient;
 using testing::SizeIs;
-using virtualnfc::Fault;
 using virtualnfc::InProcessVirtualNfc;
 using virtualnfc::VirtualNfcSettings;
 
@@ -73,16 +72,18 @@ TEST(VirtualNfcDevice, IsListedAfterTheOthersInOneDatagram) {
   EXPECT_EQ(client.ReceiveDatagram().size(), 3U * (20 + 44));
 }
 
-TEST(VirtualNfcDevice, IsBusyWithAnActiveTarget) {
-  InProcessVirtualNfc kernel;
+TEST(VirtualNfcDevice, FindsNothingInAPollThatIsDeadFromItsStart) {
+  InProcessVirtualNfc kernel({.kernel = {}, .detectionDelay = std::chrono::milliseconds(0)});
+  kernel.AddRule("START_POLL fault=poll-dead times=1");
+  kernel.PresentTag(MakeTag(virtualnfc::TagKind::Mifare, "01020304"));
   const NfcClient client;
-  ASSERT_EQ(client.Command(NFC_CMD_DEV_UP), 0);
-  kernel.SetFault(Fault::TargetActive);
-  EXPECT_EQ(client.Command(NFC_CMD_START_POLL), EBUSY);
-  EXPECT_EQ(client.Command(NFC_CMD_DEV_DOWN), EBUSY);
-  EXPECT_EQ(client.Dump(NFC_CMD_GET_DEVICE).at(0).Attributes()[40], 0) << "initiator";
-  kernel.SetFault(Fault::TargetActive, false);
+  ASSERT_TRUE(client.Poll());
+  client.Command(NFC_CMD_GET_DEVICE);  // the server looks for tags before it answers
+  EXPECT_EQ(kernel.GetStatus().Device().targetsFound, 0U);
+  EXPECT_EQ(client.Command(NFC_CMD_STOP_POLL), 0);
   EXPECT_EQ(client.Command(NFC_CMD_START_POLL), 0);
+  EXPECT_TRUE(
+      kernel.WaitFor([&](const virtualnfc::Status& status) { return status.Device().targetsFound == 1; }));
 }
 
 }  // namespace

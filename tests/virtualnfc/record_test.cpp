@@ -11,23 +11,13 @@
 
 #include "tests/evidence.h"
 #include "tools/harness/station.h"
-#include "tools/virtual-nfc/server/controlprotocol.h"
-#include "tools/virtual-nfc/server/controlserver.h"
 #include "tools/virtual-nfc/trace/netlinktext.h"
+#include "tools/virtual-nfc/trace/recorder.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace virtualnfc;
-using testing::HasSubstr;
-
-std::unique_ptr<Process> Tool(const Station& station, const VirtualNfc& kernel,
-                              std::vector<std::string> words) {
-  const auto programs = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-  words.insert(words.begin(), {programs / "virtual-nfc", "--socket", kernel.Address()});
-  const std::string name = station.Path(words[3]);
-  return std::make_unique<Process>(words, std::map<std::string, std::string>{}, name + ".out", name + ".err");
-}
 
 /// The messages of each socket in a record, without times and without numbers that differ in each run.
 std::map<std::string, std::string> Conversations(const std::string& record) {
@@ -51,10 +41,7 @@ std::map<std::string, std::string> Conversations(const std::string& record) {
 
 TEST(Record, OfACardIsAsInTheDocument) {
   Station station(NewFolder("record"));
-  const ControlServer control(station.Kernel());
-  const auto recorder = Tool(station, station.Kernel(), {"record", station.Path("file")});
-  const auto written = [&] { return ReadFile(station.Path("file")); };
-  ASSERT_TRUE(Becomes(written, testing::Not(testing::IsEmpty())));
+  const Recorder recorder(station.Kernel(), station.Path("record"));
   ASSERT_TRUE(station.StartDaemon());
   ASSERT_TRUE(station.EnableDaemon());
   const auto polls = [&] { return station.Kernel().GetStatus().Commands(NFC_CMD_START_POLL); };
@@ -66,22 +53,10 @@ TEST(Record, OfACardIsAsInTheDocument) {
                       testing::Contains("token 04A12B5C ERfidUidNotInList")));
   station.Daemon().Signal(SIGINT);
   EXPECT_EQ(station.EndDaemon(), "exit 0");
-  station.Kernel().ClearRules();
-  ASSERT_TRUE(Becomes(written, HasSubstr("rule clear")));  // the file has everything before it, too
-  recorder->Signal(SIGINT);
-  EXPECT_EQ(recorder->Wait(), "exit 0");
-  EXPECT_EQ(Conversations(written()), Conversations(ReadFile(CARD_RECORD)));
+  EXPECT_EQ(Conversations(ReadFile(station.Path("record"))), Conversations(ReadFile(CARD_RECORD)));
   if (HasFailure()) {
     station.KeepFolder();
   }
-}
-
-TEST(Record, RefusesACountOfZero) {
-  Station station(NewFolder("record"));
-  const auto recorder = Tool(station, station.Kernel(), {"record", "--count", "0"});
-  EXPECT_EQ(recorder->Wait(), "exit 2");
-  EXPECT_EQ(ReadFile(station.Path("record.err")),
-            "virtual-nfc: --count: Value 0 not in range 1 to 4294967295 (see --help)\n");
 }
 
 TEST(RecordText, ShowsDamagedMessages) {
@@ -112,22 +87,6 @@ TEST(RecordText, ShowsDamagedMessages) {
     }
     EXPECT_THAT(DescribeDatagram(bytes, 20, 4711), testing::Not(testing::IsEmpty()));
   }
-}
-
-TEST(RecordServer, EndsARecordThatIsNotRead) {
-  VirtualNfc kernel;
-  const ControlServer control(kernel);
-  const UniqueFd recorder = ConnectUnix(ControlAddress(kernel.Address()), SOCK_STREAM);
-  ASSERT_EQ(::send(recorder.Get(), "record\n", 7, 0), 7);
-  const std::string longText = "DEV_UP" + std::string(100000, ' ') + "drop";
-  for (int i = 0; i < 30; ++i) {
-    kernel.AddRule(longText);
-  }
-  EXPECT_THAT(AskServer(kernel.Address(), "status", 60s), HasSubstr("ok"));
-  std::string text(4'000'000, ' ');
-  text.resize(static_cast<std::size_t>(::recv(recorder.Get(), text.data(), text.size(), MSG_WAITALL)));
-  EXPECT_LT(text.size(), 2'500'000U);  // of 3,000,000
-  EXPECT_THAT(text.substr(text.size() - 100), HasSubstr("\n# error: the record ends here"));
 }
 
 }  // namespace

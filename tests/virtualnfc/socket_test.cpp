@@ -113,7 +113,7 @@ TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {
   EXPECT_THAT(client.Received(), IsEmpty());
 }
 
-TEST(VirtualNfcEvents, AreLostWhenTheBufferIsFullAndThatIsToldOnce) {
+TEST(VirtualNfcEvents, AreLostWhenTheBufferIsFullAndReportedOnce) {
   InProcessVirtualNfc kernel;
   const NfcClient listener;
   listener.JoinEvents();
@@ -141,16 +141,23 @@ TEST(VirtualNfcEvents, AreLostWhenTheBufferIsFullAndThatIsToldOnce) {
   EXPECT_EQ(later[0].payload[4], 3);
 }
 
-TEST(VirtualNfcEvents, EndWithAnErrorWhenTheKernelStops) {
+TEST(VirtualNfcSockets, FailWhenTheKernelStops) {
   auto kernel = std::make_unique<InProcessVirtualNfc>();
+  kernel->AddRule("DEV_UP delay=60000");
   const NfcClient listener;
   listener.JoinEvents();
-  auto reader = std::async(std::launch::async, [&] {
+  auto event = std::async(std::launch::async, [&] {
     char byte = 0;
     return ::recv(listener.Fd(), &byte, 1, 0) < 0 ? errno : 0;
   });
+  const NfcClient client;
+  auto command = std::async(std::launch::async, [&] {
+    return client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}});
+  });
+  ASSERT_TRUE(Reaches(*kernel, [](const Status& status) { return status.commandWaits; }));
   kernel.reset();
-  EXPECT_EQ(reader.get(), ENOBUFS);
+  EXPECT_EQ(event.get(), ENOBUFS);
+  EXPECT_EQ(command.get(), -NLE_FAILURE);
   EXPECT_EQ(listener.Send(NFC_CMD_UNSPEC), -NLE_FAILURE);
 }
 
@@ -276,18 +283,6 @@ TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceIsUnplugged) {
   }
   EXPECT_TRUE(mListener.WaitReadable());
   EXPECT_EQ(error, ETIMEDOUT);
-}
-
-TEST_F(VirtualNfcWaiting, FailsWhenTheKernelStops) {
-  auto kernel = std::make_unique<InProcessVirtualNfc>();
-  kernel->AddRule("DEV_UP delay=60000");
-  const NfcClient client;
-  auto waiting = std::async(std::launch::async, [&] {
-    return client.Send(NFC_CMD_DEV_UP, {{NFC_ATTR_DEVICE_INDEX, 0}});
-  });
-  ASSERT_TRUE(Reaches(*kernel, [](const Status& status) { return status.commandWaits; }));
-  kernel.reset();
-  EXPECT_EQ(waiting.get(), -NLE_FAILURE);
 }
 
 TEST(VirtualNfcThreads, UseManySocketsAtOnce) {

@@ -28,12 +28,13 @@ std::shared_ptr<grpc::Channel> OpenChannel(const std::string& address, const std
 std::string ReasonOf(const grpc::Status& status) {
   // "failed to connect to all addresses; last error: UNKNOWN: unix:/run/x.sock: No such file or directory"
   const std::string& text = status.error_message();
-  if (text.empty()) {  // another server answers, which has no such service or method
+  if (text.empty()) {  // another server answers
     return status.error_code() == grpc::StatusCode::UNIMPLEMENTED
                ? "the server there has no such service"
                : "it ended with status " + std::to_string(status.error_code());
   }
-  if (text.find("before receiving SETTINGS frame") != std::string::npos) {  // connected, and no word since
+  if (text.find("before receiving SETTINGS frame") !=
+      std::string::npos) {  // connected, but the server has sent nothing
     return "it does not answer";
   }
   // "DNS resolution failed for nowhere:7: C-ares status is not ARES_SUCCESS qtype=A ...: Domain name not

@@ -2,9 +2,9 @@
 
 #include <fcntl.h>
 
-namespace {
+#include "tools/common/output.h"
 
-constexpr int kFailureStatus = 1;
+namespace {
 
 /// A tool may be started without its standard streams. Then the next sockets would get their numbers. This
 /// occupies the numbers with descriptors that can be neither read nor written, so that output fails as it
@@ -29,6 +29,15 @@ std::string Reason(const CLI::App& app, const CLI::ParseError& error) {
 
 }  // namespace
 
+int RunTool(const char* name, int (*run)(int argc, char** argv), int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& e) {
+    PrintError(name, e.what());
+    return kFailureStatus;
+  }
+}
+
 void SetUpTool(CLI::App& app) {
   OccupyStandardStreams();
   app.set_version_flag("--version", app.get_name() + " " RFID_VERSION, "Print the version and exit");
@@ -42,12 +51,12 @@ std::optional<int> ParseCommandLine(CLI::App& app, int argc, char** argv) {
   } catch (const CLI::Success& e) {
     const int status = app.exit(e);
     if (!std::cout.flush()) {
-      std::cerr << app.get_name() << ": cannot write to standard output\n";
+      PrintError(app.get_name(), "cannot write to standard output");
       return kFailureStatus;
     }
     return status;
   } catch (const CLI::ParseError& e) {
-    std::cerr << app.get_name() << ": " << Reason(app, e) << " (see --help)\n";
+    PrintError(app.get_name(), Reason(app, e) + " (see --help)");
     return kUsageStatus;
   }
 }

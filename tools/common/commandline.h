@@ -4,7 +4,13 @@
 #include <optional>
 #include <string>
 
-constexpr int kUsageStatus = 2;  ///< exit status for a command line that cannot be understood
+/// Exit statuses.
+constexpr int kFailureStatus = 1;
+constexpr int kUsageStatus = 2;  ///< the command line cannot be understood
+
+/// Runs a tool and returns its exit status. An exception becomes one line on standard error and
+/// kFailureStatus.
+int RunTool(const char* name, int (*run)(int argc, char** argv), int argc, char** argv);
 
 /// Call this first. Adds --version, and lets the tool's own options stand after a subcommand, too.
 void SetUpTool(CLI::App& app);

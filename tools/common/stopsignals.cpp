@@ -25,6 +25,12 @@ bool StopSignals::HaveCome(std::chrono::milliseconds timeout) const {
   return poll(&waiting, 1, static_cast<int>(timeout.count())) > 0;
 }
 
+void StopSignals::Wait() const {
+  pollfd waiting[] = {{mDescriptor, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+  while (poll(waiting, 2, -1) < 0 && errno == EINTR) {
+  }
+}
+
 StopSignals::~StopSignals() {
   close(mDescriptor);
 }

@@ -14,6 +14,9 @@ class StopSignals {
   /// Becomes readable when a signal has come.
   int Descriptor() const { return mDescriptor; }
 
+  /// Waits for a signal, or until nobody reads the standard output any more.
+  void Wait() const;
+
   /// Waits for a signal. Returns false on timeout.
   bool HaveCome(std::chrono::milliseconds timeout = {}) const;
 

@@ -8,13 +8,11 @@
 #include "tools/common/commandline.h"
 #include "tools/common/tail.h"
 #include "tools/demo/story.h"
-#include "tools/virtual-nfc/server/controlserver.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kFailureStatus = 1;
 constexpr int kInterruptedStatus = 130;
 
 fs::path MakeRoot(const fs::path& wanted) {
@@ -40,8 +38,8 @@ std::string Quoted(std::string word) {
   return "'" + word + "'";
 }
 
-void PrintWhatToTry(Narrator& narrator, const Station& station, const std::string& programs,
-                    const std::string& page) {
+void PrintWhatToTry(Narrator& narrator, const Station& station, const std::string& page) {
+  const std::string programs = fs::read_symlink("/proc/self/exe").parent_path();
   const auto root = Quoted(station.Folder());
   const auto ctl = Quoted(programs + "/rfidctl") + " --root " + root;
   const auto nfc = Quoted(programs + "/virtual-nfc") + " --socket " + Quoted(station.Path("nfc.sock"));
@@ -82,18 +80,9 @@ Ctrl-C ends it all.)",
 
 /// Runs the station, with the bench as its peers, until a signal comes.
 void Stay(Station& station, Narrator& narrator, const StopSignals& signals) {
-  const std::string programs = fs::read_symlink("/proc/self/exe").parent_path();
-  const virtualnfc::ControlServer control(station.Kernel());
-  station.StopPeers();
-  const Process bench({"/usr/bin/setsid", programs + "/virtual-station", "--root", station.Folder(), "bench",
-                       "--nfc", station.Path("nfc.sock"), "--log", station.Path("log")},
-                      {}, station.Path("bench.url"), station.Path("bench.log"));
-  const auto page = [&] { return ReadFile(station.Path("bench.url")); };
-  if (!Eventually([&] { return page().ends_with('\n') || signals.HaveCome(); })) {
-    throw Failure("the bench does not start: " + ReadFile(station.Path("bench.log")));
-  }
+  const std::string page = station.StartBench();
   PlayStart(station, narrator, signals);
-  PrintWhatToTry(narrator, station, programs, page());
+  PrintWhatToTry(narrator, station, page);
   while (!signals.HaveCome(std::chrono::seconds(1))) {
     station.Control().Clear();
     if (const auto end = station.DaemonsEnd()) {
@@ -107,8 +96,7 @@ void Stay(Station& station, Narrator& narrator, const StopSignals& signals) {
 int Run(const fs::path& root, bool stays) {
   const StopSignals signals;
   Narrator narrator;
-  // The daemon runs in its own session, so that Ctrl-C does not reach it: this program ends it.
-  Station station(MakeRoot(root), {}, {"/usr/bin/setsid"});
+  Station station(MakeRoot(root), {}, kOwnSession);
   station.KeepFolder();
   station.WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");
   narrator.Say("The station is in " + station.Folder().string());
@@ -148,10 +136,5 @@ int RunCommandLine(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return RunCommandLine(argc, argv);
-  } catch (const std::exception& e) {
-    PrintError("demo", e.what());
-    return kFailureStatus;
-  }
+  return RunTool("demo", RunCommandLine, argc, argv);
 }

@@ -129,6 +129,27 @@ std::map<std::string, std::string> Station::DaemonEnvironment() const {
       {"ASAN_OPTIONS", (options == nullptr ? "" : std::string(options) + ":") + "verify_asan_link_order=0"}};
 }
 
+std::string Station::StartBench(const std::vector<std::string>& options) {
+  StopPeers();
+  mBench.reset();
+  auto command = mLauncher;
+  command.insert(command.end(), {mPrograms / "virtual-station", "--root", mRoot, "bench", "--nfc",
+                                 Path("nfc.sock"), "--log", Path("log")});
+  command.insert(command.end(), options.begin(), options.end());
+  mBench = std::make_unique<Process>(command, std::map<std::string, std::string>{}, Path("bench.url"),
+                                     Path("bench.log"));
+  std::string url;
+  Eventually([&] {
+    url = ReadFile(Path("bench.url"));
+    return url.ends_with('\n') || mBench->Wait(std::chrono::seconds(0));
+  });
+  if (!url.ends_with('\n')) {
+    throw std::runtime_error("the bench does not start: " + ReadFile(Path("bench.log")));
+  }
+  url.pop_back();
+  return url;
+}
+
 bool Station::Tap(const virtualnfc::Tag& tag) {
   const auto found = mKernel->GetStatus().Events(NFC_EVENT_TARGETS_FOUND);
   mKernel->PresentTag(tag);

@@ -12,6 +12,9 @@
 #include "tools/virtual-nfc/server/virtualnfc.h"
 #include "tools/virtual-station/virtualstation.h"
 
+/// A launcher that keeps Ctrl-C at the terminal from the programs, so that this program ends them.
+inline const std::vector<std::string> kOwnSession{"/usr/bin/setsid"};
+
 /// Makes a new folder for temporary files whose name begins with `name`.
 std::filesystem::path NewFolder(const std::string& name);
 
@@ -21,7 +24,7 @@ std::filesystem::path NewFolder(const std::string& name);
 /// rfidd is looked for beside the program that runs.
 class StationOnKernel {
  public:
-  /// Uses an existing empty folder and starts the peers. `launcher` is a command that runs the daemon; none
+  /// Uses an existing empty folder and starts the peers. `launcher` is a command that runs the programs; none
   /// by default. Throws when something cannot be set up.
   explicit StationOnKernel(std::filesystem::path folder, std::vector<std::string> launcher = {});
   virtual ~StationOnKernel();  ///< kills the daemon, and removes the folder unless KeepFolder was called
@@ -73,6 +76,7 @@ class StationOnKernel {
 
   const std::filesystem::path mPrograms;
   const std::filesystem::path mRoot;
+  const std::vector<std::string> mLauncher;
   std::unique_ptr<VirtualStation> mPeers;
   std::unique_ptr<Process> mDaemon;
   std::unique_ptr<Supervisor> mSupervisor;
@@ -81,15 +85,14 @@ class StationOnKernel {
   /// Waits until the supervisor gets this notification. Returns false on timeout or when the daemon ends.
   bool IsTold(const std::string& notification);
 
-  const std::vector<std::string> mLauncher;
   std::string mProgram = "rfidd";
   bool mIsKept = false;
   unsigned mEarlierLogs = 0;
   int mLogMarks = 0;
 };
 
-/// A station whose kernel is simulated, at the socket "nfc.sock" of the folder. The preload is looked for
-/// beside the program that runs.
+/// A station whose kernel is simulated, at the socket "nfc.sock" of the folder. The preload and
+/// virtual-station are looked for beside the program that runs.
 class Station : public StationOnKernel {
  public:
   explicit Station(const std::filesystem::path& folder, const virtualnfc::VirtualNfcSettings& settings = {},
@@ -99,10 +102,16 @@ class Station : public StationOnKernel {
   /// Holds a tag to the reader until it is found. Returns false on timeout.
   bool Tap(const virtualnfc::Tag& tag);
 
+  /// Runs virtual-station's bench in place of the peers. Returns the address of its page. Throws
+  /// std::runtime_error with the bench's output when it does not start.
+  std::string StartBench(const std::vector<std::string>& options = {});
+
   virtualnfc::VirtualNfc& Kernel() { return *mKernel; }
 
  protected:
   std::map<std::string, std::string> DaemonEnvironment() const override;
+
+  std::unique_ptr<Process> mBench;
 
   std::unique_ptr<virtualnfc::VirtualNfc> mKernel;
 };

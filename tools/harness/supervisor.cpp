@@ -7,7 +7,7 @@
 
 #include "framework/interfaces.h"
 #include "tools/common/channel.h"
-#include "tools/common/statetext.h"
+#include "tools/common/texts.h"
 
 namespace {
 

@@ -7,8 +7,7 @@
 #include "tools/common/channel.h"
 #include "tools/common/commandline.h"
 #include "tools/common/output.h"
-#include "tools/rfidctl/requests.h"
-#include "tools/rfidctl/watch.h"
+#include "tools/rfidctl/commands.h"
 
 namespace {
 
@@ -97,7 +96,7 @@ void AddCommands(CLI::App& app, Options& options) {
         return options.level.empty() ? PrintLogLevel(daemon) : SetLogLevel(daemon, options.level);
       })
       .add_option("LEVEL", options.level)
-      ->check(CLI::IsMember(LogLevelNames()));
+      ->check(CLI::IsMember(kLogLevels));
   add("signals", "Print the last value of every signal that the station's diagnostics service knows",
       PrintSignals);
 }
@@ -156,10 +155,5 @@ int RunCommandLine(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return RunCommandLine(argc, argv);
-  } catch (const std::exception& e) {
-    PrintError(kTool, e.what());
-    return static_cast<int>(EExit::Failed);
-  }
+  return RunTool(kTool, RunCommandLine, argc, argv);
 }

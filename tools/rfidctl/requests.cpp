@@ -1,6 +1,4 @@
-#include "tools/rfidctl/requests.h"
-
-#include <fmt/format.h>
+#include "tools/rfidctl/commands.h"
 
 #include <algorithm>
 #include <chrono>
@@ -11,7 +9,7 @@
 #include "ipc/rfid.grpc.pb.h"
 #include "tools/common/channel.h"
 #include "tools/common/output.h"
-#include "tools/common/statetext.h"
+#include "tools/common/texts.h"
 
 namespace {
 
@@ -126,16 +124,14 @@ EExit PrintLogLevel(const Daemon& daemon) {
   const auto level =
       Ask<ipc::LogConfig>(daemon, kLogService, &ipc::LogConfig::Stub::GetLogLevel, ipc::MEmpty());
   const auto number = static_cast<std::size_t>(level.level());
-  const auto names = LogLevelNames();
-  Print(daemon, "level", number < names.size() ? names[number] : std::to_string(level.level()));
+  Print(daemon, "level", number < kLogLevels.size() ? kLogLevels[number] : std::to_string(level.level()));
   return EExit::Ok;
 }
 
 EExit SetLogLevel(const Daemon& daemon, const std::string& level) {
-  const auto names = LogLevelNames();
+  const auto number = std::find(kLogLevels.begin(), kLogLevels.end(), level) - kLogLevels.begin();
   ipc::MLogLevel request;
-  request.set_level(
-      static_cast<ipc::ELogLevel>(std::find(names.begin(), names.end(), level) - names.begin()));
+  request.set_level(static_cast<ipc::ELogLevel>(number));
   return Conclude(daemon,
                   Ask<ipc::LogConfig>(daemon, kLogService, &ipc::LogConfig::Stub::SetLogLevel, request),
                   "it has no such log level");
@@ -155,21 +151,9 @@ EExit PrintSignals(const Daemon& diagnostics) {
   }
   LineOutput output;
   for (const ipc::MSignal& signal : known.signals()) {
-    const int id = signal.id();
-    Json::Value line;
-    line["id"] = id;
-    line["name"] = signal.name();
-    line["value"] = signal.value();
-    line["unit"] = signal.unit();
-    const std::string text = fmt::format("{} {} = {}{}{}", id, signal.name(), signal.value(),
-                                         signal.unit().empty() ? "" : " ", signal.unit());
-    if (!output.Write(diagnostics.json ? ToJsonLine(line) : Printable(text))) {
+    if (!output.Write(diagnostics.json ? ToJsonLine(SignalJson(signal)) : Printable(SignalText(signal)))) {
       break;
     }
   }
   return EExit::Ok;
-}
-
-std::vector<std::string> LogLevelNames() {
-  return {"trace", "debug", "info", "warning", "error", "critical"};
 }

@@ -1,4 +1,4 @@
-#include "tools/rfidctl/watch.h"
+#include "tools/rfidctl/commands.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -17,9 +17,9 @@
 #include "ipc/rfid.grpc.pb.h"
 #include "tools/common/channel.h"
 #include "tools/common/output.h"
-#include "tools/common/statetext.h"
 #include "tools/common/stopsignals.h"
 #include "tools/common/subscriber.h"
+#include "tools/common/texts.h"
 
 namespace {
 

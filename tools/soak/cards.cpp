@@ -15,12 +15,12 @@ Card MifareCard(const std::string& uid) {
 
 }  // namespace
 
-Cards::Cards(std::mt19937& random) : mRandom(random) {
-  for (const char* uid : {"04A12B5C", "04A12B5C112233", "DEADBEEF"}) {
-    mKnown.push_back(MifareCard(uid));
-  }
-  mKnown.push_back({"E007060504030201", true, MakeTag(TagKind::Iso15693, "E007060504030201")});
-}
+Cards::Cards(std::mt19937& random)
+    : mRandom(random),
+      mKnown{MifareCard("04A12B5C"),
+             MifareCard("04A12B5C112233"),
+             MifareCard("DEADBEEF"),
+             {"E007060504030201", true, MakeTag(TagKind::Iso15693, "E007060504030201")}} {}
 
 Card Cards::New() {
   return MifareCard(fmt::format("{:08X}", 0x10000000U + ++mCount));
@@ -28,7 +28,7 @@ Card Cards::New() {
 
 Card Cards::Random() {
   if (!mLatest.empty() && Below(mRandom, 4) == 0) {
-    return mLatest[Below(mRandom, static_cast<unsigned>(mLatest.size()))];
+    return mLatest[Below(mRandom, mLatest.size())];
   }
   auto card = AnyKind();
   mLatest.push_back(card);
@@ -41,7 +41,7 @@ Card Cards::Random() {
 Card Cards::AnyKind() {
   const unsigned kind = Below(mRandom, 15);
   if (kind < 6) {
-    return mKnown[Below(mRandom, static_cast<unsigned>(mKnown.size()))];
+    return mKnown[Below(mRandom, mKnown.size())];
   }
   if (kind < 10) {
     return New();

@@ -13,6 +13,11 @@ struct Card {
   virtualnfc::Tag tag;
 };
 
+/// A random number below the bound.
+inline unsigned Below(std::mt19937& random, size_t bound) {
+  return static_cast<unsigned>(std::uniform_int_distribution<size_t>(0, bound - 1)(random));
+}
+
 /// The cards that come to the station.
 class Cards {
  public:
@@ -29,12 +34,7 @@ class Cards {
   Card AnyKind();
 
   std::mt19937& mRandom;
-  std::vector<Card> mKnown;
+  const std::vector<Card> mKnown;
   std::vector<Card> mLatest;  ///< the latest random ones
   unsigned mCount = 0;
 };
-
-/// A random number below the bound.
-inline unsigned Below(std::mt19937& random, unsigned bound) {
-  return std::uniform_int_distribution<unsigned>(0, bound - 1)(random);
-}

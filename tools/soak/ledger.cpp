@@ -19,23 +19,15 @@ constexpr std::array<const char*, kOutcomeCount> kNames{
 
 }  // namespace
 
-size_t Ledger::Outcomes() const {
-  return std::accumulate(mOutcomes.begin(), mOutcomes.end(), size_t{0});
-}
-
 bool Ledger::AddsUp() const {
-  return mProblems.empty() && Outcomes() == mSent && Count(EOutcome::Unexplained) == 0 &&
+  const auto outcomes = std::accumulate(mOutcomes.begin(), mOutcomes.end(), size_t{0});
+  return mProblems.empty() && outcomes == mSent && Count(EOutcome::Unexplained) == 0 &&
          Count(EOutcome::Notified) == mNotifications && mLogged == mNotifications;
 }
 
 std::string Ledger::Line() const {
-  return fmt::format(
-      "{} swipes: {} notified, {} suppressed, {} withheld, {} refused, {} lost, {} unexplained", mSent,
-      Count(EOutcome::Notified), Count(EOutcome::Suppressed), Count(EOutcome::Withheld),
-      Count(EOutcome::Refused),
-      Count(EOutcome::LostDisabled) + Count(EOutcome::LostError) + Count(EOutcome::LostUnplugged) +
-          Count(EOutcome::LostUnheard),
-      Count(EOutcome::Unexplained));
+  return fmt::format("{} swipes, {} notified, {} unexplained", mSent, Count(EOutcome::Notified),
+                     Count(EOutcome::Unexplained));
 }
 
 std::string Ledger::Report() const {

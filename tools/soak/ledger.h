@@ -39,7 +39,6 @@ class Ledger {
 
  private:
   size_t Count(EOutcome outcome) const { return mOutcomes[static_cast<size_t>(outcome)]; }
-  size_t Outcomes() const;
 
   std::array<size_t, kOutcomeCount> mOutcomes{};
   size_t mSent = 0;

@@ -2,7 +2,6 @@
 // that the daemon does not grow.
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <random>
@@ -16,10 +15,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kFailureStatus = 1;
-constexpr int kMeasurements = 144;
-constexpr std::chrono::seconds kProgressOnTerminal(10);
-constexpr std::chrono::seconds kProgressElsewhere(60);
+constexpr std::chrono::seconds kProgressPeriod(10);
 
 std::string MinutesAndSeconds(Clock::duration time) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time).count();
@@ -32,27 +28,21 @@ int Run(double minutes, unsigned seed) {
   const auto duration =
       std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::ratio<60>>(minutes));
   output.Write(fmt::format("seed {}, {}", seed, MinutesAndSeconds(duration)));
-  const Clock::duration progressPeriod =
-      isatty(STDOUT_FILENO) != 0 ? kProgressOnTerminal : kProgressElsewhere;
   const auto start = Clock::now();
-  auto nextProgress = start + progressPeriod;
-  auto nextMeasurement = start;
+  auto nextProgress = start + kProgressPeriod;
   Soak soak(seed);
   soak.Begin();
   while (Clock::now() < start + duration && !signals.HaveCome() && soak.Book().HasNoProblem()) {
     soak.Act();
-    if (Clock::now() >= nextMeasurement) {
-      soak.Measure();
-      nextMeasurement += duration / kMeasurements;
-    }
     if (Clock::now() >= nextProgress) {
-      output.Write(MinutesAndSeconds(Clock::now() - start) + "  " + soak.Book().Line());
-      nextProgress += progressPeriod;
+      output.Write(fmt::format("{}  {}; {}", MinutesAndSeconds(Clock::now() - start), soak.Book().Line(),
+                               soak.Resources()));
+      nextProgress += kProgressPeriod;
     }
   }
   soak.End();
   output.Write(fmt::format("\n{} of {} with seed {}\n\n{}\n{}", MinutesAndSeconds(Clock::now() - start),
-                           MinutesAndSeconds(duration), seed, soak.Charts(), soak.Book().Report()));
+                           MinutesAndSeconds(duration), seed, soak.Resources(), soak.Book().Report()));
   if (soak.Book().AddsUp()) {
     return 0;
   }
@@ -77,10 +67,5 @@ int RunCommandLine(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return RunCommandLine(argc, argv);
-  } catch (const std::exception& e) {
-    PrintError("soak", e.what());
-    return kFailureStatus;
-  }
+  return RunTool("soak", RunCommandLine, argc, argv);
 }

@@ -62,6 +62,9 @@ void Soak::Act() {
   }
   mAction = kind->name;
   (this->*kind->act)();
+  if (mStation.HasDaemon()) {
+    mMeasurements.Take(mStation.Daemon());
+  }
   const auto left = std::find_if(mTold.begin(), mTold.end(), IsOfCard);
   Require(left == mTold.end(), "every notification has a card: " + (left == mTold.end() ? "" : *left));
 }
@@ -177,17 +180,8 @@ void Soak::Replug() {
 }
 
 void Soak::PollingEnds() {
-  switch (Below(3)) {
-    case 0:
-      mStation.Kernel().KillPoll();
-      break;
-    case 1:
-      mStation.Kernel().SetFault(Fault::OutOfStep);
-      break;
-    default:
-      mStation.Kernel().SetFault(Fault::ChipPolls);
-      break;
-  }
+  static constexpr Fault kFaults[] = {Fault::PollDead, Fault::OutOfStep, Fault::ChipPolls};
+  mStation.Kernel().SetFault(kFaults[Below(std::size(kFaults))]);
   Swipe(mCards.Random(), 0ms, EFailure::None);
 }
 
@@ -267,7 +261,7 @@ void Soak::Restart() {
   if (mIsBroken) {
     mOcpp = mFree = false;  // nothing good was ever loaded
   }
-  ++mRestarts;
+  ++mStarts;
   if (Require(mStation.StartDaemon(), "the daemon starts")) {
     Request(false);  // not Disable: a daemon that was killed has left the reader on
     Enable();
@@ -359,8 +353,6 @@ std::string Soak::ExpectedNotification(const Card& card) const {
                                           : " ERfidUidNotInList");
 }
 
-void Soak::Measure() {
-  if (mStation.HasDaemon()) {
-    mMeasurements.Take(mStation.Daemon(), mRestarts);
-  }
+std::string Soak::Resources() const {
+  return fmt::format("{}; {} starts", mMeasurements.Line(), mStarts);
 }

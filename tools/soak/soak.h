@@ -25,10 +25,8 @@ class Soak : public StationDriver {
   /// Ends the daemon.
   void End();
 
-  /// Notes the daemon's memory, descriptors and threads.
-  void Measure();
-
-  std::string Charts() const { return mMeasurements.Charts(); }
+  /// The daemon's memory, descriptors and threads, and how often it was started.
+  std::string Resources() const;
 
  private:
   /// The time during which a card was seen.
@@ -80,5 +78,5 @@ class Soak : public StationDriver {
   bool mIsBroken = false;  ///< the settings do not parse, so the daemon keeps the last good ones
 
   Measurements mMeasurements;
-  unsigned mRestarts = 0;
+  unsigned mStarts = 0;
 };

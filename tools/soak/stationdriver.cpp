@@ -22,9 +22,8 @@ size_t CountOf(const std::string& text, const std::string& part) {
 
 }  // namespace
 
-// The daemon runs in its own session, so that Ctrl-C at the terminal does not reach it.
 StationDriver::StationDriver(Stack stack)
-    : mStation(NewFolder("soak"), {.kernel = {.stack = stack}, .detectionDelay = 50ms}, {"/usr/bin/setsid"}) {
+    : mStation(NewFolder("soak"), {.kernel = {.stack = stack}, .detectionDelay = 50ms}, kOwnSession) {
   mStation.UseProgram("soak-rfidd");
 }
 

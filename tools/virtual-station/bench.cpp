@@ -9,18 +9,17 @@
 #include <utility>
 
 #include "tools/common/channel.h"
-#include "tools/common/statetext.h"
+#include "tools/common/texts.h"
 #include "tools/virtual-nfc/kernel/tag.h"
-#include "tools/virtual-nfc/server/controlserver.h"
+#include "tools/virtual-nfc/server/controlprotocol.h"
 
 namespace {
 
 // A command to the reader may take the daemon half a minute.
 constexpr auto kAnswerTime = std::chrono::seconds(60);
-constexpr auto kReaderTime = std::chrono::seconds(5);  ///< virtual-nfc answers at once
 constexpr auto kLogPeriod = std::chrono::milliseconds(250);
 constexpr int kLookPeriods = 4;
-constexpr const char* kHoldMilliseconds = "700";
+constexpr const char* kHoldSeconds = "0.7";
 constexpr std::size_t kLongestUid = 64;
 
 bool IsHex(const std::string& text) {
@@ -70,7 +69,6 @@ void Bench::Stop() {
   for (grpc::ClientContext* call : mCalls) {
     call->TryCancel();
   }
-  mModel.Close();
 }
 
 void Bench::ServePeers() {
@@ -147,7 +145,7 @@ void Bench::LookAtReader() {
   Json::Value reader;
   reader["simulated"] = !mSettings.nfcSocket.empty();
   if (!mSettings.nfcSocket.empty()) {
-    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status json", kReaderTime);
+    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status --json");
     reader["there"] = reply.rfind("ok\n", 0) == 0;
     if (reader["there"].asBool()) {
       const Json::Value status = Parse(reply.substr(3));
@@ -181,12 +179,12 @@ void Bench::LookAtSettings() {
   mModel.SetSettings(settings);
 }
 
-Bench::Answer Bench::Do(const Json::Value& request) {
+BenchAnswer Bench::Do(const Json::Value& request) {
   try {
     if (!request.isObject() || !request["do"].isString()) {
       return {false, "the request has no \"do\" field"};
     }
-    Answer answer = Carry(request);
+    BenchAnswer answer = Carry(request);
     const std::lock_guard lock(mMutex);
     mLookSoon = true;
     mWake.notify_all();
@@ -196,7 +194,7 @@ Bench::Answer Bench::Do(const Json::Value& request) {
   }
 }
 
-Bench::Answer Bench::Carry(const Json::Value& request) {
+BenchAnswer Bench::Carry(const Json::Value& request) {
   const std::string what = TextOf(request, "do");
   const std::string uid = TextOf(request, "uid");
   const bool isSwitch = request["on"].isBool();
@@ -246,8 +244,8 @@ Bench::Answer Bench::Carry(const Json::Value& request) {
   return {false, "the bench does not understand this request"};
 }
 
-Bench::Answer Bench::Ask(const std::function<grpc::Status(grpc::ClientContext&, ipc::MResult&)>& call,
-                         const std::string& done, const std::string& refusal) {
+BenchAnswer Bench::Ask(const std::function<grpc::Status(grpc::ClientContext&, ipc::MResult&)>& call,
+                       const std::string& done, const std::string& refusal) {
   grpc::ClientContext context;
   context.set_deadline(std::chrono::system_clock::now() + kAnswerTime);
   {
@@ -266,15 +264,15 @@ Bench::Answer Bench::Ask(const std::function<grpc::Status(grpc::ClientContext&, 
   if (!status.ok()) {
     return {false, "The daemon cannot be reached: " + ReasonOf(status) + "."};
   }
-  return result.result() == ipc::EResultOk ? Answer{true, done}
-                                           : Answer{false, "The daemon refuses: " + refusal + "."};
+  return result.result() == ipc::EResultOk ? BenchAnswer{true, done}
+                                           : BenchAnswer{false, "The daemon refuses: " + refusal + "."};
 }
 
-Bench::Answer Bench::SetLearning(bool on) {
+BenchAnswer Bench::SetLearning(bool on) {
   ipc::MEnableLearning request;
   request.set_enable(on);
   const auto rfid = ipc::Rfid::NewStub(mRfidChannel);
-  Answer answer =
+  BenchAnswer answer =
       Ask([&](auto& context, auto& result) { return rfid->EnableLearning(&context, request, &result); },
           on ? "Cards are learned from now on." : "Cards are authorised from now on.",
           "learning needs it to be enabled");
@@ -284,7 +282,7 @@ Bench::Answer Bench::SetLearning(bool on) {
   return answer;
 }
 
-Bench::Answer Bench::Inject(const std::string& uid) {
+BenchAnswer Bench::Inject(const std::string& uid) {
   if (uid.empty() || uid.size() > kLongestUid || !IsPrintableAscii(uid)) {
     return {false, "A UID to inject has 1 to 64 printable characters."};
   }
@@ -292,7 +290,7 @@ Bench::Answer Bench::Inject(const std::string& uid) {
   request.set_uid(uid);
   const auto rfid = ipc::Rfid::NewStub(mRfidChannel);
   const std::uint64_t card = mModel.OnCardPresented(uid, "", std::chrono::steady_clock::now());
-  Answer answer =
+  BenchAnswer answer =
       Ask([&](auto& context, auto& result) { return rfid->InjectToken(&context, request, &result); },
           uid + " was injected.", "injecting a card needs it to be enabled");
   if (!answer.done) {
@@ -301,29 +299,30 @@ Bench::Answer Bench::Inject(const std::string& uid) {
   return answer;
 }
 
-Bench::Answer Bench::Tap(const std::string& kind, const std::string& uid) {
+BenchAnswer Bench::Tap(const std::string& kind, const std::string& uid) {
   const auto& kinds = virtualnfc::TagKindNames();
   if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end() || !IsHex(uid)) {
     return {false, "A card has one of virtual-nfc's kinds and a hexadecimal UID."};
   }
   const std::uint64_t card = mModel.OnCardPresented(uid, kind, std::chrono::steady_clock::now());
-  Answer answer = AskReader("tap " + kind + " " + uid + " " + kHoldMilliseconds, uid + " is at the reader.");
+  BenchAnswer answer =
+      AskReader("tap " + uid + " --tech " + kind + " --hold " + kHoldSeconds, uid + " is at the reader.");
   if (!answer.done) {
     mModel.Withdraw(card);
   }
   return answer;
 }
 
-Bench::Answer Bench::AskReader(const std::string& line, const std::string& done) {
+BenchAnswer Bench::AskReader(const std::string& line, const std::string& done) {
   if (mSettings.nfcSocket.empty()) {
     return {false, "There is no simulated reader: the bench was started without --nfc. Injecting works."};
   }
-  const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, line, kReaderTime);
+  const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, line);
   if (reply.empty()) {
     return {false, "virtual-nfc cannot be reached at " + mSettings.nfcSocket + ": " +
                        std::generic_category().message(errno) + "."};
   }
   const std::size_t end = std::min(reply.find('\n'), reply.size());
   const std::string first = reply.substr(0, end);
-  return first == "ok" ? Answer{true, done} : Answer{false, "virtual-nfc: " + first + "."};
+  return first == "ok" ? BenchAnswer{true, done} : BenchAnswer{false, "virtual-nfc: " + first + "."};
 }

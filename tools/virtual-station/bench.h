@@ -46,27 +46,23 @@ class Bench {
   /// Why Feedback and Diagnostics are not served; empty when they are.
   const std::string& PeersProblem() const { return mPeersProblem; }
 
-  struct Answer {
-    bool done;
-    std::string text;  ///< for people: the new state, or the reason why it was not done
-  };
   /// Carries out a request of the page: {"do": "enable" | "disable" | "plug" | "unplug" | "fault"}, {"do":
   /// "learning" | "ocpp" | "free", "on": B}, {"do": "tap", "kind": K, "uid": U}, {"do": "inject", "uid": U},
   /// {"do": "permit", "uid": U, "on": B}. Blocks until it is done, a minute at most, or until Stop. Answers
   /// any other request with an error text; does not throw.
-  Answer Do(const Json::Value& request);
+  BenchAnswer Do(const Json::Value& request);
 
-  /// Cancels the requests in progress and closes the model.
+  /// Cancels the requests in progress.
   void Stop();
 
  private:
-  Answer Carry(const Json::Value& request);
-  Answer SetLearning(bool on);
-  Answer Tap(const std::string& kind, const std::string& uid);
-  Answer Inject(const std::string& uid);
-  Answer AskReader(const std::string& line, const std::string& done);
-  Answer Ask(const std::function<grpc::Status(grpc::ClientContext&, ipc::MResult&)>& call,
-             const std::string& done, const std::string& refusal);
+  BenchAnswer Carry(const Json::Value& request);
+  BenchAnswer SetLearning(bool on);
+  BenchAnswer Tap(const std::string& kind, const std::string& uid);
+  BenchAnswer Inject(const std::string& uid);
+  BenchAnswer AskReader(const std::string& line, const std::string& done);
+  BenchAnswer Ask(const std::function<grpc::Status(grpc::ClientContext&, ipc::MResult&)>& call,
+                  const std::string& done, const std::string& refusal);
   void ServePeers();
   void Subscribe();
   void Look();

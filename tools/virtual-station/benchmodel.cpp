@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "tools/common/output.h"
+#include "tools/common/texts.h"
 
 namespace {
 
@@ -63,13 +64,13 @@ std::string ToUpper(std::string text) {
 
 void BenchModel::OnStreamOpen(EStream stream) {
   const std::lock_guard lock(mMutex);
-  mOpen[stream] = true;
-  Changed();
+  mOpen.insert(stream);
+  ++mRevision;
 }
 
 void BenchModel::OnStreamEnd(EStream stream, const std::string& reason) {
   const std::lock_guard lock(mMutex);
-  mOpen[stream] = false;
+  mOpen.erase(stream);
   mReason = reason;
   if (stream == EStream::States && !mState.empty()) {
     NoteTransition("");
@@ -79,14 +80,14 @@ void BenchModel::OnStreamEnd(EStream stream, const std::string& reason) {
   for (Card& card : mCards) {
     card.outcome = card.outcome == kWaiting ? kUnanswered : card.outcome;
   }
-  Changed();
+  ++mRevision;
 }
 
 void BenchModel::OnState(const std::string& state) {
   const std::lock_guard lock(mMutex);
   if (state != mState) {
     NoteTransition(state);
-    Changed();
+    ++mRevision;
   }
 }
 
@@ -104,7 +105,7 @@ void BenchModel::OnAlive() {
   const std::lock_guard lock(mMutex);
   ++mAlive;
   mAliveTime = TimeOfDay();
-  Changed();
+  ++mRevision;
 }
 
 void BenchModel::OnToken(const ipc::MRfidToken& token) {
@@ -135,7 +136,7 @@ void BenchModel::Conclude(const std::string& uid, const std::string& outcome) {
     mCards.push_back({++mNumber, TimeOfDay(), uid, "", "seen", outcome, {}});
     KeepLatest(mCards, kMostCards);
   }
-  Changed();
+  ++mRevision;
 }
 
 void BenchModel::OnFeedback(ipc::EFbEventType event) {
@@ -152,25 +153,22 @@ void BenchModel::OnFeedback(ipc::EFbEventType event) {
       card->outcome = "free";
     }
   }
-  Changed();
+  ++mRevision;
 }
 
 void BenchModel::OnSignal(const ipc::MSignal& signal) {
   const std::lock_guard lock(mMutex);
   Json::Value& entry = mSignals[signal.id()];
-  entry["id"] = static_cast<int>(signal.id());
-  entry["name"] = signal.name();
-  entry["value"] = signal.value();
-  entry["unit"] = signal.unit();
+  entry = SignalJson(signal);
   entry["time"] = TimeOfDay();
-  Changed();
+  ++mRevision;
 }
 
 std::uint64_t BenchModel::OnCardPresented(const std::string& uid, const std::string& kind, TimePoint now) {
   const std::lock_guard lock(mMutex);
   mCards.push_back({++mNumber, TimeOfDay(), uid, kind, kind.empty() ? "injected" : "tapped", kWaiting, now});
   KeepLatest(mCards, kMostCards);
-  Changed();
+  ++mRevision;
   return mNumber;
 }
 
@@ -179,7 +177,7 @@ void BenchModel::Withdraw(std::uint64_t card) {
   std::erase_if(mCards, [card](const Card& candidate) {
     return candidate.number == card && candidate.outcome == kWaiting;
   });
-  Changed();
+  ++mRevision;
 }
 
 void BenchModel::GiveUpWaiting(TimePoint now) {
@@ -187,7 +185,7 @@ void BenchModel::GiveUpWaiting(TimePoint now) {
   for (Card& card : mCards) {
     if (card.outcome == kWaiting && now - card.since > kPatience) {
       card.outcome = kUnanswered;
-      Changed();
+      ++mRevision;
     }
   }
 }
@@ -197,34 +195,19 @@ void BenchModel::OnLogLines(const std::vector<std::string>& lines) {
   mLines.insert(mLines.end(), lines.begin(), lines.end());
   mLineCount += lines.size();
   KeepLatest(mLines, kMostLines);
-  mNews.notify_all();
 }
 
 void BenchModel::Set(const char* part, const Json::Value& value) {
   const std::lock_guard lock(mMutex);
   if (mParts[part] != value) {
     mParts[part] = value;
-    Changed();
+    ++mRevision;
   }
 }
 
-bool BenchModel::IsLearning() const {
-  const std::lock_guard lock(mMutex);
-  return mParts["learning"].asBool();
-}
-
-void BenchModel::Changed() {
-  ++mRevision;
-  mNews.notify_all();
-}
-
 Json::Value BenchModel::Snapshot() const {
-  const auto isOpen = [this](EStream stream) {
-    const auto found = mOpen.find(stream);
-    return found != mOpen.end() && found->second;
-  };
   Json::Value snapshot = mParts;
-  const bool there = isOpen(EStream::States) && isOpen(EStream::Cards) && !mState.empty();
+  const bool there = mOpen.size() == 2 && !mState.empty();
   snapshot["there"] = there;
   snapshot["reason"] = there ? "" : mReason;
   snapshot["state"] = mState;
@@ -250,24 +233,19 @@ Json::Value BenchModel::Snapshot() const {
   return snapshot;
 }
 
-BenchModel::News BenchModel::WaitForNews(Cursor& cursor, std::chrono::milliseconds timeout) const {
-  std::unique_lock lock(mMutex);
-  mNews.wait_for(lock, timeout,
-                 [&] { return mClosed || cursor.revision != mRevision || cursor.line != mLineCount; });
-  News news;
-  news.closed = mClosed;
-  news.changed = cursor.revision != mRevision;
-  if (news.changed) {
-    news.snapshot = Snapshot();
-  }
-  const auto unread = std::min<std::uint64_t>(mLineCount - cursor.line, mLines.size());
-  news.lines.assign(mLines.end() - static_cast<std::ptrdiff_t>(unread), mLines.end());
-  cursor = {mRevision, mLineCount};
-  return news;
-}
-
-void BenchModel::Close() {
+Json::Value BenchModel::NewsSince(std::uint64_t revision, std::uint64_t line) const {
   const std::lock_guard lock(mMutex);
-  mClosed = true;
-  mNews.notify_all();
+  Json::Value news;
+  news["revision"] = static_cast<Json::UInt64>(mRevision);
+  news["line"] = static_cast<Json::UInt64>(mLineCount);
+  if (revision != mRevision) {
+    news["snapshot"] = Snapshot();
+  }
+  const auto unread =
+      line > mLineCount ? mLines.size() : std::min<std::uint64_t>(mLineCount - line, mLines.size());
+  news["lines"] = Json::arrayValue;
+  for (auto one = mLines.end() - static_cast<std::ptrdiff_t>(unread); one != mLines.end(); ++one) {
+    news["lines"].append(*one);
+  }
+  return news;
 }

@@ -3,12 +3,12 @@
 #include <json/value.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,9 +16,15 @@
 #include "ipc/feedback.pb.h"
 #include "ipc/rfid.pb.h"
 
+/// What became of a request of the page.
+struct BenchAnswer {
+  bool done;
+  std::string text;  ///< for people: the new state, or the reason why it was not done
+};
+
 /// What the bench has seen of the station, in the form that its page shows. Knows no sockets.
 ///
-/// Threads: any. Only WaitForNews blocks.
+/// Threads: any. Nothing blocks.
 class BenchModel {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
@@ -51,22 +57,10 @@ class BenchModel {
   void SetLearning(bool on) { Set("learning", on); }
   void SetNotice(const std::string& notice) { Set("notice", notice); }
 
-  bool IsLearning() const;
-
-  /// How much of the news a reader has already received.
-  struct Cursor {
-    std::uint64_t revision = 0;
-    std::uint64_t line = 0;
-  };
-  struct News {
-    bool closed = false;             ///< there will be no more news
-    bool changed = false;            ///< there is a new snapshot
-    Json::Value snapshot;            ///< everything but the log, if it changed
-    std::vector<std::string> lines;  ///< of the log
-  };
-  /// Blocks until there is news for this reader, or until the timeout.
-  News WaitForNews(Cursor& cursor, std::chrono::milliseconds timeout) const;
-  void Close();
+  /// The news for a page that has this revision and this many log lines: {"revision": N, "line": N,
+  /// "snapshot": everything but the log, if it has changed, "lines": [LINE...]}. A page that has nothing yet,
+  /// or has the numbers of an earlier bench, gets everything.
+  Json::Value NewsSince(std::uint64_t revision, std::uint64_t line) const;
 
  private:
   struct Card {
@@ -80,7 +74,6 @@ class BenchModel {
   };
 
   void Set(const char* part, const Json::Value& value);
-  void Changed();
   void NoteTransition(const std::string& to);
   /// The newest card that waits for its outcome. An older card with the same UID was suppressed or never
   /// read, so it gets no outcome.
@@ -89,11 +82,9 @@ class BenchModel {
   Json::Value Snapshot() const;
 
   mutable std::mutex mMutex;
-  mutable std::condition_variable mNews;
-  bool mClosed = false;
   std::uint64_t mRevision = 1;
   std::uint64_t mNumber = 0;  ///< of cards, transitions, feedback events
-  std::map<EStream, bool> mOpen;
+  std::set<EStream> mOpen;
   std::string mReason = "not reached yet";
   std::string mState;
   std::deque<Json::Value> mTransitions;

@@ -3,6 +3,7 @@
 #include <httplib.h>
 #include <json/reader.h>
 
+#include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -13,10 +14,8 @@ namespace {
 
 constexpr const char* kAddress = "127.0.0.1";
 constexpr const char* kHeader = "X-Bench";
-constexpr int kMostStreams = 12;
 constexpr std::size_t kThreads = 24;
 constexpr std::size_t kLongestRequest = 4096;
-constexpr auto kHeartbeat = std::chrono::seconds(2);
 
 /// The page runs only this server's files, and no other page can embed it.
 const httplib::Headers kHeaders{
@@ -27,23 +26,8 @@ const httplib::Headers kHeaders{
     {"Referrer-Policy", "no-referrer"},
     {"Cache-Control", "no-store"}};
 
-std::string EventText(const char* name, const Json::Value& data) {
-  return std::string("event: ") + name + "\ndata: " + ToJsonLine(data) + "\n\n";
-}
-
-std::string TextOf(const BenchModel::News& news) {
-  std::string text;
-  if (news.changed) {
-    text += EventText("snapshot", news.snapshot);
-  }
-  if (!news.lines.empty()) {
-    Json::Value lines(Json::arrayValue);
-    for (const std::string& line : news.lines) {
-      lines.append(line);
-    }
-    text += EventText("log", lines);
-  }
-  return text.empty() ? ": still here\n\n" : text;
+std::uint64_t NumberOf(const httplib::Request& request, const char* parameter) {
+  return std::strtoull(request.get_param_value(parameter).c_str(), nullptr, 10);
 }
 
 bool ParseObject(const std::string& text, Json::Value& value) {
@@ -59,7 +43,7 @@ bool ParseObject(const std::string& text, Json::Value& value) {
 
 }  // namespace
 
-BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
+BenchServer::BenchServer(const BenchModel& model, Carrier carrier, int port)
     : mModel(model), mCarrier(std::move(carrier)), mPort(port), mServer(std::make_unique<httplib::Server>()) {
   httplib::Server& server = *mServer;
   server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
@@ -93,8 +77,10 @@ BenchServer::BenchServer(BenchModel& model, Carrier carrier, int port)
       response.set_content(file.content.data(), file.content.size(), std::string(file.type));
     });
   }
-  server.Get("/events",
-             [this](const httplib::Request&, httplib::Response& response) { ServeEvents(response); });
+  server.Get("/news", [this](const httplib::Request& request, httplib::Response& response) {
+    const Json::Value news = mModel.NewsSince(NumberOf(request, "revision"), NumberOf(request, "line"));
+    response.set_content(ToJsonLine(news), "application/json");
+  });
   server.Post("/do", [this](const httplib::Request& request, httplib::Response& response) {
     ServeRequest(request, response);
   });
@@ -141,23 +127,6 @@ bool BenchServer::IsPermitted(const httplib::Request& request, std::string& reas
     reason = std::string("the request lacks the header ") + kHeader;
   }
   return reason.empty();
-}
-
-void BenchServer::ServeEvents(httplib::Response& response) {
-  // Each stream holds a thread for as long as its page is open.
-  const std::shared_ptr<void> place(nullptr, [streams = mStreams](void*) { --*streams; });
-  if (++*mStreams > kMostStreams) {
-    response.status = 503;
-    response.set_content("too many pages are open\n", "text/plain");
-    return;
-  }
-  const auto cursor = std::make_shared<BenchModel::Cursor>();
-  response.set_chunked_content_provider(
-      "text/event-stream", [this, place, cursor](std::size_t, httplib::DataSink& sink) {
-        const BenchModel::News news = mModel.WaitForNews(*cursor, kHeartbeat);
-        const std::string text = TextOf(news);
-        return !news.closed && sink.write(text.data(), text.size());
-      });
 }
 
 void BenchServer::ServeRequest(const httplib::Request& request, httplib::Response& response) const {

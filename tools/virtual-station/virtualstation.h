@@ -1,21 +1,24 @@
 #pragma once
 
+#include <grpcpp/grpcpp.h>
+
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <variant>
 #include <vector>
 
-#include "ipc/diagnostics.pb.h"
-#include "ipc/feedback.pb.h"
+#include "ipc/diagnostics.grpc.pb.h"
+#include "ipc/feedback.grpc.pb.h"
 
 /// The two services that the RFID daemon calls, Feedback and Diagnostics. Hands every call to an observer or
 /// keeps it; a call with several signals counts as one for each. Diagnostics lists the last values of the
 /// signals.
 ///
 /// Threads: any. Calls arrive on the RPC library's threads.
-class VirtualStation {
+class VirtualStation : ipc::Feedback::CallbackService, ipc::Diagnostics::CallbackService {
  public:
   enum class EAnswer {
     Ok,
@@ -32,7 +35,7 @@ class VirtualStation {
   /// observer the calls are kept for as long as the station lives.
   explicit VirtualStation(const std::map<std::string, std::string>& peers, Observer observer = {},
                           EAnswer feedbackAnswer = EAnswer::Ok);
-  ~VirtualStation();  ///< ends the calls that still wait
+  ~VirtualStation() override;  ///< ends the calls that still wait
   VirtualStation(const VirtualStation&) = delete;
   VirtualStation& operator=(const VirtualStation&) = delete;
 
@@ -45,6 +48,22 @@ class VirtualStation {
   std::vector<std::string> SignalValues(ipc::ESignalIdentifier id) const;
 
  private:
-  class Impl;
-  std::unique_ptr<Impl> mImpl;
+  grpc::ServerUnaryReactor* TriggerFeedbackEvent(grpc::CallbackServerContext* context,
+                                                 const ipc::MFbEventType* event,
+                                                 ipc::MResult* result) override;
+  grpc::ServerUnaryReactor* UpdateSignal(grpc::CallbackServerContext* context, const ipc::MSignal* signal,
+                                         ipc::MResult* result) override;
+  grpc::ServerUnaryReactor* UpdateSignals(grpc::CallbackServerContext* context, const ipc::MSignals* signals,
+                                          ipc::MResult* result) override;
+  grpc::ServerUnaryReactor* List(grpc::CallbackServerContext* context, const ipc::MEmpty* request,
+                                 ipc::MSignals* signals) override;
+  /// Returns how a feedback call is to be answered.
+  EAnswer Take(Call call);
+
+  const Observer mObserver;
+  mutable std::mutex mMutex;  ///< guards the next three
+  std::vector<Call> mCalls;
+  std::map<int, ipc::MSignal> mSignals;  ///< the last of each
+  EAnswer mFeedbackAnswer;
+  std::vector<std::unique_ptr<grpc::Server>> mServers;
 };

@@ -6,6 +6,8 @@
 
 #include "framework/interfaces.h"
 
+class CRpcQueue;
+
 namespace Rpc {
 
 /// Takes the RPC framework's own log output. Called from any thread.
@@ -76,11 +78,15 @@ class GrpcBackend {
   /// does not say.
   const std::string& PeerAddress(const std::string& name) const;
 
+  /// Where this host's gRPC operations end; for the framework's own clients, which must end before the host.
+  const std::shared_ptr<CRpcQueue>& Queue() const;
+
   /// Listens and starts to accept requests. Throws Rpc::ConfigurationException when the address is in use by
   /// a running instance or the system refuses it.
   void StartServices();
 
-  /// Blocks until Stop has ended everything.
+  /// Serves requests and the calls of this daemon's clients, which wait until it runs. Blocks until Stop has
+  /// ended everything. With StartServices or without.
   void RunServer();
 
   /// Delivers notifications to subscribers; blocks until Stop.

@@ -19,8 +19,7 @@ constexpr std::uint32_t kNciProtocols = 0xde;
 }  // namespace
 
 const std::vector<std::string>& FaultNames() {
-  static const std::vector<std::string> kNames{"poll-dead",  "deaf",    "out-of-step",
-                                               "chip-polls", "runaway", "target-active"};
+  static const std::vector<std::string> kNames{"poll-dead", "deaf", "out-of-step", "chip-polls"};
   return kNames;
 }
 
@@ -56,7 +55,7 @@ int NfcDevice::PowerDown() {
   if (mStatus.removed || !mStatus.powered) {
     return mStatus.removed ? ENODEV : EALREADY;
   }
-  if (mStatus.polling || Has(Fault::TargetActive)) {
+  if (mStatus.polling) {
     return EBUSY;
   }
   mStatus.powered = false;
@@ -72,7 +71,7 @@ int NfcDevice::CheckStartPoll(std::uint32_t mask) const {
   if (mStatus.polling) {
     return mAssumeAlready ? EALREADY : EBUSY;
   }
-  if (Has(Fault::TargetActive) || Has(Fault::OutOfStep) || Has(Fault::Runaway)) {
+  if (Has(Fault::OutOfStep)) {
     return EBUSY;
   }
   if (Has(Fault::ChipPolls)) {
@@ -111,7 +110,7 @@ int NfcDevice::StopPoll(std::uint32_t port) {
 }
 
 void NfcDevice::SetFault(Fault fault, bool on) {
-  if (on && (fault == Fault::OutOfStep || fault == Fault::ChipPolls || fault == Fault::Runaway)) {
+  if (on && (fault == Fault::OutOfStep || fault == Fault::ChipPolls)) {
     EndPoll();
   }
   std::erase(mStatus.faults, fault);
@@ -138,14 +137,7 @@ std::vector<Tag> NfcDevice::KnownOf(std::vector<Tag> seen) const {
 }
 
 bool NfcDevice::Detect(const std::vector<Tag>& field) {
-  if (Has(Fault::Deaf) || mStatus.removed) {
-    return false;
-  }
-  if (Has(Fault::Runaway)) {
-    SetFault(Fault::Runaway, field.empty());
-    return false;
-  }
-  if (!mStatus.polling || Has(Fault::PollDead)) {
+  if (!mStatus.polling || mStatus.removed || Has(Fault::PollDead) || Has(Fault::Deaf)) {
     return false;
   }
   const std::uint32_t mask = mStack == Stack::Nci ? mStatus.mask : mStatus.mask & Protocols();

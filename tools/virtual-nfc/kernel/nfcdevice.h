@@ -28,10 +28,6 @@ enum class Fault {
   OutOfStep,
   /// The chip goes on polling after STOP_POLL. Ends with the power. Nci.
   ChipPolls,
-  /// The reader polls without the kernel's knowledge, until the next tag, which is not reported. Digital.
-  Runaway,
-  /// Another program has activated a target.
-  TargetActive,
 };
 
 /// @throws std::invalid_argument naming the known ones

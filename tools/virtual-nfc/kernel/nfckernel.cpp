@@ -59,7 +59,7 @@ NfcKernel::Result NfcKernel::Acknowledge(const Request& request, std::uint32_t p
   return result;
 }
 
-std::optional<Occurrence> NfcKernel::Classify(const Request& request, std::uint32_t port) const {
+std::optional<Occurrence> NfcKernel::Classify(const Request& request) const {
   if ((request.header.nlmsg_flags & NLM_F_REQUEST) == 0 || !request.hasGenlHeader) {
     return std::nullopt;
   }
@@ -70,7 +70,6 @@ std::optional<Occurrence> NfcKernel::Classify(const Request& request, std::uint3
     return std::nullopt;
   }
   occurrence.command = request.genl.cmd;
-  occurrence.port = port;
   if (occurrence.family == Family::Nfc) {
     occurrence.device = GetU32(request.attributes, NFC_ATTR_DEVICE_INDEX);
   }
@@ -280,7 +279,7 @@ Bytes NfcKernel::PutDevice(MessageBuilder message, const NfcDevice& device) {
       .U32(NFC_ATTR_DEVICE_INDEX, device.Index())
       .U32(NFC_ATTR_PROTOCOLS, device.Protocols())
       .U8(NFC_ATTR_DEVICE_POWERED, device.Status().powered ? 1 : 0)
-      .U8(NFC_ATTR_RF_MODE, device.Has(Fault::TargetActive) ? NFC_RF_INITIATOR : NFC_RF_NONE)
+      .U8(NFC_ATTR_RF_MODE, NFC_RF_NONE)
       .Finish();
 }
 

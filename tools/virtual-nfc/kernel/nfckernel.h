@@ -60,7 +60,7 @@ class NfcKernel {
   Result Refuse(const Request& request, std::uint32_t port, int error) const;
 
   /// The command, as rules see it; nothing when the message is no command of these families.
-  std::optional<Occurrence> Classify(const Request& request, std::uint32_t port) const;
+  std::optional<Occurrence> Classify(const Request& request) const;
 
   /// The errno of a command whose device was unplugged while the command waited for the chip; 0 when the
   /// command must be carried out. @param device the one that was there when the command began

@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
+#include <sstream>
 #include <stdexcept>
-
-#include "tools/virtual-nfc/kernel/words.h"
 
 namespace virtualnfc {
 
@@ -15,17 +15,6 @@ namespace {
 
 constexpr int kMaxErrno = 4095;
 constexpr std::uint32_t kMaxDelayMs = 10 * 60 * 1000;
-
-struct ConditionWord {
-  std::string_view key;
-  std::optional<std::uint32_t> Rule::*number;
-  std::uint32_t min;
-};
-
-constexpr ConditionWord kConditions[] = {{"nth=", &Rule::nth, 1},
-                                         {"times=", &Rule::times, 1},
-                                         {"port=", &Rule::port, 0},
-                                         {"device=", &Rule::device, 0}};
 
 /// A word that ends in '=' takes a number.
 struct ChangeWord {
@@ -51,6 +40,17 @@ constexpr ChangeWord kChanges[] = {
     {"overrun", ChangeKind::Overrun},
     {"close", ChangeKind::Close},
 };
+
+std::uint32_t ParseNumber(std::string_view what, std::string_view text, std::uint32_t min = 0,
+                          std::uint32_t max = 0xFFFFFFFF) {
+  std::uint32_t value = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, failure] = std::from_chars(text.data(), end, value);
+  if (text.empty() || failure != std::errc() || stop != end || value < min || value > max) {
+    throw std::invalid_argument(fmt::format("{} is a number from {} to {}, not '{}'", what, min, max, text));
+  }
+  return value;
+}
 
 bool IsNumber(std::string_view text) {
   return !text.empty() && std::isdigit(static_cast<unsigned char>(text.front())) != 0;
@@ -90,12 +90,6 @@ void ParseCommand(std::string_view word, Rule& rule) {
 void ParseWord(std::string_view word, Rule& rule) {
   const std::string_view key = word.substr(0, std::min(word.find('='), word.size() - 1) + 1);
   const std::string_view value = word.substr(key.size());
-  for (const ConditionWord& condition : kConditions) {
-    if (key == condition.key) {
-      rule.*condition.number = ParseNumber(key.substr(0, key.size() - 1), value, condition.min);
-      return;
-    }
-  }
   for (const ChangeWord& change : kChanges) {
     if (word == change.word) {
       rule.changes.push_back({change.kind});
@@ -106,7 +100,11 @@ void ParseWord(std::string_view word, Rule& rule) {
       return;
     }
   }
-  if (key == "errno=") {
+  if (key == "nth=") {
+    rule.nth = ParseNumber("nth", value, 1);
+  } else if (key == "times=") {
+    rule.times = ParseNumber("times", value, 1);
+  } else if (key == "errno=") {
     rule.error = ParseErrno(value);
   } else if (key == "fault=") {
     rule.fault = ParseFault(value);
@@ -135,15 +133,16 @@ bool IsForCommandsOnly(const Rule& rule) {
 
 }  // namespace
 
-Rule ParseRule(std::string_view text) {
-  const Words words = SplitWords(text);
-  if (words.empty()) {
+Rule ParseRule(const std::string& text) {
+  std::istringstream words(text);
+  std::string word;
+  if (!(words >> word)) {
     throw std::invalid_argument("a rule begins with a command");
   }
   Rule rule;
-  ParseCommand(words.front(), rule);
-  for (std::size_t i = 1; i < words.size(); ++i) {
-    ParseWord(words[i], rule);
+  ParseCommand(word, rule);
+  while (words >> word) {
+    ParseWord(word, rule);
   }
   if (!IsForCommandsOnly(rule) && !rule.fault && rule.changes.empty()) {
     throw std::invalid_argument("the rule has no action");
@@ -154,8 +153,8 @@ Rule ParseRule(std::string_view text) {
   return rule;
 }
 
-std::uint32_t RuleSet::Add(std::string_view text) {
-  mRules.push_back(Entry{ParseRule(text), RuleStatus{mNextId, std::string(text)}});
+std::uint32_t RuleSet::Add(const std::string& text) {
+  mRules.push_back(Entry{ParseRule(text), RuleStatus{mNextId, text}});
   return mNextId++;
 }
 
@@ -172,8 +171,7 @@ std::optional<Rule> RuleSet::Match(const Occurrence& occurrence) {
   for (Entry& entry : mRules) {
     const Rule& rule = entry.rule;
     if (rule.family != occurrence.family ||
-        (rule.command ? *rule.command != occurrence.command : occurrence.isEvent) ||
-        (rule.port && *rule.port != occurrence.port) || (rule.device && rule.device != occurrence.device)) {
+        (rule.command ? *rule.command != occurrence.command : occurrence.isEvent)) {
       continue;
     }
     ++entry.status.seen;

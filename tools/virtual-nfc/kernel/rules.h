@@ -22,7 +22,6 @@ struct Occurrence {
   Family family = Family::Nfc;
   std::uint8_t command = 0;
   bool isEvent = false;
-  std::uint32_t port = 0;
   std::optional<std::uint32_t> device;
 };
 
@@ -32,8 +31,6 @@ struct Rule {
   std::optional<std::uint8_t> command;
   std::optional<std::uint32_t> nth;
   std::optional<std::uint32_t> times;
-  std::optional<std::uint32_t> port;
-  std::optional<std::uint32_t> device;
 
   std::optional<int> error;
   std::chrono::milliseconds delay{0};
@@ -44,7 +41,7 @@ struct Rule {
 };
 
 /// @throws std::invalid_argument naming the word that is wrong
-Rule ParseRule(std::string_view text);
+Rule ParseRule(const std::string& text);
 
 struct RuleStatus {
   std::uint32_t id = 0;
@@ -58,7 +55,7 @@ class RuleSet {
  public:
   /// @returns the rule's id
   /// @throws std::invalid_argument
-  std::uint32_t Add(std::string_view text);
+  std::uint32_t Add(const std::string& text);
   void Clear() { mRules.clear(); }
   std::vector<RuleStatus> List() const;
 

@@ -2,16 +2,16 @@
 
 #include <fmt/format.h>
 #include <json/json.h>
+#include <sys/time.h>
 
+#include <cmath>
 #include <stdexcept>
-
-#include "tools/virtual-nfc/kernel/words.h"
 
 namespace virtualnfc {
 
 namespace {
 
-constexpr std::uint32_t kMaxHoldMs = 24U * 60 * 60 * 1000;
+constexpr double kMaxHold = 24.0 * 60 * 60;
 
 Json::Value CountsAsJson(const std::array<std::uint32_t, 256>& counts) {
   Json::Value json(Json::objectValue);
@@ -78,133 +78,132 @@ std::string StatusAsText(const Status& status) {
                      status.openSockets, status.listeners, waiting);
 }
 
-/// The device with the number in this word; without one, the first device that is plugged in.
-std::uint32_t DeviceNumber(const VirtualNfc& server, const Words& words, std::size_t at) {
-  return words.size() > at ? ParseNumber("the device number", words[at], 0, 255)
-                           : server.GetStatus().Device().index;
-}
-
 void RequireDevice(bool isThere, std::uint32_t index) {
   if (!isThere) {
     throw std::invalid_argument(fmt::format("there is no device {}", index));
   }
 }
 
-std::string Tap(VirtualNfc& server, const Words& words) {
-  Tag tag = MakeTag(ParseTagKind(words[1]), words[2], server.Settings().kernel.stack);
+}  // namespace
+
+ControlCommands::ControlCommands(CLI::App& app) {
+  auto& tap =
+      Add(app, "tap", "put a tag in front of the reader, in place of any other", &ControlCommands::Tap);
+  tap.add_option("UID", mUid, "as printed on the tag, hexadecimal")->required();
+  tap.add_option("--tech", mKind, "kind of tag")->check(CLI::IsMember(TagKindNames()))->capture_default_str();
+  tap.add_option("--hold", mHold, "take it away after this time; by default it stays until 'remove'")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.001, kMaxHold));
+  Add(app, "remove", "take all tags away", &ControlCommands::Remove);
+  Add(app, "plug", "plug in a reader and print its number", &ControlCommands::Plug);
+  Add(app, "unplug", "unplug the reader", &ControlCommands::Unplug)
+      .add_option("N", mDevice, "the number that 'plug' printed; by default the first reader");
+  auto& fault = Add(app, "fault", "let the reader fail without telling programs", &ControlCommands::SetFault);
+  fault.add_option("NAME", mFault)->required()->check(CLI::IsMember(FaultNames()));
+  fault.add_flag("--off", mIsOff, "end the fault");
+  Add(app, "status", "show the reader, the tags and who is connected", &ControlCommands::ShowStatus)
+      .add_flag("--json", mAsJson, "for scripts");
+
+  CLI::App& rule = *app.add_subcommand("rule", "make the kernel misbehave");
+  rule.require_subcommand(1);
+  auto& add = Add(rule, "add", "COMMAND [CONDITION...] ACTION..., as in: START_POLL nth=2 errno=EBUSY",
+                  &ControlCommands::AddRule);
+  add.add_option("RULE", mRule)->required();
+  add.footer(
+      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any, a number\n"
+      "Events: TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
+      "Conditions: nth=N times=N\n"
+      "Actions: errno=E delay=MS fault=NAME cross unplug drop truncate=N "
+      "garble[=long|short|missing|twice|nested] duplicate\n"
+      "reverse no-done interrupted seq=N sender=N overrun close");
+  Add(rule, "list", "show the rules and how often they fired", &ControlCommands::ListRules);
+  Add(rule, "clear", "remove all rules", &ControlCommands::ClearRules);
+}
+
+CLI::App& ControlCommands::Add(CLI::App& parent, const char* name, const char* help, Command command) {
+  return *parent.add_subcommand(name, help)->callback([this, command] { mCommand = command; });
+}
+
+std::string ControlCommands::Tap(VirtualNfc& server) const {
+  Tag tag = MakeTag(ParseTagKind(mKind), mUid, server.Settings().kernel.stack);
   const bool isPolling = server.GetStatus().Device().polling;
-  if (words.size() > 3) {
-    const std::uint32_t hold = ParseNumber("the time to hold the tag", words[3], 1, kMaxHoldMs);
-    server.PresentTagFor(std::move(tag), std::chrono::milliseconds(hold));
+  if (mHold > 0) {
+    server.PresentTagFor(std::move(tag), std::chrono::milliseconds(std::lround(mHold * 1000)));
   } else {
     server.PresentTag(std::move(tag));
   }
   return isPolling ? "" : "No device is polling; the tag is found as soon as one does.\n";
 }
 
-std::string Remove(VirtualNfc& server, const Words& /*words*/) {
+std::string ControlCommands::Remove(VirtualNfc& server) const {
   server.RemoveTags();
   return "";
 }
 
-std::string Plug(VirtualNfc& server, const Words& words) {
-  return fmt::format("device {}\n",
-                     words.size() > 1 ? server.Plug(DeviceNumber(server, words, 1)) : server.Plug());
+std::string ControlCommands::Plug(VirtualNfc& server) const {
+  return fmt::format("device {}\n", server.Plug());
 }
 
-std::string Unplug(VirtualNfc& server, const Words& words) {
-  const std::uint32_t index = DeviceNumber(server, words, 1);
+std::string ControlCommands::Unplug(VirtualNfc& server) const {
+  const std::uint32_t index = mDevice.value_or(server.GetStatus().Device().index);
   RequireDevice(server.Unplug(index), index);
   return "";
 }
 
-std::string SetFault(VirtualNfc& server, const Words& words) {
-  if (words[2] != "on" && words[2] != "off") {
-    throw std::invalid_argument(fmt::format("a fault is on or off, not '{}'", words[2]));
-  }
-  const std::uint32_t index = DeviceNumber(server, words, 3);
-  RequireDevice(server.SetFault(ParseFault(words[1]), words[2] == "on", index), index);
+std::string ControlCommands::SetFault(VirtualNfc& server) const {
+  const std::uint32_t index = server.GetStatus().Device().index;
+  RequireDevice(server.SetFault(ParseFault(mFault), !mIsOff, index), index);
   return "";
 }
 
-std::string ShowStatus(VirtualNfc& server, const Words& words) {
-  if (words.size() > 1 && words[1] != "json") {
-    throw std::invalid_argument(fmt::format("unknown format '{}'", words[1]));
-  }
-  return words.size() > 1 ? StatusAsJson(server.GetStatus()) : StatusAsText(server.GetStatus());
+std::string ControlCommands::ShowStatus(VirtualNfc& server) const {
+  return mAsJson ? StatusAsJson(server.GetStatus()) : StatusAsText(server.GetStatus());
 }
 
-std::string HandleRule(VirtualNfc& server, const Words& words) {
-  if (words[1] == "add") {
-    return fmt::format("rule {}\n",
-                       server.AddRule(fmt::format("{}", fmt::join(words.begin() + 2, words.end(), " "))));
-  }
-  if (words.size() > 2 || (words[1] != "list" && words[1] != "clear")) {
-    throw std::invalid_argument("rule takes add, list or clear");
-  }
+std::string ControlCommands::AddRule(VirtualNfc& server) const {
+  return fmt::format("rule {}\n", server.AddRule(fmt::format("{}", fmt::join(mRule, " "))));
+}
+
+std::string ControlCommands::ListRules(VirtualNfc& server) const {
   std::string text;
-  if (words[1] == "clear") {
-    server.ClearRules();
-  } else {
-    for (const RuleStatus& rule : server.ListRules()) {
-      text += fmt::format("{}  {}  (seen {}, fired {})\n", rule.id, rule.text, rule.seen, rule.fired);
-    }
+  for (const RuleStatus& rule : server.ListRules()) {
+    text += fmt::format("{}  {}  (seen {}, fired {})\n", rule.id, rule.text, rule.seen, rule.fired);
   }
   return text;
 }
 
-struct LineForm {
-  /// Its first word is the name.
-  std::string_view usage;
-  std::size_t minWords;
-  std::size_t maxWords;
-  std::string (*handle)(VirtualNfc& server, const Words& words);
-};
-
-constexpr LineForm kForms[] = {
-    {"tap KIND UID [HOLD_MS]", 3, 4, &Tap},
-    {"remove", 1, 1, &Remove},
-    {"plug [N]", 1, 2, &Plug},
-    {"unplug [N]", 1, 2, &Unplug},
-    {"fault NAME on|off [N]", 3, 4, &SetFault},
-    {"status [json]", 1, 2, &ShowStatus},
-    {"rule add RULE|list|clear", 2, SIZE_MAX, &HandleRule},
-};
-
-}  // namespace
-
-std::optional<std::uint32_t> ParseRecordLine(std::string_view line) {
-  const Words words = SplitWords(line);
-  if (words.empty() || words[0] != "record") {
-    return std::nullopt;
-  }
-  if (words.size() > 2) {
-    throw std::invalid_argument("usage: record [N]");
-  }
-  return words.size() > 1 ? ParseNumber("the number of messages", words[1]) : 0;
+std::string ControlCommands::ClearRules(VirtualNfc& server) const {
+  server.ClearRules();
+  return "";
 }
 
-std::string HandleControlLine(VirtualNfc& server, std::string_view line) {
-  const Words words = SplitWords(line);
-  const std::string_view name = words.empty() ? "" : words[0];
-  for (const LineForm& form : kForms) {
-    if (name != form.usage.substr(0, form.usage.find(' '))) {
-      continue;
-    }
-    if (words.size() < form.minWords || words.size() > form.maxWords) {
-      return fmt::format("error: usage: {}\n", form.usage);
-    }
-    try {
-      return "ok\n" + form.handle(server, words);
-    } catch (const std::invalid_argument& error) {
-      return fmt::format("error: {}\n", error.what());
-    }
+std::string HandleControlLine(VirtualNfc& server, const std::string& line) {
+  CLI::App app;
+  app.require_subcommand(1);
+  ControlCommands commands(app);
+  try {
+    app.parse(line);
+    return "ok\n" + commands.CarryOut(server);
+  } catch (const std::exception& error) {  // of the parser, or std::invalid_argument
+    return fmt::format("error: {}\n", error.what());
   }
-  return fmt::format("error: unknown command '{}'\n", name);
 }
 
-std::string ControlAddress(std::string_view address) {
-  return std::string(address) + ".control";
+std::string AskServer(const std::string& address, std::string_view line) {
+  const UniqueFd fd = ConnectUnix(address, SOCK_SEQPACKET);
+  const wire::OperationHeader header{wire::Operation::Control, 0, 0};
+  const ByteView head = BytesOf(header);
+  std::string request(head.begin(), head.end());
+  request += line;
+  const timeval limit{5, 0};
+  std::string reply(wire::kMaxMessage, '\0');
+  if (!fd || ::setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0 ||
+      ::send(fd.Get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) {
+    return "";
+  }
+  const ssize_t length = ::recv(fd.Get(), reply.data(), reply.size(), 0);
+  reply.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  return reply;
 }
 
 }  // namespace virtualnfc

@@ -1,33 +1,63 @@
 #pragma once
 
-// The text protocol that controls a running server, one line per request:
-//   tap KIND UID [HOLD_MS]   put a tag in front of the reader, for this time or until it is removed
-//   remove                   take all tags away
-//   plug [N] / unplug [N]    plug a device in, unplug it
-//   fault NAME on|off [N]    start or end a fault of the device, see nfcdevice.h
-//   status [json]            show what the server knows
-//   rule add RULE / rule list / rule clear
-//   record [N]               record what happens from now on, up to N messages
-// Without N, unplug and fault mean the first device. The reply is "ok" or "error: REASON" in a line of its
-// own; the requested text follows. The reply to "record" is the record alone, see recorder.h.
+// The commands that control a running server. They are defined once, as subcommands of the tool: the tool
+// checks its command line with them and sends it on, and the server parses it with them again.
+//
+// A request is one line, "tap 04A12B5C --hold 0.5". The reply is "ok" or "error: REASON" in a line of its
+// own; the text that was asked for follows. Both go through the server's one socket.
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/virtual-nfc/server/virtualnfc.h"
 
 namespace virtualnfc {
 
-/// The N of a line "record [N]", 0 without one; nothing for any other line. @throws std::invalid_argument
-std::optional<std::uint32_t> ParseRecordLine(std::string_view line);
+class ControlCommands {
+ public:
+  /// Adds the subcommands to the app. Keep this for as long as the app parses.
+  explicit ControlCommands(CLI::App& app);
+  ControlCommands(const ControlCommands&) = delete;
+  ControlCommands& operator=(const ControlCommands&) = delete;
 
-/// Carries out one line other than "record" and returns the reply. Does not throw for bad input; does not
-/// block.
-std::string HandleControlLine(VirtualNfc& server, std::string_view line);
+  /// Carries out the command that the app has parsed. Returns the text for its user. Does not block.
+  /// @throws std::invalid_argument
+  std::string CarryOut(VirtualNfc& server) const { return (this->*mCommand)(server); }
 
-/// Where a server at this address listens for these lines.
-std::string ControlAddress(std::string_view address);
+ private:
+  using Command = std::string (ControlCommands::*)(VirtualNfc& server) const;
+
+  CLI::App& Add(CLI::App& parent, const char* name, const char* help, Command command);
+  std::string Tap(VirtualNfc& server) const;
+  std::string Remove(VirtualNfc& server) const;
+  std::string Plug(VirtualNfc& server) const;
+  std::string Unplug(VirtualNfc& server) const;
+  std::string SetFault(VirtualNfc& server) const;
+  std::string ShowStatus(VirtualNfc& server) const;
+  std::string AddRule(VirtualNfc& server) const;
+  std::string ListRules(VirtualNfc& server) const;
+  std::string ClearRules(VirtualNfc& server) const;
+
+  Command mCommand = nullptr;
+  std::string mUid;
+  std::string mKind = "mifare";
+  double mHold = 0;
+  std::optional<std::uint32_t> mDevice;
+  std::string mFault;
+  bool mIsOff = false;
+  bool mAsJson = false;
+  std::vector<std::string> mRule;
+};
+
+/// Carries out one line and returns the reply. Does not throw for bad input; does not block.
+std::string HandleControlLine(VirtualNfc& server, const std::string& line);
+
+/// Sends a line to the server at this address and waits for the reply, up to five seconds.
+/// @returns the reply; empty, with errno, when the server cannot be reached or does not reply in time
+std::string AskServer(const std::string& address, std::string_view line);
 
 }  // namespace virtualnfc

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -42,6 +43,10 @@ int NetlinkPort::Open() {
 void NetlinkPort::Reply(int error) const {
   const wire::Reply reply{error, port};
   (void)::send(mControl.Get(), &reply, sizeof(reply), kSendFlags);
+}
+
+void NetlinkPort::ReplyText(std::string_view text) const {
+  (void)::send(mControl.Get(), text.data(), std::min(text.size(), wire::kMaxMessage), kSendFlags);
 }
 
 bool NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, const Bytes& datagram) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <set>
+#include <string_view>
 
 #include "tools/virtual-nfc/kernel/genlmessage.h"
 #include "tools/virtual-nfc/server/uniquefd.h"
@@ -28,6 +29,7 @@ class NetlinkPort {
   bool IsOpen() const { return static_cast<bool>(mData); }
 
   void Reply(int error) const;
+  void ReplyText(std::string_view text) const;
   /// Delivers one datagram to the program. @returns false when it did not fit into the receive buffer; the
   /// program's next receive then reports the loss
   bool Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);

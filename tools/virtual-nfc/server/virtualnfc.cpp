@@ -117,7 +117,7 @@ void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
   Changed();
 }
 
-std::uint32_t VirtualNfc::AddRule(std::string_view text) {
+std::uint32_t VirtualNfc::AddRule(const std::string& text) {
   const std::lock_guard lock(mMutex);
   const std::uint32_t id = mRules.Add(text);
   TellOfReader(fmt::format("rule add {}", text));
@@ -251,7 +251,7 @@ void VirtualNfc::RemoveDevice(std::uint32_t index) {
 
 void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now) {
   const NfcDevice* polling = mKernel.FindDevice(index);
-  if (mField.empty() || !(polling->Status().polling || polling->Has(Fault::Runaway))) {
+  if (mField.empty() || !polling->Status().polling) {
     return;
   }
   mTimers.At(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
@@ -265,7 +265,7 @@ void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_poin
 void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
   ++mEvents[event];
   Answer answer{{mKernel.Event(event, device)}};
-  if (const auto rule = mRules.Match({Family::Nfc, event, true, 0, device})) {
+  if (const auto rule = mRules.Match({Family::Nfc, event, true, device})) {
     for (const Change& change : rule->changes) {
       ApplyChange(change, answer);
     }
@@ -334,6 +334,7 @@ void VirtualNfc::Run() {
     AcceptConnections();
     ReadConnections();
     WorkOff();
+    ServeControl(lock);
     mChanged.notify_all();
   }
 }

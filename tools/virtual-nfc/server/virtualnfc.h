@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tools/virtual-nfc/kernel/nfckernel.h"
@@ -112,7 +113,7 @@ class VirtualNfc {
   void RemoveTags() { PresentTags({}); }
 
   /// Rules as described in rules.h. @throws std::invalid_argument @returns the rule's id
-  std::uint32_t AddRule(std::string_view text);
+  std::uint32_t AddRule(const std::string& text);
   std::vector<RuleStatus> ListRules() const;
   void ClearRules();
 
@@ -167,10 +168,14 @@ class VirtualNfc {
   std::vector<std::uint64_t> Listeners() const;
   void BreakConnection(std::uint64_t id);
   void HandleRecord(std::uint64_t id, const Bytes& record);
+  /// Takes a datagram that the program has sent to the kernel.
+  void Enqueue(std::uint64_t id, ByteView datagram);
   int Bind(std::uint64_t id, std::uint32_t wanted, std::uint32_t groups);
   int Join(std::uint64_t id, std::uint32_t group);
   bool IsPortTaken(std::uint32_t port) const;
 
+  /// Carries out the lines from virtual-nfc. Releases the lock meanwhile.
+  void ServeControl(std::unique_lock<std::mutex>& lock);
   void WorkOff();
   void Begin(Work work);
   void FinishWaiting(bool interrupted);
@@ -214,6 +219,8 @@ class VirtualNfc {
   /// Closed sockets whose polls end after ownerReleaseDelay.
   std::vector<std::uint32_t> mClosedPorts;
   std::deque<Work> mWork;
+  /// Connections and lines.
+  std::vector<std::pair<std::uint64_t, std::string>> mControlLines;
   std::optional<Waiting> mWaiting;
   std::uint64_t mNextWaiting = 1;
   /// Until then a find waits for the device's lock. A command that takes the lock first waits for ever.

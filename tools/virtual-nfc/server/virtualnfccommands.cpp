@@ -26,7 +26,7 @@ void VirtualNfc::Begin(Work work) {
     return;
   }
   Request request = ParseRequest(work.message);
-  const auto occurrence = mKernel.Classify(request, connection->second->port);
+  const auto occurrence = mKernel.Classify(request);
   Rule rule;
   std::optional<std::uint32_t> device;
   if (occurrence) {
@@ -75,7 +75,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
                              : waiting.rule.error ? mKernel.Refuse(request, port, *waiting.rule.error)
                              : vanished != 0      ? mKernel.Refuse(request, port, vanished)
                                                   : mKernel.Handle(request, port);
-  const auto occurrence = mKernel.Classify(request, port);
+  const auto occurrence = mKernel.Classify(request);
   if (occurrence && occurrence->family == Family::Nfc) {
     mHistory.push_back({occurrence->command, port, result.error});
     if (mHistory.size() > kHistoryLength) {

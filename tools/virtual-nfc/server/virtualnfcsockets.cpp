@@ -8,6 +8,7 @@
 #include <set>
 #include <utility>
 
+#include "tools/virtual-nfc/server/controlprotocol.h"
 #include "tools/virtual-nfc/server/virtualnfc.h"
 
 namespace virtualnfc {
@@ -109,8 +110,9 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
     return;
   }
   std::copy_n(record.begin(), sizeof(header), reinterpret_cast<std::uint8_t*>(&header));
-  const bool opens = header.operation == wire::Operation::Open;
-  if (opens == socket.IsOpen()) {
+  const bool isFirst =
+      header.operation == wire::Operation::Open || header.operation == wire::Operation::Control;
+  if (isFirst == socket.IsOpen()) {
     CloseConnection(id);
     return;
   }
@@ -144,26 +146,43 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
         FinishWaiting(true);
       }
       return;
-    case wire::Operation::Send: {
-      if (const int error = Bind(id, 0, 0); error != 0) {
-        socket.Reply(error);
-        return;
-      }
-      const ByteView datagram = ByteView(record).subspan(sizeof(header));
-      for (NetlinkObserver* observer : mObservers) {
-        observer->OnSent(id, datagram);
-      }
-      std::vector<Bytes> messages = SplitMessages(datagram);
-      for (std::size_t i = 0; i < messages.size(); ++i) {
-        mWork.push_back({id, std::move(messages[i]), i + 1 == messages.size()});
-      }
-      if (messages.empty()) {
-        socket.Reply(0);
-      }
+    case wire::Operation::Send:
+      Enqueue(id, ByteView(record).subspan(sizeof(header)));
       return;
-    }
+    case wire::Operation::Control:
+      mControlLines.emplace_back(id, std::string(record.begin() + sizeof(header), record.end()));
+      return;
   }
   CloseConnection(id);
+}
+
+void VirtualNfc::Enqueue(std::uint64_t id, ByteView datagram) {
+  const NetlinkPort& socket = *mConnections.at(id);
+  if (const int error = Bind(id, 0, 0); error != 0) {
+    socket.Reply(error);
+    return;
+  }
+  for (NetlinkObserver* observer : mObservers) {
+    observer->OnSent(id, datagram);
+  }
+  std::vector<Bytes> messages = SplitMessages(datagram);
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    mWork.push_back({id, std::move(messages[i]), i + 1 == messages.size()});
+  }
+  if (messages.empty()) {
+    socket.Reply(0);
+  }
+}
+
+void VirtualNfc::ServeControl(std::unique_lock<std::mutex>& lock) {
+  for (const auto& [id, line] : std::exchange(mControlLines, {})) {
+    lock.unlock();
+    const std::string reply = HandleControlLine(*this, line);
+    lock.lock();
+    if (const auto asker = mConnections.find(id); asker != mConnections.end()) {
+      asker->second->ReplyText(reply);
+    }
+  }
 }
 
 void VirtualNfc::CloseConnection(std::uint64_t id) {

@@ -30,6 +30,8 @@ enum class Operation : std::uint32_t {
   Interrupt,
   /// first: the size of the receive buffer in bytes
   ReceiveBuffer,
+  /// followed by a line for the server, see controlprotocol.h; the reply is text. On a connection of its own
+  Control,
 };
 
 struct OperationHeader {

@@ -2,7 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <utility>
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
 
 #include "tools/virtual-nfc/kernel/names.h"
 #include "tools/virtual-nfc/trace/netlinktext.h"
@@ -11,27 +14,23 @@ namespace virtualnfc {
 
 namespace {
 
-constexpr std::size_t kMaxText = 1 << 20;
-
 /// In the order of SocketChange.
 constexpr const char* kChangeNames[] = {"open", "port", "join", "leave", "signal", "close"};
 
 }  // namespace
 
-Recorder::Recorder(VirtualNfc& server, std::uint32_t count, std::function<void()> wake)
-    : mServer(server), mKernel(server.Settings().kernel), mCount(count), mWake(std::move(wake)) {
-  mText = fmt::format("# virtual-nfc record: nfc={} nfc.events={}\n", mKernel.familyId, mKernel.groupId);
+Recorder::Recorder(VirtualNfc& server, const std::string& file)
+    : mServer(server), mKernel(server.Settings().kernel), mFile(file) {
+  if (!mFile) {
+    throw std::runtime_error(
+        fmt::format("cannot record to {}: {}", file, std::generic_category().message(errno)));
+  }
+  Write(fmt::format("# virtual-nfc record: nfc={} nfc.events={}", mKernel.familyId, mKernel.groupId));
   mServer.AddObserver(*this);
 }
 
 Recorder::~Recorder() {
   mServer.RemoveObserver(*this);
-}
-
-std::string Recorder::Take(bool& isLast) {
-  const std::lock_guard lock(mMutex);
-  isLast = mEnded;
-  return std::exchange(mText, {});
 }
 
 Recorder::Socket& Recorder::Of(std::uint64_t socket) {
@@ -42,23 +41,17 @@ Recorder::Socket& Recorder::Of(std::uint64_t socket) {
   return known;
 }
 
-void Recorder::Write(const std::string& text, std::size_t messages) {
-  const std::lock_guard lock(mMutex);
-  if (mEnded) {
+void Recorder::Write(std::string_view text) {
+  if (!mFile) {
     return;
   }
-  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - mStart;
-  mText +=
-      text.starts_with('#') && text[1] == ' ' ? text + "\n" : fmt::format("{:.3f} {}\n", time.count(), text);
-  mMessages += messages;
-  if (mText.size() > kMaxText) {
-    mEnded = true;
-    mText += fmt::format("{}the record ends here: it is not read fast enough\n", kRecordError);
-  } else if (mCount != 0 && mMessages >= mCount) {
-    mEnded = true;
-    mText += kRecordDone;
+  if (!text.starts_with("# ")) {
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - mStart;
+    mFile << fmt::format("{:.3f} ", time.count());
   }
-  mWake();
+  if (!(mFile << text << std::endl)) {
+    fmt::print(stderr, "virtual-nfc: cannot write the record, so it ends\n");
+  }
 }
 
 void Recorder::OnSocket(std::uint64_t socket, SocketChange change, std::uint32_t number, int error) {
@@ -82,7 +75,7 @@ void Recorder::WriteDatagram(std::uint64_t socket, const char* arrow, ByteView d
   const auto messages = DescribeDatagram(datagram, mKernel.familyId, isEvent ? 0 : known.port);
   for (std::string message : messages) {
     message.insert(std::min(message.find('\n'), message.size()), remarks);
-    Write(fmt::format("#{} {} {}", known.number, arrow, message), 1);
+    Write(fmt::format("#{} {} {}", known.number, arrow, message));
   }
 }
 
@@ -98,7 +91,7 @@ void Recorder::OnDelivered(std::uint64_t socket, std::uint32_t sender, std::uint
 }
 
 void Recorder::OnReader(std::string_view words) {
-  Write(std::string(words));
+  Write(words);
 }
 
 }  // namespace virtualnfc

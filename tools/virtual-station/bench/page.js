@@ -146,10 +146,10 @@ function showLife() {
 }
 setInterval(showLife, 1000);
 
-function showBanner(text) {
-  // Do not set the same text again: a screen reader would repeat it.
-  if (find('banner').textContent !== text) find('banner').textContent = text;
-  find('banner').hidden = !text;
+// Does not set the same text again: a screen reader would repeat it.
+function showText(id, text) {
+  if (find(id).textContent !== text) find(id).textContent = text;
+  find(id).hidden = !text;
 }
 
 function showModes() {
@@ -164,9 +164,7 @@ function showModes() {
     permit.title = permitted ? 'Take it out of the local list' : 'Put it into the local list';
     permit.setAttribute('aria-label', `${permit.dataset.permit} in the local list`);
   }
-  const notices = [settings.problem, snapshot.notice].filter(Boolean).join(' ');
-  if (find('notice').textContent !== notices) find('notice').textContent = notices;
-  find('notice').hidden = !notices;
+  showText('notice', [settings.problem, snapshot.notice].filter(Boolean).join(' '));
 }
 
 let shownCards;
@@ -227,7 +225,7 @@ function showLines(lines) {
 }
 
 function show() {
-  showBanner(snapshot.there ? ''
+  showText('banner', snapshot.there ? ''
     : `The daemon is gone (${snapshot.reason}). Waiting for it; the page follows when it is back.`);
   showStatus();
   showModes();
@@ -237,22 +235,29 @@ function show() {
   diagram.update(snapshot.transitions);
 }
 
-function listen() {
-  const source = new EventSource('/events');
-  source.addEventListener('open', () => {  // the bench, perhaps a new one, sends everything again
-    find('log').replaceChildren();
-    diagram.restart();
-    station.restart();
-  });
-  source.addEventListener('snapshot', event => {
-    snapshot = JSON.parse(event.data);
-    show();
-  });
-  source.addEventListener('log', event => showLines(JSON.parse(event.data)));
-  source.addEventListener('error', () => {
-    showBanner('The bench does not answer. Start virtual-station bench again; the page follows.');
-    if (source.readyState === EventSource.CLOSED) setTimeout(listen, 2000);  // refused, not cut off
-  });
+let position = '';  // what the page has already
+
+async function poll() {
+  try {
+    const response = await fetch(`/news?${position}`);
+    if (!response.ok) throw new Error(await response.text());
+    const news = await response.json();
+    if (!position) {  // the bench, perhaps a new one, sends everything
+      find('log').replaceChildren();
+      diagram.restart();
+      station.restart();
+    }
+    position = `revision=${news.revision}&line=${news.line}`;
+    if (news.snapshot) {
+      snapshot = news.snapshot;
+      show();
+    }
+    showLines(news.lines);
+  } catch {
+    position = '';
+    showText('banner', 'The bench does not answer. Start virtual-station bench again; the page follows.');
+  }
+  setTimeout(poll, 200);
 }
 
-listen();
+poll();
