@@ -23,6 +23,7 @@ std::function<void(int)> signalHook;
 }  // namespace
 
 CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod) {
+  const CInterruptBlock block;  // the threads started here, gRPC's too, must not take signals
   mAppCommunicationHost = std::make_shared<AppCommunicationHost<GrpcBackend>>(root + "etc/plex.json");
   mProcessControlService = std::make_shared<CProcessControlService>();
   mRfidService = std::make_shared<CRfidService>();
@@ -31,7 +32,6 @@ CRfid::CRfid(const std::string& root, std::chrono::milliseconds pollWatchPeriod)
   mRfidConfig = std::make_shared<CRfidConfig>(settings, standaloneList);
   const auto netlink = std::make_shared<CNfcNetlink>(CNfcNetlink::Settings{.watchPeriod = pollWatchPeriod});
   mRfidReader = std::make_shared<CRfidReader>(netlink);
-  const CInterruptBlock block;  // the threads started from here on must not take signals
   const auto feedbackClient = mAppCommunicationHost->CreateClient<IFeedback>("Feedback");
   feedbackClient->SetConnectTimeout(kPeerTimeoutSeconds);
   feedbackClient->SetCallTimeout(kPeerTimeoutSeconds);

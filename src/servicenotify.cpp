@@ -66,11 +66,13 @@ void CServiceNotify::Send(const std::string& assignment) const {
   }
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + mSocket.size());
   const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (sendto(descriptor, assignment.data(), assignment.size(), MSG_NOSIGNAL,
-             reinterpret_cast<const sockaddr*>(&address), size) < 0) {
+  if (descriptor < 0 || sendto(descriptor, assignment.data(), assignment.size(), MSG_NOSIGNAL,
+                               reinterpret_cast<const sockaddr*>(&address), size) < 0) {
     LOG_DEBUG("Could not tell the service manager {}: {}", assignment, std::strerror(errno));
   }
-  close(descriptor);
+  if (descriptor >= 0) {
+    close(descriptor);
+  }
 }
 
 void CServiceNotify::EnterState(const std::string& state, const std::string& error) const {

@@ -116,12 +116,13 @@ void GrpcBackend::Impl::Listen() {
   if (!newServer) {
     throw Rpc::ConfigurationException("Cannot listen on " + config.listen + ": " + errors.Reason());
   }
-  CServerCall::Accept(*queue, serverQueue, calls, [this](const auto& call) { Dispatch(call); });
   if (newSocket) {
     newSocket->Publish();
   }
   socket = std::move(newSocket);
   server = std::move(newServer);
+  // Not before: the operation under way uses the server until the queue reports its end.
+  CServerCall::Accept(*queue, serverQueue, calls, [this](const auto& call) { Dispatch(call); });
   RpcLogging::Info("Serving on " + config.listen);
 }
 

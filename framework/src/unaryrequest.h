@@ -82,11 +82,9 @@ CServerCall::Handler UnaryMethod(ServiceRuntime& runtime, const char* operation,
   return [&runtime, operation, handler](const std::shared_ptr<CServerCall>& call) {
     call->Read([&runtime, operation, handler, call](grpc::ByteBuffer* message) {
       Request request;
-      const grpc::Status parsed = message != nullptr
-                                      ? grpc::SerializationTraits<Request>::Deserialize(message, &request)
-                                      : grpc::Status(grpc::StatusCode::INTERNAL, "the call has no request");
-      if (!parsed.ok()) {
-        return call->Finish(parsed);
+      if (message == nullptr || !grpc::SerializationTraits<Request>::Deserialize(message, &request).ok()) {
+        return call->Finish({grpc::StatusCode::INVALID_ARGUMENT,
+                             runtime.name + "." + operation + ": the request is missing or malformed"});
       }
       const auto unary = std::make_shared<CUnaryRequest<Request, Response>>(
           runtime.name + "." + operation, handler, std::move(request), call);

@@ -70,6 +70,12 @@ TEST_F(RpcHostTest, AnswersWithTheServicesResultOrItsErrorAsStatus) {
   EXPECT_EQ(client.Enable().error_code(), grpc::StatusCode::INTERNAL);
   mControl->OnEnable([] { throw 7; });
   EXPECT_EQ(client.Enable().error_code(), grpc::StatusCode::INTERNAL);
+
+  ipc::MInjectToken malformed;
+  malformed.set_uid("\xFF");
+  Context malformedContext;
+  EXPECT_EQ(StatusText(RfidStub()->InjectToken(&malformedContext, malformed, &result)),
+            "INVALID_ARGUMENT: Rfid.InjectToken: the request is missing or malformed");
 }
 
 TEST_F(RpcHostTest, ANewSubscriberGetsTheLastStateOnly) {
