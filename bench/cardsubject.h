@@ -25,7 +25,7 @@ constexpr std::size_t kMarks = 6;
 using Passage = std::array<double, kMarks>;
 
 /// A program that reads cards, in its own station. The kernel, the feedback and diagnostics services and a
-/// subscriber run in this process and take the times. One thread.
+/// subscriber run in this process and measure the times. One thread.
 class CardSubject : private virtualnfc::NetlinkObserver {
  public:
   /// Starts a build of rfidd (without one, the bare program) and waits until it reads cards.

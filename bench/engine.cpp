@@ -188,7 +188,7 @@ double TimeOfRequest(int count) {
 }
 
 /// Calls measure(0), measure(1), measure(2) for each round, and returns the medians. They take turns in going
-/// first, because the heap keeps traces of the first.
+/// first, because the first one leaves the heap changed for the others.
 template <typename Measure>
 std::array<double, 3> InTurns(int rounds, Measure measure) {
   std::array<std::vector<double>, 3> times;

@@ -14,7 +14,7 @@ namespace {
 
 namespace msm = boost::msm;
 
-// The library's rows name types, so each event is one.
+// The library's rows name types, so each event is a type.
 struct EventDisable {};
 struct EventEnable {};
 struct EventAlive {};

@@ -1,7 +1,7 @@
 #pragma once
 
 // The peers of the engine: the same machine as a hand-written switch and in Boost.MSM, over the same queue
-// with the same promises. Also compiled as C++17, because Boost 1.74's MSM is no C++20.
+// with the same promises. Also compiled as C++17, because Boost 1.74's MSM does not compile as C++20.
 
 #include <condition_variable>
 #include <deque>

@@ -29,7 +29,7 @@ struct Request {
   ipc::MResult result;
 };
 
-/// The number of requests. All are sent before the program sees the first.
+/// The number of requests. All of them are sent before the program sees the first one.
 class Flood {
  public:
   Flood(const std::string& address, std::size_t count) : mRequests(count) {

@@ -3,8 +3,8 @@
 #include <functional>
 #include <thread>
 
-/// Blocks SIGINT on the creating thread, and for good on every thread that it starts meanwhile. A SIGINT that
-/// arrives meanwhile takes its default action when this object is destroyed.
+/// Blocks SIGINT on the creating thread during its lifetime. Threads started in that time keep it blocked for
+/// good. A SIGINT that arrives in that time takes its default action when this object is destroyed.
 class CInterruptBlock {
  public:
   CInterruptBlock();

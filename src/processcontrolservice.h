@@ -15,7 +15,7 @@ class IProcessControl {
   std::function<ipc::MResult()> IDisableCall;
 };
 
-/// Connects the RPC service through which the supervisor controls the daemon with the daemon's side of it.
+/// Connects the supervisor's RPC service with the daemon's side of process control.
 ///
 /// Threads: requests come on RPC threads and block until the machine has dispatched them; State comes on the
 /// machine's thread, Alive on the worker's. Calling an operation whose callable is empty throws

@@ -16,7 +16,7 @@ class IRfidClient {
   std::function<ipc::MResult(const std::string&)> IRfidInjectToken;
 };
 
-/// Connects the RPC service that other daemons use with the daemon's side of it.
+/// Connects the RPC service for other daemons with the daemon's side of it.
 ///
 /// Threads: requests come on RPC threads and block until the machine has dispatched them. Notifications come
 /// on the machine's thread. Calling an operation whose callable is empty throws std::bad_function_call.

@@ -25,7 +25,7 @@ struct ProbeTag {
 };
 using WatchdogProbe = CHsmEvent<ProbeTag, 0>;
 
-/// What a state means to people. The error states are told with their error instead.
+/// What a state means to people. The error states show their error instead.
 const char* Meaning(const std::string& state) {
   static const std::map<std::string, const char*> kMeanings{
       {"Uninitialized", "waiting for the supervisor"},
@@ -48,7 +48,7 @@ CServiceNotify::CServiceNotify() {
     mSocket = socket;
   }
   const char* const period = std::getenv("WATCHDOG_USEC");
-  const char* const watched = std::getenv("WATCHDOG_PID");  // another process of the service, perhaps
+  const char* const watched = std::getenv("WATCHDOG_PID");  // may name another process
   if (IsWanted() && period != nullptr && (watched == nullptr || std::to_string(getpid()) == watched)) {
     mWatchdogPeriod = std::chrono::microseconds(std::strtoull(period, nullptr, 10));
   }

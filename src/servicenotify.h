@@ -11,8 +11,8 @@
 /// Tells the service manager (systemd) that the daemon is ready, its state, and that it still works.
 ///
 /// The manager asks for this with the environment variables NOTIFY_SOCKET and WATCHDOG_USEC. Without the
-/// first one, every operation does nothing. Threads: any; one datagram each. Not through libsystemd, which
-/// brings six more libraries.
+/// first one, every operation does nothing. Threads: any; each operation sends one datagram. libsystemd is
+/// not used, because it brings six more libraries.
 class CServiceNotify {
  public:
   /// Reads the environment.
@@ -20,10 +20,10 @@ class CServiceNotify {
 
   bool IsWanted() const { return !mSocket.empty(); }
 
-  /// The machine enters `state`; `error` says what failed last, or is empty. Sends the status line. The first
-  /// state also says that the daemon is ready, the one in which it ends that it stops.
+  /// The machine enters `state`; `error` says what failed last, or is empty. Sends the status line. Also
+  /// reports in the first state that the daemon is ready, and in the last state that it is stopping.
   void EnterState(const std::string& state, const std::string& error) const;
-  /// One line for people: a state, and the detail after a colon unless it is empty.
+  /// Sends one line for people: the state, then a colon and the detail unless that is empty.
   void TellState(const std::string& state, const std::string& detail) const;
 
   /// The manager ends a daemon that does not feed its watchdog for this long. Zero: it has no watchdog.
@@ -40,8 +40,8 @@ class CServiceNotify {
 /// Feeds a watchdog while the machine's thread takes events and the NFC monitor makes progress.
 ///
 /// Each feed needs new proof from both, so a thread that hangs for longer than the watchdog's period starves
-/// it. A shorter wait for the kernel does not.
-/// A machine that has ended gives no proof, so an end that hangs starves the watchdog, too.
+/// it. A shorter wait for the kernel does not. A machine that has ended gives no proof, so an end that hangs
+/// starves the watchdog, too.
 ///
 /// Threads: Look on one thread; it never blocks.
 class CWatchdogFeeder {

@@ -16,8 +16,8 @@ struct IHsmEvent {
   virtual const std::string& GetName() const = 0;
 };
 
-/// One kind of event: number `Id` of the machine that `Tag` stands for, with an optional payload. The
-/// constant `Tag::kEventNames` has its name, by number.
+/// One kind of event: number `Id` of the machine that `Tag` stands for, with an optional payload. Its name is
+/// `Tag::kEventNames[Id]`.
 template <typename Tag, unsigned Id, typename... Payload>
 struct CHsmEvent final : public IHsmEvent {
   static_assert(sizeof...(Payload) <= 1, "an event carries one value at most");

@@ -8,8 +8,8 @@
 #include "tools/common/eventually.h"
 #include "tools/common/tail.h"
 
-/// Polls `ask` until its value matches. On timeout the failure shows the last value, of a text its last
-/// lines:
+/// Polls `ask` until its value matches. On timeout the failure shows the last value; if that is a text, only
+/// its last lines.
 ///
 ///   EXPECT_TRUE(Becomes([&] { return peers.FeedbackEvents(); }, SizeIs(2)));
 template <typename Ask, typename Matcher>

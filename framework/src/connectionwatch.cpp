@@ -23,7 +23,7 @@ struct CConnectionWatch::State : std::enable_shared_from_this<State> {
   grpc_connectivity_state state = GRPC_CHANNEL_IDLE;  // when the wait for a change began
 };
 
-/// With the mutex held.
+/// Called with the mutex held.
 void CConnectionWatch::State::WaitForChange(grpc_connectivity_state from) {
   state = from;
   isWatching = queue->Begin([self = shared_from_this()](bool) { self->TakeChange(); },

@@ -27,7 +27,8 @@ namespace {
 /// How long a critical line and the end of the process wait for the logs.
 constexpr std::chrono::seconds kFlushTimeout(2);
 
-/// A card writes ten lines within two milliseconds: they wake the writer of the system log once.
+/// How long the first line for the system log waits for others. A card writes ten lines in this time, so they
+/// wake the writer once.
 constexpr std::chrono::milliseconds kGather(2);
 
 static_assert(static_cast<int>(Log::ELogLevel::Trace) == spdlog::level::trace &&

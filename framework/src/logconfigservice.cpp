@@ -33,7 +33,7 @@ class CLogConfigService : public ILogConfig {
     const Log::ELogLevel before = Log::GetLogLevel();
     const auto after = static_cast<Log::ELogLevel>(wanted.level());
     if (before != after) {
-      // Logged at the more verbose of the two levels: a change to "error" would hide the line otherwise.
+      // Logged at the more verbose of the two levels: otherwise a change to "error" would hide the line.
       if (after < before) {
         Log::SetLogLevel(after);
       }

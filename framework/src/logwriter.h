@@ -42,8 +42,8 @@ class CLogWriter {
   /// Writes one line; may block. Returns false or throws when the log did not take it.
   using Write = std::function<bool(const LogLine&)>;
 
-  /// The first line waits for others for as long as `gather` says; a crash loses the lines that wait. Throws
-  /// std::system_error when there is no thread.
+  /// The first line waits `gather` for others, so that one wake-up writes them all; a crash loses the waiting
+  /// lines. Throws std::system_error if the thread cannot be started.
   CLogWriter(std::string threadName, Write write,
              std::chrono::milliseconds gather = std::chrono::milliseconds(0));
   ~CLogWriter();  ///< drops the queue; waits for the line being written
@@ -66,7 +66,7 @@ class CLogWriter {
   std::condition_variable mProgress;
   std::deque<std::shared_ptr<const LogLine>> mLines;
   std::size_t mBytes = 0;     // of mLines
-  std::size_t mDropped = 0;   // and not reported yet
+  std::size_t mDropped = 0;   // lines not reported yet
   std::uint64_t mPushed = 0;  // the number of the last line in mLines
   std::uint64_t mInHand = 0;  // the number of the line being written, 0 while there is none
   bool mIsFlushing = false;   // somebody waits in Flush

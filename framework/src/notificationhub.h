@@ -55,7 +55,7 @@ class CNotificationHub {
  public:
   struct Bounds {
     std::size_t queued = 256;       ///< notifications in one subscriber's queue
-    std::size_t subscribers = 256;  ///< of one topic, so that one topic's cannot take another's places
+    std::size_t subscribers = 256;  ///< of one topic; each topic has its own places
   };
 
   CNotificationHub() : CNotificationHub(Bounds()) {}

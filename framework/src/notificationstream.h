@@ -12,7 +12,7 @@
 #include "serviceruntime.h"
 
 /// Timeout for a subscriber that fell behind: it must read the messages in transit and its status within this
-/// time. Without this limit, one that does not read at all would keep its place for ever.
+/// time. Without this limit, a subscriber that never reads would keep its place for ever.
 constexpr std::chrono::seconds kSlowSubscriberTimeout{10};
 
 /// The stream of one subscriber. Lives as long as its call.
@@ -71,7 +71,7 @@ class CNotificationStream final : public std::enable_shared_from_this<CNotificat
     const CSubscription::Next next = mSubscription->Take();
     if (next.message) {
       mWriting = true;
-      lock.unlock();  // the queue's thread may need it before Write returns
+      lock.unlock();  // TakeWritten may need it before Write returns
       mCall->Write(*next.message, [self = shared_from_this()](bool ok) { self->TakeWritten(ok); });
     } else if (next.end != CSubscription::EEnd::No) {
       mFinished = true;

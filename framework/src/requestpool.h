@@ -8,7 +8,6 @@
 #include <mutex>
 #include <string>
 
-/// A request in a CRequestPool.
 class IRequest {
  public:
   virtual ~IRequest() = default;
@@ -52,7 +51,7 @@ class CRequestPool {
     std::list<std::shared_ptr<IRequest>> waiting;
     std::list<std::shared_ptr<IRequest>> running;
     std::size_t threads = 0;
-    std::size_t idle = 0;  // of them
+    std::size_t idle = 0;  // of the threads
     bool stopping = false;
   };
   static void Work(const std::shared_ptr<State>& state, const std::string& name);

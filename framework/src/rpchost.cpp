@@ -25,8 +25,8 @@ namespace {
 
 constexpr int kMaxRequestSize = 64 * 1024;
 // The client holds back further calls. One client must not fill the queue of a service (64), so that there is
-// room for the supervisor's request. It also bounds the memory of a flood: a request takes some 60 KiB from
-// its arrival on, even one that is refused.
+// room for the supervisor's request. The limit also bounds the memory of a flood: from its arrival on, every
+// request takes some 60 KiB, even if it is refused.
 constexpr int kMaxStreamsPerConnection = 48;
 // These keep Stop within its second. All count from its start: how long streams may take to send their last
 // messages, how long a request's handler may take to return, and how long connections may take to close.
@@ -50,7 +50,7 @@ struct GrpcBackend::Impl {
   std::unique_ptr<grpc::ServerBuilder> builder = std::make_unique<grpc::ServerBuilder>();  // until it is used
   grpc::AsyncGenericService calls{};
   std::unique_ptr<CListenSocket> socket{};
-  grpc::ServerCompletionQueue* serverQueue = nullptr;  // the same as:
+  grpc::ServerCompletionQueue* serverQueue = nullptr;  // `queue` wraps it
   const std::shared_ptr<CRpcQueue> queue = MakeQueue();
   std::unique_ptr<grpc::Server> server{};
 
@@ -68,8 +68,7 @@ struct GrpcBackend::Impl {
   }
 };
 
-/// Starts the method that the client asks for. A client that does not ask for a service by its registered
-/// name is told the names.
+/// Starts the method that the client asks for. If there is none, the error lists the registered names.
 void GrpcBackend::Impl::Dispatch(const std::shared_ptr<CServerCall>& call) const {
   std::string names;
   for (const ServiceEntry& entry : services) {
@@ -135,7 +134,7 @@ GrpcBackend::GrpcBackend(const std::string& configPath)
 GrpcBackend::~GrpcBackend() {
   Stop();
   mImpl->closed.wait();
-  mImpl->queue->Run();  // ends what nobody waited for
+  mImpl->queue->Run();  // ends the operations that are left if RunServer did not run
 }
 
 void GrpcBackend::SetLogger(std::shared_ptr<Rpc::ILogger> logger) {
@@ -191,8 +190,8 @@ void GrpcBackend::Stop() {
   for (const ServiceEntry& entry : me.services) {
     entry.runtime->pool.Abandon();
   }
-  // gRPC's own closing has a grace but no bound. Stop does not wait for that; RunServer and the destructor
-  // do.
+  // gRPC's shutdown has a grace period but no time limit. Stop does not wait for it; RunServer and the
+  // destructor do.
   auto closed = std::async(std::launch::async, [&me] {
     SetThreadName("rpc-close");
     if (me.server) {

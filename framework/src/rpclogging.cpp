@@ -76,7 +76,7 @@ void CaptureLibraries() {
   static const bool captured = [] {
     gpr_set_log_function(&OnGrpcLog);
     google::protobuf::SetLogHandler(&OnProtobufLog);
-    // Debian builds gRPC with a check of the order of its locks, which costs memory and time with each lock.
+    // Debian's gRPC checks the order of its locks, which costs memory and time at each lock.
     absl::SetMutexDeadlockDetectionMode(absl::OnDeadlockCycle::kIgnore);
     return true;
   }();

@@ -10,7 +10,7 @@
 #include <shared_mutex>
 #include <utility>
 
-/// Where gRPC reports the ends of operations: those of a host's server and of its clients.
+/// The queue in which gRPC reports the end of each operation of a host's server and clients.
 ///
 /// One thread waits here, without a timeout, and does all of gRPC's reading. A second thread that waits
 /// inside gRPC would make the two hand over the polling with every event, which costs several system calls.
@@ -29,12 +29,12 @@ class CRpcQueue {
   };
 
   explicit CRpcQueue(std::unique_ptr<grpc::CompletionQueue> queue) : mQueue(std::move(queue)) {}
-  ~CRpcQueue();  ///< like Close and Run
+  ~CRpcQueue();  ///< as Close, then Run
   CRpcQueue(const CRpcQueue&) = delete;
   CRpcQueue& operator=(const CRpcQueue&) = delete;
 
   /// Calls `start(queue, tag)`, which starts one operation with this tag. `done` runs at its end, on the
-  /// thread of Run, and must not block. After Close does nothing and returns false. Any thread.
+  /// thread of Run, and must not block. After Close, does nothing and returns false. Any thread.
   template <typename Start>
   bool Begin(Done done, Start start) {
     const std::shared_lock<std::shared_mutex> lock(mMutex);
@@ -76,7 +76,6 @@ class CRpcQueue {
   const std::unique_ptr<grpc::CompletionQueue> mQueue;
   std::shared_mutex mMutex;  // guards mIsClosed; shared while an operation starts
   bool mIsClosed = false;
-  // gRPC hands operations to the thread of Run. This says so to ThreadSanitizer, which does not see into
-  // gRPC.
+  // Shows ThreadSanitizer, which cannot see inside gRPC, that operations pass to the thread of Run.
   std::atomic<unsigned> mHandedOver{0};
 };

@@ -11,7 +11,7 @@
 
 #include "rpcqueue.h"
 
-/// A client's call, whatever its service. It lives while gRPC works on it or somebody holds it.
+/// A client's call to any service. It lives while gRPC works on it or somebody holds it.
 ///
 /// Threads: operations on any thread, one at a time; functions passed here run on the queue's thread. An
 /// operation on a call that is over has no effect.
@@ -23,8 +23,8 @@ class CServerCall : public std::enable_shared_from_this<CServerCall> {
   CServerCall(const CServerCall&) = delete;
   CServerCall& operator=(const CServerCall&) = delete;
 
-  /// Passes the calls that come to `handler`, until the server shuts down. `queue` is of `serverQueue`, which
-  /// belongs to the service's server.
+  /// Passes every incoming call to `handler`, until the server shuts down. `queue` wraps `serverQueue`, which
+  /// belongs to the server of `service`.
   static void Accept(CRpcQueue& queue, grpc::ServerCompletionQueue* serverQueue,
                      grpc::AsyncGenericService& service, const Handler& handler);
 
@@ -34,7 +34,7 @@ class CServerCall : public std::enable_shared_from_this<CServerCall> {
   /// The client has gone, or the call was finished.
   bool IsOver() const { return mIsOver; }
 
-  /// `over` runs once, when the call is over. In the call's handler only.
+  /// `over` runs once, when the call is over. Call this in the call's handler only.
   void OnOver(std::function<void()> over) { mOnOver = std::move(over); }
 
   /// `done` gets the request's message, or nothing when the client has gone.
@@ -43,7 +43,7 @@ class CServerCall : public std::enable_shared_from_this<CServerCall> {
   void SendInitialMetadata();
   /// `done` gets false when the client has gone.
   void Write(const google::protobuf::MessageLite& message, CRpcQueue::Done done);
-  /// Ends the call, after a last message if there is one. Once.
+  /// Sends the message, if there is one, and ends the call. Call it once.
   void Finish(const grpc::Status& status, const google::protobuf::MessageLite* message = nullptr);
   void Cancel() { mContext.TryCancel(); }
 
@@ -53,10 +53,10 @@ class CServerCall : public std::enable_shared_from_this<CServerCall> {
   CRpcQueue& mQueue;
   grpc::GenericServerContext mContext;
   grpc::GenericServerAsyncReaderWriter mStream;
-  // gRPC's from the call's arrival on: it reports the end of every call that it has accepted, and of no
-  // other.
+  // gRPC owns it once the call has arrived: gRPC reports the end of every call that it has accepted, and of
+  // no other.
   std::unique_ptr<CRpcQueue::COperation> mEnd;
-  std::shared_ptr<CServerCall> mSelf;  // from then on until the end
-  std::function<void()> mOnOver;       // of the queue's thread
+  std::shared_ptr<CServerCall> mSelf;  // from the call's arrival until its end
+  std::function<void()> mOnOver;       // used by the queue's thread only
   std::atomic<bool> mIsOver{false};
 };

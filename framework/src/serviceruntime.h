@@ -16,7 +16,6 @@ struct ServiceRuntime {
   const std::string name;
   const std::shared_ptr<CNotificationHub> hub;
   const std::size_t topic;
-  // Two threads, so that one request that waits for the state machine does not hold up the next. The queue
-  // absorbs bursts.
+  // Two threads: while one request waits for the state machine, the next can run. The queue absorbs bursts.
   CRequestPool pool{"rpc-" + name, 2, 64};
 };

@@ -11,7 +11,7 @@
 /// One registered service.
 struct ServiceEntry {
   std::unique_ptr<ServiceRuntime> runtime;
-  std::map<std::string, CServerCall::Handler> methods;  // by their names on the wire; use the runtime
+  std::map<std::string, CServerCall::Handler> methods;  // by their names on the wire; they use `runtime`
 };
 
 /// Make the methods of a service object and install the object's Send* members. The Send* members stay

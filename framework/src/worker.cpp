@@ -193,7 +193,7 @@ void CWorker::Sync() {
   if (!isRunning() || mState->workerThread == std::this_thread::get_id()) {
     return;
   }
-  // The thread reaches a mark with the present time only after every call that is due or running now.
+  // The mark is due now, so the thread reaches it only after every call that is due or running.
   const auto mark = std::make_shared<Entry>();
   mState->schedule.emplace(Clock::now(), mark);
   mState->changed.NotifyAll();

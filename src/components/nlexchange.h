@@ -27,8 +27,8 @@ struct ExchangeResult {
 ///
 /// Blocks while the kernel carries out the request, and then until the answer comes or the socket's receive
 /// timeout is over. A `sendLimit` other than zero interrupts the kernel's work, see CCommandTimeLimit.
-/// Messages that do not answer the request are skipped. Once the first of them has come, the exchange ends
-/// after `patience`, so a stream of them cannot delay the end.
+/// Messages that do not answer the request are skipped. After the first such message, the exchange ends
+/// within `patience`, so a stream of them cannot delay the end.
 ExchangeResult RunExchange(nl_sock* socket, nl_msg* request, std::chrono::milliseconds patience,
                            nl_recvmsg_msg_cb_t onValid = nullptr, void* argument = nullptr,
                            std::chrono::milliseconds sendLimit = {});

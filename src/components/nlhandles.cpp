@@ -5,7 +5,8 @@
 
 namespace {
 
-/// More than are ever closed within the few milliseconds that the kernel takes to end their polling.
+/// The kernel takes a few milliseconds to end the polling of a closed socket. Fewer sockets close in that
+/// time.
 constexpr size_t kMostClosedSockets = 32;
 
 }  // namespace

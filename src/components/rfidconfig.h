@@ -8,8 +8,7 @@
 #include "ipc/rfid.pb.h"
 #include "src/components/standalonelist.h"
 
-/// What the station's configuration says about authorisation. A changed section is loaded at the next
-/// question.
+/// What the station's configuration says about authorisation. Loads a changed section before it answers.
 ///
 /// Threads: the machine's thread only. Errors of the configuration client pass through. Nobody else may
 /// reload the standalone list's section, because the list is indexed when it is loaded here.

@@ -48,7 +48,7 @@ class CStandaloneList {
     }
   }
 
-  /// What the configuration has instead of the list. Without an array the list is empty.
+  /// What the configuration has as its list: an array or something else. Without an array the list is empty.
   EKind GetKind() const { return mKind; }
 
   /// The first few useless elements, and the total number.

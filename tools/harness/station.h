@@ -12,7 +12,7 @@
 #include "tools/virtual-nfc/server/virtualnfc.h"
 #include "tools/virtual-station/virtualstation.h"
 
-/// A launcher that keeps Ctrl-C at the terminal from the programs, so that this program ends them.
+/// A launcher: Ctrl-C at the terminal does not reach the programs, so this program ends them.
 inline const std::vector<std::string> kOwnSession{"/usr/bin/setsid"};
 
 /// Makes a new folder for temporary files whose name begins with `name`.

@@ -33,9 +33,8 @@ extern const CSignalDefinition<std::string> kUserInteraction;
 /// value of each signal is kept; when the peer is back, the latest of every signal is sent again.
 class CDiagnosticsCommClient {
  public:
-  /// Starts to deliver to the host's "Diagnostics" peer, until Terminate, which must come before the host's
-  /// Stop. Without such a peer in the configuration file values
-  /// are only kept, and a warning says so.
+  /// Starts to deliver to the host's "Diagnostics" peer. Call Terminate before the host's Stop. If the
+  /// configuration file has no such peer, values are only kept, and a warning says so.
   static void Initialize(AppCommunicationHost<GrpcBackend>& host);
   static void Initialize(std::shared_ptr<IDiagnosticsTransport> transport);
 

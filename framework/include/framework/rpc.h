@@ -78,15 +78,16 @@ class GrpcBackend {
   /// does not say.
   const std::string& PeerAddress(const std::string& name) const;
 
-  /// Where this host's gRPC operations end; for the framework's own clients, which must end before the host.
+  /// Reports the ends of this host's gRPC operations. For the framework's own clients; destroy them before
+  /// the host.
   const std::shared_ptr<CRpcQueue>& Queue() const;
 
   /// Listens and starts to accept requests. Throws Rpc::ConfigurationException when the address is in use by
   /// a running instance or the system refuses it.
   void StartServices();
 
-  /// Serves requests and the calls of this daemon's clients, which wait until it runs. Blocks until Stop has
-  /// ended everything. With StartServices or without.
+  /// Takes requests from clients and the answers to this daemon's own calls, which wait until it runs. Blocks
+  /// until Stop has ended everything. Does not need StartServices.
   void RunServer();
 
   /// Blocks until Stop. Notifications leave on the threads that send them.

@@ -199,7 +199,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
     return virtualnfc::Fail(EINVAL);
   }
   std::memcpy(&wanted, address, sizeof(wanted));
-  // A group is joined by its number. libnl does not use this mask of the first 32 groups.
+  // libnl joins a group by its number. It does not use this mask of the first 32 groups, so refuse it.
   return wanted.nl_groups != 0 ? virtualnfc::Fail(EOPNOTSUPP)
                                : ours->Ask(wire::Operation::Bind, wanted.nl_pid);
 }

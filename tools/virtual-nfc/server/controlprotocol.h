@@ -3,8 +3,8 @@
 // The commands that control a running server. They are defined once, as subcommands of the tool: the tool
 // checks its command line with them and sends it on, and the server parses it with them again.
 //
-// A request is one line, "tap 04A12B5C --hold 0.5". The reply is "ok" or "error: REASON" in a line of its
-// own; the text that was asked for follows. Both go through the server's one socket.
+// A request is one line, "tap 04A12B5C --hold 0.5". The reply is a line "ok" or "error: REASON", followed by
+// the text that was asked for. Requests and netlink messages use the same socket of the server.
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
@@ -19,12 +19,12 @@ namespace virtualnfc {
 
 class ControlCommands {
  public:
-  /// Adds the subcommands to the app. Keep this for as long as the app parses.
+  /// Adds the subcommands to the app. This object must live for as long as the app parses.
   explicit ControlCommands(CLI::App& app);
   ControlCommands(const ControlCommands&) = delete;
   ControlCommands& operator=(const ControlCommands&) = delete;
 
-  /// Carries out the command that the app has parsed. Returns the text for its user. Does not block.
+  /// Carries out the command that the app has parsed. Returns the text for the user. Does not block.
   /// @throws std::invalid_argument
   std::string CarryOut(VirtualNfc& server) const { return (this->*mCommand)(server); }
 

@@ -41,9 +41,9 @@ struct VirtualNfcSettings {
   std::chrono::milliseconds ownerReleaseDelay{5};
   /// How long a powered Nci device stays listed after it was unplugged. A Digital device disappears at once.
   std::chrono::milliseconds removedListing{5000};
-  /// How long a STOP_POLL takes when the chip finds a tag at that moment, and for how long afterwards a new
-  /// command to the device hangs.
+  /// How long a STOP_POLL takes when the chip finds a tag at that moment.
   std::chrono::milliseconds crossingWait{30000};
+  /// For how long after such a STOP_POLL a new command to the device hangs for ever.
   std::chrono::milliseconds crossingPause{250};
 };
 
@@ -214,7 +214,7 @@ class VirtualNfc {
   /// Closed sockets whose polls end after ownerReleaseDelay.
   std::vector<std::uint32_t> mClosedPorts;
   std::deque<Work> mWork;
-  /// Connections and lines.
+  /// Lines from virtual-nfc, each with its connection.
   std::vector<std::pair<std::uint64_t, std::string>> mControlLines;
   std::optional<Waiting> mWaiting;
   std::uint64_t mNextWaiting = 1;

@@ -29,7 +29,7 @@ enum class Operation : std::uint32_t {
   Interrupt,
   /// argument: the size of the receive buffer in bytes
   ReceiveBuffer,
-  /// followed by a line for the server, see controlprotocol.h; the reply is text. On a connection of its own
+  /// followed by a line for the server, see controlprotocol.h; the reply is text. Needs its own connection
   Control,
 };
 
