@@ -220,7 +220,8 @@ std::vector<std::string> Events() {
 }  // namespace
 
 TEST_P(RfidHsmPair, ReactsAsTheTableSays) {
-  const auto& [state, event] = GetParam();
+  const auto& state = std::get<0>(GetParam());
+  const auto& event = std::get<1>(GetParam());
   const auto row = std::find_if(kTable.begin(), kTable.end(), [&](const Row& candidate) {
     return candidate.event == event && (candidate.state == state || candidate.state.empty());
   });

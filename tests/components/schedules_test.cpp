@@ -50,10 +50,10 @@ class RestlessDriver {
 /// Leaves libnl few ports to choose from, so that a new socket often gets the port of a socket just closed.
 /// The kernel ends the polling of a closed socket's port some milliseconds later.
 std::vector<NlSocket> TakePorts() {
-  constexpr size_t All = 1024;
-  constexpr size_t Left = 40;
+  constexpr size_t kAll = 1024;
+  constexpr size_t kLeft = 40;
   std::vector<NlSocket> sockets;
-  while (sockets.size() < All - Left) {
+  while (sockets.size() < kAll - kLeft) {
     sockets.emplace_back(nl_socket_alloc());
     nl_socket_get_local_port(sockets.back().get());
   }
