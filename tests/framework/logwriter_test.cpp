@@ -175,7 +175,7 @@ TEST(ConsoleSink, ReportsFailedWritesAndWaitsForANonBlockingConsole) {
   const int console = dup(STDERR_FILENO);
   dup2(ends[1], STDERR_FILENO);
   close(ends[1]);
-  constexpr int Lines = 5000;  // more than the pipe holds
+  constexpr int kLines = 5000;  // more than the pipe holds
   std::atomic<int> taken{0};
   std::thread writer([&] {
     sigset_t signals;
@@ -186,7 +186,7 @@ TEST(ConsoleSink, ReportsFailedWritesAndWaitsForANonBlockingConsole) {
       sink.log({spdlog::log_clock::time_point{}, spdlog::source_loc{}, "", spdlog::level::info, "text"});
       return sink.TookLast();
     };
-    for (int i = 0; i < Lines; ++i) {
+    for (int i = 0; i < kLines; ++i) {
       taken += write() ? 1 : 0;
     }
     while (write()) {  // until the reader closes the pipe
@@ -194,13 +194,13 @@ TEST(ConsoleSink, ReportsFailedWritesAndWaitsForANonBlockingConsole) {
   });
   std::string read(1, '\0');
   int lines = 0;
-  while (lines < Lines && ::read(ends[0], read.data(), 1) == 1) {
+  while (lines < kLines && ::read(ends[0], read.data(), 1) == 1) {
     lines += read[0] == '\n' ? 1 : 0;
   }
-  EXPECT_TRUE(Becomes([&] { return taken.load(); }, Lines));
+  EXPECT_TRUE(Becomes([&] { return taken.load(); }, kLines));
   close(ends[0]);
   writer.join();
   dup2(console, STDERR_FILENO);
   close(console);
-  EXPECT_EQ(lines, Lines);
+  EXPECT_EQ(lines, kLines);
 }

@@ -53,10 +53,10 @@ Outcome Visit(const std::shared_ptr<IHsmInterface>& machine, unsigned stream, in
 }  // namespace
 
 TEST(Schedules, EveryPostIsAnsweredWheneverTheMachineStartsAndStops) {
-  constexpr unsigned Rounds = 150;
-  constexpr unsigned Posters = 3;
-  constexpr int PostsEach = 20;
-  for (unsigned round = 0; round < Rounds; ++round) {
+  constexpr unsigned kRounds = 150;
+  constexpr unsigned kPosters = 3;
+  constexpr int kPostsEach = 20;
+  for (unsigned round = 0; round < kRounds; ++round) {
     const auto handler = std::make_shared<DoorHandler>();
     auto machine = std::make_shared<DoorMachine>(handler);
     std::map<std::string, int> done;  // the machine's thread only
@@ -67,11 +67,11 @@ TEST(Schedules, EveryPostIsAnsweredWheneverTheMachineStartsAndStops) {
       }
     };
     std::vector<std::future<Outcome>> posters;
-    for (unsigned poster = 0; poster < Posters; ++poster) {
-      posters.push_back(std::async(std::launch::async, Visit, machine, round * 10 + poster, PostsEach));
+    for (unsigned poster = 0; poster < kPosters; ++poster) {
+      posters.push_back(std::async(std::launch::async, Visit, machine, round * 10 + poster, kPostsEach));
     }
     std::thread stopper([&] {
-      Jitter jitter(round * 10 + Posters);
+      Jitter jitter(round * 10 + kPosters);
       for (unsigned pauses = jitter.Below(40); pauses > 0; --pauses) {
         jitter.Pass();
       }
@@ -79,7 +79,7 @@ TEST(Schedules, EveryPostIsAnsweredWheneverTheMachineStartsAndStops) {
       jitter.Pass();
       machine->Stop();
     });
-    Jitter jitter(round * 10 + Posters + 1);
+    Jitter jitter(round * 10 + kPosters + 1);
     jitter.Pass();
     machine->Run();
     EXPECT_FALSE(machine->IsRunning());
