@@ -40,11 +40,11 @@ void Ask(const std::shared_ptr<IHsmInterface>& machine, Outcome& outcome) {
 
 /// Sends this many random requests to the door.
 Outcome Visit(const std::shared_ptr<IHsmInterface>& machine, unsigned stream, int times) {
-  static constexpr auto requests = {Ask<Open>, Ask<Close>, Ask<Ring>, Ask<Knock>};
+  static constexpr auto kRequests = {Ask<Open>, Ask<Close>, Ask<Ring>, Ask<Knock>};
   Jitter jitter(stream);
   Outcome outcome;
   for (int i = 0; i < times; ++i) {
-    requests.begin()[jitter.Below(requests.size())](machine, outcome);
+    kRequests.begin()[jitter.Below(kRequests.size())](machine, outcome);
     jitter.Pass();
   }
   return outcome;
