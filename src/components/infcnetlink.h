@@ -33,5 +33,6 @@ class INfcNetlink {
 
   /// `onError` gets every failure that ends the reading of tags while polling is wanted. Set it on a closed
   /// controller. A controller that reports no failures may ignore it.
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): an implementation keeps it.
   virtual void SetErrorCallback(ErrorCallback /*onError*/) {}
 };
