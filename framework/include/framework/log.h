@@ -1,7 +1,5 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -9,6 +7,8 @@
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "framework/format.h"
 
 class ILogConfig;
 
