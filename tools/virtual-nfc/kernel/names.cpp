@@ -1,7 +1,5 @@
 #include "tools/virtual-nfc/kernel/names.h"
 
-#include <fmt/format.h>
-#include <linux/netlink.h>
 #include <linux/nfc.h>
 
 #include <algorithm>
@@ -48,53 +46,6 @@ constexpr Command kControllerCommands[] = {
     {"NEWFAMILY", CTRL_CMD_NEWFAMILY},
 };
 
-struct Attribute {
-  Family family;
-  std::uint16_t type;
-  const char* name;
-};
-
-#define VIRTUAL_NFC_ATTRIBUTE(family, name) \
-  { Family::family, name, #name }
-
-constexpr Attribute kAttributes[] = {
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_INDEX),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_NAME),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_PROTOCOLS),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_INDEX),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENS_RES),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SEL_RES),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_NFCID1),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENSB_RES),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_SENSF_RES),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_RF_MODE),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_DEVICE_POWERED),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_IM_PROTOCOLS),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_ISO15693_DSFID),
-    VIRTUAL_NFC_ATTRIBUTE(Nfc, NFC_ATTR_TARGET_ISO15693_UID),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_FAMILY_ID),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_FAMILY_NAME),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_VERSION),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_HDRSIZE),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_MAXATTR),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_OPS),
-    VIRTUAL_NFC_ATTRIBUTE(Controller, CTRL_ATTR_MCAST_GROUPS),
-};
-
-/// A name for several bits stands before the names for each of them.
-struct Flag {
-  std::uint32_t bits;
-  const char* name;
-};
-
-constexpr Flag kMessageFlags[] = {
-    {NLM_F_REQUEST, "REQUEST"},     {NLM_F_MULTI, "MULTI"}, {NLM_F_ACK, "ACK"},
-    {NLM_F_DUMP_INTR, "DUMP_INTR"}, {NLM_F_DUMP, "DUMP"},
-};
-
-/// In an error message the upper bits mean something else.
-constexpr Flag kErrorFlags[] = {{NLM_F_CAPPED, "CAPPED"}, {NLM_F_ACK_TLVS, "ACK_TLVS"}};
-
 constexpr int kHighestError = 133;
 
 }  // namespace
@@ -105,8 +56,6 @@ std::span<const Command> Commands(Family family) {
       return kNfcCommands;
     case Family::Controller:
       return kControllerCommands;
-    case Family::Unknown:
-      break;
   }
   return {};
 }
@@ -121,27 +70,6 @@ const Command* FindCommand(Family family, std::uint8_t number) {
 std::string CommandName(Family family, std::uint8_t number) {
   const Command* command = FindCommand(family, number);
   return command != nullptr ? command->name : std::to_string(number);
-}
-
-std::string AttributeName(Family family, std::uint16_t type) {
-  for (const Attribute& attribute : kAttributes) {
-    if (attribute.family == family && attribute.type == type) {
-      return attribute.name;
-    }
-  }
-  return fmt::format("attribute {}", type);
-}
-
-std::string MessageFlagNames(std::uint32_t bits, bool isError) {
-  std::string text;
-  for (const Flag& flag :
-       isError ? std::span<const Flag>(kErrorFlags) : std::span<const Flag>(kMessageFlags)) {
-    if ((bits & flag.bits) == flag.bits) {
-      text += (text.empty() ? "" : "|") + std::string(flag.name);
-      bits &= ~flag.bits;
-    }
-  }
-  return bits == 0 ? text : fmt::format("{}{}{:#x}", text, text.empty() ? "" : "|", bits);
 }
 
 std::string ErrorName(int error) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// The one table of names: commands, events, attributes, flags and errors. Rules, the control lines and
-// traces use these names, and the simulated kernel lists its commands from here.
+// The one table of names: commands, events and errors. Rules and the control lines use these names, and the
+// simulated kernel lists its commands from here.
 
 #include <linux/genetlink.h>
 
@@ -13,7 +13,7 @@
 
 namespace virtualnfc {
 
-enum class Family { Nfc, Controller, Unknown };
+enum class Family { Nfc, Controller };
 
 /// A command or an event of a family.
 struct Command {
@@ -31,11 +31,6 @@ std::span<const Command> Commands(Family family);
 const Command* FindCommand(Family family, std::uint8_t number);
 /// "START_POLL", or the number when it has no name.
 std::string CommandName(Family family, std::uint8_t number);
-
-/// "NFC_ATTR_PROTOCOLS", or "attribute 99" when it has no name. @param type without the flag bits
-std::string AttributeName(Family family, std::uint16_t type);
-/// "REQUEST|ACK|0x1000"
-std::string MessageFlagNames(std::uint32_t bits, bool isError);
 
 /// The kernel's number for "restart the call". No header for programs defines it, but it reaches the program
 /// when a signal ends the wait for the chip.

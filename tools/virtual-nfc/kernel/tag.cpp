@@ -74,7 +74,7 @@ Bytes ParseHex(std::string_view text) {
 Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
   const KindInfo& info = InfoOf(kind);
   Bytes bytes = ParseHex(uid);
-  Tag tag{std::string(uid), info.radio, info.protocols, {}, fmt::format("{} {}", info.name, uid)};
+  Tag tag{std::string(uid), info.radio, info.protocols, {}};
   // The upper bits of SENS_RES tell the length of an NFC-A number.
   const bool isA = info.radio == Radio::A;
   const std::uint16_t sensRes = !isA ? 0x00 : bytes.size() == 7 ? 0x44 : bytes.size() == 10 ? 0x84 : 0x04;

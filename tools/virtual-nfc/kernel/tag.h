@@ -32,8 +32,6 @@ struct Tag {
   std::uint32_t protocols = 0;
   /// The attributes of its target message after the index, in order.
   std::vector<std::pair<std::uint16_t, Bytes>> attributes;
-  /// As in a control line, "mifare 04A12B5C"; empty for MakeRawTag.
-  std::string words = {};
 };
 
 /// A tag of this kind, as the stack reports it.

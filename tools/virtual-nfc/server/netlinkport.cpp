@@ -49,16 +49,11 @@ void NetlinkPort::ReplyText(std::string_view text) const {
   (void)::send(mControl.Get(), text.data(), std::min(text.size(), wire::kMaxMessage), kSendFlags);
 }
 
-bool NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, const Bytes& datagram) {
-  if (!mData) {
-    return false;
+void NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, const Bytes& datagram) {
+  if (!mData || (mCongested && !IsDrained())) {
+    return;
   }
-  if (mCongested) {
-    if (!IsDrained()) {
-      return false;
-    }
-    mCongested = false;
-  }
+  mCongested = false;
   wire::DatagramHeader header{sender, senderGroups};
   iovec parts[2] = {{&header, sizeof(header)}, {const_cast<std::uint8_t*>(datagram.data()), datagram.size()}};
   msghdr message{};
@@ -67,9 +62,7 @@ bool NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, cons
   if (::sendmsg(mData.Get(), &message, kSendFlags) < 0 && (errno == EAGAIN || errno == EMSGSIZE)) {
     mCongested = true;
     MarkOverrun();
-    return false;
   }
-  return true;
 }
 
 void NetlinkPort::MarkOverrun() {

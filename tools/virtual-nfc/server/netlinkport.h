@@ -30,9 +30,9 @@ class NetlinkPort {
 
   void Reply(int error) const;
   void ReplyText(std::string_view text) const;
-  /// Delivers one datagram to the program. @returns false when it did not fit into the receive buffer; the
-  /// program's next receive then reports the loss
-  bool Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
+  /// Delivers one datagram to the program. If the receive buffer is full, the program's next receive reports
+  /// the loss.
+  void Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   /// The program's next receive call fails with ENOBUFS.
   void MarkOverrun();
   /// Every call of the program on this socket fails from now on.

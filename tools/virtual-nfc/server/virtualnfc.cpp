@@ -71,7 +71,6 @@ std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
   if (mKernel.FindDevice(number) != nullptr) {
     throw std::invalid_argument(fmt::format("there is a device {} already", number));
   }
-  TellOfReader(fmt::format("plug {}", number));
   mKernel.AddDevice(number);
   SendEvent(NFC_EVENT_DEVICE_ADDED, number);
   Changed();
@@ -83,7 +82,6 @@ bool VirtualNfc::Unplug(std::uint32_t index) {
   if (!IsDeviceThere(index)) {
     return false;
   }
-  TellOfReader(fmt::format("unplug {}", index));
   RemoveDevice(index);
   Changed();
   return true;
@@ -97,7 +95,7 @@ void VirtualNfc::PresentTags(std::vector<Tag> tags) {
 
 void VirtualNfc::PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now) {
   ++mFieldVersion;
-  ChangeField(std::move(tags));
+  mField = std::move(tags);
   for (const auto& device : mKernel.Devices()) {
     ScheduleDetection(device->Index(), now);
   }
@@ -114,7 +112,7 @@ void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
   PutIntoField({std::move(tag)}, now);
   mTimers.At(now + hold, [this, version = mFieldVersion] {
     if (mFieldVersion == version) {
-      ChangeField({});
+      mField.clear();
     }
   });
   Changed();
@@ -122,9 +120,7 @@ void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
 
 std::uint32_t VirtualNfc::AddRule(const std::string& text) {
   const std::lock_guard lock(mMutex);
-  const std::uint32_t id = mRules.Add(text);
-  TellOfReader(fmt::format("rule add {}", text));
-  return id;
+  return mRules.Add(text);
 }
 
 std::vector<RuleStatus> VirtualNfc::ListRules() const {
@@ -135,7 +131,6 @@ std::vector<RuleStatus> VirtualNfc::ListRules() const {
 void VirtualNfc::ClearRules() {
   const std::lock_guard lock(mMutex);
   mRules.Clear();
-  TellOfReader("rule clear");
 }
 
 bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
@@ -143,7 +138,6 @@ bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
   if (!IsDeviceThere(index)) {
     return false;
   }
-  TellOfReader(fmt::format("fault {} {} {}", FaultName(fault), on ? "on" : "off", index));
   ChangeFault(index, fault, on);
   Changed();
   return true;
@@ -292,9 +286,13 @@ void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
 
 void VirtualNfc::Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups,
                          const Bytes& datagram) {
-  const bool fits = mConnections.at(id)->Deliver(sender, groups, datagram);
-  for (NetlinkObserver* observer : mObservers) {
-    observer->OnDelivered(id, sender, groups, datagram, !fits);
+  mConnections.at(id)->Deliver(sender, groups, datagram);
+  Watch(groups != 0 ? Traffic::Event : Traffic::Answer, datagram);
+}
+
+void VirtualNfc::Watch(Traffic traffic, ByteView datagram) const {
+  if (mSettings.watch) {
+    mSettings.watch(traffic, datagram);
   }
 }
 

@@ -24,15 +24,17 @@
 #include "tools/virtual-nfc/kernel/nfckernel.h"
 #include "tools/virtual-nfc/kernel/rules.h"
 #include "tools/virtual-nfc/kernel/tag.h"
-#include "tools/virtual-nfc/server/netlinkobserver.h"
 #include "tools/virtual-nfc/server/netlinkport.h"
 #include "tools/virtual-nfc/server/timers.h"
 #include "tools/virtual-nfc/server/unixsocket.h"
 
 namespace virtualnfc {
 
+/// What a datagram between a program and the kernel is.
+enum class Traffic { Request, Answer, Event };
+
 struct VirtualNfcSettings {
-  KernelSettings kernel;
+  KernelSettings kernel = {};
   /// Devices at the start, numbered from 0.
   std::uint32_t devices = 1;
   /// From START_POLL, or from presenting a tag, until the chip has found the tag.
@@ -45,6 +47,9 @@ struct VirtualNfcSettings {
   std::chrono::milliseconds crossingWait{30000};
   /// For how long after such a STOP_POLL a new command to the device hangs for ever.
   std::chrono::milliseconds crossingPause{250};
+  /// Sees each datagram, on any thread, with the server's lock held: it must return at once and must not call
+  /// the server.
+  std::function<void(Traffic, ByteView)> watch = {};
 };
 
 struct Status {
@@ -127,11 +132,6 @@ class VirtualNfc {
   /// Sends these bytes to all listeners, as if the kernel had.
   void SendRawEvent(const Bytes& message);
 
-  /// Reports everything to the observer until it is removed, beginning with the open sockets.
-  void AddObserver(NetlinkObserver& observer);
-  /// The observer gets no calls after this returns.
-  void RemoveObserver(NetlinkObserver& observer);
-
   Status GetStatus() const;
   /// The commands of the nfc family since the start, the latest thousand.
   std::vector<CommandRecord> History() const;
@@ -188,10 +188,8 @@ class VirtualNfc {
   bool IsDeviceThere(std::uint32_t index);
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
   Status MakeStatus() const;
-  void ChangeField(std::vector<Tag> tags);
   void ReleasePoll(std::uint32_t port);
-  void TellOfSocket(std::uint64_t id, SocketChange change, std::uint32_t number = 0, int error = 0);
-  void TellOfReader(std::string_view words);
+  void Watch(Traffic traffic, ByteView datagram) const;
   /// After a change by a caller's thread: wakes the server and the callers of WaitFor.
   void Changed();
 
@@ -225,7 +223,6 @@ class VirtualNfc {
   std::deque<CommandRecord> mHistory;
   std::array<std::uint32_t, 256> mCommands{};
   std::array<std::uint32_t, 256> mEvents{};
-  std::vector<NetlinkObserver*> mObservers;
 
   std::thread mThread;
 };

@@ -1,6 +1,5 @@
-// The part of the server that handles the programs' sockets and the observers.
+// The part of the server that handles the programs' sockets.
 
-#include <fmt/format.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -15,48 +14,6 @@ namespace virtualnfc {
 
 /// When the process id is taken, the kernel looks for a free port downwards from here.
 static constexpr std::uint32_t kHighestSparePort = 0xFFFFF000;
-
-void VirtualNfc::AddObserver(NetlinkObserver& observer) {
-  const std::lock_guard lock(mMutex);
-  mObservers.push_back(&observer);
-  for (const auto& [id, socket] : mConnections) {
-    if (!socket->IsOpen()) {
-      continue;
-    }
-    observer.OnSocket(id, SocketChange::Opened, 0, 0);
-    if (socket->port != 0) {
-      observer.OnSocket(id, SocketChange::Bound, socket->port, 0);
-    }
-    for (const std::uint32_t group : socket->groups) {
-      observer.OnSocket(id, SocketChange::Joined, group, 0);
-    }
-  }
-}
-
-void VirtualNfc::RemoveObserver(NetlinkObserver& observer) {
-  const std::lock_guard lock(mMutex);
-  std::erase(mObservers, &observer);
-}
-
-void VirtualNfc::TellOfSocket(std::uint64_t id, SocketChange change, std::uint32_t number, int error) {
-  for (NetlinkObserver* observer : mObservers) {
-    observer->OnSocket(id, change, number, error);
-  }
-}
-
-void VirtualNfc::TellOfReader(std::string_view words) {
-  for (NetlinkObserver* observer : mObservers) {
-    observer->OnReader(words);
-  }
-}
-
-void VirtualNfc::ChangeField(std::vector<Tag> tags) {
-  mField = std::move(tags);
-  const bool isOne = mField.size() == 1 && !mField.front().words.empty();
-  TellOfReader(mField.empty() ? "remove"
-               : isOne        ? "tap " + mField.front().words
-                              : fmt::format("# {} tags", mField.size()));
-}
 
 bool VirtualNfc::IsPortTaken(std::uint32_t port) const {
   return std::any_of(mConnections.begin(), mConnections.end(),
@@ -76,7 +33,6 @@ int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted) {
       return EADDRINUSE;
     }
     socket.port = port;
-    TellOfSocket(id, SocketChange::Bound, port);
   } else if (wanted != 0 && wanted != socket.port) {
     return EINVAL;
   }
@@ -91,7 +47,6 @@ int VirtualNfc::Join(std::uint64_t id, std::uint32_t group) {
   if (error == 0) {
     mConnections.at(id)->groups.insert(group);
   }
-  TellOfSocket(id, SocketChange::Joined, group, error);
   return error;
 }
 
@@ -113,9 +68,7 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
     case wire::Operation::Open:
       if (socket.Open() != 0) {
         CloseConnection(id);
-        return;
       }
-      TellOfSocket(id, SocketChange::Opened);
       return;
     case wire::Operation::Bind:
       socket.Reply(Bind(id, header.argument));
@@ -128,7 +81,6 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
       socket.Reply(0);
       return;
     case wire::Operation::Interrupt:
-      TellOfSocket(id, SocketChange::Interrupted);
       if (mWaiting && mWaiting->work.connection == id && !mHung &&
           mKernel.IsInterruptible(mWaiting->request)) {
         FinishWaiting(true);
@@ -150,9 +102,7 @@ void VirtualNfc::Enqueue(std::uint64_t id, ByteView datagram) {
     socket.Reply(error);
     return;
   }
-  for (NetlinkObserver* observer : mObservers) {
-    observer->OnSent(id, datagram);
-  }
+  Watch(Traffic::Request, datagram);
   std::vector<Bytes> messages = SplitMessages(datagram);
   for (std::size_t i = 0; i < messages.size(); ++i) {
     mWork.push_back({id, std::move(messages[i]), i + 1 == messages.size()});
@@ -181,16 +131,12 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
   const std::uint32_t port = mConnections.at(id)->port;
   if (mWaiting && mWaiting->work.connection == id && !mHung && mKernel.IsInterruptible(mWaiting->request)) {
     // The process was killed while its command waited, which counts as a signal.
-    TellOfSocket(id, SocketChange::Interrupted);
     FinishWaiting(true);
   }
   const auto connection = mConnections.find(id);
   if (connection == mConnections.end()) {
     // A rule for that command has closed the connection.
     return;
-  }
-  if (connection->second->IsOpen()) {
-    TellOfSocket(id, SocketChange::Closed);
   }
   mConnections.erase(connection);
   if (port != 0 && mSettings.ownerReleaseDelay.count() == 0) {
