@@ -13,7 +13,6 @@
 #include <thread>
 
 #include "tools/harness/process.h"
-#include "tools/virtual-nfc/kernel/names.h"
 #include "tools/virtual-nfc/preload/netlinksocket.h"
 
 using namespace virtualnfc;
@@ -21,6 +20,8 @@ using namespace virtualnfc;
 namespace {
 
 constexpr std::uint32_t kSequence = 7;
+
+const std::string kBusy = fmt::format("error {}", EBUSY);
 
 struct CommandWord {
   std::uint8_t command;
@@ -64,7 +65,7 @@ std::string Describe(const Bytes& datagram, std::uint32_t port) {
     std::int32_t code = 0;
     if (header.nlmsg_type == NLMSG_ERROR && content.size() >= sizeof(code)) {
       std::memcpy(&code, content.data(), sizeof(code));
-      text += code == 0 ? " ack" : " error " + ErrorName(-code);
+      text += code == 0 ? " ack" : fmt::format(" error {}", -code);
     }
     text += fmt::format(":\n    {:02x}", fmt::join(content, " "));
   }
@@ -107,7 +108,7 @@ Conversation::~Conversation() {
     Program& last = Of('z');
     (void)Eventually([&] {
       const auto answers = Command(last, {"down"});
-      return answers.empty() || answers.front().find("error EBUSY") == std::string::npos;
+      return answers.empty() || answers.front().find(kBusy) == std::string::npos;
     });
   } catch (const std::exception& e) {
     std::fprintf(stderr, "The reader stays on: %s\n", e.what());
@@ -235,7 +236,7 @@ void Conversation::Do(const std::string& step) {
     } else if (how == "~") {
       (void)Eventually([&] {
         ask();
-        return answers.empty() || answers.front().find("error EBUSY") == std::string::npos;
+        return answers.empty() || answers.front().find(kBusy) == std::string::npos;
       });
     } else {
       ask();

@@ -124,8 +124,8 @@ Bytes NfcKernel::FamilyMessage(const Request& request, std::uint16_t flags, std:
 
   const std::size_t list = message.Begin(CTRL_ATTR_OPS);
   std::uint16_t entry = 1;
-  for (const Command& command : Commands(isController ? Family::Controller : Family::Nfc)) {
-    if (command.IsOperation()) {
+  for (const Command& command : kCommands) {
+    if (command.family == (isController ? Family::Controller : Family::Nfc) && command.flags != 0) {
       const std::size_t one = message.Begin(entry++);
       message.U32(CTRL_ATTR_OP_ID, command.number).U32(CTRL_ATTR_OP_FLAGS, command.flags);
       message.End(one);
@@ -143,12 +143,11 @@ Bytes NfcKernel::FamilyMessage(const Request& request, std::uint16_t flags, std:
 }
 
 NfcKernel::Result NfcKernel::HandleNfc(const Request& request, std::uint32_t port) {
-  const Command* operation = FindCommand(Family::Nfc, request.genl.cmd);
-  if (operation == nullptr || !operation->IsOperation()) {
-    return Refuse(request, port, EOPNOTSUPP);
-  }
   const std::uint32_t way = request.IsDump() ? GENL_CMD_CAP_DUMP : GENL_CMD_CAP_DO;
-  if ((operation->flags & way) == 0) {
+  if (std::none_of(std::begin(kCommands), std::end(kCommands), [&](const Command& command) {
+        return command.family == Family::Nfc && command.number == request.genl.cmd &&
+               (command.flags & way) != 0;
+      })) {
     return Refuse(request, port, EOPNOTSUPP);
   }
   if (HasShortNumber(request)) {

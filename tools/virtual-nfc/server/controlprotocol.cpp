@@ -13,16 +13,6 @@ namespace {
 
 constexpr double kMaxHold = 24.0 * 60 * 60;
 
-Json::Value CountsAsJson(const std::array<std::uint32_t, 256>& counts) {
-  Json::Value json(Json::objectValue);
-  for (std::size_t i = 0; i < counts.size(); ++i) {
-    if (counts[i] != 0) {
-      json[CommandName(Family::Nfc, static_cast<std::uint8_t>(i))] = counts[i];
-    }
-  }
-  return json;
-}
-
 std::string StatusAsJson(const Status& status) {
   Json::Value json;
   json["devices"] = Json::arrayValue;
@@ -47,8 +37,6 @@ std::string StatusAsJson(const Status& status) {
   }
   json["openSockets"] = static_cast<Json::UInt64>(status.openSockets);
   json["listeners"] = static_cast<Json::UInt64>(status.listeners);
-  json["commands"] = CountsAsJson(status.commands);
-  json["events"] = CountsAsJson(status.events);
   json["commandWaits"] = status.commandWaits;
   json["hung"] = status.hung;
   Json::StreamWriterBuilder writer;
@@ -110,7 +98,7 @@ ControlCommands::ControlCommands(CLI::App& app) {
                   &ControlCommands::AddRule);
   add.add_option("RULE", mRule)->required();
   add.footer(
-      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any, a number\n"
+      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any\n"
       "Events: TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
       "Conditions: nth=N times=N\n"
       "Actions: errno=E delay=MS fault=NAME cross unplug drop truncate=N "
@@ -161,13 +149,14 @@ std::string ControlCommands::ShowStatus(VirtualNfc& server) const {
 }
 
 std::string ControlCommands::AddRule(VirtualNfc& server) const {
-  return fmt::format("rule {}\n", server.AddRule(fmt::format("{}", fmt::join(mRule, " "))));
+  server.AddRule(fmt::format("{}", fmt::join(mRule, " ")));
+  return "";
 }
 
 std::string ControlCommands::ListRules(VirtualNfc& server) const {
   std::string text;
-  for (const RuleStatus& rule : server.ListRules()) {
-    text += fmt::format("{}  {}  (seen {}, fired {})\n", rule.id, rule.text, rule.seen, rule.fired);
+  for (const Rule& rule : server.ListRules()) {
+    text += fmt::format("{}  (seen {}, fired {})\n", rule.text, rule.seen, rule.fired);
   }
   return text;
 }

@@ -118,19 +118,19 @@ void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
   Changed();
 }
 
-std::uint32_t VirtualNfc::AddRule(const std::string& text) {
+void VirtualNfc::AddRule(const std::string& text) {
   const std::lock_guard lock(mMutex);
-  return mRules.Add(text);
+  mRules.push_back(ParseRule(text));
 }
 
-std::vector<RuleStatus> VirtualNfc::ListRules() const {
+std::vector<Rule> VirtualNfc::ListRules() const {
   const std::lock_guard lock(mMutex);
-  return mRules.List();
+  return mRules;
 }
 
 void VirtualNfc::ClearRules() {
   const std::lock_guard lock(mMutex);
-  mRules.Clear();
+  mRules.clear();
 }
 
 bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
@@ -245,9 +245,9 @@ void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_poin
 void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
   ++mEvents[event];
   Answer answer{{mKernel.Event(event, device)}};
-  if (const auto rule = mRules.Match({Family::Nfc, event, true, device})) {
-    for (const Change& change : rule->changes) {
-      ApplyChange(change, answer);
+  if (const auto rule = MatchRule(mRules, {Family::Nfc, event, true, device})) {
+    for (const auto& change : rule->changes) {
+      change(answer);
     }
     if (rule->fault && IsDeviceThere(device)) {
       ChangeFault(device, *rule->fault, true);

@@ -115,9 +115,9 @@ class VirtualNfc {
   void PresentTagFor(Tag tag, std::chrono::milliseconds hold);
   void RemoveTags() { PresentTags({}); }
 
-  /// Rules as described in rules.h. @throws std::invalid_argument @returns the rule's id
-  std::uint32_t AddRule(const std::string& text);
-  std::vector<RuleStatus> ListRules() const;
+  /// Rules as described in rules.h. @throws std::invalid_argument
+  void AddRule(const std::string& text);
+  std::vector<Rule> ListRules() const;
   void ClearRules();
 
   /// Starts or ends a fault of the device. @returns false when there is no such device
@@ -203,7 +203,7 @@ class VirtualNfc {
   bool mStop = false;
   Timers mTimers;
   NfcKernel mKernel;
-  RuleSet mRules;
+  std::vector<Rule> mRules;
   std::vector<Tag> mField;
   /// Counts the changes of the field, so that the end of a hold removes only its own tag.
   std::uint64_t mFieldVersion = 0;

@@ -30,7 +30,7 @@ void VirtualNfc::Begin(Work work) {
   Rule rule;
   std::optional<std::uint32_t> device;
   if (occurrence) {
-    rule = mRules.Match(*occurrence).value_or(Rule{});
+    rule = MatchRule(mRules, *occurrence).value_or(Rule{});
     if (occurrence->family == Family::Nfc) {
       ++mCommands[occurrence->command];
       device = DeviceOf(*occurrence);
@@ -100,8 +100,8 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   if (connection == mConnections.end()) {
     return;
   }
-  for (const Change& change : waiting.rule.changes) {
-    ApplyChange(change, result.answer);
+  for (const auto& change : waiting.rule.changes) {
+    change(result.answer);
   }
   for (const Bytes& datagram : PackDatagrams(result.answer.messages)) {
     Deliver(connection->first, result.answer.sender, 0, datagram);
