@@ -156,9 +156,9 @@ TEST(VirtualNfcSockets, FailWhenTheKernelStops) {
   });
   ASSERT_TRUE(Reaches(*kernel, [](const Status& status) { return status.commandWaits; }));
   kernel.reset();
-  EXPECT_EQ(event.get(), ENOBUFS);
-  EXPECT_EQ(command.get(), -NLE_FAILURE);
-  EXPECT_EQ(listener.Send(NFC_CMD_UNSPEC), -NLE_FAILURE);
+  EXPECT_EQ(event.get(), EBADF);
+  EXPECT_EQ(command.get(), -NLE_BAD_SOCK);
+  EXPECT_EQ(listener.Send(NFC_CMD_UNSPEC), -NLE_BAD_SOCK);
 }
 
 VirtualNfcSettings WithChip() {

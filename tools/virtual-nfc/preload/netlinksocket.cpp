@@ -1,6 +1,7 @@
 #include "tools/virtual-nfc/preload/netlinksocket.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -56,24 +57,20 @@ void CopyNetlinkAddress(const sockaddr_nl& address, void* to, socklen_t& length)
 
 std::shared_ptr<NetlinkSocket> NetlinkSocket::Connect(const std::string& address, UniqueFd& data) {
   UniqueFd control = ConnectUnix(address, SOCK_SEQPACKET);
-  UniqueFd memory;
+  UniqueFd losses;
   const wire::OperationHeader open{wire::Operation::Open, 0};
   if (!control || Real().send(control.Get(), &open, sizeof(open), MSG_NOSIGNAL) < 0 ||
-      !wire::ReceiveOpened(control.Get(), data, memory)) {
+      !wire::ReceiveOpened(control.Get(), data, losses)) {
     return nullptr;
   }
   struct stat info {};
-  if (::fstat(data.Get(), &info) != 0) {
-    return nullptr;
-  }
-  wire::MappedPage page = wire::MapPage(memory);
-  return page == nullptr
+  return ::fstat(data.Get(), &info) != 0
              ? nullptr
-             : std::shared_ptr<NetlinkSocket>(new NetlinkSocket(std::move(control), std::move(page), info));
+             : std::shared_ptr<NetlinkSocket>(new NetlinkSocket(std::move(control), std::move(losses), info));
 }
 
-NetlinkSocket::NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data)
-    : mControl(std::move(control)), mPage(std::move(page)), mInode(data.st_ino), mDevice(data.st_dev) {}
+NetlinkSocket::NetlinkSocket(UniqueFd control, UniqueFd losses, const struct stat& data)
+    : mControl(std::move(control)), mLosses(std::move(losses)), mInode(data.st_ino), mDevice(data.st_dev) {}
 
 bool NetlinkSocket::IsAt(int fd) const {
   struct stat info {};
@@ -83,9 +80,6 @@ bool NetlinkSocket::IsAt(int fd) const {
 int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t argument, const iovec* parts,
                        std::size_t count) {
   const std::lock_guard lock(mExchange);
-  if (mPage->closed != 0) {
-    return Fail(EBADF);
-  }
   wire::OperationHeader header{operation, argument};
   std::vector<iovec> all{{&header, sizeof(header)}};
   all.insert(all.end(), parts, parts + count);
@@ -103,7 +97,7 @@ int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t argument, const 
   if (isAnswered) {
     mPort = reply.port;
   }
-  const int error = isAnswered ? reply.error : ECONNREFUSED;
+  const int error = isAnswered ? reply.error : EBADF;
   return error == 0 ? 0 : Fail(error);
 }
 
@@ -129,11 +123,9 @@ bool NetlinkSocket::AwaitReply(wire::Reply& reply, const sigset_t& signals) cons
 
 ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
   for (;;) {
-    if (const std::uint32_t overruns = mPage->overruns.load(); mSeenOverruns.exchange(overruns) != overruns) {
+    eventfd_t losses = 0;
+    if (::eventfd_read(mLosses.Get(), &losses) == 0) {
       return Fail(ENOBUFS);
-    }
-    if (mPage->closed != 0) {
-      return Fail(EBADF);
     }
     wire::DatagramHeader header{};
     std::vector<iovec> parts{{&header, sizeof(header)}};
@@ -145,8 +137,11 @@ ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
     if (length < 0) {
       return -1;
     }
+    if (length == 0) {
+      return Fail(EBADF);
+    }
     if (length < static_cast<ssize_t>(sizeof(header))) {
-      // An empty datagram only wakes the reader.
+      // It only wakes the reader.
       if ((flags & MSG_PEEK) != 0) {
         (void)Real().recv(fd, nullptr, 0, MSG_DONTWAIT);
       }

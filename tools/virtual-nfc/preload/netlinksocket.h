@@ -51,15 +51,14 @@ class NetlinkSocket {
   std::uint32_t Port() const { return mPort; }
 
  private:
-  NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data);
+  NetlinkSocket(UniqueFd control, UniqueFd losses, const struct stat& data);
 
   bool AwaitReply(wire::Reply& reply, const sigset_t& signals) const;
 
   const UniqueFd mControl;
-  const wire::MappedPage mPage;
+  const UniqueFd mLosses;
   const ino_t mInode;
   const dev_t mDevice;
-  std::atomic<std::uint32_t> mSeenOverruns{0};
   std::atomic<std::uint32_t> mPort{0};
   /// One exchange at a time.
   std::mutex mExchange;

@@ -1,8 +1,8 @@
 #include "tools/virtual-nfc/server/netlinkport.h"
 
 #include <linux/sockios.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -27,17 +27,14 @@ NetlinkPort::NetlinkPort(UniqueFd control) : mControl(std::move(control)) {
 
 int NetlinkPort::Open() {
   int ends[2] = {-1, -1};
-  const UniqueFd memory(::memfd_create("virtual-nfc", MFD_CLOEXEC));
-  if (memory && ::ftruncate(memory.Get(), sizeof(wire::SharedPage)) == 0) {
-    mPage = wire::MapPage(memory);
-  }
-  if (!mPage || ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends) != 0) {
+  mLosses.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!mLosses || ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
     const int error = errno;
     Reply(error);
     return error;
   }
   mData.Reset(ends[0]);
-  return wire::SendOpened(mControl.Get(), UniqueFd(ends[1]), memory) ? 0 : errno;
+  return wire::SendOpened(mControl.Get(), UniqueFd(ends[1]), mLosses) ? 0 : errno;
 }
 
 void NetlinkPort::Reply(int error) const {
@@ -65,25 +62,14 @@ void NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, cons
   }
 }
 
-void NetlinkPort::MarkOverrun() {
+void NetlinkPort::MarkOverrun() const {
   if (!mData) {
     return;
   }
-  mPage->overruns.fetch_add(1);
-  WakeReader();
-}
-
-void NetlinkPort::Close() {
-  if (mData) {
-    mPage->closed = 1;
-    WakeReader();
-  }
-}
-
-/// Unread data wakes the reader as well.
-void NetlinkPort::WakeReader() const {
+  (void)::eventfd_write(mLosses.Get(), 1);
+  // Unread data wakes the reader as well.
   if (IsDrained()) {
-    (void)::send(mData.Get(), "", 0, kSendFlags);
+    (void)::send(mData.Get(), "", 1, kSendFlags);
   }
 }
 

@@ -14,7 +14,8 @@
 
 namespace virtualnfc {
 
-/// Not thread-safe; the server locks. Nothing here blocks.
+/// Not thread-safe; the server locks. Nothing here blocks. After the end of this object every call of the
+/// program on its socket fails.
 class NetlinkPort {
  public:
   explicit NetlinkPort(UniqueFd control);
@@ -23,7 +24,7 @@ class NetlinkPort {
   /// The process that made the socket.
   pid_t ProcessId() const { return mProcessId; }
 
-  /// Makes the data socket and the shared page and replies with the program's ends.
+  /// Makes the descriptors that the program gets and replies with them.
   /// @returns 0, or the errno that was replied
   int Open();
   bool IsOpen() const { return static_cast<bool>(mData); }
@@ -34,9 +35,7 @@ class NetlinkPort {
   /// the loss.
   void Deliver(std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   /// The program's next receive call fails with ENOBUFS.
-  void MarkOverrun();
-  /// Every call of the program on this socket fails from now on.
-  void Close();
+  void MarkOverrun() const;
   void SetReceiveBuffer(std::uint32_t bytes) const;
 
   /// 0 until bound.
@@ -45,12 +44,11 @@ class NetlinkPort {
 
  private:
   bool IsDrained() const;
-  void WakeReader() const;
 
   const UniqueFd mControl;
   pid_t mProcessId = 0;
   UniqueFd mData;
-  wire::MappedPage mPage;
+  UniqueFd mLosses;
   /// The receive buffer was full. As in the kernel, it takes nothing more until it has been read empty.
   bool mCongested = false;
 };

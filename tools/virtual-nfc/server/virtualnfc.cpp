@@ -55,10 +55,6 @@ void VirtualNfc::Stop() {
     mThread.join();
   }
   const std::lock_guard lock(mMutex);
-  for (const auto& [id, socket] : mConnections) {
-    // Wakes programs that wait for events.
-    socket->MarkOverrun();
-  }
   mConnections.clear();
 }
 
@@ -261,7 +257,7 @@ void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
       mConnections.at(id)->MarkOverrun();
     }
     if (answer.closes) {
-      BreakConnection(id);
+      CloseConnection(id);
     }
   }
 }

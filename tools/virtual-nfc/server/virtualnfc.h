@@ -164,7 +164,6 @@ class VirtualNfc {
   void ReadConnections();
   void CloseConnection(std::uint64_t id);
   std::vector<std::uint64_t> Listeners() const;
-  void BreakConnection(std::uint64_t id);
   void HandleRecord(std::uint64_t id, const Bytes& record);
   /// Takes a datagram that the program has sent to the kernel.
   void Enqueue(std::uint64_t id, ByteView datagram);

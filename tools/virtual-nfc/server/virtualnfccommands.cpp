@@ -113,7 +113,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
     connection->second->MarkOverrun();
   }
   if (result.answer.closes) {
-    BreakConnection(waiting.work.connection);
+    CloseConnection(waiting.work.connection);
   }
 }
 

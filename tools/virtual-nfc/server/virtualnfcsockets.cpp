@@ -161,14 +161,6 @@ void VirtualNfc::EndPollsOfClosedSockets() {
   Changed();
 }
 
-/// Closes the socket although the program still uses it.
-void VirtualNfc::BreakConnection(std::uint64_t id) {
-  if (const auto connection = mConnections.find(id); connection != mConnections.end()) {
-    connection->second->Close();
-    CloseConnection(id);
-  }
-}
-
 void VirtualNfc::AcceptConnections() {
   while (UniqueFd control = mListener.Accept()) {
     mConnections.emplace(mNextConnection++, std::make_unique<NetlinkPort>(std::move(control)));
