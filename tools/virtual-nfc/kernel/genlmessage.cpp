@@ -82,24 +82,18 @@ std::vector<Bytes> SplitMessages(ByteView datagram) {
   return messages;
 }
 
-ByteView ForEachAttribute(ByteView bytes, const std::function<void(std::uint16_t, ByteView)>& visit) {
+Attributes ParseAttributes(ByteView bytes) {
+  Attributes parsed;
   nlattr header{};
   while (bytes.size() >= sizeof(header)) {
     std::memcpy(&header, bytes.data(), sizeof(header));
     if (header.nla_len < NLA_HDRLEN || header.nla_len > bytes.size()) {
       break;
     }
-    visit(header.nla_type, bytes.subspan(NLA_HDRLEN, header.nla_len - NLA_HDRLEN));
+    const ByteView value = bytes.subspan(NLA_HDRLEN, header.nla_len - NLA_HDRLEN);
+    parsed[header.nla_type & NLA_TYPE_MASK] = Bytes(value.begin(), value.end());
     bytes = Skip(bytes, NLA_ALIGN(std::size_t{header.nla_len}));
   }
-  return bytes;
-}
-
-Attributes ParseAttributes(ByteView bytes) {
-  Attributes parsed;
-  ForEachAttribute(bytes, [&parsed](std::uint16_t type, ByteView value) {
-    parsed[type & NLA_TYPE_MASK] = Bytes(value.begin(), value.end());
-  });
   return parsed;
 }
 

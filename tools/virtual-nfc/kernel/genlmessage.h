@@ -7,7 +7,6 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <optional>
 #include <span>
@@ -72,9 +71,7 @@ std::vector<Bytes> SplitMessages(ByteView datagram);
 /// @param message one whole message as SplitMessages gives it
 Request ParseRequest(Bytes message);
 
-/// Calls `visit` with the type, flag bits included, and the value of each attribute.
-/// @returns the bytes that are no attribute, such as the rest of one that was cut off
-ByteView ForEachAttribute(ByteView bytes, const std::function<void(std::uint16_t, ByteView)>& visit);
+/// The attributes without their flag bits, up to one that is cut off.
 Attributes ParseAttributes(ByteView bytes);
 
 /// The number in an attribute; nothing when it is missing or has fewer than four bytes.

@@ -13,26 +13,21 @@ namespace {
 
 struct KindInfo {
   const char* name;
-  TagKind kind;
   Radio radio;
   std::uint32_t protocols;
   std::uint8_t selRes;
 };
 
+/// In the order of TagKind.
 constexpr KindInfo kKinds[] = {
-    {"mifare", TagKind::Mifare, Radio::A, NFC_PROTO_MIFARE_MASK, 0x00},
-    {"felica", TagKind::Felica, Radio::F, NFC_PROTO_FELICA_MASK, 0x00},
-    {"iso14443a", TagKind::Iso14443A, Radio::A, NFC_PROTO_ISO14443_MASK, 0x20},
-    {"nfc-dep", TagKind::NfcDep, Radio::A, NFC_PROTO_NFC_DEP_MASK, 0x40},
-    {"iso14443b", TagKind::Iso14443B, Radio::B, NFC_PROTO_ISO14443_B_MASK, 0x00},
-    {"iso15693", TagKind::Iso15693, Radio::V, NFC_PROTO_ISO15693_MASK, 0x00},
-    {"foreign", TagKind::Foreign, Radio::A, 0, 0x08},
+    {"mifare", Radio::A, NFC_PROTO_MIFARE_MASK, 0x00},
+    {"felica", Radio::F, NFC_PROTO_FELICA_MASK, 0x00},
+    {"iso14443a", Radio::A, NFC_PROTO_ISO14443_MASK, 0x20},
+    {"nfc-dep", Radio::A, NFC_PROTO_NFC_DEP_MASK, 0x40},
+    {"iso14443b", Radio::B, NFC_PROTO_ISO14443_B_MASK, 0x00},
+    {"iso15693", Radio::V, NFC_PROTO_ISO15693_MASK, 0x00},
+    {"foreign", Radio::A, 0, 0x08},
 };
-
-const KindInfo& InfoOf(TagKind kind) {
-  return *std::find_if(std::begin(kKinds), std::end(kKinds),
-                       [kind](const KindInfo& info) { return info.kind == kind; });
-}
 
 template <typename Value>
 Bytes NumberBytes(Value value) {
@@ -72,7 +67,7 @@ Bytes ParseHex(std::string_view text) {
 }
 
 Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
-  const KindInfo& info = InfoOf(kind);
+  const KindInfo& info = kKinds[static_cast<std::size_t>(kind)];
   Bytes bytes = ParseHex(uid);
   Tag tag{std::string(uid), info.radio, info.protocols, {}};
   // The upper bits of SENS_RES tell the length of an NFC-A number.
@@ -137,13 +132,13 @@ const std::vector<std::string>& TagKindNames() {
 }
 
 TagKind ParseTagKind(std::string_view name) {
-  for (const KindInfo& info : kKinds) {
-    if (name == info.name) {
-      return info.kind;
-    }
+  const auto& names = TagKindNames();
+  const auto found = std::find(names.begin(), names.end(), name);
+  if (found == names.end()) {
+    throw std::invalid_argument(
+        fmt::format("unknown kind of tag '{}'; known are {}", name, fmt::join(names, ", ")));
   }
-  throw std::invalid_argument(
-      fmt::format("unknown kind of tag '{}'; known are {}", name, fmt::join(TagKindNames(), ", ")));
+  return static_cast<TagKind>(found - names.begin());
 }
 
 bool IsPolled(std::uint32_t protocolMask, Radio radio) {
