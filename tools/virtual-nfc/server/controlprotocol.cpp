@@ -67,11 +67,7 @@ void ControlCommands::AddTagCommands(CLI::App& app) {
       Add(app, "tap", "put a tag in front of the reader, in place of any other", [this](auto& server) {
         Tag tag = MakeTag(ParseTagKind(mKind), mUid, server.Settings().kernel.stack);
         const bool isPolling = server.GetStatus().Device().polling;
-        if (mHold > 0) {
-          server.PresentTagFor(std::move(tag), std::chrono::milliseconds(std::lround(mHold * 1000)));
-        } else {
-          server.PresentTag(std::move(tag));
-        }
+        server.PresentTagFor(std::move(tag), std::chrono::milliseconds(std::lround(mHold * 1000)));
         return isPolling ? "" : "No device is polling; the tag is found as soon as one does.\n";
       });
   tap.add_option("UID", mUid, "as printed on the tag, hexadecimal")->required();

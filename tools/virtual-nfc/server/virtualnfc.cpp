@@ -83,34 +83,22 @@ bool VirtualNfc::Unplug(std::uint32_t index) {
   return true;
 }
 
-void VirtualNfc::PresentTags(std::vector<Tag> tags) {
-  const std::lock_guard lock(mMutex);
-  PutIntoField(std::move(tags), Timers::Clock::now());
-  Changed();
-}
-
-void VirtualNfc::PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now) {
-  ++mFieldVersion;
-  mField = std::move(tags);
-  for (const auto& device : mKernel.Devices()) {
-    ScheduleDetection(device->Index(), now);
-  }
-}
-
-void VirtualNfc::PresentTag(Tag tag) {
-  PresentTags({std::move(tag)});
-}
-
-void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
+void VirtualNfc::PresentTags(std::vector<Tag> tags, std::chrono::milliseconds hold) {
   const std::lock_guard lock(mMutex);
   // The same time for both, so that a late thread does not change the order of find and removal.
   const auto now = Timers::Clock::now();
-  PutIntoField({std::move(tag)}, now);
-  mTimers.At(now + hold, [this, version = mFieldVersion] {
-    if (mFieldVersion == version) {
-      mField.clear();
-    }
-  });
+  mField = std::move(tags);
+  ++mFieldVersion;
+  for (const auto& device : mKernel.Devices()) {
+    ScheduleDetection(device->Index(), now);
+  }
+  if (hold.count() > 0) {
+    mTimers.At(now + hold, [this, version = mFieldVersion] {
+      if (mFieldVersion == version) {
+        mField.clear();
+      }
+    });
+  }
   Changed();
 }
 
@@ -161,11 +149,6 @@ Status VirtualNfc::GetStatus() const {
   return MakeStatus();
 }
 
-std::vector<CommandRecord> VirtualNfc::History() const {
-  const std::lock_guard lock(mMutex);
-  return {mHistory.begin(), mHistory.end()};
-}
-
 bool VirtualNfc::WaitFor(const std::function<bool(const Status&)>& predicate,
                          std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mMutex);
@@ -185,6 +168,7 @@ Status VirtualNfc::MakeStatus() const {
   }
   status.listeners = Listeners().size();
   status.commands = mCommands;
+  status.interrupted = mInterrupted;
   status.events = mEvents;
   status.commandWaits = mWaiting.has_value();
   status.queued = mWork.size();

@@ -4,7 +4,6 @@
 // front of them. Programs reach it because the interposer turns their netlink sockets into connections to
 // this server.
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <condition_variable>
@@ -14,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -61,6 +61,8 @@ struct Status {
   std::size_t listeners = 0;
   /// Commands of the nfc family received so far, by number, including one that still waits.
   std::array<std::uint32_t, 256> commands{};
+  /// How many of them a signal has ended before the chip had answered.
+  std::uint32_t interrupted = 0;
   /// Events of the nfc family sent so far, by number, with or without listeners.
   std::array<std::uint32_t, 256> events{};
   /// A command waits for its chip.
@@ -72,16 +74,9 @@ struct Status {
 
   /// The first device that is plugged in; without one, a status without power and poll.
   DeviceStatus Device() const;
+  std::uint32_t Commands() const { return std::accumulate(commands.begin(), commands.end(), 0U); }
   std::uint32_t Commands(std::uint8_t command) const { return commands[command]; }
   std::uint32_t Events(std::uint8_t event) const { return events[event]; }
-};
-
-/// One command of the nfc family and its result.
-struct CommandRecord {
-  std::uint8_t command = 0;
-  std::uint32_t port = 0;
-  /// errno of the answer, 0 for success
-  int error = 0;
 };
 
 /// Serves from construction to destruction, on its own thread. Any thread may call any operation at any time,
@@ -108,11 +103,11 @@ class VirtualNfc {
   /// @returns false when there is no such device
   bool Unplug(std::uint32_t index = 0);
 
-  /// Puts these tags in front of the readers and takes all others away.
-  void PresentTags(std::vector<Tag> tags);
-  void PresentTag(Tag tag);
-  /// Takes the tag away again after that time.
-  void PresentTagFor(Tag tag, std::chrono::milliseconds hold);
+  /// Puts these tags in front of the readers and takes all others away. @param hold how long they stay; 0:
+  /// until the next change
+  void PresentTags(std::vector<Tag> tags, std::chrono::milliseconds hold = {});
+  void PresentTag(Tag tag) { PresentTags({std::move(tag)}); }
+  void PresentTagFor(Tag tag, std::chrono::milliseconds hold) { PresentTags({std::move(tag)}, hold); }
   void RemoveTags() { PresentTags({}); }
 
   /// Rules as described in rules.h. @throws std::invalid_argument
@@ -122,8 +117,6 @@ class VirtualNfc {
 
   /// Starts or ends a fault of the device. @returns false when there is no such device
   bool SetFault(Fault fault, bool on = true, std::uint32_t index = 0);
-  /// Lets one transfer to the reader fail, which kills its poll.
-  bool KillPoll(std::uint32_t index = 0) { return SetFault(Fault::PollDead, true, index); }
 
   /// Ends the polls of closed sockets now instead of after ownerReleaseDelay.
   void EndPollsOfClosedSockets();
@@ -133,8 +126,6 @@ class VirtualNfc {
   void SendRawEvent(const Bytes& message);
 
   Status GetStatus() const;
-  /// The commands of the nfc family since the start, the latest thousand.
-  std::vector<CommandRecord> History() const;
   /// Waits until the predicate holds; it is called with the lock held, after each change.
   /// @returns false on timeout
   bool WaitFor(const std::function<bool(const Status&)>& predicate,
@@ -182,7 +173,6 @@ class VirtualNfc {
   void Multicast(std::uint32_t sender, const Bytes& message);
   void RemoveDevice(std::uint32_t index);
   void ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now);
-  void PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now);
   void ChangeFault(std::uint32_t index, Fault fault, bool on);
   bool IsDeviceThere(std::uint32_t index);
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
@@ -219,8 +209,8 @@ class VirtualNfc {
   std::optional<Timers::Clock::time_point> mFindWaitsUntil;
   /// mWaiting is never finished.
   bool mHung = false;
-  std::deque<CommandRecord> mHistory;
   std::array<std::uint32_t, 256> mCommands{};
+  std::uint32_t mInterrupted = 0;
   std::array<std::uint32_t, 256> mEvents{};
 
   std::thread mThread;

@@ -10,8 +10,6 @@ namespace virtualnfc {
 
 using namespace std::chrono_literals;
 
-static constexpr std::size_t kHistoryLength = 1000;
-
 void VirtualNfc::WorkOff() {
   while (!mWaiting && !mWork.empty()) {
     Work work = std::move(mWork.front());
@@ -77,10 +75,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
                                                   : mKernel.Handle(request, port);
   const auto occurrence = mKernel.Classify(request);
   if (occurrence && occurrence->family == Family::Nfc) {
-    mHistory.push_back({occurrence->command, port, result.error});
-    if (mHistory.size() > kHistoryLength) {
-      mHistory.pop_front();
-    }
+    mInterrupted += result.error == kRestartSys ? 1 : 0;
     if (waiting.rule.fault && waiting.device && IsDeviceThere(*waiting.device)) {
       ChangeFault(*waiting.device, *waiting.rule.fault, true);
     }
