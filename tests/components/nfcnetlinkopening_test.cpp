@@ -25,11 +25,6 @@ std::string Described(ByteView datagram) {
                      fmt::join(datagram.subspan(sizeof(header)), " "));
 }
 
-class NfcNetlinkWithoutFamily : public NfcNetlink {
- protected:
-  NfcNetlinkWithoutFamily() : NfcNetlink({.kernel = {.hasFamily = false}}) {}
-};
-
 class NfcNetlinkWithoutListeners : public NfcNetlink {
  protected:
   NfcNetlinkWithoutListeners() : NfcNetlink({.kernel = {.admitsListeners = false}}) {}
@@ -154,10 +149,6 @@ TEST_F(NfcNetlink, TakesOnlyTheReaderThatIsTheKernelsDeviceZero) {
   mLog.Clear();
   EXPECT_EQ(ErrorOfOpen(), "Could find trf7970a reader. 31 recoverable");
   EXPECT_THAT(Lines(Level::Error), ElementsAre(HasSubstr("no NFC device")));
-}
-
-TEST_F(NfcNetlinkWithoutFamily, IsRefusedByAKernelWithoutNfc) {
-  EXPECT_EQ(ErrorOfOpen(), "Could not resolve nfc netlink family. 12");
 }
 
 TEST_F(NfcNetlinkWithoutGroup, IsRefusedByAKernelWithoutEvents) {

@@ -37,17 +37,13 @@ NfcKernel::Result NfcKernel::Handle(const Request& request, std::uint32_t port) 
     return Acknowledge(request, port, 0, {});
   }
   const bool isController = request.header.nlmsg_type == GENL_ID_CTRL;
-  if (!isController && (!mSettings.hasFamily || request.header.nlmsg_type != mSettings.familyId)) {
+  if (!isController && request.header.nlmsg_type != mSettings.familyId) {
     return Refuse(request, port, ENOENT);
   }
   if (!request.hasGenlHeader) {
     return Refuse(request, port, EINVAL);
   }
   return isController ? HandleController(request, port) : HandleNfc(request, port);
-}
-
-NfcKernel::Result NfcKernel::Refuse(const Request& request, std::uint32_t port, int error) const {
-  return Acknowledge(request, port, error, {});
 }
 
 NfcKernel::Result NfcKernel::Acknowledge(const Request& request, std::uint32_t port, int error,
@@ -66,7 +62,7 @@ std::optional<Occurrence> NfcKernel::Classify(const Request& request) const {
   Occurrence occurrence;
   if (request.header.nlmsg_type == GENL_ID_CTRL) {
     occurrence.family = Family::Controller;
-  } else if (request.header.nlmsg_type != mSettings.familyId || !mSettings.hasFamily) {
+  } else if (request.header.nlmsg_type != mSettings.familyId) {
     return std::nullopt;
   }
   occurrence.command = request.genl.cmd;
@@ -83,9 +79,7 @@ NfcKernel::Result NfcKernel::HandleController(const Request& request, std::uint3
   Result result;
   if (request.IsDump()) {
     result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, GENL_ID_CTRL));
-    if (mSettings.hasFamily) {
-      result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, mSettings.familyId));
-    }
+    result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, mSettings.familyId));
     result.answer.messages.push_back(MakeDoneMessage(request, port, 0));
     return result;
   }
@@ -104,7 +98,7 @@ NfcKernel::Result NfcKernel::HandleController(const Request& request, std::uint3
   } else if (id == request.attributes.end()) {
     return Refuse(request, port, EINVAL);
   }
-  if (wanted != GENL_ID_CTRL && (wanted != mSettings.familyId || !mSettings.hasFamily)) {
+  if (wanted != GENL_ID_CTRL && wanted != mSettings.familyId) {
     return Refuse(request, port, ENOENT);
   }
   result.answer.messages.push_back(FamilyMessage(request, 0, port, wanted));

@@ -40,8 +40,7 @@ int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted) {
 }
 
 int VirtualNfc::Join(std::uint64_t id, std::uint32_t group) {
-  const bool isKnown =
-      group == kControllerGroupId || (mSettings.kernel.hasFamily && group == mSettings.kernel.groupId);
+  const bool isKnown = group == kControllerGroupId || group == mSettings.kernel.groupId;
   const bool isOpen = group == kControllerGroupId || mSettings.kernel.admitsListeners;
   const int error = !isKnown ? ENOENT : isOpen ? 0 : EPERM;
   if (error == 0) {
@@ -58,12 +57,6 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
     return;
   }
   std::copy_n(record.begin(), sizeof(header), reinterpret_cast<std::uint8_t*>(&header));
-  const bool isFirst =
-      header.operation == wire::Operation::Open || header.operation == wire::Operation::Control;
-  if (isFirst == socket.IsOpen()) {
-    CloseConnection(id);
-    return;
-  }
   switch (header.operation) {
     case wire::Operation::Open:
       if (socket.Open() != 0) {
