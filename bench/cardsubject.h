@@ -51,6 +51,11 @@ class CardSubject {
   void Watch(virtualnfc::Traffic traffic, virtualnfc::ByteView datagram);
 
   const TemporaryFolder mFolder;
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  Passage mPassage{};
+  bool mIsTargetAsked = false;  ///< by the last datagram; the kernel's thread only
+  // Ends before the members above, which its thread uses.
   virtualnfc::VirtualNfc mKernel;
   std::unique_ptr<VirtualStation> mPeers;
   std::unique_ptr<Process> mProcess;
@@ -58,11 +63,6 @@ class CardSubject {
   std::unique_ptr<ipc::Rfid::Stub> mRfid;
   grpc::ClientContext mContext;
   std::thread mSubscriber;
-  bool mIsTargetAsked = false;  ///< by the last datagram; the kernel's thread only
-
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  Passage mPassage{};
 };
 
 }  // namespace bench
