@@ -36,7 +36,7 @@ void EditFirst(Answer& answer, Edit edit) {
 
 enum class Damage { Long, Short, Missing, Twice, Nested };
 
-template <Damage kDamage>
+template <Damage How>
 void DamageAttributes(Answer& answer, std::uint32_t /*number*/) {
   const Request old = answer.messages.empty() ? Request() : ParseRequest(answer.messages.front());
   // Acknowledgements and ends of dumps have no attributes.
@@ -52,17 +52,17 @@ void DamageAttributes(Answer& answer, std::uint32_t /*number*/) {
   };
   bool isFirst = true;
   for (const auto& [type, value] : old.attributes) {
-    if (kDamage == Damage::Nested && isFirst) {
+    if (How == Damage::Nested && isFirst) {
       damaged.Raw(type, ByteView(old.whole).subspan(kHeaders));
-    } else if (kDamage == Damage::Long) {
+    } else if (How == Damage::Long) {
       add(type, value.size() + old.whole.size(), value);
-    } else if (kDamage == Damage::Short) {
+    } else if (How == Damage::Short) {
       add(type, 1, ByteView(value).first(std::min<std::size_t>(value.size(), 1)));
-    } else if (kDamage == Damage::Twice) {
+    } else if (How == Damage::Twice) {
       Bytes other = value;
       Invert(other);
       damaged.Raw(type, value).Raw(type, other);
-    } else if (kDamage == Damage::Missing && !isFirst) {
+    } else if (How == Damage::Missing && !isFirst) {
       damaged.Raw(type, value);
     }
     isFirst = false;
