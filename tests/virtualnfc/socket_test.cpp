@@ -1,6 +1,5 @@
 // Netlink sockets as programs see them: ports, buffers, waiting, signals, closing.
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -87,16 +86,6 @@ TEST(VirtualNfcSockets, HaveAPortOfTheirOwn) {
   const std::uint32_t port = PortOf(second.Get());
   second.Reset();
   EXPECT_EQ(Bind(third.Get(), port), 0);
-}
-
-TEST(VirtualNfcSockets, AreForgottenWhenTheDescriptorIsReplaced) {
-  InProcessVirtualNfc kernel;
-  const UniqueFd socket = PlainSocket();
-  const UniqueFd other(::open("/dev/null", O_RDWR | O_CLOEXEC));
-  ASSERT_EQ(::dup3(other.Get(), socket.Get(), O_CLOEXEC), socket.Get());
-  EXPECT_EQ(::send(socket.Get(), "", 0, 0), -1);
-  EXPECT_EQ(errno, ENOTSOCK);
-  EXPECT_TRUE(Reaches(kernel, [](const Status& status) { return status.openSockets == 0; }));
 }
 
 TEST(VirtualNfcSockets, RefuseWhatTheKernelRefuses) {

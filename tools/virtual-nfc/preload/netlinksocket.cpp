@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -63,18 +62,7 @@ std::shared_ptr<NetlinkSocket> NetlinkSocket::Connect(const std::string& address
       !wire::ReceiveOpened(control.Get(), data, losses)) {
     return nullptr;
   }
-  struct stat info {};
-  return ::fstat(data.Get(), &info) != 0
-             ? nullptr
-             : std::shared_ptr<NetlinkSocket>(new NetlinkSocket(std::move(control), std::move(losses), info));
-}
-
-NetlinkSocket::NetlinkSocket(UniqueFd control, UniqueFd losses, const struct stat& data)
-    : mControl(std::move(control)), mLosses(std::move(losses)), mInode(data.st_ino), mDevice(data.st_dev) {}
-
-bool NetlinkSocket::IsAt(int fd) const {
-  struct stat info {};
-  return ::fstat(fd, &info) == 0 && info.st_ino == mInode && info.st_dev == mDevice;
+  return std::shared_ptr<NetlinkSocket>(new NetlinkSocket(std::move(control), std::move(losses)));
 }
 
 int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t argument, const iovec* parts,
