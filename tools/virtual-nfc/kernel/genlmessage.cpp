@@ -113,16 +113,6 @@ Request ParseRequest(Bytes message) {
   return request;
 }
 
-std::optional<std::uint32_t> GetU32(const Attributes& attributes, std::uint16_t type) {
-  const auto found = attributes.find(type);
-  std::uint32_t value = 0;
-  if (found == attributes.end() || found->second.size() < sizeof(value)) {
-    return std::nullopt;
-  }
-  std::memcpy(&value, found->second.data(), sizeof(value));
-  return value;
-}
-
 Bytes MakeErrorMessage(const Request& request, std::uint32_t port, int error) {
   const ByteView repeated(request.whole);
   return MessageBuilder(NLMSG_ERROR, error == 0 ? NLM_F_CAPPED : 0, request.header.nlmsg_seq, port)

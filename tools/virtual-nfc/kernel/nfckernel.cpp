@@ -83,19 +83,15 @@ NfcKernel::Result NfcKernel::HandleController(const Request& request, std::uint3
     result.answer.messages.push_back(MakeDoneMessage(request, port, 0));
     return result;
   }
-  const auto id = request.attributes.find(CTRL_ATTR_FAMILY_ID);
   const auto name = request.attributes.find(CTRL_ATTR_FAMILY_NAME);
-  std::uint16_t wanted = 0;
-  if (id != request.attributes.end() && id->second.size() >= sizeof(wanted)) {
-    std::copy_n(id->second.begin(), sizeof(wanted), reinterpret_cast<std::uint8_t*>(&wanted));
-  }
+  std::uint16_t wanted = Get<std::uint16_t>(request.attributes, CTRL_ATTR_FAMILY_ID).value_or(0);
   if (name != request.attributes.end()) {
     std::string text(name->second.begin(), name->second.end());
     text.resize(std::min(text.find('\0'), text.size()));
     wanted = text == "nlctrl"        ? std::uint16_t{GENL_ID_CTRL}
              : text == NFC_GENL_NAME ? mSettings.familyId
                                      : std::uint16_t{0};
-  } else if (id == request.attributes.end()) {
+  } else if (!request.attributes.contains(CTRL_ATTR_FAMILY_ID)) {
     return Refuse(request, port, EINVAL);
   }
   if (wanted != GENL_ID_CTRL && wanted != mSettings.familyId) {

@@ -49,21 +49,27 @@ void Append(Bytes& bytes, std::initializer_list<std::uint8_t> more) {
 }  // namespace
 
 Bytes ParseHex(std::string_view text) {
-  Bytes bytes;
-  for (std::size_t at = 0; at < text.size(); at += 2) {
-    at += text[at] == ':' && at + 1 < text.size() ? 1 : 0;
-    std::uint8_t byte = 0;
-    const char* end = text.data() + std::min(at + 2, text.size());
-    const auto [stop, failure] = std::from_chars(text.data() + at, end, byte, 16);
-    if (failure != std::errc() || stop != end) {
+  if (text.size() % 2 != 0) {
+    throw std::invalid_argument(fmt::format("'{}' ends in half a byte", text));
+  }
+  Bytes bytes(text.size() / 2);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const char* digits = text.data() + 2 * i;
+    const auto [stop, failure] = std::from_chars(digits, digits + 2, bytes[i], 16);
+    if (failure != std::errc() || stop != digits + 2) {
       throw std::invalid_argument(fmt::format("'{}' is not hexadecimal", text));
     }
-    if (at + 2 > text.size()) {
-      throw std::invalid_argument(fmt::format("'{}' ends in half a byte", text));
-    }
-    bytes.push_back(byte);
   }
   return bytes;
+}
+
+std::size_t IndexOf(std::string_view what, std::string_view name, const std::vector<std::string>& known) {
+  const auto found = std::find(known.begin(), known.end(), name);
+  if (found == known.end()) {
+    throw std::invalid_argument(
+        fmt::format("unknown {} '{}'; known are {}", what, name, fmt::join(known, ", ")));
+  }
+  return static_cast<std::size_t>(found - known.begin());
 }
 
 Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
@@ -132,13 +138,7 @@ const std::vector<std::string>& TagKindNames() {
 }
 
 TagKind ParseTagKind(std::string_view name) {
-  const auto& names = TagKindNames();
-  const auto found = std::find(names.begin(), names.end(), name);
-  if (found == names.end()) {
-    throw std::invalid_argument(
-        fmt::format("unknown kind of tag '{}'; known are {}", name, fmt::join(names, ", ")));
-  }
-  return static_cast<TagKind>(found - names.begin());
+  return static_cast<TagKind>(IndexOf("kind of tag", name, TagKindNames()));
 }
 
 bool IsPolled(std::uint32_t protocolMask, Radio radio) {
