@@ -57,7 +57,7 @@ void CopyNetlinkAddress(const sockaddr_nl& address, void* to, socklen_t& length)
 std::shared_ptr<NetlinkSocket> NetlinkSocket::Connect(const std::string& address, UniqueFd& data) {
   UniqueFd control = ConnectUnix(address, SOCK_SEQPACKET);
   UniqueFd losses;
-  const wire::OperationHeader open{wire::Operation::Open, 0};
+  const wire::OperationHeader open{wire::Operation::Open, static_cast<std::uint32_t>(::getpid())};
   if (!control || Real().send(control.Get(), &open, sizeof(open), MSG_NOSIGNAL) < 0 ||
       !wire::ReceiveOpened(control.Get(), data, losses)) {
     return nullptr;

@@ -36,7 +36,6 @@ std::string StatusAsJson(const Status& status) {
     json["tags"].append(tag);
   }
   json["openSockets"] = static_cast<Json::UInt64>(status.openSockets);
-  json["listeners"] = static_cast<Json::UInt64>(status.listeners);
   json["commandWaits"] = status.commandWaits;
   json["hung"] = status.hung;
   return Json::writeString(Json::StreamWriterBuilder(), json) + "\n";

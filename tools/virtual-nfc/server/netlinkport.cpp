@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
 
 namespace virtualnfc {
 
@@ -17,15 +16,8 @@ constexpr int kSendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
 
 }  // namespace
 
-NetlinkPort::NetlinkPort(UniqueFd control) : mControl(std::move(control)) {
-  ucred peer{};
-  socklen_t length = sizeof(peer);
-  if (::getsockopt(mControl.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0) {
-    mProcessId = peer.pid;
-  }
-}
-
-int NetlinkPort::Open() {
+int NetlinkPort::Open(std::uint32_t processId) {
+  mProcessId = processId;
   int ends[2] = {-1, -1};
   mLosses.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!mLosses || ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {

@@ -2,11 +2,9 @@
 
 // The server's side of one netlink socket of a program.
 
-#include <sys/types.h>
-
 #include <cstdint>
-#include <set>
 #include <string_view>
+#include <utility>
 
 #include "tools/virtual-nfc/kernel/genlmessage.h"
 #include "tools/virtual-nfc/server/uniquefd.h"
@@ -18,15 +16,15 @@ namespace virtualnfc {
 /// program on its socket fails.
 class NetlinkPort {
  public:
-  explicit NetlinkPort(UniqueFd control);
+  explicit NetlinkPort(UniqueFd control) : mControl(std::move(control)) {}
 
   int ControlFd() const { return mControl.Get(); }
   /// The process that made the socket.
-  pid_t ProcessId() const { return mProcessId; }
+  std::uint32_t ProcessId() const { return mProcessId; }
 
   /// Makes the descriptors that the program gets and replies with them.
   /// @returns 0, or the errno that was replied
-  int Open();
+  int Open(std::uint32_t processId);
   bool IsOpen() const { return static_cast<bool>(mData); }
 
   void Reply(int error) const;
@@ -40,13 +38,14 @@ class NetlinkPort {
 
   /// 0 until bound.
   std::uint32_t port = 0;
-  std::set<std::uint32_t> groups;
+  /// It has joined the group of events.
+  bool listens = false;
 
  private:
   bool IsDrained() const;
 
   const UniqueFd mControl;
-  pid_t mProcessId = 0;
+  std::uint32_t mProcessId = 0;
   UniqueFd mData;
   UniqueFd mLosses;
   /// The receive buffer was full. As in the kernel, it takes nothing more until it has been read empty.

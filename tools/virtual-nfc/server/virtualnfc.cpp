@@ -36,9 +36,7 @@ VirtualNfc::VirtualNfc(VirtualNfcSettings settings, std::string address)
   if (!mWake) {
     throw std::runtime_error("cannot make an event descriptor");
   }
-  for (std::uint32_t i = 0; i < mSettings.devices; ++i) {
-    mKernel.AddDevice(i);
-  }
+  mKernel.AddDevice(0);
   mThread = std::thread([this] {
     ::pthread_setname_np(::pthread_self(), "virtual-nfc");
     Run();
@@ -86,14 +84,14 @@ bool VirtualNfc::Unplug(std::uint32_t index) {
 void VirtualNfc::PresentTags(std::vector<Tag> tags, std::chrono::milliseconds hold) {
   const std::lock_guard lock(mMutex);
   // The same time for both, so that a late thread does not change the order of find and removal.
-  const auto now = Timers::Clock::now();
+  const auto now = Clock::now();
   mField = std::move(tags);
   ++mFieldVersion;
   for (const auto& device : mKernel.Devices()) {
     ScheduleDetection(device->Index(), now);
   }
   if (hold.count() > 0) {
-    mTimers.At(now + hold, [this, version = mFieldVersion] {
+    mTimers.emplace(now + hold, [this, version = mFieldVersion] {
       if (mFieldVersion == version) {
         mField.clear();
       }
@@ -129,7 +127,7 @@ bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
 
 void VirtualNfc::ChangeFault(std::uint32_t index, Fault fault, bool on) {
   mKernel.FindDevice(index)->SetFault(fault, on);
-  ScheduleDetection(index, Timers::Clock::now());
+  ScheduleDetection(index, Clock::now());
 }
 
 void VirtualNfc::OverrunEvents() {
@@ -156,7 +154,7 @@ bool VirtualNfc::WaitFor(const std::function<bool(const Status&)>& predicate,
 }
 
 Status VirtualNfc::MakeStatus() const {
-  Status status;
+  Status status = mStatus;
   for (const auto& device : mKernel.Devices()) {
     status.devices.push_back(device->Status());
   }
@@ -166,13 +164,8 @@ Status VirtualNfc::MakeStatus() const {
   for (const auto& [id, socket] : mConnections) {
     status.openSockets += socket->IsOpen() ? 1 : 0;
   }
-  status.listeners = Listeners().size();
-  status.commands = mCommands;
-  status.interrupted = mInterrupted;
-  status.events = mEvents;
   status.commandWaits = mWaiting.has_value();
   status.queued = mWork.size();
-  status.hung = mHung;
   return status;
 }
 
@@ -203,18 +196,18 @@ void VirtualNfc::RemoveDevice(std::uint32_t index) {
   SendEvent(NFC_EVENT_DEVICE_REMOVED, index);
   const auto forget = [this, index] { mKernel.EraseDevice(index); };
   if (staysListed) {
-    mTimers.After(mSettings.removedListing, forget);
+    mTimers.emplace(Clock::now() + mSettings.removedListing, forget);
   } else {
     forget();
   }
 }
 
-void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now) {
+void VirtualNfc::ScheduleDetection(std::uint32_t index, Clock::time_point now) {
   const NfcDevice* polling = mKernel.FindDevice(index);
   if (mField.empty() || !polling->Status().polling) {
     return;
   }
-  mTimers.At(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
+  mTimers.emplace(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
     NfcDevice* device = mKernel.FindDevice(index);
     if (device != nullptr && device->PollId() == poll && device->Detect(mField)) {
       SendEvent(NFC_EVENT_TARGETS_FOUND, index);
@@ -223,7 +216,7 @@ void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_poin
 }
 
 void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
-  ++mEvents[event];
+  ++mStatus.events[event];
   Answer answer{{mKernel.Event(event, device)}};
   if (const auto rule = MatchRule(mRules, {Family::Nfc, event, true, device})) {
     for (const auto& change : rule->changes) {
@@ -249,7 +242,7 @@ void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
 std::vector<std::uint64_t> VirtualNfc::Listeners() const {
   std::vector<std::uint64_t> listeners;
   for (const auto& [id, socket] : mConnections) {
-    if (socket->groups.contains(mSettings.kernel.groupId)) {
+    if (socket->listens) {
       listeners.push_back(id);
     }
   }
@@ -284,8 +277,8 @@ void VirtualNfc::Run() {
       fds.push_back({socket->ControlFd(), POLLIN, 0});
     }
     int timeout = -1;
-    if (const auto next = mTimers.Next()) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Timers::Clock::now());
+    if (!mTimers.empty()) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(mTimers.begin()->first - Clock::now());
       timeout = static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
     }
     lock.unlock();
@@ -294,7 +287,9 @@ void VirtualNfc::Run() {
 
     std::uint64_t ignored = 0;
     (void)!::read(mWake.Get(), &ignored, sizeof(ignored));
-    mTimers.RunDue();
+    for (const auto now = Clock::now(); !mTimers.empty() && mTimers.begin()->first <= now;) {
+      mTimers.extract(mTimers.begin()).mapped()();
+    }
     AcceptConnections();
     ReadConnections();
     WorkOff();

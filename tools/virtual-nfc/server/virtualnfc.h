@@ -25,7 +25,6 @@
 #include "tools/virtual-nfc/kernel/rules.h"
 #include "tools/virtual-nfc/kernel/tag.h"
 #include "tools/virtual-nfc/server/netlinkport.h"
-#include "tools/virtual-nfc/server/timers.h"
 #include "tools/virtual-nfc/server/unixsocket.h"
 
 namespace virtualnfc {
@@ -35,8 +34,6 @@ enum class Traffic { Request, Answer, Event };
 
 struct VirtualNfcSettings {
   KernelSettings kernel = {};
-  /// Devices at the start, numbered from 0.
-  std::uint32_t devices = 1;
   /// From START_POLL, or from presenting a tag, until the chip has found the tag.
   std::chrono::milliseconds detectionDelay{20};
   /// From the close of the socket that owns the poll until the poll ends; 0: at once.
@@ -57,8 +54,6 @@ struct Status {
   /// Labels of the tags in the field.
   std::vector<std::string> tags;
   std::size_t openSockets = 0;
-  /// Sockets that have joined the events group.
-  std::size_t listeners = 0;
   /// Commands of the nfc family received so far, by number, including one that still waits.
   std::array<std::uint32_t, 256> commands{};
   /// How many of them a signal has ended before the chip had answered.
@@ -79,8 +74,8 @@ struct Status {
   std::uint32_t Events(std::uint8_t event) const { return events[event]; }
 };
 
-/// Serves from construction to destruction, on its own thread. Any thread may call any operation at any time,
-/// except from a predicate given to WaitFor. Only WaitFor blocks.
+/// Serves from construction to destruction, on its own thread. Device 0 is plugged in at the start. Any
+/// thread may call any operation at any time, except from a predicate given to WaitFor. Only WaitFor blocks.
 class VirtualNfc {
  public:
   /// @param address where the interposer connects: a path, "@name" for an abstract name, or empty for a new
@@ -132,6 +127,8 @@ class VirtualNfc {
                std::chrono::milliseconds timeout = std::chrono::seconds(60)) const;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   /// A message on its way to the kernel. The reply to the socket's Send comes with its last message.
   struct Work {
     std::uint64_t connection = 0;
@@ -159,20 +156,22 @@ class VirtualNfc {
   /// Takes a datagram that the program has sent to the kernel.
   void Enqueue(std::uint64_t id, ByteView datagram);
   int Bind(std::uint64_t id, std::uint32_t wanted);
-  int Join(std::uint64_t id, std::uint32_t group);
+  int Join(NetlinkPort& socket, std::uint32_t group) const;
   bool IsPortTaken(std::uint32_t port) const;
 
   /// Carries out the lines from virtual-nfc. Releases the lock meanwhile.
   void ServeControl(std::unique_lock<std::mutex>& lock);
   void WorkOff();
   void Begin(Work work);
+  /// A signal ends the wait of this connection's command for the chip.
+  void Interrupt(std::uint64_t id);
   void FinishWaiting(bool interrupted);
 
   void SendEvent(std::uint8_t event, std::uint32_t device);
   void Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   void Multicast(std::uint32_t sender, const Bytes& message);
   void RemoveDevice(std::uint32_t index);
-  void ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now);
+  void ScheduleDetection(std::uint32_t index, Clock::time_point now);
   void ChangeFault(std::uint32_t index, Fault fault, bool on);
   bool IsDeviceThere(std::uint32_t index);
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
@@ -190,7 +189,8 @@ class VirtualNfc {
   mutable std::condition_variable mChanged;
   // Everything below is guarded by mMutex.
   bool mStop = false;
-  Timers mTimers;
+  /// Actions to run later on the server's thread; an action may add others.
+  std::multimap<Clock::time_point, std::function<void()>> mTimers;
   NfcKernel mKernel;
   std::vector<Rule> mRules;
   std::vector<Tag> mField;
@@ -206,12 +206,9 @@ class VirtualNfc {
   std::optional<Waiting> mWaiting;
   std::uint64_t mNextWaiting = 1;
   /// Until then a find waits for the device's lock. A command that takes the lock first waits for ever.
-  std::optional<Timers::Clock::time_point> mFindWaitsUntil;
-  /// mWaiting is never finished.
-  bool mHung = false;
-  std::array<std::uint32_t, 256> mCommands{};
-  std::uint32_t mInterrupted = 0;
-  std::array<std::uint32_t, 256> mEvents{};
+  std::optional<Clock::time_point> mFindWaitsUntil;
+  /// The counts, and whether mWaiting hangs.
+  Status mStatus;
 
   std::thread mThread;
 };

@@ -30,18 +30,18 @@ void VirtualNfc::Begin(Work work) {
   if (occurrence) {
     rule = MatchRule(mRules, *occurrence).value_or(Rule{});
     if (occurrence->family == Family::Nfc) {
-      ++mCommands[occurrence->command];
+      ++mStatus.commands[occurrence->command];
       device = DeviceOf(*occurrence);
     }
   }
   if (rule.unplug && device && NfcKernel::NeedsChip(request)) {
     RemoveDevice(*device);
   }
-  const auto now = Timers::Clock::now();
+  const auto now = Clock::now();
   const bool crosses = rule.cross && mKernel.CanCross(request, connection->second->port);
-  mHung = device && NfcKernel::UsesDevice(request) && mFindWaitsUntil && now < *mFindWaitsUntil;
+  mStatus.hung = device && NfcKernel::UsesDevice(request) && mFindWaitsUntil && now < *mFindWaitsUntil;
   mWaiting = Waiting{std::move(work), std::move(request), std::move(rule), crosses, device, mNextWaiting++};
-  if (mHung) {
+  if (mStatus.hung) {
     return;
   }
   const auto delay = mWaiting->rule.delay + (crosses ? mSettings.crossingWait : 0ms);
@@ -49,11 +49,18 @@ void VirtualNfc::Begin(Work work) {
     FinishWaiting(false);
     return;
   }
-  mTimers.At(now + delay, [this, id = mWaiting->id] {
+  mTimers.emplace(now + delay, [this, id = mWaiting->id] {
     if (mWaiting && mWaiting->id == id) {
       FinishWaiting(false);
     }
   });
+}
+
+void VirtualNfc::Interrupt(std::uint64_t id) {
+  if (mWaiting && mWaiting->work.connection == id && !mStatus.hung &&
+      mKernel.IsInterruptible(mWaiting->request)) {
+    FinishWaiting(true);
+  }
 }
 
 void VirtualNfc::FinishWaiting(bool interrupted) {
@@ -75,7 +82,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
                                                   : mKernel.Handle(request, port);
   const auto occurrence = mKernel.Classify(request);
   if (occurrence && occurrence->family == Family::Nfc) {
-    mInterrupted += result.error == kRestartSys ? 1 : 0;
+    mStatus.interrupted += result.error == kRestartSys ? 1 : 0;
     if (waiting.rule.fault && waiting.device && IsDeviceThere(*waiting.device)) {
       ChangeFault(*waiting.device, *waiting.rule.fault, true);
     }
@@ -85,10 +92,10 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   }
   if (waiting.crosses) {
     mKernel.FindDevice(*waiting.device)->DropFind();
-    mFindWaitsUntil = Timers::Clock::now() + mSettings.crossingPause;
+    mFindWaitsUntil = Clock::now() + mSettings.crossingPause;
   }
   if (result.startedPoll) {
-    ScheduleDetection(*result.startedPoll, Timers::Clock::now());
+    ScheduleDetection(*result.startedPoll, Clock::now());
   }
   // A rule for an event that was sent meanwhile may have closed the connection.
   const auto connection = mConnections.find(waiting.work.connection);

@@ -25,7 +25,7 @@ int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted) {
   if (socket.port == 0) {
     std::uint32_t port = wanted;
     if (wanted == 0) {
-      port = static_cast<std::uint32_t>(socket.ProcessId());
+      port = socket.ProcessId();
       for (std::uint32_t spare = kHighestSparePort; IsPortTaken(port); --spare) {
         port = spare;
       }
@@ -39,14 +39,12 @@ int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted) {
   return 0;
 }
 
-int VirtualNfc::Join(std::uint64_t id, std::uint32_t group) {
-  const bool isKnown = group == kControllerGroupId || group == mSettings.kernel.groupId;
-  const bool isOpen = group == kControllerGroupId || mSettings.kernel.admitsListeners;
-  const int error = !isKnown ? ENOENT : isOpen ? 0 : EPERM;
-  if (error == 0) {
-    mConnections.at(id)->groups.insert(group);
+int VirtualNfc::Join(NetlinkPort& socket, std::uint32_t group) const {
+  if (group == mSettings.kernel.groupId) {
+    socket.listens = mSettings.kernel.admitsListeners;
+    return socket.listens ? 0 : EPERM;
   }
-  return error;
+  return group == kControllerGroupId ? 0 : ENOENT;
 }
 
 void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
@@ -59,7 +57,7 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
   std::copy_n(record.begin(), sizeof(header), reinterpret_cast<std::uint8_t*>(&header));
   switch (header.operation) {
     case wire::Operation::Open:
-      if (socket.Open() != 0) {
+      if (socket.Open(header.argument) != 0) {
         CloseConnection(id);
       }
       return;
@@ -67,17 +65,14 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
       socket.Reply(Bind(id, header.argument));
       return;
     case wire::Operation::Join:
-      socket.Reply(Join(id, header.argument));
+      socket.Reply(Join(socket, header.argument));
       return;
     case wire::Operation::ReceiveBuffer:
       socket.SetReceiveBuffer(header.argument);
       socket.Reply(0);
       return;
     case wire::Operation::Interrupt:
-      if (mWaiting && mWaiting->work.connection == id && !mHung &&
-          mKernel.IsInterruptible(mWaiting->request)) {
-        FinishWaiting(true);
-      }
+      Interrupt(id);
       return;
     case wire::Operation::Send:
       Enqueue(id, ByteView(record).subspan(sizeof(header)));
@@ -122,10 +117,8 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
     return;
   }
   const std::uint32_t port = mConnections.at(id)->port;
-  if (mWaiting && mWaiting->work.connection == id && !mHung && mKernel.IsInterruptible(mWaiting->request)) {
-    // The process was killed while its command waited, which counts as a signal.
-    FinishWaiting(true);
-  }
+  // A process that is killed while its command waits has got a signal.
+  Interrupt(id);
   const auto connection = mConnections.find(id);
   if (connection == mConnections.end()) {
     // A rule for that command has closed the connection.
@@ -136,7 +129,7 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
     ReleasePoll(port);
   } else if (port != 0) {
     mClosedPorts.push_back(port);
-    mTimers.After(mSettings.ownerReleaseDelay, [this, port] { ReleasePoll(port); });
+    mTimers.emplace(Clock::now() + mSettings.ownerReleaseDelay, [this, port] { ReleasePoll(port); });
   }
 }
 

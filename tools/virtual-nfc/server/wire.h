@@ -17,6 +17,7 @@
 namespace virtualnfc::wire {
 
 enum class Operation : std::uint32_t {
+  /// argument: the process id
   Open = 1,
   /// argument: the wanted port or 0
   Bind,
