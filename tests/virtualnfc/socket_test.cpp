@@ -207,7 +207,7 @@ TEST_F(VirtualNfcWaiting, BlocksOtherCommandsButNoEvents) {
   BeginWait(NFC_CMD_START_POLL);
   auto blocked = std::async(std::launch::async, [this] { return mOther.Command(NFC_CMD_UNSPEC); });
   ASSERT_TRUE(Reaches(mKernel, [](const Status& status) { return status.queued == 1; }));
-  mKernel.Plug(1);
+  mKernel.Plug();
   EXPECT_TRUE(mListener.WaitReadable());
   EXPECT_EQ(mListener.Received().at(0).Command(), NFC_EVENT_DEVICE_ADDED);
   EXPECT_EQ(mKernel.GetStatus().Commands(NFC_CMD_UNSPEC), 0U);
@@ -242,10 +242,9 @@ TEST_F(VirtualNfcWaiting, HangsForGoodAfterAFindThatCrossedStopPoll) {
 TEST_F(VirtualNfcWaiting, TimesOutWhenTheDeviceIsUnplugged) {
   // On a slow machine the device is unplugged too late, so each attempt waits longer than the one before.
   std::optional<int> error;
-  for (std::uint32_t device = 0, delay = 300; device < 3 && error != ETIMEDOUT; ++device, delay *= 10) {
-    if (device > 0) {
-      mKernel.Plug(device);
-    }
+  mKernel.Unplug();
+  for (int delay = 300; delay <= 30000 && error != ETIMEDOUT; delay *= 10) {
+    const std::uint32_t device = mKernel.Plug();
     ASSERT_EQ(mWaiter.Command(NFC_CMD_DEV_UP, device), 0);
     mKernel.AddRule("START_POLL times=1 delay=" + std::to_string(delay));
     auto waiting =

@@ -56,14 +56,11 @@ void VirtualNfc::Stop() {
   mConnections.clear();
 }
 
-std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
+std::uint32_t VirtualNfc::Plug() {
   const std::lock_guard lock(mMutex);
-  std::uint32_t number = index.value_or(0);
-  while (!index && mKernel.FindDevice(number) != nullptr) {
+  std::uint32_t number = 0;
+  while (mKernel.FindDevice(number) != nullptr) {
     ++number;
-  }
-  if (mKernel.FindDevice(number) != nullptr) {
-    throw std::invalid_argument(fmt::format("there is a device {} already", number));
   }
   mKernel.AddDevice(number);
   SendEvent(NFC_EVENT_DEVICE_ADDED, number);
@@ -170,8 +167,7 @@ Status VirtualNfc::MakeStatus() const {
 }
 
 void VirtualNfc::Changed() {
-  const std::uint64_t one = 1;
-  (void)!::write(mWake.Get(), &one, sizeof(one));
+  (void)::eventfd_write(mWake.Get(), 1);
   mChanged.notify_all();
 }
 
@@ -253,14 +249,9 @@ void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
   const std::uint32_t group = mSettings.kernel.groupId;
   const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
   for (const std::uint64_t id : Listeners()) {
-    Deliver(id, sender, mask, message);
+    mConnections.at(id)->Deliver(sender, mask, message);
+    Watch(Traffic::Event, message);
   }
-}
-
-void VirtualNfc::Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups,
-                         const Bytes& datagram) {
-  mConnections.at(id)->Deliver(sender, groups, datagram);
-  Watch(groups != 0 ? Traffic::Event : Traffic::Answer, datagram);
 }
 
 void VirtualNfc::Watch(Traffic traffic, ByteView datagram) const {
@@ -285,8 +276,8 @@ void VirtualNfc::Run() {
     ::poll(fds.data(), fds.size(), timeout);
     lock.lock();
 
-    std::uint64_t ignored = 0;
-    (void)!::read(mWake.Get(), &ignored, sizeof(ignored));
+    eventfd_t ignored = 0;
+    (void)::eventfd_read(mWake.Get(), &ignored);
     for (const auto now = Clock::now(); !mTimers.empty() && mTimers.begin()->first <= now;) {
       mTimers.extract(mTimers.begin()).mapped()();
     }

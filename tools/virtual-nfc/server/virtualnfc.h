@@ -92,9 +92,8 @@ class VirtualNfc {
   const std::string& Address() const { return mListener.Address(); }
   const VirtualNfcSettings& Settings() const { return mSettings; }
 
-  /// Plugs in a device with this number, by default the lowest free one.
-  /// @throws std::invalid_argument when the given number is taken
-  std::uint32_t Plug(std::optional<std::uint32_t> index = std::nullopt);
+  /// Plugs in a device with the lowest free number. @returns the number
+  std::uint32_t Plug();
   /// @returns false when there is no such device
   bool Unplug(std::uint32_t index = 0);
 
@@ -168,7 +167,6 @@ class VirtualNfc {
   void FinishWaiting(bool interrupted);
 
   void SendEvent(std::uint8_t event, std::uint32_t device);
-  void Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   void Multicast(std::uint32_t sender, const Bytes& message);
   void RemoveDevice(std::uint32_t index);
   void ScheduleDetection(std::uint32_t index, Clock::time_point now);

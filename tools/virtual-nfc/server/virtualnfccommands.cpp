@@ -106,7 +106,8 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
     change(result.answer);
   }
   for (const Bytes& datagram : PackDatagrams(result.answer.messages)) {
-    Deliver(connection->first, result.answer.sender, 0, datagram);
+    connection->second->Deliver(result.answer.sender, 0, datagram);
+    Watch(Traffic::Answer, datagram);
   }
   if (waiting.work.isLast) {
     connection->second->Reply(0);
