@@ -14,28 +14,6 @@
 
 namespace virtualnfc {
 
-namespace {
-
-/// No signal reaches the thread while this lives.
-class SignalsHeld {
- public:
-  SignalsHeld() {
-    sigset_t all;
-    sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &mBefore);
-  }
-  ~SignalsHeld() { ::pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-  SignalsHeld(const SignalsHeld&) = delete;
-  SignalsHeld& operator=(const SignalsHeld&) = delete;
-
-  const sigset_t& Before() const { return mBefore; }
-
- private:
-  sigset_t mBefore{};
-};
-
-}  // namespace
-
 int Fail(int error) {
   errno = error;
   return -1;
@@ -75,13 +53,14 @@ int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t argument, const 
   message.msg_iov = all.data();
   message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(all.size());
   wire::Reply reply{};
-  bool isAnswered = false;
-  {
-    // A signal that comes between sending and waiting must end the wait as well.
-    const SignalsHeld signals;
-    isAnswered =
-        Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, signals.Before());
-  }
+  // A signal that comes between sending and waiting must end the wait as well, so it is held until then.
+  sigset_t everySignal;
+  sigset_t before;
+  sigfillset(&everySignal);
+  ::pthread_sigmask(SIG_SETMASK, &everySignal, &before);
+  const bool isAnswered =
+      Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, before);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   if (isAnswered) {
     mPort = reply.port;
   }
