@@ -34,11 +34,8 @@ void StationDriver::PlugIn() {
                     [](const DeviceStatus& device) { return device.index == 0 && !device.removed; })) {
       return true;
     }
-    try {
-      return mStation.Kernel().Plug(0) == 0;
-    } catch (const std::invalid_argument&) {
-      return false;  // a reader that has gone keeps its number for some time
-    }
+    // A reader that has gone keeps its number for some time.
+    return devices.empty() && mStation.Kernel().Plug() == 0;
   };
   Require(Eventually(hasReader, kPatience), "a reader can be plugged in");
 }
