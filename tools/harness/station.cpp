@@ -93,7 +93,7 @@ std::string StationOnKernel::Log() const {
 
 std::string StationOnKernel::LogUntilNow() {
   const int level = 1000 + ++mLogMarks;
-  mSupervisor->SetLogLevel(static_cast<ipc::ELogLevel>(level));  // refused with a line
+  mSupervisor->SetLogLevel(level);  // refused with a line
   const auto mark = fmt::format("Log level {} does not exist", level);
   std::string log;
   Eventually([&] {
