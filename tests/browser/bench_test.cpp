@@ -28,7 +28,7 @@ class BenchPage : public DaemonTest {
  protected:
   void SetUp() override {
     WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");
-    mUrl = StartBench({"--port", "0"});
+    mUrl = StartBench();
     StartRfidd();
     mBrowser = std::make_unique<Browser>(mRoot);
     mBrowser->Open(mUrl);
@@ -99,7 +99,7 @@ TEST_F(BenchPage, ACardThatIsTappedShowsItsOutcomeToDriverAndEngineer) {
   Enable();
   EXPECT_THAT(mBrowser->Text("#transition"),
               HasSubstr("Disabled → ExtEnableReq → Enabling → IntEnablingDone → Enabled"));
-  EXPECT_EQ(mBrowser->Run("return document.querySelectorAll('.edge.last').length"), 2);
+  EXPECT_EQ(mBrowser->Run("return document.querySelectorAll('.last .edge').length"), 2);
 
   EXPECT_TRUE(ClickBrings(kKnownCard, "04A12B5C: accepted"));
   EXPECT_TRUE(ComesToHaveShown("lamp accepted"));
@@ -175,7 +175,7 @@ TEST_F(BenchPage, ThePageReportsABenchThatEndsAndFollowsTheNext) {
   EXPECT_EQ(mBench->Wait(), "exit 0");
   EXPECT_TRUE(ComesToShow("#banner"));
   EXPECT_THAT(mBrowser->Text("#banner"), HasSubstr("The bench does not answer"));
-  StartBench({"--port", mUrl.substr(mUrl.rfind(':') + 1, mUrl.size() - mUrl.rfind(':') - 2)});
+  StartBench(mUrl.substr(mUrl.rfind(':') + 1, mUrl.size() - mUrl.rfind(':') - 2));
   EXPECT_TRUE(ComesToShow("#banner", false)) << mBrowser->Text("#banner");
   Enable();
 }
