@@ -1,10 +1,12 @@
-// The state machine's diagram: the nodes stand where layout.js puts them, the edges are the machine's own.
+// The state machine's diagram: the nodes stand where layout.js puts them, the edges are those of the machine's own text.
 import { layout } from '/layout.js';
-import { machine } from '/machine.js';
 
-// Reactions that lead to another state.
-const edges = machine.transitions.map(({ from, to, event }) => [from, to, event]);
-const { initial, last, anyState } = machine;
+const machine = await (await fetch('/statemachine.mmd')).text();
+// Reactions that lead to another state. "AnyState" stands for the states that have no reaction of their own.
+const edges = [...machine.matchAll(/^ +(\w+) --> (\w+) : (\w+)$/gm)].map(([, from, to, event]) => [from, to, event]);
+const initial = /\[\*\] --> (\w+)/.exec(machine)[1];
+const last = /(\w+) --> \[\*\]/.exec(machine)[1];
+const anyState = 'AnyState';
 const [width, height] = layout.box;
 const reaches = { Start: [8, 8], [last]: [15, 15] };  // of the nodes that are no boxes
 
