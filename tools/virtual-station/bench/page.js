@@ -51,14 +51,13 @@ function present(card) {
   return request(card.kind ? { do: 'tap', kind: card.kind, uid: card.uid } : { do: 'inject', uid: card.uid }, true);
 }
 
-for (const [index, card] of cards.entries()) {
-  const button = make('button', { type: 'button', className: 'card', draggable: true },
+for (const card of cards) {
+  const button = make('button', { type: 'button', className: 'card' },
     make('b', { textContent: card.name }), make('code', { textContent: card.uid }),
     make('small', { textContent: card.about }));
   button.style.setProperty('--card', card.colour);
   button.dataset.uid = card.uid;
   button.addEventListener('click', () => present(card));
-  button.addEventListener('dragstart', event => event.dataTransfer.setData('application/x-card', String(index)));
   const item = make('li', {}, button);
   if (card.kind && card.kind !== 'felica') {
     const permit = make('button', { type: 'button', className: 'permit' });
@@ -69,21 +68,6 @@ for (const [index, card] of cards.entries()) {
   }
   find('deck').append(item);
 }
-
-const zone = find('post');
-const isCard = event => event.dataTransfer.types.includes('application/x-card');
-zone.addEventListener('dragover', event => {
-  if (!isCard(event)) return;
-  event.preventDefault();
-  zone.classList.add('over');
-});
-zone.addEventListener('dragleave', () => zone.classList.remove('over'));
-zone.addEventListener('drop', event => {
-  zone.classList.remove('over');
-  if (!isCard(event)) return;
-  event.preventDefault();
-  present(cards[Number(event.dataTransfer.getData('application/x-card'))]);
-});
 
 for (const button of document.querySelectorAll('[data-do]')) {
   button.addEventListener('click', async () => {
