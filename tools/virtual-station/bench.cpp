@@ -192,7 +192,7 @@ BenchAnswer Bench::SetMode(const std::string& mode, bool on) {
 /// Taps the card, or injects one without a kind.
 BenchAnswer Bench::Present(const std::string& uid, const std::string& kind) {
   const auto card = mModel.OnCardPresented(uid, kind, std::chrono::steady_clock::now());
-  const auto answer =
+  auto answer =
       kind.empty() ? ToBenchAnswer(mDaemon.Inject(uid), uid + " was injected.")
                    : AskReader("tap " + uid + " --tech " + kind + " --hold 0.7", uid + " is at the reader.");
   if (!answer.done) {

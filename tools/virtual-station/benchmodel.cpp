@@ -56,7 +56,7 @@ BenchModel::BenchModel() {
 
 void BenchModel::Change() {
   ++mRevision;
-  mPage["there"] = mOpen.size() == 2 && mPage["state"] != "";
+  mPage["there"] = mOpen.size() == 2 && !mPage["state"].asString().empty();
 }
 
 void BenchModel::Append(const char* list, Json::Value entry) {
@@ -79,7 +79,7 @@ void BenchModel::OnStreamEnd(EStream stream, const std::string& reason) {
   const std::lock_guard lock(mMutex);
   mOpen.erase(stream);
   mPage["reason"] = reason;
-  if (stream == EStream::States && mPage["state"] != "") {
+  if (stream == EStream::States && !mPage["state"].asString().empty()) {
     AppendTransition("");
   }
   // A daemon that comes back has forgotten the learning mode and the cards.
