@@ -4,7 +4,7 @@
 set -euo pipefail
 demo=$1 programs=$2
 folder=$(mktemp -d "${TMPDIR:-/tmp}/rfid-stay.XXXXXX")
-root=$folder/station
+export TMPDIR=$folder
 jobs=() # process ids
 
 cleanUp() {
@@ -69,7 +69,7 @@ answers() { # http://HOST:PORT/
   [[ $line == *' 200 '* ]]
 }
 
-"$demo" --stay --programs "$programs" --root "$root" >"$folder/demo.out" 2>&1 &
+"$demo" --stay --programs "$programs" >"$folder/demo.out" 2>&1 &
 stayer=$!
 jobs+=("$stayer")
 await 'end of what the demo prints' grep -q '^Ctrl-C ends' "$folder/demo.out"

@@ -2,14 +2,12 @@
 #include <httplib.h>
 #include <json/json.h>
 
-#include <filesystem>
-#include <fstream>
-#include <thread>
+#include <algorithm>
+#include <sstream>
 
 #include "src/components/rfidhsm.h"
 #include "tools/virtual-station/benchmodel.h"
 #include "tools/virtual-station/benchserver.h"
-#include "tools/virtual-station/logtail.h"
 
 using ::testing::ElementsAre;
 
@@ -18,7 +16,7 @@ namespace {
 const BenchModel::TimePoint kNow{};
 
 std::vector<std::string> Outcomes(const BenchModel& model) {
-  const Json::Value news = model.NewsSince(0, 0);
+  const Json::Value news = model.NewsSince(0);
   std::vector<std::string> outcomes;
   for (const auto& card : news["snapshot"]["cards"]) {
     outcomes.push_back(card["uid"].asString() + " " + card["outcome"].asString());
@@ -34,7 +32,7 @@ void Report(BenchModel& model, const std::string& uid, ipc::ERfidAuthState state
 }
 
 bool Is(const BenchModel& model, const char* what) {
-  return model.NewsSince(0, 0)["snapshot"][what].asBool();
+  return model.NewsSince(0)["snapshot"][what].asBool();
 }
 
 /// A server that stores its requests.
@@ -105,7 +103,7 @@ TEST(BenchModel, ACardThatIsOnlyScannedIsAnsweredWhileChargingIsFree) {
   BenchModel model;
   Json::Value settings;
   settings["free"] = true;
-  model.SetSettings(settings);
+  model.Set("settings", settings);
   model.OnCardPresented("11223344", "mifare", kNow);
   model.OnFeedback(ipc::EFbTokenScanned);
   EXPECT_THAT(Outcomes(model), ElementsAre("11223344 free"));
@@ -119,7 +117,7 @@ TEST(BenchModel, TheDaemonIsThereWhileBothStreamsAreOpen) {
   model.OnStreamOpen(BenchModel::EStream::Cards);
   EXPECT_TRUE(Is(model, "there"));
   model.OnCardPresented("11223344", "mifare", kNow);
-  model.SetLearning(true);
+  model.Set("learning", true);
   model.OnStreamEnd(BenchModel::EStream::Cards, "Socket closed");
   EXPECT_FALSE(Is(model, "there"));
   EXPECT_FALSE(Is(model, "learning"));
@@ -128,34 +126,27 @@ TEST(BenchModel, TheDaemonIsThereWhileBothStreamsAreOpen) {
 
 TEST(BenchModel, APageGetsWhatIsNewToIt) {
   BenchModel model;
-  model.OnLogLines(std::vector<std::string>(1000, "old"));
-  const auto before = model.NewsSince(0, 0);
-  EXPECT_EQ(before["lines"].size(), 300U);
-  model.OnLogLines({"new"});
-  const auto news = model.NewsSince(before["revision"].asUInt64(), before["line"].asUInt64());
-  ASSERT_EQ(news["lines"].size(), 1U);
-  EXPECT_EQ(news["lines"][0], "new");
-  EXPECT_FALSE(news.isMember("snapshot"));
-  const auto ofAnotherBench = model.NewsSince(77, 7777);
-  EXPECT_EQ(ofAnotherBench["lines"].size(), 300U);
-  EXPECT_TRUE(ofAnotherBench.isMember("snapshot"));
+  model.Set("log", "old");
+  const auto revision = model.NewsSince(0)["revision"].asUInt64();
+  model.Set("log", "old");
+  EXPECT_FALSE(model.NewsSince(revision).isMember("snapshot"));
+  model.Set("log", "new");
+  EXPECT_EQ(model.NewsSince(revision)["snapshot"]["log"], "new");
 }
 
-TEST(BenchPage, EveryStateHasItsPlaceInBothLayouts) {
+TEST(BenchPage, EveryStateHasItsPlaceInTheDiagram) {
   const auto files = PageFiles();
   const auto file =
       std::find_if(files.begin(), files.end(), [](const PageFile& one) { return one.path == "/layout.js"; });
   ASSERT_NE(file, files.end());
   const std::string text(file->content.substr(file->content.find('{')));
-  Json::Value layouts;
-  std::istringstream(text) >> layouts;
+  Json::Value layout;
+  std::istringstream(text) >> layout;
   std::vector<std::string> states{"Start", "AnyState"};
   for (const auto& leaf : CRfidHsm::Definition().leaves) {
     states.emplace_back(leaf.name);
   }
-  for (const char* form : {"wide", "narrow"}) {
-    EXPECT_THAT(layouts[form]["at"].getMemberNames(), ::testing::UnorderedElementsAreArray(states)) << form;
-  }
+  EXPECT_THAT(layout["at"].getMemberNames(), ::testing::UnorderedElementsAreArray(states));
 }
 
 TEST_F(Server, TakesRequestsFromItsOwnPageAndFromNoOther) {
@@ -202,22 +193,4 @@ TEST_F(Server, RefusesMalformedRequests) {
 TEST_F(Server, RefusesAPortThatIsInUse) {
   const int port = std::stoi(mHost.substr(10));
   EXPECT_THROW(BenchServer(mModel, {}, port), std::runtime_error);
-}
-
-TEST(LogTail, FollowsAFileThatGrowsIsTruncatedAndReplaced) {
-  std::string name = std::filesystem::temp_directory_path() / "logtail-XXXXXX";
-  const std::filesystem::path folder = mkdtemp(name.data());
-  const auto file = folder / "log";
-  LogTail tail(file);
-  EXPECT_TRUE(tail.Read().empty());
-  std::ofstream(file) << "one\ntw";
-  EXPECT_THAT(tail.Read(), ElementsAre("one"));
-  std::ofstream(file, std::ios::app) << "o\n\x1b[31mred\x1b[0m\x1b]0;title\x07\n";
-  EXPECT_THAT(tail.Read(), ElementsAre("two", "red\\x1b]0;title\\x07"));
-  std::ofstream(file) << "new\n";
-  EXPECT_THAT(tail.Read(), ElementsAre("new"));
-  std::ofstream(folder / "other") << "replaced\n" << std::string(100000, 'x') << "\nlast\n";
-  std::filesystem::rename(folder / "other", file);
-  EXPECT_THAT(tail.Read(), ElementsAre("last"));
-  std::filesystem::remove_all(folder);
 }

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <regex>
 
 #include "tools/common/commandline.h"
 #include "tools/common/tail.h"
@@ -15,27 +16,12 @@ namespace fs = std::filesystem;
 
 constexpr int kInterruptedStatus = 130;
 
-fs::path MakeRoot(const fs::path& wanted) {
-  if (wanted.empty()) {
-    return NewFolder("rfid-demo");
-  }
-  fs::create_directories(wanted);
-  if (!fs::is_empty(wanted)) {
-    throw std::runtime_error(wanted.string() + " is not an empty folder");
-  }
-  return fs::absolute(wanted).lexically_normal();
-}
-
 /// The word, quoted for the shell where necessary.
-std::string Quoted(std::string word) {
+std::string Quoted(const std::string& word) {
   constexpr const char* kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-+./:=@,";
-  if (word.find_first_not_of(kPlain) == std::string::npos) {
-    return word;
-  }
-  for (size_t at = 0; (at = word.find('\'', at)) != std::string::npos; at += 4) {
-    word.replace(at, 1, "'\\''");
-  }
-  return "'" + word + "'";
+  return word.find_first_not_of(kPlain) == std::string::npos
+             ? word
+             : "'" + std::regex_replace(word, std::regex("'"), "'\\''") + "'";
 }
 
 void PrintWhatToTry(Narrator& narrator, const Station& station, const std::string& page) {
@@ -93,10 +79,10 @@ void Stay(Station& station, Narrator& narrator, const StopSignals& signals) {
   narrator.Say("\nThe daemon ended with " + station.EndDaemon());
 }
 
-int Run(const fs::path& root, bool stays) {
+int Run(bool stays) {
   const StopSignals signals;
   Narrator narrator;
-  Station station(MakeRoot(root), {}, kOwnSession);
+  Station station(NewFolder("rfid-demo"), {}, kOwnSession);
   station.KeepFolder();
   station.WriteFile("hub/rfid_standalone.json", R"({"Tokens": [{"RfidTokenUid": "04A12B5C"}]})");
   narrator.Say("The station is in " + station.Folder().string());
@@ -121,16 +107,14 @@ int Run(const fs::path& root, bool stays) {
 
 int RunCommandLine(int argc, char** argv) {
   bool stays = false;
-  fs::path root;
   CLI::App app("Shows the daemon's main job with a simulated reader, and checks every step.", "rfid-demo");
   SetUpTool(app);
   app.add_flag("--stay", stays, "Stop at a daemon that reads cards, print what to try, and run until Ctrl-C");
-  app.add_option("--root", root, "The folder, new or empty. Default: a new one for temporary files");
   app.footer("Exit status: 0 every check held, 1 one did not, 2 the command line cannot be understood.");
   if (const auto status = ParseCommandLine(app, argc, argv)) {
     return *status;
   }
-  return Run(root, stays);
+  return Run(stays);
 }
 
 }  // namespace

@@ -150,34 +150,16 @@ std::string ToMermaid(const Definition& machine) {
   return text + fmt::format("  {} --> [*]\n", drawing.last);
 }
 
-/// A JavaScript module: machine = {"initial": STATE, "last": STATE, "anyState": STATE, "transitions":
-/// [{"from": STATE, "to": STATE, "event": NAME}...]}. "anyState" stands for the states that have no reaction
-/// of their own.
-std::string ToJavaScript(const Definition& machine) {
-  const Drawing drawing = Draw(machine);
-  std::string transitions;
-  for (const auto& arrow : drawing.arrows) {
-    transitions +=
-        fmt::format("    {{ from: '{}', to: '{}', event: '{}' }},\n", arrow.from, arrow.to, arrow.event);
-  }
-  return fmt::format(
-      "// Generated from the state machine's table.\n"
-      "export const machine = {{ initial: '{}', last: '{}', anyState: '{}',\n  transitions: [\n{}  ] }};\n",
-      drawing.initial, drawing.last, kAnyState, transitions);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string_view form = argc == 2 ? argv[1] : "";
-  if (form != "dot" && form != "mermaid" && form != "javascript") {
-    std::fputs("usage: rfid-diagram dot|mermaid|javascript\n", stderr);
+  if (form != "dot" && form != "mermaid") {
+    std::fputs("usage: rfid-diagram dot|mermaid\n", stderr);
     return 2;
   }
   const auto& machine = CRfidHsm::Definition();
-  const std::string text = form == "dot"       ? ToDot(machine)
-                           : form == "mermaid" ? ToMermaid(machine)
-                                               : ToJavaScript(machine);
+  const std::string text = form == "dot" ? ToDot(machine) : ToMermaid(machine);
   if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
     std::perror("rfid-diagram: cannot write");
     return 1;

@@ -80,61 +80,33 @@ void Browser::Open(const std::string& url) {
   Ask("POST", "/session/" + mSession + "/url", Object("url", url));
 }
 
-Json::Value Browser::Run(const std::string& script) {
+Json::Value Browser::Run(const std::string& script, const std::string& argument) {
   Json::Value body = Object("script", script);
-  body["args"] = Json::Value(Json::arrayValue);
+  body["args"].append(argument);
   return Ask("POST", "/session/" + mSession + "/execute/sync", body);
 }
 
-Json::Value Browser::Element(const std::string& selector) {
+std::string Browser::Element(const std::string& selector) {
   Json::Value body = Object("using", "css selector");
   body["value"] = selector;
-  return Ask("POST", "/session/" + mSession + "/element", body);
+  const auto path = "/session/" + mSession + "/element";
+  return path + "/" + Ask("POST", path, body)[kElementKey].asString();
 }
 
 void Browser::Click(const std::string& selector) {
-  Ask("POST", "/session/" + mSession + "/element/" + Element(selector)[kElementKey].asString() + "/click",
-      Json::Value(Json::objectValue));
+  Ask("POST", Element(selector) + "/click", Json::Value(Json::objectValue));
 }
 
 void Browser::Type(const std::string& selector, const std::string& keys) {
-  Ask("POST", "/session/" + mSession + "/element/" + Element(selector)[kElementKey].asString() + "/value",
-      Object("text", keys));
-}
-
-void Browser::Drag(const std::string& from, const std::string& to) {
-  Json::Value pointer = Object("type", "pointer");
-  pointer["id"] = "mouse";
-  const auto add = [&pointer](const char* type, const Json::Value& origin) {
-    Json::Value action = Object("type", type);
-    if (origin.isNull()) {
-      action["button"] = 0;
-    } else {
-      action["origin"] = origin;
-      action["duration"] = 100;
-      action["x"] = action["y"] = 0;
-    }
-    pointer["actions"].append(action);
-  };
-  add("pointerMove", Element(from));
-  add("pointerDown", {});
-  add("pointerMove", Element(to));
-  add("pointerUp", {});
-  Json::Value actions(Json::arrayValue);
-  actions.append(pointer);
-  Ask("POST", "/session/" + mSession + "/actions", Object("actions", actions));
+  Ask("POST", Element(selector) + "/value", Object("text", keys));
 }
 
 bool Browser::Shows(const std::string& selector) {
-  Json::Value body =
-      Object("script", "const e = document.querySelector(arguments[0]); return !!e && e.checkVisibility();");
-  body["args"].append(selector);
-  return Ask("POST", "/session/" + mSession + "/execute/sync", body).asBool();
+  return Run("const e = document.querySelector(arguments[0]); return !!e && e.checkVisibility();", selector)
+      .asBool();
 }
 
 std::string Browser::Text(const std::string& selector) {
-  Json::Value body =
-      Object("script", "return document.querySelector(arguments[0])?.textContent ?? '(no such element)';");
-  body["args"].append(selector);
-  return Ask("POST", "/session/" + mSession + "/execute/sync", body).asString();
+  return Run("return document.querySelector(arguments[0])?.textContent ?? '(no such element)';", selector)
+      .asString();
 }

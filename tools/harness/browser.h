@@ -20,14 +20,13 @@ class Browser {
 
   void Open(const std::string& url);
 
-  /// Runs the script, the body of a function, and returns its result.
-  Json::Value Run(const std::string& script);
+  /// Runs the script, the body of a function, which finds the argument in arguments[0]. Returns its result.
+  Json::Value Run(const std::string& script, const std::string& argument = {});
 
   /// Clicks as a person does: scrolls to the element, which must not be covered.
   void Click(const std::string& selector);
   /// Focuses the element and types; "\uE007" is Enter.
   void Type(const std::string& selector, const std::string& keys);
-  void Drag(const std::string& from, const std::string& to);
 
   /// Whether the element is visible; its text.
   bool Shows(const std::string& selector);
@@ -35,7 +34,7 @@ class Browser {
 
  private:
   Json::Value Ask(const std::string& method, const std::string& path, const Json::Value& body = {});
-  Json::Value Element(const std::string& selector);
+  std::string Element(const std::string& selector);  ///< its path for Ask
 
   std::unique_ptr<Process> mDriver;
   std::string mAddress;

@@ -26,25 +26,16 @@ size_t CountEntries(const std::string& folder) {
 Process::Process(const std::vector<std::string>& command,
                  const std::map<std::string, std::string>& environment, const std::string& outputFile,
                  const std::string& errorFile) {
-  std::vector<std::string> variables;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    const std::string text = *variable;
-    if (!environment.contains(text.substr(0, text.find('=')))) {
-      variables.push_back(text);
-    }
-  }
+  std::vector<std::string> words{"/usr/bin/env"};  // becomes the command, which keeps the process id
   for (const auto& [name, value] : environment) {
-    variables.push_back(fmt::format("{}={}", name, value));
+    words.push_back(fmt::format("{}={}", name, value));
   }
-  const auto pointers = [](const std::vector<std::string>& texts) {
-    std::vector<char*> result;
-    result.reserve(texts.size() + 1);
-    for (const auto& text : texts) {
-      result.push_back(const_cast<char*>(text.c_str()));
-    }
-    result.push_back(nullptr);
-    return result;
-  };
+  words.insert(words.end(), command.begin(), command.end());
+  std::vector<char*> arguments;
+  for (auto& word : words) {
+    arguments.push_back(word.data());
+  }
+  arguments.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
@@ -61,8 +52,7 @@ Process::Process(const std::vector<std::string>& command,
   sigfillset(&all);
   posix_spawnattr_setsigdefault(&attributes, &all);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  const int error = posix_spawn(&mPid, command.front().c_str(), &actions, &attributes,
-                                pointers(command).data(), pointers(variables).data());
+  const int error = posix_spawn(&mPid, arguments.front(), &actions, &attributes, arguments.data(), environ);
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) {

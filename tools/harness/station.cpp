@@ -93,7 +93,7 @@ std::string StationOnKernel::Log() const {
 
 std::string StationOnKernel::LogUntilNow() {
   const int level = 1000 + ++mLogMarks;
-  mSupervisor->SetLogLevel(static_cast<ipc::ELogLevel>(level));  // refused with a line
+  mSupervisor->SetLogLevel(level);  // refused with a line
   const auto mark = fmt::format("Log level {} does not exist", level);
   std::string log;
   Eventually([&] {
@@ -129,13 +129,12 @@ std::map<std::string, std::string> Station::DaemonEnvironment() const {
       {"ASAN_OPTIONS", (options == nullptr ? "" : std::string(options) + ":") + "verify_asan_link_order=0"}};
 }
 
-std::string Station::StartBench(const std::vector<std::string>& options) {
+std::string Station::StartBench(const std::string& port) {
   StopPeers();
   mBench.reset();
   auto command = mLauncher;
   command.insert(command.end(), {mPrograms / "virtual-station", "--root", mRoot, "bench", "--nfc",
-                                 Path("nfc.sock"), "--log", Path("log")});
-  command.insert(command.end(), options.begin(), options.end());
+                                 Path("nfc.sock"), "--log", Path("log"), "--port", port});
   mBench = std::make_unique<Process>(command, std::map<std::string, std::string>{}, Path("bench.url"),
                                      Path("bench.log"));
   std::string url;

@@ -104,7 +104,7 @@ class Station : public StationOnKernel {
 
   /// Runs virtual-station's bench in place of the peers. Returns the address of its page. Throws
   /// std::runtime_error with the bench's output when it does not start.
-  std::string StartBench(const std::vector<std::string>& options = {});
+  std::string StartBench(const std::string& port = "0");
 
   virtualnfc::VirtualNfc& Kernel() { return *mKernel; }
 

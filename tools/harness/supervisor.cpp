@@ -9,27 +9,8 @@
 #include "tools/common/channel.h"
 #include "tools/common/texts.h"
 
-namespace {
-
-template <typename Call>
-std::string Ask(Call call) {
-  grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + kLongestWait);
-  context.set_wait_for_ready(true);
-  ipc::MResult result;
-  const grpc::Status status = call(context, result);
-  if (!status.ok()) {
-    return "status " + std::to_string(status.error_code()) + ": " + status.error_message();
-  }
-  return result.result() == ipc::EResultOk ? "Ok" : "Illegal";
-}
-
-}  // namespace
-
 Supervisor::Supervisor(const std::string& address)
-    : mControl(ipc::GenericControl::NewStub(OpenChannel(address, kControlService))),
-      mRfid(ipc::Rfid::NewStub(OpenChannel(address, kRfidService))),
-      mLogConfig(ipc::LogConfig::NewStub(OpenChannel(address, kLogService))),
+    : mDaemon(address, kLongestWait, true),
       mStates(
           OpenChannel(address, kControlService),
           [this](const auto& notification) {
@@ -46,31 +27,11 @@ Supervisor::Supervisor(const std::string& address)
           },
           [this](const auto&) { Add("tokens ended"); }, [this] { Add("listening"); }, true) {}
 
-std::string Supervisor::Enable() {
-  return Ask([this](auto& context, auto& result) { return mControl->Enable(&context, {}, &result); });
-}
-
-std::string Supervisor::Disable() {
-  return Ask([this](auto& context, auto& result) { return mControl->Disable(&context, {}, &result); });
-}
-
-std::string Supervisor::Learning(bool enable) {
-  ipc::MEnableLearning request;
-  request.set_enable(enable);
-  return Ask([&](auto& context, auto& result) { return mRfid->EnableLearning(&context, request, &result); });
-}
-
-std::string Supervisor::Inject(const std::string& uid) {
-  ipc::MInjectToken request;
-  request.set_uid(uid);
-  return Ask([&](auto& context, auto& result) { return mRfid->InjectToken(&context, request, &result); });
-}
-
-std::string Supervisor::SetLogLevel(ipc::ELogLevel level) {
-  ipc::MLogLevel request;
-  request.set_level(level);
-  return Ask(
-      [&](auto& context, auto& result) { return mLogConfig->SetLogLevel(&context, request, &result); });
+std::string Supervisor::Text(const Answer& answer) {
+  return answer.IsOk()        ? "Ok"
+         : answer.status.ok() ? "Illegal"
+                              : fmt::format("status {}: {}", static_cast<int>(answer.status.error_code()),
+                                            answer.status.error_message());
 }
 
 std::vector<std::string> Supervisor::Notified(bool withAlive) const {

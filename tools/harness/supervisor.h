@@ -1,17 +1,12 @@
 #pragma once
 
-#include <grpcpp/grpcpp.h>
-
 #include <chrono>
 #include <condition_variable>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "ipc/generic_control.grpc.pb.h"
-#include "ipc/log_config.grpc.pb.h"
-#include "ipc/rfid.grpc.pb.h"
+#include "tools/common/daemonclient.h"
 #include "tools/common/eventually.h"
 #include "tools/common/subscriber.h"
 
@@ -25,12 +20,12 @@ class Supervisor {
   Supervisor(const Supervisor&) = delete;
   Supervisor& operator=(const Supervisor&) = delete;
 
-  /// "Ok", "Illegal", or the name of the status that the call ended with.
-  std::string Enable();
-  std::string Disable();
-  std::string Learning(bool enable);
-  std::string Inject(const std::string& uid);
-  std::string SetLogLevel(ipc::ELogLevel level);
+  /// "Ok", "Illegal", or the status that the call ended with.
+  std::string Enable() { return Text(mDaemon.Enable()); }
+  std::string Disable() { return Text(mDaemon.Disable()); }
+  std::string Learning(bool on) { return Text(mDaemon.SetLearning(on)); }
+  std::string Inject(const std::string& uid) { return Text(mDaemon.Inject(uid)); }
+  std::string SetLogLevel(int level) { return Text(mDaemon.SetLogLevel(level)); }
 
   /// What was notified since the last Clear, as text: "Enabled", "alive", "token 04A1B2C3 ERfidUidNotInList",
   /// "learning 04A1B2C3", "listening" when the subscription to tokens is confirmed; "states ended with status
@@ -42,11 +37,10 @@ class Supervisor {
                std::chrono::seconds limit = kLongestWait) const;
 
  private:
+  static std::string Text(const Answer& answer);
   void Add(const std::string& what);
 
-  std::unique_ptr<ipc::GenericControl::Stub> mControl;
-  std::unique_ptr<ipc::Rfid::Stub> mRfid;
-  std::unique_ptr<ipc::LogConfig::Stub> mLogConfig;
+  DaemonClient mDaemon;
   mutable std::mutex mMutex;
   mutable std::condition_variable mArrived;
   std::vector<std::string> mNotified;

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tools/common/daemonclient.h"
 
 constexpr const char* kTool = "rfidctl";
 
@@ -25,17 +28,13 @@ struct Daemon {
   std::string who = "daemon";  ///< for people
 };
 
-/// The commands that make one request. Each blocks until the daemon has answered, a minute at most, and
-/// prints the answer. Throws Unreachable, and std::runtime_error when the request is refused before the
-/// daemon sees it.
-EExit PrintState(const Daemon& daemon);
-EExit Enable(const Daemon& daemon);
-EExit Disable(const Daemon& daemon);
-EExit SetLearning(const Daemon& daemon, bool on);
-EExit InjectToken(const Daemon& daemon, const std::string& uid);
-EExit PrintLogLevel(const Daemon& daemon);
-EExit SetLogLevel(const Daemon& daemon, const std::string& level);  ///< one of kLogLevels
+// The commands that make one request. Each blocks until it is answered, a minute at most, and prints the
+// answer. Throws Unreachable, and std::runtime_error when the request is refused before the daemon sees it.
 
+/// Makes a request that the daemon carries out or refuses.
+EExit Request(const Daemon& daemon, const std::function<Answer(DaemonClient&)>& request);
+EExit PrintState(const Daemon& daemon);
+EExit PrintLogLevel(const Daemon& daemon);
 /// Prints a line for each signal that the diagnostics service at `diagnostics.address` lists.
 EExit PrintSignals(const Daemon& diagnostics);
 

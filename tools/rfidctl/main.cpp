@@ -65,13 +65,18 @@ void AddCommands(CLI::App& app, Options& options) {
     });
   };
   add("state", "Print the daemon's state", PrintState);
-  add("enable", "Start reading cards", Enable);
-  add("disable", "Stop reading cards; the first one completes the daemon's start-up", Disable);
-  AddSwitch(add("learning", "Notify cards as learning tokens instead of authorising them",
-                [&](const Daemon& daemon) { return SetLearning(daemon, options.on); }),
+  const auto addRequest = [&](const char* name, const char* description,
+                              const std::function<Answer(DaemonClient&)>& request) -> CLI::App& {
+    return add(name, description, [request](const Daemon& daemon) { return Request(daemon, request); });
+  };
+  addRequest("enable", "Start reading cards", &DaemonClient::Enable);
+  addRequest("disable", "Stop reading cards; the first one completes the daemon's start-up",
+             &DaemonClient::Disable);
+  AddSwitch(addRequest("learning", "Notify cards as learning tokens instead of authorising them",
+                       [&](DaemonClient& daemon) { return daemon.SetLearning(options.on); }),
             options.on);
-  add("inject", "Simulate a card at the reader; this can start a charge",
-      [&](const Daemon& daemon) { return InjectToken(daemon, options.uid); })
+  addRequest("inject", "Simulate a card at the reader; this can start a charge",
+             [&](DaemonClient& daemon) { return daemon.Inject(options.uid); })
       .add_option("UID", options.uid, "Hexadecimal, 8 to 16 digits; the daemon judges it")
       ->required()
       ->check(CheckText);
@@ -93,7 +98,11 @@ void AddCommands(CLI::App& app, Options& options) {
 
   add("log-level", "Print the daemon's log level, or change it",
       [&](const Daemon& daemon) {
-        return options.level.empty() ? PrintLogLevel(daemon) : SetLogLevel(daemon, options.level);
+        const auto number =
+            std::find(kLogLevels.begin(), kLogLevels.end(), options.level) - kLogLevels.begin();
+        return options.level.empty() ? PrintLogLevel(daemon) : Request(daemon, [&](DaemonClient& client) {
+          return client.SetLogLevel(static_cast<int>(number));
+        });
       })
       .add_option("LEVEL", options.level)
       ->check(CLI::IsMember(kLogLevels));

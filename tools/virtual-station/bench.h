@@ -1,24 +1,17 @@
 #pragma once
 
-#include <grpcpp/grpcpp.h>
 #include <json/value.h>
 
-#include <condition_variable>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 
 #include "framework/rpcconfig.h"
 #include "ipc/generic_control.grpc.pb.h"
 #include "ipc/rfid.grpc.pb.h"
+#include "tools/common/daemonclient.h"
 #include "tools/common/subscriber.h"
 #include "tools/virtual-station/benchmodel.h"
-#include "tools/virtual-station/logtail.h"
-#include "tools/virtual-station/sectionfile.h"
+#include "tools/virtual-station/configuration.h"
 #include "tools/virtual-station/virtualstation.h"
 
 /// The paths and addresses that a bench needs.
@@ -34,17 +27,13 @@ struct BenchSettings {
 /// Threads: any. The bench puts everything that it sees into Model().
 class Bench {
  public:
-  /// Starts watching. The daemon and the simulated reader may come later. If another program has the
-  /// addresses of Feedback and Diagnostics, the bench works without them and the model's notice says so.
+  /// Starts watching. The daemon and the simulated reader may come later. Throws std::runtime_error if it
+  /// cannot serve Feedback and Diagnostics.
   explicit Bench(BenchSettings settings);
-  ~Bench();
   Bench(const Bench&) = delete;
   Bench& operator=(const Bench&) = delete;
 
-  BenchModel& Model() { return mModel; }
-
-  /// Why Feedback and Diagnostics are not served; empty when they are.
-  const std::string& PeersProblem() const { return mPeersProblem; }
+  const BenchModel& Model() const { return mModel; }
 
   /// Carries out a request of the page: {"do": "enable" | "disable" | "plug" | "unplug" | "fault"}, {"do":
   /// "learning" | "ocpp" | "free", "on": B}, {"do": "tap", "kind": K, "uid": U}, {"do": "inject", "uid": U},
@@ -53,40 +42,27 @@ class Bench {
   BenchAnswer Do(const Json::Value& request);
 
   /// Cancels the requests in progress.
-  void Stop();
+  void Stop() { mDaemon.Cancel(); }
 
  private:
   BenchAnswer Carry(const Json::Value& request);
-  BenchAnswer SetLearning(bool on);
-  BenchAnswer Tap(const std::string& kind, const std::string& uid);
-  BenchAnswer Inject(const std::string& uid);
-  BenchAnswer AskReader(const std::string& line, const std::string& done);
-  BenchAnswer Ask(const std::function<grpc::Status(grpc::ClientContext&, ipc::MResult&)>& call,
-                  const std::string& done, const std::string& refusal);
-  void ServePeers();
-  void Subscribe();
-  void Look();
-  void LookAtReader();
-  void LookAtSettings();
-  void WatchFiles();
+  BenchAnswer SetMode(const std::string& mode, bool on);
+  BenchAnswer Present(const std::string& uid, const std::string& kind);
+  BenchAnswer AskReader(const std::string& line, const std::string& done) const;
+  void OnFeedbackOrSignal(const VirtualStation::Call& call);
+  void OnToken(const ipc::MRfidNotification& notification);
+  void OnState(const ipc::MGenericControlNotification& notification);
+  void Watch(const std::stop_token& stop);
+  Json::Value Reader() const;
+  Json::Value Settings() const;
 
   const BenchSettings mSettings;
+  const Configuration mConfiguration;
   BenchModel mModel;
-  const StationSettings mSwitches;
-  const CardList mCards;
-  LogTail mLog;
-  std::shared_ptr<grpc::Channel> mControlChannel;
-  std::shared_ptr<grpc::Channel> mRfidChannel;
-
-  std::mutex mMutex;  ///< guards the next four
-  std::condition_variable mWake;
-  bool mStopping = false;
-  bool mLookSoon = true;
-  std::set<grpc::ClientContext*> mCalls;
-
-  std::string mPeersProblem;  ///< set by the constructor only
-  std::unique_ptr<VirtualStation> mStation;
-  std::unique_ptr<Subscriber<ipc::Rfid, ipc::MRfidNotification>> mTokens;
-  std::unique_ptr<Subscriber<ipc::GenericControl, ipc::MGenericControlNotification>> mStates;
-  std::thread mWatcher;
+  DaemonClient mDaemon;
+  VirtualStation mStation;
+  // Cards before states: a state may lead to a card at once, and the bench must not miss its outcome.
+  Subscriber<ipc::Rfid, ipc::MRfidNotification> mTokens;
+  Subscriber<ipc::GenericControl, ipc::MGenericControlNotification> mStates;
+  std::jthread mWatcher;
 };

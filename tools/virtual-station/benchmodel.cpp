@@ -1,18 +1,16 @@
 #include "tools/virtual-station/benchmodel.h"
 
-#include <algorithm>
+#include <map>
 #include <utility>
 
 #include "tools/common/output.h"
 #include "tools/common/texts.h"
-#include "tools/virtual-station/sectionfile.h"
+#include "tools/virtual-station/configuration.h"
 
 namespace {
 
-constexpr std::size_t kMostCards = 40;
-constexpr std::size_t kMostEvents = 20;
-constexpr std::size_t kMostLines = 300;
-constexpr auto kPatience = std::chrono::seconds(5);
+constexpr Json::ArrayIndex kMostEntries = 40;
+constexpr std::chrono::milliseconds kPatience(5000);
 
 constexpr const char* kWaiting = "waiting";
 constexpr const char* kUnanswered = "unanswered";
@@ -21,19 +19,8 @@ std::string TimeOfDay() {
   return TimeForPeople().substr(11);
 }
 
-template <typename Value>
-void KeepLatest(std::deque<Value>& values, std::size_t most) {
-  while (values.size() > most) {
-    values.pop_front();
-  }
-}
-
-Json::Value ToArray(const std::deque<Json::Value>& values) {
-  Json::Value array(Json::arrayValue);
-  for (const auto& value : values) {
-    array.append(value);
-  }
-  return array;
+Json::Int64 Milliseconds(BenchModel::TimePoint time) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
 // proto3 keeps unknown enum values, so any number may come.
@@ -56,190 +43,179 @@ std::string NameOf(ipc::EFbEventType event) {
 
 }  // namespace
 
+BenchModel::BenchModel() {
+  mPage["reason"] = "not reached yet";
+  mPage["state"] = "";
+  mPage["alive"]["count"] = 0;
+  mPage["learning"] = false;
+  for (const char* list : {"transitions", "feedback", "cards"}) {
+    mPage[list] = Json::arrayValue;
+  }
+  mPage["signals"] = Json::objectValue;
+}
+
+void BenchModel::Change() {
+  ++mRevision;
+  mPage["there"] = mOpen.size() == 2 && !mPage["state"].asString().empty();
+}
+
+void BenchModel::Append(const char* list, Json::Value entry) {
+  entry["number"] = static_cast<Json::UInt64>(++mNumber);
+  entry["time"] = TimeOfDay();
+  mPage[list].append(std::move(entry));
+  if (Json::Value ignored; mPage[list].size() > kMostEntries) {
+    mPage[list].removeIndex(0, &ignored);
+  }
+  Change();
+}
+
 void BenchModel::OnStreamOpen(EStream stream) {
   const std::lock_guard lock(mMutex);
   mOpen.insert(stream);
-  ++mRevision;
+  Change();
 }
 
 void BenchModel::OnStreamEnd(EStream stream, const std::string& reason) {
   const std::lock_guard lock(mMutex);
   mOpen.erase(stream);
-  mReason = reason;
-  if (stream == EStream::States && !mState.empty()) {
-    NoteTransition("");
+  mPage["reason"] = reason;
+  if (stream == EStream::States && !mPage["state"].asString().empty()) {
+    AppendTransition("");
   }
   // A daemon that comes back has forgotten the learning mode and the cards.
-  mParts["learning"] = false;
-  for (Card& card : mCards) {
-    card.outcome = card.outcome == kWaiting ? kUnanswered : card.outcome;
+  mPage["learning"] = false;
+  for (Json::Value& card : mPage["cards"]) {
+    if (card["outcome"] == kWaiting) {
+      card["outcome"] = kUnanswered;
+    }
   }
-  ++mRevision;
+  Change();
 }
 
 void BenchModel::OnState(const std::string& state) {
   const std::lock_guard lock(mMutex);
-  if (state != mState) {
-    NoteTransition(state);
-    ++mRevision;
+  if (mPage["state"] != state) {
+    AppendTransition(state);
   }
 }
 
-void BenchModel::NoteTransition(const std::string& to) {
+void BenchModel::AppendTransition(const std::string& to) {
   Json::Value transition;
-  transition["number"] = static_cast<Json::UInt64>(++mNumber);
-  transition["time"] = TimeOfDay();
-  transition["from"] = std::exchange(mState, to);
+  transition["from"] = std::exchange(mPage["state"], to);
   transition["to"] = to;
-  mTransitions.push_back(std::move(transition));
-  KeepLatest(mTransitions, kMostEvents);
+  Append("transitions", std::move(transition));
 }
 
 void BenchModel::OnAlive() {
   const std::lock_guard lock(mMutex);
-  ++mAlive;
-  mAliveTime = TimeOfDay();
-  ++mRevision;
+  mPage["alive"]["count"] = mPage["alive"]["count"].asUInt64() + 1;
+  mPage["alive"]["time"] = TimeOfDay();
+  Change();
 }
 
 void BenchModel::OnToken(const ipc::MRfidToken& token) {
-  const std::lock_guard lock(mMutex);
-  Conclude(token.uid(), OutcomeOf(token.auth_state()));
+  Conclude(OutcomeOf(token.auth_state()), token.uid());
 }
 
 void BenchModel::OnLearningToken(const std::string& uid) {
-  const std::lock_guard lock(mMutex);
-  Conclude(uid, "learned");
+  Conclude("learned", uid);
 }
 
-BenchModel::Card* BenchModel::FindWaiting(const std::function<bool(const Card&)>& matches) {
-  const auto card = std::find_if(mCards.rbegin(), mCards.rend(), [&](const Card& candidate) {
-    return candidate.outcome == kWaiting && matches(candidate);
-  });
-  return card == mCards.rend() ? nullptr : &*card;
-}
-
-void BenchModel::Conclude(const std::string& uid, const std::string& outcome) {
-  // The outcome of a FeliCa tag comes without a UID, because the reader reports none.
-  Card* const card = FindWaiting([&](const Card& candidate) {
-    return ToUpper(candidate.uid) == uid || (uid.empty() && candidate.kind == "felica");
-  });
-  if (card != nullptr) {
-    card->outcome = outcome;
-  } else {
-    mCards.push_back({++mNumber, TimeOfDay(), uid, "", "seen", outcome, {}});
-    KeepLatest(mCards, kMostCards);
+bool BenchModel::Conclude(const std::string& outcome,
+                          const std::function<bool(const Json::Value& card)>& matches) {
+  Json::Value& cards = mPage["cards"];
+  for (Json::ArrayIndex i = cards.size(); i-- > 0;) {
+    if (cards[i]["outcome"] == kWaiting && matches(cards[i])) {
+      cards[i]["outcome"] = outcome;
+      Change();
+      return true;
+    }
   }
-  ++mRevision;
+  return false;
+}
+
+void BenchModel::Conclude(const std::string& outcome, const std::string& uid) {
+  const std::lock_guard lock(mMutex);
+  // The outcome of a FeliCa tag comes without a UID, because the reader reports none.
+  const auto matches = [&uid](const Json::Value& card) {
+    return ToUpper(card["uid"].asString()) == uid || (uid.empty() && card["kind"] == "felica");
+  };
+  if (!Conclude(outcome, matches)) {
+    Json::Value card;
+    card["uid"] = uid;
+    card["how"] = "seen";
+    card["outcome"] = outcome;
+    Append("cards", std::move(card));
+  }
 }
 
 void BenchModel::OnFeedback(ipc::EFbEventType event) {
   const std::lock_guard lock(mMutex);
   Json::Value entry;
-  entry["number"] = static_cast<Json::UInt64>(++mNumber);
-  entry["time"] = TimeOfDay();
   entry["event"] = NameOf(event);
-  mFeedback.push_back(std::move(entry));
-  KeepLatest(mFeedback, kMostEvents);
+  Append("feedback", std::move(entry));
   // While charging is free, the daemon only reports that a card was scanned.
-  if (event == ipc::EFbTokenScanned && mParts["settings"]["free"].asBool() && !mParts["learning"].asBool()) {
-    if (Card* const card = FindWaiting([](const Card&) { return true; })) {
-      card->outcome = "free";
-    }
+  if (event == ipc::EFbTokenScanned && mPage["settings"]["free"].asBool() && !mPage["learning"].asBool()) {
+    Conclude("free", [](const Json::Value&) { return true; });
   }
-  ++mRevision;
 }
 
 void BenchModel::OnSignal(const ipc::MSignal& signal) {
   const std::lock_guard lock(mMutex);
-  Json::Value& entry = mSignals[signal.id()];
+  Json::Value& entry = mPage["signals"][std::to_string(signal.id())];
   entry = SignalJson(signal);
   entry["time"] = TimeOfDay();
-  ++mRevision;
+  Change();
 }
 
 std::uint64_t BenchModel::OnCardPresented(const std::string& uid, const std::string& kind, TimePoint now) {
   const std::lock_guard lock(mMutex);
-  mCards.push_back({++mNumber, TimeOfDay(), uid, kind, kind.empty() ? "injected" : "tapped", kWaiting, now});
-  KeepLatest(mCards, kMostCards);
-  ++mRevision;
+  Json::Value card;
+  card["uid"] = uid;
+  card["kind"] = kind;
+  card["how"] = kind.empty() ? "injected" : "tapped";
+  card["outcome"] = kWaiting;
+  card["since"] = Milliseconds(now);
+  Append("cards", std::move(card));
   return mNumber;
 }
 
-void BenchModel::Withdraw(std::uint64_t card) {
+void BenchModel::Withdraw(std::uint64_t number) {
   const std::lock_guard lock(mMutex);
-  std::erase_if(mCards, [card](const Card& candidate) {
-    return candidate.number == card && candidate.outcome == kWaiting;
-  });
-  ++mRevision;
+  Json::Value others(Json::arrayValue);
+  for (const Json::Value& card : mPage["cards"]) {
+    if (card["number"].asUInt64() != number || card["outcome"] != kWaiting) {
+      others.append(card);
+    }
+  }
+  mPage["cards"] = others;
+  Change();
 }
 
 void BenchModel::GiveUpWaiting(TimePoint now) {
   const std::lock_guard lock(mMutex);
-  for (Card& card : mCards) {
-    if (card.outcome == kWaiting && now - card.since > kPatience) {
-      card.outcome = kUnanswered;
-      ++mRevision;
+  for (Json::Value& card : mPage["cards"]) {
+    if (card["outcome"] == kWaiting && Milliseconds(now) - card["since"].asInt64() > kPatience.count()) {
+      card["outcome"] = kUnanswered;
+      Change();
     }
   }
 }
 
-void BenchModel::OnLogLines(const std::vector<std::string>& lines) {
-  const std::lock_guard lock(mMutex);
-  mLines.insert(mLines.end(), lines.begin(), lines.end());
-  mLineCount += lines.size();
-  KeepLatest(mLines, kMostLines);
-}
-
 void BenchModel::Set(const char* part, const Json::Value& value) {
   const std::lock_guard lock(mMutex);
-  if (mParts[part] != value) {
-    mParts[part] = value;
-    ++mRevision;
+  if (mPage[part] != value) {
+    mPage[part] = value;
+    Change();
   }
 }
 
-Json::Value BenchModel::Snapshot() const {
-  Json::Value snapshot = mParts;
-  const bool there = mOpen.size() == 2 && !mState.empty();
-  snapshot["there"] = there;
-  snapshot["reason"] = there ? "" : mReason;
-  snapshot["state"] = mState;
-  snapshot["transitions"] = ToArray(mTransitions);
-  snapshot["feedback"] = ToArray(mFeedback);
-  snapshot["alive"]["count"] = static_cast<Json::UInt64>(mAlive);
-  snapshot["alive"]["time"] = mAliveTime;
-  snapshot["signals"] = Json::Value(Json::arrayValue);
-  for (const auto& [id, signal] : mSignals) {
-    snapshot["signals"].append(signal);
-  }
-  snapshot["cards"] = Json::Value(Json::arrayValue);
-  for (const Card& card : mCards) {
-    Json::Value entry;
-    entry["number"] = static_cast<Json::UInt64>(card.number);
-    entry["time"] = card.time;
-    entry["uid"] = card.uid;
-    entry["kind"] = card.kind;
-    entry["how"] = card.how;
-    entry["outcome"] = card.outcome;
-    snapshot["cards"].append(std::move(entry));
-  }
-  return snapshot;
-}
-
-Json::Value BenchModel::NewsSince(std::uint64_t revision, std::uint64_t line) const {
+Json::Value BenchModel::NewsSince(std::uint64_t revision) const {
   const std::lock_guard lock(mMutex);
   Json::Value news;
   news["revision"] = static_cast<Json::UInt64>(mRevision);
-  news["line"] = static_cast<Json::UInt64>(mLineCount);
   if (revision != mRevision) {
-    news["snapshot"] = Snapshot();
-  }
-  const auto unread =
-      line > mLineCount ? mLines.size() : std::min<std::uint64_t>(mLineCount - line, mLines.size());
-  news["lines"] = Json::arrayValue;
-  for (auto one = mLines.end() - static_cast<std::ptrdiff_t>(unread); one != mLines.end(); ++one) {
-    news["lines"].append(*one);
+    news["snapshot"] = mPage;
   }
   return news;
 }

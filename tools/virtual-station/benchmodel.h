@@ -4,13 +4,10 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "ipc/diagnostics.pb.h"
 #include "ipc/feedback.pb.h"
@@ -28,6 +25,8 @@ struct BenchAnswer {
 class BenchModel {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
+
+  BenchModel();
 
   /// The daemon's two notification streams. The daemon counts as present while both are open.
   enum class EStream { States, Cards };
@@ -49,51 +48,25 @@ class BenchModel {
   /// Marks cards that have waited too long as unanswered.
   void GiveUpWaiting(TimePoint now);
 
-  void OnLogLines(const std::vector<std::string>& lines);
+  /// Sets a part of the page that the bench polls: "reader", "settings", "learning" or "log". An unchanged
+  /// value is not news.
+  void Set(const char* part, const Json::Value& value);
 
-  /// Parts of the page that the bench polls. An unchanged value is not news.
-  void SetReader(const Json::Value& reader) { Set("reader", reader); }
-  void SetSettings(const Json::Value& settings) { Set("settings", settings); }
-  void SetLearning(bool on) { Set("learning", on); }
-  void SetNotice(const std::string& notice) { Set("notice", notice); }
-
-  /// The news for a page that has this revision and this many log lines: {"revision": N, "line": N,
-  /// "snapshot": everything but the log, if it has changed, "lines": [LINE...]}. A page that has nothing yet,
-  /// or has the numbers of an earlier bench, gets everything.
-  Json::Value NewsSince(std::uint64_t revision, std::uint64_t line) const;
+  /// The news for a page that has this revision: {"revision": N, "snapshot": everything, if it has changed}.
+  Json::Value NewsSince(std::uint64_t revision) const;
 
  private:
-  struct Card {
-    std::uint64_t number;
-    std::string time;
-    std::string uid;
-    std::string kind;
-    std::string how;
-    std::string outcome;
-    TimePoint since;
-  };
+  void Change();
+  void Append(const char* list, Json::Value entry);
+  void AppendTransition(const std::string& to);
+  /// Gives the outcome to the newest card that waits for it and matches. An older card with the same UID was
+  /// suppressed or never read, so it gets no outcome. Returns false if there is no such card.
+  bool Conclude(const std::string& outcome, const std::function<bool(const Json::Value& card)>& matches);
+  void Conclude(const std::string& outcome, const std::string& uid);
 
-  void Set(const char* part, const Json::Value& value);
-  void NoteTransition(const std::string& to);
-  /// The newest card that waits for its outcome. An older card with the same UID was suppressed or never
-  /// read, so it gets no outcome.
-  Card* FindWaiting(const std::function<bool(const Card&)>& matches);
-  void Conclude(const std::string& uid, const std::string& outcome);
-  Json::Value Snapshot() const;
-
-  mutable std::mutex mMutex;
+  mutable std::mutex mMutex;  ///< guards everything below
   std::uint64_t mRevision = 1;
   std::uint64_t mNumber = 0;  ///< of cards, transitions, feedback events
   std::set<EStream> mOpen;
-  std::string mReason = "not reached yet";
-  std::string mState;
-  std::deque<Json::Value> mTransitions;
-  std::deque<Json::Value> mFeedback;
-  std::deque<Card> mCards;
-  std::map<int, Json::Value> mSignals;
-  std::uint64_t mAlive = 0;
-  std::string mAliveTime;
-  Json::Value mParts{Json::objectValue};
-  std::deque<std::string> mLines;
-  std::uint64_t mLineCount = 0;  ///< lines so far; mLines has the last ones
+  Json::Value mPage;  ///< what the page shows
 };

@@ -23,10 +23,6 @@ const httplib::Headers kHeaders{
     {"Referrer-Policy", "no-referrer"},
     {"Cache-Control", "no-store"}};
 
-std::uint64_t NumberOf(const httplib::Request& request, const char* parameter) {
-  return std::strtoull(request.get_param_value(parameter).c_str(), nullptr, 10);
-}
-
 }  // namespace
 
 BenchServer::BenchServer(const BenchModel& model, Carrier carrier, int port)
@@ -64,8 +60,8 @@ BenchServer::BenchServer(const BenchModel& model, Carrier carrier, int port)
     });
   }
   server.Get("/news", [this](const httplib::Request& request, httplib::Response& response) {
-    const Json::Value news = mModel.NewsSince(NumberOf(request, "revision"), NumberOf(request, "line"));
-    response.set_content(ToJsonLine(news), "application/json");
+    const auto revision = std::strtoull(request.get_param_value("revision").c_str(), nullptr, 10);
+    response.set_content(ToJsonLine(mModel.NewsSince(revision)), "application/json");
   });
   server.Post("/do", [this](const httplib::Request& request, httplib::Response& response) {
     ServeRequest(request, response);

@@ -3,6 +3,7 @@ set(types_html "text/html; charset=utf-8")
 set(types_css "text/css; charset=utf-8")
 set(types_js "text/javascript; charset=utf-8")
 set(types_svg "image/svg+xml")
+set(types_mmd "text/plain; charset=utf-8")
 
 string(REPLACE "," ";" files "${FILES}")
 set(entries "")

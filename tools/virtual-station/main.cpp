@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <map>
-#include <optional>
 
 #include "tools/common/channel.h"
 #include "tools/common/commandline.h"
@@ -13,7 +12,7 @@
 #include "tools/common/texts.h"
 #include "tools/virtual-station/bench.h"
 #include "tools/virtual-station/benchserver.h"
-#include "tools/virtual-station/sectionfile.h"
+#include "tools/virtual-station/configuration.h"
 #include "tools/virtual-station/virtualstation.h"
 
 namespace {
@@ -28,7 +27,7 @@ struct Options {
   bool on = false;
   std::string nfcSocket;
   std::string logFile;
-  std::optional<int> port;
+  int port = 8080;
   std::function<int()> command;
 };
 
@@ -78,30 +77,13 @@ int Serve(const Options& options) {
   return 0;
 }
 
-/// Without a port, takes the usual one, or any free one if that is taken.
-std::unique_ptr<BenchServer> OpenBenchServer(const BenchModel& model, const BenchServer::Carrier& carrier,
-                                             const std::optional<int>& port) {
-  constexpr int kUsualPort = 8080;
-  try {
-    return std::make_unique<BenchServer>(model, carrier, port.value_or(kUsualPort));
-  } catch (const std::runtime_error&) {
-    if (port) {
-      throw;
-    }
-    return std::make_unique<BenchServer>(model, carrier, 0);
-  }
-}
-
 int ServeBench(const Options& options) {
   const StopSignals signals;
   LineOutput output;
   Bench bench({LoadRpcConfig(options.root), options.nfcSocket, options.logFile});
-  if (!bench.PeersProblem().empty()) {
-    PrintError(kTool, bench.PeersProblem());
-  }
-  const auto server = OpenBenchServer(
+  const BenchServer server(
       bench.Model(), [&bench](const Json::Value& request) { return bench.Do(request); }, options.port);
-  if (!output.Write(server->Url())) {
+  if (!output.Write(server.Url())) {
     return 0;
   }
   signals.Wait();
@@ -109,10 +91,10 @@ int ServeBench(const Options& options) {
   return 0;
 }
 
-int ListCards(const CardList& cards, bool json) {
+int ListCards(const Configuration& configuration, bool json) {
   LineOutput output;
   Json::Value list(Json::arrayValue);
-  for (const std::string& uid : cards.Uids()) {
+  for (const std::string& uid : configuration.PermittedUids()) {
     list.append(uid);
     if (!json && !output.Write(Printable(uid))) {
       return 0;
@@ -152,48 +134,44 @@ void AddServices(CLI::App& app, Options& options) {
   bench.add_option("--nfc", options.nfcSocket, "The socket of virtual-nfc, to hold cards to its reader")
       ->envname("VIRTUAL_NFC_SOCKET")
       ->type_name("SOCKET");
-  bench
-      .add_option("--port", options.port,
-                  "The port, 0 for any free one; default: 8080 or, if that is taken, any free one")
-      ->check(CLI::Range(0, 65535));
+  bench.add_option("--port", options.port, "The port, 0 for any free one")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
   bench.add_option("--log", options.logFile, "A file with the daemon's log, to show its last lines")
       ->type_name("FILE");
 }
 
 void AddConfiguration(CLI::App& app, Options& options) {
-  const auto store = [&options] { return LoadRpcConfig(options.root).configuration; };
+  const auto configuration = [&options] { return Configuration(LoadRpcConfig(options.root).configuration); };
   auto& card = *app.add_subcommand("card", "Show and change the local list of permitted cards");
   card.require_subcommand(1);
-  auto& add = Add(card, options, "add", "Permit a card", [&options, store] {
-    if (!CardList(store()).Add(options.uid)) {
-      PrintError(kTool, options.uid + " is in the list already");
-    }
-    return 0;
-  });
-  auto& remove = Add(card, options, "remove", "Remove a card from the local list", [&options, store] {
-    if (CardList(store()).Remove(options.uid)) {
-      return 0;
-    }
-    PrintError(kTool, options.uid + " is not in the list");
-    return kFailureStatus;
-  });
-  for (CLI::App* one : {&add, &remove}) {
-    one->add_option("UID", options.uid, "Hexadecimal, for example 04A12B5C")->required()->check(CheckUid);
-  }
+  const auto addPermit = [&](const char* name, const char* description, bool on) {
+    Add(card, options, name, description,
+        [&options, configuration, on] {
+          const bool isChanged = configuration().Permit(options.uid, on);
+          if (!isChanged) {
+            PrintError(kTool, options.uid + (on ? " is in the list already" : " is not in the list"));
+          }
+          return on || isChanged ? 0 : kFailureStatus;
+        })
+        .add_option("UID", options.uid, "Hexadecimal, for example 04A12B5C")
+        ->required()
+        ->check(CheckUid);
+  };
+  addPermit("add", "Permit a card", true);
+  addPermit("remove", "Remove a card from the local list", false);
   Add(card, options, "list", "Print the UIDs, one a line",
-      [&options, store] { return ListCards(CardList(store()), options.json); });
-  AddSwitch(Add(app, options, "ocpp", "Cards are authorised by the backend (on) or by the local list (off)",
-                [&options, store] {
-                  StationSettings(store()).SetOcppActive(options.on);
-                  return 0;
-                }),
-            options.on);
-  AddSwitch(Add(app, options, "free-charging", "Charging without authorisation",
-                [&options, store] {
-                  StationSettings(store()).SetFreeCharging(options.on);
-                  return 0;
-                }),
-            options.on);
+      [&options, configuration] { return ListCards(configuration(), options.json); });
+  const auto addSwitch = [&](const char* name, const char* description, const char* key) {
+    AddSwitch(Add(app, options, name, description,
+                  [&options, configuration, key] {
+                    configuration().Switch(key, options.on);
+                    return 0;
+                  }),
+              options.on);
+  };
+  addSwitch("ocpp", "Cards are authorised by the backend (on) or by the local list (off)", kOcppActive);
+  addSwitch("free-charging", "Charging without authorisation", kFreeCharging);
 }
 
 int RunCommandLine(int argc, char** argv) {

@@ -1,5 +1,5 @@
 import { Diagram } from '/diagram.js';
-import { Station, outcomes } from '/station.js';
+import { Station, animate, outcomes } from '/station.js';
 
 const find = id => document.getElementById(id);
 const make = (tag, properties = {}, ...children) => {
@@ -18,11 +18,10 @@ const cards = [
   { name: 'Malformed UID', uid: 'XYZ', kind: '', about: 'injected, not hexadecimal', colour: '#be123c' },
 ];
 
-const station = new Station(find('post'));
+const station = new Station();
 const diagram = new Diagram(find('diagram'), find('transition'));
 let snapshot;
-let alive = 0;
-let lastBeat = 0;
+let shown;  // the snapshot before
 
 let toastTimer;
 function toast(text, good) {
@@ -52,14 +51,13 @@ function present(card) {
   return request(card.kind ? { do: 'tap', kind: card.kind, uid: card.uid } : { do: 'inject', uid: card.uid }, true);
 }
 
-for (const [index, card] of cards.entries()) {
-  const button = make('button', { type: 'button', className: 'card', draggable: true },
+for (const card of cards) {
+  const button = make('button', { type: 'button', className: 'card' },
     make('b', { textContent: card.name }), make('code', { textContent: card.uid }),
     make('small', { textContent: card.about }));
   button.style.setProperty('--card', card.colour);
   button.dataset.uid = card.uid;
   button.addEventListener('click', () => present(card));
-  button.addEventListener('dragstart', event => event.dataTransfer.setData('application/x-card', String(index)));
   const item = make('li', {}, button);
   if (card.kind && card.kind !== 'felica') {
     const permit = make('button', { type: 'button', className: 'permit' });
@@ -70,21 +68,6 @@ for (const [index, card] of cards.entries()) {
   }
   find('deck').append(item);
 }
-
-const zone = find('post');
-const isCard = event => event.dataTransfer.types.includes('application/x-card');
-zone.addEventListener('dragover', event => {
-  if (!isCard(event)) return;
-  event.preventDefault();
-  zone.classList.add('over');
-});
-zone.addEventListener('dragleave', () => zone.classList.remove('over'));
-zone.addEventListener('drop', event => {
-  zone.classList.remove('over');
-  if (!isCard(event)) return;
-  event.preventDefault();
-  present(cards[Number(event.dataTransfer.getData('application/x-card'))]);
-});
 
 for (const button of document.querySelectorAll('[data-do]')) {
   button.addEventListener('click', async () => {
@@ -125,27 +108,10 @@ function showStatus() {
   pill('reader-pill', Boolean(device?.polling), Boolean(reader.simulated && !device));
   find('plug').dataset.do = reader.there && !device ? 'plug' : 'unplug';
   find('plug').textContent = find('plug').dataset.do === 'plug' ? 'Plug reader in' : 'Unplug reader';
-  if (snapshot.alive.count !== alive) {
-    const heart = find('alive-pill');
-    heart.classList.remove('beating');
-    heart.getBoundingClientRect();
-    if (snapshot.alive.count > alive) heart.classList.add('beating');
-    alive = snapshot.alive.count;
-    lastBeat = Date.now();
-  }
-  showLife();
+  const { count, time } = snapshot.alive;
+  find('alive-text').textContent = count ? `alive ${time.slice(0, 8)}` : 'not alive yet';
+  if (shown && count > shown.alive.count) animate(find('alive-pill'), 'beating');
 }
-
-// An enabled daemon sends an alive notification every four seconds.
-function showLife() {
-  if (!snapshot) return;
-  const silent = Math.floor((Date.now() - lastBeat) / 1000);
-  const missing = alive > 0 && snapshot.state === 'Enabled' && silent > 9;
-  find('alive-pill').classList.toggle('missing', missing);
-  find('alive-text').textContent = missing ? `silent for ${silent} s`
-    : alive ? `alive ${snapshot.alive.time.slice(0, 8)}` : 'not alive yet';
-}
-setInterval(showLife, 1000);
 
 // Does not set the same text again: a screen reader would repeat it.
 function showText(id, text) {
@@ -165,14 +131,10 @@ function showModes() {
     permit.title = permitted ? 'Take it out of the local list' : 'Put it into the local list';
     permit.setAttribute('aria-label', `${permit.dataset.permit} in the local list`);
   }
-  showText('notice', [settings.problem, snapshot.notice].filter(Boolean).join(' '));
+  showText('notice', settings.problem ?? '');
 }
 
-let shownCards;
 function showTimeline() {
-  const text = JSON.stringify(snapshot.cards);
-  if (text === shownCards) return;
-  shownCards = text;
   const items = [...snapshot.cards].reverse().map(card => {
     const [word, reason] = outcomes[card.outcome] ?? [card.outcome, ''];
     const badge = make('span', { className: 'badge', textContent: word });
@@ -185,77 +147,58 @@ function showTimeline() {
     : [make('li', { className: 'empty', textContent: 'No card yet.' })]));
 }
 
-const shownSignals = new Map();
 function showSignals() {
-  for (const signal of snapshot.signals) {
-    let item = shownSignals.get(signal.id);
-    if (!item) {
-      item = make('div', {}, make('dt'), make('dd'));
-      item.dataset.signal = signal.id;
-      shownSignals.set(signal.id, item);
-      find('signals').append(item);
-    }
-    const key = `${signal.time} ${signal.value}`;
-    if (item.dataset.key === key) continue;
-    item.dataset.key = key;
-    item.firstChild.textContent = signal.name;
-    item.lastChild.textContent = `${signal.value || '(empty)'} ${signal.unit}`.trim();
-    item.title = `${signal.id}, ${signal.time}`;
-    item.classList.remove('changed');
-    item.getBoundingClientRect();
-    item.classList.add('changed');
-  }
-  if (!snapshot.signals.length) {
-    find('signals').replaceChildren(make('p', { className: 'empty', textContent: 'No signal received yet.' }));
-    shownSignals.clear();
-  } else {
-    find('signals').querySelector('.empty')?.remove();
-  }
+  const items = Object.entries(snapshot.signals).map(([id, { name, value, unit, time }]) => {
+    const item = make('div', { title: `${id}, ${time}` }, make('dt', { textContent: name }),
+      make('dd', { textContent: `${value || '(empty)'} ${unit}`.trim() }));
+    item.dataset.signal = id;
+    if (shown?.signals[id]?.time !== time) item.className = 'changed';
+    return item;
+  });
+  find('signals').replaceChildren(...(items.length ? items
+    : [make('p', { className: 'empty', textContent: 'No signal received yet.' })]));
 }
 
-function showLines(lines) {
+function showLog() {
   const list = find('log');
   const atEnd = list.scrollHeight - list.scrollTop - list.clientHeight < 30;
-  for (const line of lines) {
+  list.replaceChildren(...snapshot.log.map(line => {
     const level = /\b(trace|debug|info|warning|error|critical)\b/.exec(line)?.[1] ?? 'info';
     const detail = level === 'trace' || level === 'debug' ? ' detail' : '';
-    list.append(make('li', { className: level + detail, textContent: line.replace(/^\d{4}-\d\d-\d\d /, '') }));
-  }
-  while (list.childElementCount > 1000) list.firstChild.remove();
+    return make('li', { className: level + detail, textContent: line.replace(/^\d{4}-\d\d-\d\d /, '') });
+  }));
   if (atEnd) list.scrollTop = list.scrollHeight;
 }
+
+const isChanged = part => JSON.stringify(snapshot[part]) !== JSON.stringify(shown?.[part]);
 
 function show() {
   showText('banner', snapshot.there ? ''
     : `The daemon is gone (${snapshot.reason}). Waiting for it; the page follows when it is back.`);
   showStatus();
   showModes();
-  showTimeline();
-  showSignals();
+  if (isChanged('cards')) showTimeline();
+  if (isChanged('signals')) showSignals();
+  if (isChanged('log')) showLog();
   station.update(snapshot);
   diagram.update(snapshot.transitions);
 }
 
-let position = '';  // what the page has already
+let revision = 0;  // of what the page shows
 
 async function poll() {
   try {
-    const response = await fetch(`/news?${position}`);
+    const response = await fetch(`/news?revision=${revision}`);
     if (!response.ok) throw new Error(await response.text());
     const news = await response.json();
-    if (!position) {  // the bench, perhaps a new one, sends everything
-      find('log').replaceChildren();
-      diagram.restart();
-      station.restart();
-    }
-    position = `revision=${news.revision}&line=${news.line}`;
+    revision = news.revision;
     if (news.snapshot) {
       snapshot = news.snapshot;
       show();
+      shown = snapshot;
     }
-    showLines(news.lines);
   } catch {
-    position = '';
+    revision = 0;
     showText('banner', 'The bench does not answer. Start virtual-station bench again; the page follows.');
   }
   setTimeout(poll, 200);

@@ -3,14 +3,15 @@
 
 const lastingTime = 4000;  // ms for which lamp and message last
 
+// Each with a word, the reason, and what the display shows unless a feedback call says it.
 export const outcomes = {
   waiting: ['at the reader', 'Waiting for the daemon'],
   accepted: ['accepted', 'It is in the local list'],
   rejected: ['rejected', 'It is not in the local list'],
-  deferred: ['deferred', 'The backend decides (OCPP)'],
-  invalid: ['invalid', 'It has no valid UID'],
-  learned: ['learned', 'Reported as a learning token'],
-  free: ['scanned', 'Charging is free, nothing to authorise'],
+  deferred: ['deferred', 'The backend decides (OCPP)', ['One moment', 'Asking your provider']],
+  invalid: ['invalid', 'It has no valid UID', ['Card not readable', 'Please try another card']],
+  learned: ['learned', 'Reported as a learning token', ['Card learned', 'Reported to the station']],
+  free: ['scanned', 'Charging is free, nothing to authorise', ['Charging is free', 'Just plug in your car']],
   unanswered: ['no answer', 'Not read, or seen less than two seconds before'],
 };
 
@@ -18,13 +19,6 @@ const feedbacks = {
   scanned: ['blinking blue', 'one short beep', ['One moment', 'Checking your card']],
   accepted: ['green', 'two short beeps', ['Welcome!', 'Plug in to charge']],
   rejected: ['red', 'one long beep', ['Card not accepted', 'Please try another card']],
-};
-
-const messages = {
-  deferred: ['One moment', 'Asking your provider'],
-  invalid: ['Card not readable', 'Please try another card'],
-  learned: ['Card learned', 'Reported to the station'],
-  free: ['Charging is free', 'Just plug in your car'],
 };
 
 const idle = snapshot => {
@@ -36,33 +30,29 @@ const idle = snapshot => {
   return ['Hello!', 'Hold your card here'];
 };
 
+const find = id => document.getElementById(id);
+
+// Starts the animation of a class, also when it has run before.
+export function animate(element, name) {
+  element.classList.remove('now', name);
+  element.getBoundingClientRect();
+  element.classList.add(name);
+}
+
 export class Station {
-  constructor(element) {
-    this.find = id => document.getElementById(id);
-    this.post = element;
-    this.last = 0;
-    this.lastOutcome = '';
-  }
-
-  restart() {
-    this.last = 0;
-    this.lastOutcome = '';
-  }
-
   update(snapshot) {
-    const first = !this.snapshot || this.last === 0;
+    const isFirst = !this.snapshot;
     this.snapshot = snapshot;
-    const newest = snapshot.feedback.at(-1);
-    if (newest && newest.number > this.last) {
-      this.last = newest.number;
-      if (!first) this.feel(newest.event);
+    const feedback = snapshot.feedback.at(-1);
+    if (feedback && feedback.number !== this.number) {
+      this.number = feedback.number;
+      if (!isFirst) this.feel(feedback.event);
     }
-    this.last = Math.max(this.last, 1);
     const card = snapshot.cards.at(-1);
-    const outcome = card ? `${card.number} ${card.outcome}` : '';
-    if (outcome !== this.lastOutcome) {
-      this.lastOutcome = outcome;
-      if (card) this.report(card, first);
+    const outcome = card && `${card.number} ${card.outcome}`;
+    if (outcome !== this.outcome) {
+      this.outcome = outcome;
+      if (card) this.report(card, isFirst);
     }
     this.render();
   }
@@ -70,26 +60,20 @@ export class Station {
   // A feedback call: light and sound.
   feel(event) {
     this.feedback = feedbacks[event] ? event : undefined;
-    this.message = feedbacks[event]?.[2];
-    this.lasting();
-    const sound = this.find('sound');
-    sound.setAttribute('class', 'sound');
-    sound.getBoundingClientRect();  // restarts the animation
-    sound.setAttribute('class', event === 'rejected' ? 'sound long' : 'sound now');
+    this.say(feedbacks[event]?.[2]);
+    find('sound').classList.remove('long');
+    animate(find('sound'), event === 'rejected' ? 'long' : 'now');
   }
 
-  report(card, old) {
-    const [word, reason] = outcomes[card.outcome] ?? [card.outcome, 'Unknown outcome'];
-    const field = this.find('outcome');
-    field.dataset.outcome = card.outcome;
-    field.textContent = `${card.uid || 'A card without UID'}: ${word}. ${reason}.`;
-    if (!old && messages[card.outcome]) {
-      this.message = messages[card.outcome];
-      this.lasting();
-    }
+  report(card, isOld) {
+    const [word, reason, message] = outcomes[card.outcome] ?? [card.outcome, 'Unknown outcome'];
+    find('outcome').dataset.outcome = card.outcome;
+    find('outcome').textContent = `${card.uid || 'A card without UID'}: ${word}. ${reason}.`;
+    if (!isOld && message) this.say(message);
   }
 
-  lasting() {
+  say(message) {
+    this.message = message;
     clearTimeout(this.timer);
     this.timer = setTimeout(() => {
       this.feedback = this.message = undefined;
@@ -98,22 +82,20 @@ export class Station {
   }
 
   render() {
-    const ready = this.snapshot.there && this.snapshot.state === 'Enabled';
-    const feedback = this.snapshot.there ? this.feedback : undefined;
-    const [title, text] = (this.snapshot.there && this.message) || idle(this.snapshot);
-    this.post.dataset.lamp = feedback ?? (ready ? 'ready' : 'off');
-    this.find('display-title').textContent = title;
-    this.find('display-text').textContent = text;
-    this.find('lamp-text').textContent = feedback ? feedbacks[feedback][0] : ready ? 'ready' : 'off';
-    this.find('buzzer-text').textContent = feedback ? feedbacks[feedback][1] : 'silent';
+    const { there, state } = this.snapshot;
+    const ready = there && state === 'Enabled' ? 'ready' : 'off';
+    const [lamp, buzzer] = (there && feedbacks[this.feedback]) || [ready, 'silent'];
+    const [title, text] = (there && this.message) || idle(this.snapshot);
+    find('post').dataset.lamp = (there && this.feedback) || ready;
+    find('display-title').textContent = title;
+    find('display-text').textContent = text;
+    find('lamp-text').textContent = lamp;
+    find('buzzer-text').textContent = buzzer;
   }
 
   // The card moves to the reader.
   tap(colour) {
-    const card = this.find('tapping');
-    card.style.setProperty('--card', colour);
-    card.classList.remove('now');
-    card.getBoundingClientRect();
-    card.classList.add('now');
+    find('tapping').style.setProperty('--card', colour);
+    animate(find('tapping'), 'now');
   }
 }
