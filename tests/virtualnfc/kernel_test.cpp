@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tools/harness/nfcclient.h"
+#include "tools/kernelbed/nfcclient.h"
 #include "tools/virtual-nfc/preload/inprocess.h"
 
 namespace {

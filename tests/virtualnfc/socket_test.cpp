@@ -11,7 +11,7 @@
 #include <future>
 #include <thread>
 
-#include "tools/harness/nfcclient.h"
+#include "tools/kernelbed/nfcclient.h"
 #include "tools/virtual-nfc/preload/inprocess.h"
 #include "tools/virtual-nfc/server/controlprotocol.h"
 
