@@ -8,6 +8,8 @@ endif()
 # Without these, looking at a file fails if its inode number has more than 32 bits, and times end in 2038.
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+  # g++ explains at length how it passed arguments before its version 7.
+  add_compile_options(-Wno-psabi)
 endif()
 
 # Log lines name source files relative to the repository, wherever it was built.

@@ -165,9 +165,14 @@ using virtualnfc::Real;
 using virtualnfc::Table;
 namespace wire = virtualnfc::wire;
 
+// What glibc says of functions that throw nothing; other C libraries say nothing.
+#ifndef __THROW
+#define __THROW
+#endif
+
 extern "C" {
 
-int socket(int domain, int type, int protocol) noexcept {
+int socket(int domain, int type, int protocol) __THROW {
   if (domain == AF_NETLINK && protocol == NETLINK_GENERIC) {
     return virtualnfc::MakeSocket(type);
   }
@@ -180,7 +185,7 @@ int close(int fd) {
   return Real().close(fd);
 }
 
-int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
+int bind(int fd, const sockaddr* address, socklen_t length) __THROW {
   const auto ours = Table().Find(fd);
   if (!ours) {
     return Real().bind(fd, address, length);
@@ -195,7 +200,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
                                : ours->Ask(wire::Operation::Bind, wanted.nl_pid);
 }
 
-int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
+int getsockname(int fd, sockaddr* address, socklen_t* length) __THROW {
   const auto ours = Table().Find(fd);
   if (!ours) {
     return Real().getsockname(fd, address, length);
@@ -204,7 +209,7 @@ int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
   return 0;
 }
 
-int setsockopt(int fd, int level, int option, const void* value, socklen_t length) noexcept {
+int setsockopt(int fd, int level, int option, const void* value, socklen_t length) __THROW {
   const auto ours = Table().Find(fd);
   if (ours && level == SOL_NETLINK) {
     if (option == NETLINK_ADD_MEMBERSHIP) {
