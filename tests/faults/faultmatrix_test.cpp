@@ -315,7 +315,7 @@ INSTANTIATE_TEST_SUITE_P(Every, FaultMatrix, ::testing::ValuesIn(kPhases), [](co
   return name;
 });
 
-TEST(kFaults, BetweenExchangesAreSurvivedOrReported) {
+TEST(Faults, BetweenExchangesAreSurvivedOrReported) {
   struct Event {
     const char* name;
     std::chrono::milliseconds watchPeriod;
@@ -364,7 +364,7 @@ TEST(kFaults, BetweenExchangesAreSurvivedOrReported) {
   Document(table);
 }
 
-TEST(kFaults, AMessageCutOffAtAnyLengthIsSurvivedOrReported) {
+TEST(Faults, AMessageCutOffAtAnyLengthIsSurvivedOrReported) {
   const auto& enabling = kPhases[0];
   const auto& reading = kPhases[1];
   Document("\n## Messages cut off at every length\n\n| message | from so many bytes on |\n|---|---|\n" +
@@ -373,7 +373,7 @@ TEST(kFaults, AMessageCutOffAtAnyLengthIsSurvivedOrReported) {
            TryLengths(reading, "START_POLL", 40));
 }
 
-TEST(kFaults, AKernelThatNoLongerAnswersDoesNotKeepTheDaemonAlive) {
+TEST(Faults, AKernelThatNoLongerAnswersDoesNotKeepTheDaemonAlive) {
   for (const auto* command : {"any", "GETFAMILY", "UNSPEC", "START_POLL", "STOP_POLL", "DEV_DOWN"}) {
     for (const bool enabled : {false, true}) {
       SCOPED_TRACE(fmt::format("{} {}", command, enabled));
