@@ -192,9 +192,9 @@ BenchAnswer Bench::SetMode(const std::string& mode, bool on) {
 /// Taps the card, or injects one without a kind.
 BenchAnswer Bench::Present(const std::string& uid, const std::string& kind) {
   const auto card = mModel.OnCardPresented(uid, kind, std::chrono::steady_clock::now());
-  auto answer =
-      kind.empty() ? ToBenchAnswer(mDaemon.Inject(uid), uid + " was injected.")
-                   : AskReader("tap " + uid + " --tech " + kind + " --hold 0.7", uid + " is at the reader.");
+  auto answer = kind.empty()
+                    ? ToBenchAnswer(mDaemon.Inject(uid), uid + " was injected.")
+                    : AskReader("tap " + uid + " --tech " + kind + " --hold 0.7", uid + " is at the reader.");
   if (!answer.done) {
     mModel.Withdraw(card);
   }
