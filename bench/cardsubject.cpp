@@ -14,12 +14,6 @@ namespace bench {
 
 namespace {
 
-virtualnfc::VirtualNfcSettings FastReader() {
-  virtualnfc::VirtualNfcSettings settings;
-  settings.detectionDelay = std::chrono::milliseconds(1);
-  return settings;
-}
-
 /// The command or event of a message of the family; 0 when the message is too short.
 std::uint8_t CommandOf(virtualnfc::ByteView datagram) {
   return datagram.size() < sizeof(nlmsghdr) + sizeof(genlmsghdr) ? 0 : datagram[sizeof(nlmsghdr)];
@@ -27,7 +21,9 @@ std::uint8_t CommandOf(virtualnfc::ByteView datagram) {
 
 }  // namespace
 
-CardSubject::CardSubject(const std::string& daemon) : mKernel(FastReader()) {
+CardSubject::CardSubject(const std::string& daemon)
+    : mKernel({.detectionDelay = std::chrono::milliseconds(1),
+               .watch = [this](auto traffic, auto datagram) { Watch(traffic, datagram); }}) {
   std::filesystem::create_directory(mFolder.Path("etc"));
   std::filesystem::create_directory(mFolder.Path("hub"));
   std::filesystem::create_directory(mFolder.Path("run"));
@@ -46,11 +42,9 @@ CardSubject::CardSubject(const std::string& daemon) : mKernel(FastReader()) {
   }
   Subscribe();
   WaitForPolling();
-  mKernel.AddObserver(*this);
 }
 
 CardSubject::~CardSubject() {
-  mKernel.RemoveObserver(*this);
   mContext.TryCancel();
   if (mSubscriber.joinable()) {
     mSubscriber.join();
@@ -110,18 +104,16 @@ void CardSubject::Mark(EMark mark) {
   mChanged.notify_all();
 }
 
-void CardSubject::OnSent(std::uint64_t /*socket*/, virtualnfc::ByteView datagram) {
-  mIsTargetAsked = CommandOf(datagram) == NFC_CMD_GET_TARGET;
-  if (mIsTargetAsked) {
-    Mark(EMark::TargetAsked);
-  }
-}
-
-void CardSubject::OnDelivered(std::uint64_t /*socket*/, std::uint32_t /*sender*/, std::uint32_t groups,
-                              virtualnfc::ByteView datagram, bool /*isLost*/) {
-  if (groups == 0 && mIsTargetAsked) {
+void CardSubject::Watch(virtualnfc::Traffic traffic, virtualnfc::ByteView datagram) {
+  using virtualnfc::Traffic;
+  if (traffic == Traffic::Request) {
+    mIsTargetAsked = CommandOf(datagram) == NFC_CMD_GET_TARGET;
+    if (mIsTargetAsked) {
+      Mark(EMark::TargetAsked);
+    }
+  } else if (traffic == Traffic::Answer && mIsTargetAsked) {
     Mark(EMark::TargetTold);  // by the dump's last datagram
-  } else if (groups != 0 && CommandOf(datagram) == NFC_EVENT_TARGETS_FOUND) {
+  } else if (traffic == Traffic::Event && CommandOf(datagram) == NFC_EVENT_TARGETS_FOUND) {
     Mark(EMark::Found);
   }
 }

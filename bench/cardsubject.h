@@ -26,11 +26,13 @@ using Passage = std::array<double, kMarks>;
 
 /// A program that reads cards, in its own station. The kernel, the feedback and diagnostics services and a
 /// subscriber run in this process and measure the times. One thread.
-class CardSubject : private virtualnfc::NetlinkObserver {
+class CardSubject {
  public:
   /// Starts a build of rfidd (without one, the bare program) and waits until it reads cards.
   explicit CardSubject(const std::string& daemon = "");
-  ~CardSubject() override;
+  ~CardSubject();
+  CardSubject(const CardSubject&) = delete;
+  CardSubject& operator=(const CardSubject&) = delete;
 
   /// Presents a card and waits for its notification. Throws on timeout.
   Passage Tap(const std::string& uid);
@@ -46,13 +48,14 @@ class CardSubject : private virtualnfc::NetlinkObserver {
   std::unique_ptr<Process> Spawn(const std::vector<std::string>& command) const;
   void Subscribe();
 
-  void OnSocket(std::uint64_t, virtualnfc::SocketChange, std::uint32_t, int) override {}
-  void OnReader(std::string_view) override {}
-  void OnSent(std::uint64_t socket, virtualnfc::ByteView datagram) override;
-  void OnDelivered(std::uint64_t socket, std::uint32_t sender, std::uint32_t groups,
-                   virtualnfc::ByteView datagram, bool isLost) override;
+  void Watch(virtualnfc::Traffic traffic, virtualnfc::ByteView datagram);
 
   const TemporaryFolder mFolder;
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  Passage mPassage{};
+  bool mIsTargetAsked = false;  ///< by the last datagram; the kernel's thread only
+  // Ends before the members above, which its thread uses.
   virtualnfc::VirtualNfc mKernel;
   std::unique_ptr<VirtualStation> mPeers;
   std::unique_ptr<Process> mProcess;
@@ -60,11 +63,6 @@ class CardSubject : private virtualnfc::NetlinkObserver {
   std::unique_ptr<ipc::Rfid::Stub> mRfid;
   grpc::ClientContext mContext;
   std::thread mSubscriber;
-  bool mIsTargetAsked = false;  ///< by the last datagram; the kernel's thread only
-
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  Passage mPassage{};
 };
 
 }  // namespace bench

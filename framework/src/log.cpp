@@ -9,6 +9,7 @@
 #include <spdlog/sinks/syslog_sink.h>
 #include <spdlog/spdlog.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -46,8 +47,10 @@ void Send(spdlog::logger& logger, const LogLine& line) {
   logger.log(line.time, spdlog::source_loc{}, static_cast<spdlog::level::level_enum>(line.level), line.text);
 }
 
-CLogWriter::Write ToSystemLog(std::string name) {
-  auto sink = std::make_shared<spdlog::sinks::syslog_sink_mt>(std::move(name), LOG_PID, LOG_DAEMON, false);
+CLogWriter::Write ToSystemLog(const std::string& name) {
+  // With LOG_PID, the C library would ask the kernel for the number at each line.
+  const auto ident = fmt::format("{}[{}]", name, getpid());
+  auto sink = std::make_shared<spdlog::sinks::syslog_sink_mt>(ident, 0, LOG_DAEMON, false);
   return [logger = Register("syslog", std::move(sink))](const LogLine& line) {
     Send(*logger, line);
     return true;
@@ -63,7 +66,7 @@ CLogWriter::Write ToConsole() {
 }
 
 struct Logs {
-  explicit Logs(std::string name) : system("log-system", ToSystemLog(std::move(name)), kGather) {}
+  explicit Logs(const std::string& name) : system("log-system", ToSystemLog(name), kGather) {}
 
   bool FlushConsole(std::chrono::steady_clock::time_point deadline) const {
     CLogWriter* const writer = console;
@@ -105,12 +108,12 @@ void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::for
 
 }  // namespace
 
-void Log::Init(std::string name, ELogLevel level) {
+void Log::Init(const std::string& name, ELogLevel level) {
   mLevel = level;
   if (gLogs.load(std::memory_order_acquire) != nullptr) {
     return;
   }
-  auto* const logs = new Logs(std::move(name));
+  auto* const logs = new Logs(name);
   gLogs.store(logs, std::memory_order_release);
   std::atexit([] {
     gEnding = true;

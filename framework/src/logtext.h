@@ -1,8 +1,8 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <string_view>
+
+#include "framework/format.h"
 
 constexpr std::size_t kLongestLogText = 4096;  ///< bytes
 

@@ -1,6 +1,5 @@
 #include "src/components/nfcmessages.h"
 
-#include <fmt/format.h>
 #include <linux/genetlink.h>
 #include <linux/nfc.h>
 #include <netlink/attr.h>
@@ -10,6 +9,8 @@
 #include <cstring>
 #include <iterator>
 #include <utility>
+
+#include "framework/format.h"
 
 namespace {
 

@@ -112,7 +112,7 @@ TEST_F(NfcNetlink, EventsOfOtherReadersChangeNothing) {
     return std::count_if(lines.begin(), lines.end(),
                          [](const auto& line) { return line.ends_with(") Processing netlink event..."); });
   };
-  const auto before = mKernel->History().size();
+  const auto before = mKernel->GetStatus().Commands();
   mKernel->SendRawEvent(event(NFC_EVENT_TARGET_LOST, 0));
   mKernel->SendRawEvent(event(NFC_EVENT_DEVICE_ADDED, 1));
   mKernel->SendRawEvent(event(NFC_EVENT_DEVICE_REMOVED, 1));
@@ -124,7 +124,7 @@ TEST_F(NfcNetlink, EventsOfOtherReadersChangeNothing) {
   EXPECT_EQ(ErrorOfStart(), "");  // our reader still polls
   EXPECT_EQ(mKernel->GetStatus().Commands(NFC_CMD_STOP_POLL), 0U);
   // The monitor starts polling again after it has reported the tag, at the same time as this thread.
-  EXPECT_TRUE(handover::Eventually([&] { return mKernel->History().size() - before >= 5; }))
+  EXPECT_TRUE(handover::Eventually([&] { return mKernel->GetStatus().Commands() - before >= 5; }))
       << "GET_TARGET, and twice DEV_UP and START_POLL";
   EXPECT_EQ(Tap(kCard), kCardReport);
   EXPECT_TRUE(WaitForPolling());

@@ -165,7 +165,7 @@ void DaemonInProcess::Repair() {
   const auto devices = mKernel.GetStatus().devices;
   if (std::all_of(devices.begin(), devices.end(), isGone)) {
     mKernel.WaitFor([](const Status& status) { return status.devices.empty(); });
-    mKernel.Plug(0);
+    mKernel.Plug();
   }
 }
 

@@ -348,7 +348,7 @@ TEST(kFaults, BetweenExchangesAreSurvivedOrReported) {
                    cell.mDaemon.Disable();
                  }},
            Event{"a transfer to the reader fails", kWatchful,
-                 [](Cell& cell) { cell.mDaemon.mKernel.KillPoll(); }},
+                 [](Cell& cell) { cell.mDaemon.mKernel.SetFault(Fault::PollDead); }},
            Event{"kernel and reader disagree", kWatchful,
                  [](Cell& cell) { cell.mDaemon.mKernel.SetFault(Fault::OutOfStep); }},
            Event{"the chip goes on polling after its stop", kWatchful,

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <pty.h>
 #include <signal.h>
+#include <spdlog/sinks/ansicolor_sink-inl.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <termios.h>
 #include <unistd.h>

@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tools/harness/nfcclient.h"
+#include "tools/kernelbed/nfcclient.h"
 #include "tools/virtual-nfc/preload/inprocess.h"
 
 namespace {
@@ -35,13 +35,15 @@ TEST(VirtualNfcFamily, IsListedToLibnlWithThisKernelsNumbers) {
 
 TEST(VirtualNfcDevice, IsListedAfterTheOthersInOneDatagram) {
   InProcessVirtualNfc kernel;
-  kernel.Plug(3);
   EXPECT_EQ(kernel.Plug(), 1U);
+  EXPECT_EQ(kernel.Plug(), 2U);
+  kernel.Unplug(0);
+  EXPECT_EQ(kernel.Plug(), 0U);
   const NfcClient client;
   const std::vector<Message> dump = client.Dump(NFC_CMD_GET_DEVICE);
   ASSERT_THAT(dump, SizeIs(4));
   for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(dump[i].Attributes()[7], "031"[i]);
+    EXPECT_EQ(dump[i].Attributes()[7], "120"[i]);
   }
   client.Send(NFC_CMD_GET_DEVICE, {}, NLM_F_REQUEST | NLM_F_DUMP);
   EXPECT_EQ(client.ReceiveDatagram().size(), 3U * (20 + 44));

@@ -21,6 +21,8 @@ namespace {
 
 constexpr std::uint32_t kSequence = 7;
 
+const std::string kBusy = fmt::format("error {}", EBUSY);
+
 struct CommandWord {
   std::uint8_t command;
   bool isDump;
@@ -49,6 +51,25 @@ std::vector<Bytes> ReceiveAll(int fd) {
     datagram.resize(static_cast<std::size_t>(length));
     datagrams.push_back(std::move(datagram));
   }
+}
+
+/// Equal datagrams give equal text. @param port of the receiving socket, 0 for an event
+std::string Describe(const Bytes& datagram, std::uint32_t port) {
+  std::string text = fmt::format("{} bytes", datagram.size());
+  for (const Bytes& message : SplitMessages(datagram)) {
+    const nlmsghdr header = ParseRequest(message).header;
+    const ByteView content = ByteView(message).subspan(NLMSG_HDRLEN);
+    text +=
+        fmt::format(", type {} flags={:#x} seq={} pid={}", header.nlmsg_type, header.nlmsg_flags,
+                    header.nlmsg_seq, header.nlmsg_pid == port ? "own" : std::to_string(header.nlmsg_pid));
+    std::int32_t code = 0;
+    if (header.nlmsg_type == NLMSG_ERROR && content.size() >= sizeof(code)) {
+      std::memcpy(&code, content.data(), sizeof(code));
+      text += code == 0 ? " ack" : fmt::format(" error {}", -code);
+    }
+    text += fmt::format(":\n    {:02x}", fmt::join(content, " "));
+  }
+  return text;
 }
 
 /// Runs the operation on a thread that receives signals, which a handler ignores, until it returns.
@@ -87,7 +108,7 @@ Conversation::~Conversation() {
     Program& last = Of('z');
     (void)Eventually([&] {
       const auto answers = Command(last, {"down"});
-      return answers.empty() || answers.front().find("error EBUSY") == std::string::npos;
+      return answers.empty() || answers.front().find(kBusy) == std::string::npos;
     });
   } catch (const std::exception& e) {
     std::fprintf(stderr, "The reader stays on: %s\n", e.what());
@@ -133,7 +154,7 @@ void Conversation::Resolve() {
   }
 }
 
-std::vector<std::string> Conversation::Ask(const Program& program, const Bytes& request) const {
+std::vector<std::string> Conversation::Ask(const Program& program, const Bytes& request) {
   Write(program, request);
   std::vector<std::string> answers;
   for (const Bytes& datagram : ReceiveAll(program.socket.Get())) {
@@ -148,14 +169,6 @@ void Conversation::Write(const Program& program, const Bytes& request) {
                reinterpret_cast<const sockaddr*>(&kernel), sizeof(kernel)) < 0) {
     throw std::runtime_error(fmt::format("cannot ask the kernel: {}", std::strerror(errno)));
   }
-}
-
-std::string Conversation::Describe(const Bytes& datagram, std::uint32_t port) const {
-  std::string text;
-  for (const std::string& message : DescribeDatagram(datagram, mIds.family, port)) {
-    text += (text.empty() ? "" : " + ") + message;
-  }
-  return text;
 }
 
 void Conversation::Note(const std::string& what, const std::vector<std::string>& answers) {
@@ -223,7 +236,7 @@ void Conversation::Do(const std::string& step) {
     } else if (how == "~") {
       (void)Eventually([&] {
         ask();
-        return answers.empty() || answers.front().find("error EBUSY") == std::string::npos;
+        return answers.empty() || answers.front().find(kBusy) == std::string::npos;
       });
     } else {
       ask();

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "tools/kernelbed/kernelbench.h"
-#include "tools/virtual-nfc/trace/netlinktext.h"
 
 /// A conversation of programs 'a', 'b' and so on with a kernel. Each has its own socket; 'e' listens to the
 /// events. One thread.
@@ -46,8 +45,7 @@ class Conversation {
   Program& Of(char name);
   void Resolve();
   static void Write(const Program& program, const virtualnfc::Bytes& request);
-  std::vector<std::string> Ask(const Program& program, const virtualnfc::Bytes& request) const;
-  std::string Describe(const virtualnfc::Bytes& datagram, std::uint32_t port) const;
+  static std::vector<std::string> Ask(const Program& program, const virtualnfc::Bytes& request);
   void Note(const std::string& what, const std::vector<std::string>& answers);
   std::vector<std::string> Command(Program& program, const std::vector<std::string>& words);
   void AwaitEvent();

@@ -55,7 +55,7 @@ class SimulatedBench : public KernelBench {
   }
   void Plug() override {
     mKernel.WaitFor([](const Status& status) { return status.devices.empty(); });
-    mKernel.Plug(0);
+    mKernel.Plug();
   }
   void Unplug() override { mKernel.Unplug(); }
   void GoWrong(const std::string& what) override {

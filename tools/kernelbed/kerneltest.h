@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/harness/nfcclient.h"
 #include "tools/harness/station.h"
+#include "tools/kernelbed/nfcclient.h"
 #include "tools/kernelbed/reader.h"
 
 using virtualnfc::Stack;

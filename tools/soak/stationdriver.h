@@ -56,11 +56,8 @@ class StationDriver {
       if (std::any_of(devices.begin(), devices.end(), [](const auto& device) { return !device.removed; })) {
         return true;
       }
-      try {
-        return mKernel.Plug(0) == 0;
-      } catch (const std::invalid_argument&) {
-        return false;  // a reader that has gone keeps its number for some time
-      }
+      // A reader that has gone keeps its number for some time.
+      return devices.empty() && mKernel.Plug() == 0;
     };
     Require(Eventually(hasReader, kPatience), "a reader can be plugged in");
   }

@@ -17,7 +17,6 @@
 #include "tools/common/stopsignals.h"
 #include "tools/virtual-nfc/server/controlprotocol.h"
 #include "tools/virtual-nfc/server/virtualnfc.h"
-#include "tools/virtual-nfc/trace/recorder.h"
 
 namespace {
 
@@ -32,17 +31,13 @@ int Fail(ExitStatus status, const std::string& message) {
   return status;
 }
 
-int Serve(const std::string& address, Stack stack, const std::string& record) {
+int Serve(const std::string& address, Stack stack) {
   const StopSignals signals;
   std::optional<VirtualNfc> server;
   try {
     server.emplace(VirtualNfcSettings{.kernel = {.stack = stack}}, address);
   } catch (const std::runtime_error& error) {
     return Fail(Unreachable, error.what());
-  }
-  std::optional<Recorder> recorder;
-  if (!record.empty()) {
-    recorder.emplace(*server, record);
   }
   LineOutput().Write("virtual-nfc: ready at " + address);
   while (!signals.HaveCome(std::chrono::hours(1))) {
@@ -122,10 +117,7 @@ int RunCommandLine(int argc, char** argv) {
 
   CLI::App* serve = app.add_subcommand("serve", "simulate the kernel until SIGINT or SIGTERM");
   bool isNci = false;
-  std::string record;
   serve->add_flag("--nci", isNci, "a reader whose chip does the protocol; by default the kernel does it");
-  serve->add_option("--record", record, "write down the messages between programs and the kernel")
-      ->type_name("FILE");
   ControlCommands commands(app);
   const CLI::App* env =
       app.add_subcommand("env", "print the environment that connects a program to the server");
@@ -134,7 +126,7 @@ int RunCommandLine(int argc, char** argv) {
     return *ended;
   }
   if (serve->parsed()) {
-    return Serve(address, isNci ? Stack::Nci : Stack::Digital, record);
+    return Serve(address, isNci ? Stack::Nci : Stack::Digital);
   }
   return env->parsed() ? PrintEnvironment(address) : Ask(address, LineOf(argc, argv));
 }

@@ -110,7 +110,7 @@ Json::Value Bench::Reader() const {
   Json::Value reader;
   reader["simulated"] = !mSettings.nfcSocket.empty();
   if (!mSettings.nfcSocket.empty()) {
-    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status --json");
+    const std::string reply = virtualnfc::AskServer(mSettings.nfcSocket, "status");
     reader["there"] = reply.starts_with("ok\n");
     reader["devices"] = ParseJsonObject(reply.substr(reply.find('\n') + 1))["devices"];
   }

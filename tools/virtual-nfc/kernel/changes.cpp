@@ -15,24 +15,34 @@ void Invert(std::span<std::uint8_t> bytes) {
   }
 }
 
-/// Acknowledgements and ends of dumps have no attributes.
-bool HasAttributes(const Bytes& message) {
-  return message.size() >= kHeaders && ParseRequest(message).header.nlmsg_type >= NLMSG_MIN_TYPE;
-}
-
 template <typename Edit>
-void EditHeader(Bytes& message, Edit edit) {
-  nlmsghdr header{};
-  if (message.size() >= sizeof(header)) {
-    std::memcpy(&header, message.data(), sizeof(header));
-    edit(header);
-    std::memcpy(message.data(), &header, sizeof(header));
+void EditHeaders(Answer& answer, Edit edit) {
+  for (Bytes& message : answer.messages) {
+    nlmsghdr header{};
+    if (message.size() >= sizeof(header)) {
+      std::memcpy(&header, message.data(), sizeof(header));
+      edit(header);
+      std::memcpy(message.data(), &header, sizeof(header));
+    }
   }
 }
 
-void DamageAttributes(Bytes& message, ChangeKind kind) {
-  const Request old = ParseRequest(message);
-  const ByteView all = ByteView(message).subspan(kHeaders);
+template <typename Edit>
+void EditFirst(Answer& answer, Edit edit) {
+  if (!answer.messages.empty()) {
+    edit(answer.messages.front());
+  }
+}
+
+enum class Damage { Long, Short, Missing, Twice, Nested };
+
+template <Damage How>
+void DamageAttributes(Answer& answer, std::uint32_t /*number*/) {
+  const Request old = answer.messages.empty() ? Request() : ParseRequest(answer.messages.front());
+  // Acknowledgements and ends of dumps have no attributes.
+  if (!old.hasGenlHeader || old.header.nlmsg_type < NLMSG_MIN_TYPE) {
+    return;
+  }
   MessageBuilder damaged(old.header.nlmsg_type, old.header.nlmsg_flags, old.header.nlmsg_seq,
                          old.header.nlmsg_pid);
   damaged.Genl(old.genl.cmd, old.genl.version);
@@ -42,88 +52,75 @@ void DamageAttributes(Bytes& message, ChangeKind kind) {
   };
   bool isFirst = true;
   for (const auto& [type, value] : old.attributes) {
-    if (kind == ChangeKind::NestedAttributes) {
-      add(type, all.size(), all);
-      break;
-    }
-    if (kind == ChangeKind::LongAttributes) {
-      add(type, value.size() + message.size(), value);
-    } else if (kind == ChangeKind::ShortAttributes) {
+    if (How == Damage::Nested && isFirst) {
+      damaged.Raw(type, ByteView(old.whole).subspan(kHeaders));
+    } else if (How == Damage::Long) {
+      add(type, value.size() + old.whole.size(), value);
+    } else if (How == Damage::Short) {
       add(type, 1, ByteView(value).first(std::min<std::size_t>(value.size(), 1)));
-    } else if (kind == ChangeKind::RepeatedAttributes) {
+    } else if (How == Damage::Twice) {
       Bytes other = value;
       Invert(other);
       damaged.Raw(type, value).Raw(type, other);
-    } else if (!isFirst) {
+    } else if (How == Damage::Missing && !isFirst) {
       damaged.Raw(type, value);
     }
     isFirst = false;
   }
-  message = damaged.Finish();
+  answer.messages.front() = damaged.Finish();
 }
 
-void Duplicate(std::vector<Bytes>& messages) {
-  for (std::size_t i = 0; i < messages.size(); i += 2) {
-    messages.insert(messages.begin() + static_cast<std::ptrdiff_t>(i), Bytes(messages[i]));
-  }
-}
+constexpr Change kChanges[] = {
+    {"drop", [](Answer& answer, std::uint32_t) { answer.messages.clear(); }},
+    {"overrun", [](Answer& answer, std::uint32_t) { answer = {.messages = {}, .overruns = true}; }},
+    {"close", [](Answer& answer, std::uint32_t) { answer = {.messages = {}, .closes = true}; }},
+    {"truncate=",
+     [](Answer& answer, std::uint32_t size) {
+       EditFirst(answer, [size](Bytes& first) { first.resize(std::min<std::size_t>(first.size(), size)); });
+     }},
+    {"garble",
+     [](Answer& answer, std::uint32_t) {
+       EditFirst(answer,
+                 [](Bytes& first) { Invert(std::span(first).subspan(std::min(kHeaders, first.size()))); });
+     }},
+    {"garble=long", DamageAttributes<Damage::Long>},
+    {"garble=short", DamageAttributes<Damage::Short>},
+    {"garble=missing", DamageAttributes<Damage::Missing>},
+    {"garble=twice", DamageAttributes<Damage::Twice>},
+    {"garble=nested", DamageAttributes<Damage::Nested>},
+    {"duplicate",
+     [](Answer& answer, std::uint32_t) {
+       std::vector<Bytes> twice;
+       for (const Bytes& message : answer.messages) {
+         twice.insert(twice.end(), 2, message);
+       }
+       answer.messages = std::move(twice);
+     }},
+    {"reverse",
+     [](Answer& answer, std::uint32_t) { std::reverse(answer.messages.begin(), answer.messages.end()); }},
+    {"no-done",
+     [](Answer& answer, std::uint32_t) {
+       std::erase_if(answer.messages, [](const Bytes& message) {
+         return ParseRequest(message).header.nlmsg_type == NLMSG_DONE;
+       });
+     }},
+    {"interrupted",
+     [](Answer& answer, std::uint32_t) {
+       EditHeaders(answer, [](nlmsghdr& header) {
+         header.nlmsg_flags |= (header.nlmsg_flags & NLM_F_MULTI) != 0 ? NLM_F_DUMP_INTR : 0;
+       });
+     }},
+    {"seq=",
+     [](Answer& answer, std::uint32_t sequence) {
+       EditHeaders(answer, [sequence](nlmsghdr& header) { header.nlmsg_seq = sequence; });
+     }},
+    {"sender=", [](Answer& answer, std::uint32_t port) { answer.sender = port; }},
+};
 
 }  // namespace
 
-void ApplyChange(const Change& change, Answer& answer) {
-  std::vector<Bytes>& messages = answer.messages;
-  Bytes none;
-  Bytes& first = messages.empty() ? none : messages.front();
-  switch (change.kind) {
-    case ChangeKind::Overrun:
-    case ChangeKind::Close:
-    case ChangeKind::Drop:
-      messages.clear();
-      answer.overruns |= change.kind == ChangeKind::Overrun;
-      answer.closes |= change.kind == ChangeKind::Close;
-      return;
-    case ChangeKind::Truncate:
-      first.resize(std::min<std::size_t>(first.size(), change.value));
-      return;
-    case ChangeKind::Garble:
-      Invert(std::span(first).subspan(std::min(kHeaders, first.size())));
-      return;
-    case ChangeKind::LongAttributes:
-    case ChangeKind::ShortAttributes:
-    case ChangeKind::MissingAttribute:
-    case ChangeKind::RepeatedAttributes:
-    case ChangeKind::NestedAttributes:
-      if (HasAttributes(first)) {
-        DamageAttributes(first, change.kind);
-      }
-      return;
-    case ChangeKind::Duplicate:
-      Duplicate(messages);
-      return;
-    case ChangeKind::Reverse:
-      std::reverse(messages.begin(), messages.end());
-      return;
-    case ChangeKind::NoDone:
-      std::erase_if(messages, [](const Bytes& message) {
-        return ParseRequest(message).header.nlmsg_type == NLMSG_DONE;
-      });
-      return;
-    case ChangeKind::Interrupted:
-      for (Bytes& message : messages) {
-        EditHeader(message, [](nlmsghdr& header) {
-          header.nlmsg_flags |= (header.nlmsg_flags & NLM_F_MULTI) != 0 ? NLM_F_DUMP_INTR : 0;
-        });
-      }
-      return;
-    case ChangeKind::Sequence:
-      for (Bytes& message : messages) {
-        EditHeader(message, [&change](nlmsghdr& header) { header.nlmsg_seq = change.value; });
-      }
-      return;
-    case ChangeKind::Sender:
-      answer.sender = change.value;
-      return;
-  }
+std::span<const Change> Changes() {
+  return kChanges;
 }
 
 }  // namespace virtualnfc

@@ -3,6 +3,8 @@
 // What a rule does to the messages of an answer or event before they are sent.
 
 #include <cstdint>
+#include <span>
+#include <string_view>
 #include <vector>
 
 #include "tools/virtual-nfc/kernel/genlmessage.h"
@@ -19,30 +21,13 @@ struct Answer {
   bool closes = false;
 };
 
-enum class ChangeKind {
-  Drop,
-  Truncate,
-  Garble,
-  LongAttributes,
-  ShortAttributes,
-  MissingAttribute,
-  RepeatedAttributes,
-  NestedAttributes,
-  Duplicate,
-  Reverse,
-  NoDone,
-  Interrupted,
-  Sequence,
-  Sender,
-  Overrun,
-  Close,
-};
-
 struct Change {
-  ChangeKind kind;
-  std::uint32_t value = 0;
+  /// As in a rule; one that ends in '=' takes a number.
+  std::string_view word;
+  void (*apply)(Answer& answer, std::uint32_t number);
 };
 
-void ApplyChange(const Change& change, Answer& answer);
+/// All changes that a rule can make.
+std::span<const Change> Changes();
 
 }  // namespace virtualnfc

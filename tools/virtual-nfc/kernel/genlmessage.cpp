@@ -82,24 +82,18 @@ std::vector<Bytes> SplitMessages(ByteView datagram) {
   return messages;
 }
 
-ByteView ForEachAttribute(ByteView bytes, const std::function<void(std::uint16_t, ByteView)>& visit) {
+Attributes ParseAttributes(ByteView bytes) {
+  Attributes parsed;
   nlattr header{};
   while (bytes.size() >= sizeof(header)) {
     std::memcpy(&header, bytes.data(), sizeof(header));
     if (header.nla_len < NLA_HDRLEN || header.nla_len > bytes.size()) {
       break;
     }
-    visit(header.nla_type, bytes.subspan(NLA_HDRLEN, header.nla_len - NLA_HDRLEN));
+    const ByteView value = bytes.subspan(NLA_HDRLEN, header.nla_len - NLA_HDRLEN);
+    parsed[header.nla_type & NLA_TYPE_MASK] = Bytes(value.begin(), value.end());
     bytes = Skip(bytes, NLA_ALIGN(std::size_t{header.nla_len}));
   }
-  return bytes;
-}
-
-Attributes ParseAttributes(ByteView bytes) {
-  Attributes parsed;
-  ForEachAttribute(bytes, [&parsed](std::uint16_t type, ByteView value) {
-    parsed[type & NLA_TYPE_MASK] = Bytes(value.begin(), value.end());
-  });
   return parsed;
 }
 
@@ -117,16 +111,6 @@ Request ParseRequest(Bytes message) {
     request.attributes = ParseAttributes(view.subspan(NLMSG_HDRLEN + GENL_HDRLEN));
   }
   return request;
-}
-
-std::optional<std::uint32_t> GetU32(const Attributes& attributes, std::uint16_t type) {
-  const auto found = attributes.find(type);
-  std::uint32_t value = 0;
-  if (found == attributes.end() || found->second.size() < sizeof(value)) {
-    return std::nullopt;
-  }
-  std::memcpy(&value, found->second.data(), sizeof(value));
-  return value;
 }
 
 Bytes MakeErrorMessage(const Request& request, std::uint32_t port, int error) {

@@ -7,7 +7,7 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
-#include <functional>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <span>
@@ -72,13 +72,23 @@ std::vector<Bytes> SplitMessages(ByteView datagram);
 /// @param message one whole message as SplitMessages gives it
 Request ParseRequest(Bytes message);
 
-/// Calls `visit` with the type, flag bits included, and the value of each attribute.
-/// @returns the bytes that are no attribute, such as the rest of one that was cut off
-ByteView ForEachAttribute(ByteView bytes, const std::function<void(std::uint16_t, ByteView)>& visit);
+/// The attributes without their flag bits, up to one that is cut off.
 Attributes ParseAttributes(ByteView bytes);
 
-/// The number in an attribute; nothing when it is missing or has fewer than four bytes.
-std::optional<std::uint32_t> GetU32(const Attributes& attributes, std::uint16_t type);
+/// The number in an attribute; nothing when it is missing or has too few bytes.
+template <typename Number>
+std::optional<Number> Get(const Attributes& attributes, std::uint16_t type) {
+  const auto found = attributes.find(type);
+  Number value = 0;
+  if (found == attributes.end() || found->second.size() < sizeof(value)) {
+    return std::nullopt;
+  }
+  std::memcpy(&value, found->second.data(), sizeof(value));
+  return value;
+}
+inline std::optional<std::uint32_t> GetU32(const Attributes& attributes, std::uint16_t type) {
+  return Get<std::uint32_t>(attributes, type);
+}
 
 /// Error 0: an acknowledgement with the request's header. Otherwise -error and the whole request.
 /// @param error a positive errno or 0

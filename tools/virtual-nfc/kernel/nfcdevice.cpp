@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <cerrno>
-#include <stdexcept>
 
 namespace virtualnfc {
 
@@ -24,13 +23,7 @@ const std::vector<std::string>& FaultNames() {
 }
 
 Fault ParseFault(std::string_view name) {
-  const auto& names = FaultNames();
-  const auto found = std::find(names.begin(), names.end(), name);
-  if (found == names.end()) {
-    throw std::invalid_argument(
-        fmt::format("unknown fault '{}'; known are {}", name, fmt::join(names, ", ")));
-  }
-  return static_cast<Fault>(found - names.begin());
+  return static_cast<Fault>(IndexOf("fault", name, FaultNames()));
 }
 
 NfcDevice::NfcDevice(std::uint32_t index, Stack stack, bool assumeAlready)

@@ -37,17 +37,13 @@ NfcKernel::Result NfcKernel::Handle(const Request& request, std::uint32_t port) 
     return Acknowledge(request, port, 0, {});
   }
   const bool isController = request.header.nlmsg_type == GENL_ID_CTRL;
-  if (!isController && (!mSettings.hasFamily || request.header.nlmsg_type != mSettings.familyId)) {
+  if (!isController && request.header.nlmsg_type != mSettings.familyId) {
     return Refuse(request, port, ENOENT);
   }
   if (!request.hasGenlHeader) {
     return Refuse(request, port, EINVAL);
   }
   return isController ? HandleController(request, port) : HandleNfc(request, port);
-}
-
-NfcKernel::Result NfcKernel::Refuse(const Request& request, std::uint32_t port, int error) const {
-  return Acknowledge(request, port, error, {});
 }
 
 NfcKernel::Result NfcKernel::Acknowledge(const Request& request, std::uint32_t port, int error,
@@ -66,7 +62,7 @@ std::optional<Occurrence> NfcKernel::Classify(const Request& request) const {
   Occurrence occurrence;
   if (request.header.nlmsg_type == GENL_ID_CTRL) {
     occurrence.family = Family::Controller;
-  } else if (request.header.nlmsg_type != mSettings.familyId || !mSettings.hasFamily) {
+  } else if (request.header.nlmsg_type != mSettings.familyId) {
     return std::nullopt;
   }
   occurrence.command = request.genl.cmd;
@@ -83,28 +79,22 @@ NfcKernel::Result NfcKernel::HandleController(const Request& request, std::uint3
   Result result;
   if (request.IsDump()) {
     result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, GENL_ID_CTRL));
-    if (mSettings.hasFamily) {
-      result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, mSettings.familyId));
-    }
+    result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, mSettings.familyId));
     result.answer.messages.push_back(MakeDoneMessage(request, port, 0));
     return result;
   }
-  const auto id = request.attributes.find(CTRL_ATTR_FAMILY_ID);
   const auto name = request.attributes.find(CTRL_ATTR_FAMILY_NAME);
-  std::uint16_t wanted = 0;
-  if (id != request.attributes.end() && id->second.size() >= sizeof(wanted)) {
-    std::copy_n(id->second.begin(), sizeof(wanted), reinterpret_cast<std::uint8_t*>(&wanted));
-  }
+  std::uint16_t wanted = Get<std::uint16_t>(request.attributes, CTRL_ATTR_FAMILY_ID).value_or(0);
   if (name != request.attributes.end()) {
     std::string text(name->second.begin(), name->second.end());
     text.resize(std::min(text.find('\0'), text.size()));
     wanted = text == "nlctrl"        ? std::uint16_t{GENL_ID_CTRL}
              : text == NFC_GENL_NAME ? mSettings.familyId
                                      : std::uint16_t{0};
-  } else if (id == request.attributes.end()) {
+  } else if (!request.attributes.contains(CTRL_ATTR_FAMILY_ID)) {
     return Refuse(request, port, EINVAL);
   }
-  if (wanted != GENL_ID_CTRL && (wanted != mSettings.familyId || !mSettings.hasFamily)) {
+  if (wanted != GENL_ID_CTRL && wanted != mSettings.familyId) {
     return Refuse(request, port, ENOENT);
   }
   result.answer.messages.push_back(FamilyMessage(request, 0, port, wanted));
@@ -124,8 +114,8 @@ Bytes NfcKernel::FamilyMessage(const Request& request, std::uint16_t flags, std:
 
   const std::size_t list = message.Begin(CTRL_ATTR_OPS);
   std::uint16_t entry = 1;
-  for (const Command& command : Commands(isController ? Family::Controller : Family::Nfc)) {
-    if (command.IsOperation()) {
+  for (const Command& command : kCommands) {
+    if (command.family == (isController ? Family::Controller : Family::Nfc) && command.flags != 0) {
       const std::size_t one = message.Begin(entry++);
       message.U32(CTRL_ATTR_OP_ID, command.number).U32(CTRL_ATTR_OP_FLAGS, command.flags);
       message.End(one);
@@ -143,12 +133,11 @@ Bytes NfcKernel::FamilyMessage(const Request& request, std::uint16_t flags, std:
 }
 
 NfcKernel::Result NfcKernel::HandleNfc(const Request& request, std::uint32_t port) {
-  const Command* operation = FindCommand(Family::Nfc, request.genl.cmd);
-  if (operation == nullptr || !operation->IsOperation()) {
-    return Refuse(request, port, EOPNOTSUPP);
-  }
   const std::uint32_t way = request.IsDump() ? GENL_CMD_CAP_DUMP : GENL_CMD_CAP_DO;
-  if ((operation->flags & way) == 0) {
+  if (std::none_of(std::begin(kCommands), std::end(kCommands), [&](const Command& command) {
+        return command.family == Family::Nfc && command.number == request.genl.cmd &&
+               (command.flags & way) != 0;
+      })) {
     return Refuse(request, port, EOPNOTSUPP);
   }
   if (HasShortNumber(request)) {

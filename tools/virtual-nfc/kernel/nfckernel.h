@@ -24,8 +24,6 @@ struct KernelSettings {
   std::uint16_t familyId = 20;
   std::uint32_t groupId = 3;
   std::string groupName = "events";
-  /// False: a kernel without NFC.
-  bool hasFamily = true;
   /// False: programs lack the privilege to join the events group (EPERM).
   bool admitsListeners = true;
   /// START_POLL while polling and STOP_POLL while not polling answer EALREADY. The real kernel does not do
@@ -40,8 +38,6 @@ class NfcKernel {
  public:
   explicit NfcKernel(KernelSettings settings);
 
-  const KernelSettings& Settings() const { return mSettings; }
-
   struct Result {
     Answer answer;
     /// The errno of the answer, 0 for success.
@@ -54,8 +50,12 @@ class NfcKernel {
   /// @param port netlink port of the asking socket
   Result Handle(const Request& request, std::uint32_t port);
 
+  /// Adds the error or the acknowledgement to what was answered before. @param error positive, or 0
+  Result Acknowledge(const Request& request, std::uint32_t port, int error, Result result) const;
   /// Answers the request with an error without carrying it out. @param error positive
-  Result Refuse(const Request& request, std::uint32_t port, int error) const;
+  Result Refuse(const Request& request, std::uint32_t port, int error) const {
+    return Acknowledge(request, port, error, {});
+  }
 
   /// The command, as rules see it; nothing when the message is no command of these families.
   std::optional<Occurrence> Classify(const Request& request) const;
@@ -97,7 +97,6 @@ class NfcKernel {
  private:
   Result HandleController(const Request& request, std::uint32_t port) const;
   Result HandleNfc(const Request& request, std::uint32_t port);
-  Result Acknowledge(const Request& request, std::uint32_t port, int error, Result result) const;
   Result HandleDump(const Request& request, std::uint32_t port);
   int Execute(const Request& request, std::uint32_t port, Result& result);
   /// Null when the request names no device or one that is not listed.

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstring>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
@@ -14,32 +16,8 @@ namespace virtualnfc {
 namespace {
 
 constexpr int kMaxErrno = 4095;
+constexpr int kHighestNamedErrno = 133;
 constexpr std::uint32_t kMaxDelayMs = 10 * 60 * 1000;
-
-/// A word that ends in '=' takes a number.
-struct ChangeWord {
-  std::string_view word;
-  ChangeKind kind;
-};
-
-constexpr ChangeWord kChanges[] = {
-    {"drop", ChangeKind::Drop},
-    {"truncate=", ChangeKind::Truncate},
-    {"garble", ChangeKind::Garble},
-    {"garble=long", ChangeKind::LongAttributes},
-    {"garble=short", ChangeKind::ShortAttributes},
-    {"garble=missing", ChangeKind::MissingAttribute},
-    {"garble=twice", ChangeKind::RepeatedAttributes},
-    {"garble=nested", ChangeKind::NestedAttributes},
-    {"duplicate", ChangeKind::Duplicate},
-    {"reverse", ChangeKind::Reverse},
-    {"no-done", ChangeKind::NoDone},
-    {"interrupted", ChangeKind::Interrupted},
-    {"seq=", ChangeKind::Sequence},
-    {"sender=", ChangeKind::Sender},
-    {"overrun", ChangeKind::Overrun},
-    {"close", ChangeKind::Close},
-};
 
 std::uint32_t ParseNumber(std::string_view what, std::string_view text, std::uint32_t min = 0,
                           std::uint32_t max = 0xFFFFFFFF) {
@@ -52,51 +30,40 @@ std::uint32_t ParseNumber(std::string_view what, std::string_view text, std::uin
   return value;
 }
 
-bool IsNumber(std::string_view text) {
-  return !text.empty() && std::isdigit(static_cast<unsigned char>(text.front())) != 0;
-}
-
 int ParseErrno(std::string_view text) {
-  if (text.empty() || IsNumber(text)) {
+  if (text.empty() || std::isdigit(static_cast<unsigned char>(text.front())) != 0) {
     return static_cast<int>(ParseNumber("errno", text, 1, kMaxErrno));
   }
-  const auto error = FindError(text);
-  if (!error) {
-    throw std::invalid_argument(fmt::format("unknown error name '{}'", text));
+  for (int error = 1; error <= kHighestNamedErrno; ++error) {
+    const char* name = ::strerrorname_np(error);
+    if (name != nullptr && text == name) {
+      return error;
+    }
   }
-  return *error;
+  throw std::invalid_argument(fmt::format("unknown error name '{}'", text));
 }
 
 void ParseCommand(std::string_view word, Rule& rule) {
   if (word == "any") {
     return;
   }
-  if (IsNumber(word)) {
-    rule.command = static_cast<std::uint8_t>(ParseNumber("a command", word, 0, 255));
-    return;
+  const auto* found = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                   [word](const Command& command) { return word == command.name; });
+  if (found == std::end(kCommands)) {
+    throw std::invalid_argument(fmt::format("unknown command '{}'", word));
   }
-  for (const Family family : {Family::Nfc, Family::Controller}) {
-    for (const Command& command : Commands(family)) {
-      if (word == command.name && (family == Family::Nfc || command.IsOperation())) {
-        rule.family = family;
-        rule.command = command.number;
-        return;
-      }
-    }
-  }
-  throw std::invalid_argument(fmt::format("unknown command '{}'", word));
+  rule.family = found->family;
+  rule.command = found->number;
 }
 
 void ParseWord(std::string_view word, Rule& rule) {
   const std::string_view key = word.substr(0, std::min(word.find('='), word.size() - 1) + 1);
   const std::string_view value = word.substr(key.size());
-  for (const ChangeWord& change : kChanges) {
-    if (word == change.word) {
-      rule.changes.push_back({change.kind});
-      return;
-    }
-    if (key == change.word) {
-      rule.changes.push_back({change.kind, ParseNumber(key.substr(0, key.size() - 1), value)});
+  for (const Change& change : Changes()) {
+    const bool takesNumber = change.word.ends_with('=');
+    if (change.word == (takesNumber ? key : word)) {
+      const auto number = takesNumber ? ParseNumber(key.substr(0, key.size() - 1), value) : 0;
+      rule.changes.emplace_back([&change, number](Answer& answer) { change.apply(answer, number); });
       return;
     }
   }
@@ -125,10 +92,7 @@ bool IsEvent(const Rule& rule) {
 }
 
 bool IsForCommandsOnly(const Rule& rule) {
-  return rule.error || rule.delay.count() != 0 || rule.cross || rule.unplug ||
-         std::any_of(rule.changes.begin(), rule.changes.end(), [](const Change& change) {
-           return change.kind == ChangeKind::NoDone || change.kind == ChangeKind::Interrupted;
-         });
+  return rule.error || rule.delay.count() != 0 || rule.cross || rule.unplug;
 }
 
 }  // namespace
@@ -140,6 +104,7 @@ Rule ParseRule(const std::string& text) {
     throw std::invalid_argument("a rule begins with a command");
   }
   Rule rule;
+  rule.text = text;
   ParseCommand(word, rule);
   while (words >> word) {
     ParseWord(word, rule);
@@ -148,38 +113,23 @@ Rule ParseRule(const std::string& text) {
     throw std::invalid_argument("the rule has no action");
   }
   if (IsEvent(rule) && IsForCommandsOnly(rule)) {
-    throw std::invalid_argument("events cannot take errno, delay, cross, unplug, no-done or interrupted");
+    throw std::invalid_argument("events cannot take errno, delay, cross or unplug");
   }
   return rule;
 }
 
-std::uint32_t RuleSet::Add(const std::string& text) {
-  mRules.push_back(Entry{ParseRule(text), RuleStatus{mNextId, text}});
-  return mNextId++;
-}
-
-std::vector<RuleStatus> RuleSet::List() const {
-  std::vector<RuleStatus> all;
-  for (const Entry& entry : mRules) {
-    all.push_back(entry.status);
-  }
-  return all;
-}
-
-std::optional<Rule> RuleSet::Match(const Occurrence& occurrence) {
+std::optional<Rule> MatchRule(std::vector<Rule>& rules, const Occurrence& occurrence) {
   std::optional<Rule> fires;
-  for (Entry& entry : mRules) {
-    const Rule& rule = entry.rule;
+  for (Rule& rule : rules) {
     if (rule.family != occurrence.family ||
         (rule.command ? *rule.command != occurrence.command : occurrence.isEvent)) {
       continue;
     }
-    ++entry.status.seen;
-    if (fires || (rule.nth && *rule.nth != entry.status.seen) ||
-        (rule.times && entry.status.fired >= *rule.times)) {
+    ++rule.seen;
+    if (fires || (rule.nth && *rule.nth != rule.seen) || (rule.times && rule.fired >= *rule.times)) {
       continue;
     }
-    ++entry.status.fired;
+    ++rule.fired;
     fires = rule;
   }
   return fires;

@@ -6,13 +6,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tools/virtual-nfc/kernel/changes.h"
-#include "tools/virtual-nfc/kernel/names.h"
+#include "tools/virtual-nfc/kernel/commands.h"
 #include "tools/virtual-nfc/kernel/nfcdevice.h"
 
 namespace virtualnfc {
@@ -26,6 +26,11 @@ struct Occurrence {
 };
 
 struct Rule {
+  std::string text;
+  /// Occurrences of its command or event, and how often it fired.
+  std::uint32_t seen = 0;
+  std::uint32_t fired = 0;
+
   Family family = Family::Nfc;
   /// Nothing here: the rule applies to every command of the family and to no event.
   std::optional<std::uint8_t> command;
@@ -37,40 +42,13 @@ struct Rule {
   std::optional<Fault> fault;
   bool cross = false;
   bool unplug = false;
-  std::vector<Change> changes;
+  std::vector<std::function<void(Answer&)>> changes;
 };
 
 /// @throws std::invalid_argument naming the word that is wrong
 Rule ParseRule(const std::string& text);
 
-struct RuleStatus {
-  std::uint32_t id = 0;
-  std::string text;
-  std::uint32_t seen = 0;
-  std::uint32_t fired = 0;
-};
-
-/// The rules in force. Not thread-safe; its owner locks.
-class RuleSet {
- public:
-  /// @returns the rule's id
-  /// @throws std::invalid_argument
-  std::uint32_t Add(const std::string& text);
-  void Clear() { mRules.clear(); }
-  std::vector<RuleStatus> List() const;
-
-  /// The first rule, in order of addition, that fires for this occurrence. Every matching rule counts the
-  /// occurrence.
-  std::optional<Rule> Match(const Occurrence& occurrence);
-
- private:
-  struct Entry {
-    Rule rule;
-    RuleStatus status;
-  };
-
-  std::vector<Entry> mRules;
-  std::uint32_t mNextId = 1;
-};
+/// The first rule that fires for this occurrence. Every matching rule counts the occurrence.
+std::optional<Rule> MatchRule(std::vector<Rule>& rules, const Occurrence& occurrence);
 
 }  // namespace virtualnfc

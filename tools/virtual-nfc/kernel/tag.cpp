@@ -13,26 +13,21 @@ namespace {
 
 struct KindInfo {
   const char* name;
-  TagKind kind;
   Radio radio;
   std::uint32_t protocols;
   std::uint8_t selRes;
 };
 
+/// In the order of TagKind.
 constexpr KindInfo kKinds[] = {
-    {"mifare", TagKind::Mifare, Radio::A, NFC_PROTO_MIFARE_MASK, 0x00},
-    {"felica", TagKind::Felica, Radio::F, NFC_PROTO_FELICA_MASK, 0x00},
-    {"iso14443a", TagKind::Iso14443A, Radio::A, NFC_PROTO_ISO14443_MASK, 0x20},
-    {"nfc-dep", TagKind::NfcDep, Radio::A, NFC_PROTO_NFC_DEP_MASK, 0x40},
-    {"iso14443b", TagKind::Iso14443B, Radio::B, NFC_PROTO_ISO14443_B_MASK, 0x00},
-    {"iso15693", TagKind::Iso15693, Radio::V, NFC_PROTO_ISO15693_MASK, 0x00},
-    {"foreign", TagKind::Foreign, Radio::A, 0, 0x08},
+    {"mifare", Radio::A, NFC_PROTO_MIFARE_MASK, 0x00},
+    {"felica", Radio::F, NFC_PROTO_FELICA_MASK, 0x00},
+    {"iso14443a", Radio::A, NFC_PROTO_ISO14443_MASK, 0x20},
+    {"nfc-dep", Radio::A, NFC_PROTO_NFC_DEP_MASK, 0x40},
+    {"iso14443b", Radio::B, NFC_PROTO_ISO14443_B_MASK, 0x00},
+    {"iso15693", Radio::V, NFC_PROTO_ISO15693_MASK, 0x00},
+    {"foreign", Radio::A, 0, 0x08},
 };
-
-const KindInfo& InfoOf(TagKind kind) {
-  return *std::find_if(std::begin(kKinds), std::end(kKinds),
-                       [kind](const KindInfo& info) { return info.kind == kind; });
-}
 
 template <typename Value>
 Bytes NumberBytes(Value value) {
@@ -54,27 +49,33 @@ void Append(Bytes& bytes, std::initializer_list<std::uint8_t> more) {
 }  // namespace
 
 Bytes ParseHex(std::string_view text) {
-  Bytes bytes;
-  for (std::size_t at = 0; at < text.size(); at += 2) {
-    at += text[at] == ':' && at + 1 < text.size() ? 1 : 0;
-    std::uint8_t byte = 0;
-    const char* end = text.data() + std::min(at + 2, text.size());
-    const auto [stop, failure] = std::from_chars(text.data() + at, end, byte, 16);
-    if (failure != std::errc() || stop != end) {
+  if (text.size() % 2 != 0) {
+    throw std::invalid_argument(fmt::format("'{}' ends in half a byte", text));
+  }
+  Bytes bytes(text.size() / 2);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const char* digits = text.data() + 2 * i;
+    const auto [stop, failure] = std::from_chars(digits, digits + 2, bytes[i], 16);
+    if (failure != std::errc() || stop != digits + 2) {
       throw std::invalid_argument(fmt::format("'{}' is not hexadecimal", text));
     }
-    if (at + 2 > text.size()) {
-      throw std::invalid_argument(fmt::format("'{}' ends in half a byte", text));
-    }
-    bytes.push_back(byte);
   }
   return bytes;
 }
 
+std::size_t IndexOf(std::string_view what, std::string_view name, const std::vector<std::string>& known) {
+  const auto found = std::find(known.begin(), known.end(), name);
+  if (found == known.end()) {
+    throw std::invalid_argument(
+        fmt::format("unknown {} '{}'; known are {}", what, name, fmt::join(known, ", ")));
+  }
+  return static_cast<std::size_t>(found - known.begin());
+}
+
 Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
-  const KindInfo& info = InfoOf(kind);
+  const KindInfo& info = kKinds[static_cast<std::size_t>(kind)];
   Bytes bytes = ParseHex(uid);
-  Tag tag{std::string(uid), info.radio, info.protocols, {}, fmt::format("{} {}", info.name, uid)};
+  Tag tag{std::string(uid), info.radio, info.protocols, {}};
   // The upper bits of SENS_RES tell the length of an NFC-A number.
   const bool isA = info.radio == Radio::A;
   const std::uint16_t sensRes = !isA ? 0x00 : bytes.size() == 7 ? 0x44 : bytes.size() == 10 ? 0x84 : 0x04;
@@ -137,13 +138,7 @@ const std::vector<std::string>& TagKindNames() {
 }
 
 TagKind ParseTagKind(std::string_view name) {
-  for (const KindInfo& info : kKinds) {
-    if (name == info.name) {
-      return info.kind;
-    }
-  }
-  throw std::invalid_argument(
-      fmt::format("unknown kind of tag '{}'; known are {}", name, fmt::join(TagKindNames(), ", ")));
+  return static_cast<TagKind>(IndexOf("kind of tag", name, TagKindNames()));
 }
 
 bool IsPolled(std::uint32_t protocolMask, Radio radio) {

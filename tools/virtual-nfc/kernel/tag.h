@@ -32,12 +32,10 @@ struct Tag {
   std::uint32_t protocols = 0;
   /// The attributes of its target message after the index, in order.
   std::vector<std::pair<std::uint16_t, Bytes>> attributes;
-  /// As in a control line, "mifare 04A12B5C"; empty for MakeRawTag.
-  std::string words = {};
 };
 
 /// A tag of this kind, as the stack reports it.
-/// @param uid hexadecimal as printed on the tag, colons allowed. NFC-A kinds: 4, 7 or 10 bytes, or none for a
+/// @param uid hexadecimal as printed on the tag. NFC-A kinds: 4, 7 or 10 bytes, or none for a
 /// tag without a number. Felica: the 8 bytes of the IDm, or the whole SENSF_RES (Digital: 17 or 18 bytes,
 /// response code first; Nci: 16 or 18). ISO 14443-B: the 4 bytes of the PUPI, or the whole SENSB_RES of 11
 /// bytes, which Digital does not report. ISO 15693: 8 bytes, E0 first.
@@ -56,6 +54,9 @@ const std::vector<std::string>& TagKindNames();
 
 /// @throws std::invalid_argument
 Bytes ParseHex(std::string_view text);
+
+/// @throws std::invalid_argument saying what is unknown, and the known names
+std::size_t IndexOf(std::string_view what, std::string_view name, const std::vector<std::string>& known);
 
 /// Whether a poll for these protocols looks for tags of this technology.
 bool IsPolled(std::uint32_t protocolMask, Radio radio);

@@ -34,7 +34,6 @@ class SocketTable {
     if (fd < 0 || static_cast<std::size_t>(fd) >= mIsOurs.size()) {
       return false;
     }
-    const std::shared_ptr<NetlinkSocket> stale = Take(fd);
     const std::lock_guard lock(mMutex);
     mSockets[fd] = std::move(socket);
     mIsOurs[static_cast<std::size_t>(fd)] = true;
@@ -45,17 +44,9 @@ class SocketTable {
     if (!MayBeOurs(fd)) {
       return nullptr;
     }
-    std::shared_ptr<NetlinkSocket> socket;
-    {
-      const std::lock_guard lock(mMutex);
-      const auto found = mSockets.find(fd);
-      socket = found == mSockets.end() ? nullptr : found->second;
-    }
-    if (socket && !socket->IsAt(fd)) {
-      Take(fd);
-      return nullptr;
-    }
-    return socket;
+    const std::lock_guard lock(mMutex);
+    const auto found = mSockets.find(fd);
+    return found == mSockets.end() ? nullptr : found->second;
   }
 
   std::shared_ptr<NetlinkSocket> Take(int fd) {

@@ -1,7 +1,7 @@
 #include "tools/virtual-nfc/preload/netlinksocket.h"
 
 #include <poll.h>
-#include <sys/stat.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,28 +13,6 @@
 #include "tools/virtual-nfc/server/unixsocket.h"
 
 namespace virtualnfc {
-
-namespace {
-
-/// No signal reaches the thread while this lives.
-class SignalsHeld {
- public:
-  SignalsHeld() {
-    sigset_t all;
-    sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &mBefore);
-  }
-  ~SignalsHeld() { ::pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-  SignalsHeld(const SignalsHeld&) = delete;
-  SignalsHeld& operator=(const SignalsHeld&) = delete;
-
-  const sigset_t& Before() const { return mBefore; }
-
- private:
-  sigset_t mBefore{};
-};
-
-}  // namespace
 
 int Fail(int error) {
   errno = error;
@@ -56,36 +34,18 @@ void CopyNetlinkAddress(const sockaddr_nl& address, void* to, socklen_t& length)
 
 std::shared_ptr<NetlinkSocket> NetlinkSocket::Connect(const std::string& address, UniqueFd& data) {
   UniqueFd control = ConnectUnix(address, SOCK_SEQPACKET);
-  UniqueFd memory;
-  const wire::OperationHeader open{wire::Operation::Open, 0};
+  UniqueFd losses;
+  const wire::OperationHeader open{wire::Operation::Open, static_cast<std::uint32_t>(::getpid())};
   if (!control || Real().send(control.Get(), &open, sizeof(open), MSG_NOSIGNAL) < 0 ||
-      !wire::ReceiveOpened(control.Get(), data, memory)) {
+      !wire::ReceiveOpened(control.Get(), data, losses)) {
     return nullptr;
   }
-  struct stat info {};
-  if (::fstat(data.Get(), &info) != 0) {
-    return nullptr;
-  }
-  wire::MappedPage page = wire::MapPage(memory);
-  return page == nullptr
-             ? nullptr
-             : std::shared_ptr<NetlinkSocket>(new NetlinkSocket(std::move(control), std::move(page), info));
-}
-
-NetlinkSocket::NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data)
-    : mControl(std::move(control)), mPage(std::move(page)), mInode(data.st_ino), mDevice(data.st_dev) {}
-
-bool NetlinkSocket::IsAt(int fd) const {
-  struct stat info {};
-  return ::fstat(fd, &info) == 0 && info.st_ino == mInode && info.st_dev == mDevice;
+  return std::shared_ptr<NetlinkSocket>(new NetlinkSocket(std::move(control), std::move(losses)));
 }
 
 int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t argument, const iovec* parts,
                        std::size_t count) {
   const std::lock_guard lock(mExchange);
-  if (mPage->closed != 0) {
-    return Fail(EBADF);
-  }
   wire::OperationHeader header{operation, argument};
   std::vector<iovec> all{{&header, sizeof(header)}};
   all.insert(all.end(), parts, parts + count);
@@ -93,17 +53,18 @@ int NetlinkSocket::Ask(wire::Operation operation, std::uint32_t argument, const 
   message.msg_iov = all.data();
   message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(all.size());
   wire::Reply reply{};
-  bool isAnswered = false;
-  {
-    // A signal that comes between sending and waiting must end the wait as well.
-    const SignalsHeld signals;
-    isAnswered =
-        Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, signals.Before());
-  }
+  // A signal that comes between sending and waiting must end the wait as well, so it is held until then.
+  sigset_t everySignal;
+  sigset_t before;
+  sigfillset(&everySignal);
+  ::pthread_sigmask(SIG_SETMASK, &everySignal, &before);
+  const bool isAnswered =
+      Real().sendmsg(mControl.Get(), &message, MSG_NOSIGNAL) >= 0 && AwaitReply(reply, before);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   if (isAnswered) {
     mPort = reply.port;
   }
-  const int error = isAnswered ? reply.error : ECONNREFUSED;
+  const int error = isAnswered ? reply.error : EBADF;
   return error == 0 ? 0 : Fail(error);
 }
 
@@ -129,11 +90,9 @@ bool NetlinkSocket::AwaitReply(wire::Reply& reply, const sigset_t& signals) cons
 
 ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
   for (;;) {
-    if (const std::uint32_t overruns = mPage->overruns.load(); mSeenOverruns.exchange(overruns) != overruns) {
+    eventfd_t losses = 0;
+    if (::eventfd_read(mLosses.Get(), &losses) == 0) {
       return Fail(ENOBUFS);
-    }
-    if (mPage->closed != 0) {
-      return Fail(EBADF);
     }
     wire::DatagramHeader header{};
     std::vector<iovec> parts{{&header, sizeof(header)}};
@@ -145,8 +104,11 @@ ssize_t NetlinkSocket::Receive(int fd, msghdr& message, int flags) {
     if (length < 0) {
       return -1;
     }
+    if (length == 0) {
+      return Fail(EBADF);
+    }
     if (length < static_cast<ssize_t>(sizeof(header))) {
-      // An empty datagram only wakes the reader.
+      // It only wakes the reader.
       if ((flags & MSG_PEEK) != 0) {
         (void)Real().recv(fd, nullptr, 0, MSG_DONTWAIT);
       }

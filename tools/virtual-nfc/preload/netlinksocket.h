@@ -5,7 +5,6 @@
 #include <linux/netlink.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -14,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "tools/virtual-nfc/server/uniquefd.h"
 #include "tools/virtual-nfc/server/wire.h"
@@ -35,10 +35,6 @@ class NetlinkSocket {
   /// @returns null with errno set when the server cannot be reached
   static std::shared_ptr<NetlinkSocket> Connect(const std::string& address, UniqueFd& data);
 
-  /// Whether the descriptor still belongs to this socket. A program can close it by other means and get the
-  /// number for something else.
-  bool IsAt(int fd) const;
-
   /// Asks the server and waits for its reply, without a timeout, as a command in the kernel does.
   /// @param parts what follows the header
   /// @returns 0, or -1 with errno
@@ -51,15 +47,13 @@ class NetlinkSocket {
   std::uint32_t Port() const { return mPort; }
 
  private:
-  NetlinkSocket(UniqueFd control, wire::MappedPage page, const struct stat& data);
+  NetlinkSocket(UniqueFd control, UniqueFd losses)
+      : mControl(std::move(control)), mLosses(std::move(losses)) {}
 
   bool AwaitReply(wire::Reply& reply, const sigset_t& signals) const;
 
   const UniqueFd mControl;
-  const wire::MappedPage mPage;
-  const ino_t mInode;
-  const dev_t mDevice;
-  std::atomic<std::uint32_t> mSeenOverruns{0};
+  const UniqueFd mLosses;
   std::atomic<std::uint32_t> mPort{0};
   /// One exchange at a time.
   std::mutex mExchange;

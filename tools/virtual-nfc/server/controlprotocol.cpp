@@ -13,16 +13,6 @@ namespace {
 
 constexpr double kMaxHold = 24.0 * 60 * 60;
 
-Json::Value CountsAsJson(const std::array<std::uint32_t, 256>& counts) {
-  Json::Value json(Json::objectValue);
-  for (std::size_t i = 0; i < counts.size(); ++i) {
-    if (counts[i] != 0) {
-      json[CommandName(Family::Nfc, static_cast<std::uint8_t>(i))] = counts[i];
-    }
-  }
-  return json;
-}
-
 std::string StatusAsJson(const Status& status) {
   Json::Value json;
   json["devices"] = Json::arrayValue;
@@ -46,36 +36,9 @@ std::string StatusAsJson(const Status& status) {
     json["tags"].append(tag);
   }
   json["openSockets"] = static_cast<Json::UInt64>(status.openSockets);
-  json["listeners"] = static_cast<Json::UInt64>(status.listeners);
-  json["commands"] = CountsAsJson(status.commands);
-  json["events"] = CountsAsJson(status.events);
   json["commandWaits"] = status.commandWaits;
   json["hung"] = status.hung;
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  return Json::writeString(writer, json) + "\n";
-}
-
-std::string StatusAsText(const Status& status) {
-  std::string text;
-  for (const DeviceStatus& device : status.devices) {
-    const std::string polling =
-        device.polling ? fmt::format("polling for {:#x} by port {}", device.mask, device.ownerPort)
-                       : "not polling";
-    text += fmt::format("device   {}{}, power {}, {}", device.name, device.removed ? " (gone)" : "",
-                        device.powered ? "on" : "off", polling);
-    for (const Fault fault : device.faults) {
-      text += fmt::format(", {}", FaultName(fault));
-    }
-    text += fmt::format(", {} tag(s) found\n", device.targetsFound);
-  }
-  const char* waiting = status.hung           ? ", the kernel hangs"
-                        : status.commandWaits ? ", a command waits for the chip"
-                                              : "";
-  return fmt::format("{}tags     {}\nsockets  {} open, {} listening to events{}\n",
-                     text.empty() ? "device   none\n" : text,
-                     status.tags.empty() ? "none" : fmt::format("{}", fmt::join(status.tags, ", ")),
-                     status.openSockets, status.listeners, waiting);
+  return Json::writeString(Json::StreamWriterBuilder(), json) + "\n";
 }
 
 void RequireDevice(bool isThere, std::uint32_t index) {
@@ -87,94 +50,82 @@ void RequireDevice(bool isThere, std::uint32_t index) {
 }  // namespace
 
 ControlCommands::ControlCommands(CLI::App& app) {
+  AddTagCommands(app);
+  AddReaderCommands(app);
+  AddRuleCommands(app);
+}
+
+CLI::App& ControlCommands::Add(CLI::App& parent, const char* name, const char* help, Command command) {
+  return *parent.add_subcommand(name, help)->callback([this, command = std::move(command)] {
+    mCommand = command;
+  });
+}
+
+void ControlCommands::AddTagCommands(CLI::App& app) {
   auto& tap =
-      Add(app, "tap", "put a tag in front of the reader, in place of any other", &ControlCommands::Tap);
+      Add(app, "tap", "put a tag in front of the reader, in place of any other", [this](auto& server) {
+        Tag tag = MakeTag(ParseTagKind(mKind), mUid, server.Settings().kernel.stack);
+        const bool isPolling = server.GetStatus().Device().polling;
+        server.PresentTagFor(std::move(tag), std::chrono::milliseconds(std::lround(mHold * 1000)));
+        return isPolling ? "" : "No device is polling; the tag is found as soon as one does.\n";
+      });
   tap.add_option("UID", mUid, "as printed on the tag, hexadecimal")->required();
   tap.add_option("--tech", mKind, "kind of tag")->check(CLI::IsMember(TagKindNames()))->capture_default_str();
   tap.add_option("--hold", mHold, "take it away after this time; by default it stays until 'remove'")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.001, kMaxHold));
-  Add(app, "remove", "take all tags away", &ControlCommands::Remove);
-  Add(app, "plug", "plug in a reader and print its number", &ControlCommands::Plug);
-  Add(app, "unplug", "unplug the reader", &ControlCommands::Unplug)
-      .add_option("N", mDevice, "the number that 'plug' printed; by default the first reader");
-  auto& fault = Add(app, "fault", "let the reader fail without telling programs", &ControlCommands::SetFault);
+  Add(app, "remove", "take all tags away", [](auto& server) {
+    server.RemoveTags();
+    return "";
+  });
+}
+
+void ControlCommands::AddReaderCommands(CLI::App& app) {
+  Add(app, "plug", "plug in a reader and print its number",
+      [](auto& server) { return fmt::format("device {}\n", server.Plug()); });
+  Add(app, "unplug", "unplug the reader", [this](auto& server) {
+    const std::uint32_t index = mDevice.value_or(server.GetStatus().Device().index);
+    RequireDevice(server.Unplug(index), index);
+    return "";
+  }).add_option("N", mDevice, "the number that 'plug' printed; by default the first reader");
+  auto& fault = Add(app, "fault", "let the reader fail without telling programs", [this](auto& server) {
+    const std::uint32_t index = server.GetStatus().Device().index;
+    RequireDevice(server.SetFault(ParseFault(mFault), !mIsOff, index), index);
+    return "";
+  });
   fault.add_option("NAME", mFault)->required()->check(CLI::IsMember(FaultNames()));
   fault.add_flag("--off", mIsOff, "end the fault");
-  Add(app, "status", "show the reader, the tags and who is connected", &ControlCommands::ShowStatus)
-      .add_flag("--json", mAsJson, "for scripts");
+  Add(app, "status", "show the reader, the tags and who is connected, as JSON",
+      [](auto& server) { return StatusAsJson(server.GetStatus()); });
+}
 
+void ControlCommands::AddRuleCommands(CLI::App& app) {
   CLI::App& rule = *app.add_subcommand("rule", "make the kernel misbehave");
   rule.require_subcommand(1);
   auto& add = Add(rule, "add", "COMMAND [CONDITION...] ACTION..., as in: START_POLL nth=2 errno=EBUSY",
-                  &ControlCommands::AddRule);
+                  [this](auto& server) {
+                    server.AddRule(fmt::format("{}", fmt::join(mRule, " ")));
+                    return "";
+                  });
   add.add_option("RULE", mRule)->required();
   add.footer(
-      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any, a number\n"
+      "Commands: GET_DEVICE DEV_UP DEV_DOWN START_POLL STOP_POLL GET_TARGET UNSPEC GETFAMILY any\n"
       "Events: TARGETS_FOUND DEVICE_ADDED DEVICE_REMOVED\n"
       "Conditions: nth=N times=N\n"
       "Actions: errno=E delay=MS fault=NAME cross unplug drop truncate=N "
       "garble[=long|short|missing|twice|nested] duplicate\n"
       "reverse no-done interrupted seq=N sender=N overrun close");
-  Add(rule, "list", "show the rules and how often they fired", &ControlCommands::ListRules);
-  Add(rule, "clear", "remove all rules", &ControlCommands::ClearRules);
-}
-
-CLI::App& ControlCommands::Add(CLI::App& parent, const char* name, const char* help, Command command) {
-  return *parent.add_subcommand(name, help)->callback([this, command] { mCommand = command; });
-}
-
-std::string ControlCommands::Tap(VirtualNfc& server) const {
-  Tag tag = MakeTag(ParseTagKind(mKind), mUid, server.Settings().kernel.stack);
-  const bool isPolling = server.GetStatus().Device().polling;
-  if (mHold > 0) {
-    server.PresentTagFor(std::move(tag), std::chrono::milliseconds(std::lround(mHold * 1000)));
-  } else {
-    server.PresentTag(std::move(tag));
-  }
-  return isPolling ? "" : "No device is polling; the tag is found as soon as one does.\n";
-}
-
-std::string ControlCommands::Remove(VirtualNfc& server) const {
-  server.RemoveTags();
-  return "";
-}
-
-std::string ControlCommands::Plug(VirtualNfc& server) const {
-  return fmt::format("device {}\n", server.Plug());
-}
-
-std::string ControlCommands::Unplug(VirtualNfc& server) const {
-  const std::uint32_t index = mDevice.value_or(server.GetStatus().Device().index);
-  RequireDevice(server.Unplug(index), index);
-  return "";
-}
-
-std::string ControlCommands::SetFault(VirtualNfc& server) const {
-  const std::uint32_t index = server.GetStatus().Device().index;
-  RequireDevice(server.SetFault(ParseFault(mFault), !mIsOff, index), index);
-  return "";
-}
-
-std::string ControlCommands::ShowStatus(VirtualNfc& server) const {
-  return mAsJson ? StatusAsJson(server.GetStatus()) : StatusAsText(server.GetStatus());
-}
-
-std::string ControlCommands::AddRule(VirtualNfc& server) const {
-  return fmt::format("rule {}\n", server.AddRule(fmt::format("{}", fmt::join(mRule, " "))));
-}
-
-std::string ControlCommands::ListRules(VirtualNfc& server) const {
-  std::string text;
-  for (const RuleStatus& rule : server.ListRules()) {
-    text += fmt::format("{}  {}  (seen {}, fired {})\n", rule.id, rule.text, rule.seen, rule.fired);
-  }
-  return text;
-}
-
-std::string ControlCommands::ClearRules(VirtualNfc& server) const {
-  server.ClearRules();
-  return "";
+  Add(rule, "list", "show the rules and how often they fired", [](auto& server) {
+    std::string text;
+    for (const Rule& one : server.ListRules()) {
+      text += fmt::format("{}  (seen {}, fired {})\n", one.text, one.seen, one.fired);
+    }
+    return text;
+  });
+  Add(rule, "clear", "remove all rules", [](auto& server) {
+    server.ClearRules();
+    return "";
+  });
 }
 
 std::string HandleControlLine(VirtualNfc& server, const std::string& line) {

@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,30 +27,23 @@ class ControlCommands {
 
   /// Carries out the command that the app has parsed. Returns the text for the user. Does not block.
   /// @throws std::invalid_argument
-  std::string CarryOut(VirtualNfc& server) const { return (this->*mCommand)(server); }
+  std::string CarryOut(VirtualNfc& server) const { return mCommand(server); }
 
  private:
-  using Command = std::string (ControlCommands::*)(VirtualNfc& server) const;
+  using Command = std::function<std::string(VirtualNfc& server)>;
 
+  void AddTagCommands(CLI::App& app);
+  void AddReaderCommands(CLI::App& app);
+  void AddRuleCommands(CLI::App& app);
   CLI::App& Add(CLI::App& parent, const char* name, const char* help, Command command);
-  std::string Tap(VirtualNfc& server) const;
-  std::string Remove(VirtualNfc& server) const;
-  std::string Plug(VirtualNfc& server) const;
-  std::string Unplug(VirtualNfc& server) const;
-  std::string SetFault(VirtualNfc& server) const;
-  std::string ShowStatus(VirtualNfc& server) const;
-  std::string AddRule(VirtualNfc& server) const;
-  std::string ListRules(VirtualNfc& server) const;
-  std::string ClearRules(VirtualNfc& server) const;
 
-  Command mCommand = nullptr;
+  Command mCommand;
   std::string mUid;
   std::string mKind = "mifare";
   double mHold = 0;
   std::optional<std::uint32_t> mDevice;
   std::string mFault;
   bool mIsOff = false;
-  bool mAsJson = false;
   std::vector<std::string> mRule;
 };
 

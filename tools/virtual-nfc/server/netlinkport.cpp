@@ -1,13 +1,12 @@
 #include "tools/virtual-nfc/server/netlinkport.h"
 
 #include <linux/sockios.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
 
 namespace virtualnfc {
 
@@ -17,27 +16,17 @@ constexpr int kSendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
 
 }  // namespace
 
-NetlinkPort::NetlinkPort(UniqueFd control) : mControl(std::move(control)) {
-  ucred peer{};
-  socklen_t length = sizeof(peer);
-  if (::getsockopt(mControl.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0) {
-    mProcessId = peer.pid;
-  }
-}
-
-int NetlinkPort::Open() {
+int NetlinkPort::Open(std::uint32_t processId) {
+  mProcessId = processId;
   int ends[2] = {-1, -1};
-  const UniqueFd memory(::memfd_create("virtual-nfc", MFD_CLOEXEC));
-  if (memory && ::ftruncate(memory.Get(), sizeof(wire::SharedPage)) == 0) {
-    mPage = wire::MapPage(memory);
-  }
-  if (!mPage || ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends) != 0) {
+  mLosses.Reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!mLosses || ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
     const int error = errno;
     Reply(error);
     return error;
   }
   mData.Reset(ends[0]);
-  return wire::SendOpened(mControl.Get(), UniqueFd(ends[1]), memory) ? 0 : errno;
+  return wire::SendOpened(mControl.Get(), UniqueFd(ends[1]), mLosses) ? 0 : errno;
 }
 
 void NetlinkPort::Reply(int error) const {
@@ -49,16 +38,11 @@ void NetlinkPort::ReplyText(std::string_view text) const {
   (void)::send(mControl.Get(), text.data(), std::min(text.size(), wire::kMaxMessage), kSendFlags);
 }
 
-bool NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, const Bytes& datagram) {
-  if (!mData) {
-    return false;
+void NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, const Bytes& datagram) {
+  if (!mData || (mCongested && !IsDrained())) {
+    return;
   }
-  if (mCongested) {
-    if (!IsDrained()) {
-      return false;
-    }
-    mCongested = false;
-  }
+  mCongested = false;
   wire::DatagramHeader header{sender, senderGroups};
   iovec parts[2] = {{&header, sizeof(header)}, {const_cast<std::uint8_t*>(datagram.data()), datagram.size()}};
   msghdr message{};
@@ -67,30 +51,17 @@ bool NetlinkPort::Deliver(std::uint32_t sender, std::uint32_t senderGroups, cons
   if (::sendmsg(mData.Get(), &message, kSendFlags) < 0 && (errno == EAGAIN || errno == EMSGSIZE)) {
     mCongested = true;
     MarkOverrun();
-    return false;
   }
-  return true;
 }
 
-void NetlinkPort::MarkOverrun() {
+void NetlinkPort::MarkOverrun() const {
   if (!mData) {
     return;
   }
-  mPage->overruns.fetch_add(1);
-  WakeReader();
-}
-
-void NetlinkPort::Close() {
-  if (mData) {
-    mPage->closed = 1;
-    WakeReader();
-  }
-}
-
-/// Unread data wakes the reader as well.
-void NetlinkPort::WakeReader() const {
+  (void)::eventfd_write(mLosses.Get(), 1);
+  // Unread data wakes the reader as well.
   if (IsDrained()) {
-    (void)::send(mData.Get(), "", 0, kSendFlags);
+    (void)::send(mData.Get(), "", 1, kSendFlags);
   }
 }
 

@@ -36,9 +36,7 @@ VirtualNfc::VirtualNfc(VirtualNfcSettings settings, std::string address)
   if (!mWake) {
     throw std::runtime_error("cannot make an event descriptor");
   }
-  for (std::uint32_t i = 0; i < mSettings.devices; ++i) {
-    mKernel.AddDevice(i);
-  }
+  mKernel.AddDevice(0);
   mThread = std::thread([this] {
     ::pthread_setname_np(::pthread_self(), "virtual-nfc");
     Run();
@@ -55,23 +53,15 @@ void VirtualNfc::Stop() {
     mThread.join();
   }
   const std::lock_guard lock(mMutex);
-  for (const auto& [id, socket] : mConnections) {
-    // Wakes programs that wait for events.
-    socket->MarkOverrun();
-  }
   mConnections.clear();
 }
 
-std::uint32_t VirtualNfc::Plug(std::optional<std::uint32_t> index) {
+std::uint32_t VirtualNfc::Plug() {
   const std::lock_guard lock(mMutex);
-  std::uint32_t number = index.value_or(0);
-  while (!index && mKernel.FindDevice(number) != nullptr) {
+  std::uint32_t number = 0;
+  while (mKernel.FindDevice(number) != nullptr) {
     ++number;
   }
-  if (mKernel.FindDevice(number) != nullptr) {
-    throw std::invalid_argument(fmt::format("there is a device {} already", number));
-  }
-  TellOfReader(fmt::format("plug {}", number));
   mKernel.AddDevice(number);
   SendEvent(NFC_EVENT_DEVICE_ADDED, number);
   Changed();
@@ -83,59 +73,43 @@ bool VirtualNfc::Unplug(std::uint32_t index) {
   if (!IsDeviceThere(index)) {
     return false;
   }
-  TellOfReader(fmt::format("unplug {}", index));
   RemoveDevice(index);
   Changed();
   return true;
 }
 
-void VirtualNfc::PresentTags(std::vector<Tag> tags) {
+void VirtualNfc::PresentTags(std::vector<Tag> tags, std::chrono::milliseconds hold) {
   const std::lock_guard lock(mMutex);
-  PutIntoField(std::move(tags), Timers::Clock::now());
-  Changed();
-}
-
-void VirtualNfc::PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now) {
+  // The same time for both, so that a late thread does not change the order of find and removal.
+  const auto now = Clock::now();
+  mField = std::move(tags);
   ++mFieldVersion;
-  ChangeField(std::move(tags));
   for (const auto& device : mKernel.Devices()) {
     ScheduleDetection(device->Index(), now);
   }
-}
-
-void VirtualNfc::PresentTag(Tag tag) {
-  PresentTags({std::move(tag)});
-}
-
-void VirtualNfc::PresentTagFor(Tag tag, std::chrono::milliseconds hold) {
-  const std::lock_guard lock(mMutex);
-  // The same time for both, so that a late thread does not change the order of find and removal.
-  const auto now = Timers::Clock::now();
-  PutIntoField({std::move(tag)}, now);
-  mTimers.At(now + hold, [this, version = mFieldVersion] {
-    if (mFieldVersion == version) {
-      ChangeField({});
-    }
-  });
+  if (hold.count() > 0) {
+    mTimers.emplace(now + hold, [this, version = mFieldVersion] {
+      if (mFieldVersion == version) {
+        mField.clear();
+      }
+    });
+  }
   Changed();
 }
 
-std::uint32_t VirtualNfc::AddRule(const std::string& text) {
+void VirtualNfc::AddRule(const std::string& text) {
   const std::lock_guard lock(mMutex);
-  const std::uint32_t id = mRules.Add(text);
-  TellOfReader(fmt::format("rule add {}", text));
-  return id;
+  mRules.push_back(ParseRule(text));
 }
 
-std::vector<RuleStatus> VirtualNfc::ListRules() const {
+std::vector<Rule> VirtualNfc::ListRules() const {
   const std::lock_guard lock(mMutex);
-  return mRules.List();
+  return mRules;
 }
 
 void VirtualNfc::ClearRules() {
   const std::lock_guard lock(mMutex);
-  mRules.Clear();
-  TellOfReader("rule clear");
+  mRules.clear();
 }
 
 bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
@@ -143,7 +117,6 @@ bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
   if (!IsDeviceThere(index)) {
     return false;
   }
-  TellOfReader(fmt::format("fault {} {} {}", FaultName(fault), on ? "on" : "off", index));
   ChangeFault(index, fault, on);
   Changed();
   return true;
@@ -151,7 +124,7 @@ bool VirtualNfc::SetFault(Fault fault, bool on, std::uint32_t index) {
 
 void VirtualNfc::ChangeFault(std::uint32_t index, Fault fault, bool on) {
   mKernel.FindDevice(index)->SetFault(fault, on);
-  ScheduleDetection(index, Timers::Clock::now());
+  ScheduleDetection(index, Clock::now());
 }
 
 void VirtualNfc::OverrunEvents() {
@@ -171,11 +144,6 @@ Status VirtualNfc::GetStatus() const {
   return MakeStatus();
 }
 
-std::vector<CommandRecord> VirtualNfc::History() const {
-  const std::lock_guard lock(mMutex);
-  return {mHistory.begin(), mHistory.end()};
-}
-
 bool VirtualNfc::WaitFor(const std::function<bool(const Status&)>& predicate,
                          std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mMutex);
@@ -183,7 +151,7 @@ bool VirtualNfc::WaitFor(const std::function<bool(const Status&)>& predicate,
 }
 
 Status VirtualNfc::MakeStatus() const {
-  Status status;
+  Status status = mStatus;
   for (const auto& device : mKernel.Devices()) {
     status.devices.push_back(device->Status());
   }
@@ -193,18 +161,13 @@ Status VirtualNfc::MakeStatus() const {
   for (const auto& [id, socket] : mConnections) {
     status.openSockets += socket->IsOpen() ? 1 : 0;
   }
-  status.listeners = Listeners().size();
-  status.commands = mCommands;
-  status.events = mEvents;
   status.commandWaits = mWaiting.has_value();
   status.queued = mWork.size();
-  status.hung = mHung;
   return status;
 }
 
 void VirtualNfc::Changed() {
-  const std::uint64_t one = 1;
-  (void)!::write(mWake.Get(), &one, sizeof(one));
+  (void)::eventfd_write(mWake.Get(), 1);
   mChanged.notify_all();
 }
 
@@ -229,18 +192,18 @@ void VirtualNfc::RemoveDevice(std::uint32_t index) {
   SendEvent(NFC_EVENT_DEVICE_REMOVED, index);
   const auto forget = [this, index] { mKernel.EraseDevice(index); };
   if (staysListed) {
-    mTimers.After(mSettings.removedListing, forget);
+    mTimers.emplace(Clock::now() + mSettings.removedListing, forget);
   } else {
     forget();
   }
 }
 
-void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now) {
+void VirtualNfc::ScheduleDetection(std::uint32_t index, Clock::time_point now) {
   const NfcDevice* polling = mKernel.FindDevice(index);
   if (mField.empty() || !polling->Status().polling) {
     return;
   }
-  mTimers.At(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
+  mTimers.emplace(now + mSettings.detectionDelay, [this, index, poll = polling->PollId()] {
     NfcDevice* device = mKernel.FindDevice(index);
     if (device != nullptr && device->PollId() == poll && device->Detect(mField)) {
       SendEvent(NFC_EVENT_TARGETS_FOUND, index);
@@ -249,11 +212,11 @@ void VirtualNfc::ScheduleDetection(std::uint32_t index, Timers::Clock::time_poin
 }
 
 void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
-  ++mEvents[event];
+  ++mStatus.events[event];
   Answer answer{{mKernel.Event(event, device)}};
-  if (const auto rule = mRules.Match({Family::Nfc, event, true, device})) {
-    for (const Change& change : rule->changes) {
-      ApplyChange(change, answer);
+  if (const auto rule = MatchRule(mRules, {Family::Nfc, event, true, device})) {
+    for (const auto& change : rule->changes) {
+      change(answer);
     }
     if (rule->fault && IsDeviceThere(device)) {
       ChangeFault(device, *rule->fault, true);
@@ -267,7 +230,7 @@ void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
       mConnections.at(id)->MarkOverrun();
     }
     if (answer.closes) {
-      BreakConnection(id);
+      CloseConnection(id);
     }
   }
 }
@@ -275,7 +238,7 @@ void VirtualNfc::SendEvent(std::uint8_t event, std::uint32_t device) {
 std::vector<std::uint64_t> VirtualNfc::Listeners() const {
   std::vector<std::uint64_t> listeners;
   for (const auto& [id, socket] : mConnections) {
-    if (socket->groups.contains(mSettings.kernel.groupId)) {
+    if (socket->listens) {
       listeners.push_back(id);
     }
   }
@@ -286,15 +249,14 @@ void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
   const std::uint32_t group = mSettings.kernel.groupId;
   const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
   for (const std::uint64_t id : Listeners()) {
-    Deliver(id, sender, mask, message);
+    mConnections.at(id)->Deliver(sender, mask, message);
+    Watch(Traffic::Event, message);
   }
 }
 
-void VirtualNfc::Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups,
-                         const Bytes& datagram) {
-  const bool fits = mConnections.at(id)->Deliver(sender, groups, datagram);
-  for (NetlinkObserver* observer : mObservers) {
-    observer->OnDelivered(id, sender, groups, datagram, !fits);
+void VirtualNfc::Watch(Traffic traffic, ByteView datagram) const {
+  if (mSettings.watch) {
+    mSettings.watch(traffic, datagram);
   }
 }
 
@@ -306,17 +268,19 @@ void VirtualNfc::Run() {
       fds.push_back({socket->ControlFd(), POLLIN, 0});
     }
     int timeout = -1;
-    if (const auto next = mTimers.Next()) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Timers::Clock::now());
+    if (!mTimers.empty()) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(mTimers.begin()->first - Clock::now());
       timeout = static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
     }
     lock.unlock();
     ::poll(fds.data(), fds.size(), timeout);
     lock.lock();
 
-    std::uint64_t ignored = 0;
-    (void)!::read(mWake.Get(), &ignored, sizeof(ignored));
-    mTimers.RunDue();
+    eventfd_t ignored = 0;
+    (void)::eventfd_read(mWake.Get(), &ignored);
+    for (const auto now = Clock::now(); !mTimers.empty() && mTimers.begin()->first <= now;) {
+      mTimers.extract(mTimers.begin()).mapped()();
+    }
     AcceptConnections();
     ReadConnections();
     WorkOff();

@@ -4,7 +4,6 @@
 // front of them. Programs reach it because the interposer turns their netlink sockets into connections to
 // this server.
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <condition_variable>
@@ -14,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,17 +24,16 @@
 #include "tools/virtual-nfc/kernel/nfckernel.h"
 #include "tools/virtual-nfc/kernel/rules.h"
 #include "tools/virtual-nfc/kernel/tag.h"
-#include "tools/virtual-nfc/server/netlinkobserver.h"
 #include "tools/virtual-nfc/server/netlinkport.h"
-#include "tools/virtual-nfc/server/timers.h"
 #include "tools/virtual-nfc/server/unixsocket.h"
 
 namespace virtualnfc {
 
+/// What a datagram between a program and the kernel is.
+enum class Traffic { Request, Answer, Event };
+
 struct VirtualNfcSettings {
-  KernelSettings kernel;
-  /// Devices at the start, numbered from 0.
-  std::uint32_t devices = 1;
+  KernelSettings kernel = {};
   /// From START_POLL, or from presenting a tag, until the chip has found the tag.
   std::chrono::milliseconds detectionDelay{20};
   /// From the close of the socket that owns the poll until the poll ends; 0: at once.
@@ -45,6 +44,9 @@ struct VirtualNfcSettings {
   std::chrono::milliseconds crossingWait{30000};
   /// For how long after such a STOP_POLL a new command to the device hangs for ever.
   std::chrono::milliseconds crossingPause{250};
+  /// Sees each datagram, on any thread, with the server's lock held: it must return at once and must not call
+  /// the server.
+  std::function<void(Traffic, ByteView)> watch = {};
 };
 
 struct Status {
@@ -52,10 +54,10 @@ struct Status {
   /// Labels of the tags in the field.
   std::vector<std::string> tags;
   std::size_t openSockets = 0;
-  /// Sockets that have joined the events group.
-  std::size_t listeners = 0;
   /// Commands of the nfc family received so far, by number, including one that still waits.
   std::array<std::uint32_t, 256> commands{};
+  /// How many of them a signal has ended before the chip had answered.
+  std::uint32_t interrupted = 0;
   /// Events of the nfc family sent so far, by number, with or without listeners.
   std::array<std::uint32_t, 256> events{};
   /// A command waits for its chip.
@@ -67,20 +69,13 @@ struct Status {
 
   /// The first device that is plugged in; without one, a status without power and poll.
   DeviceStatus Device() const;
+  std::uint32_t Commands() const { return std::accumulate(commands.begin(), commands.end(), 0U); }
   std::uint32_t Commands(std::uint8_t command) const { return commands[command]; }
   std::uint32_t Events(std::uint8_t event) const { return events[event]; }
 };
 
-/// One command of the nfc family and its result.
-struct CommandRecord {
-  std::uint8_t command = 0;
-  std::uint32_t port = 0;
-  /// errno of the answer, 0 for success
-  int error = 0;
-};
-
-/// Serves from construction to destruction, on its own thread. Any thread may call any operation at any time,
-/// except from a predicate given to WaitFor. Only WaitFor blocks.
+/// Serves from construction to destruction, on its own thread. Device 0 is plugged in at the start. Any
+/// thread may call any operation at any time, except from a predicate given to WaitFor. Only WaitFor blocks.
 class VirtualNfc {
  public:
   /// @param address where the interposer connects: a path, "@name" for an abstract name, or empty for a new
@@ -97,28 +92,25 @@ class VirtualNfc {
   const std::string& Address() const { return mListener.Address(); }
   const VirtualNfcSettings& Settings() const { return mSettings; }
 
-  /// Plugs in a device with this number, by default the lowest free one.
-  /// @throws std::invalid_argument when the given number is taken
-  std::uint32_t Plug(std::optional<std::uint32_t> index = std::nullopt);
+  /// Plugs in a device with the lowest free number. @returns the number
+  std::uint32_t Plug();
   /// @returns false when there is no such device
   bool Unplug(std::uint32_t index = 0);
 
-  /// Puts these tags in front of the readers and takes all others away.
-  void PresentTags(std::vector<Tag> tags);
-  void PresentTag(Tag tag);
-  /// Takes the tag away again after that time.
-  void PresentTagFor(Tag tag, std::chrono::milliseconds hold);
+  /// Puts these tags in front of the readers and takes all others away. @param hold how long they stay; 0:
+  /// until the next change
+  void PresentTags(std::vector<Tag> tags, std::chrono::milliseconds hold = {});
+  void PresentTag(Tag tag) { PresentTags({std::move(tag)}); }
+  void PresentTagFor(Tag tag, std::chrono::milliseconds hold) { PresentTags({std::move(tag)}, hold); }
   void RemoveTags() { PresentTags({}); }
 
-  /// Rules as described in rules.h. @throws std::invalid_argument @returns the rule's id
-  std::uint32_t AddRule(const std::string& text);
-  std::vector<RuleStatus> ListRules() const;
+  /// Rules as described in rules.h. @throws std::invalid_argument
+  void AddRule(const std::string& text);
+  std::vector<Rule> ListRules() const;
   void ClearRules();
 
   /// Starts or ends a fault of the device. @returns false when there is no such device
   bool SetFault(Fault fault, bool on = true, std::uint32_t index = 0);
-  /// Lets one transfer to the reader fail, which kills its poll.
-  bool KillPoll(std::uint32_t index = 0) { return SetFault(Fault::PollDead, true, index); }
 
   /// Ends the polls of closed sockets now instead of after ownerReleaseDelay.
   void EndPollsOfClosedSockets();
@@ -127,20 +119,15 @@ class VirtualNfc {
   /// Sends these bytes to all listeners, as if the kernel had.
   void SendRawEvent(const Bytes& message);
 
-  /// Reports everything to the observer until it is removed, beginning with the open sockets.
-  void AddObserver(NetlinkObserver& observer);
-  /// The observer gets no calls after this returns.
-  void RemoveObserver(NetlinkObserver& observer);
-
   Status GetStatus() const;
-  /// The commands of the nfc family since the start, the latest thousand.
-  std::vector<CommandRecord> History() const;
   /// Waits until the predicate holds; it is called with the lock held, after each change.
   /// @returns false on timeout
   bool WaitFor(const std::function<bool(const Status&)>& predicate,
                std::chrono::milliseconds timeout = std::chrono::seconds(60)) const;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   /// A message on its way to the kernel. The reply to the socket's Send comes with its last message.
   struct Work {
     std::uint64_t connection = 0;
@@ -164,34 +151,31 @@ class VirtualNfc {
   void ReadConnections();
   void CloseConnection(std::uint64_t id);
   std::vector<std::uint64_t> Listeners() const;
-  void BreakConnection(std::uint64_t id);
   void HandleRecord(std::uint64_t id, const Bytes& record);
   /// Takes a datagram that the program has sent to the kernel.
   void Enqueue(std::uint64_t id, ByteView datagram);
   int Bind(std::uint64_t id, std::uint32_t wanted);
-  int Join(std::uint64_t id, std::uint32_t group);
+  int Join(NetlinkPort& socket, std::uint32_t group) const;
   bool IsPortTaken(std::uint32_t port) const;
 
   /// Carries out the lines from virtual-nfc. Releases the lock meanwhile.
   void ServeControl(std::unique_lock<std::mutex>& lock);
   void WorkOff();
   void Begin(Work work);
+  /// A signal ends the wait of this connection's command for the chip.
+  void Interrupt(std::uint64_t id);
   void FinishWaiting(bool interrupted);
 
   void SendEvent(std::uint8_t event, std::uint32_t device);
-  void Deliver(std::uint64_t id, std::uint32_t sender, std::uint32_t groups, const Bytes& datagram);
   void Multicast(std::uint32_t sender, const Bytes& message);
   void RemoveDevice(std::uint32_t index);
-  void ScheduleDetection(std::uint32_t index, Timers::Clock::time_point now);
-  void PutIntoField(std::vector<Tag> tags, Timers::Clock::time_point now);
+  void ScheduleDetection(std::uint32_t index, Clock::time_point now);
   void ChangeFault(std::uint32_t index, Fault fault, bool on);
   bool IsDeviceThere(std::uint32_t index);
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
   Status MakeStatus() const;
-  void ChangeField(std::vector<Tag> tags);
   void ReleasePoll(std::uint32_t port);
-  void TellOfSocket(std::uint64_t id, SocketChange change, std::uint32_t number = 0, int error = 0);
-  void TellOfReader(std::string_view words);
+  void Watch(Traffic traffic, ByteView datagram) const;
   /// After a change by a caller's thread: wakes the server and the callers of WaitFor.
   void Changed();
 
@@ -203,9 +187,10 @@ class VirtualNfc {
   mutable std::condition_variable mChanged;
   // Everything below is guarded by mMutex.
   bool mStop = false;
-  Timers mTimers;
+  /// Actions to run later on the server's thread; an action may add others.
+  std::multimap<Clock::time_point, std::function<void()>> mTimers;
   NfcKernel mKernel;
-  RuleSet mRules;
+  std::vector<Rule> mRules;
   std::vector<Tag> mField;
   /// Counts the changes of the field, so that the end of a hold removes only its own tag.
   std::uint64_t mFieldVersion = 0;
@@ -219,13 +204,9 @@ class VirtualNfc {
   std::optional<Waiting> mWaiting;
   std::uint64_t mNextWaiting = 1;
   /// Until then a find waits for the device's lock. A command that takes the lock first waits for ever.
-  std::optional<Timers::Clock::time_point> mFindWaitsUntil;
-  /// mWaiting is never finished.
-  bool mHung = false;
-  std::deque<CommandRecord> mHistory;
-  std::array<std::uint32_t, 256> mCommands{};
-  std::array<std::uint32_t, 256> mEvents{};
-  std::vector<NetlinkObserver*> mObservers;
+  std::optional<Clock::time_point> mFindWaitsUntil;
+  /// The counts, and whether mWaiting hangs.
+  Status mStatus;
 
   std::thread mThread;
 };

@@ -10,8 +10,6 @@ namespace virtualnfc {
 
 using namespace std::chrono_literals;
 
-static constexpr std::size_t kHistoryLength = 1000;
-
 void VirtualNfc::WorkOff() {
   while (!mWaiting && !mWork.empty()) {
     Work work = std::move(mWork.front());
@@ -30,20 +28,20 @@ void VirtualNfc::Begin(Work work) {
   Rule rule;
   std::optional<std::uint32_t> device;
   if (occurrence) {
-    rule = mRules.Match(*occurrence).value_or(Rule{});
+    rule = MatchRule(mRules, *occurrence).value_or(Rule{});
     if (occurrence->family == Family::Nfc) {
-      ++mCommands[occurrence->command];
+      ++mStatus.commands[occurrence->command];
       device = DeviceOf(*occurrence);
     }
   }
   if (rule.unplug && device && NfcKernel::NeedsChip(request)) {
     RemoveDevice(*device);
   }
-  const auto now = Timers::Clock::now();
+  const auto now = Clock::now();
   const bool crosses = rule.cross && mKernel.CanCross(request, connection->second->port);
-  mHung = device && NfcKernel::UsesDevice(request) && mFindWaitsUntil && now < *mFindWaitsUntil;
+  mStatus.hung = device && NfcKernel::UsesDevice(request) && mFindWaitsUntil && now < *mFindWaitsUntil;
   mWaiting = Waiting{std::move(work), std::move(request), std::move(rule), crosses, device, mNextWaiting++};
-  if (mHung) {
+  if (mStatus.hung) {
     return;
   }
   const auto delay = mWaiting->rule.delay + (crosses ? mSettings.crossingWait : 0ms);
@@ -51,11 +49,18 @@ void VirtualNfc::Begin(Work work) {
     FinishWaiting(false);
     return;
   }
-  mTimers.At(now + delay, [this, id = mWaiting->id] {
+  mTimers.emplace(now + delay, [this, id = mWaiting->id] {
     if (mWaiting && mWaiting->id == id) {
       FinishWaiting(false);
     }
   });
+}
+
+void VirtualNfc::Interrupt(std::uint64_t id) {
+  if (mWaiting && mWaiting->work.connection == id && !mStatus.hung &&
+      mKernel.IsInterruptible(mWaiting->request)) {
+    FinishWaiting(true);
+  }
 }
 
 void VirtualNfc::FinishWaiting(bool interrupted) {
@@ -77,10 +82,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
                                                   : mKernel.Handle(request, port);
   const auto occurrence = mKernel.Classify(request);
   if (occurrence && occurrence->family == Family::Nfc) {
-    mHistory.push_back({occurrence->command, port, result.error});
-    if (mHistory.size() > kHistoryLength) {
-      mHistory.pop_front();
-    }
+    mStatus.interrupted += result.error == kRestartSys ? 1 : 0;
     if (waiting.rule.fault && waiting.device && IsDeviceThere(*waiting.device)) {
       ChangeFault(*waiting.device, *waiting.rule.fault, true);
     }
@@ -90,21 +92,22 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   }
   if (waiting.crosses) {
     mKernel.FindDevice(*waiting.device)->DropFind();
-    mFindWaitsUntil = Timers::Clock::now() + mSettings.crossingPause;
+    mFindWaitsUntil = Clock::now() + mSettings.crossingPause;
   }
   if (result.startedPoll) {
-    ScheduleDetection(*result.startedPoll, Timers::Clock::now());
+    ScheduleDetection(*result.startedPoll, Clock::now());
   }
   // A rule for an event that was sent meanwhile may have closed the connection.
   const auto connection = mConnections.find(waiting.work.connection);
   if (connection == mConnections.end()) {
     return;
   }
-  for (const Change& change : waiting.rule.changes) {
-    ApplyChange(change, result.answer);
+  for (const auto& change : waiting.rule.changes) {
+    change(result.answer);
   }
   for (const Bytes& datagram : PackDatagrams(result.answer.messages)) {
-    Deliver(connection->first, result.answer.sender, 0, datagram);
+    connection->second->Deliver(result.answer.sender, 0, datagram);
+    Watch(Traffic::Answer, datagram);
   }
   if (waiting.work.isLast) {
     connection->second->Reply(0);
@@ -113,7 +116,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
     connection->second->MarkOverrun();
   }
   if (result.answer.closes) {
-    BreakConnection(waiting.work.connection);
+    CloseConnection(waiting.work.connection);
   }
 }
 

@@ -1,6 +1,5 @@
-// The part of the server that handles the programs' sockets and the observers.
+// The part of the server that handles the programs' sockets.
 
-#include <fmt/format.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -16,48 +15,6 @@ namespace virtualnfc {
 /// When the process id is taken, the kernel looks for a free port downwards from here.
 static constexpr std::uint32_t kHighestSparePort = 0xFFFFF000;
 
-void VirtualNfc::AddObserver(NetlinkObserver& observer) {
-  const std::lock_guard lock(mMutex);
-  mObservers.push_back(&observer);
-  for (const auto& [id, socket] : mConnections) {
-    if (!socket->IsOpen()) {
-      continue;
-    }
-    observer.OnSocket(id, SocketChange::Opened, 0, 0);
-    if (socket->port != 0) {
-      observer.OnSocket(id, SocketChange::Bound, socket->port, 0);
-    }
-    for (const std::uint32_t group : socket->groups) {
-      observer.OnSocket(id, SocketChange::Joined, group, 0);
-    }
-  }
-}
-
-void VirtualNfc::RemoveObserver(NetlinkObserver& observer) {
-  const std::lock_guard lock(mMutex);
-  std::erase(mObservers, &observer);
-}
-
-void VirtualNfc::TellOfSocket(std::uint64_t id, SocketChange change, std::uint32_t number, int error) {
-  for (NetlinkObserver* observer : mObservers) {
-    observer->OnSocket(id, change, number, error);
-  }
-}
-
-void VirtualNfc::TellOfReader(std::string_view words) {
-  for (NetlinkObserver* observer : mObservers) {
-    observer->OnReader(words);
-  }
-}
-
-void VirtualNfc::ChangeField(std::vector<Tag> tags) {
-  mField = std::move(tags);
-  const bool isOne = mField.size() == 1 && !mField.front().words.empty();
-  TellOfReader(mField.empty() ? "remove"
-               : isOne        ? "tap " + mField.front().words
-                              : fmt::format("# {} tags", mField.size()));
-}
-
 bool VirtualNfc::IsPortTaken(std::uint32_t port) const {
   return std::any_of(mConnections.begin(), mConnections.end(),
                      [port](const auto& entry) { return entry.second->port == port; });
@@ -68,7 +25,7 @@ int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted) {
   if (socket.port == 0) {
     std::uint32_t port = wanted;
     if (wanted == 0) {
-      port = static_cast<std::uint32_t>(socket.ProcessId());
+      port = socket.ProcessId();
       for (std::uint32_t spare = kHighestSparePort; IsPortTaken(port); --spare) {
         port = spare;
       }
@@ -76,23 +33,18 @@ int VirtualNfc::Bind(std::uint64_t id, std::uint32_t wanted) {
       return EADDRINUSE;
     }
     socket.port = port;
-    TellOfSocket(id, SocketChange::Bound, port);
   } else if (wanted != 0 && wanted != socket.port) {
     return EINVAL;
   }
   return 0;
 }
 
-int VirtualNfc::Join(std::uint64_t id, std::uint32_t group) {
-  const bool isKnown =
-      group == kControllerGroupId || (mSettings.kernel.hasFamily && group == mSettings.kernel.groupId);
-  const bool isOpen = group == kControllerGroupId || mSettings.kernel.admitsListeners;
-  const int error = !isKnown ? ENOENT : isOpen ? 0 : EPERM;
-  if (error == 0) {
-    mConnections.at(id)->groups.insert(group);
+int VirtualNfc::Join(NetlinkPort& socket, std::uint32_t group) const {
+  if (group == mSettings.kernel.groupId) {
+    socket.listens = mSettings.kernel.admitsListeners;
+    return socket.listens ? 0 : EPERM;
   }
-  TellOfSocket(id, SocketChange::Joined, group, error);
-  return error;
+  return group == kControllerGroupId ? 0 : ENOENT;
 }
 
 void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
@@ -103,36 +55,24 @@ void VirtualNfc::HandleRecord(std::uint64_t id, const Bytes& record) {
     return;
   }
   std::copy_n(record.begin(), sizeof(header), reinterpret_cast<std::uint8_t*>(&header));
-  const bool isFirst =
-      header.operation == wire::Operation::Open || header.operation == wire::Operation::Control;
-  if (isFirst == socket.IsOpen()) {
-    CloseConnection(id);
-    return;
-  }
   switch (header.operation) {
     case wire::Operation::Open:
-      if (socket.Open() != 0) {
+      if (socket.Open(header.argument) != 0) {
         CloseConnection(id);
-        return;
       }
-      TellOfSocket(id, SocketChange::Opened);
       return;
     case wire::Operation::Bind:
       socket.Reply(Bind(id, header.argument));
       return;
     case wire::Operation::Join:
-      socket.Reply(Join(id, header.argument));
+      socket.Reply(Join(socket, header.argument));
       return;
     case wire::Operation::ReceiveBuffer:
       socket.SetReceiveBuffer(header.argument);
       socket.Reply(0);
       return;
     case wire::Operation::Interrupt:
-      TellOfSocket(id, SocketChange::Interrupted);
-      if (mWaiting && mWaiting->work.connection == id && !mHung &&
-          mKernel.IsInterruptible(mWaiting->request)) {
-        FinishWaiting(true);
-      }
+      Interrupt(id);
       return;
     case wire::Operation::Send:
       Enqueue(id, ByteView(record).subspan(sizeof(header)));
@@ -150,9 +90,7 @@ void VirtualNfc::Enqueue(std::uint64_t id, ByteView datagram) {
     socket.Reply(error);
     return;
   }
-  for (NetlinkObserver* observer : mObservers) {
-    observer->OnSent(id, datagram);
-  }
+  Watch(Traffic::Request, datagram);
   std::vector<Bytes> messages = SplitMessages(datagram);
   for (std::size_t i = 0; i < messages.size(); ++i) {
     mWork.push_back({id, std::move(messages[i]), i + 1 == messages.size()});
@@ -179,25 +117,19 @@ void VirtualNfc::CloseConnection(std::uint64_t id) {
     return;
   }
   const std::uint32_t port = mConnections.at(id)->port;
-  if (mWaiting && mWaiting->work.connection == id && !mHung && mKernel.IsInterruptible(mWaiting->request)) {
-    // The process was killed while its command waited, which counts as a signal.
-    TellOfSocket(id, SocketChange::Interrupted);
-    FinishWaiting(true);
-  }
+  // A process that is killed while its command waits has got a signal.
+  Interrupt(id);
   const auto connection = mConnections.find(id);
   if (connection == mConnections.end()) {
     // A rule for that command has closed the connection.
     return;
-  }
-  if (connection->second->IsOpen()) {
-    TellOfSocket(id, SocketChange::Closed);
   }
   mConnections.erase(connection);
   if (port != 0 && mSettings.ownerReleaseDelay.count() == 0) {
     ReleasePoll(port);
   } else if (port != 0) {
     mClosedPorts.push_back(port);
-    mTimers.After(mSettings.ownerReleaseDelay, [this, port] { ReleasePoll(port); });
+    mTimers.emplace(Clock::now() + mSettings.ownerReleaseDelay, [this, port] { ReleasePoll(port); });
   }
 }
 
@@ -213,14 +145,6 @@ void VirtualNfc::EndPollsOfClosedSockets() {
     ReleasePoll(port);
   }
   Changed();
-}
-
-/// Closes the socket although the program still uses it.
-void VirtualNfc::BreakConnection(std::uint64_t id) {
-  if (const auto connection = mConnections.find(id); connection != mConnections.end()) {
-    connection->second->Close();
-    CloseConnection(id);
-  }
 }
 
 void VirtualNfc::AcceptConnections() {

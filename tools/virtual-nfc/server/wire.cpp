@@ -1,6 +1,5 @@
 #include "tools/virtual-nfc/server/wire.h"
 
-#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -30,19 +29,10 @@ struct OpenedMessage {
 
 }  // namespace
 
-void Unmap::operator()(SharedPage* page) const {
-  ::munmap(page, sizeof(SharedPage));
-}
-
-MappedPage MapPage(const UniqueFd& memory) {
-  void* page = ::mmap(nullptr, sizeof(SharedPage), PROT_READ | PROT_WRITE, MAP_SHARED, memory.Get(), 0);
-  return MappedPage(page == MAP_FAILED ? nullptr : static_cast<SharedPage*>(page));
-}
-
-bool SendOpened(int control, const UniqueFd& data, const UniqueFd& memory) {
+bool SendOpened(int control, const UniqueFd& data, const UniqueFd& losses) {
   OpenedMessage opened;
   opened.descriptors[0] = data.Get();
-  opened.descriptors[1] = memory.Get();
+  opened.descriptors[1] = losses.Get();
   cmsghdr* header = CMSG_FIRSTHDR(&opened.message);
   header->cmsg_level = SOL_SOCKET;
   header->cmsg_type = SCM_RIGHTS;
@@ -51,7 +41,7 @@ bool SendOpened(int control, const UniqueFd& data, const UniqueFd& memory) {
   return ::sendmsg(control, &opened.message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
-bool ReceiveOpened(int control, UniqueFd& data, UniqueFd& memory) {
+bool ReceiveOpened(int control, UniqueFd& data, UniqueFd& losses) {
   OpenedMessage opened;
   ssize_t length = 0;
   do {
@@ -65,7 +55,7 @@ bool ReceiveOpened(int control, UniqueFd& data, UniqueFd& memory) {
   }
   std::memcpy(opened.descriptors, CMSG_DATA(header), sizeof(opened.descriptors));
   data.Reset(opened.descriptors[0]);
-  memory.Reset(opened.descriptors[1]);
+  losses.Reset(opened.descriptors[1]);
   return true;
 }
 

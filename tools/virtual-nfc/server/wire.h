@@ -5,19 +5,19 @@
 // with an OperationHeader, answered by one Reply; only Interrupt has no answer.
 //
 // The reply to Open carries two descriptors: the data socket, which becomes the program's netlink socket, and
-// a shared page for receive errors, which overtake the data. Each datagram on the data socket begins with a
-// DatagramHeader; an empty one only wakes the reader so that it looks at the page.
+// an event descriptor that counts losses, which overtake the data. Each datagram on the data socket begins
+// with a DatagramHeader; a shorter one only wakes the reader so that it looks for losses. The server closes
+// the netlink socket by closing its ends.
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
 #include "tools/virtual-nfc/server/uniquefd.h"
 
 namespace virtualnfc::wire {
 
 enum class Operation : std::uint32_t {
+  /// argument: the process id
   Open = 1,
   /// argument: the wanted port or 0
   Bind,
@@ -50,26 +50,10 @@ struct DatagramHeader {
   std::uint32_t groups;
 };
 
-struct SharedPage {
-  /// Counts losses. The next receive call reports a change once.
-  std::atomic<std::uint32_t> overruns;
-  /// Not 0: the socket is closed and every call on it fails.
-  std::atomic<std::uint32_t> closed;
-};
-static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
-
-struct Unmap {
-  void operator()(SharedPage* page) const;
-};
-using MappedPage = std::unique_ptr<SharedPage, Unmap>;
-
-/// The page in that memory; null with errno.
-MappedPage MapPage(const UniqueFd& memory);
-
 /// The reply to Open, sent by the server and received by the program.
 /// @returns false with errno
-bool SendOpened(int control, const UniqueFd& data, const UniqueFd& memory);
-bool ReceiveOpened(int control, UniqueFd& data, UniqueFd& memory);
+bool SendOpened(int control, const UniqueFd& data, const UniqueFd& losses);
+bool ReceiveOpened(int control, UniqueFd& data, UniqueFd& losses);
 
 /// The largest netlink message a program may send.
 inline constexpr std::size_t kMaxMessage = 65536;
