@@ -48,11 +48,6 @@ std::vector<std::string> Supervisor::Take() {
   return std::exchange(mNotified, {});
 }
 
-void Supervisor::Clear() {
-  const std::lock_guard lock(mMutex);
-  mNotified.clear();
-}
-
 bool Supervisor::WaitFor(const std::string& notification, size_t count, std::chrono::seconds limit) const {
   std::unique_lock lock(mMutex);
   return mArrived.wait_for(lock, limit, [&] {

@@ -32,7 +32,7 @@ class Supervisor {
   /// 14" and "tokens ended" at the end of the streams. Alive messages are left out by default.
   std::vector<std::string> Notified(bool withAlive = false) const;
   std::vector<std::string> Take();  ///< the same with alive messages, and clears
-  void Clear();
+  void Clear() { Take(); }
   bool WaitFor(const std::string& notification, size_t count = 1,
                std::chrono::seconds limit = kLongestWait) const;
 
