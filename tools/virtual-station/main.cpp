@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <functional>
-#include <map>
 
 #include "tools/common/channel.h"
 #include "tools/common/commandline.h"
