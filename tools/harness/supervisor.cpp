@@ -34,12 +34,10 @@ std::string Supervisor::Text(const Answer& answer) {
                                             answer.status.error_message());
 }
 
-std::vector<std::string> Supervisor::Notified(bool withAlive) const {
+std::vector<std::string> Supervisor::Notified() const {
   const std::lock_guard lock(mMutex);
   auto notified = mNotified;
-  if (!withAlive) {
-    std::erase(notified, "alive");
-  }
+  std::erase(notified, "alive");
   return notified;
 }
 
