@@ -89,11 +89,14 @@ TEST_F(NfcNetlink, ReadsEveryTechnology) {
 TEST_F(NfcNetlink, ReportsATagOfSeveralProtocolsAndOneOfNone) {
   mInCallback = [this] { mKernel->RemoveTags(); };
   Start();
-  EXPECT_EQ(
-      Tap(MakeRawTag(0x14, {{NFC_ATTR_PROTOCOLS, {0x14, 0, 0, 0}}, {NFC_ATTR_TARGET_NFCID1, {1, 2, 3, 4}}})),
-      "Unsupported protocol 01020304");
+  EXPECT_EQ(Tap(Tag{"raw",
+                    Radio::A,
+                    0x14,
+                    {{NFC_ATTR_PROTOCOLS, {0x14, 0, 0, 0}}, {NFC_ATTR_TARGET_NFCID1, {1, 2, 3, 4}}}}),
+            "Unsupported protocol 01020304");
   EXPECT_THAT(Lines(Level::Warning), ElementsAre(Says("Unsupported tag protocol: 20")));
-  EXPECT_EQ(Tap(MakeRawTag(0x04, {{NFC_ATTR_TARGET_NFCID1, {1, 2, 3, 4}}})), "Unsupported protocol ");
+  EXPECT_EQ(Tap(Tag{"raw", Radio::A, 0x04, {{NFC_ATTR_TARGET_NFCID1, {1, 2, 3, 4}}}}),
+            "Unsupported protocol ");
 }
 
 TEST_F(NfcNetlinkOnNci, TheLastOfSeveralTagsIsReported) {

@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <optional>
-#include <string>
 
 /// Exit statuses.
 constexpr int kFailureStatus = 1;

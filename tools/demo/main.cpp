@@ -67,7 +67,7 @@ Ctrl-C ends it all.)",
 /// Runs the station, with the bench as its peers, until a signal comes.
 void Stay(Station& station, Narrator& narrator, const StopSignals& signals) {
   const std::string page = station.StartBench();
-  PlayStart(station, narrator, signals);
+  Play(station, narrator, signals, true);
   PrintWhatToTry(narrator, station, page);
   while (!signals.HaveCome(std::chrono::seconds(1))) {
     station.Control().Clear();
@@ -90,7 +90,7 @@ int Run(bool stays) {
     if (stays) {
       Stay(station, narrator, signals);
     } else {
-      PlayDay(station, narrator, signals);
+      Play(station, narrator, signals, false);
       narrator.AllHeld();
     }
     narrator.Say("The daemon's log: " + station.Path("log"));

@@ -294,13 +294,12 @@ class Story {
 
 }  // namespace
 
-void PlayStart(Station& station, Narrator& narrator, const StopSignals& signals) {
-  Story(station, narrator, signals).Start();
-}
-
-void PlayDay(Station& station, Narrator& narrator, const StopSignals& signals) {
+void Play(Station& station, Narrator& narrator, const StopSignals& signals, bool onlyStart) {
   Story story(station, narrator, signals);
   story.Start();
+  if (onlyStart) {
+    return;
+  }
   story.Alive();
   story.Cards();
   story.InjectedCards();

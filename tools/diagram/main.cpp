@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "src/components/rfidhsm.h"
@@ -12,12 +13,10 @@
 namespace {
 
 using Definition = CHsmDefinition<CRfidHsm>;
-using Leaf = CHsmLeaf<CRfidHsm>;
 using Reaction = CHsmReaction<CRfidHsm>;
 using Actions = std::vector<CHsmAction<CRfidHsm>>;
 
 constexpr std::string_view kAnyState = "AnyState";
-constexpr std::string_view kAnyStateTitle = "any state, unless it reacts itself";
 
 std::string Names(const Actions& actions) {
   std::string names;
@@ -35,39 +34,11 @@ struct Box {
   std::vector<std::string> reactions;
 };
 
-Box BoxOf(const Leaf& leaf) {
-  Box box{leaf.name, leaf.name, {}, {}};
-  for (const auto& action : leaf.entry) {
-    box.entry.push_back(fmt::format("entry / {}", action.name));
-  }
-  for (const auto& action : leaf.exit) {
-    box.entry.push_back(fmt::format("exit / {}", action.name));
-  }
-  return box;
-}
-
-void AddInternal(Box& box, const std::vector<Reaction>& reactions) {
-  for (const auto& reaction : reactions) {
-    if (reaction.target == Reaction::kInternal) {
-      box.reactions.push_back(fmt::format("{} / {}", *reaction.eventName, Names(reaction.actions)));
-    }
-  }
-}
-
 struct Arrow {
   std::string_view from;
   std::string_view to;
   std::string_view event;
 };
-
-void AddArrows(std::vector<Arrow>& arrows, const Definition& machine, std::string_view from,
-               const std::vector<Reaction>& reactions) {
-  for (const auto& reaction : reactions) {
-    if (reaction.target != Reaction::kInternal) {
-      arrows.push_back({from, machine.Leaf(reaction.target).name, *reaction.eventName});
-    }
-  }
-}
 
 /// What every drawing shows.
 struct Drawing {
@@ -77,18 +48,35 @@ struct Drawing {
   std::string_view last;  ///< entering it stops the machine
 };
 
+/// Adds the reactions of the latest box.
+void AddReactions(Drawing& drawing, const Definition& machine, const std::vector<Reaction>& reactions) {
+  Box& box = drawing.boxes.back();
+  for (const auto& reaction : reactions) {
+    if (reaction.target == Reaction::kInternal) {
+      box.reactions.push_back(fmt::format("{} / {}", *reaction.eventName, Names(reaction.actions)));
+    } else {
+      drawing.arrows.push_back({box.id, machine.Leaf(reaction.target).name, *reaction.eventName});
+    }
+  }
+}
+
 Drawing Draw(const Definition& machine) {
   Drawing drawing;
   drawing.initial = machine.Leaf(machine.initial).name;
   drawing.last = machine.Leaf(RfidHsmState::FinalStatemachine).name;
   for (const auto& leaf : machine.leaves) {
-    drawing.boxes.push_back(BoxOf(leaf));
-    AddInternal(drawing.boxes.back(), leaf.reactions);
-    AddArrows(drawing.arrows, machine, leaf.name, leaf.reactions);
+    Box box{leaf.name, leaf.name, {}, {}};
+    for (const auto& action : leaf.entry) {
+      box.entry.push_back(fmt::format("entry / {}", action.name));
+    }
+    for (const auto& action : leaf.exit) {
+      box.entry.push_back(fmt::format("exit / {}", action.name));
+    }
+    drawing.boxes.push_back(std::move(box));
+    AddReactions(drawing, machine, leaf.reactions);
   }
-  drawing.boxes.push_back({kAnyState, kAnyStateTitle, {}, {}});
-  AddInternal(drawing.boxes.back(), machine.reactions);
-  AddArrows(drawing.arrows, machine, kAnyState, machine.reactions);
+  drawing.boxes.push_back({kAnyState, "any state, unless it reacts itself", {}, {}});
+  AddReactions(drawing, machine, machine.reactions);
   return drawing;
 }
 

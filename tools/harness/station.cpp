@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <map>
 #include <system_error>
 #include <utility>
 

@@ -34,23 +34,16 @@ std::string Supervisor::Text(const Answer& answer) {
                                             answer.status.error_message());
 }
 
-std::vector<std::string> Supervisor::Notified(bool withAlive) const {
+std::vector<std::string> Supervisor::Notified() const {
   const std::lock_guard lock(mMutex);
   auto notified = mNotified;
-  if (!withAlive) {
-    std::erase(notified, "alive");
-  }
+  std::erase(notified, "alive");
   return notified;
 }
 
 std::vector<std::string> Supervisor::Take() {
   const std::lock_guard lock(mMutex);
   return std::exchange(mNotified, {});
-}
-
-void Supervisor::Clear() {
-  const std::lock_guard lock(mMutex);
-  mNotified.clear();
 }
 
 bool Supervisor::WaitFor(const std::string& notification, size_t count, std::chrono::seconds limit) const {

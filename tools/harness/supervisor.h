@@ -29,10 +29,10 @@ class Supervisor {
 
   /// What was notified since the last Clear, as text: "Enabled", "alive", "token 04A1B2C3 ERfidUidNotInList",
   /// "learning 04A1B2C3", "listening" when the subscription to tokens is confirmed; "states ended with status
-  /// 14" and "tokens ended" at the end of the streams. Alive messages are left out by default.
-  std::vector<std::string> Notified(bool withAlive = false) const;
+  /// 14" and "tokens ended" at the end of the streams. Alive messages are left out.
+  std::vector<std::string> Notified() const;
   std::vector<std::string> Take();  ///< the same with alive messages, and clears
-  void Clear();
+  void Clear() { Take(); }
   bool WaitFor(const std::string& notification, size_t count = 1,
                std::chrono::seconds limit = kLongestWait) const;
 

@@ -60,7 +60,7 @@ class Soak : public StationDriver {
     ++mLedger["the daemon was started"];
     Require(mStation.StartDaemon(), "the daemon starts");
     Request(false);  // not Disable: a daemon that was killed has left the reader on
-    Enable();
+    Request(true);
   }
 
   /// Plays one random event. Leaves the daemon enabled.
@@ -291,7 +291,8 @@ class Soak : public StationDriver {
 
   /// Waits for an error and its end, and enables the daemon again.
   void Recover() {
-    Require(AwaitTold("Error"), "the supervisor is told when cards cannot be read any more");
+    Require(Await([this] { return Told("Error") > 0; }),
+            "the supervisor is told when cards cannot be read any more");
     Require(Await([this] { return Told("Disabled") + Told("FatalError") > 0; }),
             "an error ends in Disabled or FatalError");
     mKernel.ClearRules();
@@ -306,7 +307,7 @@ class Soak : public StationDriver {
 
   void Reenable() {
     mSeen.clear();
-    Enable();
+    Request(true);
     Require(Settle(), "the reader works when it was enabled again");
   }
 

@@ -35,7 +35,7 @@ class StationDriver {
 
   void StopDaemon(int signal) {
     mStation.Daemon().Signal(signal);
-    Require(AwaitTold("tokens ended"), "the daemon's end ends its notifications");
+    Require(Await([this] { return Told("tokens ended") > 0; }), "the daemon's end ends its notifications");
     const auto end = mStation.EndDaemon();
     Require(end == (signal == SIGINT ? "exit 0" : "signal 9"), "the daemon ended in order, not with " + end);
   }
@@ -53,16 +53,14 @@ class StationDriver {
   void PlugIn() {
     const auto hasReader = [this] {
       const auto devices = mKernel.GetStatus().devices;
-      if (std::any_of(devices.begin(), devices.end(), [](const auto& device) { return !device.removed; })) {
-        return true;
-      }
       // A reader that has gone keeps its number for some time.
-      return devices.empty() && mKernel.Plug() == 0;
+      return devices.empty() ? mKernel.Plug() == 0
+                             : std::any_of(devices.begin(), devices.end(),
+                                           [](const auto& device) { return !device.removed; });
     };
     Require(Eventually(hasReader, kPatience), "a reader can be plugged in");
   }
 
-  void Enable() { Request(true); }
   void Disable() {
     Request(false);
     const auto reader = mKernel.GetStatus().Device();
@@ -113,9 +111,6 @@ class StationDriver {
              what.starts_with("learning ");
     });
     return told == mTold.end() ? "" : *told;
-  }
-  bool AwaitTold(const std::string& what) {
-    return Await([&] { return Told(what) > 0; });
   }
   bool Await(const std::function<bool()>& condition) {
     const auto holds = [&] {

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>

@@ -56,7 +56,14 @@ Bench::Bench(BenchSettings settings)
     : mSettings(std::move(settings)),
       mConfiguration(mSettings.rpc.configuration),
       mDaemon(mSettings.rpc.listen),
-      mStation(mSettings.rpc.peers, [this](const VirtualStation::Call& call) { OnFeedbackOrSignal(call); }),
+      mStation(mSettings.rpc.peers,
+               [this](const VirtualStation::Call& call) {
+                 if (const auto* event = std::get_if<ipc::MFbEventType>(&call)) {
+                   mModel.OnFeedback(event->type());
+                 } else {
+                   mModel.OnSignal(std::get<ipc::MSignal>(call));
+                 }
+               }),
       mTokens(
           OpenChannel(mSettings.rpc.listen, kRfidService),
           [this](const auto& notification) { OnToken(notification); },
@@ -68,14 +75,6 @@ Bench::Bench(BenchSettings settings)
           [this](const auto& end) { mModel.OnStreamEnd(BenchModel::EStream::States, ReasonOf(end)); },
           [this] { mModel.OnStreamOpen(BenchModel::EStream::States); }),
       mWatcher([this](const std::stop_token& stop) { Watch(stop); }) {}
-
-void Bench::OnFeedbackOrSignal(const VirtualStation::Call& call) {
-  if (const auto* event = std::get_if<ipc::MFbEventType>(&call)) {
-    mModel.OnFeedback(event->type());
-  } else {
-    mModel.OnSignal(std::get<ipc::MSignal>(call));
-  }
-}
 
 void Bench::OnToken(const ipc::MRfidNotification& notification) {
   if (notification.has_token()) {
@@ -132,15 +131,7 @@ Json::Value Bench::Settings() const {
   return settings;
 }
 
-BenchAnswer Bench::Do(const Json::Value& request) {
-  try {
-    return Carry(request);
-  } catch (const std::exception& e) {
-    return {false, e.what()};
-  }
-}
-
-BenchAnswer Bench::Carry(const Json::Value& request) {
+BenchAnswer Bench::Do(const Json::Value& request) try {
   const std::string what = TextOf(request, "do");
   const std::string uid = TextOf(request, "uid");
   if (what == "enable") {
@@ -168,6 +159,8 @@ BenchAnswer Bench::Carry(const Json::Value& request) {
     return {true, uid + (on ? " is in the local list." : " is no longer in the local list.")};
   }
   return SetMode(what, on);
+} catch (const std::exception& e) {
+  return {false, e.what()};
 }
 
 BenchAnswer Bench::SetMode(const std::string& mode, bool on) {
@@ -192,9 +185,9 @@ BenchAnswer Bench::SetMode(const std::string& mode, bool on) {
 /// Taps the card, or injects one without a kind.
 BenchAnswer Bench::Present(const std::string& uid, const std::string& kind) {
   const auto card = mModel.OnCardPresented(uid, kind, std::chrono::steady_clock::now());
-  auto answer =
-      kind.empty() ? ToBenchAnswer(mDaemon.Inject(uid), uid + " was injected.")
-                   : AskReader("tap " + uid + " --tech " + kind + " --hold 0.7", uid + " is at the reader.");
+  auto answer = kind.empty()
+                    ? ToBenchAnswer(mDaemon.Inject(uid), uid + " was injected.")
+                    : AskReader("tap " + uid + " --tech " + kind + " --hold 0.7", uid + " is at the reader.");
   if (!answer.done) {
     mModel.Withdraw(card);
   }

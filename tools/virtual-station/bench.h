@@ -45,11 +45,9 @@ class Bench {
   void Stop() { mDaemon.Cancel(); }
 
  private:
-  BenchAnswer Carry(const Json::Value& request);
   BenchAnswer SetMode(const std::string& mode, bool on);
   BenchAnswer Present(const std::string& uid, const std::string& kind);
   BenchAnswer AskReader(const std::string& line, const std::string& done) const;
-  void OnFeedbackOrSignal(const VirtualStation::Call& call);
   void OnToken(const ipc::MRfidNotification& notification);
   void OnState(const ipc::MGenericControlNotification& notification);
   void Watch(const std::stop_token& stop);

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <functional>
-#include <map>
 
 #include "tools/common/channel.h"
 #include "tools/common/commandline.h"
@@ -21,7 +20,6 @@ constexpr const char* kTool = "virtual-station";
 
 struct Options {
   std::string root = "/";
-  bool json = false;
   std::string feedbackAnswer = "ok";
   std::string uid;
   bool on = false;
@@ -39,18 +37,6 @@ std::string TextOf(const VirtualStation::Call& call) {
   return "signal " + Printable(SignalText(std::get<ipc::MSignal>(call)));
 }
 
-std::string JsonOf(const VirtualStation::Call& call) {
-  const auto* signal = std::get_if<ipc::MSignal>(&call);
-  Json::Value line = signal != nullptr ? SignalJson(*signal) : Json::Value();
-  line["time"] = TimeForPrograms();
-  line["kind"] = signal != nullptr ? "signal" : "feedback";
-  if (const auto* event = std::get_if<ipc::MFbEventType>(&call)) {
-    line["event"] = ipc::EFbEventType_Name(event->type());
-    line["value"] = static_cast<int>(event->type());
-  }
-  return ToJsonLine(line);
-}
-
 int Serve(const Options& options) {
   const StopSignals signals;
   const RpcConfig config = LoadRpcConfig(options.root);
@@ -60,7 +46,7 @@ int Serve(const Options& options) {
                                                             : VirtualStation::EAnswer::Hang;
   const auto print = [&](const VirtualStation::Call& call) {
     try {
-      output.Write(options.json ? JsonOf(call) : TextOf(call));
+      output.Write(TextOf(call));
     } catch (const std::exception& e) {
       PrintError(kTool, e.what());
     }
@@ -91,17 +77,12 @@ int ServeBench(const Options& options) {
   return 0;
 }
 
-int ListCards(const Configuration& configuration, bool json) {
+int ListCards(const Configuration& configuration) {
   LineOutput output;
-  Json::Value list(Json::arrayValue);
   for (const std::string& uid : configuration.PermittedUids()) {
-    list.append(uid);
-    if (!json && !output.Write(Printable(uid))) {
-      return 0;
+    if (!output.Write(Printable(uid))) {
+      break;
     }
-  }
-  if (json) {
-    output.Write(ToJsonLine(list));
   }
   return 0;
 }
@@ -161,7 +142,7 @@ void AddConfiguration(CLI::App& app, Options& options) {
   addPermit("add", "Permit a card", true);
   addPermit("remove", "Remove a card from the local list", false);
   Add(card, options, "list", "Print the UIDs, one a line",
-      [&options, configuration] { return ListCards(configuration(), options.json); });
+      [configuration] { return ListCards(configuration()); });
   const auto addSwitch = [&](const char* name, const char* description, const char* key) {
     AddSwitch(Add(app, options, name, description,
                   [&options, configuration, key] {
@@ -185,7 +166,6 @@ int RunCommandLine(int argc, char** argv) {
                  "Root folder of the station; etc/plex.json below it names the addresses")
       ->type_name("FOLDER")
       ->capture_default_str();
-  app.add_flag("--json", options.json, "Output for programs: one JSON document a line");
   app.footer("Exit status: 0 done, 1 failed, 2 the command line cannot be understood.");
   AddServices(app, options);
   AddConfiguration(app, options);

@@ -1,7 +1,9 @@
-#include "tools/virtual-nfc/kernel/changes.h"
+// What a rule does to the messages of an answer or event.
 
 #include <algorithm>
 #include <cstring>
+
+#include "tools/virtual-nfc/kernel/rules.h"
 
 namespace virtualnfc {
 

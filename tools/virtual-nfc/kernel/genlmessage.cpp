@@ -1,7 +1,6 @@
 #include "tools/virtual-nfc/kernel/genlmessage.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 namespace virtualnfc {

@@ -6,16 +6,12 @@
 
 namespace virtualnfc {
 
-namespace {
-
 /// Maximum number of targets that the kernel keeps from one find.
 constexpr std::size_t kMaxTargets = 10;
 
 /// Digital readers do not support Jewel, Nci readers do not support NFC-DEP.
 constexpr std::uint32_t kDigitalProtocols = 0xfc;
 constexpr std::uint32_t kNciProtocols = 0xde;
-
-}  // namespace
 
 const std::vector<std::string>& FaultNames() {
   static const std::vector<std::string> kNames{"poll-dead", "deaf", "out-of-step", "chip-polls"};

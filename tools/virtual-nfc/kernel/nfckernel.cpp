@@ -1,7 +1,5 @@
 #include "tools/virtual-nfc/kernel/nfckernel.h"
 
-#include <linux/nfc.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -78,9 +76,9 @@ NfcKernel::Result NfcKernel::HandleController(const Request& request, std::uint3
   }
   Result result;
   if (request.IsDump()) {
-    result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, GENL_ID_CTRL));
-    result.answer.messages.push_back(FamilyMessage(request, NLM_F_MULTI, port, mSettings.familyId));
-    result.answer.messages.push_back(MakeDoneMessage(request, port, 0));
+    result.answer.messages = {FamilyMessage(request, NLM_F_MULTI, port, GENL_ID_CTRL),
+                              FamilyMessage(request, NLM_F_MULTI, port, mSettings.familyId),
+                              MakeDoneMessage(request, port, 0)};
     return result;
   }
   const auto name = request.attributes.find(CTRL_ATTR_FAMILY_NAME);
@@ -267,15 +265,6 @@ Bytes NfcKernel::PutDevice(MessageBuilder message, const NfcDevice& device) {
       .U8(NFC_ATTR_DEVICE_POWERED, device.Status().powered ? 1 : 0)
       .U8(NFC_ATTR_RF_MODE, NFC_RF_NONE)
       .Finish();
-}
-
-NfcDevice& NfcKernel::AddDevice(std::uint32_t index) {
-  mDevices.push_back(std::make_unique<NfcDevice>(index, mSettings.stack, mSettings.assumeAlready));
-  return *mDevices.back();
-}
-
-void NfcKernel::EraseDevice(std::uint32_t index) {
-  std::erase_if(mDevices, [index](const auto& device) { return device->Index() == index; });
 }
 
 NfcDevice* NfcKernel::FindDevice(std::uint32_t index) {

@@ -3,8 +3,6 @@
 // The generic-netlink side of a kernel with NFC: the controller family and the family "nfc" with its devices.
 // Request in, answer out. No clock, no threads, no sockets.
 
-#include <linux/nfc.h>
-
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
@@ -84,8 +82,12 @@ class NfcKernel {
   /// Nci.
   bool CanCross(const Request& request, std::uint32_t port);
 
-  NfcDevice& AddDevice(std::uint32_t index);
-  void EraseDevice(std::uint32_t index);
+  void AddDevice(std::uint32_t index) {
+    mDevices.push_back(std::make_unique<NfcDevice>(index, mSettings.stack, mSettings.assumeAlready));
+  }
+  void EraseDevice(std::uint32_t index) {
+    std::erase_if(mDevices, [index](const auto& device) { return device->Index() == index; });
+  }
   /// Null when no such device is listed.
   NfcDevice* FindDevice(std::uint32_t index);
   /// In the order in which they were plugged in.

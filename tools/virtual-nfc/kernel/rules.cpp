@@ -1,7 +1,6 @@
 #include "tools/virtual-nfc/kernel/rules.h"
 
 #include <fmt/format.h>
-#include <linux/nfc.h>
 
 #include <algorithm>
 #include <cctype>

@@ -121,11 +121,6 @@ Tag MakeTag(TagKind kind, std::string_view uid, Stack stack) {
   return tag;
 }
 
-Tag MakeRawTag(std::uint32_t protocols, std::vector<std::pair<std::uint16_t, Bytes>> attributes,
-               Radio radio) {
-  return Tag{"raw", radio, protocols, std::move(attributes)};
-}
-
 const std::vector<std::string>& TagKindNames() {
   static const std::vector<std::string> kNames = [] {
     std::vector<std::string> all;

@@ -42,10 +42,6 @@ struct Tag {
 /// @throws std::invalid_argument saying what is wrong with the UID
 Tag MakeTag(TagKind kind, std::string_view uid, Stack stack = Stack::Digital);
 
-/// A tag with any attributes, in any order, also ones that no reader should report.
-Tag MakeRawTag(std::uint32_t protocols, std::vector<std::pair<std::uint16_t, Bytes>> attributes,
-               Radio radio = Radio::A);
-
 /// @throws std::invalid_argument naming the known kinds
 TagKind ParseTagKind(std::string_view name);
 

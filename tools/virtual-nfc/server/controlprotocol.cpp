@@ -49,19 +49,13 @@ void RequireDevice(bool isThere, std::uint32_t index) {
 
 }  // namespace
 
-ControlCommands::ControlCommands(CLI::App& app) {
-  AddTagCommands(app);
-  AddReaderCommands(app);
-  AddRuleCommands(app);
-}
-
 CLI::App& ControlCommands::Add(CLI::App& parent, const char* name, const char* help, Command command) {
   return *parent.add_subcommand(name, help)->callback([this, command = std::move(command)] {
     mCommand = command;
   });
 }
 
-void ControlCommands::AddTagCommands(CLI::App& app) {
+ControlCommands::ControlCommands(CLI::App& app) {
   auto& tap =
       Add(app, "tap", "put a tag in front of the reader, in place of any other", [this](auto& server) {
         Tag tag = MakeTag(ParseTagKind(mKind), mUid, server.Settings().kernel.stack);
@@ -78,9 +72,6 @@ void ControlCommands::AddTagCommands(CLI::App& app) {
     server.RemoveTags();
     return "";
   });
-}
-
-void ControlCommands::AddReaderCommands(CLI::App& app) {
   Add(app, "plug", "plug in a reader and print its number",
       [](auto& server) { return fmt::format("device {}\n", server.Plug()); });
   Add(app, "unplug", "unplug the reader", [this](auto& server) {
@@ -97,6 +88,7 @@ void ControlCommands::AddReaderCommands(CLI::App& app) {
   fault.add_flag("--off", mIsOff, "end the fault");
   Add(app, "status", "show the reader, the tags and who is connected, as JSON",
       [](auto& server) { return StatusAsJson(server.GetStatus()); });
+  AddRuleCommands(app);
 }
 
 void ControlCommands::AddRuleCommands(CLI::App& app) {

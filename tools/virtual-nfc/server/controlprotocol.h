@@ -32,8 +32,6 @@ class ControlCommands {
  private:
   using Command = std::function<std::string(VirtualNfc& server)>;
 
-  void AddTagCommands(CLI::App& app);
-  void AddReaderCommands(CLI::App& app);
   void AddRuleCommands(CLI::App& app);
   CLI::App& Add(CLI::App& parent, const char* name, const char* help, Command command);
 

@@ -10,11 +10,7 @@
 
 namespace virtualnfc {
 
-namespace {
-
 constexpr int kSendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
-
-}  // namespace
 
 int NetlinkPort::Open(std::uint32_t processId) {
   mProcessId = processId;

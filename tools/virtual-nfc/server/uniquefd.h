@@ -13,9 +13,7 @@ class UniqueFd {
   explicit UniqueFd(int fd) : mFd(fd) {}
   UniqueFd(UniqueFd&& other) noexcept : mFd(other.Release()) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-      Reset(other.Release());
-    }
+    Reset(other.Release());
     return *this;
   }
   UniqueFd(const UniqueFd&) = delete;

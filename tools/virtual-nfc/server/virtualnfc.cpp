@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <stdexcept>
-#include <utility>
 
 namespace virtualnfc {
 
@@ -250,13 +249,7 @@ void VirtualNfc::Multicast(std::uint32_t sender, const Bytes& message) {
   const std::uint32_t mask = group >= 1 && group <= 32 ? std::uint32_t{1} << (group - 1) : 0;
   for (const std::uint64_t id : Listeners()) {
     mConnections.at(id)->Deliver(sender, mask, message);
-    Watch(Traffic::Event, message);
-  }
-}
-
-void VirtualNfc::Watch(Traffic traffic, ByteView datagram) const {
-  if (mSettings.watch) {
-    mSettings.watch(traffic, datagram);
+    mSettings.watch(Traffic::Event, message);
   }
 }
 
@@ -281,7 +274,9 @@ void VirtualNfc::Run() {
     for (const auto now = Clock::now(); !mTimers.empty() && mTimers.begin()->first <= now;) {
       mTimers.extract(mTimers.begin()).mapped()();
     }
-    AcceptConnections();
+    while (UniqueFd control = mListener.Accept()) {
+      mConnections.emplace(mNextConnection++, std::make_unique<NetlinkPort>(std::move(control)));
+    }
     ReadConnections();
     WorkOff();
     ServeControl(lock);

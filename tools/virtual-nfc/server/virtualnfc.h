@@ -16,7 +16,6 @@
 #include <numeric>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -46,7 +45,7 @@ struct VirtualNfcSettings {
   std::chrono::milliseconds crossingPause{250};
   /// Sees each datagram, on any thread, with the server's lock held: it must return at once and must not call
   /// the server.
-  std::function<void(Traffic, ByteView)> watch = {};
+  std::function<void(Traffic, ByteView)> watch = [](Traffic, ByteView) {};
 };
 
 struct Status {
@@ -147,7 +146,6 @@ class VirtualNfc {
   };
 
   void Run();
-  void AcceptConnections();
   void ReadConnections();
   void CloseConnection(std::uint64_t id);
   std::vector<std::uint64_t> Listeners() const;
@@ -175,7 +173,6 @@ class VirtualNfc {
   std::optional<std::uint32_t> DeviceOf(const Occurrence& occurrence);
   Status MakeStatus() const;
   void ReleasePoll(std::uint32_t port);
-  void Watch(Traffic traffic, ByteView datagram) const;
   /// After a change by a caller's thread: wakes the server and the callers of WaitFor.
   void Changed();
 

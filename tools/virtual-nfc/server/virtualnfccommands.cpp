@@ -107,7 +107,7 @@ void VirtualNfc::FinishWaiting(bool interrupted) {
   }
   for (const Bytes& datagram : PackDatagrams(result.answer.messages)) {
     connection->second->Deliver(result.answer.sender, 0, datagram);
-    Watch(Traffic::Answer, datagram);
+    mSettings.watch(Traffic::Answer, datagram);
   }
   if (waiting.work.isLast) {
     connection->second->Reply(0);

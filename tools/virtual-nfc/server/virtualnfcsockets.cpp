@@ -90,7 +90,7 @@ void VirtualNfc::Enqueue(std::uint64_t id, ByteView datagram) {
     socket.Reply(error);
     return;
   }
-  Watch(Traffic::Request, datagram);
+  mSettings.watch(Traffic::Request, datagram);
   std::vector<Bytes> messages = SplitMessages(datagram);
   for (std::size_t i = 0; i < messages.size(); ++i) {
     mWork.push_back({id, std::move(messages[i]), i + 1 == messages.size()});
@@ -112,18 +112,14 @@ void VirtualNfc::ServeControl(std::unique_lock<std::mutex>& lock) {
 }
 
 void VirtualNfc::CloseConnection(std::uint64_t id) {
-  if (!mConnections.contains(id)) {
-    // A rule has closed it while another connection was closed.
-    return;
-  }
-  const std::uint32_t port = mConnections.at(id)->port;
   // A process that is killed while its command waits has got a signal.
   Interrupt(id);
   const auto connection = mConnections.find(id);
   if (connection == mConnections.end()) {
-    // A rule for that command has closed the connection.
+    // A rule has closed it, for that command or while another connection was closed.
     return;
   }
+  const std::uint32_t port = connection->second->port;
   mConnections.erase(connection);
   if (port != 0 && mSettings.ownerReleaseDelay.count() == 0) {
     ReleasePoll(port);
@@ -145,12 +141,6 @@ void VirtualNfc::EndPollsOfClosedSockets() {
     ReleasePoll(port);
   }
   Changed();
-}
-
-void VirtualNfc::AcceptConnections() {
-  while (UniqueFd control = mListener.Accept()) {
-    mConnections.emplace(mNextConnection++, std::make_unique<NetlinkPort>(std::move(control)));
-  }
 }
 
 void VirtualNfc::ReadConnections() {
