@@ -4,7 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// realcalls.h looks for these names first.
+// tools/virtual-nfc/preload/realcalls.h looks for these names first.
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
