@@ -34,7 +34,7 @@ BenchAnswer ToBenchAnswer(const Answer& answer, const std::string& done) {
 Json::Value LastLines(const std::string& path) {
   constexpr std::streamoff kMost = 32L * 1024;
   Json::Value lines(Json::arrayValue);
-  if (!std::filesystem::is_regular_file(path)) {
+  if (std::error_code error; !std::filesystem::is_regular_file(path, error)) {
     return lines;
   }
   std::ifstream file(path, std::ios::binary | std::ios::ate);
