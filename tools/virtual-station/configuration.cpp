@@ -132,7 +132,7 @@ bool Configuration::Permit(const std::string& uid, bool on) const {
         std::any_of(tokens.begin(), tokens.end(), [&](const auto& token) { return UidOf(token) == wanted; });
     Json::Value kept(Json::arrayValue);
     for (const Json::Value& token : tokens) {
-      if (ToUpper(UidOf(token)) != wanted) {  // an entry written by hand in lower case goes as well
+      if (on || ToUpper(UidOf(token)) != wanted) {  // an entry written by hand in lower case goes as well
         kept.append(token);
       }
     }
