@@ -219,6 +219,7 @@ TEST_F(VirtualNfcWaiting, EndsWithASignal) {
   mKernel.AddRule("DEV_UP delay=60000 times=1");
   BeginWait(NFC_CMD_DEV_UP);
   EXPECT_EQ(EndWait(), kRestartSys);
+  EXPECT_EQ(mKernel.GetStatus().interrupted, 1);
   ASSERT_TRUE(mWaiter.Poll());
   mKernel.AddRule("STOP_POLL delay=60000 times=1");
   BeginWait(NFC_CMD_STOP_POLL);

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -25,6 +26,9 @@ size_t CountEntries(const std::string& folder) {
 Process::Process(const std::vector<std::string>& command,
                  const std::map<std::string, std::string>& environment, const std::string& outputFile,
                  const std::string& errorFile) {
+  if (access(command.front().c_str(), X_OK) != 0) {
+    throw std::system_error(errno, std::generic_category(), command.front());
+  }
   std::vector<std::string> words{"/usr/bin/env"};  // becomes the command, which keeps the process id
   for (const auto& [name, value] : environment) {
     words.push_back(fmt::format("{}={}", name, value));
