@@ -18,11 +18,6 @@ add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 # Debian's compiler does this by default, but not when it links a sanitizer.
 add_link_options(-Wl,--as-needed)
 
-# The loader's list of 2,400 addresses takes 1 KB instead of 58. Debian's linkers for ARM cannot do this yet.
-if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
-  add_link_options(-Wl,-z,pack-relative-relocs)
-endif()
-
 if(RFID_SANITIZE)
   add_compile_options(-fsanitize=${RFID_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${RFID_SANITIZE})
