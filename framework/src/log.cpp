@@ -47,9 +47,9 @@ void Send(spdlog::logger& logger, const LogLine& line) {
   logger.log(line.time, spdlog::source_loc{}, static_cast<spdlog::level::level_enum>(line.level), line.text);
 }
 
-CLogWriter::Write ToSystemLog(const std::string& name) {
+CLogWriter::Write ToSystemLog(std::string name) {
   // With LOG_PID, the C library would ask the kernel for the number at each line.
-  const auto ident = fmt::format("{}[{}]", name, getpid());
+  const auto ident = std::move(name) + fmt::format("[{}]", getpid());
   auto sink = std::make_shared<spdlog::sinks::syslog_sink_mt>(ident, 0, LOG_DAEMON, false);
   return [logger = Register("syslog", std::move(sink))](const LogLine& line) {
     Send(*logger, line);
@@ -66,7 +66,7 @@ CLogWriter::Write ToConsole() {
 }
 
 struct Logs {
-  explicit Logs(const std::string& name) : system("log-system", ToSystemLog(name), kGather) {}
+  explicit Logs(std::string name) : system("log-system", ToSystemLog(std::move(name)), kGather) {}
 
   bool FlushConsole(std::chrono::steady_clock::time_point deadline) const {
     CLogWriter* const writer = console;
@@ -108,12 +108,12 @@ void AppendStatement(fmt::memory_buffer& line, fmt::string_view format, fmt::for
 
 }  // namespace
 
-void Log::Init(const std::string& name, ELogLevel level) {
+void Log::Init(std::string name, ELogLevel level) {
   mLevel = level;
   if (gLogs.load(std::memory_order_acquire) != nullptr) {
     return;
   }
-  auto* const logs = new Logs(name);
+  auto* const logs = new Logs(std::move(name));
   gLogs.store(logs, std::memory_order_release);
   std::atexit([] {
     gEnding = true;

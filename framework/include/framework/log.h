@@ -33,7 +33,7 @@ class Log {
   /// the system log. Before Init nothing is written. The loggers are registered with spdlog as "syslog" and
   /// "console", so that a sink can be added before the first statement. Throws std::system_error when the
   /// system log's thread cannot be started.
-  static void Init(const std::string& name, ELogLevel level);
+  static void Init(std::string name, ELogLevel level);
 
   /// Waits until all earlier lines are in both logs. Returns false when that takes longer than `limit`.
   static bool Flush(std::chrono::milliseconds limit);
