@@ -32,7 +32,7 @@ BenchAnswer ToBenchAnswer(const Answer& answer, const std::string& done) {
 
 /// The last lines of a log file, without control characters.
 Json::Value LastLines(const std::string& path) {
-  constexpr std::streamoff kMost = 32L * 1024;
+  constexpr std::streamoff kMost = 128L * 1024;  // a dozen cards at trace
   Json::Value lines(Json::arrayValue);
   if (std::error_code error; !std::filesystem::is_regular_file(path, error)) {
     return lines;
